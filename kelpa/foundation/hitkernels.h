@@ -1,0 +1,83 @@
+#pragma once
+// Internal: the hit tests, written once for the public functions and for both trees' leaves.
+
+#include "kelpa/foundation/iray.h"
+
+#include <cmath>
+
+namespace Kelpa {
+
+inline float dot(Vector const& a, Vector const& b) {
+    return (a.x * b.x + a.y * b.y) + a.z * b.z;
+}
+
+/// The ray's origin in the precision of particle arithmetic.
+inline Vector singleOrigin(IRay const& ray) {
+    return {static_cast<float>(ray.origin[0]), static_cast<float>(ray.origin[1]),
+            static_cast<float>(ray.origin[2])};
+}
+
+inline Vector fromTo(Vector const& from, Vector const& to) {
+    return {to.x - from.x, to.y - from.y, to.z - from.z};
+}
+
+/// `intersectSphere`, inline.
+///
+/// The centre is reduced to the closest approach first and the discriminant taken there, not as
+/// b * b - a * c at the origin: far from small spheres that difference would cancel (E. Haines, J.
+/// Guenther, T. Akenine-Moeller, "Precision Improvements for Ray/Sphere Intersection", Ray Tracing
+/// Gems, 2019, ch. 7).
+inline int hitSphere(Vector const& center, float radius, IRay& ray, bool sameSphere) {
+    Vector const toCenter = fromTo(singleOrigin(ray), center);
+    float const b = dot(toCenter, ray.dir);
+    // Not `b < 0`: a NaN must miss, too.
+    if (sameSphere && !(b >= 0.0F))
+        return 0;
+
+    float const a = dot(ray.dir, ray.dir);
+    float const tClosest = b / a;
+    Vector const offset = {ray.dir.x * tClosest - toCenter.x, ray.dir.y * tClosest - toCenter.y,
+                           ray.dir.z * tClosest - toCenter.z};
+    float const h = dot(offset, offset) - radius * radius;
+    if (h > 0.0F)
+        return 0;
+
+    // A NaN that came this far fails every comparison below, and so misses.
+    float const halfChord = std::sqrt(-h / a);
+    double const entry = static_cast<double>(tClosest - halfChord);
+    double const exit = static_cast<double>(tClosest + halfChord);
+    if (!sameSphere) {
+        if (entry >= ray.tMax)
+            return 0;
+        if (entry >= ray.tMin) {
+            ray.tMax = entry;
+            return 1;
+        }
+    }
+    if (!(ray.tMin < exit && exit < ray.tMax))
+        return 0;
+    ray.tMax = exit;
+    return 1;
+}
+
+/// `intersectPoint`, inline.
+inline int hitPoint(Vector const& center, float radius, IRay& ray) {
+    Vector const toCenter = fromTo(singleOrigin(ray), center);
+    float const t = dot(toCenter, ray.dir) / dot(ray.dir, ray.dir);
+    double const closest = static_cast<double>(t);
+    if (!(ray.tMin < closest && closest < ray.tMax))
+        return 0;
+
+    // The foot of the perpendicular is found in double precision: near a distant origin its single
+    // coordinates would be coarser than the radius.
+    Vector const foot = {static_cast<float>(ray.origin[0] + static_cast<double>(ray.dir.x * t)),
+                         static_cast<float>(ray.origin[1] + static_cast<double>(ray.dir.y * t)),
+                         static_cast<float>(ray.origin[2] + static_cast<double>(ray.dir.z * t))};
+    Vector const offset = fromTo(center, foot);
+    if (!(radius * radius >= dot(offset, offset)))
+        return 0;
+    ray.tMax = closest;
+    return 1;
+}
+
+} // namespace Kelpa

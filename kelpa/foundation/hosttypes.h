@@ -1,0 +1,129 @@
+#pragma once
+
+#include "kelpa/foundation/vector.h"
+
+#include <cstdint>
+
+namespace Kelpa {
+
+class GenericPrimitive;
+class ThreadProcedure;
+
+/// The geometry of a ray: the points `origin` + t * `dir`.
+///
+/// `dir` need not be normalised: every ray parameter t is in units of its length.
+struct TraceRay {
+    double origin[3];
+    Vector dir;
+};
+
+/// The ray that a raycaster carries from primitive to primitive, with the closest hit so far.
+///
+/// A primitive that is alone in its tree searches [`intervalMin`, `intervalMax`]; one that shares
+/// its tree with others searches [`clipMin`, min(`clipMax`, `hitT`)].
+struct RSRay : TraceRay {
+    double intervalMin;
+    double intervalMax;
+    float time; ///< moving particles only: in the unit of the snapshots' `sampleTime`
+    double clipMin;
+    double clipMax;
+    double hitT; ///< parameter of the closest hit so far
+    GenericPrimitive* hitPrimitive;
+    Vector hitNormal;           ///< not normalised
+    std::int32_t hitLocalIndex; ///< index of the hit particle in its particle system
+    std::int64_t hitIndex;      ///< reported index of the hit particle
+    /// Reported index of the particle on which the ray starts (low 32 bits): such a sphere is hit
+    /// only where the ray leaves it, such a point not at all. A value that no particle reports,
+    /// such as `baseIndex` - 1 for a primitive that is alone in its tree, skips nothing. In a tree
+    /// that several primitives share, whose records carry the offset -1, particle i is compared as
+    /// i - 1: there -1 means particle 0 of every system.
+    std::int64_t skipIndex;
+};
+
+/// What the bunch forms of the surface queries are given; the particle primitives read none of it.
+struct RayBunchParams {};
+
+/// Up to 64 rays, one per lane.
+struct RayBunchExtParams {
+    double originX[64];
+    double originY[64];
+    double originZ[64];
+    float dirX[64];
+    float dirY[64];
+    float dirZ[64];
+    float time[64];             ///< moving particles only
+    std::int64_t skipIndex[64]; ///< as `RSRay::skipIndex`
+};
+
+/// The closest hits of a bunch, one per lane; each member as its namesake in `RSRay`.
+struct PrimitiveIntersections {
+    unsigned char hit[64]; ///< 1: the last hit was on a sphere, 2: on a point
+    double hitT[64];
+    GenericPrimitive* hitPrimitive[64];
+    std::int64_t hitIndex[64];
+    float hitNormalX[64];
+    float hitNormalY[64];
+    float hitNormalZ[64];
+    std::int32_t hitLocalIndex[64];
+};
+
+/// The hits that a host carries through all primitives that it asks about one bunch.
+struct RayBunchCommonResult : PrimitiveIntersections {
+    bool noHits; ///< cleared by every call that hits at least one ray
+};
+
+/// One snapshot of one particle system. The arrays belong to the host, which keeps them alive and
+/// unchanged for as long as a tree built from them is built or asked.
+struct ParticleData {
+    double sampleTime; ///< when the snapshot was taken; used in single precision
+    /// 0: solid spheres. 1: points, hit where a ray passes closest to the centre, if that is within
+    /// the radius. Anything else: never hit.
+    std::int32_t particleType;
+    Vector const* positions; ///< `numParticles` centres
+    std::int32_t numParticles;
+    float const* radii; ///< `numRadii` radii; particles without a radius are left out
+    std::int32_t numRadii;
+    Vector const* colors; ///< used only when there are as many as particles
+    std::int32_t numColors;
+};
+
+/// The host's worker threads.
+///
+/// Never destroyed through this interface.
+class ThreadManager {
+  public:
+    /// Has `procedure->proc(parameter)` called once on some thread and returns without waiting.
+    ///
+    /// Must accept calls from its own workers. It may run the job at once on the calling thread,
+    /// keep it waiting for a free worker, or refuse it by throwing: then the job never runs there,
+    /// and the build does that work on the thread that asked.
+    /// After `proc` returns the manager must not touch `procedure` again: its owner may be gone.
+    virtual void runThread(ThreadProcedure* procedure, void* parameter) = 0;
+
+  protected:
+    ~ThreadManager() = default;
+};
+
+/// Where a build reports to and asks whether to go on.
+///
+/// Never destroyed through this interface.
+class ProgressCallback {
+  public:
+    /// Non-zero asks the build to stop early; the tree is then valid, but partial.
+    ///
+    /// Called from worker threads too, several at once, and once per record of every node: answer
+    /// from an atomic, without a lock.
+    virtual std::int32_t getAbort() = 0;
+
+    /// Takes a message, formatted as `printf` does; called only on the thread that builds.
+    ///
+    /// `kind` is 0. `level` is 30000 for progress lines, which end in a newline, and 20000 for
+    /// statistics lines, of which only the first does.
+    virtual void info(int kind, int level, char const* format, ...)
+        __attribute__((format(printf, 4, 5))) = 0;
+
+  protected:
+    ~ProgressCallback() = default;
+};
+
+} // namespace Kelpa

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <pthread.h>
+
+// Clang's thread-safety analysis reads these; every other compiler sees nothing.
+#if defined(__clang__)
+#define KELPA_THREAD_ANNOTATION(attribute) __attribute__((attribute))
+#else
+#define KELPA_THREAD_ANNOTATION(attribute)
+#endif
+
+namespace Kelpa {
+
+/// A recursive lock: the thread that owns it may enter again, and each `enter` needs its `leave`.
+///
+/// Must not be destroyed while any thread is inside or waits for it. Use `LockScope` to take it.
+class KELPA_THREAD_ANNOTATION(capability("mutex")) FastCriticalSection {
+  public:
+    FastCriticalSection() {
+        pthread_mutexattr_init(&attr);
+        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutex_init(&mutex, &attr);
+    }
+    FastCriticalSection(FastCriticalSection const&) = delete;
+    FastCriticalSection& operator=(FastCriticalSection const&) = delete;
+    ~FastCriticalSection() {
+        pthread_mutex_destroy(&mutex);
+        pthread_mutexattr_destroy(&attr);
+    }
+
+    void enter() KELPA_THREAD_ANNOTATION(acquire_capability()) { pthread_mutex_lock(&mutex); }
+    void leave() KELPA_THREAD_ANNOTATION(release_capability()) { pthread_mutex_unlock(&mutex); }
+
+    pthread_mutex_t mutex;
+    pthread_mutexattr_t attr; ///< what `mutex` was made with
+};
+
+/// Holds a lock from here to the end of the scope, exceptions included.
+class KELPA_THREAD_ANNOTATION(scoped_lockable) LockScope {
+  public:
+    explicit LockScope(FastCriticalSection& section)
+        KELPA_THREAD_ANNOTATION(acquire_capability(section))
+        : lock(section) {
+        lock.enter();
+    }
+    LockScope(LockScope const&) = delete;
+    LockScope& operator=(LockScope const&) = delete;
+    ~LockScope() KELPA_THREAD_ANNOTATION(release_capability()) { lock.leave(); }
+
+  private:
+    FastCriticalSection& lock;
+};
+
+} // namespace Kelpa

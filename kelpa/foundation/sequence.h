@@ -1,0 +1,245 @@
+#pragma once
+
+#include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/foundation/lock.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <new>
+
+namespace Kelpa {
+
+/// Where sequences get their memory: array `new` for elements, `new` for block records.
+///
+/// Both answer null when there is no memory. An element type with a default constructor is
+/// constructed in every slot; one without is left uninitialised.
+template <class T> struct DefaultAllocator {
+    static T* newElements(std::int32_t count) {
+        return new (std::nothrow) T[static_cast<std::size_t>(count)];
+    }
+    static void freeElements(T* elements) { delete[] elements; }
+    static void* newBlockRecord(std::size_t bytes) { return ::operator new(bytes, std::nothrow); }
+    static void freeBlockRecord(void* record) { ::operator delete(record); }
+};
+
+// `_SequenceBlock` and `_Sequence` keep the names that hosts know them by, although the language
+// reserves identifiers of this form.
+
+/// One block of a sequence: a run of slots that never moves.
+template <class T, bool flag, class Alloc> struct _SequenceBlock {
+    /// Makes a block with room for `slots` elements, linked to nothing; throws `ExceptionMsg` when
+    /// memory runs out.
+    explicit _SequenceBlock(int slots)
+        : next(nullptr), prev(nullptr), count(0), capacity(slots),
+          elements(Alloc::newElements(slots)) {
+        if (elements == nullptr)
+            throwOutOfMemory();
+    }
+    _SequenceBlock(_SequenceBlock const&) = delete;
+    _SequenceBlock& operator=(_SequenceBlock const&) = delete;
+
+    bool hasRoomFor(std::int32_t n) const { return n <= capacity - count; }
+
+    _SequenceBlock* next;
+    _SequenceBlock* prev;
+    std::int32_t count;    ///< elements handed out
+    std::int32_t capacity; ///< slots in `elements`
+    T* elements;
+};
+
+/// Takes the lock of a locked sequence and does nothing for an unlocked one.
+template <bool locked> class SequenceLock {
+  public:
+    explicit SequenceLock(FastCriticalSection& section) : scope(section) {}
+
+  private:
+    LockScope scope;
+};
+template <> class SequenceLock<false> {
+  public:
+    explicit SequenceLock(FastCriticalSection&) {}
+};
+
+/// Elements in a chain of blocks: appended at the end, never moved, released as a whole.
+///
+/// The address of an element stays valid until `freeData` or destruction. In the locked form,
+/// `newElement`, `newElements`, `freeData` and the counters may be used by several threads at once;
+/// everything else, and the unlocked form altogether, belongs to one thread at a time.
+/// When memory runs out, appending throws `ExceptionMsg`, holds no lock, and leaves the sequence as
+/// it was. So it does when the sequence would hold more than 2^31 - 1 elements.
+template <class T, int BlockSize, bool flag, bool locked, class Alloc = DefaultAllocator<T>>
+class _Sequence {
+  public:
+    using Block = _SequenceBlock<T, flag, Alloc>;
+
+    _Sequence() = default;
+    _Sequence(_Sequence const&) = delete;
+    _Sequence& operator=(_Sequence const&) = delete;
+    ~_Sequence() { freeData(); }
+
+    /// Appends one slot and returns it; it holds whatever its block's making left there.
+    T* newElement() { return newElements(1); }
+
+    /// Appends `n` slots that lie consecutively in one block and returns the first; `n` is at
+    /// least 1. Room that a longer run leaves at the end of a block is not used again.
+    T* newElements(int n) {
+        SequenceLock<locked> const scope(lock);
+        if (n > std::numeric_limits<std::int32_t>::max() - count)
+            throwOutOfMemory();
+        Block* const block = blockWithRoomFor(n);
+        T* const run = block->elements + block->count;
+        block->count += n;
+        count += n;
+        return run;
+    }
+
+    /// Sets the iteration to the first element.
+    void rewind() {
+        iterBlock = first;
+        iterIndex = 0;
+    }
+
+    /// The next element in the order of appending, or null at the end; it may be overwritten.
+    T* nextElement() {
+        if (iterBlock == nullptr)
+            return nullptr;
+        if (iterIndex >= iterBlock->count) {
+            do
+                iterBlock = iterBlock->next;
+            while (iterBlock != nullptr && iterBlock->count < 1);
+            if (iterBlock == nullptr)
+                return nullptr;
+            iterIndex = 0;
+        }
+        return iterBlock->elements + iterIndex++;
+    }
+
+    /// Removes the last element and returns its slot, readable until the slot is appended again;
+    /// null when there is none.
+    T* removeLast() {
+        if (count == 0)
+            return nullptr;
+        // Appending fills each block before it moves on, so one step back finds an element.
+        if (current->count == 0)
+            current = current->prev;
+        --current->count;
+        --count;
+        return current->elements + current->count;
+    }
+
+    /// Empties the sequence and keeps its blocks, so that appending starts over in them.
+    void clear() {
+        for (Block* block = first; block != nullptr; block = block->next)
+            block->count = 0;
+        current = first;
+        rewind();
+        count = 0;
+    }
+
+    /// Empties the sequence and releases its blocks.
+    void freeData() {
+        SequenceLock<locked> const scope(lock);
+        while (first != nullptr) {
+            Block* const block = first;
+            first = block->next;
+            Alloc::freeElements(block->elements);
+            block->~Block();
+            Alloc::freeBlockRecord(block);
+        }
+        current = nullptr;
+        iterBlock = nullptr;
+        iterIndex = 0;
+        count = 0;
+        memUsage = 0;
+    }
+
+    std::int32_t getCount() const {
+        SequenceLock<locked> const scope(lock);
+        return count;
+    }
+
+    /// Bytes held by the blocks: their element storage and their records.
+    std::uint64_t getMemUsage() const {
+        SequenceLock<locked> const scope(lock);
+        return memUsage;
+    }
+
+    Block* first = nullptr;
+    Block* current = nullptr;   ///< receives the next append
+    Block* iterBlock = nullptr; ///< where `nextElement` reads ...
+    std::int32_t iterIndex = 0; ///< ... and its next index there
+    std::int32_t count = 0;     ///< elements appended since the last `clear` or `freeData`
+    std::int32_t blockSize = BlockSize;
+    std::uint64_t memUsage = 0;
+    mutable FastCriticalSection lock; ///< taken by the locked form only
+
+  private:
+    // Blocks passed over on the way are not revisited. The search ends on the last block of the
+    // chain at the latest, so a failed allocation leaves `current` on a block.
+    Block* blockWithRoomFor(std::int32_t n) {
+        while (current != nullptr && !current->hasRoomFor(n)) {
+            if (current->next == nullptr)
+                return current = appendBlock(n);
+            current = current->next;
+        }
+        return current != nullptr ? current : current = appendBlock(n);
+    }
+
+    Block* appendBlock(std::int32_t n) {
+        std::int32_t const slots = n > blockSize ? n : blockSize;
+        void* const record = Alloc::newBlockRecord(sizeof(Block));
+        if (record == nullptr)
+            throwOutOfMemory();
+        Block* block = nullptr;
+        try {
+            block = new (record) Block(slots);
+        } catch (...) {
+            Alloc::freeBlockRecord(record);
+            throw;
+        }
+        block->prev = current;
+        (current != nullptr ? current->next : first) = block;
+        memUsage += static_cast<std::uint64_t>(slots) * sizeof(T) + sizeof(Block);
+        return block;
+    }
+};
+
+/// The form that several threads may append to at once.
+template <class T, int BlockSize, bool flag = false, class Alloc = DefaultAllocator<T>>
+class Sequence : public _Sequence<T, BlockSize, flag, true, Alloc> {
+  public:
+    ~Sequence() { this->freeData(); }
+};
+
+/// The form that belongs to a single thread at a time.
+template <class T, int BlockSize, bool flag = false, class Alloc = DefaultAllocator<T>>
+class SequenceST : public _Sequence<T, BlockSize, flag, false, Alloc> {
+  public:
+    ~SequenceST() { this->freeData(); }
+};
+
+/// Walks a sequence's elements from the first, apart from the sequence's own iteration.
+///
+/// Elements may be overwritten, appended and removed behind the cursor's back as long as those it
+/// has yet to reach stay.
+template <class SequenceType> class SequenceCursor {
+  public:
+    explicit SequenceCursor(SequenceType const& sequence)
+        : block(sequence.first), at(block != nullptr ? block->elements : nullptr) {}
+
+    /// The next element, or null at the end.
+    auto* next() {
+        while (block != nullptr && at == block->elements + block->count) {
+            block = block->next;
+            at = block != nullptr ? block->elements : nullptr;
+        }
+        return block != nullptr ? at++ : nullptr;
+    }
+
+  private:
+    typename SequenceType::Block* block;
+    decltype(block->elements) at;
+};
+
+} // namespace Kelpa

@@ -1,0 +1,111 @@
+#pragma once
+// Everything public: the particle primitives, the trees below them, and what they ask of a host.
+
+#include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/iray.h"
+#include "kelpa/foundation/platform.h"
+#include "kelpa/particleprimitives/bounds.h"
+#include "kelpa/particleprimitives/primitivechain.h"
+#include "kelpa/spheretree/static/sdspheretree.h"
+
+#include <cstdint>
+
+namespace Kelpa {
+
+/// A particle system as a primitive: it owns a sphere tree, has it built, and answers rays.
+///
+/// The host constructs it, builds it once, and then asks it from any number of threads; it keeps
+/// the particle data alive and unchanged until the primitive is gone. Building again registers the
+/// system a second time and stores every particle twice.
+/// A primitive made without a tree can only be destroyed.
+template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : public Base {
+  public:
+    /// `first` is the particle system, for moving particles its first snapshot; `second` is the
+    /// second snapshot, which must hold the same particles in the same order.
+    /// Throws `ExceptionMsg` when memory runs out.
+    SphereTreePrimitiveTemplate(int indexOfFirst, ParticleData* first, ParticleData* second,
+                                bool createTree);
+    SphereTreePrimitiveTemplate(SphereTreePrimitiveTemplate const&) = delete;
+    SphereTreePrimitiveTemplate& operator=(SphereTreePrimitiveTemplate const&) = delete;
+    ~SphereTreePrimitiveTemplate();
+
+    /// Registers the particle system with the tree and builds the tree.
+    ///
+    /// A system without particles or radii is not registered; the tree is built all the same.
+    /// `progress` and `threadManager` may be null. `maxDepth` limits the depth of the tree (60 is
+    /// usual for still particles, 80 for moving ones), nodes with a diagonal below `minNodeSize`
+    /// become leaves (0.0), `leafSizeFactor` lets leaves grow with depth (2.0 and 1.0).
+    /// With `staticBounds` a moving primitive reports bounds that do not move.
+    /// Throws `ExceptionMsg` when memory runs out, on whichever thread; the tree is then empty and
+    /// can be built again or destroyed.
+    void build(ProgressCallback* progress, ThreadManager* threadManager, int maxDepth,
+               float minNodeSize, float leafSizeFactor, int staticBounds);
+
+    int expandable() override { return 0; }
+
+    /// Bytes held by the tree: nodes, leaf entries and sphere references.
+    std::uint64_t getMemUsage() override;
+
+    /// The hit's normal as the search left it, not normalised: for a sphere from its centre to the
+    /// hit (its length is the radius), for a point against the ray.
+    Vector getGNormal(RSRay const& ray) const override;
+    Vector getGNormal(RayBunchParams const& params, PrimitiveIntersections const& intersections,
+                      unsigned char lane) const override;
+    Vector getNormal(RSRay const& ray) const override;
+    Vector getNormal(RayBunchParams const& params, PrimitiveIntersections const& intersections,
+                     unsigned char lane) const override;
+
+    /// Finds the closest hit: 1 on a sphere, 2 on a point, 0 for none.
+    ///
+    /// A moving primitive searches at the ray's `time` and misses outside the snapshots' range. A
+    /// time exactly at the earliest snapshot may miss particles, since a plane in time at that
+    /// instant has them all on its later side: draw times from the open interval.
+    int intersect(RSRay& ray) override;
+
+    /// 4914 for still particles, 4915 for moving ones.
+    int type() const override;
+
+    /// The bounds that the last build found; the empty box when it found no usable particle.
+    void getBBox(B& box) override;
+    int splittable() override { return 0; }
+
+    /// Cuts the bounds at a plane, without regard to whether it crosses them.
+    ///
+    /// `dim` is an axis; for moving bounds 0 to 2 cut `bounds` and 4 to 6 cut `motion`.
+    void split(int dim, float pos, B& lowerBox, B& upperBox) override;
+
+    /// As `intersect`, ray after ray; origins are rounded to single precision.
+    bool bunchIntersect(RayBunchExtParams const& params, RayBunchCommonResult& result,
+                        double* tMins, double* tMaxs, unsigned char const* lanes,
+                        unsigned long numLanes) override;
+
+    /// The colour of particle `index` (of the first snapshot), or black when the system has not
+    /// exactly one colour per particle. `index` must be below the number of particles.
+    Vector getColor(int const& index) const;
+
+    Tree* tree;             ///< owned; null when made without one
+    std::int32_t baseIndex; ///< index reported for particle 0 when the system is alone in its tree
+    ParticleData* particles0;
+    ParticleData* particles1; ///< moving particles only
+};
+
+using StaticParticlePrimitive =
+    SphereTreePrimitiveTemplate<BunchPrimitive<StaticBox>, StaticSphereTree, StaticBox>;
+extern template class SphereTreePrimitiveTemplate<BunchPrimitive<StaticBox>, StaticSphereTree,
+                                                  StaticBox>;
+
+} // namespace Kelpa
+
+/// Registers a particle system with a tree that several primitives share, to be reported as
+/// `primitive`, and builds the whole tree anew over all systems registered so far.
+///
+/// A null or empty `particles0` only rebuilds. The tree's parameters stay as they are. `particles1`
+/// and `staticBounds` are read for moving particles only.
+/// Failures as in `SphereTreePrimitiveTemplate::build`.
+void SphereTreePrimitiveTemplate_callBuild(Kelpa::StaticSphereTree* tree,
+                                           Kelpa::ParticleData* particles0,
+                                           Kelpa::ParticleData* particles1,
+                                           Kelpa::ProgressCallback* progress,
+                                           Kelpa::ThreadManager* threadManager, int staticBounds,
+                                           Kelpa::GenericPrimitive* primitive);

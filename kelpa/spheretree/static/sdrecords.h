@@ -1,0 +1,86 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/iray.h"
+#include "kelpa/foundation/vector.h"
+#include "kelpa/spheretree/taggedlink.h"
+
+#include <cstdint>
+
+namespace Kelpa {
+
+/// One usable particle: where to find its centre and radius.
+struct SDSphere {
+    std::int32_t particleIndex; ///< in its particle system
+    std::uint16_t systemIndex;  ///< in the tree's `particleSystems`
+};
+static_assert(sizeof(SDSphere) == 8);
+
+/// What the builder works on: one sphere, or the part of it in one node.
+struct SDSphereData {
+    std::uint32_t sphereIndex; ///< in the tree's `spheres`
+    Box bbox;                  ///< bounds of the part
+    float radius;              ///< of the whole sphere
+};
+static_assert(sizeof(SDSphereData) == 32);
+
+/// One entry of a leaf; the entries of a leaf lie one behind the other.
+struct SDLeafSphere {
+    std::uint32_t sphereIndex; ///< in the tree's `spheres`
+};
+static_assert(sizeof(SDLeafSphere) == 4);
+
+/// One tree node. A leaf keeps a count and its run of entries, an inner node a plane and its pair
+/// of children: first the lower side of the plane, then the upper. A new node is an empty leaf.
+template <class Sphere> struct SDSphereNode {
+    static constexpr int leafKind = 3;
+
+    union {
+        std::int32_t numLeafSpheres = 0; ///< leaf: entries in the run
+        float splitPos;                  ///< inner: where the plane cuts its axis
+    };
+    std::uint64_t link = leafKind; ///< kind (0, 1, 2: axis of the plane; 3: leaf) and address
+
+    int kind() const { return linkKind(link); }
+    bool isLeaf() const { return kind() == leafKind; }
+    SDSphereNode* children() const { return linkTarget<SDSphereNode>(link); }
+    SDLeafSphere* leafSpheres() const { return linkTarget<SDLeafSphere>(link); }
+
+    void becomeLeaf(SDLeafSphere const* run, std::int32_t count) {
+        numLeafSpheres = count;
+        link = makeLink(run, leafKind);
+    }
+    void becomeInner(int axis, float position, SDSphereNode const* pair) {
+        splitPos = position;
+        link = makeLink(pair, axis);
+    }
+};
+static_assert(sizeof(SDSphereNode<SDSphere>) == 16); // one load per step of a traversal
+
+/// One registered particle system. The arrays belong to the host.
+struct ParticleDataWithPrimitive {
+    ParticleData* particles;
+    GenericPrimitive* primitive; ///< reported with hits on this system
+    /// Added to a particle's index to form the reported one; -1 marks a system that is alone in its
+    /// tree, whose primitive adds its own base instead.
+    std::int32_t indexOffset;
+    Vector const* positions;
+    float const* radii;
+};
+
+/// The closest hit of a query.
+struct SDSphereHit {
+    double t;         ///< starts at the smaller of 1e30F and the ray's end
+    SDSphere* sphere; ///< null until there is a hit
+    Vector normal;    ///< not normalised
+};
+
+/// A ray on its way through the tree.
+struct SDSphereRay : IRay {
+    std::int32_t skipIndex; ///< number of the particle that the ray starts on
+    double tMinStart;       ///< the interval as the caller set it
+    double tMaxStart;
+    SDSphereHit* hit;
+};
+
+} // namespace Kelpa

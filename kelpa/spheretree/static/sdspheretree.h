@@ -1,0 +1,130 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/lock.h"
+#include "kelpa/foundation/platform.h"
+#include "kelpa/foundation/sequence.h"
+#include "kelpa/foundation/table.h"
+#include "kelpa/foundation/vector.h"
+#include "kelpa/spheretree/geomtreebase.h"
+#include "kelpa/spheretree/static/sdrecords.h"
+
+#include <cstdint>
+#include <exception>
+
+namespace Kelpa {
+
+template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree;
+
+using SDSphereRecords = SequenceST<SDSphereData, 20000>;
+
+/// A worker's share of a build: one subtree at a time.
+class SDSphereBuildThread : public ThreadProcedure {
+  public:
+    /// Builds the subtree that the members below describe. A failure is kept in `failure`.
+    void proc(void* parameter) override;
+
+    /// Counts the job as running and hands it to the thread manager; a manager that refuses it (by
+    /// an exception) has it done here and now.
+    void start();
+
+    SDSphereTree<SDSphere, 20000, 20000>* tree = nullptr; ///< null outside a build
+    std::int32_t busy = 0; ///< 1 while claimed by a job; under the tree's `threadLock`
+    ProgressCallback* progress = nullptr;
+    SDSphereRecords data;
+    Box box;
+    SDSphereNode<SDSphere>* node = nullptr;
+    std::int32_t depth = 0;
+    std::int32_t level = 0;
+    std::exception_ptr failure; ///< what ended a job early; rethrown by the thread that builds
+};
+
+/// A kd-tree over spheres: a sphere that a plane cuts is found on both of its sides.
+///
+/// Fill `particleSystems`, build, then ask from any number of threads. While it is being built,
+/// freed or destroyed nobody may ask it.
+///
+/// The plane of a node is chosen by the surface area heuristic (J. D. MacDonald and K. S. Booth,
+/// "Heuristics for ray tracing using space subdivision", The Visual Computer 6, 1990) among four
+/// candidates per axis. The smaller parts of cut spheres get tightened boxes (V. Havran, "Heuristic
+/// Ray Shooting Algorithms", PhD thesis, 2000, section 4.3.2, "split clipping").
+template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : public GeomTreeBase {
+  public:
+    using Node = SDSphereNode<Sphere>;
+
+    /// Throws `ExceptionMsg` when memory runs out.
+    SDSphereTree();
+    SDSphereTree(SDSphereTree const&) = delete;
+    SDSphereTree& operator=(SDSphereTree const&) = delete;
+    ~SDSphereTree() override;
+
+    void freeData() override;
+    std::uint64_t getMemUsage() const override;
+
+    /// The same as `build(progress, manager)`.
+    void build(ProgressCallback* progress, ThreadManager* manager, int, int) override;
+
+    /// Builds the tree from `particleSystems`, in place of what it held.
+    ///
+    /// Both arguments may be null. Particles with a centre or radius that is not finite, with a
+    /// radius below 1e-15 or with no radius at all are left out. With a `manager` and
+    /// `multiThreaded` set, the work is done on the manager's threads while this one waits.
+    /// An abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory
+    /// runs out on any thread, or when there are more particles, nodes or leaf entries than 2^31 -
+    /// 1; whatever is thrown, all jobs have ended by then, and the tree is empty and can be built
+    /// again.
+    virtual void build(ProgressCallback* progress, ThreadManager* manager);
+
+    /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
+    /// records of `data`.
+    ///
+    /// `depth` counts the splits above that separated spheres, `level` all of them. `scratch`
+    /// receives records that wait for their turn and may be `data` itself. Whatever the parameters,
+    /// a subtree ends at level 1024.
+    void buildNode(Node* node, Box const& box, SDSphereRecords& data, int count, int depth,
+                   ProgressCallback* progress, SDSphereRecords* scratch, int level);
+
+    /// Turns `node` into a leaf with the first `count` (at least 1) records of `data`.
+    void storeSpheres(Node* node, SDSphereRecords& data, int count, int depth);
+
+    /// Finds the closest hit of a ray: 0 none, 1 on a sphere, 2 on a point, described in `ray.hit`.
+    ///
+    /// The tree must have a root and spheres. Writes only `ray` and its hit record.
+    int intersectNode(SDSphereRay& ray) const;
+
+    float leafSizeFactor = 2.0F;     ///< growth of leaves with depth
+    float minNodeSize = 0.0F;        ///< nodes with a smaller diagonal become leaves
+    std::int32_t maxDepth = 60;      ///< deepest level that is split
+    std::int32_t multiThreaded = 1;  ///< build on the thread manager's threads, if there is one
+    Box bbox;                        ///< of all spheres, a little widened; set by `build`
+    Node* root = nullptr;            ///< from `nodes`
+    std::int32_t numSpheres = 0;     ///< usable particles
+    std::int32_t totalParticles = 0; ///< particles, usable or not: the length of `spheres`
+    Sphere* spheres = nullptr;       ///< owned
+    Sequence<Node, NodeBlock> nodes;
+    Sequence<SDLeafSphere, LeafBlock> leafSpheres;
+    // Raised by several threads at once, always through std::atomic_ref.
+    std::int32_t statMaxDepth = 0;
+    std::int32_t statNumLeaves = 0;
+    std::int32_t statDepthSum = 0; ///< over all leaves
+    FastCriticalSection threadLock;
+    std::int32_t numRunning = 0; ///< build jobs that have been handed over and have not ended
+    std::int32_t numThreads = 0; ///< length of `threads`
+    SDSphereBuildThread* threads = nullptr; ///< owned; exist only during a threaded build
+    void* doneEvent = nullptr;              ///< pulsed when `numRunning` drops to 0
+    ThreadManager* threadManager = nullptr;
+    Table<ParticleDataWithPrimitive, 1000> particleSystems;
+    std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
+    /// Inner nodes on the longest path from the root: what a traversal may have to postpone.
+    std::int32_t innerLevels = 0;
+};
+
+extern template class SDSphereTree<SDSphere, 20000, 20000>;
+
+/// The tree of the primitive for particles that stand still.
+class StaticSphereTree : public SDSphereTree<SDSphere, 20000, 20000> {
+  public:
+    ~StaticSphereTree() override;
+};
+
+} // namespace Kelpa
