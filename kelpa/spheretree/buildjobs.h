@@ -1,0 +1,143 @@
+#pragma once
+// Internal: the protocol by which a build hands subtrees to other threads and learns of their end.
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/lock.h"
+#include "kelpa/foundation/platform.h"
+
+#include <atomic>
+#include <concepts>
+#include <cstdint>
+#include <exception>
+
+namespace Kelpa {
+
+/// What the protocol touches of a tree.
+template <class Tree>
+concept ThreadedBuild = requires(Tree& tree) {
+    { tree.threadLock } -> std::same_as<FastCriticalSection&>;
+    { tree.numRunning } -> std::same_as<std::int32_t&>;
+    { tree.numThreads } -> std::same_as<std::int32_t&>;
+    { tree.threads[0].busy } -> std::same_as<std::int32_t&>;
+    { tree.threads[0].failure } -> std::same_as<std::exception_ptr&>;
+    { tree.threadManager } -> std::same_as<ThreadManager*&>;
+    { tree.doneEvent } -> std::same_as<void*&>;
+};
+
+// The tree's counters are plain integers that hosts may read. While threads share them they are
+// reached through atomic references only. Relaxed order suffices: the lock, or the end of the
+// build, orders everything that hangs on them.
+
+inline std::int32_t readShared(std::int32_t& shared) {
+    return std::atomic_ref(shared).load(std::memory_order_relaxed);
+}
+
+inline void addShared(std::int32_t& shared, std::int32_t amount) {
+    std::atomic_ref(shared).fetch_add(amount, std::memory_order_relaxed);
+}
+
+inline void raiseShared(std::int32_t& shared, std::int32_t atLeast) {
+    std::atomic_ref const counter(shared);
+    std::int32_t seen = counter.load(std::memory_order_relaxed);
+    while (seen < atLeast &&
+           !counter.compare_exchange_weak(seen, atLeast, std::memory_order_relaxed))
+        continue;
+}
+
+/// Claims the first idle build thread of the tree; null when there is none.
+template <ThreadedBuild Tree> auto* claimIdleThread(Tree& tree) {
+    for (std::int32_t i = 0; i < tree.numThreads; ++i) {
+        LockScope const scope(tree.threadLock);
+        if (tree.threads[i].busy == 0) {
+            tree.threads[i].busy = 1;
+            return tree.threads + i;
+        }
+    }
+    return decltype(tree.threads){nullptr};
+}
+
+/// A build thread for a subtree that is worth handing over, if the build is threaded and not all
+/// threads are known to be busy. The counts are hints; only the claim decides.
+template <ThreadedBuild Tree> auto* claimThreadIfWorthwhile(Tree& tree) {
+    bool const hopeful = tree.threads != nullptr && readShared(tree.numRunning) < tree.numThreads;
+    return hopeful ? claimIdleThread(tree) : nullptr;
+}
+
+/// Counts a claimed thread's job as running and hands it to the thread manager.
+///
+/// The job is counted before it is handed over, and every job counts those it starts before it
+/// uncounts itself: so a count of zero means that all work is done. A manager that refuses the job
+/// has it run here: the work is lost for nobody, only later.
+template <ThreadedBuild Tree> void startJob(Tree& tree, ThreadProcedure& job) {
+    {
+        LockScope const scope(tree.threadLock);
+        addShared(tree.numRunning, 1);
+    }
+    try {
+        tree.threadManager->runThread(&job, nullptr);
+    } catch (...) {
+        job.proc(nullptr);
+    }
+}
+
+/// Ends a job. From then on the thread that ran it touches nothing of the job or of the tree: the
+/// building thread may destroy both as soon as it holds the lock.
+template <ThreadedBuild Tree, class Job> void finishJob(Tree& tree, Job& job) {
+    LockScope const scope(tree.threadLock);
+    addShared(tree.numRunning, -1);
+    job.busy = 0;
+    if (readShared(tree.numRunning) == 0)
+        uniPulseEvent(tree.doneEvent);
+}
+
+/// The done event of a threaded build, and what its threads hold of it.
+template <ThreadedBuild Tree> class JobResources {
+  public:
+    JobResources(Tree& owner, unsigned int manualReset) : tree(owner) {
+        tree.doneEvent = uniCreateEvent(nullptr, manualReset, 0, nullptr);
+    }
+    JobResources(JobResources const&) = delete;
+    JobResources& operator=(JobResources const&) = delete;
+    // Under the lock, so that the worker that ended last has let go of it.
+    ~JobResources() {
+        LockScope const scope(tree.threadLock);
+        uniCloseHandle(tree.doneEvent);
+        tree.doneEvent = nullptr;
+        for (std::int32_t i = 0; i < tree.numThreads; ++i) {
+            tree.threads[i].data.freeData();
+            tree.threads[i].tree = nullptr;
+            tree.threads[i].progress = nullptr;
+        }
+    }
+
+  private:
+    Tree& tree;
+};
+
+/// Blocks at the end of its scope, exceptions included, until all jobs have ended.
+template <ThreadedBuild Tree> class JobsInFlight {
+  public:
+    explicit JobsInFlight(Tree& owner) : tree(owner) {}
+    JobsInFlight(JobsInFlight const&) = delete;
+    JobsInFlight& operator=(JobsInFlight const&) = delete;
+    ~JobsInFlight() {
+        constexpr unsigned int slice = 100; // milliseconds
+        constexpr int anyInput = 0x4FF;
+        // A pulse may fall between two waits, so the count is read again after each.
+        while (uniMsgWaitForMultipleObjects(1, &tree.doneEvent, 0, slice, anyInput) != 0 &&
+               readShared(tree.numRunning) > 0)
+            continue;
+    }
+
+  private:
+    Tree& tree;
+};
+
+/// Throws the first failure that a job of the build kept. Only after all jobs have ended.
+template <ThreadedBuild Tree> void rethrowFirstFailure(Tree& tree) {
+    for (std::int32_t i = 0; i < tree.numThreads; ++i)
+        if (tree.threads[i].failure != nullptr)
+            std::rethrow_exception(tree.threads[i].failure);
+}
+
+} // namespace Kelpa

@@ -1,0 +1,48 @@
+#pragma once
+// Internal: how builds speak to the host's progress callback.
+
+#include "kelpa/foundation/hosttypes.h"
+
+#include <cstdint>
+#include <limits>
+
+namespace Kelpa {
+
+inline constexpr int progressLevel = 30000;
+inline constexpr int statisticsLevel = 20000;
+
+/// Stands in for a callback that the host did not give: says nothing and never aborts.
+class SilentProgress final : public ProgressCallback {
+  public:
+    std::int32_t getAbort() override { return 0; }
+    void info(int, int, char const*, ...) override {}
+};
+
+/// Asks the host whether to stop, and remembers a yes: a host that answers only once is obeyed too.
+class AbortQuestion {
+  public:
+    explicit AbortQuestion(ProgressCallback* callback) : progress(callback) {}
+
+    bool operator()() {
+        if (progress != nullptr && progress->getAbort() != 0)
+            stopped = true;
+        return stopped;
+    }
+
+  private:
+    ProgressCallback* progress;
+    bool stopped = false;
+};
+
+/// A byte count for a message that prints an int: the largest int stands for all that is beyond.
+inline std::int32_t printableBytes(std::uint64_t bytes) {
+    constexpr std::int32_t most = std::numeric_limits<std::int32_t>::max();
+    return bytes < static_cast<std::uint64_t>(most) ? static_cast<std::int32_t>(bytes) : most;
+}
+
+/// Whole megabytes, cut off.
+inline std::uint32_t wholeMegabytes(std::uint64_t bytes) {
+    return static_cast<std::uint32_t>(bytes >> 20);
+}
+
+} // namespace Kelpa

@@ -1,0 +1,86 @@
+#pragma once
+// Internal: what both builders use to decide between a leaf and a split, and between splits.
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+namespace Kelpa {
+
+/// Deepest level of any tree, whatever the host allows. Halving a box from the largest floats down
+/// to the smallest extent that is split takes fewer levels, so only degenerate input comes here.
+inline constexpr std::int32_t levelLimit = 1024;
+
+/// Subtrees of up to this many records are built by the thread that reaches them: below it a
+/// hand-off costs more than it saves.
+inline constexpr int handOffThreshold = 1500;
+
+/// Axes along which the spheres extend less than this are not split.
+inline constexpr float smallestSplitExtent = 1e-6F;
+
+/// Truncates towards zero; values beyond what an int can hold become its bounds, NaN its lowest.
+inline std::int32_t truncateToInt(float value) {
+    constexpr float beyond = 2147483648.0F; // 2^31; the largest int is no float
+    if (value >= beyond)
+        return std::numeric_limits<std::int32_t>::max();
+    return value > -beyond ? static_cast<std::int32_t>(value)
+                           : std::numeric_limits<std::int32_t>::min();
+}
+
+/// Up to how many records a node at `depth` becomes a leaf: few near the root, more with each
+/// split, and steeply more in the lower half of the allowed depth, so that splits which separate
+/// nothing end.
+inline std::int32_t leafThreshold(std::int32_t depth, float leafSizeFactor, std::int32_t maxDepth) {
+    float const grown = static_cast<float>(depth) * leafSizeFactor;
+    if (2 * static_cast<std::int64_t>(depth) < maxDepth)
+        return truncateToInt(grown + 1.0F);
+    std::int64_t const beyondHalf = static_cast<std::int64_t>(depth) - maxDepth / 2 + 1;
+    return truncateToInt(grown * static_cast<float>(beyondHalf) + 1.0F);
+}
+
+/// Among the bounds offered, the one nearest to a centre; the first of equally near ones.
+struct NearestBound {
+    float centre;
+    float position = 1e18F;
+
+    void offer(float bound) {
+        if (std::fabs(bound - centre) < std::fabs(position - centre))
+            position = bound;
+    }
+};
+
+/// How many records reach below and above a plane; those that straddle it count twice.
+struct SideCounts {
+    float plane;
+    std::int32_t below = 0;
+    std::int32_t above = 0;
+
+    void add(float min, float max) {
+        below += static_cast<int>(max <= plane) | static_cast<int>(min < plane);
+        above += static_cast<int>(max > plane);
+    }
+};
+
+/// The cheapest split offered so far.
+///
+/// Among equal costs a later split replaces an earlier one, a cut that only takes empty space off
+/// does not. A cost that is not a number is never taken.
+struct SplitChoice {
+    double cost = static_cast<double>(1e36F);
+    int axis = -1;
+    float position = 0.0F;
+    std::int32_t childDepth = 0;
+
+    bool found() const { return axis >= 0; }
+
+    void offerCut(double newCost, int newAxis, float newPosition, std::int32_t depth) {
+        if (newCost < cost)
+            *this = {newCost, newAxis, newPosition, depth};
+    }
+    void offerSplit(double newCost, int newAxis, float newPosition, std::int32_t depth) {
+        if (newCost <= cost)
+            *this = {newCost, newAxis, newPosition, depth + 1};
+    }
+};
+
+} // namespace Kelpa

@@ -1,0 +1,270 @@
+#include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/spheretree/buildjobs.h"
+#include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/static/sdspheretree.h"
+#include "kelpa/spheretree/usableparticles.h"
+
+#include <algorithm>
+#include <new>
+
+namespace Kelpa {
+
+void SDSphereBuildThread::start() {
+    startJob(*tree, *this);
+}
+
+void SDSphereBuildThread::proc(void*) {
+    if (tree == nullptr)
+        return;
+    try {
+        tree->buildNode(node, box, data, data.getCount(), depth, progress, &data, level);
+    } catch (...) {
+        if (failure == nullptr)
+            failure = std::current_exception();
+    }
+    data.clear();
+    finishJob(*tree, *this);
+}
+
+namespace {
+
+/// The records' particle count: what its snapshot says, negative counts taken as none.
+std::int32_t particleCount(ParticleDataWithPrimitive const& system) {
+    return std::max(system.particles->numParticles, 0);
+}
+
+/// Whether a record's particle can be placed: it has a centre and a radius, and both are of use.
+bool isUsable(ParticleDataWithPrimitive const& system, std::int32_t index) {
+    return index < particleCount(system) && index < system.particles->numRadii &&
+           isUsableRadius(system.radii[index]) && isFinite(system.positions[index]);
+}
+
+template <class Tree> void gatherSpheres(Tree& tree) {
+    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
+        // References keep 16 bits of the system's number. Where that cuts it, the particle must be
+        // usable in the system that the reference then names, too.
+        auto const reference = static_cast<std::uint16_t>(s);
+        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[s];
+        ParticleDataWithPrimitive const& named = tree.particleSystems.elements[reference];
+        std::int32_t const count = particleCount(system);
+        for (std::int32_t i = 0; i < count; ++i)
+            if (isUsable(system, i) && (s == reference || isUsable(named, i)))
+                tree.spheres[tree.numSpheres++] = {i, reference};
+    }
+}
+
+/// Makes one build record per sphere and the box around all; an abort ends it early.
+template <class Tree>
+void makeRecords(Tree& tree, SDSphereRecords& records, AbortQuestion& isAborted) {
+    for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
+        auto const& sphere = tree.spheres[k];
+        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.systemIndex];
+        Vector const& c = system.positions[sphere.particleIndex];
+        float const r = system.radii[sphere.particleIndex];
+        SDSphereData& record = *records.newElement();
+        record.sphereIndex = static_cast<std::uint32_t>(k);
+        record.bbox = {{c.x - r, c.y - r, c.z - r}, {c.x + r, c.y + r, c.z + r}};
+        record.radius = r;
+        tree.bbox.grow(record.bbox);
+        if (isAborted())
+            return;
+    }
+}
+
+template <class Tree> void releaseThreads(Tree& tree) {
+    delete[] tree.threads;
+    tree.threads = nullptr;
+}
+
+/// Everything that a build makes, but not what it is made from.
+template <class Tree> void releaseTree(Tree& tree) {
+    releaseThreads(tree);
+    delete[] tree.spheres;
+    tree.spheres = nullptr;
+    tree.numSpheres = 0;
+    tree.totalParticles = 0;
+    tree.nodes.freeData();
+    tree.leafSpheres.freeData();
+    tree.root = nullptr;
+}
+
+template <class Tree> void allocateSpheres(Tree& tree) {
+    std::int64_t total = 0;
+    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
+        total += particleCount(tree.particleSystems.elements[s]);
+    tree.totalParticles = checkedTotal(total);
+    tree.spheres = new (std::nothrow) SDSphere[static_cast<std::size_t>(total)];
+    if (tree.spheres == nullptr)
+        throwOutOfMemory();
+}
+
+template <class Tree> void createThreads(Tree& tree, ProgressCallback& report) {
+    tree.numThreads = std::max(getNumProcessors(), 1);
+    report.info(0, progressLevel, "Creating and initializing %i thread(s).\n", tree.numThreads);
+    tree.threads =
+        new (std::nothrow) SDSphereBuildThread[static_cast<std::size_t>(tree.numThreads)];
+    if (tree.threads == nullptr)
+        throwOutOfMemory();
+}
+
+/// Runs the root job and all that come of it on the manager's threads, and waits for their end.
+template <class Tree> void runJobs(Tree& tree, ProgressCallback& report) {
+    report.info(0, progressLevel, "Creating 'done' event.\n");
+    JobResources<Tree> const resources(tree, 1);
+    report.info(0, progressLevel, "Starting first thread.\n");
+    SDSphereBuildThread& first = tree.threads[0];
+    first.box = tree.bbox;
+    first.node = tree.root;
+    first.depth = 1;
+    first.level = 1;
+    {
+        // Nothing, not even a host's exception, passes the end of this block before all jobs have.
+        JobsInFlight<Tree> const jobs(tree);
+        first.start();
+        report.info(0, progressLevel, "Waiting for thread completion.\n");
+    }
+    report.info(0, progressLevel, "Releasing thread resources.\n");
+}
+
+template <class Tree>
+void buildThreaded(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
+    createThreads(tree, report);
+    for (std::int32_t i = 0; i < tree.numThreads; ++i) {
+        tree.threads[i].tree = &tree;
+        tree.threads[i].progress = progress;
+    }
+    std::uint64_t const bytes = sizeof(SDSphereData) * static_cast<std::uint64_t>(tree.numSpheres);
+    report.info(0, progressLevel,
+                "Allocating memory for build data of %i spheres (%i bytes, %.1f MB).\n",
+                tree.numSpheres, printableBytes(bytes),
+                static_cast<double>(static_cast<float>(bytes) * 0x1p-20F));
+    SDSphereRecords& records = claimIdleThread(tree)->data;
+    report.info(0, progressLevel, "Initializing sphere build data.\n");
+    AbortQuestion isAborted(progress);
+    makeRecords(tree, records, isAborted);
+    widenByMargin(tree.bbox);
+    runJobs(tree, report);
+    rethrowFirstFailure(tree);
+}
+
+template <class Tree>
+void buildHere(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
+    SDSphereRecords records;
+    report.info(0, progressLevel, "Initializing sphere build data.\n");
+    AbortQuestion isAborted(progress);
+    makeRecords(tree, records, isAborted);
+    widenByMargin(tree.bbox);
+    tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
+}
+
+// Averages over no leaves, which only an early abort leaves behind, print as what 0 / 0 gives.
+float average(std::int32_t sum, std::int32_t count) {
+    return static_cast<float>(sum) / static_cast<float>(count);
+}
+
+// Only the first line ends in a newline; hosts that show statistics as a list end the others.
+template <class Tree> void printStatistics(Tree& tree, ProgressCallback& report) {
+    Box const& b = tree.bbox;
+    report.info(0, statisticsLevel, "SDSphereTree statistics:\n");
+    report.info(0, statisticsLevel, "  Bounding box: (%f, %f, %f)-(%f, %f, %f)",
+                static_cast<double>(b.min.x), static_cast<double>(b.min.y),
+                static_cast<double>(b.min.z), static_cast<double>(b.max.x),
+                static_cast<double>(b.max.y), static_cast<double>(b.max.z));
+    report.info(0, statisticsLevel, "  Memory usage: %u MB", wholeMegabytes(tree.getMemUsage()));
+    report.info(0, statisticsLevel, "  Number of particle systems : %i",
+                tree.particleSystems.count);
+    report.info(0, statisticsLevel, "  Total number of spheres stored: %i (%u MB)", tree.numSpheres,
+                wholeMegabytes(sizeof(SDSphere) * static_cast<std::uint64_t>(tree.totalParticles)));
+    report.info(0, statisticsLevel, "  Max tree depth: %i", tree.statMaxDepth);
+    report.info(0, statisticsLevel, "  Average tree depth: %g",
+                static_cast<double>(average(tree.statDepthSum, tree.statNumLeaves)));
+    report.info(0, statisticsLevel, "  Number of tree nodes: %i (%u MB)", tree.nodes.getCount(),
+                wholeMegabytes(tree.nodes.getMemUsage()));
+    report.info(0, statisticsLevel, "  Number of leaf spheres: %i (%u MB)",
+                tree.leafSpheres.getCount(), wholeMegabytes(tree.leafSpheres.getMemUsage()));
+    report.info(0, statisticsLevel, "  Number of tree leafs: %i", tree.statNumLeaves);
+    report.info(0, statisticsLevel, "  Average spheres/leaf: %g",
+                static_cast<double>(average(tree.leafSpheres.getCount(), tree.statNumLeaves)));
+}
+
+template <class Tree>
+void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
+    SilentProgress silence;
+    ProgressCallback& report = progress != nullptr ? *progress : silence;
+
+    auto const& systems = tree.particleSystems;
+    tree.singleSystem = systems.count == 1 && systems.elements[0].indexOffset == -1 ? 1 : 0;
+    allocateSpheres(tree);
+    gatherSpheres(tree);
+    tree.statMaxDepth = 0;
+    tree.statNumLeaves = 0;
+    tree.statDepthSum = 0;
+    tree.innerLevels = 0;
+    tree.root = tree.nodes.newElement();
+    *tree.root = {};
+    tree.bbox = Box::empty();
+    if (tree.numSpheres == 0)
+        return;
+
+    tree.numRunning = 0;
+    tree.threadManager = manager;
+    if (manager != nullptr && tree.multiThreaded != 0)
+        buildThreaded(tree, progress, report);
+    else
+        buildHere(tree, progress, report);
+    printStatistics(tree, report);
+    releaseThreads(tree);
+}
+
+} // namespace
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+SDSphereTree<Sphere, NodeBlock, LeafBlock>::SDSphereTree() {
+    particleSystems.setCount(1, 1);
+    particleSystems.setCount(0, 1);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+SDSphereTree<Sphere, NodeBlock, LeafBlock>::~SDSphereTree() {
+    SDSphereTree::freeData();
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void SDSphereTree<Sphere, NodeBlock, LeafBlock>::freeData() {
+    releaseTree(*this);
+    particleSystems.freeData();
+    numThreads = 0;
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+std::uint64_t SDSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
+    return nodes.getMemUsage() + leafSpheres.getMemUsage() +
+           sizeof(Sphere) * static_cast<std::uint64_t>(totalParticles);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void SDSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progress,
+                                                       ThreadManager* manager, int, int) {
+    build(progress, manager);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void SDSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progress,
+                                                       ThreadManager* manager) {
+    releaseTree(*this);
+    try {
+        buildAnew(*this, progress, manager);
+    } catch (std::bad_alloc const&) {
+        releaseTree(*this);
+        throwOutOfMemory();
+    } catch (...) {
+        releaseTree(*this);
+        throw;
+    }
+}
+
+template class SDSphereTree<SDSphere, 20000, 20000>;
+
+StaticSphereTree::~StaticSphereTree() = default;
+
+} // namespace Kelpa

@@ -1,0 +1,307 @@
+#include "kelpa/spheretree/buildjobs.h"
+#include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/buildrecords.h"
+#include "kelpa/spheretree/splitchoice.h"
+#include "kelpa/spheretree/static/sdspheretree.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace Kelpa {
+
+namespace {
+
+/// What one pass over a node's records tells.
+struct NodeMeasure {
+    Box spheres = Box::empty(); ///< around the records' boxes
+    float smallestRadius = 1e18F;
+};
+
+NodeMeasure measureRecords(SDSphereRecords& data, int count) {
+    NodeMeasure measure;
+    visitRecords(data, count, [&measure](SDSphereData const& record) {
+        measure.spheres.grow(record.bbox);
+        if (record.radius < measure.smallestRadius)
+            measure.smallestRadius = record.radius;
+    });
+    return measure;
+}
+
+Vector extents(Box const& box) {
+    return {box.max.x - box.min.x, box.max.y - box.min.y, box.max.z - box.min.z};
+}
+
+// Written so that a NaN in z counts as empty, too.
+bool isEmpty(Box const& box) {
+    return box.min.x > box.max.x || box.min.y > box.max.y || !(box.max.z >= box.min.z);
+}
+
+// A node hardly larger than its smallest sphere gains nothing by being split.
+bool isSmall(Box const& box, float smallestRadius, float minNodeSize) {
+    Vector const e = extents(box);
+    float const squaredDiagonal = (e.y * e.y + e.x * e.x) + e.z * e.z;
+    float const smallest = std::max(3.0F * smallestRadius, minNodeSize);
+    return squaredDiagonal < smallest * smallest;
+}
+
+/// The two planes on one axis that separate spheres: through the centre, and along the nearest
+/// bound.
+struct AxisPlanes {
+    SideCounts centre;
+    SideCounts bound;
+};
+
+/// The candidate planes of all three axes, with how many records lie on their sides.
+struct CandidatePlanes {
+    AxisPlanes axes[3];
+};
+
+CandidatePlanes countSides(NodeMeasure const& measure, SDSphereRecords& data, int count) {
+    NearestBound nearest[3];
+    for (int axis = 0; axis < 3; ++axis)
+        nearest[axis].centre = measure.spheres.max[axis] * 0.5F + measure.spheres.min[axis] * 0.5F;
+    visitRecords(data, count, [&nearest](SDSphereData const& record) {
+        for (int axis = 0; axis < 3; ++axis) {
+            nearest[axis].offer(record.bbox.min[axis]);
+            nearest[axis].offer(record.bbox.max[axis]);
+        }
+    });
+
+    CandidatePlanes planes{};
+    for (int axis = 0; axis < 3; ++axis) {
+        planes.axes[axis].centre.plane = nearest[axis].centre;
+        planes.axes[axis].bound.plane = nearest[axis].position;
+    }
+    visitRecords(data, count, [&planes](SDSphereData const& record) {
+        for (int axis = 0; axis < 3; ++axis) {
+            planes.axes[axis].centre.add(record.bbox.min[axis], record.bbox.max[axis]);
+            planes.axes[axis].bound.add(record.bbox.min[axis], record.bbox.max[axis]);
+        }
+    });
+    return planes;
+}
+
+/// Half the surface of the slice of a node's box that has a given length along one axis.
+struct SliceArea {
+    float e1; ///< extents of the box along the two other axes, in cyclic order
+    float e2;
+
+    float operator()(float length) const { return (e2 + length) * e1 + length * e2; }
+};
+
+/// The expected cost of a plane: each side's records weighted with the chance that a ray meets it.
+double splitCost(SliceArea const& area, float below, float above, SideCounts const& counts) {
+    return static_cast<double>(area(above) * static_cast<float>(counts.above) +
+                               area(below) * static_cast<float>(counts.below));
+}
+
+SplitChoice chooseSplit(NodeMeasure const& measure, CandidatePlanes const& planes, Box const& box,
+                        int count, int depth) {
+    Vector const boxExtents = extents(box);
+    Vector const sphereExtents = extents(measure.spheres);
+    float const n = static_cast<float>(count);
+    SplitChoice best;
+    for (int axis = 0; axis < 3; ++axis) {
+        if (sphereExtents[axis] < smallestSplitExtent)
+            continue;
+        SliceArea const area{boxExtents[(axis + 1) % 3], boxExtents[(axis + 2) % 3]};
+        float const low = box.min[axis];
+        float const high = box.max[axis];
+
+        // Cuts that take empty space off the box.
+        float const firstBound = measure.spheres.min[axis];
+        if (firstBound > low)
+            best.offerCut(static_cast<double>(n * area(high - firstBound)), axis, firstBound,
+                          depth);
+        float const lastBound = measure.spheres.max[axis];
+        if (lastBound < high)
+            best.offerCut(static_cast<double>(n * area(lastBound - low)), axis, lastBound, depth);
+
+        // Splits between spheres.
+        for (SideCounts const* counts : {&planes.axes[axis].centre, &planes.axes[axis].bound}) {
+            double const cost = splitCost(area, counts->plane - low, high - counts->plane, *counts);
+            best.offerSplit(cost, axis, counts->plane, depth);
+        }
+    }
+    return best;
+}
+
+Box around(Vector const& center, float radius) {
+    return {{center.x - radius, center.y - radius, center.z - radius},
+            {center.x + radius, center.y + radius, center.z + radius}};
+}
+
+void clipTo(Box& box, Box const& other) {
+    for (int axis = 0; axis < 3; ++axis) {
+        box.min[axis] = std::max(box.min[axis], other.min[axis]);
+        box.max[axis] = std::min(box.max[axis], other.max[axis]);
+    }
+}
+
+/// The two parts of a sphere that a plane cuts, each in the tightest box.
+struct CutSphere {
+    Box lower;
+    Box upper;
+};
+
+// The side with the centre keeps the sphere's full width; on the other side the sphere is no wider
+// than the disc in which the plane meets it.
+CutSphere cutSphere(Vector const& center, float radius, Box const& part, int axis, float plane) {
+    float const d = plane - center[axis];
+    float const squaredDisc = radius * radius - d * d;
+    float const disc = squaredDisc > 0.0F ? std::sqrt(squaredDisc) : 0.0F;
+    Box const whole = around(center, radius);
+    Box const narrow = around(center, disc);
+    CutSphere cut = d >= 0.0F ? CutSphere{whole, narrow} : CutSphere{narrow, whole};
+    cut.lower.min[axis] = whole.min[axis];
+    cut.lower.max[axis] = plane;
+    cut.upper.min[axis] = plane;
+    cut.upper.max[axis] = whole.max[axis];
+    // What the planes of the levels above left of the sphere stays left.
+    clipTo(cut.lower, part);
+    clipTo(cut.upper, part);
+    return cut;
+}
+
+/// Parts a node's records between the two sides of its split, cutting the spheres that straddle it;
+/// false when the build was aborted on the way.
+template <class Tree>
+bool partRecords(Tree const& tree, SplitChoice const& split, int count,
+                 Partition<SDSphereData, 20000>& parts, AbortQuestion& isAborted) {
+    int const axis = split.axis;
+    for (int i = 0; i < count; ++i) {
+        SDSphereData const* const record = parts.read();
+        if (record == nullptr) {
+            debug("[SDSphereTree] Error!\n");
+            return true;
+        }
+        if (split.position >= record->bbox.max[axis]) {
+            parts.keepLower(*record);
+        } else if (split.position <= record->bbox.min[axis]) {
+            parts.sendUpper(*record);
+        } else {
+            auto const& sphere = tree.spheres[record->sphereIndex];
+            ParticleDataWithPrimitive const& system =
+                tree.particleSystems.elements[sphere.systemIndex];
+            CutSphere const cut =
+                cutSphere(system.positions[sphere.particleIndex],
+                          system.radii[sphere.particleIndex], record->bbox, axis, split.position);
+            SDSphereData part = *record;
+            part.bbox = cut.upper;
+            if (part.bbox.min[axis] <= part.bbox.max[axis])
+                parts.sendUpper(part);
+            part.bbox = cut.lower;
+            if (part.bbox.min[axis] <= part.bbox.max[axis])
+                parts.keepLower(part);
+        }
+        if (isAborted())
+            return false;
+    }
+    return true;
+}
+
+/// The plane that splits a node, or none if it shall be a leaf.
+template <class Tree, class Subtree>
+SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& data) {
+    NodeMeasure const measure = measureRecords(data, node.count);
+    if (isEmpty(measure.spheres) ||
+        node.count <= leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
+        node.level > std::min(tree.maxDepth, levelLimit) ||
+        isSmall(node.region, measure.smallestRadius, tree.minNodeSize))
+        return {};
+    CandidatePlanes const planes = countSides(measure, data, node.count);
+    return chooseSplit(measure, planes, node.region, node.count, node.depth);
+}
+
+/// Builds one node. True when it was split: `current` is then its lower child, and its upper one is
+/// postponed or with another thread.
+template <class Tree, class Subtree>
+bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereRecords& scratch,
+                  std::vector<Subtree>& postponed, AbortQuestion& isAborted) {
+    raiseShared(tree.statMaxDepth, current.depth);
+    if (current.count < 1 || isAborted())
+        return false;
+    SplitChoice const split = decideSplit(tree, current, data);
+    if (!split.found()) {
+        tree.storeSpheres(current.node, data, current.count, current.depth);
+        return false;
+    }
+
+    auto* const children = tree.nodes.newElements(2);
+    children[0] = {};
+    children[1] = {};
+    current.node->becomeInner(split.axis, split.position, children);
+    raiseShared(tree.innerLevels, current.level);
+    Subtree lower{children, current.region, 0, split.childDepth, current.level + 1};
+    Subtree upper = lower;
+    upper.node = children + 1;
+    lower.region.max[split.axis] = split.position;
+    upper.region.min[split.axis] = split.position;
+
+    SDSphereBuildThread* const helper =
+        current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
+    Partition parts(data, helper != nullptr ? helper->data : scratch);
+    if (!partRecords(tree, split, current.count, parts, isAborted))
+        return false;
+    lower.count = parts.lowerCount;
+    upper.count = parts.upperCount;
+
+    if (helper == nullptr) {
+        postponed.push_back(upper);
+    } else {
+        helper->box = upper.region;
+        helper->node = upper.node;
+        helper->depth = upper.depth;
+        helper->level = upper.level;
+        helper->start();
+    }
+    current = lower;
+    return true;
+}
+
+} // namespace
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void SDSphereTree<Sphere, NodeBlock, LeafBlock>::storeSpheres(Node* node, SDSphereRecords& data,
+                                                              int count, int depth) {
+    StoredRun<SDLeafSphere> const run = storeRun(leafSpheres, data, count);
+    if (run.count < count)
+        debug("[SDSphereTree] Error!\n");
+    node->becomeLeaf(run.entries, run.count);
+    addShared(statNumLeaves, 1);
+    addShared(statDepthSum, depth);
+}
+
+// The two recursions of a node are unrolled: the lower child is the next node of the loop, the
+// upper one waits in a list on the heap. So a deep tree needs no deep call stack, which worker
+// threads of a host may not have.
+template <class Sphere, int NodeBlock, int LeafBlock>
+void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const& box,
+                                                           SDSphereRecords& data, int count,
+                                                           int depth, ProgressCallback* progress,
+                                                           SDSphereRecords* scratch, int level) {
+    using Subtree = PostponedSubtree<Node, Box>;
+    AbortQuestion isAborted(progress);
+    std::vector<Subtree> postponed;
+    Subtree current{node, box, count, depth, level};
+    for (;;) {
+        while (buildOneNode(*this, current, data, *scratch, postponed, isAborted))
+            continue;
+        // Once aborted, every postponed subtree is given up, each after one more question.
+        do {
+            if (postponed.empty())
+                return;
+            current = postponed.back();
+            postponed.pop_back();
+        } while (isAborted());
+        moveBack(data, *scratch, current.count);
+    }
+}
+
+template void SDSphereTree<SDSphere, 20000, 20000>::storeSpheres(Node*, SDSphereRecords&, int, int);
+template void SDSphereTree<SDSphere, 20000, 20000>::buildNode(Node*, Box const&, SDSphereRecords&,
+                                                              int, int, ProgressCallback*,
+                                                              SDSphereRecords*, int);
+
+} // namespace Kelpa

@@ -1,0 +1,118 @@
+#include "kelpa/foundation/hitkernels.h"
+#include "kelpa/spheretree/splitchoice.h"
+#include "kelpa/spheretree/static/sdspheretree.h"
+#include "kelpa/spheretree/traversal.h"
+
+#include <algorithm>
+
+namespace Kelpa {
+
+namespace {
+
+enum class ParticleType : std::int32_t { sphere = 0, point = 1 };
+
+/// From the centre to the hit, in the precision of particle arithmetic.
+Vector sphereNormal(IRay const& ray, Vector const& center, float t) {
+    Vector const toOrigin = fromTo(center, singleOrigin(ray));
+    return {toOrigin.x + ray.dir.x * t, toOrigin.y + ray.dir.y * t, toOrigin.z + ray.dir.z * t};
+}
+
+/// Offers a leaf's particles to the ray, last to first; true when one of them was hit.
+///
+/// Each hit lowers the ray's end, so later ones can only be nearer; of equally near ones the first
+/// that is asked stays.
+template <class Tree>
+bool intersectLeaf(Tree const& tree, typename Tree::Node const& leaf, SDSphereRay& ray) {
+    SDLeafSphere const* const entries = leaf.leafSpheres();
+    bool found = false;
+    for (std::int32_t k = leaf.numLeafSpheres; k-- > 0;) {
+        SDSphere& sphere = tree.spheres[entries[k].sphereIndex];
+        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.systemIndex];
+        Vector const& center = system.positions[sphere.particleIndex];
+        float const radius = system.radii[sphere.particleIndex];
+        bool const isOrigin = skipNumber(tree.singleSystem, sphere.particleIndex,
+                                         system.indexOffset) == ray.skipIndex;
+        switch (static_cast<ParticleType>(system.particles->particleType)) {
+        case ParticleType::sphere:
+            if (hitSphere(center, radius, ray, isOrigin) == 0)
+                continue;
+            ray.hit->normal = sphereNormal(ray, center, static_cast<float>(ray.tMax));
+            break;
+        case ParticleType::point:
+            if (isOrigin || hitPoint(center, radius, ray) == 0)
+                continue;
+            ray.hit->normal = {-ray.dir.x, -ray.dir.y, -ray.dir.z};
+            break;
+        default:
+            continue;
+        }
+        ray.hit->t = ray.tMax;
+        ray.hit->sphere = &sphere;
+        found = true;
+    }
+    return found;
+}
+
+/// Widens the interval in a leaf by what rounding may have taken from it on the way, but neither
+/// before the ray's own start nor beyond the best hit.
+void widenInterval(SDSphereRay& ray) {
+    ray.tMin = std::max(0.99999 * ray.tMin - 1e-5, ray.tMinStart);
+    ray.tMax = std::min(1.00001 * ray.tMax + 1e-5, ray.hit->t);
+}
+
+/// Visits the leaves that the ray passes, front to back, until none can hold a nearer hit.
+template <int Capacity, class Tree> bool findClosest(Tree const& tree, SDSphereRay& ray) {
+    using Node = typename Tree::Node;
+    PostponedChildren<Node, Capacity> postponed;
+    Node const* node = tree.root;
+    bool found = false;
+    for (;;) {
+        while (!node->isLeaf()) {
+            int const axis = node->kind();
+            int const nearChild = ray.dirSign[axis];
+            Node const* const children = node->children();
+            double const tSplit = planeParameter(ray, axis, node->splitPos);
+            double const fromStart = tSplit - ray.tMin;
+            double const fromEnd = tSplit - ray.tMax;
+            if (static_cast<float>(fromStart) * static_cast<float>(fromEnd) > 0.0F) {
+                // The plane lies before or behind the interval: one side holds all of it.
+                node = children + ((fromStart < 0.0 ? 1 : 0) ^ nearChild);
+            } else {
+                // Also where the product is not a number: then both sides are visited.
+                postponed.push(children + (1 - nearChild), tSplit, ray.tMax);
+                ray.tMax = tSplit;
+                node = children + nearChild;
+            }
+        }
+        widenInterval(ray);
+        if (intersectLeaf(tree, *node, ray))
+            found = true;
+        if (postponed.isEmpty())
+            return found;
+        // What waits deeper in the stack starts even later.
+        auto const& next = postponed.pop();
+        if (!(next.tMin <= ray.hit->t))
+            return found;
+        node = next.node;
+        ray.tMin = next.tMin;
+        ray.tMax = next.tMax;
+    }
+}
+
+} // namespace
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+int SDSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(SDSphereRay& ray) const {
+    if (!clipToBox(ray, bbox))
+        return 0;
+    bool const found = innerLevels <= usualInnerLevels ? findClosest<usualInnerLevels>(*this, ray)
+                                                       : findClosest<levelLimit>(*this, ray);
+    if (!found)
+        return 0;
+    auto const& system = particleSystems.elements[ray.hit->sphere->systemIndex];
+    return system.particles->particleType == static_cast<std::int32_t>(ParticleType::point) ? 2 : 1;
+}
+
+template int SDSphereTree<SDSphere, 20000, 20000>::intersectNode(SDSphereRay&) const;
+
+} // namespace Kelpa
