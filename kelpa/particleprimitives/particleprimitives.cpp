@@ -173,6 +173,7 @@ bool SphereTreePrimitiveTemplate<Base, Tree, B>::bunchIntersect(RayBunchExtParam
 }
 
 template class SphereTreePrimitiveTemplate<BunchPrimitive<StaticBox>, StaticSphereTree, StaticBox>;
+template class SphereTreePrimitiveTemplate<BunchPrimitive<MovingBox>, MovingSphereTree, MovingBox>;
 
 } // namespace Kelpa
 
@@ -183,6 +184,17 @@ void SphereTreePrimitiveTemplate_callBuild(Kelpa::StaticSphereTree* tree,
                                            Kelpa::ThreadManager* threadManager, int staticBounds,
                                            Kelpa::GenericPrimitive* primitive) {
     using Query = Kelpa::TreeQuery<Kelpa::StaticSphereTree>;
+    Query::registerSystem(*tree, particles0, particles1, primitive);
+    Query::build(*tree, progress, threadManager, staticBounds);
+}
+
+void SphereTreePrimitiveTemplate_callBuild(Kelpa::MovingSphereTree* tree,
+                                           Kelpa::ParticleData* particles0,
+                                           Kelpa::ParticleData* particles1,
+                                           Kelpa::ProgressCallback* progress,
+                                           Kelpa::ThreadManager* threadManager, int staticBounds,
+                                           Kelpa::GenericPrimitive* primitive) {
+    using Query = Kelpa::TreeQuery<Kelpa::MovingSphereTree>;
     Query::registerSystem(*tree, particles0, particles1, primitive);
     Query::build(*tree, progress, threadManager, staticBounds);
 }

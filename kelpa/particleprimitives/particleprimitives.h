@@ -7,6 +7,7 @@
 #include "kelpa/foundation/platform.h"
 #include "kelpa/particleprimitives/bounds.h"
 #include "kelpa/particleprimitives/primitivechain.h"
+#include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 
 #include <cstdint>
@@ -95,6 +96,11 @@ using StaticParticlePrimitive =
 extern template class SphereTreePrimitiveTemplate<BunchPrimitive<StaticBox>, StaticSphereTree,
                                                   StaticBox>;
 
+using MovingParticlePrimitive =
+    SphereTreePrimitiveTemplate<BunchPrimitive<MovingBox>, MovingSphereTree, MovingBox>;
+extern template class SphereTreePrimitiveTemplate<BunchPrimitive<MovingBox>, MovingSphereTree,
+                                                  MovingBox>;
+
 } // namespace Kelpa
 
 /// Registers a particle system with a tree that several primitives share, to be reported as
@@ -104,6 +110,12 @@ extern template class SphereTreePrimitiveTemplate<BunchPrimitive<StaticBox>, Sta
 /// and `staticBounds` are read for moving particles only.
 /// Failures as in `SphereTreePrimitiveTemplate::build`.
 void SphereTreePrimitiveTemplate_callBuild(Kelpa::StaticSphereTree* tree,
+                                           Kelpa::ParticleData* particles0,
+                                           Kelpa::ParticleData* particles1,
+                                           Kelpa::ProgressCallback* progress,
+                                           Kelpa::ThreadManager* threadManager, int staticBounds,
+                                           Kelpa::GenericPrimitive* primitive);
+void SphereTreePrimitiveTemplate_callBuild(Kelpa::MovingSphereTree* tree,
                                            Kelpa::ParticleData* particles0,
                                            Kelpa::ParticleData* particles1,
                                            Kelpa::ProgressCallback* progress,

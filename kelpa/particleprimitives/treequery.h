@@ -4,6 +4,7 @@
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/table.h"
 #include "kelpa/particleprimitives/bounds.h"
+#include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 
 #include <algorithm>
@@ -78,6 +79,66 @@ template <> struct TreeQuery<StaticSphereTree> {
             tree.particleSystems.elements[hit.sphere->systemIndex];
         return {closest.code,       hit.t,     system.primitive, hit.sphere->particleIndex,
                 system.indexOffset, hit.normal};
+    }
+};
+
+template <> struct TreeQuery<MovingSphereTree> {
+    static constexpr int primitiveType = 4915;
+
+    static void registerSystem(MovingSphereTree& tree, ParticleData* particles0,
+                               ParticleData* particles1, GenericPrimitive* primitive) {
+        if (!hasParticles(particles0) || !hasParticles(particles1))
+            return;
+        auto& systems = tree.particleSystems;
+        systems.setCount(systems.count + 1, 0);
+        systems.elements[systems.count - 1] = {particles0,
+                                               particles1,
+                                               primitive,
+                                               -1,
+                                               particles0->positions,
+                                               particles1->positions,
+                                               particles0->radii,
+                                               particles1->radii,
+                                               static_cast<float>(particles0->sampleTime),
+                                               static_cast<float>(particles1->sampleTime)};
+    }
+
+    static void build(MovingSphereTree& tree, ProgressCallback* progress, ThreadManager* manager,
+                      int staticBounds) {
+        tree.build(progress, manager, staticBounds);
+    }
+
+    static void bounds(MovingSphereTree const& tree, MovingBox& box) {
+        box = {tree.boundsTimeMin, tree.boundsTimeMax, tree.boundsBox, tree.boundsMotion};
+    }
+
+    // Dimensions 0 to 2 cut where the bounds are, 4 to 6 how they move.
+    static void cut(int dim, float pos, MovingBox& lower, MovingBox& upper) {
+        int const axis = dim & 3;
+        int const boxIndex = dim >> 2;
+        if (axis == 3 || boxIndex < 0 || boxIndex > 1)
+            return;
+        (boxIndex == 0 ? lower.bounds : lower.motion).max[axis] = pos;
+        (boxIndex == 0 ? upper.bounds : upper.motion).min[axis] = pos;
+    }
+
+    static bool isWorthAsking(MovingSphereTree const&) { return true; }
+
+    static ClosestHit closestHit(MovingSphereTree const& tree, TraceRay const& ray, double tMin,
+                                 double tMax, float time, std::int32_t skipIndex) {
+        ClosestHit closest{};
+        // Outside the time that the snapshots span there is nothing; a NaN is let through.
+        if (tree.root == nullptr || (time - tree.shutterMax) * (time - tree.shutterMin) > 0.0F)
+            return closest;
+        MBSphereHit hit{searchEnd(tMax), nullptr, {}};
+        MBSphereRay query{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit, time};
+        closest.code = tree.intersectNode(query);
+        if (closest.code == 0)
+            return closest;
+        auto const& system = tree.particleSystems.elements[hit.hitSphere->systemIndex];
+        return {closest.code,       hit.hitT,
+                system.primitive,   static_cast<std::int32_t>(hit.hitSphere->particleIndex),
+                system.indexOffset, hit.hitVector};
     }
 };
 

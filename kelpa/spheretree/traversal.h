@@ -1,6 +1,7 @@
 #pragma once
 // Internal: what both traversals do alike on their way through a tree.
 
+#include "kelpa/foundation/hitkernels.h"
 #include "kelpa/foundation/iray.h"
 #include "kelpa/foundation/vector.h"
 
@@ -62,6 +63,20 @@ inline std::int32_t skipNumber(std::int32_t singleSystem, std::int32_t particleI
         return particleIndex;
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(indexOffset) +
                                      static_cast<std::uint32_t>(particleIndex));
+}
+
+/// How the particles of a system are hit; any other number means not at all.
+enum class ParticleType : std::int32_t { sphere = 0, point = 1 };
+
+/// What a query answers for a hit on a system of this type.
+inline int hitCode(std::int32_t particleType) {
+    return static_cast<ParticleType>(particleType) == ParticleType::point ? 2 : 1;
+}
+
+/// From the centre to the hit, in the precision of particle arithmetic.
+inline Vector sphereNormal(IRay const& ray, Vector const& center, float t) {
+    Vector const toOrigin = fromTo(center, singleOrigin(ray));
+    return {toOrigin.x + ray.dir.x * t, toOrigin.y + ray.dir.y * t, toOrigin.z + ray.dir.z * t};
 }
 
 } // namespace Kelpa

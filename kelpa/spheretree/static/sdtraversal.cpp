@@ -9,14 +9,6 @@ namespace Kelpa {
 
 namespace {
 
-enum class ParticleType : std::int32_t { sphere = 0, point = 1 };
-
-/// From the centre to the hit, in the precision of particle arithmetic.
-Vector sphereNormal(IRay const& ray, Vector const& center, float t) {
-    Vector const toOrigin = fromTo(center, singleOrigin(ray));
-    return {toOrigin.x + ray.dir.x * t, toOrigin.y + ray.dir.y * t, toOrigin.z + ray.dir.z * t};
-}
-
 /// Offers a leaf's particles to the ray, last to first; true when one of them was hit.
 ///
 /// Each hit lowers the ray's end, so later ones can only be nearer; of equally near ones the first
@@ -110,7 +102,7 @@ int SDSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(SDSphereRay& ray) 
     if (!found)
         return 0;
     auto const& system = particleSystems.elements[ray.hit->sphere->systemIndex];
-    return system.particles->particleType == static_cast<std::int32_t>(ParticleType::point) ? 2 : 1;
+    return hitCode(system.particles->particleType);
 }
 
 template int SDSphereTree<SDSphere, 20000, 20000>::intersectNode(SDSphereRay&) const;

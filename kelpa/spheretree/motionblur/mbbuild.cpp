@@ -1,0 +1,337 @@
+#include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/spheretree/buildjobs.h"
+#include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/motionblur/timeboxkernels.h"
+#include "kelpa/spheretree/usableparticles.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+namespace Kelpa {
+
+void MBSphereBuildThread::start() {
+    startJob(*tree, *this);
+}
+
+void MBSphereBuildThread::proc(void*) {
+    if (tree == nullptr)
+        return;
+    try {
+        tree->buildNode(node, box, data, data.getCount(), depth, progress, &data, level);
+    } catch (...) {
+        if (failure == nullptr)
+            failure = std::current_exception();
+    }
+    data.clear();
+    finishJob(*tree, *this);
+}
+
+namespace {
+
+/// The records' particle count: what the first snapshot says, negative counts taken as none.
+std::int32_t particleCount(MovingParticleDataWithPrimitive const& system) {
+    return std::max(system.particles0->numParticles, 0);
+}
+
+/// Steps per unit of time from the first snapshot to the second. Two snapshots at one time are no
+/// motion: the particles stand where the first has them.
+float ratePerTime(MovingParticleDataWithPrimitive const& system) {
+    return system.time1 == system.time0 ? 0.0F : 1.0F / (system.time1 - system.time0);
+}
+
+Vector velocityOf(MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
+    float const rate = ratePerTime(system);
+    Vector const& p0 = system.positions0[i];
+    Vector const& p1 = system.positions1[i];
+    return {(p1.x - p0.x) * rate, (p1.y - p0.y) * rate, (p1.z - p0.z) * rate};
+}
+
+bool isUsable(ParticleData const& snapshot, Vector const* positions, float const* radii,
+              std::int32_t index) {
+    return index < snapshot.numParticles && index < snapshot.numRadii &&
+           isUsableRadius(radii[index]) && isFinite(positions[index]);
+}
+
+/// Whether a record's particle can be placed: both snapshots have it, it is of use in both, and so
+/// is the motion between them.
+bool isUsable(MovingParticleDataWithPrimitive const& system, std::int32_t index) {
+    return isUsable(*system.particles0, system.positions0, system.radii0, index) &&
+           isUsable(*system.particles1, system.positions1, system.radii1, index) &&
+           isFinite(velocityOf(system, static_cast<std::uint32_t>(index)));
+}
+
+template <class Tree> void gatherSpheres(Tree& tree) {
+    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
+        // References keep 16 bits of the system's number. Where that cuts it, the particle must be
+        // usable in the system that the reference then names, too.
+        auto const reference = static_cast<std::uint16_t>(s);
+        auto const& system = tree.particleSystems.elements[s];
+        auto const& named = tree.particleSystems.elements[reference];
+        std::int32_t const count = particleCount(system);
+        for (std::int32_t i = 0; i < count; ++i)
+            if (isUsable(system, i) && (s == reference || isUsable(named, i)))
+                tree.spheres[tree.numSpheres++] = {static_cast<std::uint32_t>(i), reference};
+    }
+}
+
+float interpolated(float a, float b, float f) {
+    return a + (b - a) * f;
+}
+
+void growBothWays(float& min, float& max, float centre, float reach) {
+    for (float const bound : {centre - reach, centre + reach}) {
+        min = bound < min ? bound : min;
+        max = bound > max ? bound : max;
+    }
+}
+
+/// A particle's bounds in the frame that moves with it, over the part of the shutter [0, 1] that
+/// its snapshots cover.
+TimeBox particleBox(MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
+    float const rate = ratePerTime(system);
+    TimeBox box = TimeBox::empty(velocityOf(system, i));
+    box.timeMin = std::max(system.time0, 0.0F);
+    box.timeMax = std::min(system.time1, 1.0F);
+    for (float const time : {box.timeMin, box.timeMax}) {
+        float const f = (time - system.time0) * rate;
+        float const radius = interpolated(system.radii0[i], system.radii1[i], f);
+        for (int axis = 0; axis < 3; ++axis) {
+            float const centre =
+                interpolated(system.positions0[i][axis], system.positions1[i][axis], f) -
+                box.velocity[axis] * time;
+            growBothWays(box.box.min[axis], box.box.max[axis], centre, radius);
+        }
+    }
+    return box;
+}
+
+/// Makes one build record per sphere and the world box around all.
+template <class Tree> void makeRecords(Tree& tree, MBSphereRecords& records) {
+    for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
+        auto const& sphere = tree.spheres[k];
+        auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+        MBSphereData& record = *records.newElement();
+        record.sphereIndex = static_cast<std::uint32_t>(k);
+        record.bbox = particleBox(system, sphere.particleIndex);
+        record.radius = system.radii0[sphere.particleIndex];
+        tree.rootBox.grow(inFrame(record.bbox, {0.0F, 0.0F, 0.0F}));
+    }
+}
+
+/// Grows the moving bounds by a particle's bounds at time 0 and by their rate of change.
+template <class Tree>
+void growMovingBounds(Tree& tree, MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
+    float const rate = ratePerTime(system);
+    Vector const velocity = velocityOf(system, i);
+    float const radiusRate = (system.radii1[i] - system.radii0[i]) * rate;
+    float const radiusAtZero = system.radii0[i] - radiusRate * system.time0;
+    for (int axis = 0; axis < 3; ++axis) {
+        float const atZero = system.positions0[i][axis] - velocity[axis] * system.time0;
+        growBothWays(tree.boundsBox.min[axis], tree.boundsBox.max[axis], atZero, radiusAtZero);
+        growBothWays(tree.boundsMotion.min[axis], tree.boundsMotion.max[axis], velocity[axis],
+                     radiusRate);
+    }
+}
+
+template <class Tree> void findBounds(Tree& tree, int staticBounds) {
+    if (staticBounds != 0)
+        tree.boundsMotion = {};
+    for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
+        auto const& sphere = tree.spheres[k];
+        std::uint32_t const i = sphere.particleIndex;
+        auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+        tree.boundsTimeMin = std::min(tree.boundsTimeMin, system.time0);
+        tree.boundsTimeMax = std::max(tree.boundsTimeMax, system.time1);
+        if (staticBounds == 0) {
+            growMovingBounds(tree, system, i);
+            continue;
+        }
+        for (int axis = 0; axis < 3; ++axis) {
+            float& min = tree.boundsBox.min[axis];
+            float& max = tree.boundsBox.max[axis];
+            growBothWays(min, max, system.positions0[i][axis], system.radii0[i]);
+            growBothWays(min, max, system.positions1[i][axis], system.radii1[i]);
+        }
+    }
+}
+
+template <class Tree> void releaseThreads(Tree& tree) {
+    delete[] tree.threads;
+    tree.threads = nullptr;
+}
+
+/// Everything that a build makes, but not what it is made from.
+template <class Tree> void releaseTree(Tree& tree) {
+    releaseThreads(tree);
+    delete[] tree.spheres;
+    tree.spheres = nullptr;
+    tree.numSpheres = 0;
+    tree.numParticles = 0;
+    tree.nodes.freeData();
+    tree.leafSpheres.freeData();
+    tree.root = nullptr;
+}
+
+template <class Tree> void allocateSpheres(Tree& tree) {
+    std::int64_t total = 0;
+    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
+        total += particleCount(tree.particleSystems.elements[s]);
+    tree.numParticles = checkedTotal(total);
+    tree.spheres = new (std::nothrow) MBSphere[static_cast<std::size_t>(total)];
+    if (tree.spheres == nullptr)
+        throwOutOfMemory();
+}
+
+template <class Tree> void findShutter(Tree& tree) {
+    tree.shutterMin = 1e9F;
+    tree.shutterMax = -1e9F;
+    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
+        tree.shutterMin = std::min(tree.shutterMin, tree.particleSystems.elements[s].time0);
+        tree.shutterMax = std::max(tree.shutterMax, tree.particleSystems.elements[s].time1);
+    }
+}
+
+template <class Tree>
+void createThreads(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
+    // Without a manager there is one job, which runs where the build was called.
+    bool const isThreaded = tree.multiThreaded != 0 && tree.threadManager != nullptr;
+    tree.numThreads = isThreaded ? std::max(getNumProcessors(), 1) : 1;
+    report.info(0, progressLevel, "Creating and initializing %i thread(s).\n", tree.numThreads);
+    tree.threads =
+        new (std::nothrow) MBSphereBuildThread[static_cast<std::size_t>(tree.numThreads)];
+    if (tree.threads == nullptr)
+        throwOutOfMemory();
+    for (std::int32_t i = 0; i < tree.numThreads; ++i) {
+        tree.threads[i].tree = &tree;
+        tree.threads[i].progress = progress;
+    }
+}
+
+/// Runs the root job and all that come of it on the manager's threads, and waits for their end.
+template <class Tree> void runJobs(Tree& tree, ProgressCallback& report) {
+    report.info(0, progressLevel, "Creating 'done' event.\n");
+    JobResources<Tree> const resources(tree, 0);
+    report.info(0, progressLevel, "Starting first thread.\n");
+    MBSphereBuildThread& first = tree.threads[0];
+    first.box = tree.rootBox;
+    first.node = tree.root;
+    first.depth = 1;
+    first.level = 1;
+    {
+        // Nothing, not even a host's exception, passes the end of this block before all jobs have.
+        JobsInFlight<Tree> const jobs(tree);
+        first.start();
+        report.info(0, progressLevel, "Waiting for thread completion.\n");
+    }
+    report.info(0, progressLevel, "Releasing thread resources.\n");
+}
+
+// Only the first line ends in a newline; hosts that show statistics as a list end the others.
+template <class Tree> void printStatistics(Tree& tree, ProgressCallback& report) {
+    report.info(0, statisticsLevel, "MBSphereTree statistics:\n");
+    report.info(0, statisticsLevel, "  Memory usage: %u MB", wholeMegabytes(tree.getMemUsage()));
+    report.info(0, statisticsLevel, "  Number of particle systems : %i",
+                tree.particleSystems.count);
+    report.info(0, statisticsLevel, "  Total number of spheres stored: %i (%u MB)", tree.numSpheres,
+                wholeMegabytes(sizeof(MBSphere) * static_cast<std::uint64_t>(tree.numParticles)));
+    report.info(0, statisticsLevel, "  Max tree depth: %i", tree.statMaxDepth);
+    report.info(0, statisticsLevel, "  Number of tree nodes: %i (%u MB)", tree.nodes.getCount(),
+                wholeMegabytes(tree.nodes.getMemUsage()));
+    report.info(0, statisticsLevel, "  Number of leaf spheres: %i (%u MB)",
+                tree.leafSpheres.getCount(), wholeMegabytes(tree.leafSpheres.getMemUsage()));
+}
+
+template <class Tree>
+void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, int staticBounds) {
+    SilentProgress silence;
+    ProgressCallback& report = progress != nullptr ? *progress : silence;
+
+    auto const& systems = tree.particleSystems;
+    tree.singleSystem = systems.count == 1 && systems.elements[0].indexOffset == -1 ? 1 : 0;
+    findShutter(tree);
+    allocateSpheres(tree);
+    gatherSpheres(tree);
+    tree.statMaxDepth = 0;
+    tree.rootBox = TimeBox::empty({0.0F, 0.0F, 0.0F});
+    tree.boundsTimeMin = 1e20F;
+    tree.boundsTimeMax = -1e20F;
+    tree.boundsBox = Box::empty();
+    tree.boundsMotion = Box::empty();
+    if (tree.numSpheres == 0)
+        return;
+
+    tree.root = tree.nodes.newElement();
+    *tree.root = {};
+    tree.threadManager = manager;
+    createThreads(tree, progress, report);
+    tree.numRunning = 0;
+    std::uint64_t const bytes = sizeof(MBSphereData) * static_cast<std::uint64_t>(tree.numSpheres);
+    report.info(0, progressLevel,
+                "Allocating memory for build data of %i spheres (%i bytes, %.1f MB).\n",
+                tree.numSpheres, printableBytes(bytes),
+                static_cast<double>(static_cast<float>(bytes) * 0x1p-20F));
+    MBSphereRecords& records = claimIdleThread(tree)->data;
+    report.info(0, progressLevel, "Initializing sphere build data.\n");
+    makeRecords(tree, records);
+    findBounds(tree, staticBounds);
+    widenByMargin(tree.rootBox.box);
+    runJobs(tree, report);
+    rethrowFirstFailure(tree);
+    printStatistics(tree, report);
+    releaseThreads(tree);
+}
+
+} // namespace
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+MBSphereTree<Sphere, NodeBlock, LeafBlock>::MBSphereTree() {
+    particleSystems.setCount(1, 1);
+    particleSystems.setCount(0, 1);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+MBSphereTree<Sphere, NodeBlock, LeafBlock>::~MBSphereTree() {
+    MBSphereTree::freeData();
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void MBSphereTree<Sphere, NodeBlock, LeafBlock>::freeData() {
+    releaseTree(*this);
+    particleSystems.freeData();
+    numThreads = 0;
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+std::uint64_t MBSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
+    return nodes.getMemUsage() + leafSpheres.getMemUsage() +
+           sizeof(Sphere) * static_cast<std::uint64_t>(numParticles);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void MBSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progress,
+                                                       ThreadManager* manager, int, int) {
+    build(progress, manager, 1);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void MBSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progress,
+                                                       ThreadManager* manager, int staticBounds) {
+    releaseTree(*this);
+    try {
+        buildAnew(*this, progress, manager, staticBounds);
+    } catch (std::bad_alloc const&) {
+        releaseTree(*this);
+        throwOutOfMemory();
+    } catch (...) {
+        releaseTree(*this);
+        throw;
+    }
+}
+
+template class MBSphereTree<MBSphere, 20000, 20000>;
+
+MovingSphereTree::~MovingSphereTree() = default;
+
+} // namespace Kelpa

@@ -1,0 +1,115 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/iray.h"
+#include "kelpa/foundation/vector.h"
+#include "kelpa/spheretree/motionblur/timebox.h"
+#include "kelpa/spheretree/taggedlink.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace Kelpa {
+
+/// One usable particle: where to find its centres and radii.
+struct MBSphere {
+    std::uint32_t particleIndex; ///< in its particle system
+    std::uint16_t systemIndex;   ///< in the tree's `particleSystems`
+};
+static_assert(sizeof(MBSphere) == 8);
+
+/// What the builder works on: one sphere, or the part of it in one node.
+struct MBSphereData {
+    std::uint32_t sphereIndex; ///< in the tree's `spheres`
+    TimeBox bbox;              ///< bounds of the part: a whole sphere's move with the sphere
+    float radius;              ///< in the first snapshot
+};
+static_assert(sizeof(MBSphereData) == 52);
+
+/// One entry of a leaf; the entries of a leaf lie one behind the other.
+struct MBLeafSphere {
+    std::uint32_t sphereIndex; ///< in the tree's `spheres`
+};
+static_assert(sizeof(MBLeafSphere) == 4);
+
+#pragma pack(push, 4)
+/// One tree node. A leaf keeps a count and its run of entries, an inner node a plane and its pair
+/// of children: first what lies below the plane, then what lies above. A new node is an empty leaf.
+///
+/// Packed to multiples of 4, which misaligns `link`: read and write it by value only.
+struct MBSphereNode {
+    static constexpr std::uint32_t leafBits = 0xFF800000U; ///< as a float, -infinity
+    static constexpr std::int32_t mostLeafSpheres = 0x007FFFFF;
+    static constexpr int timeKind = 3;
+
+    union {
+        /// Leaf: `leafBits` and the number of entries, as a float -infinity or a negative NaN.
+        std::uint32_t leafWord = leafBits;
+        float splitPos; ///< inner: where the plane cuts its axis, in the node's frame
+    };
+    std::uint64_t link = 0; ///< inner: kind (axis; 3: time) and address; leaf: address
+    Vector velocity = {0.0F, 0.0F, 0.0F}; ///< of the node's frame: the mean of its records
+
+    int kind() const { return linkKind(link); }
+    bool isLeaf() const { return (firstWord() & leafBits) == leafBits; }
+    std::int32_t numLeafSpheres() const {
+        return static_cast<std::int32_t>(firstWord() & ~leafBits);
+    }
+    MBSphereNode* children() const { return linkTarget<MBSphereNode>(link); }
+    MBLeafSphere* leafSpheres() const { return linkTarget<MBLeafSphere>(link); }
+
+    /// `count` must not exceed `mostLeafSpheres`.
+    void becomeLeaf(MBLeafSphere const* run, std::int32_t count) {
+        leafWord = leafBits | static_cast<std::uint32_t>(count);
+        link = makeLink(run, 0);
+    }
+    void becomeInner(int axis, float position, MBSphereNode const* pair) {
+        splitPos = position;
+        link = makeLink(pair, axis);
+    }
+
+  private:
+    // Whichever member of the union is in use.
+    std::uint32_t firstWord() const {
+        std::uint32_t word;
+        std::memcpy(&word, this, sizeof word);
+        return word;
+    }
+};
+#pragma pack(pop)
+static_assert(sizeof(MBSphereNode) == 24); // one load per step of a traversal
+
+/// One registered particle system: two snapshots of the same particles, matched by index. The
+/// arrays belong to the host.
+struct MovingParticleDataWithPrimitive {
+    ParticleData* particles0; ///< its `particleType` and `numParticles` count
+    ParticleData* particles1;
+    GenericPrimitive* primitive; ///< reported with hits on this system
+    /// Added to a particle's index to form the reported one; -1 marks a system that is alone in its
+    /// tree, whose primitive adds its own base instead.
+    std::int32_t indexOffset;
+    Vector const* positions0;
+    Vector const* positions1;
+    float const* radii0;
+    float const* radii1;
+    float time0; ///< when the snapshots were taken
+    float time1;
+};
+
+/// The closest hit of a query.
+struct MBSphereHit {
+    double hitT;         ///< starts at the smaller of 1e30F and the ray's end
+    MBSphere* hitSphere; ///< null until there is a hit
+    Vector hitVector;    ///< not normalised
+};
+
+/// A ray on its way through the tree. Its `origin` is the world's in leaves and on return.
+struct MBSphereRay : IRay {
+    std::int32_t skipIndex; ///< number of the particle that the ray starts on
+    double rayTMin;         ///< the interval as the caller set it
+    double rayTMax;
+    MBSphereHit* hitRecord;
+    float rayTime;
+};
+
+} // namespace Kelpa

@@ -1,0 +1,140 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/lock.h"
+#include "kelpa/foundation/platform.h"
+#include "kelpa/foundation/sequence.h"
+#include "kelpa/foundation/table.h"
+#include "kelpa/foundation/vector.h"
+#include "kelpa/spheretree/geomtreebase.h"
+#include "kelpa/spheretree/motionblur/mbrecords.h"
+#include "kelpa/spheretree/motionblur/timebox.h"
+
+#include <cstdint>
+#include <exception>
+
+namespace Kelpa {
+
+template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree;
+
+using MBSphereRecords = SequenceST<MBSphereData, 20000>;
+
+/// A worker's share of a build: one subtree at a time.
+class MBSphereBuildThread : public ThreadProcedure {
+  public:
+    /// Builds the subtree that the members below describe. A failure is kept in `failure`.
+    void proc(void* parameter) override;
+
+    /// Counts the job as running and hands it to the thread manager; a manager that refuses it (by
+    /// an exception) has it done here and now.
+    void start();
+
+    MBSphereTree<MBSphere, 20000, 20000>* tree = nullptr; ///< null outside a build
+    std::int32_t busy = 0; ///< 1 while claimed by a job; under the tree's `threadLock`
+    ProgressCallback* progress = nullptr;
+    MBSphereRecords data;
+    TimeBox box;
+    MBSphereNode* node = nullptr;
+    std::int32_t depth = 0;
+    std::int32_t level = 0;
+    std::exception_ptr failure; ///< what ended a job early; rethrown by the thread that builds
+};
+
+/// A tree over moving spheres that splits space and time. Every node moves with the mean velocity
+/// of its spheres and sees them in its own frame, where their bounds are tight.
+///
+/// Fill `particleSystems`, build, then ask from any number of threads. While it is being built,
+/// freed or destroyed nobody may ask it.
+///
+/// The tree covers the times from 0 to 1: sample times are meant to be fractions of the shutter,
+/// the earlier one first. Other times cost memory and may lose hits outside [0, 1]. A system whose
+/// two times are the same stands still, where its first snapshot is, and is hit at that time only.
+///
+/// The plane of a node is chosen among four candidates per axis, time included, by the surface area
+/// heuristic weighted with duration (compare A. Glassner, "Spacetime Ray Tracing for Animation",
+/// IEEE CG&A 8(2), 1988, for the four-dimensional view).
+template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : public GeomTreeBase {
+  public:
+    using Node = MBSphereNode;
+
+    /// Throws `ExceptionMsg` when memory runs out.
+    MBSphereTree();
+    MBSphereTree(MBSphereTree const&) = delete;
+    MBSphereTree& operator=(MBSphereTree const&) = delete;
+    ~MBSphereTree() override;
+
+    void freeData() override;
+    std::uint64_t getMemUsage() const override;
+
+    /// The same as `build(progress, manager, 1)`.
+    void build(ProgressCallback* progress, ThreadManager* manager, int, int) override;
+
+    /// Builds the tree from `particleSystems`, in place of what it held.
+    ///
+    /// `progress` may be null. All work is done on the manager's threads while this one waits;
+    /// without a manager it is done here. With `staticBounds` the moving bounds do not move.
+    /// Particles are left out when a centre or radius of either snapshot is not finite, a radius
+    /// below 1e-15, the second snapshot has no such particle, or the motion between the two is
+    /// beyond single precision.
+    /// An abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory
+    /// runs out on any thread, when there are more particles, nodes or leaf entries than 2^31 - 1,
+    /// or when a leaf would need more than 2^23 - 1 entries; whatever is thrown, all jobs have
+    /// ended by then, and the tree is empty and can be built again.
+    void build(ProgressCallback* progress, ThreadManager* manager, int staticBounds);
+
+    /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
+    /// records of `data`.
+    ///
+    /// `depth` counts the splits above that separated spheres, `level` all of them. `scratch`
+    /// receives records that wait for their turn and may be `data` itself. Whatever the parameters,
+    /// a subtree ends at level 1024.
+    void buildNode(Node* node, TimeBox const& box, MBSphereRecords& data, int count, int depth,
+                   ProgressCallback* progress, MBSphereRecords* scratch, int level);
+
+    /// Turns `node`, whose velocity is set, into a leaf with the first `count` records of `data`.
+    void storeSpheres(Node* node, MBSphereRecords& data, int count);
+
+    /// Finds the closest hit of a ray at its time: 0 none, 1 on a sphere, 2 on a point, described
+    /// in `ray.hitRecord`.
+    ///
+    /// The tree must have a root, and `rayTime` lie between `shutterMin` and `shutterMax`. Writes
+    /// only `ray` and its hit record.
+    int intersectNode(MBSphereRay& ray) const;
+
+    std::int32_t maxDepth = 80;     ///< deepest level that is split
+    float leafSizeFactor = 1.0F;    ///< growth of leaves with depth
+    float minNodeSize = 0.0F;       ///< nodes with a smaller diagonal become leaves
+    std::int32_t multiThreaded = 1; ///< build with as many threads as there are processors
+    TimeBox rootBox;                ///< all spheres in the world's frame, a little widened
+    float boundsTimeMin = 0.0F;     ///< the moving bounds, as in `MovingBox`
+    float boundsTimeMax = 0.0F;
+    Box boundsBox;
+    Box boundsMotion;
+    std::int32_t numSpheres = 0;   ///< usable particles
+    std::int32_t numParticles = 0; ///< particles, usable or not: the length of `spheres`
+    Sphere* spheres = nullptr;     ///< owned
+    Sequence<Node, NodeBlock> nodes;
+    Sequence<MBLeafSphere, LeafBlock> leafSpheres;
+    Node* root = nullptr;          ///< from `nodes`; null when there are no spheres
+    std::int32_t statMaxDepth = 0; ///< deepest level; raised by several threads, atomically
+    FastCriticalSection threadLock;
+    std::int32_t numRunning = 0; ///< build jobs that have been handed over and have not ended
+    std::int32_t numThreads = 0; ///< length of `threads`
+    MBSphereBuildThread* threads = nullptr; ///< owned; exist only during a build
+    void* doneEvent = nullptr;              ///< pulsed when `numRunning` drops to 0
+    ThreadManager* threadManager = nullptr;
+    Table<MovingParticleDataWithPrimitive, 1000> particleSystems;
+    float shutterMin = 0.0F; ///< earliest `time0` and latest `time1` of all systems
+    float shutterMax = 0.0F;
+    std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
+};
+
+extern template class MBSphereTree<MBSphere, 20000, 20000>;
+
+/// The tree of the primitive for moving particles.
+class MovingSphereTree : public MBSphereTree<MBSphere, 20000, 20000> {
+  public:
+    ~MovingSphereTree() override;
+};
+
+} // namespace Kelpa
