@@ -66,18 +66,24 @@ template <ThreadedBuild Tree> auto* claimThreadIfWorthwhile(Tree& tree) {
 /// Counts a claimed thread's job as running and hands it to the thread manager.
 ///
 /// The job is counted before it is handed over, and every job counts those it starts before it
-/// uncounts itself: so a count of zero means that all work is done. A manager that refuses the job
-/// has it run here: the work is lost for nobody, only later.
+/// uncounts itself: so a count of zero means that all work is done. Without a manager, or when it
+/// refuses the job by an exception, the job runs here.
 template <ThreadedBuild Tree> void startJob(Tree& tree, ThreadProcedure& job) {
     {
         LockScope const scope(tree.threadLock);
         addShared(tree.numRunning, 1);
     }
-    try {
-        tree.threadManager->runThread(&job, nullptr);
-    } catch (...) {
-        job.proc(nullptr);
+    bool isHandedOver = false;
+    if (tree.threadManager != nullptr) {
+        try {
+            tree.threadManager->runThread(&job, nullptr);
+            isHandedOver = true;
+        } catch (...) {
+            // Refused.
+        }
     }
+    if (!isHandedOver)
+        job.proc(nullptr);
 }
 
 /// Ends a job. From then on the thread that ran it touches nothing of the job or of the tree: the

@@ -1,6 +1,7 @@
 #pragma once
 // Internal: what both builders use to decide between a leaf and a split, and between splits.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -17,6 +18,16 @@ inline constexpr int handOffThreshold = 1500;
 
 /// Axes along which the spheres extend less than this are not split.
 inline constexpr float smallestSplitExtent = 1e-6F;
+
+/// Leaf entries after which a tree is split no further: what is left to build becomes leaves.
+///
+/// Ordinary scenes need 3 to 16 entries a sphere. Thousands of small spheres inside thousands of
+/// large ones, or moving spheres at times for which their tree is not meant, ask for the product of
+/// both and more; they get a slow tree instead of all memory.
+inline std::int64_t entryBudget(std::int32_t numSpheres) {
+    constexpr std::int64_t least = std::int64_t{1} << 27;
+    return std::max(least, 256 * static_cast<std::int64_t>(numSpheres));
+}
 
 /// Truncates towards zero; values beyond what an int can hold become its bounds, NaN its lowest.
 inline std::int32_t truncateToInt(float value) {

@@ -152,6 +152,7 @@ NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords&
     }
 
     if (node.level > std::min(tree.maxDepth, levelLimit) ||
+        tree.leafSpheres.getCount() > entryBudget(tree.numSpheres) ||
         node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
         isSmall(decision.region.box, measure.smallestRadius, tree.minNodeSize))
         return decision;

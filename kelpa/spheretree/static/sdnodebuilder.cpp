@@ -208,6 +208,7 @@ SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& 
     if (isEmpty(measure.spheres) ||
         node.count <= leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
         node.level > std::min(tree.maxDepth, levelLimit) ||
+        tree.leafSpheres.getCount() > entryBudget(tree.numSpheres) ||
         isSmall(node.region, measure.smallestRadius, tree.minNodeSize))
         return {};
     CandidatePlanes const planes = countSides(measure, data, node.count);
