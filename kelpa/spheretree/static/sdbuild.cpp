@@ -1,11 +1,15 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
+#include "kelpa/spheretree/traversal.h"
 #include "kelpa/spheretree/usableparticles.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <new>
+#include <vector>
 
 namespace Kelpa {
 
@@ -86,6 +90,9 @@ template <class Tree> void releaseTree(Tree& tree) {
     tree.nodes.freeData();
     tree.leafSpheres.freeData();
     tree.root = nullptr;
+    std::free(tree.packedLeaves);
+    tree.packedLeaves = nullptr;
+    tree.packedFloats = 0;
 }
 
 template <class Tree> void allocateSpheres(Tree& tree) {
@@ -157,6 +164,72 @@ void buildHere(Tree& tree, ProgressCallback* progress, ProgressCallback& report)
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
 }
 
+template <class Tree> bool holdsOnlySpheres(Tree const& tree) {
+    auto const* const systems = tree.particleSystems.elements;
+    return std::all_of(systems, systems + tree.particleSystems.count, [](auto const& system) {
+        return system.particles->particleType == static_cast<std::int32_t>(ParticleType::sphere);
+    });
+}
+
+/// Copies a leaf's spheres to `packs` from `position` on; returns the position behind the copy.
+template <class Tree>
+std::uint64_t packLeaf(Tree const& tree, typename Tree::Node& leaf, float* packs,
+                       std::uint64_t position) {
+    std::int32_t const count = leaf.numLeafSpheres;
+    SDLeafSphere const* const entries = leaf.leafSpheres();
+    auto const radiusOf = [&](std::int32_t k) {
+        auto const& sphere = tree.spheres[entries[k].sphereIndex];
+        return tree.particleSystems.elements[sphere.systemIndex].radii[sphere.particleIndex];
+    };
+    float* const radii = packs + position;
+    bool hasEqualRadii = true;
+    for (std::int32_t k = 0; k < count; ++k) {
+        radii[k] = radiusOf(k);
+        hasEqualRadii = hasEqualRadii && radii[k] == radii[0];
+    }
+    float* const x = radii + (hasEqualRadii ? 1 : count);
+    for (std::int32_t k = 0; k < count; ++k) {
+        auto const& sphere = tree.spheres[entries[k].sphereIndex];
+        Vector const& center =
+            tree.particleSystems.elements[sphere.systemIndex].positions[sphere.particleIndex];
+        for (int axis = 0; axis < 3; ++axis)
+            x[axis * count + k] = center[axis];
+    }
+    leaf.packWord = LeafPack::at(position, hasEqualRadii).word;
+    return static_cast<std::uint64_t>(x + 3 * count - packs);
+}
+
+/// Makes the packed copies of all leaves, along the tree, so that leaves that a ray passes one
+/// after the other mostly lie near each other. Does nothing when memory is short.
+template <class Tree> void packLeaves(Tree& tree) {
+    // Position 0 is kept free: it means that there is no copy.
+    std::uint64_t const most = 1 + 4 * static_cast<std::uint64_t>(tree.leafSpheres.count) +
+                               static_cast<std::uint64_t>(packPadding);
+    if (most > LeafPack::lastPosition)
+        return;
+    auto* const packs = static_cast<float*>(std::malloc(most * sizeof(float)));
+    if (packs == nullptr)
+        return;
+    packs[0] = 0.0F;
+    std::uint64_t end = 1;
+    std::vector<typename Tree::Node*> waiting{tree.root};
+    while (!waiting.empty()) {
+        auto* const node = waiting.back();
+        waiting.pop_back();
+        if (!node->isLeaf()) {
+            waiting.push_back(node->children() + 1);
+            waiting.push_back(node->children());
+        } else if (node->numLeafSpheres > 0) {
+            end = packLeaf(tree, *node, packs, end);
+        }
+    }
+    for (std::int32_t i = 0; i < packPadding; ++i)
+        packs[end++] = 0.0F;
+    auto* const shrunk = static_cast<float*>(std::realloc(packs, end * sizeof(float)));
+    tree.packedLeaves = shrunk != nullptr ? shrunk : packs;
+    tree.packedFloats = end;
+}
+
 // Averages over no leaves, which only an early abort leaves behind, print as what 0 / 0 gives.
 float average(std::int32_t sum, std::int32_t count) {
     return static_cast<float>(sum) / static_cast<float>(count);
@@ -212,6 +285,8 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
         buildThreaded(tree, progress, report);
     else
         buildHere(tree, progress, report);
+    if (tree.packLeaves != 0 && holdsOnlySpheres(tree))
+        packLeaves(tree);
     printStatistics(tree, report);
     releaseThreads(tree);
 }

@@ -39,6 +39,8 @@ template <class Sphere> struct SDSphereNode {
         std::int32_t numLeafSpheres = 0; ///< leaf: entries in the run
         float splitPos;                  ///< inner: where the plane cuts its axis
     };
+    /// Leaf: where its packed copy lies; 0: nowhere. Lies where the node would be padded.
+    std::uint32_t packWord = 0;
     std::uint64_t link = leafKind; ///< kind (0, 1, 2: axis of the plane; 3: leaf) and address
 
     int kind() const { return linkKind(link); }

@@ -92,6 +92,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// The tree must have a root and spheres. Writes only `ray` and its hit record.
     int intersectNode(SDSphereRay& ray) const;
 
+    /// Bytes of the packed leaves, which `getMemUsage` does not count.
+    std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
+
     float leafSizeFactor = 2.0F;     ///< growth of leaves with depth
     float minNodeSize = 0.0F;        ///< nodes with a smaller diagonal become leaves
     std::int32_t maxDepth = 60;      ///< deepest level that is split
@@ -117,6 +120,12 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
     /// Inner nodes on the longest path from the root: what a traversal may have to postpone.
     std::int32_t innerLevels = 0;
+    /// Copy each leaf's spheres into packs, which queries then test many at a time; the hits are
+    /// the same without. Read by `build`; a tree that cannot be packed (it holds points, or memory
+    /// is short) is asked through its entries.
+    std::int32_t packLeaves = 1;
+    float* packedLeaves = nullptr;  ///< owned; null: not packed
+    std::uint64_t packedFloats = 0; ///< length of `packedLeaves`
 };
 
 extern template class SDSphereTree<SDSphere, 20000, 20000>;

@@ -1,9 +1,11 @@
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/splitchoice.h"
+#include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/traversal.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace Kelpa {
 
@@ -45,6 +47,46 @@ bool intersectLeaf(Tree const& tree, typename Tree::Node const& leaf, SDSphereRa
     return found;
 }
 
+/// Offers a packed leaf's spheres to the ray, last to first; true when one of them was hit.
+///
+/// Finds what `intersectLeaf` finds: the filter rules out only what `hitSphere` misses, and the
+/// rest is asked in the same order.
+template <class Tree>
+bool intersectPackedLeaf(Tree const& tree, typename Tree::Node const& leaf, SphereFilter filter,
+                         RayFilter& rayFilter, SDSphereRay& ray) {
+    std::int32_t const count = leaf.numLeafSpheres;
+    PackedSpheres const packed(tree.packedLeaves, LeafPack{leaf.packWord}, count);
+    rayFilter.setInterval(ray);
+    bool found = false;
+    for (std::int32_t first = (count - 1) / packWidth * packWidth; first >= 0; first -= packWidth) {
+        std::uint32_t possible =
+            filter(rayFilter, packed, first, std::min(count - first, packWidth));
+        while (possible != 0) {
+            auto const highest = static_cast<std::int32_t>(std::bit_width(possible) - 1);
+            possible ^= 1U << highest;
+            std::int32_t const k = first + highest;
+            Vector const center = packed.center(k);
+            double const tMax = ray.tMax;
+            if (hitSphere(center, packed.radius(k), ray, false) == 0)
+                continue; // and starting on it would be a miss, too
+            SDSphere& sphere = tree.spheres[leaf.leafSpheres()[k].sphereIndex];
+            auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+            if (skipNumber(tree.singleSystem, sphere.particleIndex, system.indexOffset) ==
+                ray.skipIndex) {
+                ray.tMax = tMax;
+                if (hitSphere(center, packed.radius(k), ray, true) == 0)
+                    continue;
+            }
+            ray.hit->normal = sphereNormal(ray, center, static_cast<float>(ray.tMax));
+            ray.hit->t = ray.tMax;
+            ray.hit->sphere = &sphere;
+            rayFilter.setInterval(ray);
+            found = true;
+        }
+    }
+    return found;
+}
+
 /// Widens the interval in a leaf by what rounding may have taken from it on the way, but neither
 /// before the ray's own start nor beyond the best hit.
 void widenInterval(SDSphereRay& ray) {
@@ -57,6 +99,8 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, SDSphereR
     using Node = typename Tree::Node;
     PostponedChildren<Node, Capacity> postponed;
     Node const* node = tree.root;
+    SphereFilter const filter = chosenSphereFilter();
+    RayFilter rayFilter(ray);
     bool found = false;
     for (;;) {
         while (!node->isLeaf()) {
@@ -77,7 +121,9 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, SDSphereR
             }
         }
         widenInterval(ray);
-        if (intersectLeaf(tree, *node, ray))
+        if (node->packWord != LeafPack::none
+                ? intersectPackedLeaf(tree, *node, filter, rayFilter, ray)
+                : intersectLeaf(tree, *node, ray))
             found = true;
         if (postponed.isEmpty())
             return found;
