@@ -3,10 +3,11 @@
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/motionblur/timeboxkernels.h"
+#include "kelpa/spheretree/traversal.h"
 #include "kelpa/spheretree/usableparticles.h"
 
 #include <algorithm>
-#include <cmath>
+#include <cstdlib>
 #include <new>
 
 namespace Kelpa {
@@ -172,6 +173,9 @@ template <class Tree> void releaseTree(Tree& tree) {
     tree.nodes.freeData();
     tree.leafSpheres.freeData();
     tree.root = nullptr;
+    std::free(tree.packedSpheres);
+    tree.packedSpheres = nullptr;
+    tree.packedFloats = 0;
 }
 
 template <class Tree> void allocateSpheres(Tree& tree) {
@@ -228,6 +232,36 @@ template <class Tree> void runJobs(Tree& tree, ProgressCallback& report) {
     report.info(0, progressLevel, "Releasing thread resources.\n");
 }
 
+/// Whether one interpolation serves all spheres.
+template <class Tree> bool canPack(Tree const& tree) {
+    auto const* const systems = tree.particleSystems.elements;
+    return std::all_of(systems, systems + tree.particleSystems.count, [&](auto const& system) {
+        return system.time0 == systems[0].time0 && system.time1 == systems[0].time1 &&
+               system.particles0->particleType == static_cast<std::int32_t>(ParticleType::sphere);
+    });
+}
+
+/// Copies both states of every sphere to one place. Does nothing when memory is short.
+template <class Tree> void packSpheres(Tree& tree) {
+    std::uint64_t const floats = 8 * static_cast<std::uint64_t>(tree.numSpheres);
+    auto* const packs = static_cast<float*>(std::aligned_alloc(32, floats * sizeof(float)));
+    if (packs == nullptr)
+        return;
+    for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
+        std::uint32_t const i = tree.spheres[k].particleIndex;
+        auto const& system = tree.particleSystems.elements[tree.spheres[k].systemIndex];
+        float* const states = packs + 8 * static_cast<std::ptrdiff_t>(k);
+        for (int axis = 0; axis < 3; ++axis) {
+            states[axis] = system.positions0[i][axis];
+            states[4 + axis] = system.positions1[i][axis];
+        }
+        states[3] = system.radii0[i];
+        states[7] = system.radii1[i];
+    }
+    tree.packedSpheres = packs;
+    tree.packedFloats = floats;
+}
+
 // Only the first line ends in a newline; hosts that show statistics as a list end the others.
 template <class Tree> void printStatistics(Tree& tree, ProgressCallback& report) {
     report.info(0, statisticsLevel, "MBSphereTree statistics:\n");
@@ -279,6 +313,8 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     widenByMargin(tree.rootBox.box);
     runJobs(tree, report);
     rethrowFirstFailure(tree);
+    if (tree.packSpheres != 0 && canPack(tree))
+        packSpheres(tree);
     printStatistics(tree, report);
     releaseThreads(tree);
 }

@@ -101,6 +101,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// only `ray` and its hit record.
     int intersectNode(MBSphereRay& ray) const;
 
+    /// Bytes of the packed spheres, which `getMemUsage` does not count.
+    std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
+
     std::int32_t maxDepth = 80;     ///< deepest level that is split
     float leafSizeFactor = 1.0F;    ///< growth of leaves with depth
     float minNodeSize = 0.0F;       ///< nodes with a smaller diagonal become leaves
@@ -127,6 +130,12 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     float shutterMin = 0.0F; ///< earliest `time0` and latest `time1` of all systems
     float shutterMax = 0.0F;
     std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
+    /// Copy each sphere's two states into one place, which queries then test many at a time; the
+    /// hits are the same without. Read by `build`; a tree that cannot be packed (it holds points or
+    /// systems of different times, or memory is short) is asked through the systems' arrays.
+    std::int32_t packSpheres = 1;
+    float* packedSpheres = nullptr; ///< owned; per sphere x, y, z, radius at time0 and at time1
+    std::uint64_t packedFloats = 0; ///< length of `packedSpheres`
 };
 
 extern template class MBSphereTree<MBSphere, 20000, 20000>;

@@ -1,9 +1,12 @@
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/spherefilter.h"
 #include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/traversal.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 namespace Kelpa {
 
@@ -15,10 +18,15 @@ struct PlacedSphere {
     float radius;
 };
 
-// A system whose snapshots were taken at one time stands where the first has it.
+/// How far between its snapshots a system is at a time. One whose snapshots were taken at one time
+/// stands where the first has it.
+float fractionAt(MovingParticleDataWithPrimitive const& system, float time) {
+    return system.time1 == system.time0 ? 0.0F
+                                        : (time - system.time0) / (system.time1 - system.time0);
+}
+
 PlacedSphere placeAt(MovingParticleDataWithPrimitive const& system, std::uint32_t i, float time) {
-    float const f =
-        system.time1 == system.time0 ? 0.0F : (time - system.time0) / (system.time1 - system.time0);
+    float const f = fractionAt(system, time);
     Vector const& p0 = system.positions0[i];
     Vector const& p1 = system.positions1[i];
     return {{p0.x + (p1.x - p0.x) * f, p0.y + (p1.y - p0.y) * f, p0.z + (p1.z - p0.z) * f},
@@ -81,12 +89,84 @@ bool intersectLeaf(Tree const& tree, MBSphereNode const& leaf, MBSphereRay& ray)
     return found;
 }
 
+/// Spheres of a leaf at one instant.
+struct PlacedSpheres {
+    alignas(64) float x[packWidth];
+    alignas(64) float y[packWidth];
+    alignas(64) float z[packWidth];
+    alignas(64) float radii[packWidth];
+
+    SphereArrays arrays() const { return {radii, 1, x, y, z}; }
+};
+
+// Four floats that are computed with as one; every element takes the same steps as `placeAt`'s.
+using Quad = float __attribute__((vector_size(16)));
+
+/// Places `count` (1 to 16) of a leaf's spheres. Unused places are left as they are.
+void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t count, float f,
+                  PlacedSpheres& placed) {
+    for (std::int32_t k = 0; k < count; ++k) {
+        Quad states[2]; // x, y, z and radius in both snapshots
+        std::memcpy(states, packed + 8 * static_cast<std::size_t>(entries[k].sphereIndex),
+                    sizeof states);
+        Quad const now = states[0] + (states[1] - states[0]) * f;
+        placed.x[k] = now[0];
+        placed.y[k] = now[1];
+        placed.z[k] = now[2];
+        placed.radii[k] = now[3];
+    }
+}
+
+/// `intersectLeaf` for packed spheres: the filter rules out only what `hitSphere` misses, and the
+/// rest is asked in the same order.
+template <class Tree>
+bool intersectPackedLeaf(Tree const& tree, MBSphereNode const& leaf, SphereFilter filter, float f,
+                         RayFilter& rayFilter, MBSphereRay& ray) {
+    MBLeafSphere const* const entries = leaf.leafSpheres();
+    std::int32_t const count = leaf.numLeafSpheres();
+    PlacedSpheres placed;
+    rayFilter.setInterval(ray);
+    bool found = false;
+    for (std::int32_t first = 0; first < count; first += packWidth) {
+        std::int32_t const n = std::min(count - first, packWidth);
+        placeSpheres(tree.packedSpheres, entries + first, n, f, placed);
+        std::uint32_t possible = filter(rayFilter, placed.arrays(), 0, n);
+        for (; possible != 0; possible &= possible - 1) {
+            auto const k = static_cast<std::int32_t>(std::countr_zero(possible));
+            Vector const center = placed.arrays().center(k);
+            double const tMax = ray.tMax;
+            if (hitSphere(center, placed.radii[k], ray, false) == 0)
+                continue; // and starting on it would be a miss, too
+            MBSphere& sphere = tree.spheres[entries[first + k].sphereIndex];
+            auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+            if (skipNumber(tree.singleSystem, static_cast<std::int32_t>(sphere.particleIndex),
+                           system.indexOffset) == ray.skipIndex) {
+                ray.tMax = tMax;
+                if (hitSphere(center, placed.radii[k], ray, true) == 0)
+                    continue;
+            }
+            ray.hitRecord->hitVector = sphereNormal(ray, center, static_cast<float>(ray.tMax));
+            ray.hitRecord->hitT = ray.tMax;
+            ray.hitRecord->hitSphere = &sphere;
+            rayFilter.setInterval(ray);
+            found = true;
+        }
+    }
+    return found;
+}
+
 /// Visits the leaves that the ray passes at its time, front to back, until none can hold a nearer
 /// hit.
 template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereRay& ray) {
     double const worldOrigin[3] = {ray.origin[0], ray.origin[1], ray.origin[2]};
     PostponedChildren<MBSphereNode, Capacity> postponed;
     MBSphereNode const* node = tree.root;
+    // Packed systems share their times.
+    auto const& firstSystem = tree.particleSystems.elements[0];
+    bool const isPacked = tree.packedSpheres != nullptr && isCovered(firstSystem, ray.rayTime);
+    float const f = fractionAt(firstSystem, ray.rayTime);
+    SphereFilter const filter = chosenSphereFilter();
+    RayFilter rayFilter(ray);
     bool found = false;
     for (;;) {
         while (!node->isLeaf()) {
@@ -110,7 +190,8 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereR
             }
         }
         moveToWorld(ray, worldOrigin);
-        if (intersectLeaf(tree, *node, ray))
+        if (isPacked ? intersectPackedLeaf(tree, *node, filter, f, rayFilter, ray)
+                     : intersectLeaf(tree, *node, ray))
             found = true;
         if (postponed.isEmpty())
             return found;

@@ -55,7 +55,7 @@ template <class Tree>
 bool intersectPackedLeaf(Tree const& tree, typename Tree::Node const& leaf, SphereFilter filter,
                          RayFilter& rayFilter, SDSphereRay& ray) {
     std::int32_t const count = leaf.numLeafSpheres;
-    PackedSpheres const packed(tree.packedLeaves, LeafPack{leaf.packWord}, count);
+    SphereArrays const packed = openPack(tree.packedLeaves, LeafPack{leaf.packWord}, count);
     rayFilter.setInterval(ray);
     bool found = false;
     for (std::int32_t first = (count - 1) / packWidth * packWidth; first >= 0; first -= packWidth) {

@@ -1,4 +1,4 @@
-#include "kelpa/spheretree/static/sdleafpacks.h"
+#include "kelpa/spheretree/spherefilter.h"
 
 #include "kelpa/foundation/hitkernels.h"
 
@@ -29,7 +29,7 @@ namespace {
 // sphere is ruled out where the ray passes it, where it is entered behind the interval, or where it
 // is left before. Comparisons with a NaN rule nothing out.
 
-std::uint32_t filterScalar(RayFilter const& ray, PackedSpheres const& spheres, std::int32_t first,
+std::uint32_t filterScalar(RayFilter const& ray, SphereArrays const& spheres, std::int32_t first,
                            std::int32_t count) {
     std::uint32_t possible = 0;
     for (std::int32_t k = 0; k < count; ++k) {
@@ -53,7 +53,7 @@ std::uint32_t lanesBelow(std::int32_t count) {
     return (1U << count) - 1U;
 }
 
-std::uint32_t filterSse2(RayFilter const& ray, PackedSpheres const& spheres, std::int32_t first,
+std::uint32_t filterSse2(RayFilter const& ray, SphereArrays const& spheres, std::int32_t first,
                          std::int32_t count) {
     __m128 const dirX = _mm_set1_ps(ray.dir.x);
     __m128 const dirY = _mm_set1_ps(ray.dir.y);
@@ -88,7 +88,7 @@ std::uint32_t filterSse2(RayFilter const& ray, PackedSpheres const& spheres, std
 }
 
 __attribute__((target("avx2"))) std::uint32_t filterAvx2(RayFilter const& ray,
-                                                         PackedSpheres const& spheres,
+                                                         SphereArrays const& spheres,
                                                          std::int32_t first, std::int32_t count) {
     __m256 const dirX = _mm256_set1_ps(ray.dir.x);
     __m256 const dirY = _mm256_set1_ps(ray.dir.y);
@@ -128,7 +128,7 @@ __attribute__((target("avx2"))) std::uint32_t filterAvx2(RayFilter const& ray,
 }
 
 __attribute__((target("avx512f"))) std::uint32_t filterAvx512(RayFilter const& ray,
-                                                              PackedSpheres const& spheres,
+                                                              SphereArrays const& spheres,
                                                               std::int32_t first,
                                                               std::int32_t count) {
     __m512 const dirX = _mm512_set1_ps(ray.dir.x);
