@@ -1,8 +1,9 @@
 #pragma once
 // Internal: what both builders use to decide between a leaf and a split, and between splits.
 
+#include "kelpa/spheretree/quad.h"
+
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <limits>
 
@@ -49,27 +50,43 @@ inline std::int32_t leafThreshold(std::int32_t depth, float leafSizeFactor, std:
     return truncateToInt(grown * static_cast<float>(beyondHalf) + 1.0F);
 }
 
-/// Among the bounds offered, the one nearest to a centre; the first of equally near ones.
-struct NearestBound {
-    float centre;
-    float position = 1e18F;
+/// Among the bounds offered on each of four axes, the one nearest to a centre; the first of equally
+/// near ones.
+struct NearestBounds {
+    Quad centre;
+    Quad position = splat(1e18F);
 
-    void offer(float bound) {
-        if (std::fabs(bound - centre) < std::fabs(position - centre))
-            position = bound;
+    void offer(Quad bound) {
+        position =
+            select(magnitude(bound - centre) < magnitude(position - centre), bound, position);
     }
 };
 
 /// How many records reach below and above a plane; those that straddle it count twice.
 struct SideCounts {
     float plane;
-    std::int32_t below = 0;
-    std::int32_t above = 0;
+    std::int32_t below;
+    std::int32_t above;
+};
 
-    void add(float min, float max) {
-        below += static_cast<int>(max <= plane) | static_cast<int>(min < plane);
-        above += static_cast<int>(max > plane);
+/// Counts the sides of one plane on each of four axes.
+struct SideCounter {
+    Quad planes;
+    QuadMask below = {};
+    QuadMask above = {};
+
+    void add(Quad lower, Quad upper) {
+        below -= (upper <= planes) | (lower < planes);
+        above -= upper > planes;
     }
+    SideCounts on(int axis) const { return {planes[axis], below[axis], above[axis]}; }
+};
+
+/// The two planes on each axis that separate records: through the centre, and along the bound that
+/// is nearest to it.
+struct CandidatePlanes {
+    SideCounter centre;
+    SideCounter bound;
 };
 
 /// The cheapest split offered so far.

@@ -14,11 +14,9 @@ namespace Kelpa {
 
 namespace {
 
-/// What one pass over a node's records tells, in the node's frame.
-struct NodeMeasure {
-    TimeBox spheres; ///< around the records' boxes
-    float smallestRadius = 1e18F;
-};
+/// A node's records as its frame sees them, one span per record, in their order. Kept from node to
+/// node for its memory.
+using Spans = std::vector<FrameSpan>;
 
 Vector meanVelocity(MBSphereRecords& data, int count) {
     double sum[3] = {0.0, 0.0, 0.0};
@@ -31,10 +29,22 @@ Vector meanVelocity(MBSphereRecords& data, int count) {
             static_cast<float>(sum[2]) * share};
 }
 
-NodeMeasure measureRecords(MBSphereRecords& data, int count, Vector const& velocity) {
-    NodeMeasure measure{TimeBox::empty(velocity)};
-    visitRecords(data, count, [&measure, &velocity](MBSphereData const& record) {
-        measure.spheres.grow(inFrame(record.bbox, velocity));
+/// What one pass over a node's records tells, in the node's frame.
+struct NodeMeasure {
+    FrameSpan spheres; ///< around the records' boxes
+    float smallestRadius;
+};
+
+/// Measures the records, and sees all of them in the frame of `velocity`.
+NodeMeasure measureRecords(MBSphereRecords& data, int count, Vector const& velocity, Spans& spans) {
+    Quad const frame = {velocity.x, velocity.y, velocity.z, 0.0F};
+    NodeMeasure measure{{splat(Box::empty().min.x), splat(Box::empty().max.x)}, 1e18F};
+    spans.clear();
+    visitRecords(data, count, [&](MBSphereData const& record) {
+        FrameSpan const span = spanInFrame(record.bbox, frame);
+        spans.push_back(span);
+        measure.spheres.lower = smaller(span.lower, measure.spheres.lower);
+        measure.spheres.upper = larger(span.upper, measure.spheres.upper);
         if (record.radius < measure.smallestRadius)
             measure.smallestRadius = record.radius;
     });
@@ -51,70 +61,43 @@ bool isSmall(Box const& box, float smallestRadius, float minNodeSize) {
     return squaredDiagonal < smallest * smallest;
 }
 
-/// The two planes on one axis that separate records: through the centre, and along the nearest
-/// bound.
-struct AxisPlanes {
-    SideCounts centre;
-    SideCounts bound;
-};
-
-/// The candidate planes of all four axes, with how many records lie on their sides.
-struct CandidatePlanes {
-    AxisPlanes axes[4];
-};
-
-CandidatePlanes countSides(TimeBox const& spheres, MBSphereRecords& data, int count, int level) {
-    NearestBound nearest[4];
-    SplitJitter jitter(level);
-    for (int axis = 0; axis < 4; ++axis) {
-        float const f = jitter.nextFraction();
-        nearest[axis].centre = (1.0F - f) * spheres.lower(axis) + f * spheres.upper(axis);
+CandidatePlanes countSides(FrameSpan const& spheres, Spans const& spans, int level) {
+    Quad const f = splitFractions(level);
+    NearestBounds nearest{(1.0F - f) * spheres.lower + f * spheres.upper};
+    for (FrameSpan const& span : spans) {
+        nearest.offer(span.lower);
+        nearest.offer(span.upper);
     }
-    visitRecords(data, count, [&nearest, &spheres](MBSphereData const& record) {
-        TimeBox const box = inFrame(record.bbox, spheres.velocity);
-        for (int axis = 0; axis < 4; ++axis) {
-            nearest[axis].offer(box.lower(axis));
-            nearest[axis].offer(box.upper(axis));
-        }
-    });
-
-    CandidatePlanes planes{};
-    for (int axis = 0; axis < 4; ++axis) {
-        planes.axes[axis].centre.plane = nearest[axis].centre;
-        planes.axes[axis].bound.plane = nearest[axis].position;
+    CandidatePlanes planes{{nearest.centre}, {nearest.position}};
+    for (FrameSpan const& span : spans) {
+        planes.centre.add(span.lower, span.upper);
+        planes.bound.add(span.lower, span.upper);
     }
-    visitRecords(data, count, [&planes, &spheres](MBSphereData const& record) {
-        TimeBox const box = inFrame(record.bbox, spheres.velocity);
-        for (int axis = 0; axis < 4; ++axis) {
-            planes.axes[axis].centre.add(box.lower(axis), box.upper(axis));
-            planes.axes[axis].bound.add(box.lower(axis), box.upper(axis));
-        }
-    });
     return planes;
 }
 
 /// `spheres` is the box around the records, within the region in space; `extents` are its extents
 /// before it was clipped.
-SplitChoice chooseSplit(TimeBox const& spheres, float const (&extents)[4],
-                        CandidatePlanes const& planes, TimeBox const& region, int count,
-                        int depth) {
+SplitChoice chooseSplit(FrameSpan const& spheres, Quad extents, CandidatePlanes const& planes,
+                        TimeBox const& region, int count, int depth) {
     SplitChoice best;
     for (int axis = 0; axis < 4; ++axis) {
         if (extents[axis] < smallestSplitExtent)
             continue;
 
         // Cuts that take empty space, or time, off the region.
-        float const firstBound = spheres.lower(axis);
+        float const firstBound = spheres.lower[axis];
         if (region.lower(axis) < firstBound)
             best.offerCut(bboxSum(region, axis, firstBound, 0, count), axis, firstBound, depth);
-        float const lastBound = spheres.upper(axis);
+        float const lastBound = spheres.upper[axis];
         if (region.upper(axis) > lastBound)
             best.offerCut(bboxSum(region, axis, lastBound, count, 0), axis, lastBound, depth);
 
         // Splits between records.
-        for (SideCounts const* counts : {&planes.axes[axis].centre, &planes.axes[axis].bound}) {
-            double const cost = bboxSum(region, axis, counts->plane, counts->below, counts->above);
-            best.offerSplit(cost, axis, counts->plane, depth);
+        for (SideCounter const* counter : {&planes.centre, &planes.bound}) {
+            SideCounts const counts = counter->on(axis);
+            double const cost = bboxSum(region, axis, counts.plane, counts.below, counts.above);
+            best.offerSplit(cost, axis, counts.plane, depth);
         }
     }
     return best;
@@ -138,49 +121,58 @@ struct NodeDecision {
 };
 
 template <class Tree, class Subtree>
-NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords& data) {
+NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords& data,
+                         Spans& spans) {
     Vector const velocity = meanVelocity(data, node.count);
-    NodeMeasure measure = measureRecords(data, node.count, velocity);
-    TimeBox& spheres = measure.spheres;
-    float extents[4];
-    for (int axis = 0; axis < 4; ++axis)
-        extents[axis] = spheres.upper(axis) - spheres.lower(axis);
+    NodeMeasure const measure = measureRecords(data, node.count, velocity, spans);
     NodeDecision decision{inFrame(node.region, velocity), {}};
-    for (int axis = 0; axis < 3; ++axis) {
-        spheres.box.min[axis] = std::max(spheres.box.min[axis], decision.region.box.min[axis]);
-        spheres.box.max[axis] = std::min(spheres.box.max[axis], decision.region.box.max[axis]);
-    }
-
     if (node.level > std::min(tree.maxDepth, levelLimit) ||
         tree.leafSpheres.getCount() > entryBudget(tree.numSpheres) ||
         node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
         isSmall(decision.region.box, measure.smallestRadius, tree.minNodeSize))
         return decision;
-    CandidatePlanes const planes = countSides(spheres, data, node.count, node.level);
+
+    // In space the records' bounds count only as far as they lie in the region.
+    FrameSpan spheres = measure.spheres;
+    Quad const extents = spheres.upper - spheres.lower;
+    for (int axis = 0; axis < 3; ++axis) {
+        spheres.lower[axis] = std::max(spheres.lower[axis], decision.region.box.min[axis]);
+        spheres.upper[axis] = std::min(spheres.upper[axis], decision.region.box.max[axis]);
+    }
+    CandidatePlanes const planes = countSides(spheres, spans, node.level);
     SplitChoice const split =
         chooseSplit(spheres, extents, planes, decision.region, node.count, node.depth);
     if (split.found() &&
-        !doublesTooMany(planes.axes[split.axis].centre, node.count, node.depth, tree.maxDepth))
+        !doublesTooMany(planes.centre.on(split.axis), node.count, node.depth, tree.maxDepth))
         decision.split = split;
     return decision;
 }
 
+/// A part of a sphere with the bounds that a node sees it in.
+MBSphereData partInFrame(MBSphereData const& record, FrameSpan const& span,
+                         Vector const& velocity) {
+    return {record.sphereIndex,
+            {velocity,
+             {{span.lower[0], span.lower[1], span.lower[2]},
+              {span.upper[0], span.upper[1], span.upper[2]}},
+             span.lower[3],
+             span.upper[3]},
+            record.radius};
+}
+
 /// Parts a node's records between the two sides of its split, cutting those that straddle it; false
 /// when the build was aborted on the way.
-bool partRecords(SplitChoice const& split, Vector const& velocity, int count,
+bool partRecords(SplitChoice const& split, Vector const& velocity, Spans const& spans,
                  Partition<MBSphereData, 20000>& parts, AbortQuestion& isAborted) {
     int const axis = split.axis;
-    for (int i = 0; i < count; ++i) {
+    for (FrameSpan const& span : spans) {
         MBSphereData const* const record = parts.read();
-        if (record == nullptr)
-            return true;
-        TimeBox const box = inFrame(record->bbox, velocity);
-        if (box.upper(axis) <= split.position) {
+        if (span.upper[axis] <= split.position) {
             parts.keepLower(*record);
-        } else if (box.lower(axis) >= split.position) {
+        } else if (span.lower[axis] >= split.position) {
             parts.sendUpper(*record);
         } else {
-            MBSphereData upperPart{record->sphereIndex, box, record->radius};
+            MBSphereData upperPart = partInFrame(*record, span, velocity);
             MBSphereData lowerPart = upperPart;
             upperPart.bbox.lower(axis) = split.position;
             lowerPart.bbox.upper(axis) = split.position;
@@ -197,11 +189,11 @@ bool partRecords(SplitChoice const& split, Vector const& velocity, int count,
 /// postponed or with another thread.
 template <class Tree, class Subtree>
 bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereRecords& scratch,
-                  std::vector<Subtree>& postponed, AbortQuestion& isAborted) {
+                  Spans& spans, std::vector<Subtree>& postponed, AbortQuestion& isAborted) {
     if (current.count < 1 || isAborted())
         return false;
     raiseShared(tree.statMaxDepth, current.level);
-    NodeDecision const decision = decideSplit(tree, current, data);
+    NodeDecision const decision = decideSplit(tree, current, data, spans);
     SplitChoice const& split = decision.split;
     Vector const& velocity = decision.region.velocity;
     if (!split.found()) {
@@ -224,7 +216,7 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
     MBSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
     Partition parts(data, helper != nullptr ? helper->data : scratch);
-    if (!partRecords(split, velocity, current.count, parts, isAborted))
+    if (!partRecords(split, velocity, spans, parts, isAborted))
         return false;
     lower.count = parts.lowerCount;
     upper.count = parts.upperCount;
@@ -266,9 +258,10 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
     using Subtree = PostponedSubtree<Node, TimeBox>;
     AbortQuestion isAborted(progress);
     std::vector<Subtree> postponed;
+    Spans spans;
     Subtree current{node, box, count, depth, level};
     for (;;) {
-        while (buildOneNode(*this, current, data, *scratch, postponed, isAborted))
+        while (buildOneNode(*this, current, data, *scratch, spans, postponed, isAborted))
             continue;
         // Once aborted, every postponed subtree is given up, each after one more question.
         do {

@@ -1,12 +1,12 @@
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/quad.h"
 #include "kelpa/spheretree/spherefilter.h"
 #include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/traversal.h"
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 
 namespace Kelpa {
 
@@ -99,17 +99,14 @@ struct PlacedSpheres {
     SphereArrays arrays() const { return {radii, 1, x, y, z}; }
 };
 
-// Four floats that are computed with as one; every element takes the same steps as `placeAt`'s.
-using Quad = float __attribute__((vector_size(16)));
-
 /// Places `count` (1 to 16) of a leaf's spheres. Unused places are left as they are.
 void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t count, float f,
                   PlacedSpheres& placed) {
     for (std::int32_t k = 0; k < count; ++k) {
-        Quad states[2]; // x, y, z and radius in both snapshots
-        std::memcpy(states, packed + 8 * static_cast<std::size_t>(entries[k].sphereIndex),
-                    sizeof states);
-        Quad const now = states[0] + (states[1] - states[0]) * f;
+        // x, y, z and radius in both snapshots; each takes the same steps as `placeAt`'s.
+        float const* const states = packed + 8 * static_cast<std::size_t>(entries[k].sphereIndex);
+        Quad const atFirst = loadQuad(states);
+        Quad const now = atFirst + (loadQuad(states + 4) - atFirst) * f;
         placed.x[k] = now[0];
         placed.y[k] = now[1];
         placed.z[k] = now[2];

@@ -1,9 +1,13 @@
 #pragma once
 // Internal: where between two bounds a node is split, a little off the middle.
 
+#include "kelpa/spheretree/quad.h"
+#include "kelpa/spheretree/splitchoice.h"
+
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 namespace Kelpa {
 
@@ -41,5 +45,19 @@ class SplitJitter {
 
     std::uint64_t state;
 };
+
+/// The four fractions of a level (1 to `levelLimit`), drawn once for all trees.
+inline Quad splitFractions(std::int32_t level) {
+    static std::vector<Quad> const levels = [] {
+        std::vector<Quad> drawn(levelLimit + 1);
+        for (std::int32_t l = 1; l <= levelLimit; ++l) {
+            SplitJitter jitter(l);
+            for (int axis = 0; axis < 4; ++axis)
+                drawn[static_cast<std::size_t>(l)][axis] = jitter.nextFraction();
+        }
+        return drawn;
+    }();
+    return levels[static_cast<std::size_t>(level)];
+}
 
 } // namespace Kelpa

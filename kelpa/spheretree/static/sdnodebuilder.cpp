@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <vector>
 
 namespace Kelpa {
@@ -14,18 +15,32 @@ namespace {
 
 /// What one pass over a node's records tells.
 struct NodeMeasure {
-    Box spheres = Box::empty(); ///< around the records' boxes
-    float smallestRadius = 1e18F;
+    Box spheres; ///< around the records' boxes
+    float smallestRadius;
 };
 
+// The bounds of a record with x, y, z first; the fourth element is whatever follows.
+Quad lowerBounds(SDSphereData const& record) {
+    return loadQuad(reinterpret_cast<char const*>(&record) + offsetof(SDSphereData, bbox.min));
+}
+Quad upperBounds(SDSphereData const& record) {
+    return loadQuad(reinterpret_cast<char const*>(&record) + offsetof(SDSphereData, bbox.max));
+}
+
+Vector firstThree(Quad q) {
+    return {q[0], q[1], q[2]};
+}
+
 NodeMeasure measureRecords(SDSphereRecords& data, int count) {
-    NodeMeasure measure;
-    visitRecords(data, count, [&measure](SDSphereData const& record) {
-        measure.spheres.grow(record.bbox);
-        if (record.radius < measure.smallestRadius)
-            measure.smallestRadius = record.radius;
+    Quad lowest = splat(Box::empty().min.x);
+    Quad highest = splat(Box::empty().max.x);
+    float smallestRadius = 1e18F;
+    visitRecords(data, count, [&](SDSphereData const& record) {
+        lowest = smaller(lowerBounds(record), lowest);
+        highest = larger(upperBounds(record), highest);
+        smallestRadius = record.radius < smallestRadius ? record.radius : smallestRadius;
     });
-    return measure;
+    return {{firstThree(lowest), firstThree(highest)}, smallestRadius};
 }
 
 Vector extents(Box const& box) {
@@ -45,39 +60,19 @@ bool isSmall(Box const& box, float smallestRadius, float minNodeSize) {
     return squaredDiagonal < smallest * smallest;
 }
 
-/// The two planes on one axis that separate spheres: through the centre, and along the nearest
-/// bound.
-struct AxisPlanes {
-    SideCounts centre;
-    SideCounts bound;
-};
-
-/// The candidate planes of all three axes, with how many records lie on their sides.
-struct CandidatePlanes {
-    AxisPlanes axes[3];
-};
-
 CandidatePlanes countSides(NodeMeasure const& measure, SDSphereRecords& data, int count) {
-    NearestBound nearest[3];
-    for (int axis = 0; axis < 3; ++axis)
-        nearest[axis].centre = measure.spheres.max[axis] * 0.5F + measure.spheres.min[axis] * 0.5F;
+    Vector const& lowest = measure.spheres.min;
+    Vector const& highest = measure.spheres.max;
+    NearestBounds nearest{Quad{highest.x, highest.y, highest.z, 0.0F} * 0.5F +
+                          Quad{lowest.x, lowest.y, lowest.z, 0.0F} * 0.5F};
     visitRecords(data, count, [&nearest](SDSphereData const& record) {
-        for (int axis = 0; axis < 3; ++axis) {
-            nearest[axis].offer(record.bbox.min[axis]);
-            nearest[axis].offer(record.bbox.max[axis]);
-        }
+        nearest.offer(lowerBounds(record));
+        nearest.offer(upperBounds(record));
     });
-
-    CandidatePlanes planes{};
-    for (int axis = 0; axis < 3; ++axis) {
-        planes.axes[axis].centre.plane = nearest[axis].centre;
-        planes.axes[axis].bound.plane = nearest[axis].position;
-    }
+    CandidatePlanes planes{{nearest.centre}, {nearest.position}};
     visitRecords(data, count, [&planes](SDSphereData const& record) {
-        for (int axis = 0; axis < 3; ++axis) {
-            planes.axes[axis].centre.add(record.bbox.min[axis], record.bbox.max[axis]);
-            planes.axes[axis].bound.add(record.bbox.min[axis], record.bbox.max[axis]);
-        }
+        planes.centre.add(lowerBounds(record), upperBounds(record));
+        planes.bound.add(lowerBounds(record), upperBounds(record));
     });
     return planes;
 }
@@ -119,9 +114,10 @@ SplitChoice chooseSplit(NodeMeasure const& measure, CandidatePlanes const& plane
             best.offerCut(static_cast<double>(n * area(lastBound - low)), axis, lastBound, depth);
 
         // Splits between spheres.
-        for (SideCounts const* counts : {&planes.axes[axis].centre, &planes.axes[axis].bound}) {
-            double const cost = splitCost(area, counts->plane - low, high - counts->plane, *counts);
-            best.offerSplit(cost, axis, counts->plane, depth);
+        for (SideCounter const* counter : {&planes.centre, &planes.bound}) {
+            SideCounts const counts = counter->on(axis);
+            double const cost = splitCost(area, counts.plane - low, high - counts.plane, counts);
+            best.offerSplit(cost, axis, counts.plane, depth);
         }
     }
     return best;

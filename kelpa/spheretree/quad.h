@@ -1,0 +1,43 @@
+#pragma once
+// Internal: four floats that are computed with as one, each as it would be alone.
+
+#include <cstdint>
+#include <cstring>
+
+namespace Kelpa {
+
+using Quad = float __attribute__((vector_size(16)));
+/// One truth per element: -1 where a comparison holds, else 0.
+using QuadMask = std::int32_t __attribute__((vector_size(16)));
+
+/// Reads four consecutive floats from any address.
+inline Quad loadQuad(void const* floats) {
+    Quad q;
+    std::memcpy(&q, floats, sizeof q);
+    return q;
+}
+
+inline Quad splat(float value) {
+    return Quad{value, value, value, value};
+}
+
+inline Quad select(QuadMask mask, Quad ifSet, Quad ifClear) {
+    return reinterpret_cast<Quad>((reinterpret_cast<QuadMask>(ifSet) & mask) |
+                                  (reinterpret_cast<QuadMask>(ifClear) & ~mask));
+}
+
+/// `a` where it is smaller, else `b`: a NaN in `a` gives `b`.
+inline Quad smaller(Quad a, Quad b) {
+    return select(a < b, a, b);
+}
+inline Quad larger(Quad a, Quad b) {
+    return select(a > b, a, b);
+}
+
+inline Quad magnitude(Quad q) {
+    constexpr std::int32_t allButSign = 0x7FFFFFFF;
+    return reinterpret_cast<Quad>(reinterpret_cast<QuadMask>(q) &
+                                  QuadMask{allButSign, allButSign, allButSign, allButSign});
+}
+
+} // namespace Kelpa
