@@ -1,0 +1,146 @@
+#include "kelpa/host/consoleprogress.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+
+namespace Kelpa {
+
+namespace {
+
+std::atomic<bool> wasInterrupted = false;
+static_assert(std::atomic<bool>::is_always_lock_free); // or a signal handler must not touch it
+
+struct sigaction oldInterrupt;
+struct sigaction oldTerminate;
+
+void noteSignal(int) {
+    wasInterrupted.store(true, std::memory_order_relaxed);
+}
+
+/// 140097 as "140,097".
+std::string withCommas(std::uint64_t number) {
+    std::string text = std::to_string(number);
+    for (auto at = static_cast<std::ptrdiff_t>(text.size()) - 3; at > 0; at -= 3)
+        text.insert(static_cast<std::size_t>(at), ",");
+    return text;
+}
+
+} // namespace
+
+InterruptScope::InterruptScope() {
+    struct sigaction action {};
+    action.sa_handler = noteSignal;
+    // A second signal meets the default again: whoever insists is obeyed at once.
+    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &oldInterrupt);
+    sigaction(SIGTERM, &action, &oldTerminate);
+}
+
+InterruptScope::~InterruptScope() {
+    sigaction(SIGINT, &oldInterrupt, nullptr);
+    sigaction(SIGTERM, &oldTerminate, nullptr);
+}
+
+bool InterruptScope::interrupted() {
+    return wasInterrupted.load(std::memory_order_relaxed);
+}
+
+std::int32_t ConsoleProgress::getAbort() {
+    return isStopped.load(std::memory_order_relaxed) || InterruptScope::interrupted() ? 1 : 0;
+}
+
+void ConsoleProgress::info(int, int level, char const* format, ...) {
+    constexpr int statisticsLevel = 20000; // and below; progress lines lie above
+    Verbosity const needed =
+        level > statisticsLevel ? Verbosity::everything : Verbosity::statistics;
+    if (verbosity < needed)
+        return;
+    char line[1024];
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(line, sizeof line - 1, format, values);
+    va_end(values);
+    std::size_t const length = std::strlen(line);
+    if (length == 0 || line[length - 1] != '\n')
+        std::strcpy(line + length, "\n");
+    std::fputs(line, stderr);
+}
+
+ProgressLine::ProgressLine(std::string phaseName, Mode wanted)
+    : name(std::move(phaseName)), mode(wanted != Mode::automatic    ? wanted
+                                       : isatty(STDERR_FILENO) != 0 ? Mode::rewritten
+                                                                    : Mode::plain) {
+    if (mode == Mode::none)
+        return;
+    try {
+        ticker = std::thread([this] { tick(); });
+    } catch (std::system_error const&) {
+        // Without a thread for it there is no display.
+    }
+}
+
+ProgressLine::~ProgressLine() {
+    {
+        std::lock_guard const hold(mutex);
+        hasEnded = true;
+    }
+    ended.notify_all();
+    if (ticker.joinable())
+        ticker.join();
+    if (hasShown && mode == Mode::rewritten)
+        std::fputs("\r\033[K", stderr);
+}
+
+void ProgressLine::update(double fraction, std::uint64_t count) {
+    fractionDone.store(fraction, std::memory_order_relaxed);
+    countDone.store(count, std::memory_order_relaxed);
+}
+
+void ProgressLine::tick() {
+    constexpr double patience = 0.5; // seconds
+    std::unique_lock hold(mutex);
+    while (!ended.wait_for(hold, std::chrono::milliseconds{100}, [this] { return hasEnded; })) {
+        std::chrono::duration<double> const elapsed = std::chrono::steady_clock::now() - begin;
+        if (elapsed.count() >= patience)
+            show(elapsed.count());
+    }
+}
+
+void ProgressLine::show(double seconds) {
+    constexpr int barWidth = 12;
+    double const fraction = fractionDone.load(std::memory_order_relaxed);
+    std::uint64_t const count = countDone.load(std::memory_order_relaxed);
+    int const tenths = static_cast<int>(fraction * 10.0);
+    if (mode == Mode::plain && tenths <= tenthsShown)
+        return;
+    tenthsShown = tenths;
+    hasShown = true;
+
+    std::string line = name;
+    line.resize(std::max<std::size_t>(line.size(), 7), ' ');
+    char text[64];
+    if (fraction >= 0.0) {
+        int const filled = static_cast<int>(fraction * barWidth);
+        for (int i = 0; i < barWidth; ++i)
+            line += i < filled ? '#' : '-';
+        std::snprintf(text, sizeof text, " %3.0f %%", fraction * 100.0);
+        line += text;
+    }
+    if (count > 0)
+        line += "  " + withCommas(count) + " particles";
+    if (fraction > 0.05)
+        std::snprintf(text, sizeof text, "  %.1f s left", seconds / fraction - seconds);
+    else
+        std::snprintf(text, sizeof text, "  %.1f s", seconds);
+    line += text;
+    std::fputs(mode == Mode::rewritten ? ("\r" + line + "\033[K").c_str() : (line + "\n").c_str(),
+               stderr);
+}
+
+} // namespace Kelpa

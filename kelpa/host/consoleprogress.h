@@ -1,0 +1,83 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace Kelpa {
+
+/// Answers Ctrl-C (SIGINT) and SIGTERM, while one exists, by setting a flag; a second Ctrl-C within
+/// the same scope ends the process as it would have without. One at a time.
+class InterruptScope {
+  public:
+    InterruptScope();
+    InterruptScope(InterruptScope const&) = delete;
+    InterruptScope& operator=(InterruptScope const&) = delete;
+    ~InterruptScope();
+
+    /// Whether a signal came since the first scope began; one relaxed load.
+    static bool interrupted();
+};
+
+/// Reports builds to stderr, and ends them on request or on Ctrl-C.
+class ConsoleProgress : public ProgressCallback {
+  public:
+    enum class Verbosity { quiet, statistics, everything };
+
+    explicit ConsoleProgress(Verbosity wanted = Verbosity::quiet) : verbosity(wanted) {}
+
+    std::int32_t getAbort() override;
+    void info(int kind, int level, char const* format, ...) override
+        __attribute__((format(printf, 4, 5)));
+
+    /// Lets the build end early; from any thread.
+    void requestStop() { isStopped.store(true, std::memory_order_relaxed); }
+
+  private:
+    Verbosity verbosity;
+    std::atomic<bool> isStopped = false;
+};
+
+/// Shows on stderr how far a phase has come: on a terminal in one line that is rewritten, otherwise
+/// in a line every tenth. Phases of less than half a second show nothing.
+///
+/// A ticker of its own keeps the display alive while the phase's threads are busy or waiting.
+class ProgressLine {
+  public:
+    /// `automatic` is `rewritten` on a terminal and `plain` elsewhere.
+    enum class Mode { automatic, rewritten, plain, none };
+
+    ProgressLine(std::string phaseName, Mode mode);
+    ProgressLine(ProgressLine const&) = delete;
+    ProgressLine& operator=(ProgressLine const&) = delete;
+    /// Erases a rewritten line.
+    ~ProgressLine();
+
+    /// The part that is done, 0 to 1, and a note such as "140,097 particles"; cheap, from any
+    /// thread.
+    void update(double fraction, std::uint64_t count = 0);
+
+  private:
+    void tick();
+    void show(double seconds);
+
+    std::string const name;
+    Mode const mode;
+    std::chrono::steady_clock::time_point const begin = std::chrono::steady_clock::now();
+    std::atomic<double> fractionDone = -1.0; ///< below 0: not known
+    std::atomic<std::uint64_t> countDone = 0;
+    std::mutex mutex;
+    std::condition_variable ended;
+    bool hasEnded = false; // under `mutex`
+    bool hasShown = false; // ticker only, then destructor
+    int tenthsShown = 0;   // ticker only
+    std::thread ticker;
+};
+
+} // namespace Kelpa

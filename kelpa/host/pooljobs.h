@@ -1,0 +1,13 @@
+#pragma once
+// Internal: how a pool's worker that waits for something helps with the jobs it may be waiting for.
+
+namespace Kelpa {
+
+/// Runs one queued job of the pool that the calling thread works for; false when there is none or
+/// the thread is no worker.
+bool runQueuedJobOfThisWorker();
+
+/// Whether the calling thread is a pool's worker.
+bool isPoolWorker();
+
+} // namespace Kelpa
