@@ -1,0 +1,296 @@
+#include "tool/particlefile.h"
+#include "tool/srgb.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <limits>
+#include <system_error>
+
+namespace kelpatool {
+
+namespace {
+
+// The file -----------------------------------------------------------------------------------
+
+/// A file that appears under its name only when it is whole.
+///
+/// The bytes go to a temporary name in the same folder; `finish` gives it the right one. Destroyed
+/// without that, it leaves nothing behind. What is no ordinary file, such as a pipe, is written to
+/// directly.
+class OutputFile {
+  public:
+    explicit OutputFile(std::string const& wantedPath) : path(wantedPath) {
+        namespace fs = std::filesystem;
+        std::error_code error;
+        fs::file_status const status = fs::status(path, error);
+        if (fs::is_directory(status))
+            throw OutputError(path + ": is a folder");
+        isTemporary = !fs::exists(status) || fs::is_regular_file(status);
+        if (fs::is_regular_file(status)) // a link stays one: what it leads to is replaced
+            target = fs::canonical(path, error).string();
+        if (target.empty())
+            target = path;
+        open();
+    }
+    ~OutputFile() {
+        if (descriptor >= 0)
+            close(descriptor);
+        if (isTemporary && !isFinished)
+            unlink(written.c_str());
+    }
+    OutputFile(OutputFile const&) = delete;
+    OutputFile& operator=(OutputFile const&) = delete;
+
+    void write(std::string_view bytes) {
+        unflushed += bytes.size();
+        while (!bytes.empty()) {
+            ssize_t const count = ::write(descriptor, bytes.data(), bytes.size());
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count < 0)
+                fail();
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        }
+        // In steps, so that no wait for the disk is so long that an interruption would be late.
+        constexpr std::size_t flushBytes = 8 * 1024 * 1024;
+        if (unflushed >= flushBytes)
+            flush();
+    }
+
+    void finish() {
+        flush();
+        int const closed = close(descriptor);
+        descriptor = -1;
+        if (closed != 0 || (isTemporary && std::rename(written.c_str(), target.c_str()) != 0))
+            fail();
+        isFinished = true;
+    }
+
+  private:
+    void open() {
+        written = target;
+        int const flags = O_WRONLY | O_CLOEXEC;
+        if (!isTemporary)
+            descriptor = ::open(target.c_str(), flags);
+        for (int attempt = 0; isTemporary && descriptor < 0 && attempt < 100; ++attempt) {
+            written = fmt::format("{}.{}-{}.part", target, getpid(), attempt);
+            descriptor = ::open(written.c_str(), flags | O_CREAT | O_EXCL, 0666);
+            if (descriptor < 0 && errno != EEXIST)
+                break;
+        }
+        if (descriptor < 0) {
+            isTemporary = false; // there is nothing to remove
+            fail();
+        }
+    }
+
+    void flush() {
+        unflushed = 0;
+        // Pipes and the like cannot be synchronised, and need not be.
+        if (isTemporary && fsync(descriptor) != 0 && errno != EINVAL && errno != ENOTSUP)
+            fail();
+    }
+
+    [[noreturn]] void fail() const {
+        throw OutputError(
+            fmt::format("{}: cannot be written: {}", path, std::generic_category().message(errno)));
+    }
+
+    std::string path;    ///< as the user knows it
+    std::string target;  ///< the same with links resolved
+    std::string written; ///< where the bytes go
+    bool isTemporary = false;
+    bool isFinished = false;
+    int descriptor = -1;
+    std::size_t unflushed = 0;
+};
+
+constexpr std::size_t pollEvery = 1024; // particles; as text they take a millisecond
+
+// The columns --------------------------------------------------------------------------------
+
+/// Appends one value of a particle, binary or as text.
+using Append = std::function<void(std::string& bytes, std::size_t particle)>;
+
+struct OutputColumn {
+    std::string type;
+    std::string name;
+    Append append;
+};
+
+template <class Number> void appendNumber(std::string& bytes, Number number, bool ascii) {
+    if (ascii) {
+        fmt::format_to(std::back_inserter(bytes), "{} ", number); // shortest that reads back alike
+        return;
+    }
+    char raw[sizeof number];
+    std::memcpy(raw, &number, sizeof number);
+    if constexpr (std::endian::native == std::endian::big)
+        std::reverse(std::begin(raw), std::end(raw));
+    bytes.append(raw, sizeof raw);
+}
+
+/// The 8-bit sRGB code that stands for exactly this linear value, or -1.
+int exactCode(float linear) {
+    auto const& table = linearOfCode();
+    auto const found = std::lower_bound(table.begin(), table.end(), linear);
+    return found != table.end() && *found == linear && !std::signbit(linear)
+               ? static_cast<int>(found - table.begin())
+               : -1;
+}
+
+bool isExactInBytes(std::vector<Kelpa::Vector> const& colors, PhaseProgress const& progress) {
+    for (std::size_t i = 0; i < colors.size(); ++i) {
+        if (progress && i % pollEvery == 0)
+            progress(0.0, 0);
+        Kelpa::Vector const& color = colors[i];
+        if (exactCode(color.x) < 0 || exactCode(color.y) < 0 || exactCode(color.z) < 0)
+            return false;
+    }
+    return true;
+}
+
+/// A name as a PLY header can hold it: without blanks.
+std::string headerName(std::string name) {
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return c <= ' ' || c > '~'; }, '_');
+    return name.empty() ? "_" : name;
+}
+
+/// Lists the columns that a set has.
+class ColumnList {
+  public:
+    ColumnList(ParticleSet const& particles, bool asText, PhaseProgress const& progress)
+        : ascii(asText) {
+        addVectors({"x", "y", "z"}, particles.positions);
+        if (!particles.radii.empty())
+            addNumbers("float", "radius", particles.radii);
+        if (!particles.colors.empty())
+            addColors(particles.colors, isExactInBytes(particles.colors, progress));
+        if (!particles.velocities.empty())
+            addVectors({"vx", "vy", "vz"}, particles.velocities);
+        if (!particles.ids.empty())
+            addIds(particles.ids);
+        if (!particles.elements.empty())
+            addNumbers("uchar", "element", particles.elements);
+        for (Attribute const& attribute : particles.attributes) {
+            std::string const name = headerName(attribute.name);
+            bool const isTaken =
+                std::any_of(columns.begin(), columns.end(),
+                            [&](OutputColumn const& column) { return column.name == name; });
+            if (!isTaken) // such as `z` kept for colouring
+                addNumbers("float", name, attribute.values);
+        }
+    }
+
+    std::vector<OutputColumn> columns;
+
+  private:
+    template <class Number>
+    void addNumbers(std::string type, std::string name, std::vector<Number> const& values) {
+        columns.push_back({std::move(type), std::move(name),
+                           [&values, text = ascii](std::string& bytes, std::size_t particle) {
+                               appendNumber(bytes, values[particle], text);
+                           }});
+    }
+
+    void addVectors(std::array<std::string, 3> names, std::vector<Kelpa::Vector> const& values) {
+        for (int axis = 0; axis < 3; ++axis)
+            columns.push_back(
+                {"float", names[static_cast<std::size_t>(axis)],
+                 [&values, axis, text = ascii](std::string& bytes, std::size_t particle) {
+                     appendNumber(bytes, values[particle][axis], text);
+                 }});
+    }
+
+    /// Colours that came from bytes go back to the same bytes; others stay linear numbers, so that
+    /// nothing is lost.
+    void addColors(std::vector<Kelpa::Vector> const& colors, bool areBytes) {
+        if (!areBytes)
+            return addVectors({"red", "green", "blue"}, colors);
+        char const* const names[] = {"red", "green", "blue"};
+        for (int axis = 0; axis < 3; ++axis)
+            columns.push_back(
+                {"uchar", names[axis],
+                 [&colors, axis, text = ascii](std::string& bytes, std::size_t particle) {
+                     appendNumber(
+                         bytes, static_cast<std::uint8_t>(exactCode(colors[particle][axis])), text);
+                 }});
+    }
+
+    /// The type that most readers know and that loses nothing: 64-bit types are no part of PLY as
+    /// it was published.
+    void addIds(std::vector<std::int64_t> const& ids) {
+        auto const [least, most] = std::minmax_element(ids.begin(), ids.end());
+        auto const fits = [low = *least, high = *most](std::int64_t from, std::int64_t to) {
+            return low >= from && high <= to;
+        };
+        constexpr std::int64_t exactInDouble = std::int64_t{1} << 53;
+        if (fits(std::numeric_limits<std::int32_t>::min(),
+                 std::numeric_limits<std::int32_t>::max()))
+            addIdsAs<std::int32_t>("int", ids);
+        else if (fits(0, std::numeric_limits<std::uint32_t>::max()))
+            addIdsAs<std::uint32_t>("uint", ids);
+        else if (fits(-exactInDouble, exactInDouble))
+            addIdsAs<double>("double", ids);
+        else
+            addNumbers("int64", "id", ids);
+    }
+
+    template <class Number> void addIdsAs(std::string type, std::vector<std::int64_t> const& ids) {
+        columns.push_back(
+            {std::move(type), "id", [&ids, text = ascii](std::string& bytes, std::size_t particle) {
+                 appendNumber(bytes, static_cast<Number>(ids[particle]), text);
+             }});
+    }
+
+    bool ascii;
+};
+
+std::string headerText(std::vector<OutputColumn> const& columns, std::size_t count, bool ascii) {
+    std::string text = fmt::format("ply\nformat {} 1.0\ncomment particles, written by kelpa\n"
+                                   "element vertex {}\n",
+                                   ascii ? "ascii" : "binary_little_endian", count);
+    for (OutputColumn const& column : columns)
+        text += fmt::format("property {} {}\n", column.type, column.name);
+    return text + "end_header\n";
+}
+
+} // namespace
+
+void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
+              PhaseProgress const& progress) {
+    constexpr std::size_t bytesAtOnce = 128 * 1024;
+    std::vector<OutputColumn> const columns = ColumnList(particles, ascii, progress).columns;
+    std::size_t const count = particles.positions.size();
+
+    OutputFile file(path);
+    std::string bytes = headerText(columns, count, ascii);
+    for (std::size_t particle = 0; particle < count; ++particle) {
+        if (progress && particle % pollEvery == 0)
+            progress(static_cast<double>(particle) / static_cast<double>(count), particle);
+        for (OutputColumn const& column : columns)
+            column.append(bytes, particle);
+        if (ascii)
+            bytes.back() = '\n';
+        if (bytes.size() >= bytesAtOnce) {
+            file.write(bytes);
+            bytes.clear();
+        }
+    }
+    file.write(bytes);
+    file.finish();
+}
+
+} // namespace kelpatool
