@@ -97,6 +97,7 @@ class ThreadManager {
     /// Must accept calls from its own workers. It may run the job at once on the calling thread,
     /// keep it waiting for a free worker, or refuse it by throwing: then the job never runs there,
     /// and the build does that work on the thread that asked.
+    /// A build waits for its jobs: building on a worker while no other is free waits for ever.
     /// After `proc` returns the manager must not touch `procedure` again: its owner may be gone.
     virtual void runThread(ThreadProcedure* procedure, void* parameter) = 0;
 

@@ -18,7 +18,7 @@ class ThreadProcedure {
 };
 
 // The six services that a host supplies. Whoever links the library without `Kelpa::host` defines
-// these functions; the library calls nothing else of its surroundings.
+// these functions; the library calls nothing else of its surroundings. None of them may throw.
 
 /// Writes a line to the host's debug log, formatted as `printf` does.
 void debug(char const* format, ...) __attribute__((format(printf, 1, 2)));

@@ -38,6 +38,7 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
     /// usual for still particles, 80 for moving ones), nodes with a diagonal below `minNodeSize`
     /// become leaves (0.0), `leafSizeFactor` lets leaves grow with depth (2.0 and 1.0).
     /// With `staticBounds` a moving primitive reports bounds that do not move.
+    /// Not to be called on a worker of `threadManager` unless another is free to take the job.
     /// Throws `ExceptionMsg` when memory runs out, on whichever thread; the tree is then empty and
     /// can be built again or destroyed.
     void build(ProgressCallback* progress, ThreadManager* threadManager, int maxDepth,
@@ -73,7 +74,8 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
 
     /// Cuts the bounds at a plane, without regard to whether it crosses them.
     ///
-    /// `dim` is an axis; for moving bounds 0 to 2 cut `bounds` and 4 to 6 cut `motion`.
+    /// `dim` is an axis; for moving bounds 0 to 2 cut `bounds` and 4 to 6 cut `motion`. Any other
+    /// number cuts nothing.
     void split(int dim, float pos, B& lowerBox, B& upperBox) override;
 
     /// As `intersect`, ray after ray; origins are rounded to single precision.

@@ -58,6 +58,8 @@ template <> struct TreeQuery<StaticSphereTree> {
     }
 
     static void cut(int dim, float pos, StaticBox& lower, StaticBox& upper) {
+        if (dim < 0 || dim > 2)
+            return;
         lower.pmax[dim] = pos;
         upper.pmin[dim] = pos;
     }

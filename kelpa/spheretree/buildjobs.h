@@ -28,8 +28,13 @@ concept ThreadedBuild = requires(Tree& tree) {
 // reached through atomic references only. Relaxed order suffices: the lock, or the end of the
 // build, orders everything that hangs on them.
 
-inline std::int32_t readShared(std::int32_t& shared) {
-    return std::atomic_ref(shared).load(std::memory_order_relaxed);
+inline std::int32_t readShared(std::int32_t const& shared) {
+    // An atomic reference to a constant comes with C++26; loading changes nothing.
+    return std::atomic_ref(const_cast<std::int32_t&>(shared)).load(std::memory_order_relaxed);
+}
+
+inline void writeShared(std::int32_t& shared, std::int32_t value) {
+    std::atomic_ref(shared).store(value, std::memory_order_relaxed);
 }
 
 inline void addShared(std::int32_t& shared, std::int32_t amount) {

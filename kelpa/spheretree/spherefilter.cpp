@@ -3,6 +3,7 @@
 #include "kelpa/foundation/hitkernels.h"
 
 #include <atomic>
+#include <cassert>
 #include <cmath>
 #include <limits>
 
@@ -209,6 +210,7 @@ SphereFilter chosenSphereFilter() {
 }
 
 void chooseSphereFilter(FilterVariant variant) {
+    assert(sphereFilter(variant) != nullptr);
     filterInUse().store(sphereFilter(variant), std::memory_order_relaxed);
 }
 

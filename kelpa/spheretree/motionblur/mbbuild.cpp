@@ -169,7 +169,7 @@ template <class Tree> void releaseTree(Tree& tree) {
     delete[] tree.spheres;
     tree.spheres = nullptr;
     tree.numSpheres = 0;
-    tree.numParticles = 0;
+    writeShared(tree.numParticles, 0);
     tree.nodes.freeData();
     tree.leafSpheres.freeData();
     tree.root = nullptr;
@@ -178,11 +178,25 @@ template <class Tree> void releaseTree(Tree& tree) {
     tree.packedFloats = 0;
 }
 
+template <class Tree> void resetBounds(Tree& tree) {
+    tree.rootBox = TimeBox::empty({0.0F, 0.0F, 0.0F});
+    tree.boundsTimeMin = 1e20F;
+    tree.boundsTimeMax = -1e20F;
+    tree.boundsBox = Box::empty();
+    tree.boundsMotion = Box::empty();
+}
+
+/// What is left of a build that failed: an empty tree, as if there were no usable particle.
+template <class Tree> void abandonBuild(Tree& tree) {
+    releaseTree(tree);
+    resetBounds(tree);
+}
+
 template <class Tree> void allocateSpheres(Tree& tree) {
     std::int64_t total = 0;
     for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
         total += particleCount(tree.particleSystems.elements[s]);
-    tree.numParticles = checkedTotal(total);
+    writeShared(tree.numParticles, checkedTotal(total));
     tree.spheres = new (std::nothrow) MBSphere[static_cast<std::size_t>(total)];
     if (tree.spheres == nullptr)
         throwOutOfMemory();
@@ -288,11 +302,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     allocateSpheres(tree);
     gatherSpheres(tree);
     tree.statMaxDepth = 0;
-    tree.rootBox = TimeBox::empty({0.0F, 0.0F, 0.0F});
-    tree.boundsTimeMin = 1e20F;
-    tree.boundsTimeMax = -1e20F;
-    tree.boundsBox = Box::empty();
-    tree.boundsMotion = Box::empty();
+    resetBounds(tree);
     if (tree.numSpheres == 0)
         return;
 
@@ -342,7 +352,7 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::freeData() {
 template <class Sphere, int NodeBlock, int LeafBlock>
 std::uint64_t MBSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
     return nodes.getMemUsage() + leafSpheres.getMemUsage() +
-           sizeof(Sphere) * static_cast<std::uint64_t>(numParticles);
+           sizeof(Sphere) * static_cast<std::uint64_t>(readShared(numParticles));
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
@@ -358,10 +368,10 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progres
     try {
         buildAnew(*this, progress, manager, staticBounds);
     } catch (std::bad_alloc const&) {
-        releaseTree(*this);
+        abandonBuild(*this);
         throwOutOfMemory();
     } catch (...) {
-        releaseTree(*this);
+        abandonBuild(*this);
         throw;
     }
 }

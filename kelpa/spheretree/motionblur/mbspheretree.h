@@ -76,10 +76,12 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Particles are left out when a centre or radius of either snapshot is not finite, a radius
     /// below 1e-15, the second snapshot has no such particle, or the motion between the two is
     /// beyond single precision.
-    /// An abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory
-    /// runs out on any thread, when there are more particles, nodes or leaf entries than 2^31 - 1,
-    /// or when a leaf would need more than 2^23 - 1 entries; whatever is thrown, all jobs have
-    /// ended by then, and the tree is empty and can be built again.
+    /// Not to be called on one of the manager's workers unless another is free to take the job
+    /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
+    /// abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory runs
+    /// out on any thread, when there are more particles, nodes or leaf entries than 2^31 - 1, or
+    /// when a leaf would need more than 2^23 - 1 entries; whatever is thrown, all jobs have ended
+    /// by then, and the tree is empty and can be built again.
     void build(ProgressCallback* progress, ThreadManager* manager, int staticBounds);
 
     /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
@@ -108,11 +110,12 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     float leafSizeFactor = 1.0F;    ///< growth of leaves with depth
     float minNodeSize = 0.0F;       ///< nodes with a smaller diagonal become leaves
     std::int32_t multiThreaded = 1; ///< build with as many threads as there are processors
-    TimeBox rootBox;                ///< all spheres in the world's frame, a little widened
-    float boundsTimeMin = 0.0F;     ///< the moving bounds, as in `MovingBox`
+    TimeBox rootBox =
+        TimeBox::empty({0.0F, 0.0F, 0.0F}); ///< all spheres in the world's frame, a little widened
+    float boundsTimeMin = 0.0F;             ///< the moving bounds, as in `MovingBox`
     float boundsTimeMax = 0.0F;
-    Box boundsBox;
-    Box boundsMotion;
+    Box boundsBox = Box::empty();
+    Box boundsMotion = Box::empty();
     std::int32_t numSpheres = 0;   ///< usable particles
     std::int32_t numParticles = 0; ///< particles, usable or not: the length of `spheres`
     Sphere* spheres = nullptr;     ///< owned

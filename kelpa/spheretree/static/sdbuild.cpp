@@ -1,6 +1,7 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/traversal.h"
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
-#include <vector>
 
 namespace Kelpa {
 
@@ -86,7 +86,7 @@ template <class Tree> void releaseTree(Tree& tree) {
     delete[] tree.spheres;
     tree.spheres = nullptr;
     tree.numSpheres = 0;
-    tree.totalParticles = 0;
+    writeShared(tree.totalParticles, 0);
     tree.nodes.freeData();
     tree.leafSpheres.freeData();
     tree.root = nullptr;
@@ -95,11 +95,17 @@ template <class Tree> void releaseTree(Tree& tree) {
     tree.packedFloats = 0;
 }
 
+/// What is left of a build that failed: an empty tree, as if there were no usable particle.
+template <class Tree> void abandonBuild(Tree& tree) {
+    releaseTree(tree);
+    tree.bbox = Box::empty();
+}
+
 template <class Tree> void allocateSpheres(Tree& tree) {
     std::int64_t total = 0;
     for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
         total += particleCount(tree.particleSystems.elements[s]);
-    tree.totalParticles = checkedTotal(total);
+    writeShared(tree.totalParticles, checkedTotal(total));
     tree.spheres = new (std::nothrow) SDSphere[static_cast<std::size_t>(total)];
     if (tree.spheres == nullptr)
         throwOutOfMemory();
@@ -212,13 +218,13 @@ template <class Tree> void packLeaves(Tree& tree) {
         return;
     packs[0] = 0.0F;
     std::uint64_t end = 1;
-    std::vector<typename Tree::Node*> waiting{tree.root};
-    while (!waiting.empty()) {
-        auto* const node = waiting.back();
-        waiting.pop_back();
+    // At most one node waits on each level of the path, and one behind it.
+    typename Tree::Node* waiting[levelLimit + 1] = {tree.root};
+    for (int used = 1; used > 0;) {
+        auto* const node = waiting[--used];
         if (!node->isLeaf()) {
-            waiting.push_back(node->children() + 1);
-            waiting.push_back(node->children());
+            waiting[used++] = node->children() + 1;
+            waiting[used++] = node->children();
         } else if (node->numLeafSpheres > 0) {
             end = packLeaf(tree, *node, packs, end);
         }
@@ -314,7 +320,7 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::freeData() {
 template <class Sphere, int NodeBlock, int LeafBlock>
 std::uint64_t SDSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
     return nodes.getMemUsage() + leafSpheres.getMemUsage() +
-           sizeof(Sphere) * static_cast<std::uint64_t>(totalParticles);
+           sizeof(Sphere) * static_cast<std::uint64_t>(readShared(totalParticles));
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
@@ -330,10 +336,10 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progres
     try {
         buildAnew(*this, progress, manager);
     } catch (std::bad_alloc const&) {
-        releaseTree(*this);
+        abandonBuild(*this);
         throwOutOfMemory();
     } catch (...) {
-        releaseTree(*this);
+        abandonBuild(*this);
         throw;
     }
 }

@@ -69,9 +69,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// Both arguments may be null. Particles with a centre or radius that is not finite, with a
     /// radius below 1e-15 or with no radius at all are left out. With a `manager` and
     /// `multiThreaded` set, the work is done on the manager's threads while this one waits.
-    /// An abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory
-    /// runs out on any thread, or when there are more particles, nodes or leaf entries than 2^31 -
-    /// 1; whatever is thrown, all jobs have ended by then, and the tree is empty and can be built
+    /// Not to be called on one of the manager's workers unless another is free to take the job
+    /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
+    /// abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory runs
+    /// out on any thread, or when there are more particles, nodes or leaf entries than 2^31 - 1;
+    /// whatever is thrown, all jobs have ended by then, and the tree is empty and can be built
     /// again.
     virtual void build(ProgressCallback* progress, ThreadManager* manager);
 
@@ -99,7 +101,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     float minNodeSize = 0.0F;        ///< nodes with a smaller diagonal become leaves
     std::int32_t maxDepth = 60;      ///< deepest level that is split
     std::int32_t multiThreaded = 1;  ///< build on the thread manager's threads, if there is one
-    Box bbox;                        ///< of all spheres, a little widened; set by `build`
+    Box bbox = Box::empty();         ///< of all spheres, a little widened; set by `build`
     Node* root = nullptr;            ///< from `nodes`
     std::int32_t numSpheres = 0;     ///< usable particles
     std::int32_t totalParticles = 0; ///< particles, usable or not: the length of `spheres`
