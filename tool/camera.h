@@ -1,0 +1,53 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/vector.h"
+
+#include "tool/options.h"
+
+#include <span>
+
+namespace kelpatool {
+
+/// Three doubles: directions and places of the camera, where single precision would show.
+struct Vec {
+    double x, y, z;
+};
+
+/// A pinhole or parallel camera: the rays of a picture.
+///
+/// Pixel coordinates run from (0, 0) at the top left corner to (width, height).
+struct Camera {
+    Vec eye;   ///< the pinhole, or a point of the plane that parallel rays start from
+    Vec right; ///< unit vectors
+    Vec up;
+    Vec forward;
+    double tanHalfHeight; ///< pinhole: of half the vertical angle; parallel: half the height seen
+    bool isParallel;
+    int width;
+    int height;
+
+    /// The ray through a point of the picture; its direction has length 1.
+    Kelpa::TraceRay ray(double pixelX, double pixelY) const;
+};
+
+/// The smallest box around points, in double precision.
+struct Bounds {
+    Vec min;
+    Vec max;
+
+    Vec centre() const;
+    double diagonal() const;
+};
+
+/// Places the camera as the options say; where they are silent, so that all spheres just fit, with
+/// a margin of 5 %.
+///
+/// The pinhole is moved in its plane and drawn back until every sphere touches or lies inside each
+/// of the four planes of the view: an exact fit of the spheres, not of a box around them. `origin`
+/// is what has been subtracted from all centres; the options are in the file's coordinates.
+Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
+                   std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                   Vec const& origin);
+
+} // namespace kelpatool

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "kelpa/foundation/vector.h"
+
+#include <array>
+#include <optional>
+#include <vector>
+
+namespace kelpatool {
+
+/// Colours for numbers, in linear light: from dark blue for the range's lower end over green to
+/// yellow for its upper one. Without a range, from the 1st to the 99th percentile of the finite
+/// values. Numbers outside take the end's colour; those that are no numbers are grey.
+std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
+                                     std::optional<std::array<float, 2>> range);
+
+} // namespace kelpatool

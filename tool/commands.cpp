@@ -1,0 +1,324 @@
+#include "tool/commands.h"
+
+#include "kelpa/foundation/platform.h"
+#include "kelpa/host/consoleprogress.h"
+#include "kelpa/host/threadpool.h"
+
+#include "tool/camera.h"
+#include "tool/image.h"
+#include "tool/particlefile.h"
+#include "tool/render.h"
+#include "tool/scene.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+#include <limits>
+#include <locale>
+
+namespace kelpatool {
+
+namespace {
+
+/// Seconds since it was made.
+class Stopwatch {
+  public:
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    }
+
+  private:
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+};
+
+/// 218901 as "218,901".
+std::string withCommas(std::uint64_t number) {
+    std::string text = fmt::format("{}", number);
+    for (std::size_t at = text.size(); at > 3; at -= 3)
+        text.insert(at - 3, ",");
+    return text;
+}
+
+std::string baseName(std::string const& path) {
+    return std::filesystem::path(path).filename().string();
+}
+
+Note noteTo(RunOptions const& run) {
+    if (run.quiet)
+        return [](std::string const&) {};
+    return [](std::string const& text) { fmt::print(stderr, "kelpa: note: {}\n", text); };
+}
+
+void throwIfInterrupted() {
+    if (Kelpa::InterruptScope::interrupted())
+        throw Interrupted();
+}
+
+Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
+    return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
+}
+
+/// Runs a phase with a progress display of its own, which the phase feeds and which stops it.
+template <class Phase>
+auto withProgress(std::string const& name, RunOptions const& run, Phase phase) {
+    Kelpa::ProgressLine line(name, displayMode(run));
+    return phase([&line](double fraction, std::uint64_t particles) {
+        line.update(fraction, particles);
+        throwIfInterrupted();
+    });
+}
+
+ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
+    ReadOptions read;
+    read.format = options.particles.format;
+    read.frame = options.particles.frame;
+    read.radiusFrom = options.particles.radiusFrom;
+    read.summarise = summarise;
+    if (!options.color.colorBy.empty())
+        read.attributes.push_back(options.color.colorBy);
+    return withProgress("read", options.run, [&](PhaseProgress const& progress) {
+        read.progress = progress;
+        return readParticleFile(path, read);
+    });
+}
+
+bool hasSecondFile(Options const& options) {
+    return options.motion.motion != "none" && options.motion.motion != "velocity";
+}
+
+/// Collects what a build says.
+class BuildReport final : public Kelpa::ProgressCallback {
+  public:
+    explicit BuildReport(RunOptions const& run)
+        : console(run.verbose ? Kelpa::ConsoleProgress::Verbosity::everything
+                  : run.stats ? Kelpa::ConsoleProgress::Verbosity::statistics
+                              : Kelpa::ConsoleProgress::Verbosity::quiet) {}
+
+    std::int32_t getAbort() override { return console.getAbort(); }
+    void info(int kind, int level, char const* format, ...) override
+        __attribute__((format(printf, 4, 5))) {
+        char text[1024];
+        va_list values;
+        va_start(values, format);
+        std::vsnprintf(text, sizeof text, format, values);
+        va_end(values);
+        console.info(kind, level, "%s", text);
+        std::string line = text;
+        while (!line.empty() && line.back() == '\n')
+            line.pop_back();
+        constexpr int statistics = 20000;
+        if (level == statistics)
+            statisticsLines.push_back(line);
+    }
+
+    std::vector<std::string> statisticsLines;
+
+  private:
+    Kelpa::ConsoleProgress console;
+};
+
+int threadCount(RunOptions const& run) {
+    return run.threads > 0 ? run.threads : Kelpa::getNumProcessors();
+}
+
+void buildScene(Scene& scene, Options const& options, BuildReport& report) {
+    Kelpa::ProgressLine line("build", displayMode(options.run));
+    line.update(-1.0, static_cast<std::uint64_t>(scene.first->positions.size()));
+    bool const isThreaded = !options.run.reproducible && threadCount(options.run) > 1;
+    std::unique_ptr<Kelpa::ThreadPool> pool;
+    if (isThreaded)
+        pool = std::make_unique<Kelpa::ThreadPool>(threadCount(options.run));
+    scene.geometry->build(report, pool.get(), options.tree);
+    throwIfInterrupted();
+}
+
+std::uint64_t peakMegabytes() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<std::uint64_t>(usage.ru_maxrss) / 1024;
+}
+
+// ---------------------------------------------------------------- info ----
+
+struct RadiusSummary {
+    double min;
+    double median;
+    double max;
+};
+
+RadiusSummary summarise(std::vector<float> radii) {
+    auto const end = std::partition(radii.begin(), radii.end(),
+                                    [](float r) { return std::isfinite(r) && r > 0.0F; });
+    if (end == radii.begin())
+        return {};
+    auto const middle = radii.begin() + (end - radii.begin()) / 2;
+    std::nth_element(radii.begin(), middle, end);
+    auto const [least, most] = std::minmax_element(radii.begin(), end);
+    return {static_cast<double>(*least), static_cast<double>(*middle), static_cast<double>(*most)};
+}
+
+std::string quoted(std::string const& text) {
+    std::string json = "\"";
+    for (char const c : text) {
+        if (c == '"' || c == '\\')
+            json += '\\';
+        if (static_cast<unsigned char>(c) < 0x20)
+            json += fmt::format("\\u{:04x}", static_cast<int>(c));
+        else
+            json += c;
+    }
+    return json + "\"";
+}
+
+// JSON knows no infinities.
+std::string jsonNumber(double value) {
+    return std::isfinite(value) ? fmt::format("{}", value) : "null";
+}
+
+void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
+                 std::string const& file, BuildReport const& report) {
+    fmt::print("{}: {}, {} particles\n", baseName(file), particles.format,
+               withCommas(particles.positions.size()));
+    if (particles.frameCount > 1)
+        fmt::print("  frames: {}\n", particles.frameCount);
+    fmt::print("  columns:\n");
+    for (AttributeSummary const& column : particles.columns) {
+        fmt::print("    {:<20} {:<8} {:.7g} to {:.7g}", column.name, column.type, column.min,
+                   column.max);
+        if (column.notFinite > 0)
+            fmt::print(", {} not finite", withCommas(column.notFinite));
+        fmt::print("\n");
+    }
+    fmt::print("  radius: min {:.6g}, median {:.6g}, max {:.6g}\n", radii.min, radii.median,
+               radii.max);
+    fmt::print("  bounds: {}\n", scene.geometry->bounds(scene.origin));
+    if (scene.second != nullptr)
+        fmt::print("  motion: {:.6g} on average, {:.6g} at most\n", scene.meanStep,
+                   scene.largestStep);
+    fmt::print("  skipped: {} not finite, {} with radius 0 or less\n",
+               withCommas(scene.rejected.notFinite), withCommas(scene.rejected.notPositive));
+    fmt::print("  tree: {:.1f} bytes a sphere with packed leaves\n",
+               static_cast<double>(scene.geometry->memory()) / scene.geometry->sphereCount());
+    for (std::string const& line : report.statisticsLines)
+        fmt::print("{}\n", line);
+}
+
+void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
+                 std::string const& file, BuildReport const& report) {
+    fmt::print("{{\n  \"file\": {},\n  \"format\": {},\n  \"particles\": {},\n  \"frames\": {},\n",
+               quoted(baseName(file)), quoted(particles.format), particles.positions.size(),
+               particles.frameCount);
+    fmt::print("  \"columns\": [");
+    for (std::size_t i = 0; i < particles.columns.size(); ++i) {
+        AttributeSummary const& column = particles.columns[i];
+        fmt::print(
+            "{}\n    {{\"name\": {}, \"type\": {}, \"min\": {}, \"max\": {}, \"notFinite\": {}}}",
+            i > 0 ? "," : "", quoted(column.name), quoted(column.type), jsonNumber(column.min),
+            jsonNumber(column.max), column.notFinite);
+    }
+    fmt::print("\n  ],\n  \"radius\": {{\"min\": {}, \"median\": {}, \"max\": {}}},\n",
+               jsonNumber(radii.min), jsonNumber(radii.median), jsonNumber(radii.max));
+    fmt::print("  \"bounds\": {},\n", quoted(scene.geometry->bounds(scene.origin)));
+    fmt::print("  \"motion\": {{\"mean\": {}, \"largest\": {}}},\n", jsonNumber(scene.meanStep),
+               jsonNumber(scene.largestStep));
+    fmt::print("  \"skipped\": {{\"notFinite\": {}, \"notPositive\": {}}},\n",
+               scene.rejected.notFinite, scene.rejected.notPositive);
+    fmt::print("  \"treeBytes\": {},\n  \"statistics\": [", scene.geometry->memory());
+    for (std::size_t i = 0; i < report.statisticsLines.size(); ++i)
+        fmt::print("{}\n    {}", i > 0 ? "," : "", quoted(report.statisticsLines[i]));
+    fmt::print("\n  ]\n}}\n");
+}
+
+} // namespace
+
+int runRender(Options const& options) {
+    ImageFormat format{};
+    try {
+        format = imageFormatOf(options.output);
+    } catch (std::invalid_argument const& error) {
+        throw UsageError(error.what());
+    }
+    if (options.image.hasAovs() && format != ImageFormat::exr)
+        throw UsageError(fmt::format("{}: only EXR can hold --aov channels; write an .exr",
+                                     baseName(options.output)));
+    checkWritable(options.output);
+
+    Stopwatch const readTime;
+    ParticleSet particles = readParticles(options.particles.files[0], options, false);
+    ParticleSet second;
+    if (hasSecondFile(options))
+        second = readParticles(options.motion.motion, options, false);
+    Scene scene = makeScene(options, std::move(particles),
+                            hasSecondFile(options) ? &second : nullptr, noteTo(options.run));
+    second = {};
+    throwIfInterrupted();
+    double const readSeconds = readTime.seconds();
+
+    Stopwatch const buildTime;
+    BuildReport report(options.run);
+    buildScene(scene, options, report);
+    double const buildSeconds = buildTime.seconds();
+
+    Stopwatch const renderTime;
+    Camera const camera =
+        placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
+                    scene.framedCenters, scene.framedRadii, scene.origin);
+    Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
+        return renderImage(scene, camera, options, threadCount(options.run), progress);
+    });
+    throwIfInterrupted();
+    writeImage(options.output, image, options.image.transparent);
+    if (!options.run.quiet)
+        fmt::print(
+            stderr,
+            "wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
+            options.output, image.cropX1 - image.cropX0, image.cropY1 - image.cropY0,
+            withCommas(static_cast<std::uint64_t>(scene.geometry->sphereCount())), readSeconds,
+            buildSeconds, renderTime.seconds(), peakMegabytes());
+    return 0;
+}
+
+int runInfo(Options const& given) {
+    Options options = given;
+    // The whole way between the snapshots.
+    if (hasSecondFile(options) && !options.motion.shutter)
+        options.motion.shutter = options.motion.times;
+    std::string const& file = options.particles.files[0];
+    ParticleSet particles = readParticles(file, options, true);
+    ParticleSet second;
+    if (hasSecondFile(options))
+        second = readParticles(options.motion.motion, options, false);
+    Scene scene = makeScene(options, particles, hasSecondFile(options) ? &second : nullptr,
+                            noteTo(options.run));
+    BuildReport report(options.run);
+    buildScene(scene, options, report);
+    RadiusSummary const radii = summarise(scene.first->radii);
+    (options.json ? printAsJson : printAsText)(particles, scene, radii, file, report);
+    if (std::fflush(stdout) != 0)
+        throw OutputError("standard output cannot be written");
+    return 0;
+}
+
+int runGenerate(Options const& options) {
+    checkWritable(options.output);
+    ParticleSet const particles =
+        withProgress("make", options.run, [&](PhaseProgress const& progress) {
+            return generateParticles(options.kind, options.count, options.run.seed, progress);
+        });
+    withProgress("write", options.run, [&](PhaseProgress const& progress) {
+        writePly(options.output, particles, options.ascii, progress);
+        return 0;
+    });
+    if (!options.run.quiet)
+        fmt::print(stderr, "wrote {}, {} particles\n", options.output,
+                   withCommas(particles.positions.size()));
+    return 0;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "tool/options.h"
+
+namespace kelpatool {
+
+// The commands. Each returns the process's exit code or throws what `main` turns into one.
+
+int runRender(Options const& options);
+int runInfo(Options const& options);
+int runGenerate(Options const& options);
+
+} // namespace kelpatool

@@ -1,0 +1,71 @@
+// The command kelpa: turns what goes wrong into one line and an exit code.
+
+#include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/host/consoleprogress.h"
+
+#include "tool/commands.h"
+#include "tool/options.h"
+#include "tool/particlefile.h"
+
+#include <fmt/format.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <new>
+
+namespace {
+
+enum ExitCode {
+    done = 0,
+    failed = 1,
+    wrongUsage = 2,
+    unusableInput = 3,
+    unwritableOutput = 4,
+    interrupted = 130
+};
+
+int run(kelpatool::Options const& options) {
+    switch (options.command) {
+    case kelpatool::Options::Command::render:
+        return kelpatool::runRender(options);
+    case kelpatool::Options::Command::info:
+        return kelpatool::runInfo(options);
+    case kelpatool::Options::Command::generate:
+        return kelpatool::runGenerate(options);
+    default:
+        return wrongUsage;
+    }
+}
+
+int complain(ExitCode code, char const* text) {
+    std::fprintf(stderr, "kelpa: %s\n", text);
+    return code;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    // A file that may grow no further is reported like a full disk, not by a signal.
+    std::signal(SIGXFSZ, SIG_IGN);
+    Kelpa::InterruptScope const interrupts;
+    try {
+        int exitCode = done;
+        auto const options = kelpatool::parseOptions(argc, argv, exitCode);
+        return options ? run(*options) : exitCode;
+    } catch (kelpatool::UsageError const& error) {
+        return complain(wrongUsage, error.what());
+    } catch (kelpatool::InputError const& error) {
+        return complain(unusableInput, error.what());
+    } catch (kelpatool::OutputError const& error) {
+        return complain(unwritableOutput, error.what());
+    } catch (kelpatool::Interrupted const&) {
+        return complain(interrupted, "interrupted");
+    } catch (Kelpa::ExceptionMsg const& error) {
+        return complain(failed, error.what());
+    } catch (std::bad_alloc const&) {
+        return complain(failed, "out of memory; fewer particles or a smaller picture need less");
+    } catch (std::exception const& error) {
+        return complain(failed, error.what());
+    }
+}

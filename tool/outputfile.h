@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kelpatool {
+
+/// A file that appears under its name only when it is whole.
+///
+/// The bytes go to a temporary name in the same folder; `commit` gives it the right one. Destroyed
+/// without that, it leaves nothing behind, and a file that was there before keeps its content. What
+/// is no ordinary file, such as a pipe, is written to directly. Every function throws `OutputError`
+/// naming the file and the reason.
+class OutputFile {
+  public:
+    /// Opens the temporary file. A folder, a read-only file and a missing folder are refused.
+    explicit OutputFile(std::string const& wantedPath);
+    ~OutputFile();
+    OutputFile(OutputFile const&) = delete;
+    OutputFile& operator=(OutputFile const&) = delete;
+
+    void write(std::string_view bytes);
+
+    /// Waits until the bytes are on the disk, which is when a full one is noticed, and renames.
+    void commit();
+
+    /// Throws when a file of this name could not be created. Changes nothing.
+    static void check(std::string const& path);
+
+  private:
+    void resolve();
+    void open();
+    void flush();
+    [[noreturn]] void fail(int error) const;
+
+    std::string path;          ///< as the user knows it
+    std::string target;        ///< the same with links resolved
+    std::string written;       ///< where the bytes go
+    bool isTemporary = false;  ///< what is at `written` goes with this object
+    int descriptor = -1;       ///< -1: closed
+    std::size_t unflushed = 0; ///< bytes since the last wait for the disk
+};
+
+} // namespace kelpatool
