@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing need, as far as they are missing.
+# `install-packages.sh --no-tests` leaves out what only tests and benchmark use.
+set -euo pipefail
+
+packages=(g++ cmake make pkg-config libpng-dev libopenexr-dev libcli11-dev libfmt-dev zlib1g-dev)
+if [[ "${1:-}" != --no-tests ]]; then
+    packages+=(libgtest-dev libbenchmark-dev)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+    if [[ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]]; then
+        missing+=("$package")
+    fi
+done
+if [[ ${#missing[@]} == 0 ]]; then
+    exit 0
+fi
+
+echo "installing ${missing[*]}"
+asRoot=()
+if [[ $EUID != 0 ]]; then
+    if ! command -v sudo >/dev/null; then
+        echo "install-packages.sh: needs root or sudo to install: ${missing[*]}" >&2
+        exit 1
+    fi
+    asRoot=(sudo)
+fi
+"${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
+"${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+    "${missing[@]}"
