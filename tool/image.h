@@ -12,8 +12,8 @@ namespace kelpatool {
 /// nothing, so already multiplied by `alpha`.
 struct Image {
     int width = 0, height = 0; ///< the whole picture
-    int cropX0 = 0, cropY0 = 0, cropX1 = 0,
-        cropY1 = 0;           ///< the part that was rendered; pixels [X0, X1) x [Y0, Y1)
+    // The part that was rendered: pixels [X0, X1) x [Y0, Y1).
+    int cropX0 = 0, cropY0 = 0, cropX1 = 0, cropY1 = 0;
     std::vector<float> rgb;   ///< 3 per pixel of the part, linear
     std::vector<float> alpha; ///< 1 per pixel: the part of it covered by particles
     // Further channels, each empty or 1 (3 for vectors) per pixel of the part; from the pixel's
