@@ -41,7 +41,7 @@ class Stopwatch {
 std::string withCommas(std::uint64_t number) {
     std::string text = fmt::format("{}", number);
     for (std::size_t at = text.size(); at > 3; at -= 3)
-        text.insert(at - 3, ",");
+        text.insert(at - 3, 1, ',');
     return text;
 }
 
@@ -164,7 +164,7 @@ RadiusSummary summarise(std::vector<float> radii) {
 }
 
 std::string quoted(std::string const& text) {
-    std::string json = "\"";
+    std::string json(1, '"');
     for (char const c : text) {
         if (c == '"' || c == '\\')
             json += '\\';
@@ -173,7 +173,8 @@ std::string quoted(std::string const& text) {
         else
             json += c;
     }
-    return json + "\"";
+    json += '"';
+    return json;
 }
 
 // JSON knows no infinities.
