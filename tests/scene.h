@@ -1,0 +1,207 @@
+#pragma once
+// Clouds in trees, asked through primitives, and what the answers are worth.
+
+#include "kelpa/particleprimitives/particleprimitives.h"
+
+#include "bruteforce.h"
+#include "rays.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <utility>
+#include <vector>
+
+namespace kelpatest {
+
+inline void registerSystem(StaticSphereTree& tree, Cloud& cloud, std::size_t s,
+                           GenericPrimitive* primitive, std::int32_t indexOffset) {
+    auto& table = tree.particleSystems;
+    table.setCount(table.count + 1, 0);
+    System& system = cloud.systems[s];
+    table.elements[table.count - 1] = {&system.data, primitive, indexOffset,
+                                       system.positions.data(), system.radii.data()};
+}
+
+/// What hits on a system are reported to be on.
+class Shape final : public GenericPrimitive {};
+
+/// A cloud in the tree of one primitive. Several systems share the tree with offsets that tell
+/// their particles apart, and each system has a shape of its own.
+template <class Primitive> class Scene {
+  public:
+    explicit Scene(Cloud content)
+        : cloud(std::move(content)), shapes(cloud.systems.size()),
+          owner(base, nullptr, nullptr, true), tree(*owner.tree) {
+        for (std::size_t s = 0; s < shapes.size(); ++s)
+            registerSystem(tree, cloud, s, &shapes[s],
+                           isAlone() ? -1 : offsetStep * static_cast<int>(s));
+    }
+
+    bool isAlone() const { return cloud.systems.size() == 1; }
+
+    std::int64_t reportedIndex(ParticleId id) const {
+        return isAlone() ? base + id.index : offsetStep * id.system + id.index;
+    }
+
+    /// The ray of a query. The interval that must not be read is not a number.
+    RSRay makeRay(Query const& query) const {
+        constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+        RSRay ray{};
+        static_cast<TraceRay&>(ray) = query.ray;
+        ray.time = query.time;
+        ray.intervalMin = isAlone() ? query.tMin : nan;
+        ray.intervalMax = isAlone() ? query.tMax : nan;
+        ray.clipMin = isAlone() ? nan : query.tMin;
+        ray.clipMax = isAlone() ? nan : query.tMax;
+        ray.hitT = isAlone() ? nan : std::numeric_limits<double>::infinity();
+        ray.skipIndex = base - 1;
+        if (query.start.index >= 0)
+            ray.skipIndex = reportedIndex(query.start) + (isAlone() ? 0 : base);
+        return ray;
+    }
+
+    static constexpr std::int32_t base = 1000;
+    static constexpr std::int32_t offsetStep = 100000;
+
+    Cloud cloud;
+    std::vector<Shape> shapes;
+    Primitive owner;
+    std::remove_pointer_t<decltype(Primitive::tree)>& tree;
+};
+
+using StillScene = Scene<StaticParticlePrimitive>;
+
+/// What answers are worth beside the judge's.
+struct Tally {
+    int hits = 0;
+    int delicate = 0; ///< closest hits missed that hang on the last bits, see `isDelicate`
+    int missed = 0;   ///< other closest hits missed, whether or not a farther one was found
+    int wrong = 0;    ///< nearer than any hit, not a hit at all, or not described as it is
+
+    void operator+=(Tally const& other) {
+        hits += other.hits;
+        delicate += other.delicate;
+        missed += other.missed;
+        wrong += other.wrong;
+    }
+};
+
+/// Whether a hit hangs on the last bits: planes and intervals are rounded, so a tree may miss a
+/// particle that the ray touches no deeper than 2^-10 of its radius and 2^-20 of the coordinates of
+/// either.
+inline bool isDelicate(Cloud const& cloud, ParticleId id, Query const& query) {
+    auto const [center, radius] = sphereAt(cloud, id);
+    double toCenter[3], dir[3], along = 0.0, squaredLength = 0.0, squaredDistance = 0.0;
+    double coarsest = 0.0;
+    for (int axis = 0; axis < 3; ++axis) {
+        double const c = static_cast<double>(center[axis]);
+        dir[axis] = static_cast<double>(query.ray.dir[axis]);
+        toCenter[axis] = c - query.ray.origin[axis];
+        along += toCenter[axis] * dir[axis];
+        squaredLength += dir[axis] * dir[axis];
+        coarsest = std::max({coarsest, std::fabs(c), std::fabs(query.ray.origin[axis])});
+    }
+    for (int axis = 0; axis < 3; ++axis) {
+        double const offset = toCenter[axis] - dir[axis] * along / squaredLength;
+        squaredDistance += offset * offset;
+    }
+    double const r = static_cast<double>(radius);
+    return r - std::sqrt(squaredDistance) < 0x1p-10 * r + 0x1p-20 * coarsest;
+}
+
+template <class Float> bool isSame(Float a, Float b) {
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
+inline bool isSame(Vector const& a, Vector const& b) {
+    return isSame(a.x, b.x) && isSame(a.y, b.y) && isSame(a.z, b.z);
+}
+
+/// Whether two rays hold the same hit, or none alike.
+inline bool isSameHit(RSRay const& a, RSRay const& b) {
+    return isSame(a.hitT, b.hitT) && a.hitPrimitive == b.hitPrimitive && a.hitIndex == b.hitIndex &&
+           a.hitLocalIndex == b.hitLocalIndex && isSame(a.hitNormal, b.hitNormal);
+}
+
+/// Whether all that a hit reports belongs to a particle that the ray meets there.
+template <class Primitive>
+bool isTrueHit(Scene<Primitive> const& scene, Query const& query, int code, RSRay const& ray) {
+    auto const shape =
+        std::find_if(scene.shapes.begin(), scene.shapes.end(),
+                     [&ray](Shape const& candidate) { return &candidate == ray.hitPrimitive; });
+    ParticleId const id{static_cast<int>(shape - scene.shapes.begin()), ray.hitLocalIndex};
+    if (shape == scene.shapes.end() || ray.hitIndex != scene.reportedIndex(id))
+        return false;
+    Answer alone = askParticle(scene.cloud, id, query);
+    if (alone.t < ray.hitT) { // the entry was missed, so the exit counts
+        Query fromInside = query;
+        fromInside.start = id;
+        alone = askParticle(scene.cloud, id, fromInside);
+    }
+    Vector normal = scaled(ray.dir, -1.0F);
+    auto const [center, radius] = sphereAt(scene.cloud, id);
+    for (int axis = 0; axis < 3 && code == 1; ++axis)
+        normal[axis] = (static_cast<float>(ray.origin[axis]) - center[axis]) +
+                       ray.dir[axis] * static_cast<float>(ray.hitT);
+    return alone.code == code && alone.t == ray.hitT && isSame(ray.hitNormal, normal);
+}
+
+/// Asks `perAim` seeded rays of every kind and compares the answers with the judge's.
+template <class Primitive> Tally askRays(Scene<Primitive>& scene, std::uint64_t seed, int perAim) {
+    Tally tally;
+    RaySource rays(scene.cloud, seed);
+    for (int i = 0; i < perAim * numAims; ++i) {
+        Query const query = rays.make(static_cast<Aim>(i % numAims));
+        RSRay ray = scene.makeRay(query);
+        int const code = scene.owner.intersect(ray);
+        Answer const expected = bruteForce(scene.cloud, query);
+        tally.hits += expected.code != 0;
+        if (code != 0 &&
+            (expected.code == 0 || ray.hitT < expected.t || !isTrueHit(scene, query, code, ray)))
+            ++tally.wrong;
+        else if (expected.code != 0 && (code == 0 || ray.hitT > expected.t))
+            ++(isDelicate(scene.cloud, expected.on, query) ? tally.delicate : tally.missed);
+    }
+    return tally;
+}
+
+/// Expects the judge's hit for every ray; for scenes without coarse coordinates.
+template <class Primitive>
+void expectRightAnswers(Scene<Primitive>& scene, std::uint64_t seed, int perAim) {
+    Tally const tally = askRays(scene, seed, perAim);
+    EXPECT_GT(tally.hits, perAim);
+    EXPECT_EQ(tally.delicate + tally.missed + tally.wrong, 0);
+}
+
+/// Walks a tree and expects that its nodes, leaves and counters tell the same.
+inline void expectSound(StaticSphereTree const& tree) {
+    std::vector<std::pair<SDSphereNode<SDSphere> const*, int>> open{{tree.root, 1}};
+    int nodes = 0, leaves = 0, entries = 0, deepest = 0, badEntries = 0;
+    while (!open.empty()) {
+        auto const [node, level] = open.back();
+        open.pop_back();
+        ++nodes;
+        if (!node->isLeaf()) {
+            deepest = std::max(deepest, level);
+            open.push_back({node->children(), level + 1});
+            open.push_back({node->children() + 1, level + 1});
+            continue;
+        }
+        leaves += node->numLeafSpheres > 0;
+        entries += node->numLeafSpheres;
+        for (int k = 0; k < node->numLeafSpheres; ++k)
+            badEntries += static_cast<int>(node->leafSpheres()[k].sphereIndex) >= tree.numSpheres;
+    }
+    EXPECT_EQ(nodes, tree.nodes.getCount());
+    EXPECT_EQ(leaves, tree.statNumLeaves);
+    EXPECT_EQ(entries, tree.leafSpheres.getCount());
+    EXPECT_EQ(deepest, tree.innerLevels);
+    EXPECT_EQ(badEntries, 0);
+    EXPECT_EQ(tree.numRunning, 0);
+}
+
+} // namespace kelpatest
