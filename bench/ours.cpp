@@ -145,10 +145,14 @@ void addBounces(Primitive& primitive, std::span<Ray const> rays, std::vector<Ray
         if (dir.x * n.x + dir.y * n.y + dir.z * n.z < 0.0F)
             dir = {-dir.x, -dir.y, -dir.z};
         Ray bounce{{}, dir, ray.time, hit.hitLocalIndex};
-        // In single precision, as both kernels see origins.
-        for (int axis = 0; axis < 3; ++axis)
-            bounce.origin[axis] = static_cast<double>(static_cast<float>(
-                hit.origin[axis] + hit.hitT * static_cast<double>(hit.dir[axis])));
+        // In single precision, as both kernels see origins, and a little above the surface, so that
+        // a kernel without an index to skip does not meet the same sphere again.
+        constexpr double lift = 0.002; // of the radius, the length of the normal
+        for (int axis = 0; axis < 3; ++axis) {
+            double const surface = hit.origin[axis] + hit.hitT * static_cast<double>(hit.dir[axis]);
+            bounce.origin[axis] = static_cast<double>(
+                static_cast<float>(surface + lift * static_cast<double>(n[axis])));
+        }
         bounced.push_back(bounce);
     }
 }

@@ -24,6 +24,22 @@ std::int64_t reportedIndex(Tree const& tree, ClosestHit const& hit, std::int32_t
     return wrappedSum(tree.singleSystem == 1 ? baseIndex : hit.indexOffset, hit.particleIndex);
 }
 
+/// Registers a system and builds the tree. If that fails the system is forgotten again, so that a
+/// second attempt does not find it twice.
+template <class Tree>
+void registerAndBuild(Tree& tree, ParticleData* particles0, ParticleData* particles1,
+                      ProgressCallback* progress, ThreadManager* threadManager, int staticBounds,
+                      GenericPrimitive* primitive) {
+    std::int32_t const registered = tree.particleSystems.count;
+    TreeQuery<Tree>::registerSystem(tree, particles0, particles1, primitive);
+    try {
+        TreeQuery<Tree>::build(tree, progress, threadManager, staticBounds);
+    } catch (...) {
+        tree.particleSystems.setCount(registered, 1);
+        throw;
+    }
+}
+
 double roundedToSingle(double value) {
     return static_cast<double>(static_cast<float>(value));
 }
@@ -57,8 +73,7 @@ void SphereTreePrimitiveTemplate<Base, Tree, B>::build(ProgressCallback* progres
     tree->maxDepth = maxDepth;
     tree->minNodeSize = minNodeSize;
     tree->leafSizeFactor = leafSizeFactor;
-    TreeQuery<Tree>::registerSystem(*tree, particles0, particles1, this);
-    TreeQuery<Tree>::build(*tree, progress, threadManager, staticBounds);
+    registerAndBuild(*tree, particles0, particles1, progress, threadManager, staticBounds, this);
 }
 
 template <class Base, class Tree, class B>
@@ -183,9 +198,8 @@ void SphereTreePrimitiveTemplate_callBuild(Kelpa::StaticSphereTree* tree,
                                            Kelpa::ProgressCallback* progress,
                                            Kelpa::ThreadManager* threadManager, int staticBounds,
                                            Kelpa::GenericPrimitive* primitive) {
-    using Query = Kelpa::TreeQuery<Kelpa::StaticSphereTree>;
-    Query::registerSystem(*tree, particles0, particles1, primitive);
-    Query::build(*tree, progress, threadManager, staticBounds);
+    Kelpa::registerAndBuild(*tree, particles0, particles1, progress, threadManager, staticBounds,
+                            primitive);
 }
 
 void SphereTreePrimitiveTemplate_callBuild(Kelpa::MovingSphereTree* tree,
@@ -194,7 +208,6 @@ void SphereTreePrimitiveTemplate_callBuild(Kelpa::MovingSphereTree* tree,
                                            Kelpa::ProgressCallback* progress,
                                            Kelpa::ThreadManager* threadManager, int staticBounds,
                                            Kelpa::GenericPrimitive* primitive) {
-    using Query = Kelpa::TreeQuery<Kelpa::MovingSphereTree>;
-    Query::registerSystem(*tree, particles0, particles1, primitive);
-    Query::build(*tree, progress, threadManager, staticBounds);
+    Kelpa::registerAndBuild(*tree, particles0, particles1, progress, threadManager, staticBounds,
+                            primitive);
 }

@@ -28,7 +28,8 @@ namespace {
 
 // Every variant takes the steps of `hitSphere` in its order, so that it finds the same numbers; a
 // sphere is ruled out where the ray passes it, where it is entered behind the interval, or where it
-// is left before. Comparisons with a NaN rule nothing out.
+// is left before. Comparisons with a NaN rule nothing out. No root is taken of a negative number:
+// hosts may trap invalid operations. (A maximum with a NaN is its second operand.)
 
 std::uint32_t filterScalar(RayFilter const& ray, SphereArrays const& spheres, std::int32_t first,
                            std::int32_t count) {
@@ -40,7 +41,7 @@ std::uint32_t filterScalar(RayFilter const& ray, SphereArrays const& spheres, st
         Vector const offset = {ray.dir.x * tClosest - toCenter.x, ray.dir.y * tClosest - toCenter.y,
                                ray.dir.z * tClosest - toCenter.z};
         float const h = dot(offset, offset) - radius * radius;
-        float const halfChord = std::sqrt(-h / ray.squaredLength);
+        float const halfChord = std::sqrt(h > 0.0F ? 0.0F : -h / ray.squaredLength);
         bool const isMissed =
             h > 0.0F || tClosest - halfChord >= ray.latest || tClosest + halfChord < ray.earliest;
         possible |= (isMissed ? 0U : 1U) << k;
@@ -78,7 +79,8 @@ std::uint32_t filterSse2(RayFilter const& ray, SphereArrays const& spheres, std:
             _mm_add_ps(_mm_add_ps(_mm_mul_ps(ex, ex), _mm_mul_ps(ey, ey)), _mm_mul_ps(ez, ez));
         __m128 const h = _mm_sub_ps(squaredOffset, _mm_mul_ps(radius, radius));
         __m128 const minusH = _mm_xor_ps(h, _mm_set1_ps(-0.0F));
-        __m128 const halfChord = _mm_sqrt_ps(_mm_div_ps(minusH, squaredLength));
+        __m128 const halfChord =
+            _mm_sqrt_ps(_mm_max_ps(_mm_setzero_ps(), _mm_div_ps(minusH, squaredLength)));
         __m128 const isMissed = _mm_or_ps(
             _mm_cmpgt_ps(h, _mm_setzero_ps()),
             _mm_or_ps(_mm_cmpge_ps(_mm_sub_ps(tClosest, halfChord), _mm_set1_ps(ray.latest)),
@@ -116,7 +118,8 @@ __attribute__((target("avx2"))) std::uint32_t filterAvx2(RayFilter const& ray,
             _mm256_add_ps(_mm256_mul_ps(ex, ex), _mm256_mul_ps(ey, ey)), _mm256_mul_ps(ez, ez));
         __m256 const h = _mm256_sub_ps(squaredOffset, _mm256_mul_ps(radius, radius));
         __m256 const minusH = _mm256_xor_ps(h, _mm256_set1_ps(-0.0F));
-        __m256 const halfChord = _mm256_sqrt_ps(_mm256_div_ps(minusH, squaredLength));
+        __m256 const halfChord = _mm256_sqrt_ps(
+            _mm256_max_ps(_mm256_setzero_ps(), _mm256_div_ps(minusH, squaredLength)));
         __m256 const isMissed =
             _mm256_or_ps(_mm256_cmp_ps(h, _mm256_setzero_ps(), _CMP_GT_OQ),
                          _mm256_or_ps(_mm256_cmp_ps(_mm256_sub_ps(tClosest, halfChord),

@@ -7,6 +7,7 @@
 #include "kelpa/spheretree/usableparticles.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <new>
 
@@ -49,6 +50,10 @@ Vector velocityOf(MovingParticleDataWithPrimitive const& system, std::uint32_t i
     return {(p1.x - p0.x) * rate, (p1.y - p0.y) * rate, (p1.z - p0.z) * rate};
 }
 
+float radiusRateOf(MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
+    return (system.radii1[i] - system.radii0[i]) * ratePerTime(system);
+}
+
 bool isUsable(ParticleData const& snapshot, Vector const* positions, float const* radii,
               std::int32_t index) {
     return index < snapshot.numParticles && index < snapshot.numRadii &&
@@ -56,11 +61,13 @@ bool isUsable(ParticleData const& snapshot, Vector const* positions, float const
 }
 
 /// Whether a record's particle can be placed: both snapshots have it, it is of use in both, and so
-/// is the motion between them.
+/// is what happens between them.
 bool isUsable(MovingParticleDataWithPrimitive const& system, std::int32_t index) {
-    return isUsable(*system.particles0, system.positions0, system.radii0, index) &&
+    auto const i = static_cast<std::uint32_t>(index);
+    return std::isfinite(system.time0) && std::isfinite(system.time1) &&
+           isUsable(*system.particles0, system.positions0, system.radii0, index) &&
            isUsable(*system.particles1, system.positions1, system.radii1, index) &&
-           isFinite(velocityOf(system, static_cast<std::uint32_t>(index)));
+           isFinite(velocityOf(system, i)) && std::isfinite(radiusRateOf(system, i));
 }
 
 template <class Tree> void gatherSpheres(Tree& tree) {
@@ -93,8 +100,11 @@ void growBothWays(float& min, float& max, float centre, float reach) {
 TimeBox particleBox(MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
     float const rate = ratePerTime(system);
     TimeBox box = TimeBox::empty(velocityOf(system, i));
-    box.timeMin = std::max(system.time0, 0.0F);
-    box.timeMax = std::min(system.time1, 1.0F);
+    bool const standsStill = system.time0 == system.time1;
+    // What stands still is where it is at all times; that it is hit at one only, leaves see to. An
+    // interval without length would make every split look free.
+    box.timeMin = standsStill ? 0.0F : std::max(system.time0, 0.0F);
+    box.timeMax = standsStill ? 1.0F : std::min(system.time1, 1.0F);
     for (float const time : {box.timeMin, box.timeMax}) {
         float const f = (time - system.time0) * rate;
         float const radius = interpolated(system.radii0[i], system.radii1[i], f);
@@ -124,9 +134,8 @@ template <class Tree> void makeRecords(Tree& tree, MBSphereRecords& records) {
 /// Grows the moving bounds by a particle's bounds at time 0 and by their rate of change.
 template <class Tree>
 void growMovingBounds(Tree& tree, MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
-    float const rate = ratePerTime(system);
     Vector const velocity = velocityOf(system, i);
-    float const radiusRate = (system.radii1[i] - system.radii0[i]) * rate;
+    float const radiusRate = radiusRateOf(system, i);
     float const radiusAtZero = system.radii0[i] - radiusRate * system.time0;
     for (int axis = 0; axis < 3; ++axis) {
         float const atZero = system.positions0[i][axis] - velocity[axis] * system.time0;

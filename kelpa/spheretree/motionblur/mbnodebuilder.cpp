@@ -126,8 +126,7 @@ NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords&
     Vector const velocity = meanVelocity(data, node.count);
     NodeMeasure const measure = measureRecords(data, node.count, velocity, spans);
     NodeDecision decision{inFrame(node.region, velocity), {}};
-    if (node.level > std::min(tree.maxDepth, levelLimit) ||
-        tree.leafSpheres.getCount() > entryBudget(tree.numSpheres) ||
+    if (node.level > std::min(tree.maxDepth, levelLimit) || isBeyondBudget(tree) ||
         node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
         isSmall(decision.region.box, measure.smallestRadius, tree.minNodeSize))
         return decision;
@@ -239,6 +238,8 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
 template <class Sphere, int NodeBlock, int LeafBlock>
 void MBSphereTree<Sphere, NodeBlock, LeafBlock>::storeSpheres(Node* node, MBSphereRecords& data,
                                                               int count) {
+    if (count < 1)
+        return node->becomeLeaf(nullptr, 0);
     if (count > Node::mostLeafSpheres)
         throw ExceptionMsg("[MBSphereTree] A leaf of %i spheres is larger than %i; let the tree be "
                            "deeper (maxDepth, minNodeSize)",

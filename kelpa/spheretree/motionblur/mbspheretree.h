@@ -74,7 +74,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// `progress` may be null. All work is done on the manager's threads while this one waits;
     /// without a manager it is done here. With `staticBounds` the moving bounds do not move.
     /// Particles are left out when a centre or radius of either snapshot is not finite, a radius
-    /// below 1e-15, the second snapshot has no such particle, or the motion between the two is
+    /// below 1e-15, the second snapshot has no such particle, or what happens between the two is
     /// beyond single precision.
     /// Not to be called on one of the manager's workers unless another is free to take the job
     /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
@@ -87,9 +87,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
     /// records of `data`.
     ///
-    /// `depth` counts the splits above that separated spheres, `level` all of them. `scratch`
-    /// receives records that wait for their turn and may be `data` itself. Whatever the parameters,
-    /// a subtree ends at level 1024.
+    /// `depth` counts the splits above that separated spheres, `level` all of them; both from 1.
+    /// `scratch` receives records that wait for their turn and may be `data` itself. Whatever the
+    /// parameters, a subtree ends at level 1024.
     void buildNode(Node* node, TimeBox const& box, MBSphereRecords& data, int count, int depth,
                    ProgressCallback* progress, MBSphereRecords* scratch, int level);
 

@@ -99,7 +99,7 @@ struct PlacedSpheres {
     SphereArrays arrays() const { return {radii, 1, x, y, z}; }
 };
 
-/// Places `count` (1 to 16) of a leaf's spheres. Unused places are left as they are.
+/// Places `count` (1 to 16) of a leaf's spheres; the unused places become zero.
 void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t count, float f,
                   PlacedSpheres& placed) {
     for (std::int32_t k = 0; k < count; ++k) {
@@ -112,6 +112,8 @@ void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t
         placed.z[k] = now[2];
         placed.radii[k] = now[3];
     }
+    for (std::int32_t k = count; k < packWidth; ++k)
+        placed.x[k] = placed.y[k] = placed.z[k] = placed.radii[k] = 0.0F;
 }
 
 /// `intersectLeaf` for packed spheres: the filter rules out only what `hitSphere` misses, and the

@@ -203,8 +203,7 @@ SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& 
     NodeMeasure const measure = measureRecords(data, node.count);
     if (isEmpty(measure.spheres) ||
         node.count <= leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
-        node.level > std::min(tree.maxDepth, levelLimit) ||
-        tree.leafSpheres.getCount() > entryBudget(tree.numSpheres) ||
+        node.level > std::min(tree.maxDepth, levelLimit) || isBeyondBudget(tree) ||
         isSmall(node.region, measure.smallestRadius, tree.minNodeSize))
         return {};
     CandidatePlanes const planes = countSides(measure, data, node.count);

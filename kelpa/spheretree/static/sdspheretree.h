@@ -80,9 +80,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
     /// records of `data`.
     ///
-    /// `depth` counts the splits above that separated spheres, `level` all of them. `scratch`
-    /// receives records that wait for their turn and may be `data` itself. Whatever the parameters,
-    /// a subtree ends at level 1024.
+    /// `depth` counts the splits above that separated spheres, `level` all of them; both from 1.
+    /// `scratch` receives records that wait for their turn and may be `data` itself. Whatever the
+    /// parameters, a subtree ends at level 1024.
     void buildNode(Node* node, Box const& box, SDSphereRecords& data, int count, int depth,
                    ProgressCallback* progress, SDSphereRecords* scratch, int level);
 
