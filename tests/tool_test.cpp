@@ -1,0 +1,438 @@
+// Runs the real command in a folder of its own and looks at what its user would see.
+
+#include "tests/clouds.h"
+#include "tool/camera.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+namespace fs = std::filesystem;
+using kelpatest::Random;
+using Words = std::vector<std::string>;
+using std::chrono::milliseconds;
+
+struct Answer {
+    int code; ///< exit code, or 1000 + the signal that ended it
+    std::string out;
+    std::string err;
+};
+
+struct Picture {
+    int width = 0;
+    int height = 0;
+    std::string bytes; ///< three per pixel
+};
+
+class Command : public ::testing::Test {
+  protected:
+    Command() {
+        fs::remove_all(folder);
+        fs::create_directory(folder);
+    }
+    ~Command() override { fs::remove_all(folder); }
+
+    std::string read(std::string const& name) const {
+        std::ifstream file(folder / name, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    void write(std::string const& name, std::string const& content) const {
+        std::ofstream(folder / name, std::ios::binary) << content;
+    }
+
+    /// Starts the command in the folder; no file that it writes may grow beyond `maxBytes`.
+    pid_t start(Words words, rlim_t maxBytes = RLIM_INFINITY) const {
+        words.insert(words.begin(), "kelpa");
+        std::vector<char*> arguments;
+        for (std::string& word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        pid_t const child = fork();
+        if (child != 0)
+            return child;
+        rlimit const limit{maxBytes, maxBytes};
+        int const flags = O_WRONLY | O_CREAT | O_TRUNC;
+        bool const isReady = chdir(folder.c_str()) == 0 &&
+                             dup2(open("stdout", flags, 0600), STDOUT_FILENO) >= 0 &&
+                             dup2(open("stderr", flags, 0600), STDERR_FILENO) >= 0 &&
+                             setrlimit(RLIMIT_FSIZE, &limit) == 0;
+        if (isReady)
+            execv(KELPA_COMMAND, arguments.data());
+        _exit(99);
+    }
+    Answer finish(pid_t child) const {
+        int status = 0;
+        waitpid(child, &status, 0);
+        int const code = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        return {code, read("stdout"), read("stderr")};
+    }
+    Answer run(Words const& words, rlim_t maxBytes = RLIM_INFINITY) const {
+        return finish(start(words, maxBytes));
+    }
+
+    /// Renders a small picture, on two threads unless told otherwise, and reads it back.
+    Picture render(Words words) const {
+        Words const usual = {"--size", "70x50",         "-o", "picture.ppm", "--samples",
+                             "4",      "--reproducible"};
+        words.insert(words.begin(), "render");
+        words.insert(words.end(), usual.begin(), usual.end());
+        Answer const answer = run(words);
+        EXPECT_EQ(answer.code, 0) << answer.err;
+        Picture picture;
+        std::istringstream file(read("picture.ppm"));
+        std::string magic;
+        int maximum = 0;
+        file >> magic >> picture.width >> picture.height >> maximum;
+        EXPECT_EQ(magic + std::to_string(maximum), "P6255");
+        file.get();
+        picture.bytes.assign(std::istreambuf_iterator<char>(file), {});
+        EXPECT_EQ(picture.bytes.size(),
+                  3 * static_cast<std::size_t>(picture.width * picture.height));
+        return picture;
+    }
+
+    /// What is in the folder beside what a test put there, in order.
+    Words others(Words const& known) const {
+        Words names;
+        for (auto const& entry : fs::directory_iterator(folder)) {
+            std::string const name = entry.path().filename().string();
+            if (name != "stdout" && name != "stderr" &&
+                std::find(known.begin(), known.end(), name) == known.end())
+                names.push_back(name);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    fs::path const folder =
+        fs::path(::testing::TempDir()) / ("command-" + std::to_string(getpid()));
+};
+
+std::string plyOf(std::string const& properties, Words const& rows) {
+    std::string text = fmt::format("ply\nformat ascii 1.0\nelement vertex {}\n", rows.size());
+    std::istringstream names(properties);
+    for (std::string name; names >> name;)
+        text += fmt::format("property {} {}\n", name == "id" ? "int" : "float", name);
+    return text + "end_header\n" + fmt::format("{}\n", fmt::join(rows, "\n"));
+}
+
+/// Sphere `i` of a row of spheres that do not touch, pushed along z.
+std::string sphere(int i, double z, std::string const& more = "") {
+    return fmt::format("{} {} {} 0.4 {}", i % 8, i / 8, z, more);
+}
+
+bool contains(std::string const& text, std::string const& part) {
+    return text.find(part) != std::string::npos;
+}
+
+TEST_F(Command, GeneratesRendersAndTellsAboutAFile) {
+    Answer const made =
+        run({"generate", "splash", "--count", "2000", "--seed", "3", "-o", "s.ply"});
+    EXPECT_EQ(made.code, 0) << made.err;
+    EXPECT_TRUE(contains(made.err, "wrote s.ply, 2,000 particles")) << made.err;
+    Picture const picture = render({"s.ply", "-q"});
+    EXPECT_EQ(read("stderr"), "");
+    EXPECT_EQ(picture.width, 70);
+    EXPECT_EQ(picture.height, 50);
+    EXPECT_NE(picture.bytes.substr(0, 30), picture.bytes.substr(3 * (25 * 70 + 30), 30));
+
+    Answer const text = run({"info", "s.ply"});
+    EXPECT_EQ(text.code, 0);
+    for (char const* const part : {"s.ply: ", "2,000 particles", "radius: min ", "skipped: 0 not"})
+        EXPECT_TRUE(contains(text.out, part)) << part << "\n" << text.out;
+    Answer const json = run({"info", "s.ply", "--json", "-q"});
+    EXPECT_EQ(json.code, 0);
+    EXPECT_EQ(json.err, "");
+    for (char const* const part : {"{\n  \"file\": \"s.ply\"", "\"particles\": 2000,",
+                                   "\"skipped\": {\"notFinite\": 0, \"notPositive\": 0}"})
+        EXPECT_TRUE(contains(json.out, part)) << part << "\n" << json.out;
+    EXPECT_EQ(run({"info", "s.ply", "--json", "-q", "-n", "1"}).out, json.out);
+    EXPECT_EQ(others({}), (Words{"picture.ppm", "s.ply"}));
+}
+
+TEST_F(Command, RendersTheSamePictureOnAnyThreadsAndInAnyCrop) {
+    run({"generate", "galaxy", "--count", "3000", "-o", "g.ply"});
+    Picture const whole = render({"g.ply", "-n", "1"});
+    EXPECT_EQ(render({"g.ply", "-n", "3"}).bytes, whole.bytes);
+    EXPECT_NE(render({"g.ply", "--seed", "9"}).bytes, whole.bytes);
+    int const x0 = 13;
+    int const y0 = 5;
+    Picture const part = render({"g.ply", "--crop", "13,5,50,38"});
+    ASSERT_EQ(part.width, 37);
+    ASSERT_EQ(part.height, 33);
+    for (int y = 0; y < part.height; ++y) {
+        auto const row = [y](Picture const& picture, int left, int top) {
+            auto const first = static_cast<std::size_t>(3 * ((y + top) * picture.width + left));
+            return picture.bytes.substr(first, 3 * 37);
+        };
+        ASSERT_EQ(row(part, 0, 0), row(whole, x0, y0)) << "row " << y;
+    }
+}
+
+TEST_F(Command, MatchesSnapshotsByIdAndMovesAlongVelocities) {
+    Words first;
+    Words second; // in another order, moved by 0.5, without particle 5, with a new one
+    Words withVelocity;
+    for (int i = 0; i < 60; ++i) {
+        int const permuted = i * 7 % 60;
+        first.push_back(sphere(i, 0, std::to_string(i)));
+        withVelocity.push_back(sphere(i, 0, "0 0 3"));
+        if (permuted != 5)
+            second.push_back(sphere(permuted, 0.5, std::to_string(permuted)));
+    }
+    second.push_back(sphere(70, 0, "999"));
+    write("a.ply", plyOf("x y z radius id", first));
+    write("b.ply", plyOf("x y z radius id", second));
+    write("v.ply", plyOf("x y z radius vx vy vz", withVelocity));
+
+    Answer const pair = run({"info", "a.ply", "b.ply", "--json"});
+    EXPECT_TRUE(contains(pair.out, "\"mean\": 0.4836065")) << "59 of 61 by 0.5" << pair.out;
+    EXPECT_TRUE(contains(pair.out, "\"largest\": 0.5}")) << pair.out;
+    EXPECT_TRUE(contains(pair.err, "1 particles are only in a.ply, 1 only in b.ply")) << pair.err;
+    Answer const moving = run({"info", "v.ply", "--motion", "velocity", "--json"});
+    EXPECT_TRUE(contains(moving.out, "\"largest\": 1.5}")) << moving.out << moving.err;
+
+    Picture const still = render({"a.ply"});
+    EXPECT_NE(render({"a.ply", "b.ply", "--view", "front"}).bytes,
+              render({"a.ply", "--view", "front"}).bytes);
+    EXPECT_NE(render({"v.ply", "--motion", "velocity", "--view", "front"}).bytes,
+              render({"v.ply", "--view", "front"}).bytes);
+    // The moving tree rounds otherwise: single samples may change sides at an edge.
+    Picture const standing = render({"a.ply", "a.ply"});
+    ASSERT_EQ(standing.bytes.size(), still.bytes.size());
+    int different = 0;
+    for (std::size_t i = 0; i < still.bytes.size(); ++i)
+        different += std::abs(static_cast<unsigned char>(still.bytes[i]) -
+                              static_cast<unsigned char>(standing.bytes[i])) > 1
+                         ? 1
+                         : 0;
+    EXPECT_LT(different, static_cast<int>(still.bytes.size()) / 200);
+}
+
+TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
+    std::string const good = plyOf("x y z radius", {sphere(0, 0), sphere(1, 0), sphere(2, 0)});
+    write("good.ply", good);
+    write("fewer.ply", plyOf("x y z radius", {sphere(0, 0)}));
+    write("empty.ply", "");
+    write("truncated.ply", good.substr(0, good.rfind('\n', good.size() - 2) + 1));
+    write("words.ply", plyOf("x y z radius", {"1 2 three 0.5"}));
+    write("useless.ply", plyOf("x y z radius", {"0 0 0 0", "1 0 0 -1", "nan 0 0 1"}));
+    fs::create_directory(folder / "folder.ppm");
+    Words const known = others({});
+
+    struct Case {
+        Words words; ///< after "render -o picture.ppm", unless they start with a command
+        int code;
+        Words says;
+    };
+    Case const cases[] = {
+        {{"none.ply"}, 3, {"none.ply"}},
+        {{"empty.ply"}, 3, {"empty.ply", "empty"}},
+        {{"truncated.ply"}, 3, {"truncated.ply", "3"}},
+        {{"words.ply"}, 3, {"words.ply", "three"}},
+        {{"useless.ply"}, 3, {"useless.ply", "no usable particle", "1 not finite", "2 with"}},
+        {{"folder.ppm"}, 3, {"folder.ppm"}},
+        {{"good.ply", "--radius-from", "raduis"}, 3, {"raduis", "x y z radius"}},
+        {{"good.ply", "--color-by", "heat"}, 3, {"heat"}},
+        {{"good.ply", "--frame", "7"}, 3, {"good.ply", "frame"}},
+        {{"good.ply", "fewer.ply"}, 3, {"good.ply", "fewer.ply", "no ids"}},
+        {{"good.ply", "--motion", "velocity"}, 3, {"good.ply", "velocities"}},
+        {{"info", "none.ply"}, 3, {"none.ply"}},
+        {{"good.ply", "--shiny"}, 2, {"--shiny"}},
+        {{"good.ply", "--radius", "1", "--radius-from", "x"}, 2, {"--radius-from", "--radius"}},
+        {{"good.ply", "fewer.ply", "--motion", "velocity"}, 2, {"two files", "--motion"}},
+        {{"good.ply", "--radius", "-1"}, 2, {"--radius"}},
+        {{"good.ply", "--size", "70"}, 2, {"70", "WIDTHxHEIGHT"}},
+        {{"good.ply", "--crop", "0,0,9999,5"}, 2, {"--crop", "1280x720"}},
+        {{"good.ply", "--eye", "0,0,0", "--look-at", "0,0,0"}, 2, {"--eye", "same point"}},
+        {{"good.ply", "--eye", "1,nan,2"}, 2, {"not finite"}},
+        {{"good.ply", "--aov", "depth"}, 2, {"picture.ppm", "EXR"}},
+        {{"render", "good.ply", "-o", "picture.png", "--aov", "id"}, 2, {"picture.png", "EXR"}},
+        {{"render", "good.ply", "-o", "picture.jpg"}, 2, {"jpg", "png"}},
+        {{"render", "good.ply"}, 2, {"--output"}},
+        {{"generate", "fog", "-o", "fog.ply"}, 2, {"fog", "splash"}},
+        {{}, 2, {"FILE"}},
+        {{"render", "good.ply", "-o", "absent/picture.ppm"}, 4, {"absent", "no folder"}},
+        {{"render", "good.ply", "-o", "good.ply/picture.ppm"}, 4, {"good.ply/picture.ppm"}},
+        {{"render", "good.ply", "-o", "folder.ppm"}, 4, {"folder.ppm"}},
+        {{"generate", "cloud", "--count", "9", "-o", "absent/c.ply"}, 4, {"absent", "no folder"}},
+    };
+    for (Case const& bad : cases) {
+        Words words = bad.words;
+        bool const isWhole = !words.empty() &&
+                             (words[0] == "render" || words[0] == "info" || words[0] == "generate");
+        if (!isWhole)
+            words.insert(words.begin(), {"render", "-o", "picture.ppm"});
+        words.insert(words.begin() + 1, "-q");
+        SCOPED_TRACE(fmt::format("{}", fmt::join(words, " ")));
+        Answer const answer = run(words);
+        EXPECT_EQ(answer.code, bad.code);
+        EXPECT_EQ(std::count(answer.err.begin(), answer.err.end(), '\n'), 1) << answer.err;
+        EXPECT_EQ(answer.err.rfind("kelpa: ", 0), 0U) << answer.err;
+        for (std::string const& part : bad.says)
+            EXPECT_TRUE(contains(answer.err, part)) << part << " in " << answer.err;
+        EXPECT_EQ(others(known), Words{});
+    }
+}
+
+TEST_F(Command, SkipsSingleBadParticlesAndSaysHowMany) {
+    write("n.ply", plyOf("x y z radius", {sphere(0, 0), "1 0 0 nan", "2 0 0 0", sphere(3, 0)}));
+    Answer const answer = run({"render", "n.ply", "-o", "n.ppm", "--size", "16x16"});
+    EXPECT_EQ(answer.code, 0);
+    EXPECT_TRUE(contains(answer.err, "2 of 4 particles skipped (1 not finite, 1 with radius 0"))
+        << answer.err;
+    EXPECT_TRUE(contains(answer.err, "wrote n.ppm 16x16, 2 spheres")) << answer.err;
+}
+
+TEST_F(Command, LeavesNoPartOfAFileOnAFullDisk) {
+    for (Words const& words :
+         {Words{"generate", "cloud", "--count", "100000", "-o", "c.ply"},
+          Words{"generate", "cloud", "--count", "100000", "--ascii", "-o", "c.ply"},
+          Words{"render", "g.ply", "--samples", "1", "-o", "g.ppm"},
+          Words{"render", "g.ply", "--samples", "1", "-o", "g.png"},
+          Words{"render", "g.ply", "--samples", "1", "-o", "g.exr"}}) {
+        SCOPED_TRACE(words.back());
+        write("g.ply", plyOf("x y z radius", {sphere(0, 0)}));
+        Answer const answer = run(words, 2000);
+        EXPECT_EQ(answer.code, 4);
+        EXPECT_TRUE(contains(answer.err, words.back() + ": ")) << answer.err;
+        EXPECT_EQ(others({"g.ply"}), Words{});
+    }
+    EXPECT_EQ(others({"g.ply"}), Words{});
+    // Standard output may be full as well.
+    std::string const info = fmt::format("cd '{}' && '{}' info g.ply -q >/dev/full 2>stderr",
+                                         folder.string(), KELPA_COMMAND);
+    int const status = std::system(info.c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 4) << read("stderr");
+}
+
+TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
+    run({"generate", "cloud", "--count", "200000", "-o", "c.ply"});
+    struct Case {
+        Words words;
+        bool saysWhenReady; ///< prints statistics when the tree is built
+    };
+    for (auto const& [words, saysWhenReady] :
+         {Case{{"render", "c.ply", "-q", "--stats", "--samples", "4096", "-o", "c.ppm"}, true},
+          Case{{"render", "c.ply", "-q", "--samples", "4096", "-o", "c.ppm"}, false},
+          Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"}, false}}) {
+        SCOPED_TRACE(words.back());
+        fs::remove(folder / "stderr");
+        pid_t const child = start(words);
+        for (int waits = 0; saysWhenReady && read("stderr").empty() && waits < 600; ++waits)
+            std::this_thread::sleep_for(milliseconds{100});
+        std::this_thread::sleep_for(milliseconds{150});
+        auto const begin = std::chrono::steady_clock::now();
+        kill(child, SIGINT);
+        Answer const answer = finish(child);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds{1000});
+        EXPECT_EQ(answer.code, 130);
+        EXPECT_TRUE(contains(answer.err, "kelpa: interrupted\n")) << answer.err;
+        EXPECT_EQ(others({"c.ply"}), Words{});
+    }
+}
+
+// ------------------------------------------------------------- camera ----
+
+using kelpatool::Vec;
+
+double along(Kelpa::Vector const& c, Vec const& eye, Vec const& axis) {
+    return (static_cast<double>(c.x) - eye.x) * axis.x +
+           (static_cast<double>(c.y) - eye.y) * axis.y +
+           (static_cast<double>(c.z) - eye.z) * axis.z;
+}
+
+/// How far the spheres reach over the frame's sides brought in by 5 %, relative to the cloud's
+/// size: 0 when one just touches, above 0 when one is beyond.
+double excess(kelpatool::Camera const& camera, std::vector<Kelpa::Vector> const& centers,
+              std::vector<float> const& radii, double size) {
+    double const tangents[2] = {camera.tanHalfHeight * camera.width / camera.height / 1.05,
+                                camera.tanHalfHeight / 1.05};
+    double most = -1e300;
+    for (std::size_t i = 0; i < centers.size(); ++i) {
+        double const r = static_cast<double>(radii[i]);
+        double const depth = along(centers[i], camera.eye, camera.forward);
+        EXPECT_GT(depth, r) << "behind the eye, or around it";
+        for (int axis = 0; axis < 2; ++axis) {
+            double const across =
+                std::abs(along(centers[i], camera.eye, axis == 0 ? camera.right : camera.up));
+            double const t = tangents[axis];
+            most = std::max(most, camera.isParallel
+                                      ? across + r - t
+                                      : (across - depth * t) / std::sqrt(1.0 + t * t) + r);
+        }
+    }
+    return most / size;
+}
+
+TEST(Camera, FitsAllSpheresAndTouchesTheMargin) {
+    for (unsigned seed = 0; seed < 500; ++seed) {
+        SCOPED_TRACE(seed);
+        Random random(seed);
+        std::vector<Kelpa::Vector> centers;
+        std::vector<float> radii;
+        float const size = random.powerOfTwo(-10, 10);
+        Kelpa::Vector const away = random.inCube(3.0F * size);
+        for (int count = 1 + random.below(20); count > 0; --count) {
+            Kelpa::Vector const place = random.inCube(size);
+            centers.push_back({place.x + away.x, place.y + away.y, place.z + away.z});
+            radii.push_back(size * random.between(0.01F, 0.5F));
+        }
+        kelpatool::CameraOptions options;
+        char const* const views[] = {"", "front", "back", "left", "right", "top", "bottom", "iso"};
+        options.view = views[random.below(8)];
+        options.ortho = random.below(2) == 0;
+        options.fov = static_cast<double>(random.between(5.0F, 120.0F));
+        if (random.below(2) == 0)
+            options.up = random.direction();
+        char const upAxis = random.below(2) == 0 ? 'y' : 'z';
+        auto const camera =
+            kelpatool::placeCamera(options, 10 + random.below(300), 10 + random.below(300), upAxis,
+                                   centers, radii, Vec{0, 0, 0});
+        EXPECT_NEAR(excess(camera, centers, radii, static_cast<double>(size)), 0.0, 1e-9);
+        auto const middle = camera.ray(camera.width * 0.5, camera.height * 0.5);
+        EXPECT_NEAR(static_cast<double>(middle.dir.x), camera.forward.x, 1e-6);
+        EXPECT_NEAR(static_cast<double>(middle.dir.y), camera.forward.y, 1e-6);
+        // The upper left corner is up and to the left.
+        auto const corner = camera.ray(0.0, 0.0);
+        Kelpa::Vector const place = {static_cast<float>(corner.origin[0]) + size * corner.dir.x,
+                                     static_cast<float>(corner.origin[1]) + size * corner.dir.y,
+                                     static_cast<float>(corner.origin[2]) + size * corner.dir.z};
+        EXPECT_LT(along(place, camera.eye, camera.right), 0.0);
+        EXPECT_GT(along(place, camera.eye, camera.up), 0.0);
+    }
+}
+
+TEST(Camera, SeesAFlatSetFaceOn) {
+    for (int axis = 0; axis < 3; ++axis) {
+        for (char const upAxis : {'y', 'z'}) {
+            Random random(static_cast<unsigned>(axis));
+            std::vector<Kelpa::Vector> centers;
+            for (int i = 0; i < 30; ++i) {
+                centers.push_back(random.inCube(5.0F));
+                centers.back()[axis] = 2.0F;
+            }
+            std::vector<float> const radii(centers.size(), 0.1F);
+            auto const camera =
+                kelpatool::placeCamera({}, 160, 90, upAxis, centers, radii, Vec{0, 0, 0});
+            double const forward[3] = {camera.forward.x, camera.forward.y, camera.forward.z};
+            EXPECT_EQ(std::abs(forward[axis]), 1.0) << axis << upAxis;
+        }
+    }
+}
+
+} // namespace
