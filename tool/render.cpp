@@ -11,6 +11,7 @@
 #include <exception>
 #include <mutex>
 #include <numbers>
+#include <system_error>
 #include <thread>
 
 namespace kelpatool {
@@ -405,8 +406,12 @@ Image renderImage(Scene& scene, Camera const& camera, Options const& options, in
     };
     {
         std::vector<std::jthread> helpers;
-        for (int i = 1; i < std::min(threads, tiles); ++i)
-            helpers.emplace_back(work);
+        try {
+            for (int i = 1; i < std::min(threads, tiles); ++i)
+                helpers.emplace_back(work);
+        } catch (std::system_error const&) {
+            // The system grants no more threads; those at work share the tiles.
+        }
         work();
     }
     if (failure != nullptr)
