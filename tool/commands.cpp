@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <limits>
 #include <locale>
+#include <system_error>
 
 namespace kelpatool {
 
@@ -300,8 +301,13 @@ int runInfo(Options const& given) {
     BuildReport report(options.run);
     buildScene(scene, options, report);
     RadiusSummary const radii = summarise(scene.first->radii);
-    (options.json ? printAsJson : printAsText)(particles, scene, radii, file, report);
-    if (std::fflush(stdout) != 0)
+    bool isPrinted = true;
+    try {
+        (options.json ? printAsJson : printAsText)(particles, scene, radii, file, report);
+    } catch (std::system_error const&) {
+        isPrinted = false; // more than the buffer holds, so that printing noticed
+    }
+    if (!isPrinted || std::fflush(stdout) != 0)
         throw OutputError("standard output cannot be written");
     return 0;
 }
