@@ -254,10 +254,28 @@ void addPictureOptions(CLI::App& app, Options& options) {
     app.add_flag("--stats", options.run.stats, "Print the tree's statistics")->group("Run");
 }
 
+// Ranges let NaN through: none of their comparisons is true.
+void checkFinite(Options const& options) {
+    std::pair<char const*, double> const numbers[] = {
+        {"--times", options.motion.times[0]},
+        {"--times", options.motion.times[1]},
+        {"--dt", options.motion.dt},
+        {"--fov", options.camera.fov},
+        {"--zoom", options.camera.zoom},
+        {"--ao-distance", options.light.aoDistance.value_or(1.0)},
+        {"--leaf-size-factor", static_cast<double>(options.tree.leafSizeFactor.value_or(1.0F))},
+        {"--min-node-size", static_cast<double>(options.tree.minNodeSize)},
+    };
+    for (auto const& [name, value] : numbers)
+        if (!std::isfinite(value))
+            throw UsageError(fmt::format("{} must be finite", name));
+}
+
 void checkTogether(Options& options) {
     ParticleOptions& particles = options.particles;
     if (options.command == Options::Command::generate)
         return;
+    checkFinite(options);
     if (particles.radius && !(*particles.radius > 0.0F && std::isfinite(*particles.radius)))
         throw UsageError("--radius must be above 0 and finite");
     if (!(particles.radiusScale > 0.0F && std::isfinite(particles.radiusScale)))
@@ -280,6 +298,9 @@ void checkTogether(Options& options) {
                   0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
         throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
                                      options.image.width, options.image.height));
+    auto const& up = options.camera.up;
+    if (up && up->x == 0.0F && up->y == 0.0F && up->z == 0.0F)
+        throw UsageError("--up 0,0,0 is no direction");
     if (options.camera.eye && !options.camera.view.empty())
         throw UsageError("--eye and --view both place the camera; use one of them");
 }
