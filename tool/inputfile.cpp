@@ -60,7 +60,7 @@ InputFile::InputFile(std::string path, PhaseProgress phase)
     try {
         buffer.resize(chunkBytes);
         std::string_view const head = peek(2);
-        if (head.size() == 2 && startsGzip(reinterpret_cast<unsigned char const*>(head.data()))) {
+        if (head.size() >= 2 && startsGzip(reinterpret_cast<unsigned char const*>(head.data()))) {
             // What was read so far is the first input of the decompression.
             inflation = std::make_unique<Inflation>();
             std::memcpy(inflation->raw, buffer.data(), end);

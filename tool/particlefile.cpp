@@ -250,10 +250,15 @@ ParticleSet readParticleFile(std::string const& path, ReadOptions const& options
         file.fail("this is {}, which is not read yet; PLY and XYZ are. Export or convert it to one "
                   "of them",
                   format.title);
-    ParticleSet particles = format.read(file, options);
-    if (file.isGzip())
-        particles.format += ", gzip";
-    return particles;
+    try {
+        ParticleSet particles = format.read(file, options);
+        if (file.isGzip())
+            particles.format += ", gzip";
+        return particles;
+    } catch (InputError const&) {
+        file.verifyChecksum(); // damaged gzip data is the better reason for what looks odd
+        throw;
+    }
 }
 
 ScalarType storedFromText(std::string_view name, ScalarType declared) {

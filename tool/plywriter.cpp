@@ -1,124 +1,22 @@
+#include "tool/outputfile.h"
 #include "tool/particlefile.h"
 #include "tool/srgb.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <limits>
-#include <system_error>
 
 namespace kelpatool {
 
 namespace {
 
-// The file -----------------------------------------------------------------------------------
-
-/// A file that appears under its name only when it is whole.
-///
-/// The bytes go to a temporary name in the same folder; `finish` gives it the right one. Destroyed
-/// without that, it leaves nothing behind. What is no ordinary file, such as a pipe, is written to
-/// directly.
-class OutputFile {
-  public:
-    explicit OutputFile(std::string const& wantedPath) : path(wantedPath) {
-        namespace fs = std::filesystem;
-        std::error_code error;
-        fs::file_status const status = fs::status(path, error);
-        if (fs::is_directory(status))
-            throw OutputError(path + ": is a folder");
-        isTemporary = !fs::exists(status) || fs::is_regular_file(status);
-        if (fs::is_regular_file(status)) // a link stays one: what it leads to is replaced
-            target = fs::canonical(path, error).string();
-        if (target.empty())
-            target = path;
-        open();
-    }
-    ~OutputFile() {
-        if (descriptor >= 0)
-            close(descriptor);
-        if (isTemporary && !isFinished)
-            unlink(written.c_str());
-    }
-    OutputFile(OutputFile const&) = delete;
-    OutputFile& operator=(OutputFile const&) = delete;
-
-    void write(std::string_view bytes) {
-        unflushed += bytes.size();
-        while (!bytes.empty()) {
-            ssize_t const count = ::write(descriptor, bytes.data(), bytes.size());
-            if (count < 0 && errno == EINTR)
-                continue;
-            if (count < 0)
-                fail();
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        }
-        // In steps, so that no wait for the disk is so long that an interruption would be late.
-        constexpr std::size_t flushBytes = 8 * 1024 * 1024;
-        if (unflushed >= flushBytes)
-            flush();
-    }
-
-    void finish() {
-        flush();
-        int const closed = close(descriptor);
-        descriptor = -1;
-        if (closed != 0 || (isTemporary && std::rename(written.c_str(), target.c_str()) != 0))
-            fail();
-        isFinished = true;
-    }
-
-  private:
-    void open() {
-        written = target;
-        int const flags = O_WRONLY | O_CLOEXEC;
-        if (!isTemporary)
-            descriptor = ::open(target.c_str(), flags);
-        for (int attempt = 0; isTemporary && descriptor < 0 && attempt < 100; ++attempt) {
-            written = fmt::format("{}.{}-{}.part", target, getpid(), attempt);
-            descriptor = ::open(written.c_str(), flags | O_CREAT | O_EXCL, 0666);
-            if (descriptor < 0 && errno != EEXIST)
-                break;
-        }
-        if (descriptor < 0) {
-            isTemporary = false; // there is nothing to remove
-            fail();
-        }
-    }
-
-    void flush() {
-        unflushed = 0;
-        // Pipes and the like cannot be synchronised, and need not be.
-        if (isTemporary && fsync(descriptor) != 0 && errno != EINVAL && errno != ENOTSUP)
-            fail();
-    }
-
-    [[noreturn]] void fail() const {
-        throw OutputError(
-            fmt::format("{}: cannot be written: {}", path, std::generic_category().message(errno)));
-    }
-
-    std::string path;    ///< as the user knows it
-    std::string target;  ///< the same with links resolved
-    std::string written; ///< where the bytes go
-    bool isTemporary = false;
-    bool isFinished = false;
-    int descriptor = -1;
-    std::size_t unflushed = 0;
-};
-
 constexpr std::size_t pollEvery = 1024; // particles; as text they take a millisecond
-
-// The columns --------------------------------------------------------------------------------
 
 /// Appends one value of a particle, binary or as text.
 using Append = std::function<void(std::string& bytes, std::size_t particle)>;
@@ -145,9 +43,7 @@ template <class Number> void appendNumber(std::string& bytes, Number number, boo
 int exactCode(float linear) {
     auto const& table = linearOfCode();
     auto const found = std::lower_bound(table.begin(), table.end(), linear);
-    return found != table.end() && *found == linear && !std::signbit(linear)
-               ? static_cast<int>(found - table.begin())
-               : -1;
+    return found != table.end() && *found == linear ? static_cast<int>(found - table.begin()) : -1;
 }
 
 bool isExactInBytes(std::vector<Kelpa::Vector> const& colors, PhaseProgress const& progress) {
@@ -290,7 +186,7 @@ void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
         }
     }
     file.write(bytes);
-    file.finish();
+    file.commit();
 }
 
 } // namespace kelpatool

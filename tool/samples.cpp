@@ -696,7 +696,7 @@ void makeCloud(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
     }
 
     double const total = sumUpTo.back();
-    // Of the volume of cells that are full, half is covered, however many particles there are.
+    // Particles fill about half of the cells that are full, however many there are.
     double const volume = 0.55 * total / static_cast<double>(count);
     double radius = 1.0;
     for (int i = 0; i < 60; ++i) // Newton's method for the cube root
