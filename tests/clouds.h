@@ -92,6 +92,12 @@ inline Vector sum(Vector const& a, Vector const& b) {
     return {a.x + b.x, a.y + b.y, a.z + b.z};
 }
 
+/// Through memory, since g++ 12 drops this conversion where it pairs two of them in one vector.
+inline double roundedToSingle(double value) {
+    float const volatile rounded = static_cast<float>(value);
+    return static_cast<double>(rounded);
+}
+
 /// A cloud of one system whose n particles `place` adds one by one: place(system, random, index).
 template <class Place>
 Cloud cloudOf(std::uint64_t seed, int n, Place place, std::int32_t particleType = 0) {

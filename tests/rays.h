@@ -45,7 +45,7 @@ class RaySource {
         for (int axis = 0; axis < 3; ++axis) {
             double const from = static_cast<double>(center[axis] + shot.offset[axis]) -
                                 static_cast<double>(shot.dir[axis]) * shot.distance;
-            query.ray.origin[axis] = rounded ? static_cast<double>(static_cast<float>(from)) : from;
+            query.ray.origin[axis] = rounded ? roundedToSingle(from) : from;
         }
         if (aim == Aim::noInterval) {
             constexpr double ends[][2] = {{5.0, 5.0}, {7.0, 3.0}, {1e30, 0.0}, {0.0, -1.0}};
