@@ -346,6 +346,15 @@ TEST_F(Command, MakesDoWithTheThreadsThatTheSystemGrants) {
 
 TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
     run({"generate", "cloud", "--count", "200000", "-o", "c.ply"});
+    // Without radii: their search for neighbours takes a second or more.
+    std::vector<float> coordinates(9'000'000);
+    Random random(1);
+    std::generate(coordinates.begin(), coordinates.end(), [&random] { return random.unit(); });
+    write("n.ply",
+          "ply\nformat binary_little_endian 1.0\nelement vertex 3000000\nproperty float x\n"
+          "property float y\nproperty float z\nend_header\n" +
+              std::string(reinterpret_cast<char const*>(coordinates.data()),
+                          coordinates.size() * sizeof(float)));
     struct Case {
         Words words;
         bool saysWhenReady; ///< prints statistics when the tree is built
@@ -353,6 +362,7 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
     for (auto const& [words, saysWhenReady] :
          {Case{{"render", "c.ply", "-q", "--stats", "--samples", "4096", "-o", "c.ppm"}, true},
           Case{{"render", "c.ply", "-q", "--samples", "4096", "-o", "c.ppm"}, false},
+          Case{{"info", "n.ply", "-q"}, false},
           Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"}, false}}) {
         SCOPED_TRACE(words.back());
         fs::remove(folder / "stderr");
@@ -366,7 +376,7 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
         EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds{1000});
         EXPECT_EQ(answer.code, 130);
         EXPECT_TRUE(contains(answer.err, "kelpa: interrupted\n")) << answer.err;
-        EXPECT_EQ(others({"c.ply"}), Words{});
+        EXPECT_EQ(others({"c.ply", "n.ply"}), Words{});
     }
 }
 

@@ -1,5 +1,7 @@
 #include "tool/scene.h"
 
+#include "kelpa/host/consoleprogress.h"
+
 #include "tool/colormap.h"
 
 #include <fmt/format.h>
@@ -37,6 +39,12 @@ double distance(Vector const& a, Vector const& b) {
     double const y = static_cast<double>(a.y) - static_cast<double>(b.y);
     double const z = static_cast<double>(a.z) - static_cast<double>(b.z);
     return std::sqrt(x * x + y * y + z * z);
+}
+
+/// What long steps call in between; the display has nothing to show of them.
+void stopWhenInterrupted(double, std::uint64_t) {
+    if (Kelpa::InterruptScope::interrupted())
+        throw Interrupted();
 }
 
 /// The primitive of one tree behind the scene's interface.
@@ -219,6 +227,7 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
     };
 
     std::vector<std::int64_t> const indices = partners(particles, second);
+    stopWhenInterrupted(0.0, 0);
     std::vector<bool> isMatched(second.positions.size(), false);
     std::vector<Way> ways(indices.size());
     std::uint64_t onlyFirst = 0;
@@ -367,7 +376,7 @@ std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const
 Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const* second,
                 Note const& note) {
     Scene scene;
-    std::vector<float> radii = chooseRadii(options.particles, particles, note, {});
+    std::vector<float> radii = chooseRadii(options.particles, particles, note, stopWhenInterrupted);
     scene.colors = chooseColors(options, particles);
     scene.color = options.color.color.value_or(defaultColor);
     scene.upAxis = particles.upAxis;
@@ -380,8 +389,10 @@ Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const
     else
         ways = {std::move(particles.positions), {}, std::move(radii), {}};
     scene.ids = std::move(particles.ids);
+    stopWhenInterrupted(0.0, 0);
 
     inspect(scene, ways);
+    stopWhenInterrupted(0.0, 0);
     if (scene.rejected.total() > 0)
         note(fmt::format("{} of {} particles skipped ({} not finite, {} with radius 0 or less)",
                          scene.rejected.total(), ways.positions0.size(), scene.rejected.notFinite,
