@@ -323,10 +323,10 @@ Vec originFor(std::vector<Vector> const& centers) {
     if (!(offset > farOff * bounds.diagonal()))
         return {0.0, 0.0, 0.0};
     // A number of single precision, so that subtracting it loses nothing.
-    auto const rounded = [](double value) {
-        return static_cast<double>(static_cast<float>(value));
-    };
-    return {rounded(centre.x), rounded(centre.y), rounded(centre.z)};
+    Vector const rounded = {static_cast<float>(centre.x), static_cast<float>(centre.y),
+                            static_cast<float>(centre.z)};
+    return {static_cast<double>(rounded.x), static_cast<double>(rounded.y),
+            static_cast<double>(rounded.z)};
 }
 
 void subtract(std::vector<Vector>& centers, Vec const& origin) {

@@ -40,8 +40,11 @@ void registerAndBuild(Tree& tree, ParticleData* particles0, ParticleData* partic
     }
 }
 
+// The volatile float keeps g++ 12 from dropping the rounding: where it pairs two such conversions into
+// one vector it takes the way there and back for nothing.
 double roundedToSingle(double value) {
-    return static_cast<double>(static_cast<float>(value));
+    float const volatile rounded = static_cast<float>(value);
+    return static_cast<double>(rounded);
 }
 
 } // namespace
