@@ -375,7 +375,7 @@ Particle drop(std::uint64_t seed, Random& random, double size) {
 void makeSplash(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
                 PhaseProgress const& progress) {
     // Water is seen as a surface, which the particles close however many there are.
-    double const size = 4.2 / std::sqrt(static_cast<double>(count));
+    double const size = 5.4 / std::sqrt(static_cast<double>(count));
     auto const share = [&](double part) { return part * static_cast<double>(count); };
     appendEach(set, count, progress, [=](std::uint64_t i) {
         Random random(seed, i);
@@ -383,7 +383,7 @@ void makeSplash(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
         if (index < share(0.68))
             return poolParticle(random, (index + 0.5) / share(0.68), index, size);
         if (index < share(0.94))
-            return wallParticle(seed, random, random.uniform(), index, 0.8 * size);
+            return wallParticle(seed, random, random.uniform(), index, size);
         // Few drops are large: those stay so, the mist becomes finer with more particles.
         double const large = 0.016 / (0.2 + random.uniform());
         bool const isLarge = index < share(0.94) + std::min(share(0.03), 700.0);
@@ -664,16 +664,36 @@ std::vector<Puff> makePuffs(std::uint64_t seed) {
     return puffs;
 }
 
+/// The puff in which a place lies deepest, or to which it is nearest.
+struct Depth {
+    double depth = -std::numeric_limits<double>::infinity();
+    Puff const* puff = nullptr;
+};
+
+Depth depthIn(std::vector<Puff> const& puffs, Point p) {
+    Depth deepest;
+    for (Puff const& puff : puffs)
+        if (double const depth = puff.radius - length(p - puff.center); depth > deepest.depth)
+            deepest = {depth, &puff};
+    return deepest;
+}
+
 /// Densest near the surface, which is what one sees of a cloud.
 double cloudDensity(std::uint64_t seed, std::vector<Puff> const& puffs, Point p) {
-    double depth = -1.0;
-    for (Puff const& puff : puffs)
-        depth = std::max(depth, puff.radius - length(p - puff.center));
-    if (depth < -0.2) // further out than any noise reaches
+    double depth = depthIn(puffs, p).depth;
+    if (depth < -0.1) // further out than any noise reaches
         return 0.0;
-    depth += 0.16 * fractalNoise(seed, 6.0 * p);
+    depth += 0.1 * fractalNoise(seed, 6.0 * p);
     double const flatBase = smoothStep(-0.40, -0.34, p.z + 0.05 * noise(seed, 5.0 * p));
     return flatBase * smoothStep(0.0, 0.03, depth) * (1.0 - 0.85 * smoothStep(0.05, 0.12, depth));
+}
+
+/// Bright on top of the cloud and of each puff, grey below.
+Color cloudColor(std::vector<Puff> const& puffs, Point p, Random& random) {
+    Puff const& puff = *depthIn(puffs, p).puff;
+    double const upward = (p.z - puff.center.z) / puff.radius;
+    double const light = 0.5 + 0.3 * upward + 0.5 * p.z + 0.06 * random.bell();
+    return mix(Color{138, 144, 168}, Color{255, 248, 234}, std::clamp(light, 0.0, 1.0));
 }
 
 void makeCloud(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
@@ -720,8 +740,7 @@ void makeCloud(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
         Particle particle;
         particle.position = meters * place;
         particle.radius = meters * radius * (0.5 + 0.8 * random.uniform());
-        particle.color = mix(Color{172, 172, 188}, Color{255, 240, 216},
-                             std::clamp(1.1 * (place.z + 0.4) + 0.08 * random.bell(), 0.0, 1.0));
+        particle.color = cloudColor(puffs, place, random);
         particle.velocity = {6.0 - 4.0 * place.y, 4.0 * place.x, 3.0 + 2.0 * random.bell()};
         return particle;
     });
