@@ -5,24 +5,12 @@
 #include <atomic>
 #include <cassert>
 #include <cmath>
-#include <limits>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
 
 namespace Kelpa {
-
-RayFilter::RayFilter(IRay const& ray)
-    : origin(singleOrigin(ray)), dir(ray.dir), squaredLength(dot(ray.dir, ray.dir)) {
-    setInterval(ray);
-}
-
-void RayFilter::setInterval(IRay const& ray) {
-    constexpr float infinity = std::numeric_limits<float>::infinity();
-    earliest = std::nextafter(static_cast<float>(ray.tMin), -infinity);
-    latest = std::nextafter(static_cast<float>(ray.tMax), infinity);
-}
 
 namespace {
 

@@ -1,8 +1,10 @@
 #pragma once
 // Internal: which of many spheres a ray may hit, told for 16 at a time.
 
+#include "kelpa/foundation/hitkernels.h"
 #include "kelpa/foundation/iray.h"
 
+#include <bit>
 #include <cstdint>
 
 namespace Kelpa {
@@ -25,18 +27,34 @@ inline constexpr std::int32_t packWidth = 16;
 /// How many floats behind the end of an array a filter may read.
 inline constexpr std::int32_t packPadding = packWidth;
 
+/// The smallest single-precision number that is not below `value`.
+inline float roundedUp(double value) {
+    float const nearest = static_cast<float>(value);
+    if (!(static_cast<double>(nearest) < value))
+        return nearest;
+    // The next one up: the bits of positive floats are in their order, those of negative ones
+    // against it.
+    auto const bits = std::bit_cast<std::int32_t>(nearest);
+    return std::bit_cast<float>(bits >= 0 ? bits + 1 : bits - 1);
+}
+
 /// What a filter needs to know of a ray, in single precision.
 struct RayFilter {
-    explicit RayFilter(IRay const& ray);
+    /// Without an interval, which must be set before the filter is used.
+    explicit RayFilter(IRay const& ray)
+        : origin(singleOrigin(ray)), dir(ray.dir), squaredLength(dot(ray.dir, ray.dir)) {}
 
     /// Takes over the ray's current interval, rounded outwards.
-    void setInterval(IRay const& ray);
+    void setInterval(IRay const& ray) {
+        earliest = -roundedUp(-ray.tMin);
+        latest = roundedUp(ray.tMax);
+    }
 
     Vector origin;
     Vector dir;
-    float squaredLength; ///< of `dir`
-    float earliest;      ///< not above the interval's start
-    float latest;        ///< not below its end
+    float squaredLength;   ///< of `dir`
+    float earliest = 0.0F; ///< not above the interval's start
+    float latest = 0.0F;   ///< not below its end
 };
 
 /// Tells which of the `count` (1 to 16) spheres from `first` on the ray may hit: bit k is clear
