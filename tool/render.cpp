@@ -54,9 +54,11 @@ enum Pattern : std::uint32_t { lensPattern, timePattern, firstOcclusionPattern }
 struct Lighting {
     Vector towardsKey; ///< unit
     Vector up;
-    float key = 2.2F;
-    float sky = 0.95F;    ///< from above ...
-    float ground = 0.45F; ///< ... and from below
+    // Together at most about 1: what is white keeps its shape instead of turning into a white
+    // patch.
+    float key = 0.64F;    ///< where it falls straight onto a surface
+    float sky = 0.45F;    ///< from above ...
+    float ground = 0.18F; ///< ... and from below
     bool hasKey = true;
     bool hasShadows = true;
     int occlusionRays = 0; ///< per camera ray
@@ -230,12 +232,11 @@ Vector TileRenderer::shade(Surface const& surface, Vector const& towardsEye) {
         return color;
     // Sky light from above, less from below.
     float const height = 0.5F + 0.5F * dot(surface.normal, light.up);
-    float brightness =
-        (light.ground + (light.sky - light.ground) * height) * surface.openSky * 0.62F;
+    float brightness = (light.ground + (light.sky - light.ground) * height) * surface.openSky;
     float highlight = 0.0F;
     float const cosine = dot(surface.normal, light.towardsKey);
     if (cosine > 0.0F && !(light.hasShadows && isInShadow(surface))) {
-        brightness += light.key * cosine * static_cast<float>(std::numbers::inv_pi);
+        brightness += light.key * cosine;
         Vector const half = unit(light.towardsKey + towardsEye);
         float const aligned = std::max(dot(surface.normal, half), 0.0F);
         highlight = 0.06F * std::pow(aligned, 40.0F);
@@ -249,6 +250,8 @@ void TileRenderer::findSky(std::uint32_t sample) {
         return;
     float const share = 1.0F / static_cast<float>(light.occlusionRays);
     for (int k = 0; k < light.occlusionRays; ++k) {
+        if (Kelpa::InterruptScope::interrupted()) // thousands of rays may be asked for
+            throw Interrupted();
         auto const index = sample * static_cast<std::uint32_t>(light.occlusionRays) +
                            static_cast<std::uint32_t>(k);
         bunch.clear();
