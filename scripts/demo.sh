@@ -17,7 +17,7 @@ show generate galaxy --count 200000 --seed 1 -o out/galaxy.ply
 show render out/galaxy.ply -o out/galaxy.png
 show generate splash --count 60000 --seed 1 -o out/splash.ply
 # Velocities are per second: a shutter open for half of a 24th, as in film.
-show render out/splash.ply --motion velocity --dt 0.0416667 --shutter 0:0.5 -o out/splash-blurred.png
+show render out/splash.ply --motion velocity -o out/splash-blurred.png
 
 echo
 echo "The pictures: $PWD/out/galaxy.png and $PWD/out/splash-blurred.png"

@@ -336,7 +336,7 @@ TEST_F(Command, LeavesNoPartOfAFileOnAFullDisk) {
 
 TEST_F(Command, MakesDoWithTheThreadsThatTheSystemGrants) {
     write("g.ply", plyOf("x y z radius", {sphere(0, 0)}));
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer itself takes more addresses than the limit allows";
 #endif
     // Room for the stacks of about a hundred threads.

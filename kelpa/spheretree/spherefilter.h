@@ -40,9 +40,10 @@ inline float roundedUp(double value) {
 
 /// What a filter needs to know of a ray, in single precision.
 struct RayFilter {
-    /// Without an interval, which must be set before the filter is used.
     explicit RayFilter(IRay const& ray)
-        : origin(singleOrigin(ray)), dir(ray.dir), squaredLength(dot(ray.dir, ray.dir)) {}
+        : origin(singleOrigin(ray)), dir(ray.dir), squaredLength(dot(ray.dir, ray.dir)) {
+        setInterval(ray);
+    }
 
     /// Takes over the ray's current interval, rounded outwards.
     void setInterval(IRay const& ray) {
@@ -52,9 +53,9 @@ struct RayFilter {
 
     Vector origin;
     Vector dir;
-    float squaredLength;   ///< of `dir`
-    float earliest = 0.0F; ///< not above the interval's start
-    float latest = 0.0F;   ///< not below its end
+    float squaredLength; ///< of `dir`
+    float earliest;      ///< not above the interval's start
+    float latest;        ///< not below its end
 };
 
 /// Tells which of the `count` (1 to 16) spheres from `first` on the ray may hit: bit k is clear
