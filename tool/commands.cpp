@@ -83,14 +83,35 @@ ParticleSet readParticles(std::string const& path, Options const& options, bool 
     read.summarise = summarise;
     if (!options.color.colorBy.empty())
         read.attributes.push_back(options.color.colorBy);
-    return withProgress("read", options.run, [&](PhaseProgress const& progress) {
+    ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
         read.progress = progress;
         return readParticleFile(path, read);
     });
+    for (std::string const& text : particles.notes)
+        noteTo(options.run)(text);
+    return particles;
 }
 
 bool hasSecondFile(Options const& options) {
     return options.motion.motion != "none" && options.motion.motion != "velocity";
+}
+
+/// Makes the scene of a file, and of the second snapshot if there is one.
+Scene readyScene(Options const& options, ParticleSet particles) {
+    ParticleSet second;
+    bool const hasSecond = hasSecondFile(options);
+    if (hasSecond)
+        second = readParticles(options.motion.motion, options, false);
+    // What there is to note must not run into the line of the display.
+    std::vector<std::string> notes;
+    Scene scene = withProgress("arrange", options.run, [&](PhaseProgress const& progress) {
+        return makeScene(
+            options, std::move(particles), hasSecond ? &second : nullptr,
+            [&notes](std::string const& text) { notes.push_back(text); }, progress);
+    });
+    for (std::string const& text : notes)
+        noteTo(options.run)(text);
+    return scene;
 }
 
 /// Collects what a build says.
@@ -183,6 +204,27 @@ std::string jsonNumber(double value) {
     return std::isfinite(value) ? fmt::format("{}", value) : "null";
 }
 
+/// Bounds of the scene in the file's coordinates.
+Bounds inFile(Bounds const& bounds, Vec const& origin) {
+    auto const moved = [&origin](Vec const& v) {
+        return Vec{v.x + origin.x, v.y + origin.y, v.z + origin.z};
+    };
+    return {moved(bounds.min), moved(bounds.max)};
+}
+
+std::string boundsText(Bounds const& bounds) {
+    auto const& [min, max] = bounds;
+    return fmt::format("({:.7g}, {:.7g}, {:.7g}) to ({:.7g}, {:.7g}, {:.7g})", min.x, min.y, min.z,
+                       max.x, max.y, max.z);
+}
+
+std::string jsonBounds(Bounds const& bounds) {
+    auto const& [min, max] = bounds;
+    return fmt::format("{{\"min\": [{}, {}, {}], \"max\": [{}, {}, {}]}}", jsonNumber(min.x),
+                       jsonNumber(min.y), jsonNumber(min.z), jsonNumber(max.x), jsonNumber(max.y),
+                       jsonNumber(max.z));
+}
+
 void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
                  std::string const& file, BuildReport const& report) {
     fmt::print("{}: {}, {} particles\n", baseName(file), particles.format,
@@ -199,7 +241,9 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
     }
     fmt::print("  radius: min {:.6g}, median {:.6g}, max {:.6g}\n", radii.min, radii.median,
                radii.max);
-    fmt::print("  bounds: {}\n", scene.geometry->bounds(scene.origin));
+    fmt::print("  bounds: {}\n", boundsText(inFile(scene.geometry->bounds(), scene.origin)));
+    if (auto const motion = scene.geometry->motionBounds())
+        fmt::print("  bounds of the motion: {}\n", boundsText(*motion));
     if (scene.second != nullptr)
         fmt::print("  motion: {:.6g} on average, {:.6g} at most\n", scene.meanStep,
                    scene.largestStep);
@@ -226,7 +270,9 @@ void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary
     }
     fmt::print("\n  ],\n  \"radius\": {{\"min\": {}, \"median\": {}, \"max\": {}}},\n",
                jsonNumber(radii.min), jsonNumber(radii.median), jsonNumber(radii.max));
-    fmt::print("  \"bounds\": {},\n", quoted(scene.geometry->bounds(scene.origin)));
+    fmt::print("  \"bounds\": {},\n", jsonBounds(inFile(scene.geometry->bounds(), scene.origin)));
+    if (auto const motion = scene.geometry->motionBounds())
+        fmt::print("  \"motionBounds\": {},\n", jsonBounds(*motion));
     fmt::print("  \"motion\": {{\"mean\": {}, \"largest\": {}}},\n", jsonNumber(scene.meanStep),
                jsonNumber(scene.largestStep));
     fmt::print("  \"skipped\": {{\"notFinite\": {}, \"notPositive\": {}}},\n",
@@ -249,17 +295,14 @@ int runRender(Options const& options) {
     if (options.image.hasAovs() && format != ImageFormat::exr)
         throw UsageError(fmt::format("{}: only EXR can hold --aov channels; write an .exr",
                                      baseName(options.output)));
+    if (options.image.transparent && format == ImageFormat::ppm)
+        throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
+                                     ".png or .exr",
+                                     baseName(options.output)));
     checkWritable(options.output);
 
     Stopwatch const readTime;
-    ParticleSet particles = readParticles(options.particles.files[0], options, false);
-    ParticleSet second;
-    if (hasSecondFile(options))
-        second = readParticles(options.motion.motion, options, false);
-    Scene scene = makeScene(options, std::move(particles),
-                            hasSecondFile(options) ? &second : nullptr, noteTo(options.run));
-    second = {};
-    throwIfInterrupted();
+    Scene scene = readyScene(options, readParticles(options.particles.files[0], options, false));
     double const readSeconds = readTime.seconds();
 
     Stopwatch const buildTime;
@@ -293,11 +336,7 @@ int runInfo(Options const& given) {
         options.motion.shutter = options.motion.times;
     std::string const& file = options.particles.files[0];
     ParticleSet particles = readParticles(file, options, true);
-    ParticleSet second;
-    if (hasSecondFile(options))
-        second = readParticles(options.motion.motion, options, false);
-    Scene scene = makeScene(options, particles, hasSecondFile(options) ? &second : nullptr,
-                            noteTo(options.run));
+    Scene scene = readyScene(options, particles);
     BuildReport report(options.run);
     buildScene(scene, options, report);
     RadiusSummary const radii = summarise(scene.first->radii);

@@ -6,8 +6,10 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <limits>
 
 namespace kelpatool {
 
@@ -29,7 +31,7 @@ class ExamplesFirst : public CLI::Formatter {
     }
 };
 
-/// Numbers between separators, exactly as many as fit; throws what CLI11 reports as wrong usage.
+/// Numbers between separators, exactly as many as fit.
 template <class Number, std::size_t Count>
 std::array<Number, Count> parseNumbers(std::string const& text, char separator, char const* form) {
     std::array<Number, Count> numbers{};
@@ -39,10 +41,10 @@ std::array<Number, Count> parseNumbers(std::string const& text, char separator, 
         auto const [rest, error] = std::from_chars(at, end, numbers[i]);
         bool const isLast = i + 1 == Count;
         if (error != std::errc() || (isLast ? rest != end : rest == end || *rest != separator))
-            throw CLI::ValidationError(fmt::format("'{}' is not of the form {}", text, form));
+            throw UsageError(fmt::format("'{}' is not of the form {}", text, form));
         if constexpr (std::is_floating_point_v<Number>)
             if (!std::isfinite(numbers[i]))
-                throw CLI::ValidationError(fmt::format("'{}' is not finite", text));
+                throw UsageError(fmt::format("'{}' is not finite", text));
         at = rest + 1;
     }
     return numbers;
@@ -59,34 +61,93 @@ Kelpa::Vector parseColor(std::string const& text) {
     char const* const end = text.data() + text.size();
     bool const hasForm = text.size() == 7 && text[0] == '#';
     if (!hasForm || std::from_chars(text.data() + 1, end, bits, 16).ptr != end)
-        throw CLI::ValidationError(fmt::format("'{}' is not a colour of the form #rrggbb", text));
+        throw UsageError(fmt::format("'{}' is not a colour of the form #rrggbb", text));
     auto const part = [bits](unsigned int shift) {
         return linearFromSrgb(static_cast<float>((bits >> shift) & 0xFFU) / 255.0F);
     };
     return {part(16), part(8), part(0)};
 }
 
+/// An option whose text goes to `take`; what that complains about is told with the option's name.
+template <class Take>
+CLI::Option* addTaken(CLI::App& app, std::string const& name, char const* form, Take take,
+                      std::string const& help) {
+    return app
+        .add_option_function<std::string>(
+            name,
+            [name, take](std::string const& text) {
+                try {
+                    take(text);
+                } catch (UsageError const& error) {
+                    throw UsageError(fmt::format("{}: {}", name, error.what()));
+                }
+            },
+            help)
+        ->type_name(form);
+}
+
 /// An option whose text is parsed into `target`.
 template <class Parse, class Target>
-CLI::Option* addParsed(CLI::App& app, std::string const& name, Target& target, Parse parse,
-                       std::string const& help) {
-    return app.add_option_function<std::string>(
-        name, [&target, parse](std::string const& text) { target = parse(text); }, help);
+CLI::Option* addParsed(CLI::App& app, std::string const& name, char const* form, Target& target,
+                       Parse parse, std::string const& help) {
+    return addTaken(
+        app, name, form, [&target, parse](std::string const& text) { target = parse(text); }, help);
 }
+
+/// An option that takes one of a few words.
+template <class Choice>
+CLI::Option* addChoice(CLI::App& app, std::string const& name, Choice& target,
+                       std::vector<std::pair<std::string, Choice>> const& choices,
+                       std::string const& help) {
+    std::vector<std::string> words;
+    for (auto const& choice : choices)
+        words.push_back(choice.first);
+    std::string const all = fmt::format("{}", fmt::join(words, "|"));
+    return addTaken(
+        app, name, all.c_str(),
+        [&target, choices, words](std::string const& text) {
+            auto const at = std::find(words.begin(), words.end(), text);
+            if (at == words.end())
+                throw UsageError(fmt::format("'{}' is none of {}", text, fmt::join(words, ", ")));
+            target = choices[static_cast<std::size_t>(at - words.begin())].second;
+        },
+        help);
+}
+
+/// Accepts the numbers from `low` to `high`, and so no NaN; without words of its own in the help.
+template <class Number> CLI::Validator between(Number low, Number high) {
+    return {[low, high](std::string& text) -> std::string {
+                Number value{};
+                char const* const end = text.data() + text.size();
+                auto const [rest, error] = std::from_chars(text.data(), end, value);
+                if (error == std::errc() && rest == end && value >= low && value <= high)
+                    return {};
+                char const* const kind = std::is_integral_v<Number> ? "whole" : "finite";
+                return fmt::format("'{}' is not a {} number from {} to {}", text, kind, low, high);
+            },
+            ""};
+}
+
+CLI::Validator anySeed() {
+    return between(std::uint64_t{0}, std::numeric_limits<std::uint64_t>::max());
+}
+
+constexpr float largest = 1e30F;         // of lengths and the like: far beyond any use
+constexpr float smallestRadius = 1e-15F; // below it trees leave a particle out
 
 void addRunOptions(CLI::App& app, RunOptions& run) {
     app.add_option("-n,--threads", run.threads, "Threads to use; 0: all processors")
-        ->check(CLI::Range(0, 4096))
+        ->check(between(0, 4096))
         ->group("Run");
-    app.add_flag("-q,--quiet", run.quiet, "Say nothing but errors")->group("Run");
-    app.add_flag("-v,--verbose", run.verbose, "Say what the build does")->group("Run");
-    app.add_option("--progress", run.progress, "Progress display: auto, plain or none")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, Kelpa::ProgressLine::Mode>{
-                {"auto", Kelpa::ProgressLine::Mode::automatic},
-                {"plain", Kelpa::ProgressLine::Mode::plain},
-                {"none", Kelpa::ProgressLine::Mode::none}},
-            CLI::ignore_case))
+    auto* const quiet =
+        app.add_flag("-q,--quiet", run.quiet, "Say nothing but errors")->group("Run");
+    app.add_flag("-v,--verbose", run.verbose, "Say what the build does")
+        ->excludes(quiet)
+        ->group("Run");
+    using Mode = Kelpa::ProgressLine::Mode;
+    addChoice<Mode>(app, "--progress", run.progress,
+                    {{"auto", Mode::automatic}, {"plain", Mode::plain}, {"none", Mode::none}},
+                    "Progress display")
         ->group("Run");
 }
 
@@ -97,26 +158,37 @@ void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
     app.add_option("--format", particles.format, "Format of the file: ply or xyz");
     app.add_option("--frame", particles.frame, "Frame of the file; negative: from the end");
     auto* const radius =
-        app.add_option("-r,--radius", particles.radius, "Radius of all particles")->group("Radius");
-    app.add_option("--radius-from", particles.radiusFrom, "Column that holds the radii")
-        ->excludes(radius)
+        app.add_option("-r,--radius", particles.radius,
+                       "Radius of all particles; else the file's, by element, or by spacing")
+            ->check(between(smallestRadius, largest))
+            ->group("Radius");
+    auto* const radiusFrom =
+        app.add_option("--radius-from", particles.radiusFrom, "Column that holds the radii")
+            ->excludes(radius)
+            ->group("Radius");
+    app.add_option("--radius-scale", particles.radiusScale, "Factor on all radii")
+        ->check(between(1.0F / largest, largest))
         ->group("Radius");
-    app.add_option("--radius-scale", particles.radiusScale, "Factor on all radii")->group("Radius");
-    app.add_option_function<std::string>(
-           "--radii",
-           [&particles](std::string const& kind) { particles.covalentRadii = kind == "covalent"; },
-           "Element radii: vdw or covalent")
-        ->check(CLI::IsMember({"vdw", "covalent"}))
+    addChoice(app, "--radii", particles.covalentRadii, {{"vdw", false}, {"covalent", true}},
+              "Element radii; default: vdw")
+        ->excludes(radius)
+        ->excludes(radiusFrom)
         ->group("Radius");
     app.add_flag("--points", particles.points, "Points with a radius instead of solid spheres")
         ->group("Radius");
 }
 
 void addTreeOptions(CLI::App& app, TreeOptions& tree) {
-    app.add_option("--max-depth", tree.maxDepth, "Deepest level of the tree")->group("Tree");
-    app.add_option("--leaf-size-factor", tree.leafSizeFactor, "Growth of leaves with depth")
+    app.add_option("--max-depth", tree.maxDepth,
+                   "Deepest level of the tree; default: 60, for moving particles 80")
+        ->check(between(0, 1000000))
+        ->group("Tree");
+    app.add_option("--leaf-size-factor", tree.leafSizeFactor,
+                   "Growth of leaves with depth; default: 2, for moving particles 1")
+        ->check(between(0.0F, largest))
         ->group("Tree");
     app.add_option("--min-node-size", tree.minNodeSize, "Diagonal below which nodes are leaves")
+        ->check(between(0.0F, largest))
         ->group("Tree");
 }
 
@@ -124,97 +196,114 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
     app.add_option("--motion", motion.motion, "none, velocity, or the file of a second snapshot")
         ->group("Motion");
     app.add_option("--times", motion.times, "When the two snapshots were taken: T0 T1")
+        ->check(between(-1e30, 1e30))
         ->group("Motion");
     app.add_option_function<std::vector<std::string>>(
            "--shutter",
            [&motion](std::vector<std::string> const& ends) {
                std::string const text = ends.size() == 2 ? ends[0] + ":" + ends[1] : ends[0];
-               motion.shutter = parseNumbers<double, 2>(text, ':', "OPEN:CLOSE");
+               try {
+                   motion.shutter = parseNumbers<double, 2>(text, ':', "OPEN:CLOSE");
+               } catch (UsageError const& error) {
+                   throw UsageError(fmt::format("--shutter: {}", error.what()));
+               }
            },
-           "When the shutter opens and closes: OPEN:CLOSE; half the way between the snapshots, or "
+           "When the shutter opens and closes; default: half the way between the snapshots, or "
            "0:0.5 with velocities")
         ->expected(1, 2)
+        ->type_name("OPEN:CLOSE")
         ->group("Motion");
     app.add_option("--dt", motion.dt, "The file's unit of time per unit of the shutter")
+        ->check(between(-1e30, 1e30))
         ->group("Motion");
-    app.add_option_function<std::string>(
-           "--bounds",
-           [&motion](std::string const& kind) { motion.movingBounds = kind == "moving"; },
-           "Bounds that the moving tree reports: static or moving")
-        ->check(CLI::IsMember({"static", "moving"}))
+    addChoice(app, "--bounds", motion.movingBounds, {{"static", false}, {"moving", true}},
+              "Bounds that the moving tree reports")
         ->group("Motion");
 }
 
 void addPictureOptions(CLI::App& app, Options& options) {
     ColorOptions& color = options.color;
-    auto* const one = addParsed(app, "--color", color.color, parseColor, "Colour of all: #rrggbb")
+    auto* const one = addParsed(app, "--color", "#rrggbb", color.color, parseColor,
+                                "Colour of all; else the file's, or by element")
                           ->group("Colour");
-    app.add_option("--color-by", color.colorBy, "Column to colour by")
-        ->excludes(one)
-        ->group("Colour");
-    app.add_option("--colormap", "Colour map for --color-by")
-        ->check(CLI::IsMember({"viridis"}))
+    auto* const colorBy = app.add_option("--color-by", color.colorBy, "Column to colour by")
+                              ->excludes(one)
+                              ->group("Colour");
+    addTaken(
+        app, "--colormap", "viridis",
+        [](std::string const& name) {
+            if (name != "viridis")
+                throw UsageError(fmt::format("'{}' is no colour map; there is viridis", name));
+        },
+        "Colour map")
+        ->needs(colorBy)
         ->group("Colour");
     addParsed(
-        app, "--range", color.range,
+        app, "--range", "A:B", color.range,
         [](std::string const& text) { return parseNumbers<float, 2>(text, ':', "A:B"); },
         "Values for both ends of the colour map; default: 1st to 99th percentile")
+        ->needs(colorBy)
         ->group("Colour");
 
     CameraOptions& camera = options.camera;
-    app.add_option("--view", camera.view, "front, back, left, right, top, bottom or iso")
-        ->check(CLI::IsMember({"front", "back", "left", "right", "top", "bottom", "iso"}))
+    std::vector<std::pair<std::string, std::string>> views;
+    for (char const* const view : {"front", "back", "left", "right", "top", "bottom", "iso"})
+        views.emplace_back(view, view);
+    addChoice(app, "--view", camera.view, views, "Where the particles, framed, are seen from")
         ->group("Camera");
-    addParsed(app, "--eye", camera.eye, parseVector, "Where the camera is: X,Y,Z")->group("Camera");
-    addParsed(app, "--look-at", camera.lookAt, parseVector, "What it looks at: X,Y,Z")
+    addParsed(app, "--eye", "X,Y,Z", camera.eye, parseVector, "Where the camera is")
         ->group("Camera");
-    app.add_option_function<std::string>(
-           "--up",
-           [&camera](std::string const& text) {
-               if (text == "y" || text == "z")
-                   camera.upAxis = text[0];
-               else
-                   camera.up = parseVector(text);
-           },
-           "Upward axis, y or z, or direction X,Y,Z")
+    addParsed(app, "--look-at", "X,Y,Z", camera.lookAt, parseVector, "What it looks at")
         ->group("Camera");
-    app.add_option("--fov", camera.fov, "Vertical angle of view, degrees")
-        ->check(CLI::Range(0.1, 170.0))
+    addTaken(
+        app, "--up", "y|z|X,Y,Z",
+        [&camera](std::string const& text) {
+            if (text == "y" || text == "z") {
+                camera.upAxis = text[0];
+                return;
+            }
+            camera.up = parseVector(text);
+            if (camera.up->x == 0.0F && camera.up->y == 0.0F && camera.up->z == 0.0F)
+                throw UsageError(fmt::format("{} is no direction", text));
+        },
+        "Upward axis or direction; default: the format's")
+        ->group("Camera");
+    app.add_option("--fov", camera.fov, "Vertical angle of view, degrees; default: 35")
+        ->check(between(0.1, 170.0))
         ->group("Camera");
     app.add_flag("--ortho", camera.ortho, "Parallel projection")->group("Camera");
     app.add_option("--zoom", camera.zoom, "Factor on the picture's scale")
-        ->check(CLI::Range(1e-6, 1e6))
+        ->check(between(1e-6, 1e6))
         ->group("Camera");
 
     ImageOptions& image = options.image;
-    app.add_option_function<std::string>(
-           "--size",
-           [&image](std::string const& text) {
-               auto const size = parseNumbers<int, 2>(text, 'x', "WIDTHxHEIGHT");
-               if (size[0] < 1 || size[1] < 1 || size[0] > 65536 || size[1] > 65536)
-                   throw CLI::ValidationError(
-                       fmt::format("'{}' is not from 1x1 to 65536x65536", text));
-               image.width = size[0];
-               image.height = size[1];
-           },
-           "Size of the picture: WIDTHxHEIGHT")
+    addTaken(
+        app, "--size", "WIDTHxHEIGHT",
+        [&image](std::string const& text) {
+            auto const size = parseNumbers<int, 2>(text, 'x', "WIDTHxHEIGHT");
+            if (size[0] < 1 || size[1] < 1 || size[0] > 65536 || size[1] > 65536)
+                throw UsageError(fmt::format("'{}' is not from 1x1 to 65536x65536", text));
+            image.width = size[0];
+            image.height = size[1];
+        },
+        "Pixels of the picture; default: 1280x720")
         ->group("Image");
-    app.add_option("--samples", image.samples, "Camera rays per pixel")
-        ->check(CLI::Range(1, 65536))
+    app.add_option("--samples", image.samples, "Camera rays per pixel; default: 16")
+        ->check(between(1, 65536))
         ->group("Image");
-    app.add_option_function<std::string>(
-           "--background",
-           [&image](std::string const& text) {
-               image.transparent = text == "none";
-               if (!image.transparent)
-                   image.background = parseColor(text);
-           },
-           "Colour behind the particles: #rrggbb, or none for a transparent picture")
+    addTaken(
+        app, "--background", "#rrggbb|none",
+        [&image](std::string const& text) {
+            image.transparent = text == "none";
+            if (!image.transparent)
+                image.background = parseColor(text);
+        },
+        "Colour behind the particles, or none for a transparent picture")
         ->group("Image");
     addParsed(
-        app, "--crop", image.crop,
+        app, "--crop", "X0,Y0,X1,Y1", image.crop,
         [](std::string const& text) { return parseNumbers<int, 4>(text, ',', "X0,Y0,X1,Y1"); },
-        "Pixels to render: X0,Y0,X1,Y1")
+        "Pixels to render: from X0,Y0 to before X1,Y1")
         ->group("Image");
     app.add_option_function<std::vector<std::string>>(
            "--aov",
@@ -228,58 +317,66 @@ void addPictureOptions(CLI::App& app, Options& options) {
            },
            "Further channels of an .exr: depth,normal,id,position")
         ->delimiter(',')
-        ->check(CLI::IsMember({"depth", "normal", "id", "position"}))
+        ->check(CLI::IsMember({"depth", "normal", "id", "position"}).description(""))
         ->group("Image");
 
     LightOptions& light = options.light;
-    app.add_option("--shade", light.shade, "ao (light, shadows, ambient occlusion), lit or flat")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, LightOptions::Shade>{{"ao", LightOptions::Shade::ao},
-                                                       {"lit", LightOptions::Shade::lit},
-                                                       {"flat", LightOptions::Shade::flat}},
-            CLI::ignore_case))
+    using Shade = LightOptions::Shade;
+    addChoice<Shade>(app, "--shade", light.shade,
+                     {{"ao", Shade::ao}, {"lit", Shade::lit}, {"flat", Shade::flat}},
+                     "Light with shadows and ambient occlusion (default), light, or colour alone")
         ->group("Light");
-    app.add_option("--ao-samples", light.aoSamples, "Occlusion rays per camera ray")
-        ->check(CLI::Range(0, 4096))
+    app.add_option("--ao-samples", light.aoSamples, "Occlusion rays per camera ray; default: 2")
+        ->check(between(0, 4096))
         ->group("Light");
-    app.add_option("--ao-distance", light.aoDistance, "How far occlusion reaches")
-        ->check(CLI::PositiveNumber)
+    app.add_option("--ao-distance", light.aoDistance,
+                   "How far occlusion reaches; default: 10 % of the diagonal")
+        ->check(between(1e-30, 1e30))
         ->group("Light");
-    app.add_flag("--shadows,!--no-shadows", light.shadows, "Shadows of the key light")
+    app.add_flag("--shadows,!--no-shadows", light.shadows,
+                 "Shadows of the key light; default: with --shade ao")
         ->group("Light");
-    app.add_option("--seed", options.run.seed, "Of the sample patterns")->group("Run");
+    app.add_option("--seed", options.run.seed, "Of the sample patterns")
+        ->check(anySeed())
+        ->group("Run");
     app.add_flag("--reproducible", options.run.reproducible,
                  "Build on one thread, so that every bit is the same every time")
         ->group("Run");
     app.add_flag("--stats", options.run.stats, "Print the tree's statistics")->group("Run");
 }
 
-// Ranges let NaN through: none of their comparisons is true.
-void checkFinite(Options const& options) {
-    std::pair<char const*, double> const numbers[] = {
-        {"--times", options.motion.times[0]},
-        {"--times", options.motion.times[1]},
-        {"--dt", options.motion.dt},
-        {"--fov", options.camera.fov},
-        {"--zoom", options.camera.zoom},
-        {"--ao-distance", options.light.aoDistance.value_or(1.0)},
-        {"--leaf-size-factor", static_cast<double>(options.tree.leafSizeFactor.value_or(1.0F))},
-        {"--min-node-size", static_cast<double>(options.tree.minNodeSize)},
+/// Refuses options that would have no effect on what was asked for.
+void checkEffects(CLI::App const& command, Options const& options) {
+    bool const isMoving = options.motion.motion != "none";
+    bool const hasVelocity = options.motion.motion == "velocity";
+    bool const isFlat = options.light.shade == LightOptions::Shade::flat;
+    bool const hasOcclusion = options.light.shade == LightOptions::Shade::ao;
+    struct Rule {
+        char const* option;
+        bool isUsed;
+        char const* needs;
     };
-    for (auto const& [name, value] : numbers)
-        if (!std::isfinite(value))
-            throw UsageError(fmt::format("{} must be finite", name));
+    Rule const rules[] = {
+        {"--shutter", isMoving, "motion: a second file, or --motion velocity"},
+        {"--bounds", isMoving, "motion: a second file, or --motion velocity"},
+        {"--dt", hasVelocity, "--motion velocity"},
+        {"--times", isMoving && !hasVelocity, "a second file"},
+        {"--shadows", !isFlat, "light: --shade ao or lit"},
+        {"--ao-samples", hasOcclusion, "--shade ao"},
+        {"--ao-distance", hasOcclusion, "--shade ao"},
+    };
+    for (Rule const& rule : rules) {
+        CLI::Option const* const option = command.get_option_no_throw(rule.option);
+        if (option != nullptr && option->count() > 0 && !rule.isUsed)
+            throw UsageError(fmt::format("{} needs {}", rule.option, rule.needs));
+    }
 }
 
-void checkTogether(Options& options) {
+/// Refuses options that contradict each other, and makes of two files a motion.
+void checkTogether(CLI::App const& command, Options& options) {
     ParticleOptions& particles = options.particles;
     if (options.command == Options::Command::generate)
         return;
-    checkFinite(options);
-    if (particles.radius && !(*particles.radius > 0.0F && std::isfinite(*particles.radius)))
-        throw UsageError("--radius must be above 0 and finite");
-    if (!(particles.radiusScale > 0.0F && std::isfinite(particles.radiusScale)))
-        throw UsageError("--radius-scale must be above 0 and finite");
     MotionOptions& motion = options.motion;
     if (particles.files.size() == 2) {
         if (motion.motion != "none")
@@ -287,22 +384,32 @@ void checkTogether(Options& options) {
         motion.motion = particles.files[1];
         particles.files.pop_back();
     }
+    checkEffects(command, options);
     if (motion.times[0] == motion.times[1])
         throw UsageError("--times must differ");
     if (motion.shutter && (*motion.shutter)[0] > (*motion.shutter)[1])
         throw UsageError("--shutter closes before it opens");
-    if (motion.shutter && motion.motion == "none")
-        throw UsageError("--shutter needs motion: a second file, or --motion velocity");
     auto const& crop = options.image.crop;
     if (crop && !(0 <= (*crop)[0] && (*crop)[0] < (*crop)[2] && (*crop)[2] <= options.image.width &&
                   0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
         throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
                                      options.image.width, options.image.height));
-    auto const& up = options.camera.up;
-    if (up && up->x == 0.0F && up->y == 0.0F && up->z == 0.0F)
-        throw UsageError("--up 0,0,0 is no direction");
     if (options.camera.eye && !options.camera.view.empty())
         throw UsageError("--eye and --view both place the camera; use one of them");
+}
+
+/// Says why a command line cannot be read and where help is.
+int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
+    bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
+    if (isUnknown && firstWord[0] != '-')
+        fmt::print(stderr, "kelpa: no command '{}'; there are render, info and generate\n",
+                   firstWord);
+    else if (app.get_subcommands().empty())
+        fmt::print(stderr, "kelpa: {}; see kelpa --help\n", reason);
+    else
+        fmt::print(stderr, "kelpa: {}; see kelpa {} --help\n", reason,
+                   app.get_subcommands().front()->get_name());
+    return wrongUsage;
 }
 
 } // namespace
@@ -333,12 +440,13 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     auto* const generate = app.add_subcommand("generate", "Write a sample of particles");
     generate->add_option("KIND", options.kind, "galaxy, splash, crystal or cloud")
         ->required()
-        ->check(CLI::IsMember(sampleKinds()));
+        ->check(CLI::IsMember(sampleKinds()).description(""));
     generate->add_option("-o,--output", options.output, "File: .ply")->required();
     generate->add_option("--count", options.count, "Particles")
         ->default_val(100000)
-        ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{2147483647}));
-    generate->add_option("--seed", options.run.seed, "Another sample of the kind");
+        ->check(between(std::uint64_t{0}, std::uint64_t{2147483647}));
+    generate->add_option("--seed", options.run.seed, "Another sample of the kind")
+        ->check(anySeed());
     generate->add_flag("--ascii", options.ascii, "As text");
     addRunOptions(*generate, options.run);
 
@@ -347,14 +455,12 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         options.command = render->parsed() ? Options::Command::render
                           : info->parsed() ? Options::Command::info
                                            : Options::Command::generate;
-        checkTogether(options);
+        checkTogether(*app.get_subcommands().front(), options);
     } catch (CLI::ParseError const& answer) {
-        if (answer.get_exit_code() == 0) {
+        if (answer.get_exit_code() == 0)
             exitCode = app.exit(answer);
-        } else {
-            fmt::print(stderr, "kelpa: {}; see kelpa --help\n", answer.what());
-            exitCode = wrongUsage;
-        }
+        else
+            exitCode = refuse(app, answer.what(), argc > 1 ? argv[1] : "");
         return std::nullopt;
     } catch (UsageError const& error) {
         fmt::print(stderr, "kelpa: {}\n", error.what());

@@ -1,7 +1,5 @@
 #include "tool/scene.h"
 
-#include "kelpa/host/consoleprogress.h"
-
 #include "tool/colormap.h"
 
 #include <fmt/format.h>
@@ -41,12 +39,6 @@ double distance(Vector const& a, Vector const& b) {
     return std::sqrt(x * x + y * y + z * z);
 }
 
-/// What long steps call in between; the display has nothing to show of them.
-void stopWhenInterrupted(double, std::uint64_t) {
-    if (Kelpa::InterruptScope::interrupted())
-        throw Interrupted();
-}
-
 /// The primitive of one tree behind the scene's interface.
 template <class Primitive> class PrimitiveGeometry final : public Geometry {
   public:
@@ -70,36 +62,42 @@ template <class Primitive> class PrimitiveGeometry final : public Geometry {
         return primitive.getMemUsage() + primitive.tree->getPackedMemUsage();
     }
     std::int32_t sphereCount() const override { return primitive.tree->numSpheres; }
-    std::string bounds(Vec const& origin) override;
+    Bounds bounds() override;
+    std::optional<Bounds> motionBounds() override;
 
   private:
     Primitive primitive;
     int staticBounds;
 };
 
-std::string boxText(Vector const& min, Vector const& max, Vec const& origin) {
-    return fmt::format("({:.7g}, {:.7g}, {:.7g}) to ({:.7g}, {:.7g}, {:.7g})",
-                       static_cast<double>(min.x) + origin.x, static_cast<double>(min.y) + origin.y,
-                       static_cast<double>(min.z) + origin.z, static_cast<double>(max.x) + origin.x,
-                       static_cast<double>(max.y) + origin.y,
-                       static_cast<double>(max.z) + origin.z);
+Vec wide(Vector const& v) {
+    return {static_cast<double>(v.x), static_cast<double>(v.y), static_cast<double>(v.z)};
 }
 
-template <>
-std::string PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::bounds(Vec const& origin) {
+template <> Bounds PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::bounds() {
     Kelpa::StaticBox box;
     primitive.getBBox(box);
-    return boxText(box.pmin, box.pmax, origin);
+    return {wide(box.pmin), wide(box.pmax)};
 }
 
 template <>
-std::string PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::bounds(Vec const& origin) {
+std::optional<Bounds> PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::motionBounds() {
+    return std::nullopt;
+}
+
+template <> Bounds PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::bounds() {
     Kelpa::MovingBox box;
     primitive.getBBox(box);
-    std::string const text = boxText(box.bounds.min, box.bounds.max, origin);
-    return staticBounds != 0
-               ? text
-               : text + ", moving by " + boxText(box.motion.min, box.motion.max, Vec{0, 0, 0});
+    return {wide(box.bounds.min), wide(box.bounds.max)};
+}
+
+template <>
+std::optional<Bounds> PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::motionBounds() {
+    if (staticBounds != 0)
+        return std::nullopt;
+    Kelpa::MovingBox box;
+    primitive.getBBox(box);
+    return Bounds{wide(box.motion.min), wide(box.motion.max)};
 }
 
 /// Particles at the two ends of their way while the shutter is open.
@@ -209,7 +207,8 @@ struct Way {
 /// Matches two snapshots. Particles that only one of them has stand still where it has them; those
 /// of the second only are added to `particles`, `radii` and `colors`.
 Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet const& second,
-                 std::vector<float>& radii, std::vector<Vector>& colors, Note const& note) {
+                 std::vector<float>& radii, std::vector<Vector>& colors, Note const& note,
+                 PhaseProgress const& progress) {
     std::string const& file0 = options.particles.files[0];
     std::string const& file1 = options.motion.motion;
     bool const hasIds = !particles.ids.empty() && !second.ids.empty();
@@ -227,7 +226,7 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
     };
 
     std::vector<std::int64_t> const indices = partners(particles, second);
-    stopWhenInterrupted(0.0, 0);
+    progress(1.0, indices.size());
     std::vector<bool> isMatched(second.positions.size(), false);
     std::vector<Way> ways(indices.size());
     std::uint64_t onlyFirst = 0;
@@ -306,27 +305,24 @@ void inspect(Scene& scene, Ways const& ways) {
 }
 
 /// What to subtract from all centres: nothing, unless they lie far off compared with their extent.
+///
+/// Decided axis by axis. Where it is not zero all coordinates are within a factor of two of it, so
+/// that the differences are exact (P. Sterbenz, "Floating-Point Computation", 1974).
 Vec originFor(std::vector<Vector> const& centers) {
-    constexpr double infinity = std::numeric_limits<double>::infinity();
     constexpr double farOff = 4.0;
-    Vec min{infinity, infinity, infinity};
-    Vec max{-infinity, -infinity, -infinity};
-    for (Vector const& c : centers) {
-        min = {std::min(min.x, static_cast<double>(c.x)), std::min(min.y, static_cast<double>(c.y)),
-               std::min(min.z, static_cast<double>(c.z))};
-        max = {std::max(max.x, static_cast<double>(c.x)), std::max(max.y, static_cast<double>(c.y)),
-               std::max(max.z, static_cast<double>(c.z))};
-    }
-    Bounds const bounds{min, max};
-    Vec const centre = bounds.centre();
-    double const offset = std::max({std::abs(centre.x), std::abs(centre.y), std::abs(centre.z)});
-    if (!(offset > farOff * bounds.diagonal()))
-        return {0.0, 0.0, 0.0};
-    // A number of single precision, so that subtracting it loses nothing.
-    Vector const rounded = {static_cast<float>(centre.x), static_cast<float>(centre.y),
-                            static_cast<float>(centre.z)};
-    return {static_cast<double>(rounded.x), static_cast<double>(rounded.y),
-            static_cast<double>(rounded.z)};
+    auto const along = [&centers](auto coordinate) {
+        auto const less = [&](Vector const& a, Vector const& b) {
+            return coordinate(a) < coordinate(b);
+        };
+        auto const [low, high] = std::minmax_element(centers.begin(), centers.end(), less);
+        double const min = static_cast<double>(coordinate(*low));
+        double const max = static_cast<double>(coordinate(*high));
+        double const middle = (min + max) / 2.0;
+        // A number of single precision: one of the coordinates.
+        return std::abs(middle) > farOff * (max - min) ? min : 0.0;
+    };
+    return {along([](Vector const& v) { return v.x; }), along([](Vector const& v) { return v.y; }),
+            along([](Vector const& v) { return v.z; })};
 }
 
 void subtract(std::vector<Vector>& centers, Vec const& origin) {
@@ -374,25 +370,27 @@ std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const
 }
 
 Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const* second,
-                Note const& note) {
+                Note const& note, PhaseProgress const& progress) {
     Scene scene;
-    std::vector<float> radii = chooseRadii(options.particles, particles, note, stopWhenInterrupted);
+    std::uint64_t const count = particles.positions.size();
+    std::vector<float> radii = chooseRadii(options.particles, particles, note, progress);
+    progress(1.0, count);
     scene.colors = chooseColors(options, particles);
     scene.color = options.color.color.value_or(defaultColor);
     scene.upAxis = particles.upAxis;
 
     Ways ways;
     if (second != nullptr)
-        ways = waysBetween(options, particles, *second, radii, scene.colors, note);
+        ways = waysBetween(options, particles, *second, radii, scene.colors, note, progress);
     else if (options.motion.motion == "velocity")
         ways = waysAlongVelocities(options, particles, radii);
     else
         ways = {std::move(particles.positions), {}, std::move(radii), {}};
     scene.ids = std::move(particles.ids);
-    stopWhenInterrupted(0.0, 0);
+    progress(1.0, count);
 
     inspect(scene, ways);
-    stopWhenInterrupted(0.0, 0);
+    progress(1.0, count);
     if (scene.rejected.total() > 0)
         note(fmt::format("{} of {} particles skipped ({} not finite, {} with radius 0 or less)",
                          scene.rejected.total(), ways.positions0.size(), scene.rejected.notFinite,

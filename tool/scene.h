@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,10 @@ class Geometry {
     virtual std::uint64_t memory() = 0;
     /// Spheres that the tree took.
     virtual std::int32_t sphereCount() const = 0;
-    /// The primitive's bounds in words, with `origin` added again.
-    virtual std::string bounds(Vec const& origin) = 0;
+    /// The primitive's bounds, in the scene's coordinates.
+    virtual Bounds bounds() = 0;
+    /// The box of the particles' motion, when the primitive was to report moving bounds.
+    virtual std::optional<Bounds> motionBounds() = 0;
 };
 
 /// Particles left out, by reason.
@@ -70,9 +73,9 @@ struct Scene {
 using Note = std::function<void(std::string const&)>;
 
 /// Chooses radii and colours, matches snapshots, and makes the particle systems. The tree is not
-/// built. Throws `InputError` when the particles cannot be used.
+/// built. Throws `InputError` when the particles cannot be used, and what `progress` throws.
 Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const* second,
-                Note const& note);
+                Note const& note, PhaseProgress const& progress);
 
 /// The radii that a scene of these particles would have, and where they come from.
 std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const& particles,
