@@ -162,6 +162,8 @@ void fitParallel(Camera& camera, std::span<Kelpa::Vector const> centers,
                  camera.forward * (nearest + camera.tanHalfHeight);
 }
 
+} // namespace
+
 Bounds boundsOf(std::span<Kelpa::Vector const> centers) {
     constexpr double far = std::numeric_limits<double>::infinity();
     Bounds bounds{{far, far, far}, {-far, -far, -far}};
@@ -174,8 +176,6 @@ Bounds boundsOf(std::span<Kelpa::Vector const> centers) {
     }
     return bounds;
 }
-
-} // namespace
 
 Vec Bounds::centre() const {
     return (min + max) * 0.5;

@@ -40,6 +40,9 @@ struct Bounds {
     double diagonal() const;
 };
 
+/// Bounds of points, of which there is at least one.
+Bounds boundsOf(std::span<Kelpa::Vector const> points);
+
 /// Places the camera as the options say; where they are silent, so that all spheres just fit, with
 /// a margin of 5 %.
 ///

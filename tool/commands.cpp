@@ -145,6 +145,46 @@ class BuildReport final : public Kelpa::ProgressCallback {
     Kelpa::ConsoleProgress console;
 };
 
+/// Bounds of the scene in the file's coordinates.
+Bounds inFile(Bounds const& bounds, Vec const& origin) {
+    auto const moved = [&origin](Vec const& v) {
+        return Vec{v.x + origin.x, v.y + origin.y, v.z + origin.z};
+    };
+    return {moved(bounds.min), moved(bounds.max)};
+}
+
+/// Where the middle 99 % of points lie along an axis.
+std::pair<double, double> middlePart(std::vector<Kelpa::Vector> const& points, int axis) {
+    constexpr std::size_t asked = 100000; // of any more points, every n-th
+    std::size_t const stride = points.size() / asked + 1;
+    std::vector<float> places;
+    for (std::size_t i = 0; i < points.size(); i += stride)
+        places.push_back(points[i][axis]);
+    auto const at = [&places](double share) {
+        auto const place = places.begin() + static_cast<std::ptrdiff_t>(
+                                                share * static_cast<double>(places.size() - 1));
+        std::nth_element(places.begin(), place, places.end());
+        return static_cast<double>(*place);
+    };
+    return {at(0.005), at(0.995)};
+}
+
+/// Of far outliers the picture shows all, and little else: says so, and how to see the others.
+void noteOutliers(Scene const& scene, Note const& note) {
+    auto const [minX, maxX] = middlePart(scene.framedCenters, 0);
+    auto const [minY, maxY] = middlePart(scene.framedCenters, 1);
+    auto const [minZ, maxZ] = middlePart(scene.framedCenters, 2);
+    Bounds const most{{minX, minY, minZ}, {maxX, maxY, maxZ}};
+    double const part = most.diagonal() / boundsOf(scene.framedCenters).diagonal();
+    constexpr double little = 0.05;
+    if (part > 0.0 && part < little) {
+        Vec const centre = inFile(most, scene.origin).centre();
+        note(fmt::format("a few far particles take up the picture; --look-at {:.9g},{:.9g},{:.9g} "
+                         "--zoom {:.3g} shows the others",
+                         centre.x, centre.y, centre.z, 0.8 / part));
+    }
+}
+
 int threadCount(RunOptions const& run) {
     return run.threads > 0 ? run.threads : Kelpa::getNumProcessors();
 }
@@ -202,14 +242,6 @@ std::string quoted(std::string const& text) {
 // JSON knows no infinities.
 std::string jsonNumber(double value) {
     return std::isfinite(value) ? fmt::format("{}", value) : "null";
-}
-
-/// Bounds of the scene in the file's coordinates.
-Bounds inFile(Bounds const& bounds, Vec const& origin) {
-    auto const moved = [&origin](Vec const& v) {
-        return Vec{v.x + origin.x, v.y + origin.y, v.z + origin.z};
-    };
-    return {moved(bounds.min), moved(bounds.max)};
 }
 
 std::string boundsText(Bounds const& bounds) {
@@ -314,6 +346,8 @@ int runRender(Options const& options) {
     Camera const camera =
         placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
                     scene.framedCenters, scene.framedRadii, scene.origin);
+    if (!options.camera.eye && !options.camera.lookAt)
+        noteOutliers(scene, noteTo(options.run));
     Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
         return renderImage(scene, camera, options, threadCount(options.run), progress);
     });

@@ -76,15 +76,7 @@ Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene c
     light.hasShadows =
         light.hasKey && options.shadows.value_or(options.shade == LightOptions::Shade::ao);
     light.occlusionRays = options.shade == LightOptions::Shade::ao ? options.aoSamples : 0;
-    Vec min{1e300, 1e300, 1e300};
-    Vec max{-1e300, -1e300, -1e300};
-    for (Vector const& c : scene.framedCenters) {
-        min = {std::min(min.x, static_cast<double>(c.x)), std::min(min.y, static_cast<double>(c.y)),
-               std::min(min.z, static_cast<double>(c.z))};
-        max = {std::max(max.x, static_cast<double>(c.x)), std::max(max.y, static_cast<double>(c.y)),
-               std::max(max.z, static_cast<double>(c.z))};
-    }
-    double const diagonal = Bounds{min, max}.diagonal();
+    double const diagonal = boundsOf(scene.framedCenters).diagonal();
     double const radius =
         static_cast<double>(*std::max_element(scene.framedRadii.begin(), scene.framedRadii.end()));
     light.occlusionDistance = options.aoDistance.value_or(std::max(0.1 * diagonal, 2.0 * radius));
@@ -104,9 +96,9 @@ struct Bunch {
         numLanes = 0;
         hits.noHits = true;
     }
-    /// Adds a ray in lane `lane`, to be searched up to `tMax`.
-    void add(unsigned char lane, double const (&origin)[3], Vector const& dir, double tMax,
-             float time, std::int64_t skipIndex) {
+    /// Adds a ray in lane `lane`, to be searched from `tMin` to `tMax`.
+    void add(unsigned char lane, double const (&origin)[3], Vector const& dir, double tMin,
+             double tMax, float time, std::int64_t skipIndex) {
         rays.originX[lane] = origin[0];
         rays.originY[lane] = origin[1];
         rays.originZ[lane] = origin[2];
@@ -115,7 +107,7 @@ struct Bunch {
         rays.dirZ[lane] = dir.z;
         rays.time[lane] = time;
         rays.skipIndex[lane] = skipIndex;
-        tMins[lane] = 0.0;
+        tMins[lane] = tMin; // by lane, but the ends by place in the list
         tMaxs[numLanes] = tMax;
         hits.hitT[lane] = tMax;
         hits.hit[lane] = 0;
@@ -133,6 +125,10 @@ struct Surface {
     Vector normal;
     std::int32_t particle;
     float time;
+    /// Where rays that leave begin to count. The surface's own particle they skip anyway, but not
+    /// another one in the same place, as copies across a periodic border are: rounding would let
+    /// every other ray begin just inside of it.
+    double clearance;
     float openSky; ///< part of the sky that is not occluded, weighted by its light
 };
 
@@ -219,6 +215,7 @@ bool TileRenderer::isInShadow(Surface const& surface) {
     Kelpa::RSRay ray{};
     std::copy(surface.place, surface.place + 3, ray.origin);
     ray.dir = light.towardsKey;
+    ray.intervalMin = surface.clearance;
     ray.intervalMax = 1e30;
     ray.time = surface.time;
     ray.skipIndex = surface.particle;
@@ -258,7 +255,7 @@ void TileRenderer::findSky(std::uint32_t sample) {
         for (unsigned char const lane : hitLanes) {
             Surface const& surface = surfaces[lane];
             Sample2 const at = samples[lane].point(firstOcclusionPattern, index);
-            bunch.add(lane, surface.place, aroundNormal(surface.normal, at),
+            bunch.add(lane, surface.place, aroundNormal(surface.normal, at), surface.clearance,
                       light.occlusionDistance, surface.time, surface.particle);
         }
         bunch.trace(*scene.geometry);
@@ -283,7 +280,7 @@ void TileRenderer::renderSample(std::uint32_t sample) {
         // Never exactly at the ends of the shutter: see `intersect`.
         auto const time = static_cast<float>(
             std::clamp(samples[i].stratum(timePattern, sample, sampleCount), 1e-6, 1.0 - 1e-6));
-        bunch.add(static_cast<unsigned char>(i), ray.origin, ray.dir, 1e30, time, noParticle);
+        bunch.add(static_cast<unsigned char>(i), ray.origin, ray.dir, 0.0, 1e30, time, noParticle);
         towardsEye[i] = ray.dir * -1.0F;
     }
     bunch.trace(*scene.geometry);
@@ -304,6 +301,9 @@ void TileRenderer::renderSample(std::uint32_t sample) {
             unit({bunch.hits.hitNormalX[i], bunch.hits.hitNormalY[i], bunch.hits.hitNormalZ[i]});
         surface.particle = bunch.hits.hitLocalIndex[i];
         surface.time = bunch.rays.time[i];
+        surface.clearance =
+            1e-3 *
+            static_cast<double>(scene.first->radii[static_cast<std::size_t>(surface.particle)]);
         surface.openSky = light.occlusionRays == 0 ? 1.0F : 0.0F;
         depths[i] = t;
         hitLanes.push_back(static_cast<unsigned char>(i));
