@@ -117,8 +117,13 @@ void ProgressLine::show(double seconds) {
     double const fraction = fractionDone.load(std::memory_order_relaxed);
     std::uint64_t const count = countDone.load(std::memory_order_relaxed);
     int const tenths = static_cast<int>(fraction * 10.0);
-    if (mode == Mode::plain && tenths <= tenthsShown)
-        return;
+    if (mode == Mode::plain) {
+        // Without a fraction, a sign of life now and then.
+        constexpr double quietTime = 10.0; // seconds
+        if (fraction >= 0.0 ? tenths <= tenthsShown : seconds < nextSign)
+            return;
+        nextSign = seconds + quietTime;
+    }
     tenthsShown = tenths;
     hasShown = true;
 

@@ -76,6 +76,7 @@ class ProgressLine {
     std::condition_variable ended;
     bool hasEnded = false; // under `mutex`
     bool hasShown = false; // ticker only, then destructor
+    double nextSign = 0.0; // ticker only
     int tenthsShown = 0;   // ticker only
     std::thread ticker;
 };
