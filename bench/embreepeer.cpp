@@ -1,124 +1,215 @@
-// Embree 3 on the same scenes and rays.
+// Embree 3 or 4 on the same scenes and rays.
 
 #include "bench/kernels.h"
 
-#include <embree3/rtcore.h>
+#include KELPA_EMBREE_HEADER
 
 #include <algorithm>
+#include <array>
 #include <atomic>
-#include <cstring>
-#include <limits>
+#include <chrono>
 #include <stdexcept>
-#include <string>
 
 namespace kelpabench {
 
 namespace {
 
-constexpr Found nothing = std::numeric_limits<Found>::infinity();
+// What the two interfaces call differently.
+#if RTC_VERSION_MAJOR >= 4
+struct Query {
+    Query(RTCScene scene, bool coherent) : world(scene) {
+        rtcInitIntersectArguments(&arguments);
+        arguments.flags = coherent ? RTC_RAY_QUERY_FLAG_COHERENT : RTC_RAY_QUERY_FLAG_INCOHERENT;
+    }
+    void operator()(RTCRayHit& ray) { rtcIntersect1(world, &ray, &arguments); }
+    void operator()(int const* valid, RTCRayHit8& rays) {
+        rtcIntersect8(valid, world, &rays, &arguments);
+    }
+    void operator()(int const* valid, RTCRayHit16& rays) {
+        rtcIntersect16(valid, world, &rays, &arguments);
+    }
+    RTCScene world;
+    RTCIntersectArguments arguments;
+};
+#else
+struct Query {
+    Query(RTCScene scene, bool coherent) : world(scene) {
+        rtcInitIntersectContext(&context);
+        context.flags =
+            coherent ? RTC_INTERSECT_CONTEXT_FLAG_COHERENT : RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT;
+    }
+    void operator()(RTCRayHit& ray) { rtcIntersect1(world, &context, &ray); }
+    void operator()(int const* valid, RTCRayHit8& rays) {
+        rtcIntersect8(valid, world, &context, &rays);
+    }
+    void operator()(int const* valid, RTCRayHit16& rays) {
+        rtcIntersect16(valid, world, &context, &rays);
+    }
+    void operator()(std::span<RTCRayHit> rays) {
+        rtcIntersect1M(world, &context, rays.data(), static_cast<unsigned int>(rays.size()),
+                       sizeof(RTCRayHit));
+    }
+    RTCScene world;
+    RTCIntersectContext context;
+};
+#endif
 
-/// Where a bounced ray may start to hit: behind its own sphere's surface, as far as single
-/// precision can tell.
-float startOf(Ray const& ray) {
-    return ray.skip >= 0 ? 1e-6F : 0.0F;
+constexpr float farAway = 1e30F;
+
+void fill(RTCRayHit& query, Ray const& ray) {
+    query.ray = {ray.origin.x, ray.origin.y, ray.origin.z, 0.0F,        ray.dir.x, ray.dir.y,
+                 ray.dir.z,    ray.time,     farAway,      0xFFFFFFFFU, 0,         0};
+    query.hit.primID = RTC_INVALID_GEOMETRY_ID;
+    query.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+    query.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
 }
+
+Found read(RTCRayHit const& query) {
+    if (query.hit.geomID == RTC_INVALID_GEOMETRY_ID)
+        return {};
+    return {static_cast<double>(query.ray.tfar),
+            {query.hit.Ng_x, query.hit.Ng_y, query.hit.Ng_z},
+            static_cast<std::int32_t>(query.hit.primID)};
+}
+
+void traceSingle(Query& query, std::span<Ray const> rays, std::span<Found> found) {
+    for (std::size_t i = 0; i < rays.size(); ++i) {
+        RTCRayHit ray;
+        fill(ray, rays[i]);
+        query(ray);
+        found[i] = read(ray);
+    }
+}
+
+template <class Packet, std::size_t width>
+void tracePackets(Query& query, std::span<Ray const> rays, std::span<Found> found) {
+    for (std::size_t begin = 0; begin < rays.size(); begin += width) {
+        alignas(64) int valid[width];
+        Packet packet;
+        for (std::size_t k = 0; k < width; ++k) {
+            valid[k] = begin + k < rays.size() ? -1 : 0;
+            Ray const& ray = rays[std::min(begin + k, rays.size() - 1)];
+            packet.ray.org_x[k] = ray.origin.x;
+            packet.ray.org_y[k] = ray.origin.y;
+            packet.ray.org_z[k] = ray.origin.z;
+            packet.ray.tnear[k] = 0.0F;
+            packet.ray.dir_x[k] = ray.dir.x;
+            packet.ray.dir_y[k] = ray.dir.y;
+            packet.ray.dir_z[k] = ray.dir.z;
+            packet.ray.time[k] = ray.time;
+            packet.ray.tfar[k] = farAway;
+            packet.ray.mask[k] = 0xFFFFFFFFU;
+            packet.ray.id[k] = 0;
+            packet.ray.flags[k] = 0;
+            packet.hit.primID[k] = RTC_INVALID_GEOMETRY_ID;
+            packet.hit.geomID[k] = RTC_INVALID_GEOMETRY_ID;
+            packet.hit.instID[0][k] = RTC_INVALID_GEOMETRY_ID;
+        }
+        query(valid, packet);
+        for (std::size_t k = 0; k < width && begin + k < rays.size(); ++k) {
+            found[begin + k] = {};
+            if (packet.hit.geomID[k] != RTC_INVALID_GEOMETRY_ID)
+                found[begin + k] = {static_cast<double>(packet.ray.tfar[k]),
+                                    {packet.hit.Ng_x[k], packet.hit.Ng_y[k], packet.hit.Ng_z[k]},
+                                    static_cast<std::int32_t>(packet.hit.primID[k])};
+        }
+    }
+}
+
+#if RTC_VERSION_MAJOR < 4
+void traceStream(Query& query, std::span<Ray const> rays, std::span<Found> found) {
+    RTCRayHit queries[listLength];
+    for (std::size_t begin = 0; begin < rays.size(); begin += listLength) {
+        std::size_t const count = std::min(listLength, rays.size() - begin);
+        for (std::size_t k = 0; k < count; ++k)
+            fill(queries[k], rays[begin + k]);
+        query(std::span(queries, count));
+        for (std::size_t k = 0; k < count; ++k)
+            found[begin + k] = read(queries[k]);
+    }
+}
+#endif
+
+/// Which entry point serves a list best depends on the processor and on the rays.
+struct ListMethod {
+    char const* name;
+    void (*trace)(Query&, std::span<Ray const>, std::span<Found>);
+    bool coherent;
+};
+constexpr ListMethod listMethods[] = {
+    {"single", traceSingle, false},
+    {"packets of 8", tracePackets<RTCRayHit8, 8>, false},
+    {"coherent packets of 8", tracePackets<RTCRayHit8, 8>, true},
+    {"packets of 16", tracePackets<RTCRayHit16, 16>, false},
+    {"coherent packets of 16", tracePackets<RTCRayHit16, 16>, true},
+#if RTC_VERSION_MAJOR < 4
+    {"stream", traceStream, false},
+    {"coherent stream", traceStream, true},
+#endif
+};
+
+/// A sphere as the peer reads it.
+struct alignas(16) SphereVertex {
+    float x, y, z, radius;
+};
 
 class Embree final : public Kernel {
   public:
-    Embree() {
-        // The fastest form for lists is not known beforehand, so each is tried: packets and
-        // streams.
-        useDevice(1);
+    explicit Embree(Scene const& scene) {
+        copyVertices(scene.positions, scene.radii, vertices[0]);
+        copyVertices(scene.laterPositions, scene.radii, vertices[1]);
     }
     ~Embree() override { release(); }
 
-    void build(Scene const& scene, int threads) override {
+    double build(int threads) override {
         release();
-        useDevice(threads);
+        device = rtcNewDevice(("threads=" + std::to_string(threads)).c_str());
+        if (device == nullptr)
+            throw std::runtime_error("the peer refuses to start");
+        rtcSetDeviceMemoryMonitorFunction(device, countMemory, &bytes);
+        auto const begin = std::chrono::steady_clock::now();
         world = rtcNewScene(device);
         RTCGeometry const geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_SPHERE_POINT);
-        unsigned int const steps = scene.moved.empty() ? 1 : 2;
+        unsigned int const steps = vertices[1].empty() ? 1 : 2;
         rtcSetGeometryTimeStepCount(geometry, steps);
-        for (unsigned int step = 0; step < steps; ++step) {
-            auto* const spheres = static_cast<float*>(
-                rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, step, RTC_FORMAT_FLOAT4,
-                                        4 * sizeof(float), scene.positions.size()));
-            auto const& positions = step == 0 ? scene.positions : scene.moved;
-            for (std::size_t i = 0; i < positions.size(); ++i) {
-                std::memcpy(spheres + 4 * i, &positions[i], 3 * sizeof(float));
-                spheres[4 * i + 3] = scene.radii[i];
-            }
-        }
+        for (unsigned int step = 0; step < steps; ++step)
+            rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, step, RTC_FORMAT_FLOAT4,
+                                       vertices[step].data(), 0, sizeof(SphereVertex),
+                                       vertices[step].size());
         rtcCommitGeometry(geometry);
         rtcAttachGeometry(world, geometry);
         rtcReleaseGeometry(geometry);
         rtcCommitScene(world);
+        std::chrono::duration<double> const passed = std::chrono::steady_clock::now() - begin;
+        if (rtcGetDeviceError(device) != RTC_ERROR_NONE)
+            throw std::runtime_error("the peer fails to build");
+        return passed.count();
     }
 
-    void traceSingle(std::span<Ray const> rays, std::span<Found> found) override {
-        RTCIntersectContext context;
-        rtcInitIntersectContext(&context);
-        for (std::size_t i = 0; i < rays.size(); ++i) {
-            RTCRayHit query;
-            fill(query, rays[i]);
-            rtcIntersect1(world, &context, &query);
-            found[i] = query.hit.geomID == RTC_INVALID_GEOMETRY_ID ? nothing : query.ray.tfar;
-        }
+    std::span<char const* const> methods(Form form) const override {
+        return std::span(methodNames).first(form == Form::single ? 1 : std::size(listMethods));
     }
 
-    void traceLists(std::span<Ray const> rays, std::span<Found> found) override {
-        RTCIntersectContext context;
-        rtcInitIntersectContext(&context);
-        context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
-        constexpr std::size_t lanes = 64;
-        RTCRayHit queries[lanes];
-        for (std::size_t begin = 0; begin < rays.size(); begin += lanes) {
-            std::size_t const count = std::min(lanes, rays.size() - begin);
-            for (std::size_t k = 0; k < count; ++k)
-                fill(queries[k], rays[begin + k]);
-            rtcIntersect1M(world, &context, queries, static_cast<unsigned int>(count),
-                           sizeof(RTCRayHit));
-            for (std::size_t k = 0; k < count; ++k)
-                found[begin + k] = queries[k].hit.geomID == RTC_INVALID_GEOMETRY_ID
-                                       ? nothing
-                                       : queries[k].ray.tfar;
-        }
+    void trace(Form, std::size_t method, std::span<Ray const> rays,
+               std::span<Found> found) const override {
+        Query query(world, listMethods[method].coherent);
+        listMethods[method].trace(query, rays, found);
     }
 
-    std::uint64_t memory() override {
-        return static_cast<std::uint64_t>(std::max<ssize_t>(bytes, 0));
+    Memory memory() override {
+        return {static_cast<std::uint64_t>(std::max<std::int64_t>(bytes, 0)), 0};
     }
 
   private:
-    static void fill(RTCRayHit& query, Ray const& ray) {
-        query.ray.org_x = static_cast<float>(ray.origin[0]);
-        query.ray.org_y = static_cast<float>(ray.origin[1]);
-        query.ray.org_z = static_cast<float>(ray.origin[2]);
-        query.ray.tnear = startOf(ray);
-        query.ray.dir_x = ray.dir.x;
-        query.ray.dir_y = ray.dir.y;
-        query.ray.dir_z = ray.dir.z;
-        query.ray.time = ray.time;
-        query.ray.tfar = nothing;
-        query.ray.mask = 0xFFFFFFFFU;
-        query.ray.id = 0;
-        query.ray.flags = 0;
-        query.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-        query.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    static void copyVertices(std::vector<Kelpa::Vector> const& positions,
+                             std::vector<float> const& radii, std::vector<SphereVertex>& vertices) {
+        for (std::size_t i = 0; i < positions.size(); ++i)
+            vertices.push_back({positions[i].x, positions[i].y, positions[i].z, radii[i]});
     }
 
-    static bool countMemory(void* counter, ssize_t change, bool) {
-        *static_cast<std::atomic<ssize_t>*>(counter) += change;
+    static bool countMemory(void* counter, std::ptrdiff_t change, bool) {
+        *static_cast<std::atomic<std::int64_t>*>(counter) += change;
         return true;
-    }
-
-    void useDevice(int threads) {
-        std::string const config = "threads=" + std::to_string(threads);
-        device = rtcNewDevice(config.c_str());
-        if (device == nullptr)
-            throw std::runtime_error("the peer has no device");
-        bytes = 0;
-        rtcSetDeviceMemoryMonitorFunction(device, countMemory, &bytes);
     }
 
     void release() {
@@ -128,20 +219,29 @@ class Embree final : public Kernel {
             rtcReleaseDevice(device);
         world = nullptr;
         device = nullptr;
+        bytes = 0;
     }
 
+    static constexpr auto methodNames = [] {
+        std::array<char const*, std::size(listMethods)> names{};
+        for (std::size_t i = 0; i < names.size(); ++i)
+            names[i] = listMethods[i].name;
+        return names;
+    }();
+
+    std::vector<SphereVertex> vertices[2];
+    std::atomic<std::int64_t> bytes = 0;
     RTCDevice device = nullptr;
     RTCScene world = nullptr;
-    std::atomic<ssize_t> bytes = 0;
 };
 
 } // namespace
 
-std::unique_ptr<Kernel> makePeer() {
-    return std::make_unique<Embree>();
+std::unique_ptr<Kernel> makePeer(Scene const& scene) {
+    return std::make_unique<Embree>(scene);
 }
 
-char const* peerName() {
+std::string peerName() {
     return "Embree " RTC_VERSION_STRING;
 }
 

@@ -1,17 +1,29 @@
 #pragma once
 
+#include "bench/rays.h"
 #include "bench/scenes.h"
 
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 
 namespace kelpabench {
 
-/// What a ray found: its parameter, or infinity.
-using Found = float;
+/// How rays are handed over: one by one, or in lists of 64.
+enum class Form { single, lists };
+inline constexpr Form allForms[] = {Form::single, Form::lists};
+inline constexpr std::size_t listLength = 64;
 
-/// A ray-tracing kernel under test: ours, or a peer.
+/// Bytes held beside the host's arrays.
+struct Memory {
+    std::uint64_t tree;
+    std::uint64_t copies; ///< of the host's arrays, made for speed
+};
+
+/// A ray-tracing kernel under test, over one scene: ours, or a peer.
+///
+/// Once built, it is asked from any number of threads.
 class Kernel {
   public:
     Kernel() = default;
@@ -19,30 +31,40 @@ class Kernel {
     Kernel& operator=(Kernel const&) = delete;
     virtual ~Kernel() = default;
 
-    /// Builds over a scene, which stays alive for as long as it is traced.
-    virtual void build(Scene const& scene, int threads) = 0;
+    /// Builds on `threads` threads, in place of what was built before. Returns the seconds that
+    /// the build took, without freeing the former one and starting threads.
+    virtual double build(int threads) = 0;
 
-    /// Traces rays one by one.
-    virtual void traceSingle(std::span<Ray const> rays, std::span<Found> found) = 0;
+    /// The entry points that suit a form, by name; at least one.
+    virtual std::span<char const* const> methods(Form form) const = 0;
 
-    /// Traces rays in lists of 64, in whatever form is the kernel's best.
-    virtual void traceLists(std::span<Ray const> rays, std::span<Found> found) = 0;
+    /// Traces `rays` by `methods(form)[method]`. The time for handing a ray over and reading its
+    /// hit counts: a renderer pays it, too.
+    virtual void trace(Form form, std::size_t method, std::span<Ray const> rays,
+                       std::span<Found> found) const = 0;
 
-    /// Bytes held beside the host's arrays.
-    virtual std::uint64_t memory() = 0;
+    virtual Memory memory() = 0;
 };
 
-/// Our primitives. `packed`: with packed leaves.
-std::unique_ptr<Kernel> makeOurs(bool packed = true);
+/// Our primitive over `scene`, which stays alive for as long. `packed`: with packed leaves.
+std::unique_ptr<Kernel> makeOurs(Scene const& scene, bool packed = true);
 
-/// Rays that leave the surfaces which `cameraRays` hit, each in a direction of its upper
-/// hemisphere.
-std::vector<Ray> bouncedRays(Scene const& scene, std::span<Ray const> cameraRays);
-
-/// The peer, or null when it was not found at build time.
-std::unique_ptr<Kernel> makePeer();
+#ifdef KELPA_HAS_PEER
+/// The peer over `scene`, which stays alive for as long.
+std::unique_ptr<Kernel> makePeer(Scene const& scene);
 
 /// The peer's name and version.
-char const* peerName();
+std::string peerName();
+#else
+inline std::unique_ptr<Kernel> makePeer(Scene const&) {
+    return nullptr;
+}
+inline std::string peerName() {
+    return "no peer";
+}
+#endif
+
+/// Builds our kernel on one thread, then makes every kind of rays with it.
+std::vector<RaySet> raySets(Scene const& scene, int count);
 
 } // namespace kelpabench

@@ -3,176 +3,144 @@
 
 #include "bench/kernels.h"
 
-#include <cmath>
-#include <limits>
+#include <algorithm>
+#include <chrono>
+#include <type_traits>
 
 namespace kelpabench {
-
-using Kelpa::Vector;
 
 namespace {
 
 constexpr double farAway = 1e30;
-constexpr Found nothing = std::numeric_limits<Found>::infinity();
 
-Kelpa::ParticleData viewOf(std::vector<Vector> const& positions, std::vector<float> const& radii,
-                           double time) {
+Kelpa::ParticleData viewOf(std::vector<Kelpa::Vector> const& positions,
+                           std::vector<float> const& radii, double time) {
     auto const count = static_cast<std::int32_t>(positions.size());
     return {time, 0, positions.data(), count, radii.data(), count, nullptr, 0};
 }
 
-Kelpa::RSRay shadingRay(Ray const& ray) {
-    Kelpa::RSRay shading{};
-    std::copy(ray.origin, ray.origin + 3, shading.origin);
-    shading.dir = ray.dir;
-    shading.intervalMax = farAway;
-    shading.time = ray.time;
-    shading.skipIndex = ray.skip;
-    return shading;
+void usePacks(Kelpa::StaticSphereTree& tree, bool packed) {
+    tree.packLeaves = packed ? 1 : 0;
+}
+void usePacks(Kelpa::MovingSphereTree& tree, bool packed) {
+    tree.packSpheres = packed ? 1 : 0;
 }
 
-void turnPackingOff(Kelpa::StaticSphereTree& tree) {
-    tree.packLeaves = 0;
-}
-void turnPackingOff(Kelpa::MovingSphereTree& tree) {
-    tree.packSpheres = 0;
-}
-
-template <class Primitive> class Traced {
+template <class Primitive> class Ours final : public Kernel {
   public:
-    Traced(Scene const& scene, int threads, bool packed)
+    Ours(Scene const& scene, bool packLeaves)
         : first(viewOf(scene.positions, scene.radii, 0.0)),
-          second(viewOf(scene.moved, scene.radii, 1.0)), primitive(0, &first, &second, true) {
-        if (!packed)
-            turnPackingOff(*primitive.tree);
+          second(viewOf(scene.laterPositions, scene.radii, 1.0)), packed(packLeaves) {}
+
+    double build(int threads) override {
+        primitive.reset(); // frees before the new one takes memory
+        primitive = std::make_unique<Owned>(0, &first, &second, true);
+        usePacks(*primitive->tree, packed);
         std::unique_ptr<Kelpa::ThreadPool> pool;
         if (threads > 1)
             pool = std::make_unique<Kelpa::ThreadPool>(threads);
-        auto const& tree = *primitive.tree;
-        primitive.build(nullptr, pool.get(), tree.maxDepth, tree.minNodeSize, tree.leafSizeFactor,
-                        1);
+        constexpr bool isStatic = std::is_same_v<Primitive, Kelpa::StaticParticlePrimitive>;
+        auto const begin = std::chrono::steady_clock::now();
+        primitive->build(nullptr, pool.get(), isStatic ? 60 : 80, 0.0F, isStatic ? 2.0F : 1.0F, 0);
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     }
 
-    void traceSingle(std::span<Ray const> rays, std::span<Found> found) {
-        for (std::size_t i = 0; i < rays.size(); ++i) {
-            Kelpa::RSRay ray = shadingRay(rays[i]);
-            found[i] = primitive.intersect(ray) != 0 ? static_cast<Found>(ray.hitT) : nothing;
+    std::span<char const* const> methods(Form form) const override {
+        static constexpr char const* single[] = {"intersect"};
+        static constexpr char const* lists[] = {"bunchIntersect"};
+        return form == Form::single ? single : lists;
+    }
+
+    void trace(Form form, std::size_t, std::span<Ray const> rays,
+               std::span<Found> found) const override {
+        if (form == Form::single) {
+            for (std::size_t i = 0; i < rays.size(); ++i)
+                found[i] = closestHit(rays[i]);
+            return;
+        }
+        for (std::size_t i = 0; i < rays.size(); i += listLength) {
+            std::size_t const count = std::min(listLength, rays.size() - i);
+            findHits(rays.subspan(i, count), found.subspan(i, count));
         }
     }
 
-    void traceLists(std::span<Ray const> rays, std::span<Found> found) {
-        constexpr std::size_t lanes = 64;
-        Kelpa::RayBunchExtParams bunch;
-        Kelpa::RayBunchCommonResult result;
-        double tMins[lanes] = {};
-        double tMaxs[lanes];
-        unsigned char list[lanes];
-        for (std::size_t begin = 0; begin < rays.size(); begin += lanes) {
-            std::size_t const count = std::min(lanes, rays.size() - begin);
-            result.noHits = true;
-            for (std::size_t k = 0; k < count; ++k) {
-                Ray const& ray = rays[begin + k];
-                bunch.originX[k] = ray.origin[0];
-                bunch.originY[k] = ray.origin[1];
-                bunch.originZ[k] = ray.origin[2];
-                bunch.dirX[k] = ray.dir.x;
-                bunch.dirY[k] = ray.dir.y;
-                bunch.dirZ[k] = ray.dir.z;
-                bunch.time[k] = ray.time;
-                bunch.skipIndex[k] = ray.skip;
-                tMaxs[k] = farAway;
-                list[k] = static_cast<unsigned char>(k);
-                result.hit[k] = 0;
-                result.hitT[k] = farAway;
-            }
-            primitive.bunchIntersect(bunch, result, tMins, tMaxs, list, count);
-            for (std::size_t k = 0; k < count; ++k)
-                found[begin + k] =
-                    result.hit[k] != 0 ? static_cast<Found>(result.hitT[k]) : nothing;
-        }
+    Memory memory() override {
+        return {primitive->getMemUsage(), primitive->tree->getPackedMemUsage()};
     }
-
-    std::uint64_t memory() { return primitive.getMemUsage() + primitive.tree->getPackedMemUsage(); }
-
-    Primitive& asPrimitive() { return primitive; }
 
   private:
+    Found closestHit(Ray const& ray) const {
+        Kelpa::RSRay query{};
+        query.origin[0] = static_cast<double>(ray.origin.x);
+        query.origin[1] = static_cast<double>(ray.origin.y);
+        query.origin[2] = static_cast<double>(ray.origin.z);
+        query.dir = ray.dir;
+        query.intervalMax = farAway;
+        query.time = ray.time;
+        query.skipIndex = ray.skip;
+        if (primitive->intersect(query) == 0)
+            return {};
+        return {query.hitT, query.hitNormal, query.hitLocalIndex};
+    }
+
+    void findHits(std::span<Ray const> rays, std::span<Found> found) const {
+        Kelpa::RayBunchExtParams params{};
+        Kelpa::RayBunchCommonResult result{};
+        double tMins[listLength] = {};
+        double tMaxs[listLength] = {};
+        unsigned char lanes[listLength] = {};
+        for (std::size_t i = 0; i < rays.size(); ++i) {
+            params.originX[i] = static_cast<double>(rays[i].origin.x);
+            params.originY[i] = static_cast<double>(rays[i].origin.y);
+            params.originZ[i] = static_cast<double>(rays[i].origin.z);
+            params.dirX[i] = rays[i].dir.x;
+            params.dirY[i] = rays[i].dir.y;
+            params.dirZ[i] = rays[i].dir.z;
+            params.time[i] = rays[i].time;
+            params.skipIndex[i] = rays[i].skip;
+            tMaxs[i] = farAway;
+            lanes[i] = static_cast<unsigned char>(i);
+            result.hitT[i] = farAway;
+        }
+        result.noHits = true;
+        primitive->bunchIntersect(params, result, tMins, tMaxs, lanes, rays.size());
+        for (std::size_t i = 0; i < rays.size(); ++i) {
+            found[i] = {};
+            if (result.hit[i] != 0)
+                found[i] = {result.hitT[i],
+                            {result.hitNormalX[i], result.hitNormalY[i], result.hitNormalZ[i]},
+                            result.hitLocalIndex[i]};
+        }
+    }
+
     Kelpa::ParticleData first;
     Kelpa::ParticleData second;
-    Primitive primitive;
-};
-
-using Still = Traced<Kelpa::StaticParticlePrimitive>;
-using Moving = Traced<Kelpa::MovingParticlePrimitive>;
-
-class Ours final : public Kernel {
-  public:
-    explicit Ours(bool packedLeaves) : packed(packedLeaves) {}
-
-    void build(Scene const& scene, int threads) override {
-        still.reset();
-        moving.reset();
-        if (scene.moved.empty())
-            still = std::make_unique<Still>(scene, threads, packed);
-        else
-            moving = std::make_unique<Moving>(scene, threads, packed);
-    }
-    void traceSingle(std::span<Ray const> rays, std::span<Found> found) override {
-        still != nullptr ? still->traceSingle(rays, found) : moving->traceSingle(rays, found);
-    }
-    void traceLists(std::span<Ray const> rays, std::span<Found> found) override {
-        still != nullptr ? still->traceLists(rays, found) : moving->traceLists(rays, found);
-    }
-    std::uint64_t memory() override {
-        return still != nullptr ? still->memory() : moving->memory();
-    }
-
-  private:
     bool packed;
-    std::unique_ptr<Still> still;
-    std::unique_ptr<Moving> moving;
+    // Primitives have no virtual destructor; only a final class is safely owned by a pointer.
+    struct Owned final : Primitive {
+        using Primitive::Primitive;
+    };
+    std::unique_ptr<Owned> primitive; // null before the first build
 };
-
-template <class Primitive>
-void addBounces(Primitive& primitive, std::span<Ray const> rays, std::vector<Ray>& bounced) {
-    Random random(4);
-    for (Ray const& ray : rays) {
-        Kelpa::RSRay hit = shadingRay(ray);
-        Vector dir = random.direction();
-        if (primitive.intersect(hit) == 0)
-            continue;
-        Vector const& n = hit.hitNormal;
-        if (dir.x * n.x + dir.y * n.y + dir.z * n.z < 0.0F)
-            dir = {-dir.x, -dir.y, -dir.z};
-        Ray bounce{{}, dir, ray.time, hit.hitLocalIndex};
-        // In single precision, as both kernels see origins, and a little above the surface, so that
-        // a kernel without an index to skip does not meet the same sphere again.
-        constexpr double lift = 0.002; // of the radius, the length of the normal
-        for (int axis = 0; axis < 3; ++axis) {
-            double const surface = hit.origin[axis] + hit.hitT * static_cast<double>(hit.dir[axis]);
-            bounce.origin[axis] = static_cast<double>(
-                static_cast<float>(surface + lift * static_cast<double>(n[axis])));
-        }
-        bounced.push_back(bounce);
-    }
-}
 
 } // namespace
 
-std::unique_ptr<Kernel> makeOurs(bool packed) {
-    return std::make_unique<Ours>(packed);
+std::unique_ptr<Kernel> makeOurs(Scene const& scene, bool packed) {
+    if (scene.isMoving())
+        return std::make_unique<Ours<Kelpa::MovingParticlePrimitive>>(scene, packed);
+    return std::make_unique<Ours<Kelpa::StaticParticlePrimitive>>(scene, packed);
 }
 
-std::vector<Ray> bouncedRays(Scene const& scene, std::span<Ray const> cameraRays) {
-    std::vector<Ray> bounced;
-    if (scene.moved.empty()) {
-        Still traced(scene, 1, true);
-        addBounces(traced.asPrimitive(), cameraRays, bounced);
-    } else {
-        Moving traced(scene, 1, true);
-        addBounces(traced.asPrimitive(), cameraRays, bounced);
-    }
-    return bounced;
+std::vector<RaySet> raySets(Scene const& scene, int count) {
+    std::unique_ptr<Kernel> const ours = makeOurs(scene);
+    ours->build(1);
+    std::vector<Ray> camera = cameraRays(count);
+    std::vector<Found> hits(camera.size());
+    ours->trace(Form::single, 0, camera, hits);
+    std::vector<Ray> bounced = bouncedRays(scene, camera, hits, count);
+    return {{"camera", std::move(camera)},
+            {"bounced", std::move(bounced)},
+            {"random", randomRays(count)}};
 }
 
 } // namespace kelpabench

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "bench/kernels.h"
+
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace kelpabench {
+
+/// What to measure.
+struct Settings {
+    std::vector<int> counts;  ///< spheres
+    std::vector<int> threads; ///< of builds and rays
+    int runs = 5;
+    int rays = 65536; ///< of each kind
+    std::regex filter{""};
+    std::string json; ///< where the comparison is written to; empty: nowhere
+
+    /// The wanted scenes, by growing count; `filter` is looked for in their names.
+    std::vector<SceneRecipe> recipes() const;
+};
+
+/// Traces on `threads` threads that take pieces of the rays in turn.
+void traceOnThreads(int threads, Kernel const& kernel, Form form, std::size_t method,
+                    std::span<Ray const> rays, std::span<Found> found);
+
+/// Prints a table of ours and the peer's builds, rays and memory, and writes it to
+/// `settings.json`. Throws `std::runtime_error` when that cannot be written.
+void comparePeers(Settings const& settings);
+
+/// Prints a hash of all hit parameters of every scene, with packed leaves and without, asked singly
+/// and in lists.
+///
+/// Trees are built on one thread and asked on the first number of threads: the hash is the same
+/// from every compiler, on any number of threads, packed or not.
+void printHashes(Settings const& settings);
+
+} // namespace kelpabench
