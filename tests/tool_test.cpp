@@ -270,6 +270,12 @@ TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
         {{"good.ply", "--fov", "nan"}, 2, {"--fov", "finite"}},
         {{"good.ply", "fewer.ply", "--times", "0", "nan"}, 2, {"--times", "finite"}},
         {{"good.ply", "--up", "0,0,0"}, 2, {"--up"}},
+        {{"good.ply", "--color", "red"}, 2, {"--color", "red", "#rrggbb"}},
+        {{"good.ply", "--shade", "dim"}, 2, {"--shade", "dim", "ao, lit, flat"}},
+        {{"good.ply", "--shade", "lit", "--ao-samples", "3"}, 2, {"--ao-samples", "--shade ao"}},
+        {{"good.ply", "--dt", "3"}, 2, {"--dt", "--motion velocity"}},
+        {{"good.ply", "--range", "0:1"}, 2, {"--range", "--color-by"}},
+        {{"good.ply", "--background", "none"}, 2, {"picture.ppm", "transparency"}},
         {{"good.ply", "--aov", "depth"}, 2, {"picture.ppm", "EXR"}},
         {{"render", "good.ply", "-o", "picture.png", "--aov", "id"}, 2, {"picture.png", "EXR"}},
         {{"render", "good.ply", "-o", "picture.jpg"}, 2, {"jpg", "png"}},
@@ -306,6 +312,37 @@ TEST_F(Command, SkipsSingleBadParticlesAndSaysHowMany) {
     EXPECT_TRUE(contains(answer.err, "2 of 4 particles skipped (1 not finite, 1 with radius 0"))
         << answer.err;
     EXPECT_TRUE(contains(answer.err, "wrote n.ppm 16x16, 2 spheres")) << answer.err;
+}
+
+TEST_F(Command, RendersFarOffAndCoincidentParticlesLikeOthers) {
+    Words rows;
+    Words far;
+    for (int i = 0; i < 60; ++i) {
+        rows.push_back(sphere(i, 0));
+        far.push_back(fmt::format("{} {} 0 0.4", 1048576 + i % 8, -2097152 + i / 8));
+    }
+    write("a.ply", plyOf("x y z radius", rows));
+    write("far.ply", plyOf("x y z radius", far));
+    for (std::size_t i = 0; i < 60; ++i)
+        rows.push_back(rows[i]);
+    write("twice.ply", plyOf("x y z radius", rows));
+    Picture const picture = render({"a.ply", "--view", "iso"});
+    EXPECT_EQ(render({"far.ply", "--view", "iso"}).bytes, picture.bytes);
+    EXPECT_EQ(render({"twice.ply", "--view", "iso"}).bytes, picture.bytes);
+}
+
+TEST_F(Command, NotesWhatTheUserShouldKnow) {
+    Words rows;
+    for (int i = 0; i < 1000; ++i)
+        rows.push_back(sphere(i % 64, i / 64));
+    rows.push_back("0 0 9000 1");
+    write("outlier.ply", plyOf("x y z radius", rows));
+    write("frames.xyz", "1\nfirst\nFe 0 0 0\n3\nsecond\nFe 0 0 0\n");
+    std::string const far = run({"render", "outlier.ply", "-o", "a.ppm", "--size", "9x9"}).err;
+    EXPECT_TRUE(contains(far, "a few far particles take up the picture; --look-at 3.5,")) << far;
+    Answer const frames = run({"info", "frames.xyz"});
+    EXPECT_EQ(frames.code, 0);
+    EXPECT_TRUE(contains(frames.err, "kelpa: note: frames.xyz")) << frames.err;
 }
 
 TEST_F(Command, LeavesNoPartOfAFileOnAFullDisk) {
