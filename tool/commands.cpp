@@ -104,7 +104,7 @@ Scene readyScene(Options const& options, ParticleSet particles) {
         second = readParticles(options.motion.motion, options, false);
     // What there is to note must not run into the line of the display.
     std::vector<std::string> notes;
-    Scene scene = withProgress("arrange", options.run, [&](PhaseProgress const& progress) {
+    Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
         return makeScene(
             options, std::move(particles), hasSecond ? &second : nullptr,
             [&notes](std::string const& text) { notes.push_back(text); }, progress);
