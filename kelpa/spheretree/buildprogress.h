@@ -2,6 +2,7 @@
 // Internal: how builds speak to the host's progress callback.
 
 #include "kelpa/foundation/hosttypes.h"
+#include "kelpa/spheretree/sharedcounters.h"
 
 #include <cstdint>
 #include <limits>
@@ -21,16 +22,21 @@ class SilentProgress final : public ProgressCallback {
 /// Asks the host whether to stop, and remembers a yes: a host that answers only once is obeyed too.
 class AbortQuestion {
   public:
-    explicit AbortQuestion(ProgressCallback* callback) : progress(callback) {}
+    /// `wasAborted`, a tree's, is set to 1 with a yes; several threads may share it.
+    AbortQuestion(ProgressCallback* callback, std::int32_t& wasAborted)
+        : progress(callback), flag(wasAborted) {}
 
     bool operator()() {
-        if (progress != nullptr && progress->getAbort() != 0)
+        if (progress != nullptr && progress->getAbort() != 0 && !stopped) {
             stopped = true;
+            writeShared(flag, 1);
+        }
         return stopped;
     }
 
   private:
     ProgressCallback* progress;
+    std::int32_t& flag;
     bool stopped = false;
 };
 

@@ -17,6 +17,22 @@ inline Quad loadQuad(void const* floats) {
     return q;
 }
 
+inline void storeQuad(float* floats, Quad q) {
+    std::memcpy(floats, &q, sizeof q);
+}
+
+/// Makes rows of columns.
+inline void transpose(Quad (&rows)[4]) {
+    Quad const low01 = __builtin_shufflevector(rows[0], rows[1], 0, 4, 1, 5);
+    Quad const low23 = __builtin_shufflevector(rows[2], rows[3], 0, 4, 1, 5);
+    Quad const high01 = __builtin_shufflevector(rows[0], rows[1], 2, 6, 3, 7);
+    Quad const high23 = __builtin_shufflevector(rows[2], rows[3], 2, 6, 3, 7);
+    rows[0] = __builtin_shufflevector(low01, low23, 0, 1, 4, 5);
+    rows[1] = __builtin_shufflevector(low01, low23, 2, 3, 6, 7);
+    rows[2] = __builtin_shufflevector(high01, high23, 0, 1, 4, 5);
+    rows[3] = __builtin_shufflevector(high01, high23, 2, 3, 6, 7);
+}
+
 inline Quad splat(float value) {
     return Quad{value, value, value, value};
 }

@@ -311,6 +311,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     allocateSpheres(tree);
     gatherSpheres(tree);
     tree.statMaxDepth = 0;
+    tree.wasAborted = 0;
     resetBounds(tree);
     if (tree.numSpheres == 0)
         return;
@@ -332,7 +333,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     widenByMargin(tree.rootBox.box);
     runJobs(tree, report);
     rethrowFirstFailure(tree);
-    if (tree.packSpheres != 0 && canPack(tree))
+    if (tree.packSpheres != 0 && tree.wasAborted == 0 && canPack(tree))
         packSpheres(tree);
     printStatistics(tree, report);
     releaseThreads(tree);

@@ -257,7 +257,7 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
                                                            int depth, ProgressCallback* progress,
                                                            MBSphereRecords* scratch, int level) {
     using Subtree = PostponedSubtree<Node, TimeBox>;
-    AbortQuestion isAborted(progress);
+    AbortQuestion isAborted(progress, wasAborted);
     std::vector<Subtree> postponed;
     Spans spans;
     Subtree current{node, box, count, depth, level};

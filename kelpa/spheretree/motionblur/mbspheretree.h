@@ -133,6 +133,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     float shutterMin = 0.0F; ///< earliest `time0` and latest `time1` of all systems
     float shutterMax = 0.0F;
     std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
+    std::int32_t wasAborted = 0;   ///< 1: the last build was asked to stop and holds but a part
     /// Copy each sphere's two states into one place, which queries then test many at a time; the
     /// hits are the same without. Read by `build`; a tree that cannot be packed (it holds points or
     /// systems of different times, or memory is short) is asked through the systems' arrays.

@@ -37,18 +37,6 @@ bool isCovered(MovingParticleDataWithPrimitive const& system, float time) {
     return !((time - system.time1) * (time - system.time0) > 0.0F);
 }
 
-/// Puts a ray into the frame of a node: the node stands still there, and the origin is where it
-/// would have been at time 0.
-void moveToFrame(IRay& ray, double const (&worldOrigin)[3], Vector const& velocity, float time) {
-    for (int axis = 0; axis < 3; ++axis)
-        ray.origin[axis] =
-            worldOrigin[axis] - static_cast<double>(velocity[axis]) * static_cast<double>(time);
-}
-
-void moveToWorld(IRay& ray, double const (&worldOrigin)[3]) {
-    std::copy(worldOrigin, worldOrigin + 3, ray.origin);
-}
-
 /// Offers a leaf's particles to the ray, first to last; true when one of them was hit.
 ///
 /// Each hit lowers the ray's end, so later ones can only be nearer; of equally near ones the first
@@ -102,18 +90,21 @@ struct PlacedSpheres {
 /// Places `count` (1 to 16) of a leaf's spheres; the unused places become zero.
 void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t count, float f,
                   PlacedSpheres& placed) {
-    for (std::int32_t k = 0; k < count; ++k) {
-        // x, y, z and radius in both snapshots; each takes the same steps as `placeAt`'s.
-        float const* const states = packed + 8 * static_cast<std::size_t>(entries[k].sphereIndex);
-        Quad const atFirst = loadQuad(states);
-        Quad const now = atFirst + (loadQuad(states + 4) - atFirst) * f;
-        placed.x[k] = now[0];
-        placed.y[k] = now[1];
-        placed.z[k] = now[2];
-        placed.radii[k] = now[3];
+    for (std::int32_t first = 0; first < packWidth; first += 4) {
+        Quad now[4] = {};
+        for (std::int32_t k = first; k < std::min(first + 4, count); ++k) {
+            // x, y, z and radius in both snapshots; each takes the same steps as `placeAt`'s.
+            float const* const states =
+                packed + 8 * static_cast<std::size_t>(entries[k].sphereIndex);
+            Quad const atFirst = loadQuad(states);
+            now[k - first] = atFirst + (loadQuad(states + 4) - atFirst) * f;
+        }
+        transpose(now);
+        storeQuad(placed.x + first, now[0]);
+        storeQuad(placed.y + first, now[1]);
+        storeQuad(placed.z + first, now[2]);
+        storeQuad(placed.radii + first, now[3]);
     }
-    for (std::int32_t k = count; k < packWidth; ++k)
-        placed.x[k] = placed.y[k] = placed.z[k] = placed.radii[k] = 0.0F;
 }
 
 /// `intersectLeaf` for packed spheres: the filter rules out only what `hitSphere` misses, and the
@@ -156,10 +147,16 @@ bool intersectPackedLeaf(Tree const& tree, MBSphereNode const& leaf, SphereFilte
 
 /// Visits the leaves that the ray passes at its time, front to back, until none can hold a nearer
 /// hit.
+///
+/// A node stands still in its own frame. There the ray's origin is where the world's would have
+/// been at time 0; only its coordinate along the split axis is needed.
 template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereRay& ray) {
-    double const worldOrigin[3] = {ray.origin[0], ray.origin[1], ray.origin[2]};
+    AxisRays const axes(ray);
+    double const time = static_cast<double>(ray.rayTime);
     PostponedChildren<MBSphereNode, Capacity> postponed;
     MBSphereNode const* node = tree.root;
+    double tMin = ray.tMin;
+    double tMax = ray.tMax;
     // Packed systems share their times.
     auto const& firstSystem = tree.particleSystems.elements[0];
     bool const isPacked = tree.packedSpheres != nullptr && isCovered(firstSystem, ray.rayTime);
@@ -175,20 +172,23 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereR
                 node = children + (ray.rayTime > node->splitPos ? 1 : 0);
                 continue;
             }
-            moveToFrame(ray, worldOrigin, node->velocity, ray.rayTime);
-            int const nearChild = ray.dirSign[axis];
-            double const tSplit = planeParameter(ray, axis, node->splitPos);
-            if ((tSplit - ray.tMin) * (tSplit - ray.tMax) > 0.0) {
-                // The plane lies before or behind the interval: one side holds all of it.
-                node = children + (nearChild ^ (tSplit < ray.tMin ? 1 : 0));
-            } else {
-                // Also where the product is not a number: then both sides are visited.
-                postponed.push(children + (1 - nearChild), tSplit, ray.tMax);
-                ray.tMax = tSplit;
+            int const nearChild = axes.nearChild(axis);
+            double const shift = static_cast<double>(node->velocity[axis]) * time;
+            double const tSplit = axes.planeParameter(axis, node->splitPos, shift);
+            if (!((tSplit - tMin) * (tSplit - tMax) > 0.0)) {
+                // The plane crosses the interval, or the product is not a number: both are visited.
+                postponed.push(children + (1 - nearChild), tSplit, tMax);
+                tMax = tSplit;
                 node = children + nearChild;
+            } else if (tSplit < tMin) {
+                node = children + (1 - nearChild); // all of it lies behind the plane ...
+                keepAsBranch();
+            } else {
+                node = children + nearChild; // ... or before it
             }
         }
-        moveToWorld(ray, worldOrigin);
+        ray.tMin = tMin;
+        ray.tMax = tMax;
         if (isPacked ? intersectPackedLeaf(tree, *node, filter, f, rayFilter, ray)
                      : intersectLeaf(tree, *node, ray))
             found = true;
@@ -196,11 +196,11 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereR
             return found;
         // What waits deeper in the stack starts even later.
         auto const& next = postponed.pop();
-        ray.tMin = next.tMin;
-        ray.tMax = std::min(ray.hitRecord->hitT, next.tMax);
         if (next.tMin > ray.hitRecord->hitT)
             return found;
         node = next.node;
+        tMin = next.tMin;
+        tMax = std::min(ray.hitRecord->hitT, next.tMax);
     }
 }
 

@@ -153,7 +153,7 @@ void buildThreaded(Tree& tree, ProgressCallback* progress, ProgressCallback& rep
                 static_cast<double>(static_cast<float>(bytes) * 0x1p-20F));
     SDSphereRecords& records = claimIdleThread(tree)->data;
     report.info(0, progressLevel, "Initializing sphere build data.\n");
-    AbortQuestion isAborted(progress);
+    AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, records, isAborted);
     widenByMargin(tree.bbox);
     runJobs(tree, report);
@@ -164,7 +164,7 @@ template <class Tree>
 void buildHere(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
     SDSphereRecords records;
     report.info(0, progressLevel, "Initializing sphere build data.\n");
-    AbortQuestion isAborted(progress);
+    AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, records, isAborted);
     widenByMargin(tree.bbox);
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
@@ -279,6 +279,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
     tree.statNumLeaves = 0;
     tree.statDepthSum = 0;
     tree.innerLevels = 0;
+    tree.wasAborted = 0;
     tree.root = tree.nodes.newElement();
     *tree.root = {};
     tree.bbox = Box::empty();
@@ -291,7 +292,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
         buildThreaded(tree, progress, report);
     else
         buildHere(tree, progress, report);
-    if (tree.packLeaves != 0 && holdsOnlySpheres(tree))
+    if (tree.packLeaves != 0 && tree.wasAborted == 0 && holdsOnlySpheres(tree))
         packLeaves(tree);
     printStatistics(tree, report);
     releaseThreads(tree);

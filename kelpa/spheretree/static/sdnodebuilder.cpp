@@ -278,7 +278,7 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const
                                                            int depth, ProgressCallback* progress,
                                                            SDSphereRecords* scratch, int level) {
     using Subtree = PostponedSubtree<Node, Box>;
-    AbortQuestion isAborted(progress);
+    AbortQuestion isAborted(progress, wasAborted);
     std::vector<Subtree> postponed;
     Subtree current{node, box, count, depth, level};
     for (;;) {

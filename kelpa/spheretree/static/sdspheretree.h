@@ -122,6 +122,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
     /// Inner nodes on the longest path from the root: what a traversal may have to postpone.
     std::int32_t innerLevels = 0;
+    std::int32_t wasAborted = 0; ///< 1: the last build was asked to stop and holds but a part
     /// Copy each leaf's spheres into packs, which queries then test many at a time; the hits are
     /// the same without. Read by `build`; a tree that cannot be packed (it holds points, or memory
     /// is short) is asked through its entries.

@@ -1,0 +1,34 @@
+#pragma once
+// Internal: counters of a tree that several threads read and raise.
+
+#include <atomic>
+#include <cstdint>
+
+namespace Kelpa {
+
+// The tree's counters are plain integers that hosts may read. While threads share them they are
+// reached through atomic references only. Relaxed order suffices: the lock, or the end of the
+// build, orders everything that hangs on them.
+
+inline std::int32_t readShared(std::int32_t const& shared) {
+    // An atomic reference to a constant comes with C++26; loading changes nothing.
+    return std::atomic_ref(const_cast<std::int32_t&>(shared)).load(std::memory_order_relaxed);
+}
+
+inline void writeShared(std::int32_t& shared, std::int32_t value) {
+    std::atomic_ref(shared).store(value, std::memory_order_relaxed);
+}
+
+inline void addShared(std::int32_t& shared, std::int32_t amount) {
+    std::atomic_ref(shared).fetch_add(amount, std::memory_order_relaxed);
+}
+
+inline void raiseShared(std::int32_t& shared, std::int32_t atLeast) {
+    std::atomic_ref const counter(shared);
+    std::int32_t seen = counter.load(std::memory_order_relaxed);
+    while (seen < atLeast &&
+           !counter.compare_exchange_weak(seen, atLeast, std::memory_order_relaxed))
+        continue;
+}
+
+} // namespace Kelpa
