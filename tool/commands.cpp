@@ -16,12 +16,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <limits>
-#include <locale>
+#include <mutex>
 #include <system_error>
+#include <thread>
 
 namespace kelpatool {
 
@@ -189,6 +192,43 @@ int threadCount(RunOptions const& run) {
     return run.threads > 0 ? run.threads : Kelpa::getNumProcessors();
 }
 
+/// Ends the process when Ctrl-C was pressed and what runs in its scope has not come back for a
+/// moment.
+///
+/// Builds ask for an abort as they split, but gathering and packing millions of particles does not.
+/// Only for phases that leave nothing behind.
+class InterruptWatch {
+  public:
+    InterruptWatch() {
+        try {
+            watcher = std::jthread([this](std::stop_token const& stop) { watch(stop); });
+        } catch (std::system_error const&) {
+            // Without a thread for it the phase ends when it does.
+        }
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds look{20};
+    static constexpr std::chrono::milliseconds patience{80};
+
+    void watch(std::stop_token const& stop) {
+        std::unique_lock hold(mutex);
+        auto const isOver = [&stop] { return stop.stop_requested(); };
+        while (!Kelpa::InterruptScope::interrupted())
+            if (ended.wait_for(hold, stop, look, isOver))
+                return;
+        if (ended.wait_for(hold, stop, patience, isOver))
+            return;
+        std::fputs("\nkelpa: interrupted\n", stderr);
+        std::_Exit(interruptedExit);
+    }
+
+    static constexpr int interruptedExit = 130;
+    std::mutex mutex;
+    std::condition_variable_any ended;
+    std::jthread watcher; // last, so that it ends before what it uses
+};
+
 void buildScene(Scene& scene, Options const& options, BuildReport& report) {
     Kelpa::ProgressLine line("build", displayMode(options.run));
     line.update(-1.0, static_cast<std::uint64_t>(scene.first->positions.size()));
@@ -196,7 +236,10 @@ void buildScene(Scene& scene, Options const& options, BuildReport& report) {
     std::unique_ptr<Kelpa::ThreadPool> pool;
     if (isThreaded)
         pool = std::make_unique<Kelpa::ThreadPool>(threadCount(options.run));
-    scene.geometry->build(report, pool.get(), options.tree);
+    {
+        InterruptWatch const watch;
+        scene.geometry->build(report, pool.get(), options.tree);
+    }
     throwIfInterrupted();
 }
 
