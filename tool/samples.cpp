@@ -372,8 +372,8 @@ Particle drop(std::uint64_t seed, Random& random, double size) {
     return particle;
 }
 
-/// The splash is filmed in slow motion, 125 frames a second, and its velocities are per frame: so that
-/// the shutter of a film camera, half a frame, blurs the drops and leaves the water.
+/// The splash is filmed in slow motion, 125 frames a second, and its velocities are per frame: so
+/// that the shutter of a film camera, half a frame, blurs the drops and leaves the water.
 Particle perFrame(Particle particle) {
     constexpr double frame = 0.008;
     particle.velocity = frame * particle.velocity;

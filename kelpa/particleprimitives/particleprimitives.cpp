@@ -40,8 +40,8 @@ void registerAndBuild(Tree& tree, ParticleData* particles0, ParticleData* partic
     }
 }
 
-// The volatile float keeps g++ 12 from dropping the rounding: where it pairs two such conversions into
-// one vector it takes the way there and back for nothing.
+// The volatile float keeps g++ 12 from dropping the rounding: where it pairs two such conversions
+// into one vector it takes the way there and back for nothing.
 double roundedToSingle(double value) {
     float const volatile rounded = static_cast<float>(value);
     return static_cast<double>(rounded);
