@@ -27,6 +27,24 @@ inline void registerSystem(StaticSphereTree& tree, Cloud& cloud, std::size_t s,
                                        system.positions.data(), system.radii.data()};
 }
 
+inline void registerSystem(MovingSphereTree& tree, Cloud& cloud, std::size_t s,
+                           GenericPrimitive* primitive, std::int32_t indexOffset) {
+    auto& table = tree.particleSystems;
+    table.setCount(table.count + 1, 0);
+    ParticleData& first = cloud.systems[s].data;
+    ParticleData& second = cloud.later[s].data;
+    table.elements[table.count - 1] = {&first,
+                                       &second,
+                                       primitive,
+                                       indexOffset,
+                                       first.positions,
+                                       second.positions,
+                                       first.radii,
+                                       second.radii,
+                                       static_cast<float>(first.sampleTime),
+                                       static_cast<float>(second.sampleTime)};
+}
+
 /// What hits on a system are reported to be on.
 class Shape final : public GenericPrimitive {};
 
@@ -150,12 +168,15 @@ bool isTrueHit(Scene<Primitive> const& scene, Query const& query, int code, RSRa
     return alone.code == code && alone.t == ray.hitT && isSame(ray.hitNormal, normal);
 }
 
-/// Asks `perAim` seeded rays of every kind and compares the answers with the judge's.
-template <class Primitive> Tally askRays(Scene<Primitive>& scene, std::uint64_t seed, int perAim) {
+/// Asks `perAim` seeded rays of every kind and compares the answers with the judge's. Moving scenes
+/// are asked at `time`, and their cloud must be as it is then.
+template <class Primitive>
+Tally askRays(Scene<Primitive>& scene, std::uint64_t seed, int perAim, float time = 0.0F) {
     Tally tally;
     RaySource rays(scene.cloud, seed);
     for (int i = 0; i < perAim * numAims; ++i) {
-        Query const query = rays.make(static_cast<Aim>(i % numAims));
+        Query query = rays.make(static_cast<Aim>(i % numAims));
+        query.time = time;
         RSRay ray = scene.makeRay(query);
         int const code = scene.owner.intersect(ray);
         Answer const expected = bruteForce(scene.cloud, query);
