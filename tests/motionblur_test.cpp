@@ -1,6 +1,5 @@
 #include "kelpa/particleprimitives/particleprimitives.h"
 #include "kelpa/spheretree/motionblur/splitjitter.h"
-#include "kelpa/spheretree/spherefilter.h"
 #include "kelpa/spheretree/splitchoice.h"
 
 #include "allocationfailure.h"
@@ -192,39 +191,6 @@ TEST(MovingTrees, HoldSystemsOfDifferentTimesAndTypes) {
     EXPECT_LE(tally.missed, 1);
 }
 
-TEST(MovingTrees, AnswerAlikeForAnyThreadsPacksAndFilters) {
-    SharedScene scene;
-    scene.systems.push_back(makeSystem(motions()[2], 1, 6000));
-    ThreadPerJob manager;
-    auto const answers = [&] {
-        std::vector<double> found;
-        Random random(3);
-        for (int i = 0; i < 1500; ++i) {
-            RSRay ray = makeRay(random, random.between(0.001F, 0.999F));
-            found.push_back(scene.primitive.intersect(ray) != 0 ? ray.hitT : 1e30);
-        }
-        return found;
-    };
-    scene.build();
-    std::vector<double> const expected = answers();
-    for (auto const variant :
-         {FilterVariant::scalar, FilterVariant::sse2, FilterVariant::avx2, FilterVariant::avx512}) {
-        if (sphereFilter(variant) == nullptr)
-            continue;
-        chooseSphereFilter(variant); // the widest comes last, so it stays for later tests
-        EXPECT_EQ(answers(), expected);
-    }
-    auto& tree = *scene.primitive.tree;
-    EXPECT_EQ(tree.getPackedMemUsage(), 6000U * 32U);
-    tree.packSpheres = 0;
-    tree.build(nullptr, nullptr, 1);
-    EXPECT_EQ(tree.getPackedMemUsage(), 0U);
-    EXPECT_EQ(answers(), expected);
-    tree.packSpheres = 1;
-    tree.build(nullptr, &manager, 1);
-    EXPECT_EQ(answers(), expected);
-}
-
 TEST(MovingTrees, OfWhatStandsAnswerLikeStillTrees) {
     auto const system = makeSystem(motions()[0], 1, 1000);
     MovingParticlePrimitive moving(0, &system->data[0], &system->data[1], true);
@@ -407,23 +373,6 @@ TEST(MovingTrees, FollowTheWorkedExamples) {
     EXPECT_EQ(std::bit_cast<std::uint32_t>(node.splitPos), 0xFF800000U);
     node.becomeLeaf(nullptr, MBSphereNode::mostLeafSpheres);
     EXPECT_EQ(node.numLeafSpheres(), 8388607);
-}
-
-TEST(MovingBuilds, EndWhereverTheyAreAborted) {
-    SharedScene scene;
-    scene.systems.push_back(makeSystem(motions()[2], 1, 300));
-    RecordingProgress whole;
-    scene.build(nullptr, &whole);
-    int const nodes = scene.primitive.tree->nodes.getCount();
-    for (long poll = 1; poll < 3000; poll += 37) {
-        RecordingProgress progress(poll);
-        auto& tree = *scene.primitive.tree;
-        tree.build(&progress, nullptr, 1);
-        EXPECT_EQ(askRays(scene.primitive, scene.systems, 1, 20).invented, 0);
-        EXPECT_EQ(tree.wasAborted, 1);
-        tree.build(nullptr, nullptr, 1);
-        EXPECT_EQ(tree.nodes.getCount(), nodes);
-    }
 }
 
 TEST(MovingBuilds, SurviveEveryFailedAllocation) {
