@@ -1,14 +1,18 @@
 #pragma once
 // Internal: the protocol by which a build hands subtrees to other threads and learns of their end.
 
+#include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
+#include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/sharedcounters.h"
 
 #include <concepts>
 #include <cstdint>
 #include <exception>
+#include <new>
+#include <type_traits>
 
 namespace Kelpa {
 
@@ -124,6 +128,80 @@ template <ThreadedBuild Tree> void rethrowFirstFailure(Tree& tree) {
     for (std::int32_t i = 0; i < tree.numThreads; ++i)
         if (tree.threads[i].failure != nullptr)
             std::rethrow_exception(tree.threads[i].failure);
+}
+
+/// What a build thread's `proc` does: its subtree, then its end. No exception passes; the first
+/// stays with the thread.
+template <class Job> void runSubtreeJob(Job& job) {
+    if (job.tree == nullptr)
+        return;
+    try {
+        job.tree->buildNode(job.node, job.box, job.data, job.data.getCount(), job.depth,
+                            job.progress, &job.data, job.level);
+    } catch (...) {
+        if (job.failure == nullptr)
+            job.failure = std::current_exception();
+    }
+    job.data.clear();
+    finishJob(*job.tree, job);
+}
+
+template <class Tree> void releaseThreads(Tree& tree) {
+    delete[] tree.threads;
+    tree.threads = nullptr;
+}
+
+/// Makes `count` idle build threads for a build that reports to `progress`, which may be null.
+template <ThreadedBuild Tree>
+void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
+                   ProgressCallback& report) {
+    using Thread = std::remove_pointer_t<decltype(tree.threads)>;
+    tree.numThreads = count;
+    report.info(0, progressLevel, "Creating and initializing %i thread(s).\n", count);
+    tree.threads = new (std::nothrow) Thread[static_cast<std::size_t>(count)];
+    if (tree.threads == nullptr)
+        throwOutOfMemory();
+    for (std::int32_t i = 0; i < count; ++i) {
+        tree.threads[i].tree = &tree;
+        tree.threads[i].progress = progress;
+    }
+}
+
+/// Claims the first thread for the root job; its records are the caller's to fill.
+template <ThreadedBuild Tree> auto& claimRootRecords(Tree& tree, ProgressCallback& report) {
+    auto* const first = claimIdleThread(tree);
+    using Record = std::remove_pointer_t<decltype(first->data.nextElement())>;
+    std::uint64_t const bytes = sizeof(Record) * static_cast<std::uint64_t>(tree.numSpheres);
+    report.info(0, progressLevel,
+                "Allocating memory for build data of %i spheres (%i bytes, %.1f MB).\n",
+                tree.numSpheres, printableBytes(bytes),
+                static_cast<double>(static_cast<float>(bytes) * 0x1p-20F));
+    return first->data;
+}
+
+/// Runs the root job, over `region`, and all that come of it on the manager's threads; waits for
+/// their end and throws the first failure.
+template <ThreadedBuild Tree, class Region>
+void runJobs(Tree& tree, Region const& region, unsigned int manualReset, ProgressCallback& report) {
+    report.info(0, progressLevel, "Creating 'done' event.\n");
+    {
+        JobResources<Tree> const resources(tree, manualReset);
+        report.info(0, progressLevel, "Starting first thread.\n");
+        auto& first = tree.threads[0];
+        first.box = region;
+        first.node = tree.root;
+        first.depth = 1;
+        first.level = 1;
+        {
+            // Nothing, not even a host's exception, passes the end of this block before all jobs
+            // have.
+            JobsInFlight<Tree> const jobs(tree);
+            first.start();
+            report.info(0, progressLevel, "Waiting for thread completion.\n");
+        }
+        report.info(0, progressLevel, "Releasing thread resources.\n");
+    }
+    rethrowFirstFailure(tree);
 }
 
 } // namespace Kelpa

@@ -7,6 +7,7 @@
 #include <concepts>
 #include <cstdint>
 #include <type_traits>
+#include <vector>
 
 namespace Kelpa {
 
@@ -103,5 +104,30 @@ template <class Node, class Region> struct PostponedSubtree {
     std::int32_t depth;
     std::int32_t level;
 };
+
+/// Builds a subtree. `buildOneNode(current, postponed)` builds one node and returns true when it
+/// was split: `current` is then its lower child, and its upper one is postponed or with another
+/// thread.
+///
+/// The two recursions of a node are unrolled: the lower child is the next node of the loop, the
+/// upper one waits in a list on the heap. So a deep tree needs no deep call stack, which worker
+/// threads of a host may not have.
+template <class Subtree, class Records, class Aborted, class BuildOneNode>
+void buildSubtree(Subtree current, Records& data, Records& scratch, Aborted& isAborted,
+                  BuildOneNode buildOneNode) {
+    std::vector<Subtree> postponed;
+    for (;;) {
+        while (buildOneNode(current, postponed))
+            continue;
+        // Once aborted, every postponed subtree is given up, each after one more question.
+        do {
+            if (postponed.empty())
+                return;
+            current = postponed.back();
+            postponed.pop_back();
+        } while (isAborted());
+        moveBack(data, scratch, current.count);
+    }
+}
 
 } // namespace Kelpa

@@ -18,16 +18,7 @@ void MBSphereBuildThread::start() {
 }
 
 void MBSphereBuildThread::proc(void*) {
-    if (tree == nullptr)
-        return;
-    try {
-        tree->buildNode(node, box, data, data.getCount(), depth, progress, &data, level);
-    } catch (...) {
-        if (failure == nullptr)
-            failure = std::current_exception();
-    }
-    data.clear();
-    finishJob(*tree, *this);
+    runSubtreeJob(*this);
 }
 
 namespace {
@@ -167,11 +158,6 @@ template <class Tree> void findBounds(Tree& tree, int staticBounds) {
     }
 }
 
-template <class Tree> void releaseThreads(Tree& tree) {
-    delete[] tree.threads;
-    tree.threads = nullptr;
-}
-
 /// Everything that a build makes, but not what it is made from.
 template <class Tree> void releaseTree(Tree& tree) {
     releaseThreads(tree);
@@ -218,41 +204,6 @@ template <class Tree> void findShutter(Tree& tree) {
         tree.shutterMin = std::min(tree.shutterMin, tree.particleSystems.elements[s].time0);
         tree.shutterMax = std::max(tree.shutterMax, tree.particleSystems.elements[s].time1);
     }
-}
-
-template <class Tree>
-void createThreads(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
-    // Without a manager there is one job, which runs where the build was called.
-    bool const isThreaded = tree.multiThreaded != 0 && tree.threadManager != nullptr;
-    tree.numThreads = isThreaded ? std::max(getNumProcessors(), 1) : 1;
-    report.info(0, progressLevel, "Creating and initializing %i thread(s).\n", tree.numThreads);
-    tree.threads =
-        new (std::nothrow) MBSphereBuildThread[static_cast<std::size_t>(tree.numThreads)];
-    if (tree.threads == nullptr)
-        throwOutOfMemory();
-    for (std::int32_t i = 0; i < tree.numThreads; ++i) {
-        tree.threads[i].tree = &tree;
-        tree.threads[i].progress = progress;
-    }
-}
-
-/// Runs the root job and all that come of it on the manager's threads, and waits for their end.
-template <class Tree> void runJobs(Tree& tree, ProgressCallback& report) {
-    report.info(0, progressLevel, "Creating 'done' event.\n");
-    JobResources<Tree> const resources(tree, 0);
-    report.info(0, progressLevel, "Starting first thread.\n");
-    MBSphereBuildThread& first = tree.threads[0];
-    first.box = tree.rootBox;
-    first.node = tree.root;
-    first.depth = 1;
-    first.level = 1;
-    {
-        // Nothing, not even a host's exception, passes the end of this block before all jobs have.
-        JobsInFlight<Tree> const jobs(tree);
-        first.start();
-        report.info(0, progressLevel, "Waiting for thread completion.\n");
-    }
-    report.info(0, progressLevel, "Releasing thread resources.\n");
 }
 
 /// Whether one interpolation serves all spheres.
@@ -319,20 +270,16 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     tree.root = tree.nodes.newElement();
     *tree.root = {};
     tree.threadManager = manager;
-    createThreads(tree, progress, report);
+    // Without a manager there is one job, which runs where the build was called.
+    bool const isThreaded = tree.multiThreaded != 0 && manager != nullptr;
+    createThreads(tree, isThreaded ? std::max(getNumProcessors(), 1) : 1, progress, report);
     tree.numRunning = 0;
-    std::uint64_t const bytes = sizeof(MBSphereData) * static_cast<std::uint64_t>(tree.numSpheres);
-    report.info(0, progressLevel,
-                "Allocating memory for build data of %i spheres (%i bytes, %.1f MB).\n",
-                tree.numSpheres, printableBytes(bytes),
-                static_cast<double>(static_cast<float>(bytes) * 0x1p-20F));
-    MBSphereRecords& records = claimIdleThread(tree)->data;
+    MBSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     makeRecords(tree, records);
     findBounds(tree, staticBounds);
     widenByMargin(tree.rootBox.box);
-    runJobs(tree, report);
-    rethrowFirstFailure(tree);
+    runJobs(tree, tree.rootBox, 0, report);
     if (tree.packSpheres != 0 && tree.wasAborted == 0 && canPack(tree))
         packSpheres(tree);
     printStatistics(tree, report);

@@ -248,31 +248,18 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::storeSpheres(Node* node, MBSphe
     node->becomeLeaf(run.entries, run.count);
 }
 
-// The two recursions of a node are unrolled: the lower child is the next node of the loop, the
-// upper one waits in a list on the heap. So a deep tree needs no deep call stack, which worker
-// threads of a host may not have.
 template <class Sphere, int NodeBlock, int LeafBlock>
 void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox const& box,
                                                            MBSphereRecords& data, int count,
                                                            int depth, ProgressCallback* progress,
                                                            MBSphereRecords* scratch, int level) {
-    using Subtree = PostponedSubtree<Node, TimeBox>;
     AbortQuestion isAborted(progress, wasAborted);
-    std::vector<Subtree> postponed;
     Spans spans;
-    Subtree current{node, box, count, depth, level};
-    for (;;) {
-        while (buildOneNode(*this, current, data, *scratch, spans, postponed, isAborted))
-            continue;
-        // Once aborted, every postponed subtree is given up, each after one more question.
-        do {
-            if (postponed.empty())
-                return;
-            current = postponed.back();
-            postponed.pop_back();
-        } while (isAborted());
-        moveBack(data, *scratch, current.count);
-    }
+    buildSubtree(PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, *scratch,
+                 isAborted, [&](auto& current, auto& postponed) {
+                     return buildOneNode(*this, current, data, *scratch, spans, postponed,
+                                         isAborted);
+                 });
 }
 
 template void MBSphereTree<MBSphere, 20000, 20000>::storeSpheres(Node*, MBSphereRecords&, int);

@@ -18,16 +18,7 @@ void SDSphereBuildThread::start() {
 }
 
 void SDSphereBuildThread::proc(void*) {
-    if (tree == nullptr)
-        return;
-    try {
-        tree->buildNode(node, box, data, data.getCount(), depth, progress, &data, level);
-    } catch (...) {
-        if (failure == nullptr)
-            failure = std::current_exception();
-    }
-    data.clear();
-    finishJob(*tree, *this);
+    runSubtreeJob(*this);
 }
 
 namespace {
@@ -75,11 +66,6 @@ void makeRecords(Tree& tree, SDSphereRecords& records, AbortQuestion& isAborted)
     }
 }
 
-template <class Tree> void releaseThreads(Tree& tree) {
-    delete[] tree.threads;
-    tree.threads = nullptr;
-}
-
 /// Everything that a build makes, but not what it is made from.
 template <class Tree> void releaseTree(Tree& tree) {
     releaseThreads(tree);
@@ -111,53 +97,15 @@ template <class Tree> void allocateSpheres(Tree& tree) {
         throwOutOfMemory();
 }
 
-template <class Tree> void createThreads(Tree& tree, ProgressCallback& report) {
-    tree.numThreads = std::max(getNumProcessors(), 1);
-    report.info(0, progressLevel, "Creating and initializing %i thread(s).\n", tree.numThreads);
-    tree.threads =
-        new (std::nothrow) SDSphereBuildThread[static_cast<std::size_t>(tree.numThreads)];
-    if (tree.threads == nullptr)
-        throwOutOfMemory();
-}
-
-/// Runs the root job and all that come of it on the manager's threads, and waits for their end.
-template <class Tree> void runJobs(Tree& tree, ProgressCallback& report) {
-    report.info(0, progressLevel, "Creating 'done' event.\n");
-    JobResources<Tree> const resources(tree, 1);
-    report.info(0, progressLevel, "Starting first thread.\n");
-    SDSphereBuildThread& first = tree.threads[0];
-    first.box = tree.bbox;
-    first.node = tree.root;
-    first.depth = 1;
-    first.level = 1;
-    {
-        // Nothing, not even a host's exception, passes the end of this block before all jobs have.
-        JobsInFlight<Tree> const jobs(tree);
-        first.start();
-        report.info(0, progressLevel, "Waiting for thread completion.\n");
-    }
-    report.info(0, progressLevel, "Releasing thread resources.\n");
-}
-
 template <class Tree>
 void buildThreaded(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
-    createThreads(tree, report);
-    for (std::int32_t i = 0; i < tree.numThreads; ++i) {
-        tree.threads[i].tree = &tree;
-        tree.threads[i].progress = progress;
-    }
-    std::uint64_t const bytes = sizeof(SDSphereData) * static_cast<std::uint64_t>(tree.numSpheres);
-    report.info(0, progressLevel,
-                "Allocating memory for build data of %i spheres (%i bytes, %.1f MB).\n",
-                tree.numSpheres, printableBytes(bytes),
-                static_cast<double>(static_cast<float>(bytes) * 0x1p-20F));
-    SDSphereRecords& records = claimIdleThread(tree)->data;
+    createThreads(tree, std::max(getNumProcessors(), 1), progress, report);
+    SDSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, records, isAborted);
     widenByMargin(tree.bbox);
-    runJobs(tree, report);
-    rethrowFirstFailure(tree);
+    runJobs(tree, tree.bbox, 1, report);
 }
 
 template <class Tree>

@@ -269,30 +269,16 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::storeSpheres(Node* node, SDSphe
     addShared(statDepthSum, depth);
 }
 
-// The two recursions of a node are unrolled: the lower child is the next node of the loop, the
-// upper one waits in a list on the heap. So a deep tree needs no deep call stack, which worker
-// threads of a host may not have.
 template <class Sphere, int NodeBlock, int LeafBlock>
 void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const& box,
                                                            SDSphereRecords& data, int count,
                                                            int depth, ProgressCallback* progress,
                                                            SDSphereRecords* scratch, int level) {
-    using Subtree = PostponedSubtree<Node, Box>;
     AbortQuestion isAborted(progress, wasAborted);
-    std::vector<Subtree> postponed;
-    Subtree current{node, box, count, depth, level};
-    for (;;) {
-        while (buildOneNode(*this, current, data, *scratch, postponed, isAborted))
-            continue;
-        // Once aborted, every postponed subtree is given up, each after one more question.
-        do {
-            if (postponed.empty())
-                return;
-            current = postponed.back();
-            postponed.pop_back();
-        } while (isAborted());
-        moveBack(data, *scratch, current.count);
-    }
+    buildSubtree(PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, *scratch,
+                 isAborted, [&](auto& current, auto& postponed) {
+                     return buildOneNode(*this, current, data, *scratch, postponed, isAborted);
+                 });
 }
 
 template void SDSphereTree<SDSphere, 20000, 20000>::storeSpheres(Node*, SDSphereRecords&, int, int);
