@@ -155,7 +155,7 @@ void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
     app.add_option("FILE", particles.files, "Particle file; a second one is a later snapshot")
         ->required()
         ->expected(1, 2);
-    app.add_option("--format", particles.format, "Format of the file: ply or xyz");
+    app.add_option("--format", particles.format, "Format of the file: " + formatNames());
     app.add_option("--frame", particles.frame, "Frame of the file; negative: from the end");
     auto* const radius =
         app.add_option("-r,--radius", particles.radius,
@@ -418,7 +418,9 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     Options options;
     CLI::App app("Ray-traces particle systems: exact spheres and points, still and moving.",
                  "kelpa");
-    app.set_version_flag("--version", "kelpa 0.1.0 (reads PLY, XYZ; writes PNG, EXR, PPM, PLY)");
+    app.set_version_flag(
+        "--version",
+        fmt::format("kelpa 0.1.0 (reads {}; writes PNG, EXR, PPM and PLY)", readableFormats()));
     app.require_subcommand(1);
     app.formatter(std::make_shared<ExamplesFirst>());
 

@@ -22,11 +22,20 @@ namespace {
 
 /// A format that can be told from others. To add one, write `read` and a line in `formats`.
 struct FileFormat {
-    std::string_view name;   ///< for `--format`; empty when it cannot be read
-    std::string_view title;  ///< for messages
-    std::string_view suffix; ///< tie-break when the content does not tell
-    bool (*recognise)(std::string_view head);
-    ParticleSet (*read)(InputFile& file, ReadOptions const& options); ///< null: not read yet
+    std::string_view name;     ///< for `--format`; empty when it cannot be read
+    std::string_view title;    ///< for messages
+    std::string_view suffixes; ///< tie-break when the content does not tell, between blanks
+    bool (*recognise)(std::string_view head);                         ///< sees the first KiB
+    ParticleSet (*read)(InputFile& file, ReadOptions const& options); ///< null: not read
+    std::string_view wayOn{}; ///< what to do with a file that is not read
+
+    bool hasSuffixOf(std::string_view path) const {
+        std::string_view list = suffixes;
+        for (std::string_view suffix = nextWord(list); !suffix.empty(); suffix = nextWord(list))
+            if (path.ends_with(suffix))
+                return true;
+        return false;
+    }
 };
 
 template <char... magic> bool startsWith(std::string_view head) {
@@ -52,17 +61,29 @@ bool isPdb(std::string_view head) {
            head.starts_with("CRYST1");
 }
 
+// In the order in which they are asked whether they recognise a file.
 constexpr FileFormat formats[] = {
     {"ply", "PLY", ".ply", isPly, readPly},
-    {"xyz", "XYZ", ".xyz", isXyz, readXyz},
-    {"", "a LAMMPS dump", ".dump", startsWith<'I', 'T', 'E', 'M', ':'>, nullptr},
+    {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
+    {"", "a LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, nullptr},
     {"", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, nullptr},
     {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr},
-    {"", "PDB", ".pdb", isPdb, nullptr},
-    {"", "mmCIF", ".cif", startsWith<'d', 'a', 't', 'a', '_'>, nullptr},
+    {"", "PDB", ".pdb .ent", isPdb, nullptr},
+    {"", "mmCIF", ".cif .mmcif", startsWith<'d', 'a', 't', 'a', '_'>, nullptr},
     {"", "GRO", ".gro", [](std::string_view) { return false; }, nullptr},
     {"", "OpenVDB", ".vdb", startsWith<' ', 'B', 'D', 'V'>, nullptr},
 };
+
+/// What can be read, as a list that ends in "and" or the like: "PLY, XYZ and GRO".
+std::string listFormats(std::string_view FileFormat::*text, std::string_view lastLink) {
+    std::vector<std::string_view> names;
+    for (FileFormat const& format : formats)
+        if (format.read != nullptr)
+            names.push_back(format.*text);
+    std::string_view const last = names.back();
+    names.pop_back();
+    return fmt::format("{} {} {}", fmt::join(names, ", "), lastLink, last);
+}
 
 /// What `--format` asks for, else what the content says, else the suffix (".gz" aside).
 FileFormat const& findFormat(InputFile& file, std::string const& wanted) {
@@ -70,9 +91,10 @@ FileFormat const& findFormat(InputFile& file, std::string const& wanted) {
         for (FileFormat const& format : formats)
             if (format.name == wanted)
                 return format;
-        file.fail("no format {}; ply and xyz can be read", quoted(wanted));
+        file.fail("no format {}; {} can be read", quoted(wanted),
+                  listFormats(&FileFormat::name, "and"));
     }
-    constexpr std::size_t longestMagic = 256;
+    constexpr std::size_t longestMagic = 1024;
     std::string_view const head = file.peek(longestMagic);
     for (FileFormat const& format : formats)
         if (format.recognise(head))
@@ -81,11 +103,11 @@ FileFormat const& findFormat(InputFile& file, std::string const& wanted) {
     if (path.ends_with(".gz"))
         path.remove_suffix(3);
     for (FileFormat const& format : formats)
-        if (!format.suffix.empty() && path.ends_with(format.suffix))
+        if (format.hasSuffixOf(path))
             return format;
-    file.fail("starts with {}, which is neither PLY nor XYZ; if it is one of them, name it with "
-              "--format",
-              quoted(head.substr(0, std::min<std::size_t>(head.find_first_of("\r\n"), 40))));
+    file.fail("starts with {}, which is neither {}; if it is one of them, name it with --format",
+              quoted(head.substr(0, std::min<std::size_t>(head.find_first_of("\r\n"), 40))),
+              listFormats(&FileFormat::title, "nor"));
 }
 
 // Which column means what ----------------------------------------------------------------------
@@ -243,13 +265,20 @@ void reverseColumn(std::size_t bytes, char* at, std::size_t step, std::size_t co
 
 } // namespace
 
+std::string readableFormats() {
+    return listFormats(&FileFormat::title, "and");
+}
+
+std::string formatNames() {
+    return listFormats(&FileFormat::name, "or");
+}
+
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options) {
     InputFile file(path, options.progress);
     FileFormat const& format = findFormat(file, options.format);
     if (format.read == nullptr)
-        file.fail("this is {}, which is not read yet; PLY and XYZ are. Export or convert it to one "
-                  "of them",
-                  format.title);
+        file.fail("this is {}, which is not read. {}", format.title,
+                  format.wayOn.empty() ? "Export or convert it to PLY" : format.wayOn);
     try {
         ParticleSet particles = format.read(file, options);
         if (file.isGzip())

@@ -37,13 +37,18 @@ using PhaseProgress = std::function<void(double fraction, std::uint64_t particle
 
 /// What to read of a file.
 struct ReadOptions {
-    std::string format{};     ///< "ply", "xyz"; empty: told from the content, then the suffix
-    int frame = 0;            ///< negative: counted from the end
+    std::string format{}; ///< one of `formatNames`; empty: told from the content, then the suffix
+    int frame = 0;        ///< negative: counted from the end
     std::string radiusFrom{}; ///< the column to take radii from; empty: the format's own names
     std::vector<std::string> attributes{}; ///< further columns to keep, by name
     bool summarise = false;                ///< fill `ParticleSet::columns`
     PhaseProgress progress{};              ///< may be empty
 };
+
+/// The formats that can be read, for the user: "PLY, XYZ and GRO".
+std::string readableFormats();
+/// The same by the names that `ReadOptions::format` knows: "ply, xyz or gro".
+std::string formatNames();
 
 /// Reads one frame of a particle file, plain or gzipped. Throws `InputError`.
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options);
