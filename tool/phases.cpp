@@ -1,0 +1,177 @@
+#include "tool/phases.h"
+
+#include "kelpa/foundation/platform.h"
+#include "kelpa/host/threadpool.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+namespace kelpatool {
+
+namespace {
+
+/// Ends the process when Ctrl-C was pressed and what runs in its scope has not come back for a
+/// moment.
+///
+/// Builds ask for an abort as they split, but gathering and packing millions of particles does not.
+/// Only for phases that leave nothing behind.
+class InterruptWatch {
+  public:
+    InterruptWatch() {
+        try {
+            watcher = std::jthread([this](std::stop_token const& stop) { watch(stop); });
+        } catch (std::system_error const&) {
+            // Without a thread for it the phase ends when it does.
+        }
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds look{20};
+    static constexpr std::chrono::milliseconds patience{80};
+
+    void watch(std::stop_token const& stop) {
+        std::unique_lock hold(mutex);
+        auto const isOver = [&stop] { return stop.stop_requested(); };
+        while (!Kelpa::InterruptScope::interrupted())
+            if (ended.wait_for(hold, stop, look, isOver))
+                return;
+        if (ended.wait_for(hold, stop, patience, isOver))
+            return;
+        std::fputs("\nkelpa: interrupted\n", stderr);
+        std::_Exit(interruptedExit);
+    }
+
+    static constexpr int interruptedExit = 130;
+    std::mutex mutex;
+    std::condition_variable_any ended;
+    std::jthread watcher; // last, so that it ends before what it uses
+};
+
+} // namespace
+
+std::string withCommas(std::uint64_t number) {
+    std::string text = fmt::format("{}", number);
+    for (std::size_t at = text.size(); at > 3; at -= 3)
+        text.insert(at - 3, 1, ',');
+    return text;
+}
+
+std::string baseName(std::string const& path) {
+    return std::filesystem::path(path).filename().string();
+}
+
+Note noteTo(RunOptions const& run) {
+    if (run.quiet)
+        return [](std::string const&) {};
+    return [](std::string const& text) { fmt::print(stderr, "kelpa: note: {}\n", text); };
+}
+
+void throwIfInterrupted() {
+    if (Kelpa::InterruptScope::interrupted())
+        throw Interrupted();
+}
+
+Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
+    return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
+}
+
+ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
+    ReadOptions read;
+    read.format = options.particles.format;
+    read.frame = options.particles.frame;
+    read.radiusFrom = options.particles.radiusFrom;
+    read.summarise = summarise;
+    if (!options.color.colorBy.empty())
+        read.attributes.push_back(options.color.colorBy);
+    ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
+        read.progress = progress;
+        return readParticleFile(path, read);
+    });
+    for (std::string const& text : particles.notes)
+        noteTo(options.run)(text);
+    return particles;
+}
+
+bool hasSecondFile(Options const& options) {
+    return options.motion.motion != "none" && options.motion.motion != "velocity";
+}
+
+Scene readyScene(Options const& options, ParticleSet particles) {
+    ParticleSet second;
+    bool const hasSecond = hasSecondFile(options);
+    if (hasSecond)
+        second = readParticles(options.motion.motion, options, false);
+    // What there is to note must not run into the line of the display.
+    std::vector<std::string> notes;
+    Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
+        return makeScene(
+            options, std::move(particles), hasSecond ? &second : nullptr,
+            [&notes](std::string const& text) { notes.push_back(text); }, progress);
+    });
+    for (std::string const& text : notes)
+        noteTo(options.run)(text);
+    return scene;
+}
+
+BuildReport::BuildReport(RunOptions const& run)
+    : console(run.verbose ? Kelpa::ConsoleProgress::Verbosity::everything
+              : run.stats ? Kelpa::ConsoleProgress::Verbosity::statistics
+                          : Kelpa::ConsoleProgress::Verbosity::quiet) {
+}
+
+void BuildReport::info(int kind, int level, char const* format, ...) {
+    char text[1024];
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(text, sizeof text, format, values);
+    va_end(values);
+    console.info(kind, level, "%s", text);
+    std::string line = text;
+    while (!line.empty() && line.back() == '\n')
+        line.pop_back();
+    constexpr int statistics = 20000;
+    if (level == statistics)
+        statisticsLines.push_back(line);
+}
+
+int threadCount(RunOptions const& run) {
+    return run.threads > 0 ? run.threads : Kelpa::getNumProcessors();
+}
+
+void buildScene(Scene& scene, Options const& options, BuildReport& report) {
+    Kelpa::ProgressLine line("build", displayMode(options.run));
+    line.update(-1.0, static_cast<std::uint64_t>(scene.first->positions.size()));
+    bool const isThreaded = !options.run.reproducible && threadCount(options.run) > 1;
+    std::unique_ptr<Kelpa::ThreadPool> pool;
+    if (isThreaded)
+        pool = std::make_unique<Kelpa::ThreadPool>(threadCount(options.run));
+    {
+        InterruptWatch const watch;
+        scene.geometry->build(report, pool.get(), options.tree);
+    }
+    throwIfInterrupted();
+}
+
+Bounds inFile(Bounds const& bounds, Vec const& origin) {
+    auto const moved = [&origin](Vec const& v) {
+        return Vec{v.x + origin.x, v.y + origin.y, v.z + origin.z};
+    };
+    return {moved(bounds.min), moved(bounds.max)};
+}
+
+std::uint64_t peakMegabytes() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<std::uint64_t>(usage.ru_maxrss) / 1024;
+}
+
+} // namespace kelpatool

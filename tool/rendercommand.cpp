@@ -1,0 +1,97 @@
+#include "tool/camera.h"
+#include "tool/commands.h"
+#include "tool/image.h"
+#include "tool/phases.h"
+#include "tool/render.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <stdexcept>
+
+namespace kelpatool {
+
+namespace {
+
+/// Where the middle 99 % of points lie along an axis.
+std::pair<double, double> middlePart(std::vector<Kelpa::Vector> const& points, int axis) {
+    constexpr std::size_t asked = 100000; // of any more points, every n-th
+    std::size_t const stride = points.size() / asked + 1;
+    std::vector<float> places;
+    for (std::size_t i = 0; i < points.size(); i += stride)
+        places.push_back(points[i][axis]);
+    auto const at = [&places](double share) {
+        auto const place = places.begin() + static_cast<std::ptrdiff_t>(
+                                                share * static_cast<double>(places.size() - 1));
+        std::nth_element(places.begin(), place, places.end());
+        return static_cast<double>(*place);
+    };
+    return {at(0.005), at(0.995)};
+}
+
+/// Of far outliers the picture shows all, and little else: says so, and how to see the others.
+void noteOutliers(Scene const& scene, Note const& note) {
+    auto const [minX, maxX] = middlePart(scene.framedCenters, 0);
+    auto const [minY, maxY] = middlePart(scene.framedCenters, 1);
+    auto const [minZ, maxZ] = middlePart(scene.framedCenters, 2);
+    Bounds const most{{minX, minY, minZ}, {maxX, maxY, maxZ}};
+    double const part = most.diagonal() / boundsOf(scene.framedCenters).diagonal();
+    constexpr double little = 0.05;
+    if (part > 0.0 && part < little) {
+        Vec const centre = inFile(most, scene.origin).centre();
+        note(fmt::format("a few far particles take up the picture; --look-at {:.9g},{:.9g},{:.9g} "
+                         "--zoom {:.3g} shows the others",
+                         centre.x, centre.y, centre.z, 0.8 / part));
+    }
+}
+
+} // namespace
+
+int runRender(Options const& options) {
+    ImageFormat format{};
+    try {
+        format = imageFormatOf(options.output);
+    } catch (std::invalid_argument const& error) {
+        throw UsageError(error.what());
+    }
+    if (options.image.hasAovs() && format != ImageFormat::exr)
+        throw UsageError(fmt::format("{}: only EXR can hold --aov channels; write an .exr",
+                                     baseName(options.output)));
+    if (options.image.transparent && format == ImageFormat::ppm)
+        throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
+                                     ".png or .exr",
+                                     baseName(options.output)));
+    checkWritable(options.output);
+
+    Stopwatch const readTime;
+    Scene scene = readyScene(options, readParticles(options.particles.files[0], options, false));
+    double const readSeconds = readTime.seconds();
+
+    Stopwatch const buildTime;
+    BuildReport report(options.run);
+    buildScene(scene, options, report);
+    double const buildSeconds = buildTime.seconds();
+
+    Stopwatch const renderTime;
+    Camera const camera =
+        placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
+                    scene.framedCenters, scene.framedRadii, scene.origin);
+    if (!options.camera.eye && !options.camera.lookAt)
+        noteOutliers(scene, noteTo(options.run));
+    Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
+        return renderImage(scene, camera, options, threadCount(options.run), progress);
+    });
+    throwIfInterrupted();
+    writeImage(options.output, image, options.image.transparent);
+    if (!options.run.quiet)
+        fmt::print(
+            stderr,
+            "wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
+            options.output, image.cropX1 - image.cropX0, image.cropY1 - image.cropY0,
+            withCommas(static_cast<std::uint64_t>(scene.geometry->sphereCount())), readSeconds,
+            buildSeconds, renderTime.seconds(), peakMegabytes());
+    return 0;
+}
+
+} // namespace kelpatool
