@@ -16,6 +16,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace kelpatest {
@@ -284,10 +285,35 @@ TEST(MovingTrees, EndOnTimesThatTheyAreNotMadeFor) {
         }
     }
     constexpr double infinity = std::numeric_limits<double>::infinity();
-    auto const endless = makeSystem(motions()[2], 1, 50, 0.0, infinity);
-    MovingParticlePrimitive primitive(0, &endless->data[0], &endless->data[1], true);
-    primitive.build(nullptr, nullptr, 80, 0.0F, 1.0F, 0);
-    EXPECT_EQ(primitive.tree->numSpheres, 0);
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+    for (auto const& [time0, time1] : {std::pair(0.0, infinity), {nan, 1.0}, {0.0, nan}}) {
+        auto const endless = makeSystem(motions()[2], 1, 50, time0, time1);
+        MovingParticlePrimitive primitive(0, &endless->data[0], &endless->data[1], true);
+        primitive.build(nullptr, nullptr, 80, 0.0F, 1.0F, 0);
+        EXPECT_EQ(primitive.tree->numSpheres, 0);
+    }
+}
+
+TEST(MovingTrees, KeepWithinBoundsOutsideTheShutter) {
+    std::pair<double, double> const outside[] = {{24.0, 25.0}, {1.0, 2.0}, {1.0, 0.0}};
+    for (auto const& [time0, time1] : outside) {
+        SCOPED_TRACE(time0);
+        SharedScene scene;
+        scene.systems.push_back(makeSystem(motions()[2], 2, 1000, time0, time1));
+        scene.build();
+        auto const& tree = *scene.primitive.tree;
+        EXPECT_EQ(tree.numOutsideShutter, 1000);
+        // Beyond the limit what was postponed becomes leaves: at most all spheres on every level.
+        EXPECT_LT(tree.leafSpheres.getCount(), (1 << 23) + 80 * 1000);
+        EXPECT_LT(tree.nodes.getCount(), (1 << 20) + 1000);
+        // A system that the shutter sees keeps its hits.
+        scene.systems.push_back(makeSystem(motions()[2], 1, 500));
+        scene.systems[0]->data[0].particleType = 7; // never hit
+        scene.build();
+        Tally const tally = askRays(scene.primitive, scene.systems, 2, 1000);
+        EXPECT_GT(tally.hits, 300);
+        EXPECT_EQ(tally.invented + tally.missed, 0);
+    }
 }
 
 TEST(MovingTrees, NeverReadBeyondAShorterSnapshot) {

@@ -20,27 +20,34 @@ inline constexpr int handOffThreshold = 1500;
 /// Axes along which the spheres extend less than this are not split.
 inline constexpr float smallestSplitExtent = 1e-6F;
 
-/// Leaf entries after which a tree is split no further: what is left to build becomes leaves.
+/// How large a tree may grow: beyond it a tree is split no further, and what is left to build
+/// becomes leaves.
+struct GrowthLimit {
+    std::int64_t nodes;
+    std::int64_t entries; ///< of leaves
+};
+
+/// What the spheres of an ordinary tree may ask for.
 ///
-/// Ordinary scenes need 3 to 16 entries a sphere. Thousands of small spheres inside thousands of
-/// large ones, or moving spheres at times for which their tree is not meant, ask for the product of
-/// both and more; they get a slow tree instead of all memory.
-inline std::int64_t entryBudget(std::int32_t numSpheres) {
-    constexpr std::int64_t least = std::int64_t{1} << 27;
-    return std::max(least, 256 * static_cast<std::int64_t>(numSpheres));
+/// Ordinary scenes need 3 to 16 entries and 0.2 to 1.6 nodes a sphere. Thousands of small spheres
+/// inside thousands of large ones ask for the product of both; parameters that forbid leaves (a
+/// factor of 0, a depth without end) for chains of a thousand nodes. They get a slow tree instead
+/// of all memory.
+inline GrowthLimit growthLimit(std::int32_t numSpheres) {
+    auto const n = static_cast<std::int64_t>(numSpheres);
+    return {std::max(std::int64_t{1} << 25, 64 * n), std::max(std::int64_t{1} << 27, 256 * n)};
 }
 
-/// Nodes after which a tree is split no further. Ordinary scenes need 0.2 to 1.6 a sphere;
-/// parameters that forbid leaves (a factor of 0, a depth without end) ask for chains of a thousand.
-inline std::int64_t nodeBudget(std::int32_t numSpheres) {
-    constexpr std::int64_t least = std::int64_t{1} << 25;
-    return std::max(least, 64 * static_cast<std::int64_t>(numSpheres));
+/// The same when some spheres are there for no part of the shutter. Such a sphere's record has no
+/// duration or a negative one, splits of it look free or better, and every limit is reached.
+inline GrowthLimit growthLimitOutsideShutter(std::int32_t numSpheres) {
+    auto const n = static_cast<std::int64_t>(numSpheres);
+    return {std::max(std::int64_t{1} << 20, 4 * n), std::max(std::int64_t{1} << 23, 32 * n)};
 }
 
 /// Whether a tree has outgrown what its spheres may ask for.
-template <class Tree> bool isBeyondBudget(Tree const& tree) {
-    return tree.leafSpheres.getCount() > entryBudget(tree.numSpheres) ||
-           tree.nodes.getCount() > nodeBudget(tree.numSpheres);
+template <class Tree> bool isBeyond(GrowthLimit const& limit, Tree const& tree) {
+    return tree.leafSpheres.getCount() > limit.entries || tree.nodes.getCount() > limit.nodes;
 }
 
 /// Truncates towards zero; values beyond what an int can hold become its bounds, NaN its lowest.

@@ -118,6 +118,7 @@ template <class Tree> void makeRecords(Tree& tree, MBSphereRecords& records) {
         record.sphereIndex = static_cast<std::uint32_t>(k);
         record.bbox = particleBox(system, sphere.particleIndex);
         record.radius = system.radii0[sphere.particleIndex];
+        tree.numOutsideShutter += record.bbox.timeMin < record.bbox.timeMax ? 0 : 1;
         tree.rootBox.grow(inFrame(record.bbox, {0.0F, 0.0F, 0.0F}));
     }
 }
@@ -263,6 +264,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     gatherSpheres(tree);
     tree.statMaxDepth = 0;
     tree.wasAborted = 0;
+    tree.numOutsideShutter = 0;
     resetBounds(tree);
     if (tree.numSpheres == 0)
         return;

@@ -114,6 +114,11 @@ bool doublesTooMany(SideCounts const& centre, int count, int depth, int maxDepth
     return placed >= third * allowance;
 }
 
+template <class Tree> GrowthLimit growthLimitOf(Tree const& tree) {
+    return tree.numOutsideShutter > 0 ? growthLimitOutsideShutter(tree.numSpheres)
+                                      : growthLimit(tree.numSpheres);
+}
+
 /// What becomes of a node.
 struct NodeDecision {
     TimeBox region;    ///< what the node is responsible for, in its own frame
@@ -126,7 +131,7 @@ NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords&
     Vector const velocity = meanVelocity(data, node.count);
     NodeMeasure const measure = measureRecords(data, node.count, velocity, spans);
     NodeDecision decision{inFrame(node.region, velocity), {}};
-    if (node.level > std::min(tree.maxDepth, levelLimit) || isBeyondBudget(tree) ||
+    if (node.level > std::min(tree.maxDepth, levelLimit) || isBeyond(growthLimitOf(tree), tree) ||
         node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
         isSmall(decision.region.box, measure.smallestRadius, tree.minNodeSize))
         return decision;

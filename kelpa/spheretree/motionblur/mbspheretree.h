@@ -140,6 +140,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     std::int32_t packSpheres = 1;
     float* packedSpheres = nullptr; ///< owned; per sphere x, y, z, radius at time0 and at time1
     std::uint64_t packedFloats = 0; ///< length of `packedSpheres`
+    /// Spheres whose snapshots cover no part of the shutter, or run backwards. With one of them the
+    /// tree is split no further beyond 32 leaf entries and 4 nodes a sphere (and 2^23 and 2^20).
+    std::int32_t numOutsideShutter = 0;
 };
 
 extern template class MBSphereTree<MBSphere, 20000, 20000>;

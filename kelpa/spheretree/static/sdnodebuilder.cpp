@@ -203,7 +203,8 @@ SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& 
     NodeMeasure const measure = measureRecords(data, node.count);
     if (isEmpty(measure.spheres) ||
         node.count <= leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
-        node.level > std::min(tree.maxDepth, levelLimit) || isBeyondBudget(tree) ||
+        node.level > std::min(tree.maxDepth, levelLimit) ||
+        isBeyond(growthLimit(tree.numSpheres), tree) ||
         isSmall(node.region, measure.smallestRadius, tree.minNodeSize))
         return {};
     CandidatePlanes const planes = countSides(measure, data, node.count);
