@@ -1,0 +1,50 @@
+// Feeds a reader what libFuzzer thinks up. One program per format, see CMakeLists.txt; any answer
+// but particles or an InputError is a fault.
+
+#include "tool/particlefile.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace {
+
+/// A file in memory whose path can be opened, more than once.
+class MemoryFile {
+  public:
+    MemoryFile(std::uint8_t const* bytes, std::size_t size)
+        : descriptor(memfd_create("fuzz", MFD_CLOEXEC)) {
+        if (descriptor < 0 || write(descriptor, bytes, size) != static_cast<ssize_t>(size))
+            std::abort();
+    }
+    ~MemoryFile() { close(descriptor); }
+    MemoryFile(MemoryFile const&) = delete;
+    MemoryFile& operator=(MemoryFile const&) = delete;
+
+    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor); }
+
+  private:
+    int descriptor;
+};
+
+void readFrame(std::string const& path, int frame, bool summarise) {
+    kelpatool::ReadOptions options;
+    options.format = KELPA_FUZZ_FORMAT;
+    options.frame = frame;
+    options.summarise = summarise;
+    try {
+        kelpatool::readParticleFile(path, options);
+    } catch (kelpatool::InputError const&) {
+        // What most inputs deserve.
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t size) {
+    MemoryFile const file(bytes, size);
+    readFrame(file.path(), 0, true);
+    readFrame(file.path(), -1, false);
+    return 0;
+}
