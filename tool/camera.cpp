@@ -9,30 +9,6 @@ namespace kelpatool {
 
 namespace {
 
-constexpr double margin = 1.05;
-
-Vec operator+(Vec const& a, Vec const& b) {
-    return {a.x + b.x, a.y + b.y, a.z + b.z};
-}
-Vec operator-(Vec const& a, Vec const& b) {
-    return {a.x - b.x, a.y - b.y, a.z - b.z};
-}
-Vec operator*(Vec const& a, double s) {
-    return {a.x * s, a.y * s, a.z * s};
-}
-double dot(Vec const& a, Vec const& b) {
-    return a.x * b.x + a.y * b.y + a.z * b.z;
-}
-Vec cross(Vec const& a, Vec const& b) {
-    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-Vec unit(Vec const& v) {
-    return v * (1.0 / std::sqrt(dot(v, v)));
-}
-Vec wide(Kelpa::Vector const& v) {
-    return {static_cast<double>(v.x), static_cast<double>(v.y), static_cast<double>(v.z)};
-}
-
 Vec axisUp(char upAxis) {
     return upAxis == 'y' ? Vec{0, 1, 0} : Vec{0, 0, 1};
 }
@@ -124,8 +100,8 @@ void fitPinhole(Camera& camera, double tanHalfWidth, double tanHalfHeight,
                       depth - across * cotangent + radius * perSine);
         }
     };
-    Half horizontal(tanHalfWidth / margin);
-    Half vertical(tanHalfHeight / margin);
+    Half horizontal(tanHalfWidth / marginFactor);
+    Half vertical(tanHalfHeight / marginFactor);
     double nearest = -std::numeric_limits<double>::infinity();
     for (std::size_t i = 0; i < centers.size(); ++i) {
         Vec const c = wide(centers[i]);
@@ -157,7 +133,8 @@ void fitParallel(Camera& camera, std::span<Kelpa::Vector const> centers,
         nearest = std::max(nearest, r - dot(c, camera.forward));
     }
     double const aspect = static_cast<double>(camera.width) / camera.height;
-    camera.tanHalfHeight = margin * std::max(vertical.width(), horizontal.width() / aspect) / 2.0;
+    camera.tanHalfHeight =
+        marginFactor * std::max(vertical.width(), horizontal.width() / aspect) / 2.0;
     camera.eye = camera.right * horizontal.middle() + camera.up * vertical.middle() -
                  camera.forward * (nearest + camera.tanHalfHeight);
 }

@@ -4,15 +4,13 @@
 #include "kelpa/foundation/vector.h"
 
 #include "tool/options.h"
+#include "tool/vec.h"
 
 #include <span>
 
 namespace kelpatool {
 
-/// Three doubles: directions and places of the camera, where single precision would show.
-struct Vec {
-    double x, y, z;
-};
+constexpr double marginFactor = 1.05; ///< the part of the picture around the particles
 
 /// A pinhole or parallel camera: the rays of a picture.
 ///
@@ -52,5 +50,15 @@ Bounds boundsOf(std::span<Kelpa::Vector const> points);
 Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
                    std::span<Kelpa::Vector const> centers, std::span<float const> radii,
                    Vec const& origin);
+
+/// The camera of picture `picture` of `options.turntable` that go once around the particles,
+/// against the clock as seen from above.
+///
+/// The distance is the same for all: the sphere around all particles just fits, with the margin of
+/// 5 %; with `options.eye` the eye's own. The axis is the upward direction through what is looked
+/// at. A flat set is seen from the side as well.
+Camera placeTurntable(CameraOptions const& options, int picture, int width, int height, char upAxis,
+                      std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                      Vec const& origin);
 
 } // namespace kelpatool

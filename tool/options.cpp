@@ -1,7 +1,8 @@
 #include "tool/options.h"
 
+#include "tool/optionchecks.h"
+#include "tool/optionforms.h"
 #include "tool/particlefile.h"
-#include "tool/srgb.h"
 
 #include <fmt/format.h>
 
@@ -30,107 +31,6 @@ class ExamplesFirst : public CLI::Formatter {
         return examples + CLI::Formatter::make_usage(app, name);
     }
 };
-
-/// Numbers between separators, exactly as many as fit.
-template <class Number, std::size_t Count>
-std::array<Number, Count> parseNumbers(std::string const& text, char separator, char const* form) {
-    std::array<Number, Count> numbers{};
-    char const* at = text.data();
-    char const* const end = at + text.size();
-    for (std::size_t i = 0; i < Count; ++i) {
-        auto const [rest, error] = std::from_chars(at, end, numbers[i]);
-        bool const isLast = i + 1 == Count;
-        if (error != std::errc() || (isLast ? rest != end : rest == end || *rest != separator))
-            throw UsageError(fmt::format("'{}' is not of the form {}", text, form));
-        if constexpr (std::is_floating_point_v<Number>)
-            if (!std::isfinite(numbers[i]))
-                throw UsageError(fmt::format("'{}' is not finite", text));
-        at = rest + 1;
-    }
-    return numbers;
-}
-
-Kelpa::Vector parseVector(std::string const& text) {
-    auto const v = parseNumbers<float, 3>(text, ',', "X,Y,Z");
-    return {v[0], v[1], v[2]};
-}
-
-/// #rrggbb to linear light.
-Kelpa::Vector parseColor(std::string const& text) {
-    unsigned int bits = 0;
-    char const* const end = text.data() + text.size();
-    bool const hasForm = text.size() == 7 && text[0] == '#';
-    if (!hasForm || std::from_chars(text.data() + 1, end, bits, 16).ptr != end)
-        throw UsageError(fmt::format("'{}' is not a colour of the form #rrggbb", text));
-    auto const part = [bits](unsigned int shift) {
-        return linearFromSrgb(static_cast<float>((bits >> shift) & 0xFFU) / 255.0F);
-    };
-    return {part(16), part(8), part(0)};
-}
-
-/// An option whose text goes to `take`; what that complains about is told with the option's name.
-template <class Take>
-CLI::Option* addTaken(CLI::App& app, std::string const& name, char const* form, Take take,
-                      std::string const& help) {
-    return app
-        .add_option_function<std::string>(
-            name,
-            [name, take](std::string const& text) {
-                try {
-                    take(text);
-                } catch (UsageError const& error) {
-                    throw UsageError(fmt::format("{}: {}", name, error.what()));
-                }
-            },
-            help)
-        ->type_name(form);
-}
-
-/// An option whose text is parsed into `target`.
-template <class Parse, class Target>
-CLI::Option* addParsed(CLI::App& app, std::string const& name, char const* form, Target& target,
-                       Parse parse, std::string const& help) {
-    return addTaken(
-        app, name, form, [&target, parse](std::string const& text) { target = parse(text); }, help);
-}
-
-/// An option that takes one of a few words.
-template <class Choice>
-CLI::Option* addChoice(CLI::App& app, std::string const& name, Choice& target,
-                       std::vector<std::pair<std::string, Choice>> const& choices,
-                       std::string const& help) {
-    std::vector<std::string> words;
-    for (auto const& choice : choices)
-        words.push_back(choice.first);
-    std::string const all = fmt::format("{}", fmt::join(words, "|"));
-    return addTaken(
-        app, name, all.c_str(),
-        [&target, choices, words](std::string const& text) {
-            auto const at = std::find(words.begin(), words.end(), text);
-            if (at == words.end())
-                throw UsageError(fmt::format("'{}' is none of {}", text, fmt::join(words, ", ")));
-            target = choices[static_cast<std::size_t>(at - words.begin())].second;
-        },
-        help);
-}
-
-/// Accepts the numbers from `low` to `high`, and so no NaN; without words of its own in the help.
-template <class Number> CLI::Validator between(Number low, Number high) {
-    return {[low, high](std::string& text) -> std::string {
-                Number value{};
-                char const* const end = text.data() + text.size();
-                auto const [rest, error] = std::from_chars(text.data(), end, value);
-                if (error == std::errc() && rest == end && value >= low && value <= high)
-                    return {};
-                char const* const kind = std::is_integral_v<Number> ? "whole" : "finite";
-                return fmt::format("'{}' is not a {} number from {} to {}", text, kind, low, high);
-            },
-            ""};
-}
-
-CLI::Validator anySeed() {
-    return between(std::uint64_t{0}, std::numeric_limits<std::uint64_t>::max());
-}
 
 constexpr float largest = 1e30F;         // of lengths and the like: far beyond any use
 constexpr float smallestRadius = 1e-15F; // below it trees leave a particle out
@@ -276,6 +176,11 @@ void addPictureOptions(CLI::App& app, Options& options) {
         ->check(between(1e-6, 1e6))
         ->group("Camera");
 
+    app.add_option("--turntable", camera.turntable,
+                   "Pictures of one turn around the particles; -o turn.####.png numbers them")
+        ->check(between(1, 1000000))
+        ->group("Camera");
+
     ImageOptions& image = options.image;
     addTaken(
         app, "--size", "WIDTHxHEIGHT",
@@ -345,59 +250,6 @@ void addPictureOptions(CLI::App& app, Options& options) {
     app.add_flag("--stats", options.run.stats, "Print the tree's statistics")->group("Run");
 }
 
-/// Refuses options that would have no effect on what was asked for.
-void checkEffects(CLI::App const& command, Options const& options) {
-    bool const isMoving = options.motion.motion != "none";
-    bool const hasVelocity = options.motion.motion == "velocity";
-    bool const isFlat = options.light.shade == LightOptions::Shade::flat;
-    bool const hasOcclusion = options.light.shade == LightOptions::Shade::ao;
-    struct Rule {
-        char const* option;
-        bool isUsed;
-        char const* needs;
-    };
-    Rule const rules[] = {
-        {"--shutter", isMoving, "motion: a second file, or --motion velocity"},
-        {"--bounds", isMoving, "motion: a second file, or --motion velocity"},
-        {"--dt", hasVelocity, "--motion velocity"},
-        {"--times", isMoving && !hasVelocity, "a second file"},
-        {"--shadows", !isFlat, "light: --shade ao or lit"},
-        {"--ao-samples", hasOcclusion, "--shade ao"},
-        {"--ao-distance", hasOcclusion, "--shade ao"},
-    };
-    for (Rule const& rule : rules) {
-        CLI::Option const* const option = command.get_option_no_throw(rule.option);
-        if (option != nullptr && option->count() > 0 && !rule.isUsed)
-            throw UsageError(fmt::format("{} needs {}", rule.option, rule.needs));
-    }
-}
-
-/// Refuses options that contradict each other, and makes of two files a motion.
-void checkTogether(CLI::App const& command, Options& options) {
-    ParticleOptions& particles = options.particles;
-    if (options.command == Options::Command::generate)
-        return;
-    MotionOptions& motion = options.motion;
-    if (particles.files.size() == 2) {
-        if (motion.motion != "none")
-            throw UsageError("two files are two snapshots already; leave --motion out");
-        motion.motion = particles.files[1];
-        particles.files.pop_back();
-    }
-    checkEffects(command, options);
-    if (motion.times[0] == motion.times[1])
-        throw UsageError("--times must differ");
-    if (motion.shutter && (*motion.shutter)[0] > (*motion.shutter)[1])
-        throw UsageError("--shutter closes before it opens");
-    auto const& crop = options.image.crop;
-    if (crop && !(0 <= (*crop)[0] && (*crop)[0] < (*crop)[2] && (*crop)[2] <= options.image.width &&
-                  0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
-        throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
-                                     options.image.width, options.image.height));
-    if (options.camera.eye && !options.camera.view.empty())
-        throw UsageError("--eye and --view both place the camera; use one of them");
-}
-
 /// Says why a command line cannot be read and where help is.
 int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
     bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
@@ -457,7 +309,13 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         options.command = render->parsed() ? Options::Command::render
                           : info->parsed() ? Options::Command::info
                                            : Options::Command::generate;
-        checkTogether(*app.get_subcommands().front(), options);
+        CLI::App const& command = *app.get_subcommands().front();
+        checkTogether(
+            [&command](char const* name) {
+                CLI::Option const* const option = command.get_option_no_throw(name);
+                return option != nullptr && option->count() > 0;
+            },
+            options);
     } catch (CLI::ParseError const& answer) {
         if (answer.get_exit_code() == 0)
             exitCode = app.exit(answer);

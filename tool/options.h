@@ -54,6 +54,7 @@ struct CameraOptions {
     double fov = 35.0;  ///< vertical, degrees
     bool ortho = false;
     double zoom = 1.0;
+    int turntable = 0; ///< pictures of one turn; 0: no turn
 };
 
 struct ImageOptions {

@@ -1,6 +1,7 @@
 #include "tool/camera.h"
 #include "tool/commands.h"
 #include "tool/image.h"
+#include "tool/outputname.h"
 #include "tool/phases.h"
 #include "tool/render.h"
 
@@ -46,9 +47,8 @@ void noteOutliers(Scene const& scene, Note const& note) {
     }
 }
 
-} // namespace
-
-int runRender(Options const& options) {
+/// Refuses, before anything is read, an output that the picture could not be written to.
+void checkOutput(Options const& options) {
     ImageFormat format{};
     try {
         format = imageFormatOf(options.output);
@@ -62,35 +62,65 @@ int runRender(Options const& options) {
         throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
                                      ".png or .exr",
                                      baseName(options.output)));
-    checkWritable(options.output);
+    checkWritable(options.camera.turntable > 0 ? numberedName(options.output, 0) : options.output);
+}
 
+/// A scene with its tree, and how long they took.
+struct BuiltScene {
+    Scene scene;
+    double readSeconds = 0.0;
+    double buildSeconds = 0.0;
+};
+
+BuiltScene makeBuiltScene(Options const& options) {
+    BuiltScene built;
     Stopwatch const readTime;
-    Scene scene = readyScene(options, readParticles(options.particles.files[0], options, false));
-    double const readSeconds = readTime.seconds();
+    built.scene = readyScene(options, readParticles(options.particles.files[0], options, false));
+    built.readSeconds = readTime.seconds();
 
     Stopwatch const buildTime;
     BuildReport report(options.run);
-    buildScene(scene, options, report);
-    double const buildSeconds = buildTime.seconds();
+    buildScene(built.scene, options, report);
+    built.buildSeconds = buildTime.seconds();
+    return built;
+}
 
+void renderPicture(BuiltScene& built, Camera const& camera, Options const& options,
+                   std::string const& output) {
     Stopwatch const renderTime;
-    Camera const camera =
-        placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
-                    scene.framedCenters, scene.framedRadii, scene.origin);
-    if (!options.camera.eye && !options.camera.lookAt)
-        noteOutliers(scene, noteTo(options.run));
     Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
-        return renderImage(scene, camera, options, threadCount(options.run), progress);
+        return renderImage(built.scene, camera, options, threadCount(options.run), progress);
     });
     throwIfInterrupted();
-    writeImage(options.output, image, options.image.transparent);
+    writeImage(output, image, options.image.transparent);
     if (!options.run.quiet)
         fmt::print(
             stderr,
             "wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
-            options.output, image.cropX1 - image.cropX0, image.cropY1 - image.cropY0,
-            withCommas(static_cast<std::uint64_t>(scene.geometry->sphereCount())), readSeconds,
-            buildSeconds, renderTime.seconds(), peakMegabytes());
+            output, image.cropX1 - image.cropX0, image.cropY1 - image.cropY0,
+            withCommas(static_cast<std::uint64_t>(built.scene.geometry->sphereCount())),
+            built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
+}
+
+} // namespace
+
+int runRender(Options const& options) {
+    checkOutput(options);
+    BuiltScene built = makeBuiltScene(options);
+    Scene const& scene = built.scene;
+    if (!options.camera.eye && !options.camera.lookAt)
+        noteOutliers(scene, noteTo(options.run));
+    auto const& [width, height] = std::pair(options.image.width, options.image.height);
+    if (options.camera.turntable == 0)
+        renderPicture(built,
+                      placeCamera(options.camera, width, height, scene.upAxis, scene.framedCenters,
+                                  scene.framedRadii, scene.origin),
+                      options, options.output);
+    for (int picture = 0; picture < options.camera.turntable; ++picture)
+        renderPicture(built,
+                      placeTurntable(options.camera, picture, width, height, scene.upAxis,
+                                     scene.framedCenters, scene.framedRadii, scene.origin),
+                      options, numberedName(options.output, picture));
     return 0;
 }
 

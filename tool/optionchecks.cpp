@@ -1,0 +1,62 @@
+#include "tool/optionchecks.h"
+
+#include <fmt/format.h>
+
+namespace kelpatool {
+
+namespace {
+
+/// Refuses options that would have no effect on what was asked for.
+void checkEffects(GivenOption const& isGiven, Options const& options) {
+    bool const isMoving = options.motion.motion != "none";
+    bool const hasVelocity = options.motion.motion == "velocity";
+    bool const isFlat = options.light.shade == LightOptions::Shade::flat;
+    bool const hasOcclusion = options.light.shade == LightOptions::Shade::ao;
+    struct Rule {
+        char const* option;
+        bool isUsed;
+        char const* needs;
+    };
+    Rule const rules[] = {
+        {"--shutter", isMoving, "motion: a second file, or --motion velocity"},
+        {"--bounds", isMoving, "motion: a second file, or --motion velocity"},
+        {"--dt", hasVelocity, "--motion velocity"},
+        {"--times", isMoving && !hasVelocity, "a second file"},
+        {"--shadows", !isFlat, "light: --shade ao or lit"},
+        {"--ao-samples", hasOcclusion, "--shade ao"},
+        {"--ao-distance", hasOcclusion, "--shade ao"},
+    };
+    for (Rule const& rule : rules) {
+        if (isGiven(rule.option) && !rule.isUsed)
+            throw UsageError(fmt::format("{} needs {}", rule.option, rule.needs));
+    }
+}
+
+} // namespace
+
+void checkTogether(GivenOption const& isGiven, Options& options) {
+    ParticleOptions& particles = options.particles;
+    if (options.command == Options::Command::generate)
+        return;
+    MotionOptions& motion = options.motion;
+    if (particles.files.size() == 2) {
+        if (motion.motion != "none")
+            throw UsageError("two files are two snapshots already; leave --motion out");
+        motion.motion = particles.files[1];
+        particles.files.pop_back();
+    }
+    checkEffects(isGiven, options);
+    if (motion.times[0] == motion.times[1])
+        throw UsageError("--times must differ");
+    if (motion.shutter && (*motion.shutter)[0] > (*motion.shutter)[1])
+        throw UsageError("--shutter closes before it opens");
+    auto const& crop = options.image.crop;
+    if (crop && !(0 <= (*crop)[0] && (*crop)[0] < (*crop)[2] && (*crop)[2] <= options.image.width &&
+                  0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
+        throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
+                                     options.image.width, options.image.height));
+    if (options.camera.eye && !options.camera.view.empty())
+        throw UsageError("--eye and --view both place the camera; use one of them");
+}
+
+} // namespace kelpatool
