@@ -52,8 +52,10 @@ class Shape final : public GenericPrimitive {};
 /// their particles apart, and each system has a shape of its own.
 template <class Primitive> class Scene {
   public:
-    explicit Scene(Cloud content)
-        : cloud(std::move(content)), shapes(cloud.systems.size()),
+    static constexpr std::int32_t usualBase = 1000;
+
+    explicit Scene(Cloud content, std::int32_t baseIndex = usualBase)
+        : base(baseIndex), cloud(std::move(content)), shapes(cloud.systems.size()),
           owner(base, nullptr, nullptr, true), tree(*owner.tree) {
         for (std::size_t s = 0; s < shapes.size(); ++s)
             registerSystem(tree, cloud, s, &shapes[s],
@@ -63,8 +65,11 @@ template <class Primitive> class Scene {
     bool isAlone() const { return cloud.systems.size() == 1; }
 
     std::int64_t reportedIndex(ParticleId id) const {
-        return isAlone() ? base + id.index : offsetStep * id.system + id.index;
+        return isAlone() ? wrapped(std::int64_t{base} + id.index)
+                         : offsetStep * id.system + id.index;
     }
+
+    static std::int64_t wrapped(std::int64_t number) { return static_cast<std::int32_t>(number); }
 
     /// The ray of a query. The interval that must not be read is not a number.
     RSRay makeRay(Query const& query) const {
@@ -77,14 +82,15 @@ template <class Primitive> class Scene {
         ray.clipMin = isAlone() ? nan : query.tMin;
         ray.clipMax = isAlone() ? nan : query.tMax;
         ray.hitT = isAlone() ? nan : std::numeric_limits<double>::infinity();
-        ray.skipIndex = base - 1;
+        ray.skipIndex = std::int64_t{base} - 1;
         if (query.start.index >= 0)
             ray.skipIndex = reportedIndex(query.start) + (isAlone() ? 0 : base);
         return ray;
     }
 
-    static constexpr std::int32_t base = 1000;
     static constexpr std::int32_t offsetStep = 100000;
+
+    std::int32_t base; ///< particles are numbered from here, in 32 bits
 
     Cloud cloud;
     std::vector<Shape> shapes;
@@ -156,9 +162,9 @@ bool isTrueHit(Scene<Primitive> const& scene, Query const& query, int code, RSRa
         return false;
     Answer alone = askParticle(scene.cloud, id, query);
     if (alone.t < ray.hitT) { // the entry was missed, so the exit counts
-        Query fromInside = query;
-        fromInside.start = id;
-        alone = askParticle(scene.cloud, id, fromInside);
+        Query beyondEntry = query;
+        beyondEntry.tMin = std::nextafter(alone.t, ray.hitT);
+        alone = askParticle(scene.cloud, id, beyondEntry);
     }
     Vector normal = scaled(ray.dir, -1.0F);
     auto const [center, radius] = sphereAt(scene.cloud, id);

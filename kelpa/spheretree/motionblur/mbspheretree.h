@@ -100,7 +100,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// in `ray.hitRecord`.
     ///
     /// The tree must have a root, and `rayTime` lie between `shutterMin` and `shutterMax`. Writes
-    /// only `ray` and its hit record.
+    /// only `ray` and its hit record. The search ends at the record's `hitT` from the second leaf
+    /// on only: with a later `tMax` the first may find a hit beyond it.
     int intersectNode(MBSphereRay& ray) const;
 
     /// Bytes of the packed spheres, which `getMemUsage` does not count.
