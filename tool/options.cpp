@@ -220,9 +220,11 @@ void addPictureOptions(CLI::App& app, Options& options) {
                    image.position = image.position || name == "position";
                }
            },
-           "Further channels of an .exr: depth,normal,id,position")
+           "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
+           "ray, 1e30 where no particle is), normal, id, position")
         ->delimiter(',')
         ->check(CLI::IsMember({"depth", "normal", "id", "position"}).description(""))
+        ->type_name("depth,normal,id,position")
         ->group("Image");
 
     LightOptions& light = options.light;

@@ -10,6 +10,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kelpatool {
 
@@ -47,6 +50,16 @@ void noteOutliers(Scene const& scene, Note const& note) {
     }
 }
 
+std::vector<std::string> aovNames(ImageOptions const& image) {
+    std::vector<std::string> names;
+    for (auto const& [isWanted, name] :
+         {std::pair(image.depth, "depth"), std::pair(image.normal, "normal"),
+          std::pair(image.id, "id"), std::pair(image.position, "position")})
+        if (isWanted)
+            names.emplace_back(name);
+    return names;
+}
+
 /// Refuses, before anything is read, an output that the picture could not be written to.
 void checkOutput(Options const& options) {
     ImageFormat format{};
@@ -56,8 +69,9 @@ void checkOutput(Options const& options) {
         throw UsageError(error.what());
     }
     if (options.image.hasAovs() && format != ImageFormat::exr)
-        throw UsageError(fmt::format("{}: only EXR can hold --aov channels; write an .exr",
-                                     baseName(options.output)));
+        throw UsageError(fmt::format(
+            "{}: {} cannot hold --aov {}; write an .exr", baseName(options.output),
+            format == ImageFormat::png ? "PNG" : "PPM", fmt::join(aovNames(options.image), ",")));
     if (options.image.transparent && format == ImageFormat::ppm)
         throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
                                      ".png or .exr",
