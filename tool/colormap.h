@@ -3,6 +3,7 @@
 #include "kelpa/foundation/vector.h"
 
 #include <array>
+#include <cstdint>
 #include <optional>
 #include <vector>
 
@@ -13,5 +14,9 @@ namespace kelpatool {
 /// values. Numbers outside take the end's colour; those that are no numbers are grey.
 std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
                                      std::optional<std::array<float, 2>> range);
+
+/// Colours for kinds of particles that are only numbered, ten that are told apart easily: the first
+/// for 1, and over again after the tenth.
+std::vector<Kelpa::Vector> mapTypes(std::vector<std::int64_t> const& types);
 
 } // namespace kelpatool

@@ -37,10 +37,11 @@ constexpr bool isFloating(ScalarType type) {
 /// One number that every row of a file holds.
 struct Column {
     std::string name;
-    std::string typeName; ///< as the file calls it
-    ScalarType declared;  ///< decides what the numbers mean, such as 0 to 255 for a colour
-    ScalarType stored;    ///< how a row in memory holds it: text is parsed to fewer types
-    std::size_t offset;   ///< in a row, in bytes
+    std::string typeName;   ///< as the file calls it
+    ScalarType declared;    ///< decides what the numbers mean, such as 0 to 255 for a colour
+    ScalarType stored;      ///< how a row in memory holds it: text is parsed to fewer types
+    std::size_t offset;     ///< in a row, in bytes
+    bool isDerived = false; ///< computed, and so not summarised; behind all that are read
 };
 
 /// The type in which a text reader stores a column: one that keeps every digit.
@@ -49,7 +50,17 @@ ScalarType storedFromText(std::string_view name, ScalarType declared);
 /// Parses a word into a row; false when it is no number.
 bool storeWord(Column const& column, std::string_view word, char* row);
 
-enum class Target : std::uint8_t { position, radius, color, velocity, id, element, attribute };
+enum class Target : std::uint8_t {
+    position,
+    radius,
+    color,
+    velocity,
+    image,
+    id,
+    element,
+    type,
+    attribute,
+};
 
 /// One thing that a column is read for. A column may have several uses.
 struct ColumnUse {
@@ -65,7 +76,8 @@ struct VectorColumns {
     std::string_view names[3];
 };
 
-/// What a format calls its columns, each list in order of preference. Radii and ids have the same
+/// What a format calls its columns, each list in order of preference; a message asks for the last
+/// positions. Radii and ids have the same
 /// names in every format.
 struct ColumnNames {
     std::string_view word; ///< what the format's users call a column
@@ -73,6 +85,8 @@ struct ColumnNames {
     std::span<VectorColumns const> colors;
     std::span<VectorColumns const> velocities;
     std::string_view element;
+    std::span<VectorColumns const> images{};
+    std::string_view type{};
 };
 
 /// Decides what each column is read for and says so in `particles`. Refuses a file without
@@ -113,5 +127,7 @@ std::size_t plausibleRows(InputFile const& file, std::uint64_t promised, std::si
 /// The readers behind `readParticleFile`; each starts at the first byte of its file.
 ParticleSet readPly(InputFile& file, ReadOptions const& options);
 ParticleSet readXyz(InputFile& file, ReadOptions const& options);
+ParticleSet readLammps(InputFile& file, ReadOptions const& options);
+ParticleSet readGro(InputFile& file, ReadOptions const& options);
 
 } // namespace kelpatool

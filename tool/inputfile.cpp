@@ -102,28 +102,42 @@ std::uint64_t InputFile::skip(std::uint64_t count) {
     return count - left;
 }
 
-std::optional<std::string_view> InputFile::nextLine() {
+/// Bytes of the next line with its end, all of them at hand afterwards; 0 at the end of the file.
+std::size_t InputFile::lineLength() {
     std::size_t searched = 0;
     for (;;) {
         std::string_view const window{buffer.data() + begin, end - begin};
         std::size_t const length = window.find('\n', searched);
-        bool const isWhole = length != std::string_view::npos;
-        if (!isWhole && window.size() > longestLine)
+        if (length != std::string_view::npos)
+            return length + 1;
+        if (window.size() > longestLine)
             fail("line {} is longer than {} MiB; this is no text", linesTaken + 1,
                  longestLine / (1024 * 1024));
-        if (!isWhole && fetch()) {
-            searched = window.size();
-            continue;
-        }
-        if (window.empty())
-            return std::nullopt;
-        std::string_view line = window.substr(0, length);
-        take(isWhole ? length + 1 : window.size());
-        ++linesTaken;
-        if (line.ends_with('\r'))
-            line.remove_suffix(1);
-        return line;
+        if (!fetch())
+            return window.size();
+        searched = window.size();
     }
+}
+
+std::optional<std::string_view> InputFile::firstLine(std::size_t length) const {
+    if (length == 0)
+        return std::nullopt;
+    std::string_view line{buffer.data() + begin, length};
+    line.remove_suffix(line.ends_with('\n') ? 1 : 0);
+    line.remove_suffix(line.ends_with('\r') ? 1 : 0);
+    return line;
+}
+
+std::optional<std::string_view> InputFile::peekLine() {
+    return firstLine(lineLength());
+}
+
+std::optional<std::string_view> InputFile::nextLine() {
+    std::size_t const length = lineLength();
+    std::optional<std::string_view> const line = firstLine(length);
+    take(length);
+    linesTaken += line ? 1 : 0;
+    return line;
 }
 
 void InputFile::verifyChecksum() {

@@ -48,6 +48,8 @@ class InputFile {
     std::uint64_t skip(std::uint64_t count);
     /// The next line without its LF or CR LF, valid until the next call; nothing at the end.
     std::optional<std::string_view> nextLine();
+    /// The same line once more, before it is taken.
+    std::optional<std::string_view> peekLine();
     /// Reads gzipped data to its end, where its checksum is.
     void verifyChecksum();
 
@@ -64,10 +66,13 @@ class InputFile {
     }
 
     std::uint64_t particles = 0; ///< kept by the reader, told to the progress
+    int frames = 0; ///< whole ones behind, kept by readers of formats that hold several
 
   private:
     struct Inflation;
 
+    std::size_t lineLength();
+    std::optional<std::string_view> firstLine(std::size_t length) const;
     bool fetch();
     std::size_t readRaw(char* to, std::size_t space);
     std::size_t inflateSome(char* to, std::size_t space);

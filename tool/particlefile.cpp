@@ -48,12 +48,37 @@ bool isPly(std::string_view head) {
            (head[3] == '\n' || head[3] == '\r');
 }
 
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 /// XYZ starts with a line that holds one whole number and nothing else.
 bool isXyz(std::string_view head) {
     std::string_view line = head.substr(0, head.find('\n'));
     std::string_view const count = nextWord(line);
     return line.size() < head.size() && !count.empty() && nextWord(line).empty() &&
-           std::all_of(count.begin(), count.end(), [](char c) { return c >= '0' && c <= '9'; });
+           std::all_of(count.begin(), count.end(), isDigit);
+}
+
+/// GRO has a title, a line with a whole number, and rows in which a number ends in column 5 and
+/// another in column 20, and decimal points follow at the same distance from each other.
+bool isGro(std::string_view head) {
+    auto const cutLine = [&head] {
+        std::string_view const line = head.substr(0, head.find('\n'));
+        head.remove_prefix(std::min(head.size(), line.size() + 1));
+        return line;
+    };
+    cutLine();
+    std::string_view count = cutLine();
+    std::string_view const row = cutLine();
+    std::uint64_t number = 0;
+    if (!parseNumber(nextWord(count), number) || !nextWord(count).empty() || row.size() < 24)
+        return false;
+    std::size_t const first = row.find('.', 20);
+    std::size_t const second = row.find('.', first + 1);
+    bool const hasPoints = first != std::string_view::npos && second != std::string_view::npos &&
+                           row.find('.', second + 1) == 2 * second - first;
+    return hasPoints && isDigit(row[4]) && isDigit(row[19]);
 }
 
 bool isPdb(std::string_view head) {
@@ -64,13 +89,13 @@ bool isPdb(std::string_view head) {
 // In the order in which they are asked whether they recognise a file.
 constexpr FileFormat formats[] = {
     {"ply", "PLY", ".ply", isPly, readPly},
+    {"gro", "GRO", ".gro", isGro, readGro}, // before XYZ: its title may be a whole number
     {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
-    {"", "a LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, nullptr},
+    {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, readLammps},
     {"", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, nullptr},
     {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr},
     {"", "PDB", ".pdb .ent", isPdb, nullptr},
     {"", "mmCIF", ".cif .mmcif", startsWith<'d', 'a', 't', 'a', '_'>, nullptr},
-    {"", "GRO", ".gro", [](std::string_view) { return false; }, nullptr},
     {"", "OpenVDB", ".vdb", startsWith<' ', 'B', 'D', 'V'>, nullptr},
 };
 
@@ -318,16 +343,19 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
                                   ParticleSet& particles) {
     UseChooser chooser{file, columns, names};
     if (chooser.chooseVector(Target::position, names.positions).empty())
-        for (std::string_view const name : names.positions.front().names)
+        for (std::string_view const name : names.positions.back().names)
             chooser.require(name);
     particles.radiusSource =
         options.radiusFrom.empty() ? chooser.chooseRadius() : chooser.useRadius(options.radiusFrom);
     particles.colorSource = chooser.chooseVector(Target::color, names.colors);
     chooser.chooseVector(Target::velocity, names.velocities);
+    chooser.chooseVector(Target::image, names.images);
     if (chooser.has("id"))
         chooser.uses.push_back({chooser.find("id"), Target::id});
     if (chooser.has(names.element))
         chooser.uses.push_back({chooser.find(names.element), Target::element});
+    if (chooser.has(names.type))
+        chooser.uses.push_back({chooser.find(names.type), Target::type});
     for (std::string const& name : options.attributes) {
         chooser.uses.push_back(
             {chooser.require(name), Target::attribute, particles.attributes.size()});
@@ -341,9 +369,10 @@ RowConverter::RowConverter(ParticleSet& set, std::vector<Column> rowColumns,
     : particles(set), columns(std::move(rowColumns)), uses(std::move(columnUses)) {
     if (!wantsSummary)
         return;
-    finiteCount.resize(columns.size());
     for (Column const& column : columns)
-        particles.columns.push_back({column.name, column.typeName});
+        if (!column.isDerived)
+            particles.columns.push_back({column.name, column.typeName});
+    finiteCount.resize(particles.columns.size());
 }
 
 template <class Operation> void RowConverter::forEachArray(Operation operation) {
@@ -361,11 +390,17 @@ template <class Operation> void RowConverter::forEachArray(Operation operation) 
         case Target::velocity:
             operation(particles.velocities);
             break;
+        case Target::image:
+            operation(particles.images);
+            break;
         case Target::id:
             operation(particles.ids);
             break;
         case Target::element:
             operation(particles.elements);
+            break;
+        case Target::type:
+            operation(particles.types);
             break;
         case Target::attribute:
             operation(particles.attributes[use.part].values);
@@ -412,6 +447,8 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
         return toVectors(particles.positions, asIs);
     case Target::velocity:
         return toVectors(particles.velocities, asIs);
+    case Target::image:
+        return toVectors(particles.images, asIs);
     case Target::color:
         if (isFloating(column.declared))
             return toVectors(particles.colors, asIs);
@@ -432,6 +469,10 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
     case Target::id:
         return convertColumn<std::int64_t>(column.stored, from, rowBytes, count,
                                            &particles.ids[converted], sizeof(std::int64_t),
+                                           [](auto number) { return idOf(number); });
+    case Target::type:
+        return convertColumn<std::int64_t>(column.stored, from, rowBytes, count,
+                                           &particles.types[converted], sizeof(std::int64_t),
                                            [](auto number) { return idOf(number); });
     case Target::element:
         return convertColumn<std::uint8_t>(

@@ -42,6 +42,7 @@ struct ReadOptions {
     std::string radiusFrom{}; ///< the column to take radii from; empty: the format's own names
     std::vector<std::string> attributes{}; ///< further columns to keep, by name
     bool summarise = false;                ///< fill `ParticleSet::columns`
+    bool forMotion = false;                ///< prefer positions that do not jump at a cell's faces
     PhaseProgress progress{};              ///< may be empty
 };
 

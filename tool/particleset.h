@@ -2,8 +2,10 @@
 
 #include "kelpa/foundation/vector.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,13 @@ struct AttributeSummary {
     std::size_t notFinite = 0;
 };
 
+/// A box of particles that repeats along some of its edges.
+struct PeriodicCell {
+    std::array<double, 3> origin{};
+    std::array<std::array<double, 3>, 3> edges{};
+    std::array<bool, 3> isPeriodic{};
+};
+
 /// What a particle file holds, in the file's own units. Every array but `positions` is either empty
 /// (the file has no such thing) or has one entry per particle.
 struct ParticleSet {
@@ -33,7 +42,13 @@ struct ParticleSet {
     std::vector<Kelpa::Vector> velocities; ///< length per the file's own unit of time
     std::vector<std::int64_t> ids;
     std::vector<std::uint8_t> elements; ///< atomic numbers; 0: unknown
+    std::vector<std::int64_t> types;    ///< kinds of particles that the file only numbers
+    std::vector<Kelpa::Vector> images;  ///< by how many edges of `cell` wrapping moved each back
     std::vector<Attribute> attributes;  ///< those that the reader was asked for
+
+    std::optional<PeriodicCell> cell;
+    bool isUnwrapped = false; ///< positions go on beyond the cell: no jumps from frame to frame
+    float angstrom = 1.0F;    ///< in the file's unit of length, where elements give the radii
 
     std::string format; ///< such as "PLY binary little-endian"
     std::string

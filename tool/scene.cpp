@@ -110,9 +110,10 @@ struct Ways {
 
 std::vector<float> elementRadii(ParticleOptions const& options, ParticleSet const& particles) {
     std::vector<float> radii(particles.elements.size());
-    std::transform(
-        particles.elements.begin(), particles.elements.end(), radii.begin(),
-        [&options](std::uint8_t element) { return elementRadius(element, options.covalentRadii); });
+    std::transform(particles.elements.begin(), particles.elements.end(), radii.begin(),
+                   [&](std::uint8_t element) {
+                       return particles.angstrom * elementRadius(element, options.covalentRadii);
+                   });
     return radii;
 }
 
@@ -130,6 +131,8 @@ std::vector<Vector> chooseColors(Options const& options, ParticleSet const& part
     }
     if (!particles.colors.empty())
         return particles.colors;
+    if (particles.elements.empty())
+        return mapTypes(particles.types);
     std::vector<Vector> colors(particles.elements.size());
     std::transform(particles.elements.begin(), particles.elements.end(), colors.begin(),
                    elementColor);
@@ -350,7 +353,8 @@ std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const
         note(fmt::format("{} radii by element",
                          options.covalentRadii ? "covalent" : "van der Waals"));
         if (!particles.unknownElements.empty())
-            note(fmt::format("1.70 for unknown elements: {}",
+            note(fmt::format("{:.2f} for unknown elements: {}",
+                             static_cast<double>(1.7F * particles.angstrom),
                              fmt::join(particles.unknownElements, " ")));
     } else {
         float const spacing = radiusFromSpacing(particles.positions, progress);
