@@ -16,4 +16,5 @@ forbid kelpa/spheretree/static 'kelpa/spheretree/motionblur'
 forbid kelpa/spheretree/motionblur 'kelpa/spheretree/static'
 forbid kelpa/particleprimitives 'kelpa/host|tool/|bench/|tests/'
 forbid kelpa/host 'kelpa/(spheretree|particleprimitives)|tool/|bench/|tests/'
+forbid python 'tool/|bench/|tests/'
 exit $failed

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+
+#include <pybind11/pybind11.h>
+
+#include <cstddef>
+#include <functional>
+
+namespace kelpapython {
+
+/// Asked between small steps of a long piece of work; false: leave it, the rest is not wanted.
+using GoOn = std::function<bool()>;
+
+// Both functions are called with the interpreter's lock, and release it while they work. Some
+// twenty times a second the calling thread takes it to look for signals and to call
+// `progress(fraction, message)` (unless it is None). What these raise ends the work and leaves the
+// function.
+
+/// Does pieces 0 to `count` - 1 on `threads` threads (as many as there are processors if that is 0
+/// or less), this one among them. `piece` is called from all of them; what it throws ends the work
+/// and is thrown on.
+void runPieces(std::size_t count, int threads, pybind11::object const& progress,
+               char const* message, std::function<void(std::size_t, GoOn const&)> const& piece);
+
+/// Runs `build` on a thread of its own; its messages are what `progress` is told, with None for the
+/// fraction.
+void runBuild(pybind11::object const& progress,
+              std::function<void(Kelpa::ProgressCallback&)> const& build);
+
+} // namespace kelpapython
