@@ -9,5 +9,6 @@ namespace kelpatool {
 int runRender(Options const& options);
 int runInfo(Options const& options);
 int runGenerate(Options const& options);
+int runBench(Options const& options);
 
 } // namespace kelpatool

@@ -1,5 +1,7 @@
 #include "tool/commands.h"
+#include "tool/json.h"
 #include "tool/phases.h"
+#include "tool/statistics.h"
 
 #include <fmt/format.h>
 
@@ -27,25 +29,6 @@ RadiusSummary summarise(std::vector<float> radii) {
     std::nth_element(radii.begin(), middle, end);
     auto const [least, most] = std::minmax_element(radii.begin(), end);
     return {static_cast<double>(*least), static_cast<double>(*middle), static_cast<double>(*most)};
-}
-
-std::string quoted(std::string const& text) {
-    std::string json(1, '"');
-    for (char const c : text) {
-        if (c == '"' || c == '\\')
-            json += '\\';
-        if (static_cast<unsigned char>(c) < 0x20)
-            json += fmt::format("\\u{:04x}", static_cast<int>(c));
-        else
-            json += c;
-    }
-    json += '"';
-    return json;
-}
-
-// JSON knows no infinities.
-std::string jsonNumber(double value) {
-    return std::isfinite(value) ? fmt::format("{}", value) : "null";
 }
 
 std::string boundsText(Bounds const& bounds) {
@@ -94,14 +77,14 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
 void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
                  std::string const& file, BuildReport const& report) {
     fmt::print("{{\n  \"file\": {},\n  \"format\": {},\n  \"particles\": {},\n  \"frames\": {},\n",
-               quoted(baseName(file)), quoted(particles.format), particles.positions.size(),
+               jsonText(baseName(file)), jsonText(particles.format), particles.positions.size(),
                particles.frameCount);
     fmt::print("  \"columns\": [");
     for (std::size_t i = 0; i < particles.columns.size(); ++i) {
         AttributeSummary const& column = particles.columns[i];
         fmt::print(
             "{}\n    {{\"name\": {}, \"type\": {}, \"min\": {}, \"max\": {}, \"notFinite\": {}}}",
-            i > 0 ? "," : "", quoted(column.name), quoted(column.type), jsonNumber(column.min),
+            i > 0 ? "," : "", jsonText(column.name), jsonText(column.type), jsonNumber(column.min),
             jsonNumber(column.max), column.notFinite);
     }
     fmt::print("\n  ],\n  \"radius\": {{\"min\": {}, \"median\": {}, \"max\": {}}},\n",
@@ -113,28 +96,38 @@ void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary
                jsonNumber(scene.largestStep));
     fmt::print("  \"skipped\": {{\"notFinite\": {}, \"notPositive\": {}}},\n",
                scene.rejected.notFinite, scene.rejected.notPositive);
-    fmt::print("  \"treeBytes\": {},\n  \"statistics\": [", scene.geometry->memory());
-    for (std::size_t i = 0; i < report.statisticsLines.size(); ++i)
-        fmt::print("{}\n    {}", i > 0 ? "," : "", quoted(report.statisticsLines[i]));
-    fmt::print("\n  ]\n}}\n");
+    std::string const tree = jsonTreeReport(report.statisticsLines);
+    fmt::print("  \"tree\": {{\"bytes\": {}{}{}}}\n}}", scene.geometry->memory(),
+               tree.empty() ? "" : ", ", tree);
 }
 
-} // namespace
-
-int runInfo(Options const& given) {
-    Options options = given;
+/// Tells about one file.
+void tellAbout(Options options, std::string const& file) {
+    options.particles.files = {file};
     // The whole way between the snapshots.
     if (hasSecondFile(options) && !options.motion.shutter)
         options.motion.shutter = options.motion.times;
-    std::string const& file = options.particles.files[0];
     ParticleSet particles = readParticles(file, options, true);
     Scene scene = readyScene(options, particles);
     BuildReport report(options.run);
     buildScene(scene, options, report);
-    RadiusSummary const radii = summarise(scene.first->radii);
+    (options.json ? printAsJson : printAsText)(particles, scene, summarise(scene.first->radii),
+                                               file, report);
+}
+
+} // namespace
+
+int runInfo(Options const& options) {
+    std::vector<std::string> const& files = options.particles.files;
+    bool const isList = options.json && files.size() > 1;
     bool isPrinted = true;
     try {
-        (options.json ? printAsJson : printAsText)(particles, scene, radii, file, report);
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            if (isList)
+                fmt::print("{}", i == 0 ? "[\n" : ",\n");
+            tellAbout(options, files[i]);
+        }
+        fmt::print("{}{}", isList ? "\n]" : "", options.json ? "\n" : "");
     } catch (std::system_error const&) {
         isPrinted = false; // more than the buffer holds, so that printing noticed
     }

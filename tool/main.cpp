@@ -33,6 +33,8 @@ int run(kelpatool::Options const& options) {
         return kelpatool::runInfo(options);
     case kelpatool::Options::Command::generate:
         return kelpatool::runGenerate(options);
+    case kelpatool::Options::Command::bench:
+        return kelpatool::runBench(options);
     default:
         return wrongUsage;
     }

@@ -18,10 +18,10 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         char const* needs;
     };
     Rule const rules[] = {
-        {"--shutter", isMoving, "motion: a second file, or --motion velocity"},
-        {"--bounds", isMoving, "motion: a second file, or --motion velocity"},
+        {"--shutter", isMoving, "motion: --motion FILE, or --motion velocity"},
+        {"--bounds", isMoving, "motion: --motion FILE, or --motion velocity"},
         {"--dt", hasVelocity, "--motion velocity"},
-        {"--times", isMoving && !hasVelocity, "a second file"},
+        {"--times", isMoving && !hasVelocity, "a second snapshot: --motion FILE"},
         {"--shadows", !isFlat, "light: --shade ao or lit"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
         {"--ao-distance", hasOcclusion, "--shade ao"},
@@ -39,7 +39,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
     if (options.command == Options::Command::generate)
         return;
     MotionOptions& motion = options.motion;
-    if (particles.files.size() == 2) {
+    if (options.command == Options::Command::render && particles.files.size() == 2) {
         if (motion.motion != "none")
             throw UsageError("two files are two snapshots already; leave --motion out");
         motion.motion = particles.files[1];

@@ -3,6 +3,7 @@
 #include "tool/optionchecks.h"
 #include "tool/optionforms.h"
 #include "tool/particlefile.h"
+#include "tool/version.h"
 
 #include <fmt/format.h>
 
@@ -52,9 +53,6 @@ void addRunOptions(CLI::App& app, RunOptions& run) {
 }
 
 void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
-    app.add_option("FILE", particles.files, "Particle file; a second one is a later snapshot")
-        ->required()
-        ->expected(1, 2);
     app.add_option("--format", particles.format, "Format of the file: " + formatNames());
     app.add_option("--frame", particles.frame, "Frame of the file; negative: from the end");
     auto* const radius =
@@ -249,14 +247,18 @@ void addPictureOptions(CLI::App& app, Options& options) {
     app.add_flag("--reproducible", options.run.reproducible,
                  "Build on one thread, so that every bit is the same every time")
         ->group("Run");
-    app.add_flag("--stats", options.run.stats, "Print the tree's statistics")->group("Run");
+    // A flag takes a value after = only, so that it never swallows the file that follows it.
+    app.add_flag("--stats", options.run.statsFile,
+                 "Print the tree's statistics; with --stats=FILE.json write them and all times")
+        ->type_name("[=FILE.json]")
+        ->group("Run");
 }
 
 /// Says why a command line cannot be read and where help is.
 int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
     bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
     if (isUnknown && firstWord[0] != '-')
-        fmt::print(stderr, "kelpa: no command '{}'; there are render, info and generate\n",
+        fmt::print(stderr, "kelpa: no command '{}'; there are render, info, generate and bench\n",
                    firstWord);
     else if (app.get_subcommands().empty())
         fmt::print(stderr, "kelpa: {}; see kelpa --help\n", reason);
@@ -272,13 +274,18 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     Options options;
     CLI::App app("Ray-traces particle systems: exact spheres and points, still and moving.",
                  "kelpa");
-    app.set_version_flag(
-        "--version",
-        fmt::format("kelpa 0.1.0 (reads {}; writes PNG, EXR, PPM and PLY)", readableFormats()));
+    app.set_version_flag("--version",
+                         fmt::format("kelpa {} (reads {}; writes PNG, EXR, PPM and PLY)", version,
+                                     readableFormats()));
     app.require_subcommand(1);
     app.formatter(std::make_shared<ExamplesFirst>());
 
     auto* const render = app.add_subcommand("render", "Make a picture of a particle file");
+    render
+        ->add_option("FILE", options.particles.files,
+                     "Particle file; a second one is a later snapshot")
+        ->required()
+        ->expected(1, 2);
     addParticleOptions(*render, options.particles);
     render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
     addMotionOptions(*render, options.motion);
@@ -287,11 +294,24 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     addRunOptions(*render, options.run);
 
     auto* const info = app.add_subcommand("info", "Tell what a particle file holds");
+    info->add_option("FILE", options.particles.files, "Particle files")->required();
     addParticleOptions(*info, options.particles);
     addMotionOptions(*info, options.motion);
     info->add_flag("--json", options.json, "As JSON");
     addTreeOptions(*info, options.tree);
     addRunOptions(*info, options.run);
+
+    auto* const bench =
+        app.add_subcommand("bench", "Measure builds and rays with a file's particles");
+    bench->add_option("FILE", options.particles.files, "Particle file")->required()->expected(1);
+    addParticleOptions(*bench, options.particles);
+    addMotionOptions(*bench, options.motion);
+    bench->add_option("--runs", options.benchRuns, "Runs, of which the median counts; default: 5")
+        ->check(between(1, 1000));
+    bench->add_option("--rays", options.benchRays, "Rays of each kind; default: 200000")
+        ->check(between(1, 100000000));
+    addTreeOptions(*bench, options.tree);
+    addRunOptions(*bench, options.run);
 
     auto* const generate = app.add_subcommand("generate", "Write a sample of particles");
     generate->add_option("KIND", options.kind, "galaxy, splash, crystal or cloud")
@@ -308,9 +328,14 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
 
     try {
         app.parse(argc, argv);
-        options.command = render->parsed() ? Options::Command::render
-                          : info->parsed() ? Options::Command::info
-                                           : Options::Command::generate;
+        options.command = render->parsed()  ? Options::Command::render
+                          : info->parsed()  ? Options::Command::info
+                          : bench->parsed() ? Options::Command::bench
+                                            : Options::Command::generate;
+        if (options.run.statsFile == "true") { // what CLI11 makes of no value
+            options.run.stats = true;
+            options.run.statsFile.clear();
+        }
         CLI::App const& command = *app.get_subcommands().front();
         checkTogether(
             [&command](char const* name) {

@@ -90,13 +90,14 @@ struct RunOptions {
     bool reproducible = false;
     bool quiet = false;
     bool verbose = false;
-    bool stats = false;
+    bool stats = false;    ///< printed
+    std::string statsFile; ///< as JSON; empty: none
     Kelpa::ProgressLine::Mode progress = Kelpa::ProgressLine::Mode::automatic;
 };
 
 /// Everything that the command line says.
 struct Options {
-    enum class Command { none, render, info, generate };
+    enum class Command { none, render, info, generate, bench };
 
     Command command = Command::none;
     ParticleOptions particles;
@@ -112,6 +113,8 @@ struct Options {
     std::string kind; ///< of sample
     std::uint64_t count = 0;
     bool ascii = false;
+    int benchRuns = 5;
+    int benchRays = 200000;
 };
 
 /// Reads the command line. When that already answers it (help, version, wrong usage) says so, fills

@@ -2,6 +2,7 @@
 
 #include "kelpa/host/consoleprogress.h"
 
+#include "tool/bunch.h"
 #include "tool/sampling.h"
 #include "tool/srgb.h"
 
@@ -21,7 +22,7 @@ namespace {
 using Kelpa::Vector;
 
 constexpr int tileWidth = 8; // a tile is a bunch of 64 rays
-constexpr int lanesPerTile = tileWidth * tileWidth;
+static_assert(tileWidth * tileWidth == lanesPerBunch);
 constexpr std::int64_t noParticle = -1; // skips nothing: the scene's base index is 0
 
 Vector operator+(Vector const& a, Vector const& b) {
@@ -83,42 +84,6 @@ Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene c
     return light;
 }
 
-/// Rays of one tile with their hits; the form in which the primitives take many.
-struct Bunch {
-    Kelpa::RayBunchExtParams rays;
-    Kelpa::RayBunchCommonResult hits;
-    double tMins[lanesPerTile];
-    double tMaxs[lanesPerTile];
-    unsigned char lanes[lanesPerTile];
-    unsigned long numLanes = 0;
-
-    void clear() {
-        numLanes = 0;
-        hits.noHits = true;
-    }
-    /// Adds a ray in lane `lane`, to be searched from `tMin` to `tMax`.
-    void add(unsigned char lane, double const (&origin)[3], Vector const& dir, double tMin,
-             double tMax, float time, std::int64_t skipIndex) {
-        rays.originX[lane] = origin[0];
-        rays.originY[lane] = origin[1];
-        rays.originZ[lane] = origin[2];
-        rays.dirX[lane] = dir.x;
-        rays.dirY[lane] = dir.y;
-        rays.dirZ[lane] = dir.z;
-        rays.time[lane] = time;
-        rays.skipIndex[lane] = skipIndex;
-        tMins[lane] = tMin; // by lane, but the ends by place in the list
-        tMaxs[numLanes] = tMax;
-        hits.hitT[lane] = tMax;
-        hits.hit[lane] = 0;
-        lanes[numLanes++] = lane;
-    }
-    void trace(Geometry& geometry) {
-        if (numLanes > 0)
-            geometry.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);
-    }
-};
-
 /// A camera ray's hit, ready for light.
 struct Surface {
     double place[3];
@@ -177,7 +142,7 @@ class TileRenderer {
     std::vector<Pixel> pixels;
     std::vector<PixelSamples> samples;
     Bunch bunch;
-    Surface surfaces[lanesPerTile];
+    Surface surfaces[lanesPerBunch];
     std::vector<unsigned char> hitLanes;
 };
 
@@ -271,7 +236,7 @@ void TileRenderer::findSky(std::uint32_t sample) {
 void TileRenderer::renderSample(std::uint32_t sample) {
     auto const sampleCount = static_cast<std::uint32_t>(options.image.samples);
     float const weight = 1.0F / static_cast<float>(sampleCount);
-    Vector towardsEye[lanesPerTile];
+    Vector towardsEye[lanesPerBunch];
     bunch.clear();
     for (std::size_t i = 0; i < pixels.size(); ++i) {
         Sample2 const at =
@@ -286,7 +251,7 @@ void TileRenderer::renderSample(std::uint32_t sample) {
     bunch.trace(*scene.geometry);
 
     hitLanes.clear();
-    double depths[lanesPerTile];
+    double depths[lanesPerBunch];
     for (std::size_t i = 0; i < pixels.size(); ++i) {
         if (bunch.hits.hit[i] == 0)
             continue;

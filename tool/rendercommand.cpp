@@ -1,9 +1,11 @@
 #include "tool/camera.h"
 #include "tool/commands.h"
 #include "tool/image.h"
+#include "tool/outputfile.h"
 #include "tool/outputname.h"
 #include "tool/phases.h"
 #include "tool/render.h"
+#include "tool/statistics.h"
 
 #include <fmt/format.h>
 
@@ -77,6 +79,8 @@ void checkOutput(Options const& options) {
                                      ".png or .exr",
                                      baseName(options.output)));
     checkWritable(options.camera.turntable > 0 ? numberedName(options.output, 0) : options.output);
+    if (!options.run.statsFile.empty())
+        OutputFile::check(options.run.statsFile);
 }
 
 /// A scene with its tree, and how long they took.
@@ -86,7 +90,7 @@ struct BuiltScene {
     double buildSeconds = 0.0;
 };
 
-BuiltScene makeBuiltScene(Options const& options) {
+BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics) {
     BuiltScene built;
     Stopwatch const readTime;
     built.scene = readyScene(options, readParticles(options.particles.files[0], options, false));
@@ -96,22 +100,31 @@ BuiltScene makeBuiltScene(Options const& options) {
     BuildReport report(options.run);
     buildScene(built.scene, options, report);
     built.buildSeconds = buildTime.seconds();
+    statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
+                        built.buildSeconds, report.statisticsLines);
     return built;
 }
 
 void renderPicture(BuiltScene& built, Camera const& camera, Options const& options,
-                   std::string const& output) {
+                   std::string const& output, RenderStatistics& statistics) {
     Stopwatch const renderTime;
     Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
         return renderImage(built.scene, camera, options, threadCount(options.run), progress);
     });
     throwIfInterrupted();
+    double const renderSeconds = renderTime.seconds();
+    Stopwatch const writeTime;
     writeImage(output, image, options.image.transparent);
+    int const width = image.cropX1 - image.cropX0;
+    int const height = image.cropY1 - image.cropY0;
+    statistics.addPicture({output, width, height,
+                           image.alpha.size() * static_cast<std::size_t>(options.image.samples),
+                           renderSeconds, writeTime.seconds()});
     if (!options.run.quiet)
         fmt::print(
             stderr,
             "wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
-            output, image.cropX1 - image.cropX0, image.cropY1 - image.cropY0,
+            output, width, height,
             withCommas(static_cast<std::uint64_t>(built.scene.geometry->sphereCount())),
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
 }
@@ -120,7 +133,8 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
 
 int runRender(Options const& options) {
     checkOutput(options);
-    BuiltScene built = makeBuiltScene(options);
+    RenderStatistics statistics;
+    BuiltScene built = makeBuiltScene(options, statistics);
     Scene const& scene = built.scene;
     if (!options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
@@ -129,12 +143,17 @@ int runRender(Options const& options) {
         renderPicture(built,
                       placeCamera(options.camera, width, height, scene.upAxis, scene.framedCenters,
                                   scene.framedRadii, scene.origin),
-                      options, options.output);
+                      options, options.output, statistics);
     for (int picture = 0; picture < options.camera.turntable; ++picture)
         renderPicture(built,
                       placeTurntable(options.camera, picture, width, height, scene.upAxis,
                                      scene.framedCenters, scene.framedRadii, scene.origin),
-                      options, numberedName(options.output, picture));
+                      options, numberedName(options.output, picture), statistics);
+    if (!options.run.statsFile.empty()) {
+        OutputFile file(options.run.statsFile);
+        file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));
+        file.commit();
+    }
     return 0;
 }
 

@@ -1,0 +1,7 @@
+#pragma once
+
+namespace kelpatool {
+
+constexpr char const* version = "0.1.0";
+
+} // namespace kelpatool
