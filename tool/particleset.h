@@ -50,6 +50,7 @@ struct ParticleSet {
     bool isUnwrapped = false; ///< positions go on beyond the cell: no jumps from frame to frame
     float angstrom = 1.0F;    ///< in the file's unit of length, where elements give the radii
 
+    std::string name;   ///< for messages: the file, and which of its frames if it has several
     std::string format; ///< such as "PLY binary little-endian"
     std::string
         radiusSource;        ///< the column that `radii` came from, such as "psz" or "diameter / 2"

@@ -90,12 +90,14 @@ ParticleSet readParticles(std::string const& path, Options const& options, bool 
     read.frame = options.particles.frame;
     read.radiusFrom = options.particles.radiusFrom;
     read.summarise = summarise;
+    read.forMotion = hasSecondFile(options);
     if (!options.color.colorBy.empty())
         read.attributes.push_back(options.color.colorBy);
     ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
         read.progress = progress;
         return readParticleFile(path, read);
     });
+    particles.name = path;
     for (std::string const& text : particles.notes)
         noteTo(options.run)(text);
     return particles;

@@ -1,13 +1,13 @@
 #include "tool/scene.h"
 
 #include "tool/colormap.h"
+#include "tool/motion.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <numeric>
 
 namespace kelpatool {
 
@@ -172,33 +172,6 @@ Ways waysAlongVelocities(Options const& options, ParticleSet const& particles,
     return {moved(shutter[0]), moved(shutter[1]), radii, radii};
 }
 
-/// For each particle of the first snapshot the index of its partner in the second, or -1.
-std::vector<std::int64_t> partners(ParticleSet const& first, ParticleSet const& second) {
-    std::vector<std::int64_t> indices(first.positions.size());
-    if (first.ids.empty() || second.ids.empty()) {
-        std::iota(indices.begin(), indices.end(), std::int64_t{0});
-        return indices;
-    }
-    std::vector<std::pair<std::int64_t, std::int64_t>> byId(second.ids.size());
-    for (std::size_t i = 0; i < byId.size(); ++i)
-        byId[i] = {second.ids[i], static_cast<std::int64_t>(i)};
-    std::sort(byId.begin(), byId.end());
-    std::vector<bool> isTaken(byId.size(), false);
-    for (std::size_t i = 0; i < indices.size(); ++i) {
-        // Of particles that share an id, each finds another partner.
-        auto at =
-            std::lower_bound(byId.begin(), byId.end(), std::pair(first.ids[i], std::int64_t{-1}));
-        while (at != byId.end() && at->first == first.ids[i] &&
-               isTaken[static_cast<std::size_t>(at - byId.begin())])
-            ++at;
-        bool const found = at != byId.end() && at->first == first.ids[i];
-        indices[i] = found ? at->second : -1;
-        if (found)
-            isTaken[static_cast<std::size_t>(at - byId.begin())] = true;
-    }
-    return indices;
-}
-
 /// What one particle does between two snapshots.
 struct Way {
     Vector from;
@@ -212,12 +185,13 @@ struct Way {
 Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet const& second,
                  std::vector<float>& radii, std::vector<Vector>& colors, Note const& note,
                  PhaseProgress const& progress) {
-    std::string const& file0 = options.particles.files[0];
-    std::string const& file1 = options.motion.motion;
+    std::string const& file0 = particles.name;
+    std::string const& file1 = second.name;
     bool const hasIds = !particles.ids.empty() && !second.ids.empty();
     if (!hasIds && particles.positions.size() != second.positions.size())
         throw InputError(
-            fmt::format("{} has {} particles and {} has {}, and there are no ids to match them by",
+            fmt::format("{} has {} particles and {} has {}, and there are no ids to match them by; "
+                        "use --motion none",
                         file0, particles.positions.size(), file1, second.positions.size()));
     if (!hasIds)
         note(fmt::format("no ids in both files: particles of {} and {} are matched by their order",
@@ -228,7 +202,8 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
         return hasRadii ? second.radii[i] * options.particles.radiusScale : otherwise;
     };
 
-    std::vector<std::int64_t> const indices = partners(particles, second);
+    std::vector<std::int64_t> const indices = findPartners(particles, second);
+    PeriodicWays periodic(particles, second);
     progress(1.0, indices.size());
     std::vector<bool> isMatched(second.positions.size(), false);
     std::vector<Way> ways(indices.size());
@@ -241,20 +216,33 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
         }
         auto const k = static_cast<std::size_t>(indices[i]);
         isMatched[k] = true;
-        ways[i].to = second.positions[k];
+        ways[i].to = periodic.end(i, k);
         ways[i].radiusTo = secondRadius(k, radii[i]);
     }
+    if (periodic.crossingCount() > 0)
+        note(fmt::format("{} particles leave the periodic box and come back on its other side; "
+                         "they are drawn going on",
+                         periodic.crossingCount()));
     std::uint64_t onlySecond = 0;
     float const usual = radii.empty() ? 1.0F : radii[radii.size() / 2];
+    bool const hasNew = std::find(isMatched.begin(), isMatched.end(), false) != isMatched.end();
+    std::vector<Vector> const secondColors =
+        hasNew && !colors.empty() ? chooseColors(options, second) : std::vector<Vector>{};
+    bool const isByElement =
+        particles.radii.empty() && !options.particles.radius && !second.elements.empty();
+    std::vector<float> const secondElementRadii =
+        hasNew && isByElement ? elementRadii(options.particles, second) : std::vector<float>{};
     for (std::size_t k = 0; k < isMatched.size(); ++k) {
         if (isMatched[k])
             continue;
         ++onlySecond;
-        float const r = secondRadius(k, usual);
+        float const r = secondElementRadii.empty()
+                            ? secondRadius(k, usual)
+                            : secondElementRadii[k] * options.particles.radiusScale;
         ways.push_back({second.positions[k], second.positions[k], r, r});
         particles.ids.push_back(second.ids[k]);
         if (!colors.empty())
-            colors.push_back(k < second.colors.size() ? second.colors[k] : defaultColor);
+            colors.push_back(k < secondColors.size() ? secondColors[k] : defaultColor);
     }
     if (onlyFirst + onlySecond > 0)
         note(fmt::format("{} particles are only in {}, {} only in {}; they stand still", onlyFirst,
