@@ -1,8 +1,8 @@
-#include "kelpa/spheretree/spherefilter.h"
 
 #include "allocationfailure.h"
 #include "movingscene.h"
 #include "testhost.h"
+#include "variants.h"
 
 #include <gtest/gtest.h>
 
@@ -91,19 +91,15 @@ TEST(MovingClouds, AnswerAlikeWithAndWithoutPackedSpheres) {
         scene.tree.packSpheres = 1;
         scene.tree.build(nullptr, nullptr, 0);
         EXPECT_EQ(scene.tree.getPackedMemUsage() != 0, kind.types == "0");
-        for (auto const variant : {FilterVariant::scalar, FilterVariant::sse2, FilterVariant::avx2,
-                                   FilterVariant::avx512}) {
-            if (sphereFilter(variant) == nullptr)
-                continue;
-            chooseSphereFilter(variant); // the widest comes last, so it stays for later tests
+        forEachVariant([&] {
             int different = 0;
             for (std::size_t i = 0; i < rays.size(); ++i) {
                 RSRay ray = rays[i];
                 scene.owner.intersect(ray);
                 different += !isSameHit(ray, answers[i]);
             }
-            EXPECT_EQ(different, 0) << static_cast<int>(variant);
-        }
+            EXPECT_EQ(different, 0);
+        });
     }
 }
 
@@ -122,7 +118,7 @@ TEST(MovingClouds, AnswerBunchesLikeSingleRaysAtTheirTimes) {
             std::vector<RSRay> single;
             result.noHits = true;
             for (unsigned char lane = 0; lane < 64; ++lane) {
-                RSRay ray = scene.makeRay(source.make(Aim::through));
+                RSRay ray = scene.makeRay(source.make(static_cast<Aim>(lane % numAims)));
                 ray.time = random.between(-0.2F, 1.2F); // some outside the shutter
                 for (double& from : ray.origin)
                     from = roundedToSingle(from);
@@ -140,20 +136,24 @@ TEST(MovingClouds, AnswerBunchesLikeSingleRaysAtTheirTimes) {
                 result.hitT[lane] = std::numeric_limits<double>::infinity();
                 lanes[lane] = lane;
             }
-            bool const isAny =
-                scene.owner.bunchIntersect(params, result, tMins, tMaxs, lanes, std::size(lanes));
-            EXPECT_NE(isAny, static_cast<bool>(result.noHits));
-            for (std::size_t i = 0; i < std::size(lanes); ++i) {
-                int const code = scene.owner.intersect(single[i]);
-                ASSERT_EQ(result.hit[i], code);
-                hits += code != 0;
-                if (code == 0)
-                    continue;
-                EXPECT_EQ(result.hitT[i], single[i].hitT);
-                EXPECT_EQ(result.hitIndex[i], single[i].hitIndex);
-                EXPECT_EQ(result.hitPrimitive[i], single[i].hitPrimitive);
-                EXPECT_EQ(result.hitNormalY[i], single[i].hitNormal.y);
-            }
+            forEachVariant([&] {
+                RayBunchCommonResult answer = result;
+                bool const isAny = scene.owner.bunchIntersect(params, answer, tMins, tMaxs, lanes,
+                                                              std::size(lanes));
+                EXPECT_NE(isAny, static_cast<bool>(answer.noHits));
+                for (std::size_t i = 0; i < std::size(lanes); ++i) {
+                    RSRay ray = single[i];
+                    int const code = scene.owner.intersect(ray);
+                    ASSERT_EQ(answer.hit[i], code);
+                    hits += code != 0;
+                    if (code == 0)
+                        continue;
+                    EXPECT_EQ(answer.hitT[i], ray.hitT);
+                    EXPECT_EQ(answer.hitIndex[i], ray.hitIndex);
+                    EXPECT_EQ(answer.hitPrimitive[i], ray.hitPrimitive);
+                    EXPECT_EQ(answer.hitNormalY[i], ray.hitNormal.y);
+                }
+            });
         }
         EXPECT_GT(hits, 300);
     }

@@ -3,6 +3,7 @@
 #include "allocationfailure.h"
 #include "scene.h"
 #include "testhost.h"
+#include "variants.h"
 
 #include <gtest/gtest.h>
 
@@ -355,12 +356,16 @@ TEST(Bunches, GiveEveryListedRayItsOwnHitAndTouchNothingElse) {
                 expected->hitNormalY[lane] = ray.hitNormal.y;
                 expected->hitNormalZ[lane] = ray.hitNormal.z;
             }
-            EXPECT_EQ(scene.owner.bunchIntersect(*params, *result, tMins, tMaxs, lanes,
-                                                 static_cast<unsigned long>(numLanes)),
-                      anyHit);
-            EXPECT_EQ(std::memcmp(result.get(), expected.get(), sizeof *result), 0);
-            EXPECT_EQ(scene.owner.getNormal({}, *result, 5).x, result->hitNormalX[5]);
-            EXPECT_EQ(scene.owner.getGNormal({}, *result, 5).z, result->hitNormalZ[5]);
+            forEachVariant([&] {
+                auto const answer = std::make_unique<RayBunchCommonResult>();
+                std::memcpy(static_cast<void*>(answer.get()), result.get(), sizeof *answer);
+                EXPECT_EQ(scene.owner.bunchIntersect(*params, *answer, tMins, tMaxs, lanes,
+                                                     static_cast<unsigned long>(numLanes)),
+                          anyHit);
+                EXPECT_EQ(std::memcmp(answer.get(), expected.get(), sizeof *answer), 0);
+                EXPECT_EQ(scene.owner.getNormal({}, *answer, 5).x, answer->hitNormalX[5]);
+                EXPECT_EQ(scene.owner.getGNormal({}, *answer, 5).z, answer->hitNormalZ[5]);
+            });
         }
         EXPECT_GT(hits, 50);
     }

@@ -1,10 +1,10 @@
 #include "kelpa/spheretree/buildprogress.h"
-#include "kelpa/spheretree/spherefilter.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/traversal.h"
 
 #include "scene.h"
 #include "testhost.h"
+#include "variants.h"
 
 #include <gtest/gtest.h>
 
@@ -58,19 +58,15 @@ TEST(StillTrees, AnswerAlikeWithAndWithoutPackedLeaves) {
         scene.tree.packLeaves = 1;
         scene.tree.build(nullptr, nullptr);
         EXPECT_EQ(scene.tree.getPackedMemUsage() != 0, kind.types == "0");
-        for (auto const variant : {FilterVariant::scalar, FilterVariant::sse2, FilterVariant::avx2,
-                                   FilterVariant::avx512}) {
-            if (sphereFilter(variant) == nullptr)
-                continue;
-            chooseSphereFilter(variant); // the widest comes last, so it stays for later tests
+        forEachVariant([&] {
             int different = 0;
             for (std::size_t i = 0; i < rays.size(); ++i) {
                 RSRay ray = rays[i];
                 scene.owner.intersect(ray);
                 different += !isSameHit(ray, answers[i]);
             }
-            EXPECT_EQ(different, 0) << static_cast<int>(variant);
-        }
+            EXPECT_EQ(different, 0);
+        });
     }
 }
 

@@ -7,17 +7,17 @@
 
 namespace Kelpa {
 
-inline float dot(Vector const& a, Vector const& b) {
+[[gnu::always_inline]] inline float dot(Vector const& a, Vector const& b) {
     return (a.x * b.x + a.y * b.y) + a.z * b.z;
 }
 
 /// The ray's origin in the precision of particle arithmetic.
-inline Vector singleOrigin(IRay const& ray) {
+[[gnu::always_inline]] inline Vector singleOrigin(IRay const& ray) {
     return {static_cast<float>(ray.origin[0]), static_cast<float>(ray.origin[1]),
             static_cast<float>(ray.origin[2])};
 }
 
-inline Vector fromTo(Vector const& from, Vector const& to) {
+[[gnu::always_inline]] inline Vector fromTo(Vector const& from, Vector const& to) {
     return {to.x - from.x, to.y - from.y, to.z - from.z};
 }
 
@@ -27,7 +27,8 @@ inline Vector fromTo(Vector const& from, Vector const& to) {
 /// b * b - a * c at the origin: far from small spheres that difference would cancel (E. Haines, J.
 /// Guenther, T. Akenine-Moeller, "Precision Improvements for Ray/Sphere Intersection", Ray Tracing
 /// Gems, 2019, ch. 7).
-inline int hitSphere(Vector const& center, float radius, IRay& ray, bool sameSphere) {
+[[gnu::always_inline]] inline int hitSphere(Vector const& center, float radius, IRay& ray,
+                                            bool sameSphere) {
     Vector const toCenter = fromTo(singleOrigin(ray), center);
     float const b = dot(toCenter, ray.dir);
     // Not `b < 0`: a NaN must miss, too.
@@ -61,7 +62,7 @@ inline int hitSphere(Vector const& center, float radius, IRay& ray, bool sameSph
 }
 
 /// `intersectPoint`, inline.
-inline int hitPoint(Vector const& center, float radius, IRay& ray) {
+[[gnu::always_inline]] inline int hitPoint(Vector const& center, float radius, IRay& ray) {
     Vector const toCenter = fromTo(singleOrigin(ray), center);
     float const t = dot(toCenter, ray.dir) / dot(ray.dir, ray.dir);
     double const closest = static_cast<double>(t);

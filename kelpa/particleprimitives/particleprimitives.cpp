@@ -164,26 +164,43 @@ bool SphereTreePrimitiveTemplate<Base, Tree, B>::bunchIntersect(RayBunchExtParam
     if (!TreeQuery<Tree>::isWorthAsking(*tree))
         return false;
     bool anyHit = false;
-    for (unsigned long j = 0; j < numLanes; ++j) {
-        unsigned char const i = lanes[j];
-        TraceRay const ray{{roundedToSingle(params.originX[i]), roundedToSingle(params.originY[i]),
-                            roundedToSingle(params.originZ[i])},
-                           {params.dirX[i], params.dirY[i], params.dirZ[i]}};
-        double const tMax = result.hitT[i] < tMaxs[j] ? result.hitT[i] : tMaxs[j];
-        ClosestHit const hit =
-            TreeQuery<Tree>::closestHit(*tree, ray, tMins[i], tMax, params.time[i],
-                                        localSkipIndex(params.skipIndex[i], baseIndex));
-        if (hit.code == 0)
-            continue;
-        result.hit[i] = static_cast<unsigned char>(hit.code);
-        result.hitPrimitive[i] = hit.primitive;
-        result.hitT[i] = hit.t;
-        result.hitIndex[i] = reportedIndex(*tree, hit, baseIndex);
-        result.hitNormalX[i] = hit.normal.x;
-        result.hitNormalY[i] = hit.normal.y;
-        result.hitNormalZ[i] = hit.normal.z;
-        result.hitLocalIndex[i] = hit.particleIndex;
-        anyHit = true;
+    for (unsigned long j = 0; j < numLanes;) {
+        // As many at a time as are distinct: a lane listed twice starts from its own first result.
+        std::uint64_t listed = 0;
+        typename TreeQuery<Tree>::List list;
+        unsigned char lane[longestList];
+        std::size_t count = 0;
+        for (; j < numLanes && !list.isFull(); ++j) {
+            unsigned char const i = lanes[j];
+            std::uint64_t const bit = std::uint64_t{1} << (i % 64U);
+            if ((listed & bit) != 0)
+                break;
+            listed |= bit;
+            lane[count++] = i;
+            TraceRay const ray{{roundedToSingle(params.originX[i]),
+                                roundedToSingle(params.originY[i]),
+                                roundedToSingle(params.originZ[i])},
+                               {params.dirX[i], params.dirY[i], params.dirZ[i]}};
+            double const tMax = result.hitT[i] < tMaxs[j] ? result.hitT[i] : tMaxs[j];
+            list.add(ray, tMins[i], tMax, params.time[i],
+                     localSkipIndex(params.skipIndex[i], baseIndex));
+        }
+        list.ask(*tree);
+        for (std::size_t k = 0; k < count; ++k) {
+            ClosestHit const hit = list.closestHit(*tree, k);
+            if (hit.code == 0)
+                continue;
+            unsigned char const i = lane[k];
+            result.hit[i] = static_cast<unsigned char>(hit.code);
+            result.hitPrimitive[i] = hit.primitive;
+            result.hitT[i] = hit.t;
+            result.hitIndex[i] = reportedIndex(*tree, hit, baseIndex);
+            result.hitNormalX[i] = hit.normal.x;
+            result.hitNormalY[i] = hit.normal.y;
+            result.hitNormalZ[i] = hit.normal.z;
+            result.hitLocalIndex[i] = hit.particleIndex;
+            anyHit = true;
+        }
     }
     if (anyHit)
         result.noHits = false;

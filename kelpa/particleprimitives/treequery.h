@@ -1,6 +1,7 @@
 #pragma once
 // Internal: all that differs between registering with, bounding and asking the two trees.
 
+#include "kelpa/foundation/fixedlist.h"
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/table.h"
 #include "kelpa/particleprimitives/bounds.h"
@@ -8,12 +9,17 @@
 #include "kelpa/spheretree/static/sdspheretree.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace Kelpa {
 
 /// What the primitives need of a tree; one specialisation per tree.
 template <class Tree> struct TreeQuery;
+
+/// The most rays that one call asks about.
+inline constexpr std::size_t longestList = 64;
 
 /// The closest hit of one ray, wherever it then is written.
 struct ClosestHit {
@@ -69,18 +75,49 @@ template <> struct TreeQuery<StaticSphereTree> {
 
     static ClosestHit closestHit(StaticSphereTree const& tree, TraceRay const& ray, double tMin,
                                  double tMax, float, std::int32_t skipIndex) {
-        ClosestHit closest{};
         if (tree.root == nullptr)
-            return closest;
+            return {};
         SDSphereHit hit{searchEnd(tMax), nullptr, {}};
         SDSphereRay query{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit};
-        closest.code = tree.intersectNode(query);
-        if (closest.code == 0)
-            return closest;
+        return described(tree, tree.intersectNode(query), hit);
+    }
+
+    /// Rays that are asked about in one go.
+    class List {
+      public:
+        bool isFull() const { return hits.isFull(); }
+        void add(TraceRay const& ray, double tMin, double tMax, float, std::int32_t skipIndex) {
+            SDSphereHit& hit = hits.add([&] {
+                return SDSphereHit{searchEnd(tMax), nullptr, Vector{}};
+            });
+            queries.add([&] {
+                return SDSphereRay{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit};
+            });
+        }
+        void ask(StaticSphereTree const& tree) {
+            if (tree.root != nullptr)
+                tree.intersectMany(queries, codes);
+        }
+        /// What `closestHit` returns for the ray that was added as number `i`.
+        ClosestHit closestHit(StaticSphereTree const& tree, std::size_t i) {
+            return described(tree, codes[i], hits[i]);
+        }
+
+      private:
+        FixedList<SDSphereHit, longestList> hits;
+        FixedList<SDSphereRay, longestList> queries;
+        int codes[longestList] = {};
+    };
+
+  private:
+    static ClosestHit described(StaticSphereTree const& tree, int code, SDSphereHit const& hit) {
+        if (code == 0)
+            return {};
         ParticleDataWithPrimitive const& system =
-            tree.particleSystems.elements[hit.sphere->systemIndex];
-        return {closest.code,       hit.t,     system.primitive, hit.sphere->particleIndex,
-                system.indexOffset, hit.normal};
+            tree.particleSystems.elements[tree.systemOf(*hit.sphere)];
+        return {
+            code,      hit.t, system.primitive, tree.particleOf(*hit.sphere), system.indexOffset,
+            hit.normal};
     }
 };
 
@@ -128,19 +165,65 @@ template <> struct TreeQuery<MovingSphereTree> {
 
     static ClosestHit closestHit(MovingSphereTree const& tree, TraceRay const& ray, double tMin,
                                  double tMax, float time, std::int32_t skipIndex) {
-        ClosestHit closest{};
-        // Outside the time that the snapshots span there is nothing; a NaN is let through.
-        if (tree.root == nullptr || (time - tree.shutterMax) * (time - tree.shutterMin) > 0.0F)
-            return closest;
+        if (tree.root == nullptr || !isCovered(tree, time))
+            return {};
         MBSphereHit hit{searchEnd(tMax), nullptr, {}};
         MBSphereRay query{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit, time};
-        closest.code = tree.intersectNode(query);
-        if (closest.code == 0)
-            return closest;
-        auto const& system = tree.particleSystems.elements[hit.hitSphere->systemIndex];
-        return {closest.code,       hit.hitT,
-                system.primitive,   static_cast<std::int32_t>(hit.hitSphere->particleIndex),
-                system.indexOffset, hit.hitVector};
+        return described(tree, tree.intersectNode(query), hit);
+    }
+
+    /// Rays that are asked about in one go.
+    class List {
+      public:
+        bool isFull() const { return hits.isFull(); }
+        void add(TraceRay const& ray, double tMin, double tMax, float time,
+                 std::int32_t skipIndex) {
+            MBSphereHit& hit = hits.add([&] {
+                return MBSphereHit{searchEnd(tMax), nullptr, Vector{}};
+            });
+            queries.add([&] {
+                return MBSphereRay{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit, time};
+            });
+        }
+        void ask(MovingSphereTree const& tree) {
+            if (tree.root == nullptr)
+                return;
+            // Rays between others at times that the snapshots do not span are left out.
+            for (std::size_t begin = 0; begin < queries.size();) {
+                std::size_t end = begin;
+                while (end < queries.size() && isCovered(tree, queries[end].rayTime))
+                    ++end;
+                tree.intersectMany({&queries[begin], end - begin}, codes + begin);
+                begin = end + 1;
+            }
+        }
+        /// What `closestHit` returns for the ray that was added as number `i`.
+        ClosestHit closestHit(MovingSphereTree const& tree, std::size_t i) {
+            return described(tree, codes[i], hits[i]);
+        }
+
+      private:
+        FixedList<MBSphereHit, longestList> hits;
+        FixedList<MBSphereRay, longestList> queries;
+        int codes[longestList] = {};
+    };
+
+  private:
+    /// Outside the time that the snapshots span there is nothing; a NaN is let through.
+    static bool isCovered(MovingSphereTree const& tree, float time) {
+        return !((time - tree.shutterMax) * (time - tree.shutterMin) > 0.0F);
+    }
+
+    static ClosestHit described(MovingSphereTree const& tree, int code, MBSphereHit const& hit) {
+        if (code == 0)
+            return {};
+        auto const& system = tree.particleSystems.elements[tree.systemOf(*hit.hitSphere)];
+        return {code,
+                hit.hitT,
+                system.primitive,
+                static_cast<std::int32_t>(tree.particleOf(*hit.hitSphere)),
+                system.indexOffset,
+                hit.hitVector};
     }
 };
 

@@ -11,18 +11,18 @@ using Quad = float __attribute__((vector_size(16)));
 using QuadMask = std::int32_t __attribute__((vector_size(16)));
 
 /// Reads four consecutive floats from any address.
-inline Quad loadQuad(void const* floats) {
+[[gnu::always_inline]] inline Quad loadQuad(void const* floats) {
     Quad q;
     std::memcpy(&q, floats, sizeof q);
     return q;
 }
 
-inline void storeQuad(float* floats, Quad q) {
+[[gnu::always_inline]] inline void storeQuad(float* floats, Quad q) {
     std::memcpy(floats, &q, sizeof q);
 }
 
 /// Makes rows of columns.
-inline void transpose(Quad (&rows)[4]) {
+[[gnu::always_inline]] inline void transpose(Quad (&rows)[4]) {
     Quad const low01 = __builtin_shufflevector(rows[0], rows[1], 0, 4, 1, 5);
     Quad const low23 = __builtin_shufflevector(rows[2], rows[3], 0, 4, 1, 5);
     Quad const high01 = __builtin_shufflevector(rows[0], rows[1], 2, 6, 3, 7);
@@ -33,24 +33,24 @@ inline void transpose(Quad (&rows)[4]) {
     rows[3] = __builtin_shufflevector(high01, high23, 2, 3, 6, 7);
 }
 
-inline Quad splat(float value) {
+[[gnu::always_inline]] inline Quad splat(float value) {
     return Quad{value, value, value, value};
 }
 
-inline Quad select(QuadMask mask, Quad ifSet, Quad ifClear) {
+[[gnu::always_inline]] inline Quad select(QuadMask mask, Quad ifSet, Quad ifClear) {
     return reinterpret_cast<Quad>((reinterpret_cast<QuadMask>(ifSet) & mask) |
                                   (reinterpret_cast<QuadMask>(ifClear) & ~mask));
 }
 
 /// `a` where it is smaller, else `b`: a NaN in `a` gives `b`.
-inline Quad smaller(Quad a, Quad b) {
+[[gnu::always_inline]] inline Quad smaller(Quad a, Quad b) {
     return select(a < b, a, b);
 }
-inline Quad larger(Quad a, Quad b) {
+[[gnu::always_inline]] inline Quad larger(Quad a, Quad b) {
     return select(a > b, a, b);
 }
 
-inline Quad magnitude(Quad q) {
+[[gnu::always_inline]] inline Quad magnitude(Quad q) {
     constexpr std::int32_t allButSign = 0x7FFFFFFF;
     return reinterpret_cast<Quad>(reinterpret_cast<QuadMask>(q) &
                                   QuadMask{allButSign, allButSign, allButSign, allButSign});

@@ -1,16 +1,25 @@
+// Compiled once for each kind of processor, with `KELPA_VARIANT` as its name.
+
+#include "kelpa/spheretree/motionblur/mbtraversal.h"
+
+#include "kelpa/foundation/fixedlist.h"
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/nearestsphere.h"
 #include "kelpa/spheretree/quad.h"
-#include "kelpa/spheretree/spherefilter.h"
 #include "kelpa/spheretree/splitchoice.h"
+#include "kelpa/spheretree/travellers.h"
 #include "kelpa/spheretree/traversal.h"
 
-#include <algorithm>
-#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 
-namespace Kelpa {
+namespace Kelpa::KELPA_VARIANT {
 
 namespace {
+
+using Tree = MBTree;
 
 /// A particle at one instant.
 struct PlacedSphere {
@@ -41,7 +50,6 @@ bool isCovered(MovingParticleDataWithPrimitive const& system, float time) {
 ///
 /// Each hit lowers the ray's end, so later ones can only be nearer; of equally near ones the first
 /// that is asked stays.
-template <class Tree>
 bool intersectLeaf(Tree const& tree, MBSphereNode const& leaf, MBSphereRay& ray) {
     MBLeafSphere const* const entries = leaf.leafSpheres();
     std::int32_t const count = leaf.numLeafSpheres();
@@ -77,12 +85,14 @@ bool intersectLeaf(Tree const& tree, MBSphereNode const& leaf, MBSphereRay& ray)
     return found;
 }
 
+inline constexpr std::int32_t placedAtATime = 16;
+
 /// Spheres of a leaf at one instant.
 struct PlacedSpheres {
-    alignas(64) float x[packWidth];
-    alignas(64) float y[packWidth];
-    alignas(64) float z[packWidth];
-    alignas(64) float radii[packWidth];
+    alignas(64) float x[placedAtATime];
+    alignas(64) float y[placedAtATime];
+    alignas(64) float z[placedAtATime];
+    alignas(64) float radii[placedAtATime];
 
     SphereArrays arrays() const { return {radii, 1, x, y, z}; }
 };
@@ -90,9 +100,9 @@ struct PlacedSpheres {
 /// Places `count` (1 to 16) of a leaf's spheres; the unused places become zero.
 void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t count, float f,
                   PlacedSpheres& placed) {
-    for (std::int32_t first = 0; first < packWidth; first += 4) {
+    for (std::int32_t first = 0; first < placedAtATime; first += 4) {
         Quad now[4] = {};
-        for (std::int32_t k = first; k < std::min(first + 4, count); ++k) {
+        for (std::int32_t k = first; k < (first + 4 < count ? first + 4 : count); ++k) {
             // x, y, z and radius in both snapshots; each takes the same steps as `placeAt`'s.
             float const* const states =
                 packed + 8 * static_cast<std::size_t>(entries[k].sphereIndex);
@@ -107,63 +117,136 @@ void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t
     }
 }
 
-/// `intersectLeaf` for packed spheres: the filter rules out only what `hitSphere` misses, and the
-/// rest is asked in the same order.
-template <class Tree>
-bool intersectPackedLeaf(Tree const& tree, MBSphereNode const& leaf, SphereFilter filter, float f,
-                         RayFilter& rayFilter, MBSphereRay& ray) {
-    MBLeafSphere const* const entries = leaf.leafSpheres();
-    std::int32_t const count = leaf.numLeafSpheres();
-    PlacedSpheres placed;
-    rayFilter.setInterval(ray);
-    bool found = false;
-    for (std::int32_t first = 0; first < count; first += packWidth) {
-        std::int32_t const n = std::min(count - first, packWidth);
-        placeSpheres(tree.packedSpheres, entries + first, n, f, placed);
-        std::uint32_t possible = filter(rayFilter, placed.arrays(), 0, n);
-        for (; possible != 0; possible &= possible - 1) {
-            auto const k = static_cast<std::int32_t>(std::countr_zero(possible));
-            Vector const center = placed.arrays().center(k);
-            double const tMax = ray.tMax;
-            if (hitSphere(center, placed.radii[k], ray, false) == 0)
-                continue; // and starting on it would be a miss, too
-            MBSphere& sphere = tree.spheres[entries[first + k].sphereIndex];
-            auto const& system = tree.particleSystems.elements[sphere.systemIndex];
-            if (skipNumber(tree.singleSystem, static_cast<std::int32_t>(sphere.particleIndex),
-                           system.indexOffset) == ray.skipIndex) {
-                ray.tMax = tMax;
-                if (hitSphere(center, placed.radii[k], ray, true) == 0)
-                    continue;
-            }
-            ray.hitRecord->hitVector = sphereNormal(ray, center, static_cast<float>(ray.tMax));
-            ray.hitRecord->hitT = ray.tMax;
-            ray.hitRecord->hitSphere = &sphere;
-            rayFilter.setInterval(ray);
+/// Offers the ray to the leaves of a tree, packed or not.
+class LeafVisitor {
+  public:
+    LeafVisitor(Tree const& searchedTree, MBSphereRay& visitingRay)
+        : tree(searchedTree), ray(visitingRay), probe(visitingRay),
+          // Packed systems share their times.
+          f(fractionAt(tree.particleSystems.elements[0], ray.rayTime)),
+          isPacked(tree.packedSpheres != nullptr &&
+                   isCovered(tree.particleSystems.elements[0], ray.rayTime)),
+          // Alone in its tree, a system's particles are numbered from 0.
+          mayStartOnSphere(tree.singleSystem != 1 || ray.skipIndex >= 0) {}
+
+    [[gnu::always_inline]] void visit(MBSphereNode const& leaf, double tMin, double tMax) {
+        if (isPacked) {
+            visitPacked(leaf, tMin, tMax);
+            return;
+        }
+        ray.tMin = tMin;
+        ray.tMax = tMax;
+        if (intersectLeaf(tree, leaf, ray))
             found = true;
+    }
+
+    void prefetch(MBSphereNode const& leaf) const {
+        MBLeafSphere const* const entries = leaf.leafSpheres();
+        if (!isPacked)
+            return;
+        for (std::int32_t k = 0; k < leaf.numLeafSpheres() && k < 32; ++k)
+            __builtin_prefetch(stateOf(entries[k]));
+    }
+
+    /// Completes the ray's hit record; true when there was a hit.
+    bool finish() {
+        if (sphere == nullptr)
+            return found;
+        ray.hitRecord->hitSphere = sphere;
+        ray.hitRecord->hitVector =
+            sphereNormal(ray, center, static_cast<float>(ray.hitRecord->hitT));
+        return true;
+    }
+
+  private:
+    float const* stateOf(MBLeafSphere const& entry) const {
+        return tree.packedSpheres + 8 * static_cast<std::size_t>(entry.sphereIndex);
+    }
+
+    bool isRayOrigin(MBLeafSphere const& entry) const {
+        MBSphere const& candidate = tree.spheres[entry.sphereIndex];
+        return skipNumber(tree.singleSystem, static_cast<std::int32_t>(tree.particleOf(candidate)),
+                          tree.particleSystems.elements[tree.systemOf(candidate)].indexOffset) ==
+               ray.skipIndex;
+    }
+
+    /// Finds what `intersectLeaf` finds.
+    [[gnu::always_inline]] void visitPacked(MBSphereNode const& leaf, double tMin, double tMax) {
+        MBLeafSphere const* const entries = leaf.leafSpheres();
+        std::int32_t const count = leaf.numLeafSpheres();
+        for (std::int32_t first = 0; first < count; first += placedAtATime) {
+            std::int32_t const n = count - first < placedAtATime ? count - first : placedAtATime;
+            PlacedSpheres placed;
+            placeSpheres(tree.packedSpheres, entries + first, n, f, placed);
+            HitWindow window(tMin, tMax);
+            std::int32_t const k =
+                nearestSphere<TieOrder::first>(probe, placed.arrays(), n, -1, window);
+            if (k < 0)
+                continue;
+            if (mayStartOnSphere && isRayOrigin(entries[first + k]))
+                tMax = visitOrigin(entries + first, placed, n, tMin, tMax, k);
+            else
+                tMax = keep(entries[first + k], placed, k, static_cast<double>(window.end));
         }
     }
-    return found;
+
+    /// As far as the ray meets no other sphere first, a sphere on which it starts is only left.
+    /// Returns the new end of the interval.
+    [[gnu::noinline]] double visitOrigin(MBLeafSphere const* entries, PlacedSpheres const& placed,
+                                         std::int32_t count, double tMin, double tMax,
+                                         std::int32_t origin) {
+        HitWindow window(tMin, tMax);
+        std::int32_t const other =
+            nearestSphere<TieOrder::first>(probe, placed.arrays(), count, origin, window);
+        auto const t = static_cast<double>(window.end);
+        ray.tMin = tMin;
+        ray.tMax = tMax;
+        bool const isLeft =
+            hitSphere(placed.arrays().center(origin), placed.radii[origin], ray, true) != 0;
+        if (isLeft && (other < 0 || ray.tMax < t || (ray.tMax == t && origin < other)))
+            return keep(entries[origin], placed, origin, ray.tMax);
+        return other >= 0 ? keep(entries[other], placed, other, t) : tMax;
+    }
+
+    double keep(MBLeafSphere const& entry, PlacedSpheres const& placed, std::int32_t k, double t) {
+        ray.hitRecord->hitT = t;
+        center = placed.arrays().center(k);
+        sphere = &tree.spheres[entry.sphereIndex];
+        return t;
+    }
+
+    Tree const& tree;
+    MBSphereRay& ray;
+    SphereProbe probe;
+    float f; ///< how far the packed spheres are on their way
+    bool isPacked;
+    bool mayStartOnSphere;
+    bool found = false;
+    MBSphere* sphere = nullptr; ///< the nearest packed one
+    Vector center;              ///< its centre
+};
+
+/// The ray parameter at which a ray meets a node's plane.
+///
+/// A node stands still in its own frame. There the ray's origin is where the world's would have
+/// been at time 0; only its coordinate along the split axis is needed.
+[[gnu::always_inline]] inline double planeParameterOf(MBSphereNode const& node, int axis,
+                                                      AxisRays const& axes, double time) {
+    float velocity;
+    std::memcpy(&velocity, reinterpret_cast<char const*>(&node.velocity) + 4 * axis, 4);
+    return axes.planeParameter(axis, node.splitPos, static_cast<double>(velocity) * time);
 }
 
 /// Visits the leaves that the ray passes at its time, front to back, until none can hold a nearer
 /// hit.
-///
-/// A node stands still in its own frame. There the ray's origin is where the world's would have
-/// been at time 0; only its coordinate along the split axis is needed.
-template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereRay& ray) {
+template <int Capacity> bool findClosestWith(Tree const& tree, MBSphereRay& ray) {
     AxisRays const axes(ray);
+    LeafVisitor leaves(tree, ray);
     double const time = static_cast<double>(ray.rayTime);
     PostponedChildren<MBSphereNode, Capacity> postponed;
     MBSphereNode const* node = tree.root;
     double tMin = ray.tMin;
     double tMax = ray.tMax;
-    // Packed systems share their times.
-    auto const& firstSystem = tree.particleSystems.elements[0];
-    bool const isPacked = tree.packedSpheres != nullptr && isCovered(firstSystem, ray.rayTime);
-    float const f = fractionAt(firstSystem, ray.rayTime);
-    SphereFilter const filter = chosenSphereFilter();
-    RayFilter rayFilter(ray);
-    bool found = false;
     for (;;) {
         while (!node->isLeaf()) {
             int const axis = node->kind();
@@ -173,9 +256,8 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereR
                 continue;
             }
             int const nearChild = axes.nearChild(axis);
-            double const shift = static_cast<double>(node->velocity[axis]) * time;
-            double const tSplit = axes.planeParameter(axis, node->splitPos, shift);
-            if (!((tSplit - tMin) * (tSplit - tMax) > 0.0)) {
+            double const tSplit = planeParameterOf(*node, axis, axes, time);
+            if ((tMin < tSplit && tSplit < tMax) || !((tSplit - tMin) * (tSplit - tMax) > 0.0)) {
                 // The plane crosses the interval, or the product is not a number: both are visited.
                 postponed.push(children + (1 - nearChild), tSplit, tMax);
                 tMax = tSplit;
@@ -187,37 +269,102 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, MBSphereR
                 node = children + nearChild; // ... or before it
             }
         }
-        ray.tMin = tMin;
-        ray.tMax = tMax;
-        if (isPacked ? intersectPackedLeaf(tree, *node, filter, f, rayFilter, ray)
-                     : intersectLeaf(tree, *node, ray))
-            found = true;
+        leaves.visit(*node, tMin, tMax);
         if (postponed.isEmpty())
-            return found;
+            return leaves.finish();
         // What waits deeper in the stack starts even later.
         auto const& next = postponed.pop();
-        if (next.tMin > ray.hitRecord->hitT)
-            return found;
+        double const nearest = ray.hitRecord->hitT;
+        if (next.tMin > nearest)
+            return leaves.finish();
         node = next.node;
         tMin = next.tMin;
-        tMax = std::min(ray.hitRecord->hitT, next.tMax);
+        tMax = next.tMax < nearest ? next.tMax : nearest;
     }
 }
 
+/// One of several rays that are on their way at the same time.
+class Traveller {
+  public:
+    Traveller(Tree const& tree, MBSphereRay& travellingRay)
+        : ray(travellingRay), axes(ray), node(tree.root), time(static_cast<double>(ray.rayTime)),
+          tMin(ray.tMin), tMax(ray.tMax), leaves(tree, ray) {}
+
+    /// Takes the steps of `findClosestWith` without a branch: the processor would guess it, and
+    /// half of the time throw away what it has done for the other rays since.
+    [[gnu::always_inline]] int step() {
+        std::uint64_t const isInner = flag(!node->isLeaf());
+        int const kind = node->kind();
+        std::uint64_t const isTime = flag(kind == MBSphereNode::timeKind);
+        int const axis = kind - static_cast<int>(isTime); // any, where time is split
+        MBSphereNode const* const children = node->children();
+        int const nearChild = axes.nearChild(axis);
+        double const tSplit = planeParameterOf(*node, axis, axes, time);
+        std::uint64_t const isOneSided = isTime | flag((tSplit - tMin) * (tSplit - tMax) > 0.0);
+        std::uint64_t const isBehind = flag(tSplit < tMin);
+        std::uint64_t const isCut = isInner & ~isOneSided;
+        std::uint64_t const isLater = flag(ray.rayTime > node->splitPos);
+        postponed.pushIf(isCut, children + (1 - nearChild), tSplit, tMax);
+        tMax = select(isCut, tSplit, tMax);
+        std::uint64_t const child = select(
+            isTime, isLater, static_cast<std::uint64_t>(nearChild) ^ (isOneSided & isBehind));
+        node = reinterpret_cast<MBSphereNode const*>(
+            select(isInner, reinterpret_cast<std::uintptr_t>(children + child),
+                   reinterpret_cast<std::uintptr_t>(node)));
+        __builtin_prefetch(node);
+        return static_cast<int>(isInner);
+    }
+
+    void prefetchLeaf() const { leaves.prefetch(*node); }
+
+    [[gnu::always_inline]] bool visitLeaf() {
+        leaves.visit(*node, tMin, tMax);
+        if (postponed.isEmpty())
+            return false;
+        auto const& next = postponed.pop();
+        double const nearest = ray.hitRecord->hitT;
+        if (next.tMin > nearest)
+            return false;
+        node = next.node;
+        tMin = next.tMin;
+        tMax = next.tMax < nearest ? next.tMax : nearest;
+        return true;
+    }
+
+    bool finish() { return leaves.finish(); }
+
+  private:
+    MBSphereRay& ray;
+    AxisRays axes;
+    MBSphereNode const* node;
+    double time;
+    double tMin;
+    double tMax;
+    LeafVisitor leaves;
+    PostponedChildren<MBSphereNode, usualInnerLevels> postponed;
+};
+
 } // namespace
 
-template <class Sphere, int NodeBlock, int LeafBlock>
-int MBSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(MBSphereRay& ray) const {
-    if (!clipToBox(ray, rootBox.box))
-        return 0;
-    bool const found = statMaxDepth <= usualInnerLevels ? findClosest<usualInnerLevels>(*this, ray)
-                                                        : findClosest<levelLimit>(*this, ray);
-    if (!found)
-        return 0;
-    auto const& system = particleSystems.elements[ray.hitRecord->hitSphere->systemIndex];
-    return hitCode(system.particles0->particleType);
+void findClosestOfMany(MBTree const& tree, std::span<MBSphereRay*> rays, bool* found) {
+    if (tree.statMaxDepth > usualInnerLevels || areTogether(rays)) {
+        for (std::size_t i = 0; i < rays.size(); ++i)
+            found[i] = findClosest(tree, *rays[i]);
+        return;
+    }
+    for (std::size_t i = 0; i < rays.size();) {
+        FixedList<Traveller, mostTravellers> travellers;
+        for (std::size_t k = i; k < rays.size() && !travellers.isFull(); ++k)
+            travellers.add([&] { return Traveller(tree, *rays[k]); });
+        travelTogether(travellers);
+        for (Traveller& traveller : travellers)
+            found[i++] = traveller.finish();
+    }
 }
 
-template int MBSphereTree<MBSphere, 20000, 20000>::intersectNode(MBSphereRay&) const;
+bool findClosest(MBTree const& tree, MBSphereRay& ray) {
+    return tree.statMaxDepth <= usualInnerLevels ? findClosestWith<usualInnerLevels>(tree, ray)
+                                                 : findClosestWith<levelLimit>(tree, ray);
+}
 
-} // namespace Kelpa
+} // namespace Kelpa::KELPA_VARIANT

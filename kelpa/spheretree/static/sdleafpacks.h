@@ -1,7 +1,7 @@
 #pragma once
 // Internal: a copy of every leaf's spheres in the order of the leaf, for tests of many at a time.
 
-#include "kelpa/spheretree/spherefilter.h"
+#include "kelpa/spheretree/spherearrays.h"
 
 #include <cstdint>
 

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <span>
 
 namespace Kelpa {
 
@@ -93,6 +94,22 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     ///
     /// The tree must have a root and spheres. Writes only `ray` and its hit record.
     int intersectNode(SDSphereRay& ray) const;
+
+    /// `intersectNode` for several rays, each as if it were alone: `codes[i]` becomes what that
+    /// returns for `rays[i]`. Faster than one by one, since rays wait for memory at the same time.
+    void intersectMany(std::span<SDSphereRay> rays, int* codes) const;
+
+    /// Where in `particleSystems` and where in that system a sphere of this tree is found. As the
+    /// sphere says; in trees over one system without a fetch from memory, if that can be.
+    std::uint16_t systemOf(Sphere const& sphere) const {
+        return particleSystems.count == 1 ? std::uint16_t{0} : sphere.systemIndex;
+    }
+    std::int32_t particleOf(Sphere const& sphere) const {
+        // All particles of the one system were usable, so they stand in its order.
+        if (particleSystems.count == 1 && numSpheres == totalParticles)
+            return static_cast<std::int32_t>(&sphere - spheres);
+        return sphere.particleIndex;
+    }
 
     /// Bytes of the packed leaves, which `getMemUsage` does not count.
     std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }

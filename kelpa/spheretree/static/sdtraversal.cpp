@@ -1,22 +1,31 @@
+// Compiled once for each kind of processor, with `KELPA_VARIANT` as its name.
+
+#include "kelpa/spheretree/static/sdtraversal.h"
+
+#include "kelpa/foundation/fixedlist.h"
 #include "kelpa/foundation/hitkernels.h"
+#include "kelpa/spheretree/nearestsphere.h"
 #include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
+#include "kelpa/spheretree/travellers.h"
 #include "kelpa/spheretree/traversal.h"
 
-#include <algorithm>
-#include <bit>
+#include <cstddef>
+#include <cstdint>
 
-namespace Kelpa {
+namespace Kelpa::KELPA_VARIANT {
 
 namespace {
+
+using Tree = SDTree;
+using Node = Tree::Node;
 
 /// Offers a leaf's particles to the ray, last to first; true when one of them was hit.
 ///
 /// Each hit lowers the ray's end, so later ones can only be nearer; of equally near ones the first
 /// that is asked stays.
-template <class Tree>
-bool intersectLeaf(Tree const& tree, typename Tree::Node const& leaf, SDSphereRay& ray) {
+bool intersectLeaf(Tree const& tree, Node const& leaf, SDSphereRay& ray) {
     SDLeafSphere const* const entries = leaf.leafSpheres();
     bool found = false;
     for (std::int32_t k = leaf.numLeafSpheres; k-- > 0;) {
@@ -47,103 +56,114 @@ bool intersectLeaf(Tree const& tree, typename Tree::Node const& leaf, SDSphereRa
     return found;
 }
 
-/// The closest hit among packed spheres so far; what it is on is looked up once, at the end.
-struct PackedHit {
-    SDLeafSphere const* entry = nullptr;
-    Vector center;
-};
-
 /// Whether a packed sphere is the one that the ray starts on.
-template <class Tree>
 bool isRayOrigin(Tree const& tree, SDLeafSphere const& entry, SDSphereRay const& ray) {
     SDSphere const& sphere = tree.spheres[entry.sphereIndex];
-    return skipNumber(tree.singleSystem, sphere.particleIndex,
-                      tree.particleSystems.elements[sphere.systemIndex].indexOffset) ==
+    return skipNumber(tree.singleSystem, tree.particleOf(sphere),
+                      tree.particleSystems.elements[tree.systemOf(sphere)].indexOffset) ==
            ray.skipIndex;
 }
 
-/// Offers a packed leaf's spheres to the ray, last to first.
-///
-/// Finds what `intersectLeaf` finds: the filter rules out only what `hitSphere` misses, and the
-/// rest is asked in the same order. `mayStartOnSphere`: the ray's skip index may name one.
-template <class Tree>
-void intersectPackedLeaf(Tree const& tree, typename Tree::Node const& leaf, SphereFilter filter,
-                         RayFilter& rayFilter, bool mayStartOnSphere, SDSphereRay& ray,
-                         PackedHit& closest) {
-    std::int32_t const count = leaf.numLeafSpheres;
-    SphereArrays const packed = openPack(tree.packedLeaves, LeafPack{leaf.packWord}, count);
-    rayFilter.setInterval(ray);
-    for (std::int32_t first = (count - 1) / packWidth * packWidth; first >= 0; first -= packWidth) {
-        std::uint32_t possible =
-            filter(rayFilter, packed, first, std::min(count - first, packWidth));
-        while (possible != 0) {
-            auto const highest = static_cast<std::int32_t>(std::bit_width(possible) - 1);
-            possible ^= 1U << highest;
-            std::int32_t const k = first + highest;
-            Vector const center = packed.center(k);
-            double const tMax = ray.tMax;
-            if (hitSphere(center, packed.radius(k), ray, false) == 0)
-                continue; // and starting on it would be a miss, too
-            SDLeafSphere const& entry = leaf.leafSpheres()[k];
-            if (mayStartOnSphere && isRayOrigin(tree, entry, ray)) {
-                ray.tMax = tMax;
-                if (hitSphere(center, packed.radius(k), ray, true) == 0)
-                    continue;
-            }
-            closest = {&entry, center};
-            ray.hit->t = ray.tMax;
-            rayFilter.setInterval(ray);
-        }
-    }
-}
+/// The ray parameters at which a leaf's spheres count.
+struct LeafInterval {
+    double tMin;
+    double tMax;
 
-/// Widens the interval in a leaf by what rounding may have taken from it on the way, but neither
-/// before the ray's own start nor beyond the best hit.
-void setWidenedInterval(SDSphereRay& ray, double tMin, double tMax) {
-    ray.tMin = std::max(0.99999 * tMin - 1e-5, ray.tMinStart);
-    ray.tMax = std::min(1.00001 * tMax + 1e-5, ray.hit->t);
-}
+    /// Widens a node's interval by what rounding may have taken from it on the way, but neither
+    /// before the ray's own start nor beyond the best hit.
+    static LeafInterval widened(SDSphereRay const& ray, double tMin, double tMax) {
+        double const from = 0.99999 * tMin - 1e-5;
+        double const to = 1.00001 * tMax + 1e-5;
+        return {from < ray.tMinStart ? ray.tMinStart : from, ray.hit->t < to ? ray.hit->t : to};
+    }
+};
 
 /// Offers the ray to the leaves of a tree, packed or not.
-template <class Tree> class LeafVisitor {
+class LeafVisitor {
   public:
     LeafVisitor(Tree const& searchedTree, SDSphereRay& visitingRay)
-        : tree(searchedTree), ray(visitingRay), filter(chosenSphereFilter()),
-          rayFilter(visitingRay),
+        : tree(searchedTree), ray(visitingRay), probe(visitingRay),
           // Alone in its tree, a system's particles are numbered from 0.
           mayStartOnSphere(tree.singleSystem != 1 || ray.skipIndex >= 0) {}
 
-    void visit(typename Tree::Node const& leaf) {
-        if (leaf.packWord != LeafPack::none)
-            intersectPackedLeaf(tree, leaf, filter, rayFilter, mayStartOnSphere, ray, closest);
-        else if (intersectLeaf(tree, leaf, ray))
+    [[gnu::always_inline]] void visit(Node const& leaf, LeafInterval const& interval) {
+        if (leaf.packWord != LeafPack::none) {
+            visitPacked(leaf, interval);
+            return;
+        }
+        ray.tMin = interval.tMin;
+        ray.tMax = interval.tMax;
+        if (intersectLeaf(tree, leaf, ray))
             found = true;
+    }
+
+    void prefetch(Node const& leaf) const {
+        auto const* const pack =
+            reinterpret_cast<char const*>(tree.packedLeaves + LeafPack{leaf.packWord}.position());
+        int const bytes = 12 * leaf.numLeafSpheres < 512 ? 12 * leaf.numLeafSpheres : 512;
+        for (int at = 0; at < bytes; at += 64)
+            __builtin_prefetch(pack + at);
     }
 
     /// Completes the ray's hit record; true when there was a hit.
     bool finish() {
-        if (closest.entry == nullptr)
+        if (sphere == nullptr)
             return found;
-        ray.hit->sphere = &tree.spheres[closest.entry->sphereIndex];
-        ray.hit->normal = sphereNormal(ray, closest.center, static_cast<float>(ray.hit->t));
+        ray.hit->sphere = sphere;
+        ray.hit->normal = sphereNormal(ray, center, static_cast<float>(ray.hit->t));
         return true;
     }
 
   private:
+    /// Finds what `intersectLeaf` finds.
+    [[gnu::always_inline]] void visitPacked(Node const& leaf, LeafInterval const& interval) {
+        std::int32_t const count = leaf.numLeafSpheres;
+        SphereArrays const packed = openPack(tree.packedLeaves, LeafPack{leaf.packWord}, count);
+        HitWindow window(interval.tMin, interval.tMax);
+        __builtin_prefetch(leaf.leafSpheres()); // asked for if there is a hit
+        std::int32_t const k = nearestSphere<TieOrder::last>(probe, packed, count, -1, window);
+        if (k < 0)
+            return;
+        if (mayStartOnSphere && isRayOrigin(tree, leaf.leafSpheres()[k], ray))
+            visitOrigin(leaf, packed, interval, k);
+        else
+            keep(leaf, packed, k, static_cast<double>(window.end));
+    }
+
+    /// As far as the ray meets no other sphere first, a sphere on which it starts is only left.
+    [[gnu::noinline]] void visitOrigin(Node const& leaf, SphereArrays const& packed,
+                                       LeafInterval const& interval, std::int32_t origin) {
+        HitWindow window(interval.tMin, interval.tMax);
+        std::int32_t const other =
+            nearestSphere<TieOrder::last>(probe, packed, leaf.numLeafSpheres, origin, window);
+        auto const t = static_cast<double>(window.end);
+        ray.tMin = interval.tMin;
+        ray.tMax = interval.tMax;
+        bool const isLeft = hitSphere(packed.center(origin), packed.radius(origin), ray, true) != 0;
+        if (isLeft && (other < 0 || ray.tMax < t || (ray.tMax == t && origin > other)))
+            keep(leaf, packed, origin, ray.tMax);
+        else if (other >= 0)
+            keep(leaf, packed, other, t);
+    }
+
+    void keep(Node const& leaf, SphereArrays const& packed, std::int32_t k, double t) {
+        ray.hit->t = t;
+        center = packed.center(k);
+        sphere = &tree.spheres[leaf.leafSpheres()[k].sphereIndex];
+    }
+
     Tree const& tree;
     SDSphereRay& ray;
-    SphereFilter filter;
-    RayFilter rayFilter;
+    SphereProbe probe;
     bool mayStartOnSphere;
-    PackedHit closest;
-    bool found = false;
+    bool found = false;         ///< in a leaf that is not packed
+    SDSphere* sphere = nullptr; ///< the nearest packed one
+    Vector center;              ///< its centre
 };
 
-/// Visits the leaves that the ray passes, front to back, until none can hold a nearer hit.
-template <int Capacity, class Tree> bool findClosest(Tree const& tree, SDSphereRay& ray) {
-    using Node = typename Tree::Node;
+template <int Capacity> bool findClosestWith(Tree const& tree, SDSphereRay& ray) {
     AxisRays const axes(ray);
-    LeafVisitor<Tree> leaves(tree, ray);
+    LeafVisitor leaves(tree, ray);
     PostponedChildren<Node, Capacity> postponed;
     Node const* node = tree.root;
     double tMin = ray.tMin;
@@ -154,22 +174,18 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, SDSphereR
             int const nearChild = axes.nearChild(axis);
             Node const* const children = node->children();
             double const tSplit = axes.planeParameter(axis, node->splitPos);
-            double const fromStart = tSplit - tMin;
-            double const fromEnd = tSplit - tMax;
-            if (!(static_cast<float>(fromStart) * static_cast<float>(fromEnd) > 0.0F)) {
-                // The plane crosses the interval, or the product is not a number: both are visited.
+            if (crossesPlane(tSplit, tMin, tMax)) {
                 postponed.push(children + (1 - nearChild), tSplit, tMax);
                 tMax = tSplit;
                 node = children + nearChild;
-            } else if (fromStart < 0.0) {
+            } else if (tSplit < tMin) {
                 node = children + (1 - nearChild); // all of it lies behind the plane ...
                 keepAsBranch();
             } else {
                 node = children + nearChild; // ... or before it
             }
         }
-        setWidenedInterval(ray, tMin, tMax);
-        leaves.visit(*node);
+        leaves.visit(*node, LeafInterval::widened(ray, tMin, tMax));
         if (postponed.isEmpty())
             return leaves.finish();
         // What waits deeper in the stack starts even later.
@@ -182,20 +198,84 @@ template <int Capacity, class Tree> bool findClosest(Tree const& tree, SDSphereR
     }
 }
 
+/// One of several rays that are on their way at the same time.
+class Traveller {
+  public:
+    Traveller(Tree const& tree, SDSphereRay& travellingRay)
+        : ray(travellingRay), axes(ray), node(tree.root), tMin(ray.tMin), tMax(ray.tMax),
+          leaves(tree, ray) {}
+
+    /// Takes the steps of `findClosestWith` without a branch: the processor would guess it, and
+    /// half of the time throw away what it has done for the other rays since.
+    [[gnu::always_inline]] int step() {
+        std::uint64_t const link = node->link;
+        int const kind = linkKind(link);
+        Node const* const children = linkTarget<Node>(link);
+        int const nearChild = axes.nearChild(kind);
+        double const tSplit = axes.planeParameter(kind, node->splitPos);
+        auto const fromStart = static_cast<float>(tSplit - tMin);
+        auto const fromEnd = static_cast<float>(tSplit - tMax);
+        std::uint64_t const isInner = flag(kind != Node::leafKind);
+        std::uint64_t const isOneSided = flag(fromStart * fromEnd > 0.0F);
+        std::uint64_t const isBehind = isOneSided & flag(tSplit < tMin);
+        std::uint64_t const isCut = isInner & ~isOneSided;
+        postponed.pushIf(isCut, children + (1 - nearChild), tSplit, tMax);
+        tMax = select(isCut, tSplit, tMax);
+        Node const* const next = children + (nearChild ^ static_cast<int>(isBehind));
+        node = reinterpret_cast<Node const*>(select(isInner, reinterpret_cast<std::uintptr_t>(next),
+                                                    reinterpret_cast<std::uintptr_t>(node)));
+        __builtin_prefetch(node);
+        return static_cast<int>(isInner);
+    }
+
+    void prefetchLeaf() const { leaves.prefetch(*node); }
+
+    [[gnu::always_inline]] bool visitLeaf() {
+        leaves.visit(*node, LeafInterval::widened(ray, tMin, tMax));
+        if (postponed.isEmpty())
+            return false;
+        auto const& next = postponed.pop();
+        if (!(next.tMin <= ray.hit->t))
+            return false;
+        node = next.node;
+        tMin = next.tMin;
+        tMax = next.tMax;
+        return true;
+    }
+
+    bool finish() { return leaves.finish(); }
+
+  private:
+    SDSphereRay& ray;
+    AxisRays axes;
+    Node const* node;
+    double tMin;
+    double tMax;
+    LeafVisitor leaves;
+    PostponedChildren<Node, usualInnerLevels> postponed;
+};
+
 } // namespace
 
-template <class Sphere, int NodeBlock, int LeafBlock>
-int SDSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(SDSphereRay& ray) const {
-    if (!clipToBox(ray, bbox))
-        return 0;
-    bool const found = innerLevels <= usualInnerLevels ? findClosest<usualInnerLevels>(*this, ray)
-                                                       : findClosest<levelLimit>(*this, ray);
-    if (!found)
-        return 0;
-    auto const& system = particleSystems.elements[ray.hit->sphere->systemIndex];
-    return hitCode(system.particles->particleType);
+void findClosestOfMany(SDTree const& tree, std::span<SDSphereRay*> rays, bool* found) {
+    if (tree.innerLevels > usualInnerLevels || areTogether(rays)) {
+        for (std::size_t i = 0; i < rays.size(); ++i)
+            found[i] = findClosest(tree, *rays[i]);
+        return;
+    }
+    for (std::size_t i = 0; i < rays.size();) {
+        FixedList<Traveller, mostTravellers> travellers;
+        for (std::size_t k = i; k < rays.size() && !travellers.isFull(); ++k)
+            travellers.add([&] { return Traveller(tree, *rays[k]); });
+        travelTogether(travellers);
+        for (Traveller& traveller : travellers)
+            found[i++] = traveller.finish();
+    }
 }
 
-template int SDSphereTree<SDSphere, 20000, 20000>::intersectNode(SDSphereRay&) const;
+bool findClosest(SDTree const& tree, SDSphereRay& ray) {
+    return tree.innerLevels <= usualInnerLevels ? findClosestWith<usualInnerLevels>(tree, ray)
+                                                : findClosestWith<levelLimit>(tree, ray);
+}
 
-} // namespace Kelpa
+} // namespace Kelpa::KELPA_VARIANT

@@ -1,0 +1,21 @@
+#pragma once
+// Internal: for which processors the traversals exist, and which of them runs.
+
+namespace Kelpa {
+
+/// The kinds of processors that the traversals are compiled for, from the plainest to the widest.
+/// All find the same hits, bit for bit.
+enum class KernelVariant { scalar, sse2, avx2, avx512 };
+
+inline constexpr int kernelVariants = 4;
+
+/// Whether the compiler has made the variant and this processor runs it.
+bool hasVariant(KernelVariant variant);
+
+/// The variant that all queries use: the widest there is, unless a test has set another.
+KernelVariant chosenVariant();
+
+/// For tests: the variant that all queries use from now on; it must exist here.
+void chooseVariant(KernelVariant variant);
+
+} // namespace Kelpa

@@ -1,0 +1,70 @@
+#pragma once
+// Internal: several rays on their way through a tree at the same time.
+
+#include "kelpa/foundation/fixedlist.h"
+
+#include <cstdint>
+
+namespace Kelpa {
+
+/// 0 or 1, computed, not branched on: the compiler does not see that it is a truth.
+[[gnu::always_inline]] inline std::uint64_t flag(bool is) {
+    auto value = static_cast<std::uint64_t>(is);
+    asm("" : "+r"(value));
+    return value;
+}
+
+/// `ifSet` where `which` is 1, `ifClear` where it is 0; without a branch.
+[[gnu::always_inline]] inline std::uint64_t select(std::uint64_t which, std::uint64_t ifSet,
+                                                   std::uint64_t ifClear) {
+    return ifClear ^ ((ifSet ^ ifClear) & (0 - which));
+}
+[[gnu::always_inline]] inline double select(std::uint64_t which, double ifSet, double ifClear) {
+    return __builtin_bit_cast(double, select(which, __builtin_bit_cast(std::uint64_t, ifSet),
+                                             __builtin_bit_cast(std::uint64_t, ifClear)));
+}
+
+namespace {
+
+/// How many rays travel at a time: enough to fill the wait for memory, few enough for their states
+/// to stay near the processor.
+inline constexpr int mostTravellers = 16;
+
+/// Leads rays to the end of their ways, a step of each in turn. While one waits for its node from
+/// memory, the processor works on the others; none takes notice of another.
+///
+/// A traveller has `step()`, which goes one node down and returns 0 in a leaf, else 1;
+/// `prefetchLeaf()`; and `visitLeaf()`, which returns whether the ray goes on from there.
+template <class Traveller>
+[[gnu::always_inline]] inline void
+travelTogether(FixedList<Traveller, mostTravellers>& travellers) {
+    int walking[mostTravellers];
+    int atLeaf[mostTravellers];
+    int numWalking = 0;
+    for (; numWalking < static_cast<int>(travellers.size()); ++numWalking)
+        walking[numWalking] = numWalking;
+    while (numWalking > 0) {
+        int numAtLeaf = 0;
+        while (numWalking > 0) {
+            int stillWalking = 0;
+            for (int k = 0; k < numWalking; ++k) {
+                int const i = walking[k];
+                int const isInner = travellers[static_cast<unsigned>(i)].step();
+                walking[stillWalking] = i;
+                stillWalking += isInner;
+                atLeaf[numAtLeaf] = i;
+                numAtLeaf += 1 - isInner;
+            }
+            numWalking = stillWalking;
+        }
+        for (int k = 0; k < numAtLeaf; ++k)
+            travellers[static_cast<unsigned>(atLeaf[k])].prefetchLeaf();
+        for (int k = 0; k < numAtLeaf; ++k)
+            if (travellers[static_cast<unsigned>(atLeaf[k])].visitLeaf())
+                walking[numWalking++] = atLeaf[k];
+    }
+}
+
+} // namespace
+
+} // namespace Kelpa
