@@ -1,0 +1,84 @@
+# Three Debian packages from `cpack`: the shared libraries, what is needed to build against them, and
+# the command. Configure with the preset `package`, which sets /usr and BUILD_SHARED_LIBS.
+#
+# The library is packaged shared, with the minor version in its name: records and inline bodies of
+# public headers may change between minor versions until 1.0, and hosts that were compiled against
+# the older ones then keep theirs. Built static, only the development files and the command come out.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kelpa)
+set(CPACK_PACKAGE_VENDOR "The Kelpa developers")
+set(CPACK_PACKAGE_CONTACT "The Kelpa developers <kelpa@localhost>")
+set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+
+set(abi ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+set(library_package libkelpa${abi})
+set(development_package libkelpa-dev)
+set(tool_package kelpa)
+set(CPACK_COMPONENTS_ALL library development tool)
+if(NOT BUILD_SHARED_LIBS)
+    list(REMOVE_ITEM CPACK_COMPONENTS_ALL library)
+endif()
+if(NOT TARGET kelpa_tool)
+    list(REMOVE_ITEM CPACK_COMPONENTS_ALL tool)
+endif()
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/kelpa/host)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(what "Kelpa finds the closest hits of rays on millions of particles: exact spheres or points, still or moving between two snapshots.")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library_package})
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "ray tracing of particle systems - shared libraries
+${what}
+.
+This package holds the libraries that programs are linked to.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${development_package})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+if(BUILD_SHARED_LIBS)
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+        "${library_package} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libc6-dev")
+endif()
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "ray tracing of particle systems - development files
+${what}
+.
+This package holds the headers and the files for find_package(Kelpa) and pkg-config.")
+
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${tool_package})
+set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION graphics)
+set(CPACK_COMPONENT_TOOL_DESCRIPTION "ray tracing of particle systems - command
+${what}
+.
+This package holds the command kelpa, which makes pictures straight from particle files.")
+
+# Debian wants a copyright and a changelog in every package.
+set(copyright ${PROJECT_BINARY_DIR}/packages/copyright)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/copyright.in ${copyright} @ONLY)
+string(TIMESTAMP today "%a, %d %b %Y %H:%M:%S +0000" UTC)
+set(changelog ${PROJECT_BINARY_DIR}/packages/changelog)
+file(WRITE ${changelog} "kelpa (${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}) unstable; urgency=medium
+
+  * See CHANGES.md.
+
+ -- ${CPACK_PACKAGE_CONTACT}  ${today}
+")
+find_program(GZIP gzip)
+if(GZIP)
+    execute_process(COMMAND ${GZIP} -9nkf ${changelog})
+endif()
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/${${component}_package})
+    install(FILES ${copyright} DESTINATION ${doc_dir} COMPONENT ${component})
+    if(GZIP)
+        install(FILES ${changelog}.gz DESTINATION ${doc_dir} COMPONENT ${component}
+            RENAME changelog.Debian.gz)
+    endif()
+endforeach()
+include(CPack)
