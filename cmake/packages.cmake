@@ -7,7 +7,9 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kelpa)
 set(CPACK_PACKAGE_VENDOR "The Kelpa developers")
-set(CPACK_PACKAGE_CONTACT "The Kelpa developers <kelpa@localhost>")
+if(NOT CPACK_PACKAGE_CONTACT) # who hands packages on sets a real address
+    set(CPACK_PACKAGE_CONTACT "The Kelpa developers <kelpa@localhost>")
+endif()
 set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -32,13 +34,17 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-set(what "Kelpa finds the closest hits of rays on millions of particles: exact spheres or points, still or moving between two snapshots.")
+set(what "Kelpa finds the closest hits of rays on millions of particles: exact
+spheres or points, still or moving between two snapshots.")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "ray tracing of particle systems - shared libraries
 ${what}
 .
 This package holds the libraries that programs are linked to.")
+
+file(WRITE ${PROJECT_BINARY_DIR}/packages/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packages/triggers)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${development_package})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -49,14 +55,16 @@ endif()
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "ray tracing of particle systems - development files
 ${what}
 .
-This package holds the headers and the files for find_package(Kelpa) and pkg-config.")
+This package holds the headers and the files for find_package(Kelpa) and
+pkg-config.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${tool_package})
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION graphics)
 set(CPACK_COMPONENT_TOOL_DESCRIPTION "ray tracing of particle systems - command
 ${what}
 .
-This package holds the command kelpa, which makes pictures straight from particle files.")
+This package holds the command kelpa, which makes pictures straight from
+particle files.")
 
 # Debian wants a copyright and a changelog in every package.
 set(copyright ${PROJECT_BINARY_DIR}/packages/copyright)

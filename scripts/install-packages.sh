@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(g++ cmake make pkg-config libpng-dev libopenexr-dev libcli11-dev libfmt-dev zlib1g-dev)
 if [[ "${1:-}" != --no-tests ]]; then
-    packages+=(libgtest-dev libbenchmark-dev pybind11-dev python3-dev python3-numpy)
+    packages+=(libgtest-dev libbenchmark-dev pybind11-dev python3-dev python3-numpy libtbb-dev)
 fi
 
 missing=()

@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Makes the Debian packages, then installs and uses them in a clean Debian 12: the command makes a
+# picture, and the README's example is built against the development files, by pkg-config and by
+# CMake. Needs root, debootstrap and a network; lintian is asked where it is found.
+#   try-packages.sh [--without-compiling]     leaves the example out, which needs a compiler
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+suite=bookworm
+if [[ $EUID != 0 ]] || ! command -v debootstrap >/dev/null; then
+    echo "try-packages.sh: needs root and the package debootstrap" >&2
+    exit 1
+fi
+
+cmake --preset package
+cmake --build build/package --parallel "$(nproc)"
+rm -f build/package/*.deb
+cpack --preset package
+
+# Judged and let pass: there is no public address and no upload to Debian; the two libraries are made
+# and versioned together, so one package holds both; cpack itself writes the ldconfig calls.
+judged=bogus-mail-host,bogus-mail-host-in-debian-changelog,initial-upload-closes-no-bugs
+judged+=,package-name-doesnt-match-sonames,maintscript-calls-ldconfig
+if command -v lintian >/dev/null; then
+    lintian --fail-on error,warning --allow-root --suppress-tags "$judged" build/package/*.deb
+fi
+
+root=$(mktemp -d /var/tmp/kelpa-packages.XXXXXX)
+trap 'rm -rf --one-file-system "$root"' EXIT
+# The mirror that this machine uses itself.
+mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $suite" 'Created-By: Packages' | head -n 1)
+debootstrap --variant=minbase "$suite" "$root" ${mirror:+"$mirror"}
+cp build/package/*.deb README.md "$root/root/"
+
+inside() { chroot "$root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 bash -euc "$1"; }
+# $1, $2...: arguments of apt-get install
+install() { inside "apt-get install -q -y --no-install-recommends $*"; }
+
+install /root/libkelpa0.1_*.deb /root/kelpa_*.deb
+inside 'cd /root; kelpa --version
+        kelpa generate galaxy --count 20000 -o galaxy.ply
+        kelpa info galaxy.ply
+        kelpa render galaxy.ply --size 320x180 -o galaxy.png
+        test "$(head -c 8 galaxy.png | od -An -tx1 | tr -d " \n")" = 89504e470d0a1a0a
+        test -s /usr/share/doc/kelpa/copyright'
+
+if [[ "${1:-}" != --without-compiling ]]; then
+    install /root/libkelpa-dev_*.deb g++ cmake make pkg-config
+    inside 'mkdir /root/consumer; cd /root/consumer
+        sed -n "/^\`\`\`cpp/,/^\`\`\`/p" ../README.md | sed "/^\`\`\`/d" >main.cpp
+        g++ -std=c++20 main.cpp $(pkg-config --cflags --libs kelpa) -o example
+        ./example | grep "hit particle 1 at 4"
+        { echo "cmake_minimum_required(VERSION 3.25)"
+          echo "project(consumer CXX)"
+          echo "find_package(Kelpa 0.1 REQUIRED COMPONENTS particles host)"
+          echo "add_executable(example main.cpp)"
+          echo "target_link_libraries(example Kelpa::particles Kelpa::host)"; } >CMakeLists.txt
+        cmake -S . -B build >/dev/null
+        cmake --build build
+        build/example | grep "hit particle 1 at 4"'
+fi
+
+# What removes cleanly leaves nothing behind.
+inside 'apt-get purge -q -y kelpa "libkelpa*" >/dev/null
+        test -z "$(find / -xdev -iname "*kelpa*" -not -path "/root/*" -not -path "/proc/*" -not -path "/var/log/*")"'
+echo "try-packages.sh: the packages install, run, build the example and leave nothing behind"
