@@ -103,4 +103,34 @@ struct MovingScene : Scene<MovingParticlePrimitive> {
     std::vector<System> first;
 };
 
+/// Walks a tree and expects that its nodes, leaves and counters tell the same.
+inline void expectSound(MovingSphereTree const& tree) {
+    std::vector<std::pair<MBSphereNode const*, int>> open{{tree.root, 1}};
+    int nodes = 0, entries = 0, deepest = 0, bad = 0;
+    while (!open.empty()) {
+        auto const [node, level] = open.back();
+        open.pop_back();
+        ++nodes;
+        if (!node->isLeaf()) {
+            deepest = std::max(deepest, level);
+            open.push_back({node->children(), level + 1});
+            open.push_back({node->children() + 1, level + 1});
+            continue;
+        }
+        int const count = node->numLeafSpheres();
+        entries += count;
+        bad += count == 0 && node->link != 0;
+        if (count > 0)
+            deepest = std::max(deepest, level);
+        for (int k = 0; k < count; ++k)
+            bad += static_cast<int>(node->leafSpheres()[k].sphereIndex) >= tree.numSpheres;
+    }
+    EXPECT_EQ(nodes, tree.nodes.getCount());
+    EXPECT_EQ(entries, tree.leafSpheres.getCount());
+    EXPECT_LE(deepest, tree.statMaxDepth);
+    EXPECT_EQ(bad, 0);
+    EXPECT_EQ(tree.numRunning, 0);
+    EXPECT_EQ(tree.threads, nullptr);
+}
+
 } // namespace kelpatest

@@ -70,33 +70,6 @@ TEST(StillTrees, AnswerAlikeWithAndWithoutPackedLeaves) {
     }
 }
 
-TEST(StillTrees, TakeAnyParameters) {
-    struct Parameters {
-        int depth;
-        float factor, size;
-    };
-    std::vector<Parameters> cases;
-    for (int const depth : {-intMax - 1, 0, 1, 7, 60, 400, intMax})
-        for (float const factor : {-1e30F, 0.0F, 2.0F, 1e30F, nan, infinity})
-            cases.push_back({depth, factor, 0.0F});
-    for (float const size : {-1.0F, 0.3F, 1e30F, nan, infinity})
-        cases.push_back({400, 0.0F, size});
-    for (CloudKind const& kind : {uniform, lattice, coincident, nested}) {
-        StillScene scene(kind.make(1, 120));
-        for (auto const& [depth, factor, size] : cases) {
-            SCOPED_TRACE(::testing::Message() << depth << ' ' << factor << ' ' << size);
-            scene.tree.maxDepth = depth;
-            scene.tree.leafSizeFactor = factor;
-            scene.tree.minNodeSize = size;
-            scene.tree.build(nullptr, nullptr);
-            expectSound(scene.tree);
-            EXPECT_LE(scene.tree.innerLevels, std::max(depth, 0));
-            Tally const tally = askRays(scene, 5, 8);
-            EXPECT_EQ(tally.wrong + tally.missed, 0);
-        }
-    }
-}
-
 TEST(StillTrees, AnswerWhenTheyAreDeeperThanTheUsualStack) {
     StillScene scene(nested.make(3, 100));
     scene.tree.maxDepth = 400;

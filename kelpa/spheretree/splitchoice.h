@@ -35,7 +35,7 @@ struct GrowthLimit {
 /// of all memory.
 inline GrowthLimit growthLimit(std::int32_t numSpheres) {
     auto const n = static_cast<std::int64_t>(numSpheres);
-    return {std::max(std::int64_t{1} << 25, 64 * n), std::max(std::int64_t{1} << 27, 256 * n)};
+    return {std::max(std::int64_t{1} << 23, 64 * n), std::max(std::int64_t{1} << 26, 256 * n)};
 }
 
 /// The same when some spheres are there for no part of the shutter. Such a sphere's record has no
@@ -43,6 +43,11 @@ inline GrowthLimit growthLimit(std::int32_t numSpheres) {
 inline GrowthLimit growthLimitOutsideShutter(std::int32_t numSpheres) {
     auto const n = static_cast<std::int64_t>(numSpheres);
     return {std::max(std::int64_t{1} << 20, 4 * n), std::max(std::int64_t{1} << 23, 32 * n)};
+}
+
+/// Leaf entries up to which a still tree's leaves are packed, at 16 bytes each.
+inline std::int64_t mostPackedEntries(std::int32_t numSpheres) {
+    return std::max(std::int64_t{1} << 24, 64 * static_cast<std::int64_t>(numSpheres));
 }
 
 /// Whether a tree has outgrown what its spheres may ask for.

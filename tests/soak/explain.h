@@ -19,16 +19,15 @@ enum class Cause {
     boundary,  ///< where the hit lies, a plane of its leaf is no farther than rounding
     clamped,   ///< the same as far as a plane is when the reciprocal of a direction is clamped to
                ///< 1e18
-    grazing,   ///< the ray touches the particle hardly deeper than rounding, where no leaf has it
-    phantom, ///< the ray passes by, but coordinates are too coarse for the particle test to see it
-    instant, ///< moving trees: the ray's time is that of a split in time
-    range,   ///< none of these, but products of coordinates or directions leave single precision
+    negative,  ///< still trees: the margin that leaves get points inwards before the origin
+    instant,   ///< moving trees: the ray's time is that of a split in time
+    range,     ///< none of these, but products of coordinates or directions leave single precision
     unexplained
 };
-inline constexpr std::size_t numCauses = 10;
+inline constexpr std::size_t numCauses = 9;
 inline constexpr std::array<char const*, numCauses> causeNames{
-    "same",    "tie",     "beyond 1e30", "leaf boundary", "clamped",
-    "grazing", "phantom", "instant",     "range",         "unexplained"};
+    "same",       "tie",     "beyond 1e30", "leaf boundary", "clamped",
+    "negative t", "instant", "range",       "unexplained"};
 
 struct Explanation {
     Cause cause = Cause::none;
@@ -112,12 +111,11 @@ template <class Tree> class DepthSearch {
     float time;
 };
 
-/// A ray and a particle in double precision, with the origin that particle tests see.
+/// A ray and the particle that it should hit, in double precision.
 struct Meeting {
     double place[3]; ///< where the hit is
     double length;   ///< of the direction
     double radius;
-    double depth = 0.0;     ///< how far inside the rim the ray passes
     double coarsest = 0.0;  ///< largest coordinate
     bool isClamped = false; ///< a component's reciprocal is 1e18, though it be larger
     bool isInRange = true;  ///< products keep to single precision
@@ -125,30 +123,23 @@ struct Meeting {
     Meeting(Cloud const& cloud, ParticleId id, Query const& query, double t) {
         auto const [center, r] = sphereAt(cloud, id);
         radius = static_cast<double>(r);
-        double toCenter[3], dir[3], along = 0.0, squared = 0.0, far = 0.0, aside = 0.0;
+        double squared = 0.0, far = 0.0;
         for (int axis = 0; axis < 3; ++axis) {
-            double const origin = roundedToSingle(query.ray.origin[axis]);
-            dir[axis] = static_cast<double>(query.ray.dir[axis]);
-            toCenter[axis] = static_cast<double>(center[axis]) - origin;
-            place[axis] = query.ray.origin[axis] + t * dir[axis];
-            along += toCenter[axis] * dir[axis];
-            squared += dir[axis] * dir[axis];
-            far += toCenter[axis] * toCenter[axis];
-            coarsest = std::max({coarsest, std::fabs(static_cast<double>(center[axis])),
-                                 std::fabs(origin), std::fabs(place[axis])});
-            double const size = std::fabs(dir[axis]);
-            isClamped |= size < 1e-18;
-            isInRange &= size == 0.0 || size >= 1e-18;
+            double const c = static_cast<double>(center[axis]);
+            double const dir = static_cast<double>(query.ray.dir[axis]);
+            double const origin = query.ray.origin[axis];
+            place[axis] = origin + t * dir;
+            squared += dir * dir;
+            far += (c - origin) * (c - origin);
+            coarsest =
+                std::max({coarsest, std::fabs(c), std::fabs(origin), std::fabs(place[axis])});
+            isClamped |= std::fabs(dir) < 1e-18;
+            isInRange &= dir == 0.0 || std::fabs(dir) >= 1e-18;
         }
         length = std::sqrt(squared);
-        for (int axis = 0; axis < 3; ++axis) {
-            double const offset = toCenter[axis] - dir[axis] * along / squared;
-            aside += offset * offset;
-        }
-        depth = radius - std::sqrt(aside);
         double const reach = std::max(std::sqrt(far), radius);
         isInRange &= reach < 1e18 && length > 1e-16 && length < 1e18 && reach * length < 1e36 &&
-                     radius > 1e-17 && std::fabs(t) < 1e30;
+                     radius / length > 1e-18 && radius > 1e-17 && std::fabs(t) < 1e30;
     }
 };
 
@@ -174,13 +165,10 @@ Explanation explain(Scene<Primitive> const& scene, Query const& query, Answer co
         return {Cause::boundary, std::fabs(at.inside) / scale};
     if (meeting.isClamped && std::fabs(at.inside) <= 1e-18 * std::fabs(expected.t))
         return {Cause::clamped, std::fabs(at.inside) / scale};
+    if (!isMoving && at.inside <= 2e-5 * std::fabs(expected.t) * meeting.length && expected.t < 0.0)
+        return {Cause::negative, at.inside / std::fabs(expected.t) / meeting.length};
     if (at.inside < 0.0 && at.anyInstant >= -rounding)
         return {Cause::instant, 0.0};
-    // Along the rim the place of a hit is much coarser than a coordinate.
-    if (at.inside < 0.0 && std::fabs(meeting.depth) < 0x1p-10 * meeting.radius)
-        return {Cause::grazing, meeting.depth / meeting.radius};
-    if (at.inside < 0.0 && meeting.depth < 0.0 && -meeting.depth <= 0x1p-22 * meeting.coarsest)
-        return {Cause::phantom, -meeting.depth / meeting.coarsest};
     return {meeting.isInRange ? Cause::unexplained : Cause::range, 0.0};
 }
 

@@ -154,12 +154,14 @@ std::uint64_t packLeaf(Tree const& tree, typename Tree::Node& leaf, float* packs
 }
 
 /// Makes the packed copies of all leaves, along the tree, so that leaves that a ray passes one
-/// after the other mostly lie near each other. Does nothing when memory is short.
+/// after the other mostly lie near each other. Does nothing when memory is short, or entries are
+/// many times as many as spheres.
 template <class Tree> void packLeaves(Tree& tree) {
     // Position 0 is kept free: it means that there is no copy.
     std::uint64_t const most = 1 + 4 * static_cast<std::uint64_t>(tree.leafSpheres.count) +
                                static_cast<std::uint64_t>(packPadding);
-    if (most > LeafPack::lastPosition)
+    if (most > LeafPack::lastPosition ||
+        tree.leafSpheres.count > mostPackedEntries(tree.numSpheres))
         return;
     auto* const packs = static_cast<float*>(std::malloc(most * sizeof(float)));
     if (packs == nullptr)

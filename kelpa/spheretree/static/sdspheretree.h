@@ -72,10 +72,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// `multiThreaded` set, the work is done on the manager's threads while this one waits.
     /// Not to be called on one of the manager's workers unless another is free to take the job
     /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
-    /// abort leaves a valid tree over part of the particles. Throws `ExceptionMsg` when memory runs
-    /// out on any thread, or when there are more particles, nodes or leaf entries than 2^31 - 1;
-    /// whatever is thrown, all jobs have ended by then, and the tree is empty and can be built
-    /// again.
+    /// abort leaves a valid tree over part of the particles. Beyond 64 nodes or 256 leaf entries a
+    /// sphere, or 2^23 and 2^26 if that is more, nothing is split. Throws `ExceptionMsg` when
+    /// memory runs out on any thread, or when there are more particles, nodes or leaf entries than
+    /// 2^31 - 1; whatever is thrown, all jobs have ended by then, and the tree is empty and can be
+    /// built again.
     virtual void build(ProgressCallback* progress, ThreadManager* manager);
 
     /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
@@ -141,8 +142,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::int32_t innerLevels = 0;
     std::int32_t wasAborted = 0; ///< 1: the last build was asked to stop and holds but a part
     /// Copy each leaf's spheres into packs, which queries then test many at a time; the hits are
-    /// the same without. Read by `build`; a tree that cannot be packed (it holds points, or memory
-    /// is short) is asked through its entries.
+    /// the same without. Read by `build`; a tree that cannot be packed (it holds points,
+    /// memory is short, or entries are many times as many as spheres) is asked through its entries.
     std::int32_t packLeaves = 1;
     float* packedLeaves = nullptr;  ///< owned; null: not packed
     std::uint64_t packedFloats = 0; ///< length of `packedLeaves`
