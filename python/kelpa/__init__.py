@@ -32,7 +32,7 @@ from __future__ import annotations
 
 import math
 from dataclasses import dataclass
-from typing import Any, Callable, NamedTuple, Optional, Sequence, Union
+from typing import Any, Callable, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -225,31 +225,36 @@ class Particles:
         return f"<kelpa.Particles: {len(self):,} {kind} {self.type}s>"
 
 
-class Hits(NamedTuple):
+@dataclass(frozen=True, eq=False)
+class Hits:
     """The closest hits of rays, in arrays shaped like the rays (without their last axis).
 
-    A hit lies at origin + t * direction.
+    t : (...) float32
+        Ray parameter: the hit lies at origin + t * direction. Infinity without a hit.
+    index : (...) int64
+        Index of the particle; -1 without a hit.
+    normal : (..., 3) float32
+        Not normalised: for a sphere from its centre to the hit, as long as its radius; for a point
+        against the ray; zero without a hit.
+    type : (...) uint8
+        0: no hit, 1: on a sphere, 2: on a point.
     """
 
     t: NDArray[np.float32]
-    """Ray parameter, in units of the direction's length; infinity without a hit."""
     index: NDArray[np.int64]
-    """Index of the particle; -1 without a hit."""
     normal: NDArray[np.float32]
-    """Not normalised (..., 3): for a sphere from its centre to the hit, as long as its radius; for
-    a point against the ray; zero without a hit."""
     type: NDArray[np.uint8]
-    """0: no hit, 1: on a sphere, 2: on a point."""
 
     @property
     def mask(self) -> NDArray[np.bool_]:
         """Where there is a hit."""
-        return self.type != 0
+        return np.not_equal(self.type, 0)
 
     def unit_normals(self) -> NDArray[np.float32]:
         """The normals with length 1; zero without a hit."""
         length = np.linalg.norm(self.normal, axis=-1, keepdims=True)
-        return self.normal / np.where(length > 0, length, np.float32(1))
+        units: NDArray[np.float32] = self.normal / np.where(length > 0, length, np.float32(1))
+        return units
 
 
 @dataclass(frozen=True)
