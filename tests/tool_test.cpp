@@ -375,3 +375,62 @@ TEST(Camera, SeesAFlatSetFaceOn) {
 }
 
 } // namespace
+
+TEST_F(Command, RendersFramesOfFilesAndSequences) {
+    // Particle 1 stands; particle 2 goes right by 1 from frame to frame and, wrapped, comes back.
+    auto const frame = [](int step) {
+        return fmt::format("ITEM: TIMESTEP\n{}\nITEM: NUMBER OF ATOMS\n2\nITEM: BOX BOUNDS\n0 4\n"
+                           "0 4\n0 4\nITEM: ATOMS id x y z\n{}",
+                           step,
+                           step % 2 == 0 ? fmt::format("1 0 0 0\n2 {} 1 1\n", step % 4)
+                                         : fmt::format("2 {} 1 1\n1 0 0 0\n", step % 4));
+    };
+    std::string all;
+    for (int step : {0, 1, 2, 3, 4}) {
+        all += frame(step);
+        if (step != 2)
+            write(fmt::format("cache.{:03}.dump", 3 * step), frame(step));
+    }
+    write("all.dump", all);
+    Words const small = {"--size", "20x10", "--samples", "1", "--reproducible"};
+    auto const renderFrames = [&](Words words) {
+        words.insert(words.begin(), "render");
+        words.insert(words.end(), small.begin(), small.end());
+        return run(words);
+    };
+    Answer const inFile =
+        renderFrames({"all.dump", "--frames", "2:-1:2", "--motion", "next", "-o", "img.##.ppm"});
+    EXPECT_EQ(inFile.code, 0) << inFile.err;
+    EXPECT_TRUE(contains(inFile.err, "move by 0.25 on average and 0.5 at most")) << inFile.err;
+    EXPECT_TRUE(contains(inFile.err, "no frame follows all.dump frame 4")) << inFile.err;
+    EXPECT_EQ(others({"all.dump", "cache.000.dump", "cache.003.dump", "cache.009.dump",
+                      "cache.012.dump"}),
+              (Words{"img.02.ppm", "img.04.ppm"}));
+    // The second picture of a range is seen as the first: alone it would be framed anew.
+    renderFrames({"all.dump", "--frame", "4", "-r", "0.5", "-o", "alone.ppm"});
+    EXPECT_NE(read("img.04.ppm"), read("alone.ppm"));
+
+    Answer const crossing =
+        renderFrames({"cache.{}.dump", "--frame", "9", "--motion", "next", "-o", "one.ppm"});
+    EXPECT_TRUE(contains(crossing.err, "1 particles leave the periodic box")) << crossing.err;
+    EXPECT_TRUE(contains(crossing.err, "at most, ")) << crossing.err;
+    EXPECT_TRUE(contains(crossing.err, "and 0.5 at most")) << crossing.err;
+    EXPECT_EQ(renderFrames({"cache.{}.dump", "--frames", "1:9:2", "-o", "seq#.ppm"}).code, 0);
+    EXPECT_EQ(read("seq3.ppm").size(), read("one.ppm").size());
+    EXPECT_EQ(read("seq0.ppm") + read("seq6.ppm") + read("seq12.ppm"), "");
+
+    for (auto const& [words, code, text] : std::vector<std::tuple<Words, int, std::string>>{
+             {{"cache.{}.dump", "--frame", "6"}, 3, "no frame 6; it has 4 from 0 to 12"},
+             {{"nothing.{}.ply"}, 3, "nothing.{}.ply: no file has a number in place of {}"},
+             {{"all.dump", "--frames", "3:9"}, 3, "all.dump: no frame 5; it has 5"},
+             {{"all.dump", "--frames", "3:1"}, 2, "--frames: '3:1' ends before it begins"},
+             {{"all.dump", "--frames", "0:4:0"}, 2, "--frames: '0:4:0' steps by 0"},
+             {{"all.dump", "--frames", "0:1", "--motion", "b.ply"}, 2, "not with a file"},
+             {{"all.dump", "--frames", "0:1", "--turntable", "4"}, 2, "use one of them"}}) {
+        Words full = words;
+        full.insert(full.end(), {"-o", "bad.#.ppm"});
+        Answer const answer = renderFrames(full);
+        EXPECT_EQ(answer.code, code) << answer.err;
+        EXPECT_TRUE(contains(answer.err, text)) << answer.err;
+    }
+}

@@ -30,7 +30,9 @@ Kelpa::Vector viridis(double t) {
             linearFromSrgb(std::clamp(rgb[2], 0.0, 1.0))};
 }
 
-std::array<float, 2> percentiles(std::vector<float> const& values) {
+} // namespace
+
+std::array<float, 2> usualRange(std::vector<float> const& values) {
     std::vector<float> finite;
     std::copy_if(values.begin(), values.end(), std::back_inserter(finite),
                  [](float value) { return std::isfinite(value); });
@@ -45,8 +47,6 @@ std::array<float, 2> percentiles(std::vector<float> const& values) {
     return {at(0.01), at(0.99)};
 }
 
-} // namespace
-
 std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
                                      std::optional<std::array<float, 2>> range) {
     constexpr std::size_t entries = 256;
@@ -56,7 +56,7 @@ std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
             colors[i] = viridis(static_cast<double>(i) / (entries - 1));
         return colors;
     }();
-    auto const [low, high] = range ? *range : percentiles(values);
+    auto const [low, high] = range ? *range : usualRange(values);
     double const width = static_cast<double>(high) - static_cast<double>(low);
     std::vector<Kelpa::Vector> colors(values.size());
     for (std::size_t i = 0; i < values.size(); ++i) {

@@ -17,7 +17,8 @@ void skipFrames(InputFile& file, FrameFormat& format, int end) {
 }
 
 [[noreturn]] void failNoFrame(InputFile const& file, int wanted) {
-    file.fail("no frame {}; it has {} (the first is 0, the last -1)", wanted, file.frames);
+    throw NoSuchFrame(fmt::format("{}: no frame {}; it has {} (the first is 0, the last -1)",
+                                  file.path(), wanted, file.frames));
 }
 
 ParticleSet readFrame(InputFile& file, FrameFormat& format, int wanted,

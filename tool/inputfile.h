@@ -28,6 +28,8 @@ class InputFile {
     InputFile(InputFile const&) = delete;
     InputFile& operator=(InputFile const&) = delete;
 
+    /// Another progress, from now on.
+    void reportTo(PhaseProgress phase) { progress = std::move(phase); }
     std::string const& path() const { return filePath; }
     bool isGzip() const { return inflation != nullptr; }
     /// Whether opening the same path gives the same bytes again; false for a pipe.

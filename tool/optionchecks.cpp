@@ -6,6 +6,10 @@ namespace kelpatool {
 
 namespace {
 
+bool hasSecondSnapshot(MotionOptions const& motion) {
+    return motion.motion != "none" && motion.motion != "velocity";
+}
+
 /// Refuses options that would have no effect on what was asked for.
 void checkEffects(GivenOption const& isGiven, Options const& options) {
     bool const isMoving = options.motion.motion != "none";
@@ -18,10 +22,10 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         char const* needs;
     };
     Rule const rules[] = {
-        {"--shutter", isMoving, "motion: --motion FILE, or --motion velocity"},
-        {"--bounds", isMoving, "motion: --motion FILE, or --motion velocity"},
+        {"--shutter", isMoving, "motion: --motion velocity, next or FILE"},
+        {"--bounds", isMoving, "motion: --motion velocity, next or FILE"},
         {"--dt", hasVelocity, "--motion velocity"},
-        {"--times", isMoving && !hasVelocity, "a second snapshot: --motion FILE"},
+        {"--times", isMoving && !hasVelocity, "a second snapshot: --motion next or FILE"},
         {"--shadows", !isFlat, "light: --shade ao or lit"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
         {"--ao-distance", hasOcclusion, "--shade ao"},
@@ -45,6 +49,11 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         motion.motion = particles.files[1];
         particles.files.pop_back();
     }
+    bool const isNext = motion.motion == "next";
+    if (particles.frames && hasSecondSnapshot(motion) && !isNext)
+        throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
+    if (particles.frames && options.camera.turntable > 0)
+        throw UsageError("--frames and --turntable both make many pictures; use one of them");
     checkEffects(isGiven, options);
     if (motion.times[0] == motion.times[1])
         throw UsageError("--times must differ");

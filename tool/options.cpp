@@ -54,7 +54,10 @@ void addRunOptions(CLI::App& app, RunOptions& run) {
 
 void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
     app.add_option("--format", particles.format, "Format of the file: " + formatNames());
-    app.add_option("--frame", particles.frame, "Frame of the file; negative: from the end");
+    app.add_option(
+        "--frame", particles.frame,
+        "Frame of the file, or the number of a file of a sequence, such as cache.{}.ply; "
+        "negative: from the end; default: the first");
     auto* const radius =
         app.add_option("-r,--radius", particles.radius,
                        "Radius of all particles; else the file's, by element, or by spacing")
@@ -76,6 +79,21 @@ void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
         ->group("Radius");
 }
 
+FrameRange parseFrameRange(std::string const& text) {
+    bool const hasStep = std::count(text.begin(), text.end(), ':') == 2;
+    std::array<int, 3> numbers = {0, 0, 1};
+    if (hasStep)
+        numbers = parseNumbers<int, 3>(text, ':', "A:B:S");
+    else
+        std::ranges::copy(parseNumbers<int, 2>(text, ':', "A:B or A:B:S"), numbers.begin());
+    auto const [first, last, step] = numbers;
+    if (step < 1)
+        throw UsageError(fmt::format("'{}' steps by {}; the least step is 1", text, step));
+    if ((first < 0) == (last < 0) && first > last)
+        throw UsageError(fmt::format("'{}' ends before it begins", text));
+    return {first, last, step};
+}
+
 void addTreeOptions(CLI::App& app, TreeOptions& tree) {
     app.add_option("--max-depth", tree.maxDepth,
                    "Deepest level of the tree; default: 60, for moving particles 80")
@@ -91,7 +109,8 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
 }
 
 void addMotionOptions(CLI::App& app, MotionOptions& motion) {
-    app.add_option("--motion", motion.motion, "none, velocity, or the file of a second snapshot")
+    app.add_option("--motion", motion.motion,
+                   "none, velocity, next (the frame after), or the file of a second snapshot")
         ->group("Motion");
     app.add_option("--times", motion.times, "When the two snapshots were taken: T0 T1")
         ->check(between(-1e30, 1e30))
@@ -288,6 +307,9 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         ->expected(1, 2);
     addParticleOptions(*render, options.particles);
     render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
+    addParsed(*render, "--frames", "A:B[:S]", options.particles.frames, parseFrameRange,
+              "Frames to render, A to B, every S-th; the output numbers them: img.####.png")
+        ->excludes(render->get_option("--frame"));
     addMotionOptions(*render, options.motion);
     addPictureOptions(*render, options);
     addTreeOptions(*render, options.tree);

@@ -3,6 +3,8 @@
 #include "kelpa/foundation/vector.h"
 #include "kelpa/host/consoleprogress.h"
 
+#include "tool/framesource.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -22,7 +24,8 @@ class UsageError : public std::runtime_error {
 struct ParticleOptions {
     std::vector<std::string> files; ///< one, or two snapshots
     std::string format;
-    int frame = 0;
+    std::optional<int> frame;         ///< unset: the first
+    std::optional<FrameRange> frames; ///< several pictures
     std::optional<float> radius;
     std::string radiusFrom;
     float radiusScale = 1.0F;
@@ -32,10 +35,10 @@ struct ParticleOptions {
 
 /// How particles move between two snapshots, or along their velocities.
 struct MotionOptions {
-    std::string motion = "none";              ///< "none", "velocity" or the second snapshot's file
-    std::array<double, 2> times = {0.0, 1.0}; ///< when the two snapshots were taken
+    std::string motion = "none"; ///< "none", "velocity", "next" or the second snapshot's file
+    std::array<double, 2> times = {0.0, 1.0};     ///< when the two snapshots were taken
     std::optional<std::array<double, 2>> shutter; ///< in the unit of `times`
-    double dt = 1.0; ///< the file's unit of time per unit of the shutter
+    std::optional<double> dt; ///< the file's unit of time per unit of the shutter
     bool movingBounds = false;
 };
 

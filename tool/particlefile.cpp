@@ -299,8 +299,30 @@ std::string formatNames() {
 }
 
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options) {
-    InputFile file(path, options.progress);
-    FileFormat const& format = findFormat(file, options.format);
+    return ParticleFile(path).read(options);
+}
+
+struct ParticleFile::Open {
+    InputFile file;
+    FileFormat const& format;
+
+    Open(std::string const& path, ReadOptions const& options)
+        : file(path, options.progress), format(findFormat(file, options.format)) {}
+};
+
+ParticleFile::ParticleFile(std::string filePath) : path(std::move(filePath)) {
+}
+
+ParticleFile::~ParticleFile() = default;
+
+ParticleSet ParticleFile::read(ReadOptions const& options) {
+    // Readers of many frames count those behind them, and can go on; others start again.
+    bool const goesOn = open && open->file.frames > 0 && options.frame >= open->file.frames;
+    std::unique_ptr<Open> current =
+        goesOn ? std::move(open) : std::make_unique<Open>(path, options);
+    InputFile& file = current->file;
+    file.reportTo(options.progress);
+    FileFormat const& format = current->format;
     if (format.read == nullptr)
         file.fail("this is {}, which is not read. {}", format.title,
                   format.wayOn.empty() ? "Export or convert it to PLY" : format.wayOn);
@@ -308,6 +330,7 @@ ParticleSet readParticleFile(std::string const& path, ReadOptions const& options
         ParticleSet particles = format.read(file, options);
         if (file.isGzip())
             particles.format += ", gzip";
+        open = std::move(current);
         return particles;
     } catch (InputError const&) {
         file.verifyChecksum(); // damaged gzip data is the better reason for what looks odd

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -15,6 +16,12 @@ namespace kelpatool {
 class InputError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+};
+
+/// A frame that a file does not have.
+class NoSuchFrame : public InputError {
+  public:
+    using InputError::InputError;
 };
 
 /// Output that cannot be written.
@@ -53,6 +60,24 @@ std::string formatNames();
 
 /// Reads one frame of a particle file, plain or gzipped. Throws `InputError`.
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options);
+
+/// A particle file that stays open, so that frames read in rising order cost one way through it.
+class ParticleFile {
+  public:
+    explicit ParticleFile(std::string path);
+    ~ParticleFile();
+    ParticleFile(ParticleFile const&) = delete;
+    ParticleFile& operator=(ParticleFile const&) = delete;
+
+    /// Reads a frame as `readParticleFile` does.
+    ParticleSet read(ReadOptions const& options);
+
+  private:
+    struct Open;
+
+    std::string path;
+    std::unique_ptr<Open> open; ///< null: not yet, or after a failure
+};
 
 /// Writes positions and whatever else the set has as a PLY file, under a temporary name until it is
 /// whole. Throws `OutputError`.

@@ -58,6 +58,7 @@ struct ParticleSet {
     std::vector<AttributeSummary> columns;    ///< filled when asked for
     std::vector<std::string> unknownElements; ///< symbols that are in no table
     std::vector<std::string> notes;           ///< what the user should know, a line each
+    int frame = 0;      ///< which of them, or of the files of a sequence, this is
     int frameCount = 1; ///< frames in the file, as far as the reader had to count them
     char upAxis = 'z';  ///< 'y' for formats from film effects
 };

@@ -84,23 +84,55 @@ Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
     return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
 }
 
-ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
+SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
+    : options(given), source(path) {
+}
+
+ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     ReadOptions read;
     read.format = options.particles.format;
-    read.frame = options.particles.frame;
     read.radiusFrom = options.particles.radiusFrom;
-    read.summarise = summarise;
     read.forMotion = hasSecondFile(options);
+    read.progress = progress;
     if (!options.color.colorBy.empty())
         read.attributes.push_back(options.color.colorBy);
-    ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
-        read.progress = progress;
-        return readParticleFile(path, read);
+    return read;
+}
+
+std::vector<int> SnapshotReader::framesIn(FrameRange const& range) {
+    return withProgress("count", options.run, [&](PhaseProgress const& progress) {
+        return source.framesIn(range, readOptions(progress));
     });
-    particles.name = path;
+}
+
+ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
+    ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
+        ReadOptions read = readOptions(progress);
+        read.summarise = summarise;
+        return source.read(frame, read);
+    });
     for (std::string const& text : particles.notes)
         noteTo(options.run)(text);
     return particles;
+}
+
+std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) {
+    if (!hasSecondFile(options))
+        return std::nullopt;
+    if (options.motion.motion != "next")
+        return readParticles(options.motion.motion, options, false);
+    std::optional<ParticleSet> second =
+        withProgress("read", options.run, [&](PhaseProgress const& progress) {
+            return source.readAfter(first.frame, readOptions(progress));
+        });
+    if (!second)
+        noteTo(options.run)(
+            fmt::format("no frame follows {}: its particles stand still", first.name));
+    return second;
+}
+
+ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
+    return SnapshotReader(options, path).read(options.particles.frame, summarise);
 }
 
 bool hasSecondFile(Options const& options) {
@@ -108,15 +140,17 @@ bool hasSecondFile(Options const& options) {
 }
 
 Scene readyScene(Options const& options, ParticleSet particles) {
-    ParticleSet second;
-    bool const hasSecond = hasSecondFile(options);
-    if (hasSecond)
-        second = readParticles(options.motion.motion, options, false);
+    std::optional<ParticleSet> const second =
+        SnapshotReader(options, options.particles.files[0]).readSecond(particles);
+    return readyScene(options, std::move(particles), second ? &*second : nullptr);
+}
+
+Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second) {
     // What there is to note must not run into the line of the display.
     std::vector<std::string> notes;
     Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
         return makeScene(
-            options, std::move(particles), hasSecond ? &second : nullptr,
+            options, std::move(particles), second,
             [&notes](std::string const& text) { notes.push_back(text); }, progress);
     });
     for (std::string const& text : notes)

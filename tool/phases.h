@@ -51,6 +51,27 @@ auto withProgress(std::string const& name, RunOptions const& run, Phase phase) {
     });
 }
 
+/// Reads frames as the options say, with the snapshots that their particles go to, and prints what
+/// the readers note.
+class SnapshotReader {
+  public:
+    /// `options` must outlive the reader.
+    SnapshotReader(Options const& options, std::string const& path);
+
+    std::vector<int> framesIn(FrameRange const& range);
+    /// `summarise` also collects what `kelpa info` shows of the columns.
+    ParticleSet read(std::optional<int> frame, bool summarise);
+    /// The snapshot that `--motion` asks for; nothing when the particles stand still, or go along
+    /// their velocities.
+    std::optional<ParticleSet> readSecond(ParticleSet const& first);
+
+  private:
+    ReadOptions readOptions(PhaseProgress const& progress) const;
+
+    Options const& options;
+    FrameSource source;
+};
+
 /// Reads the file's particles as the options say, and prints the reader's notes. `summarise` also
 /// collects what `kelpa info` shows of the columns.
 ParticleSet readParticles(std::string const& path, Options const& options, bool summarise);
@@ -60,6 +81,8 @@ bool hasSecondFile(Options const& options);
 
 /// Makes the scene of a file, and of the second snapshot if there is one.
 Scene readyScene(Options const& options, ParticleSet particles);
+/// The same with a second snapshot that has been read, or null.
+Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second);
 
 /// Collects what a build says.
 class BuildReport final : public Kelpa::ProgressCallback {

@@ -363,7 +363,8 @@ void readTextRows(InputFile& file, Element const& vertex, std::vector<Column> co
 ParticleSet readPly(InputFile& file, ReadOptions const& options) {
     Header const header = readHeader(file);
     if (options.frame != 0 && options.frame != -1)
-        file.fail("no frame {}; a PLY file holds one", options.frame);
+        throw NoSuchFrame(
+            fmt::format("{}: no frame {}; a PLY file holds one", file.path(), options.frame));
     std::size_t const vertexIndex = findVertices(file, header);
     Element const& vertex = header.elements[vertexIndex];
     bool const isText = header.encoding == Encoding::ascii;

@@ -78,7 +78,8 @@ void checkOutput(Options const& options) {
         throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
                                      ".png or .exr",
                                      baseName(options.output)));
-    checkWritable(options.camera.turntable > 0 ? numberedName(options.output, 0) : options.output);
+    bool const isNumbered = options.camera.turntable > 0 || options.particles.frames;
+    checkWritable(isNumbered ? numberedName(options.output, 0) : options.output);
     if (!options.run.statsFile.empty())
         OutputFile::check(options.run.statsFile);
 }
@@ -90,10 +91,12 @@ struct BuiltScene {
     double buildSeconds = 0.0;
 };
 
-BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics) {
+/// Reads what `read` makes a scene of, and builds its tree.
+template <class Read>
+BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics, Read read) {
     BuiltScene built;
     Stopwatch const readTime;
-    built.scene = readyScene(options, readParticles(options.particles.files[0], options, false));
+    built.scene = read();
     built.readSeconds = readTime.seconds();
 
     Stopwatch const buildTime;
@@ -129,26 +132,67 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
 }
 
-} // namespace
+Camera cameraFor(Scene const& scene, Options const& options) {
+    return placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
+                       scene.framedCenters, scene.framedRadii, scene.origin);
+}
 
-int runRender(Options const& options) {
-    checkOutput(options);
-    RenderStatistics statistics;
-    BuiltScene built = makeBuiltScene(options, statistics);
+/// Renders one frame, or the pictures of a turn around it.
+void renderOneFrame(Options const& options, RenderStatistics& statistics) {
+    BuiltScene built = makeBuiltScene(options, statistics, [&options] {
+        return readyScene(options, readParticles(options.particles.files[0], options, false));
+    });
     Scene const& scene = built.scene;
     if (!options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
     auto const& [width, height] = std::pair(options.image.width, options.image.height);
     if (options.camera.turntable == 0)
-        renderPicture(built,
-                      placeCamera(options.camera, width, height, scene.upAxis, scene.framedCenters,
-                                  scene.framedRadii, scene.origin),
-                      options, options.output, statistics);
+        renderPicture(built, cameraFor(scene, options), options, options.output, statistics);
     for (int picture = 0; picture < options.camera.turntable; ++picture)
         renderPicture(built,
                       placeTurntable(options.camera, picture, width, height, scene.upAxis,
                                      scene.framedCenters, scene.framedRadii, scene.origin),
                       options, numberedName(options.output, picture), statistics);
+}
+
+/// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
+/// that, the camera's place, the radius and the range of a colour map, must not change on the way.
+void renderFrames(Options const& given, RenderStatistics& statistics) {
+    Options options = given;
+    SnapshotReader reader(options, options.particles.files[0]);
+    std::optional<Camera> camera;
+    Vec origin{};
+    std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
+    for (int const frame : reader.framesIn(*options.particles.frames)) {
+        BuiltScene built = makeBuiltScene(options, statistics, [&] {
+            ParticleSet particles =
+                ahead && ahead->frame == frame ? std::move(*ahead) : reader.read(frame, false);
+            ahead = reader.readSecond(particles);
+            return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr);
+        });
+        Scene const& scene = built.scene;
+        if (!camera) {
+            camera = cameraFor(scene, options);
+            origin = scene.origin;
+            if (scene.spacingRadius)
+                options.particles.radius = scene.spacingRadius;
+            options.color.range = scene.colorRange;
+        }
+        Camera here = *camera;
+        here.eye = here.eye + origin - scene.origin;
+        renderPicture(built, here, options, numberedName(options.output, frame), statistics);
+    }
+}
+
+} // namespace
+
+int runRender(Options const& options) {
+    checkOutput(options);
+    RenderStatistics statistics;
+    if (options.particles.frames)
+        renderFrames(options, statistics);
+    else
+        renderOneFrame(options, statistics);
     if (!options.run.statsFile.empty()) {
         OutputFile file(options.run.statsFile);
         file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));

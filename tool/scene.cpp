@@ -117,17 +117,24 @@ std::vector<float> elementRadii(ParticleOptions const& options, ParticleSet cons
     return radii;
 }
 
-std::vector<Vector> chooseColors(Options const& options, ParticleSet const& particles) {
+/// The column to colour by, or null.
+Attribute const* coloredColumn(Options const& options, ParticleSet const& particles) {
+    auto const column =
+        std::find_if(particles.attributes.begin(), particles.attributes.end(),
+                     [&](Attribute const& a) { return a.name == options.color.colorBy; });
+    return column == particles.attributes.end() ? nullptr : &*column;
+}
+
+std::vector<Vector> chooseColors(Options const& options, ParticleSet const& particles,
+                                 std::optional<std::array<float, 2>> const& range) {
     if (options.color.color)
         return {};
     if (!options.color.colorBy.empty()) {
-        auto const column =
-            std::find_if(particles.attributes.begin(), particles.attributes.end(),
-                         [&](Attribute const& a) { return a.name == options.color.colorBy; });
-        if (column == particles.attributes.end())
+        Attribute const* const column = coloredColumn(options, particles);
+        if (column == nullptr)
             throw InputError(fmt::format("{}: no column '{}' to colour by",
                                          options.particles.files[0], options.color.colorBy));
-        return mapColors(column->values, options.color.range);
+        return mapColors(column->values, range);
     }
     if (!particles.colors.empty())
         return particles.colors;
@@ -155,9 +162,11 @@ Ways waysAlongVelocities(Options const& options, ParticleSet const& particles,
         throw InputError(fmt::format("{}: no velocities (vx vy vz) for --motion velocity",
                                      options.particles.files[0]));
     std::array<double, 2> const shutter = shutterOf(options.motion, false);
+    // Caches of film effects have velocities per second, and a shutter opens per frame.
+    double const dt = options.motion.dt.value_or(particles.upAxis == 'y' ? 1.0 / 24.0 : 1.0);
     auto const moved = [&](double time) {
         std::vector<Vector> positions(particles.positions.size());
-        double const step = time * options.motion.dt;
+        double const step = time * dt;
         for (std::size_t i = 0; i < positions.size(); ++i) {
             Vector const& p = particles.positions[i];
             Vector const& v = particles.velocities[i];
@@ -183,7 +192,8 @@ struct Way {
 /// Matches two snapshots. Particles that only one of them has stand still where it has them; those
 /// of the second only are added to `particles`, `radii` and `colors`.
 Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet const& second,
-                 std::vector<float>& radii, std::vector<Vector>& colors, Note const& note,
+                 std::vector<float>& radii, std::vector<Vector>& colors,
+                 std::optional<std::array<float, 2>> const& colorRange, Note const& note,
                  PhaseProgress const& progress) {
     std::string const& file0 = particles.name;
     std::string const& file1 = second.name;
@@ -226,8 +236,9 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
     std::uint64_t onlySecond = 0;
     float const usual = radii.empty() ? 1.0F : radii[radii.size() / 2];
     bool const hasNew = std::find(isMatched.begin(), isMatched.end(), false) != isMatched.end();
-    std::vector<Vector> const secondColors =
-        hasNew && !colors.empty() ? chooseColors(options, second) : std::vector<Vector>{};
+    std::vector<Vector> const secondColors = hasNew && !colors.empty()
+                                                 ? chooseColors(options, second, colorRange)
+                                                 : std::vector<Vector>{};
     bool const isByElement =
         particles.radii.empty() && !options.particles.radius && !second.elements.empty();
     std::vector<float> const secondElementRadii =
@@ -367,13 +378,20 @@ Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const
     std::uint64_t const count = particles.positions.size();
     std::vector<float> radii = chooseRadii(options.particles, particles, note, progress);
     progress(1.0, count);
-    scene.colors = chooseColors(options, particles);
+    if (!options.particles.radius && particles.radii.empty() && particles.elements.empty() &&
+        !radii.empty())
+        scene.spacingRadius = radii[0] / options.particles.radiusScale;
+    Attribute const* const column = coloredColumn(options, particles);
+    if (column != nullptr)
+        scene.colorRange = options.color.range ? *options.color.range : usualRange(column->values);
+    scene.colors = chooseColors(options, particles, scene.colorRange);
     scene.color = options.color.color.value_or(defaultColor);
     scene.upAxis = particles.upAxis;
 
     Ways ways;
     if (second != nullptr)
-        ways = waysBetween(options, particles, *second, radii, scene.colors, note, progress);
+        ways = waysBetween(options, particles, *second, radii, scene.colors, scene.colorRange, note,
+                           progress);
     else if (options.motion.motion == "velocity")
         ways = waysAlongVelocities(options, particles, radii);
     else

@@ -8,6 +8,7 @@
 #include "tool/options.h"
 #include "tool/particlefile.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -65,7 +66,9 @@ struct Scene {
     char upAxis = 'z';
     double largestStep = 0.0; ///< between the snapshots, as far as the shutter is open
     double meanStep = 0.0;
-    std::vector<Kelpa::Vector> framedCenters; ///< usable particles, at both ends of their way
+    std::optional<float> spacingRadius; ///< before scaling, if the radius of all was chosen by it
+    std::optional<std::array<float, 2>> colorRange; ///< of the colour map, if one was used
+    std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
     std::vector<float> framedRadii;
 };
 
