@@ -4,6 +4,8 @@
 #include "tests/command.h"
 #include "tool/camera.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -233,10 +235,23 @@ TEST_F(Command, LeavesNoPartOfAFileOnAFullDisk) {
     for (std::size_t i = 3; i < values.size(); ++i)
         names += fmt::format(" column{}", i);
     write("wide.ply", plyOf(names, {fmt::format("{}", fmt::join(values, " "))}));
-    for (char const* const file : {"g.ply", "wide.ply"}) {
-        int const status = inShell(fmt::format("info {} -q >/dev/full", file));
-        EXPECT_EQ(WEXITSTATUS(status), 4) << file << read("stderr");
+    for (char const* const words : {"info g.ply -q", "info wide.ply -q", "--help"}) {
+        int const status = inShell(fmt::format("{} >/dev/full", words));
+        EXPECT_EQ(WEXITSTATUS(status), 4) << words << read("stderr");
     }
+}
+
+TEST_F(Command, WorksWithoutAnybodyToTell) {
+    std::string const make = "generate cloud --count 200000 --ascii -o ";
+    EXPECT_EQ(inShell(make + "told.ply"), 0);
+    for (char const* const ears : {"2>&-", "2>/dev/full", "2>&1 | true"}) {
+        SCOPED_TRACE(ears);
+        EXPECT_EQ(inShell(fmt::format("{} c.ply {}; code=$?; cmp told.ply c.ply || code=99; "
+                                      "rm c.ply; (exit $code)",
+                                      make, ears)),
+                  0);
+    }
+    EXPECT_EQ(others({"told.ply"}), Words{});
 }
 
 TEST_F(Command, MakesDoWithTheThreadsThatTheSystemGrants) {
@@ -260,6 +275,9 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
           "property float y\nproperty float z\nend_header\n" +
               std::string(reinterpret_cast<char const*>(coordinates.data()),
                           coordinates.size() * sizeof(float)));
+    for (char const* const pipe : {"idle.ply", "mute.ply", "idle.ppm"})
+        ASSERT_EQ(mkfifo((folder / pipe).c_str(), 0600), 0);
+    int const writer = open((folder / "mute.ply").c_str(), O_RDWR | O_CLOEXEC); // writes nothing
     struct Case {
         Words words;
         bool saysWhenReady; ///< prints statistics when the tree is built
@@ -267,7 +285,8 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
     for (auto const& [words, saysWhenReady] :
          {Case{{"render", "c.ply", "-q", "--stats", "--samples", "4096", "-o", "c.ppm"}, true},
           Case{{"render", "c.ply", "-q", "--samples", "4096", "-o", "c.ppm"}, false},
-          Case{{"info", "n.ply", "-q"}, false},
+          Case{{"info", "n.ply", "-q"}, false}, Case{{"info", "idle.ply", "-q"}, false},
+          Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ppm"}, false},
           Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"}, false}}) {
         SCOPED_TRACE(words.back());
         fs::remove(folder / "stderr");
@@ -281,8 +300,9 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
         EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds{1000});
         EXPECT_EQ(answer.code, 130);
         EXPECT_TRUE(contains(answer.err, "kelpa: interrupted\n")) << answer.err;
-        EXPECT_EQ(others({"c.ply", "n.ply"}), Words{});
+        EXPECT_EQ(others({"c.ply", "n.ply", "idle.ply", "mute.ply", "idle.ppm"}), Words{});
     }
+    close(writer);
 }
 
 // ------------------------------------------------------------- camera ----

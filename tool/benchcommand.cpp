@@ -5,6 +5,7 @@
 #include "tool/commands.h"
 #include "tool/phases.h"
 #include "tool/sampling.h"
+#include "tool/standardstreams.h"
 
 #include <fmt/format.h>
 
@@ -215,7 +216,7 @@ void measureRays(Scene& scene, char const* motion, char const* kind, Rays const&
     fmt::print("{:<7} {:<8} {:>6} million rays/s singly, {:>6} in lists of {}, {} % hit\n", motion,
                kind, rate(count, median(seconds[0])), rate(count, median(seconds[1])),
                lanesPerBunch, shareOfHits(scene, rays));
-    std::fflush(stdout);
+    finishStandardOutput();
 }
 
 void measure(Options const& options, ParticleSet const& particles, char const* motion) {
@@ -235,7 +236,7 @@ void measure(Options const& options, ParticleSet const& particles, char const* m
     fmt::print("{:<7} {:<8} {:>6} million spheres/s, {:.3f} s, {:.0f} bytes a sphere\n", motion,
                "build", rate(spheres, median(seconds)), median(seconds),
                static_cast<double>(scene.geometry->memory()) / spheres);
-    std::fflush(stdout);
+    finishStandardOutput();
     Rays const camera = cameraRays(scene, options.benchRays);
     measureRays(scene, motion, "camera", camera, options);
     measureRays(scene, motion, "bounced", bouncedRays(scene, camera), options);
@@ -261,8 +262,7 @@ int runBench(Options const& given) {
         measure(options, particles, "moving");
     else
         noteTo(options.run)("no velocities in the file; --motion FILE measures moving particles");
-    if (std::fflush(stdout) != 0)
-        throw OutputError("standard output cannot be written");
+    finishStandardOutput();
     return 0;
 }
 

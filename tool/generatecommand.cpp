@@ -1,10 +1,7 @@
 #include "tool/commands.h"
 #include "tool/image.h"
 #include "tool/phases.h"
-
-#include <fmt/format.h>
-
-#include <cstdio>
+#include "tool/standardstreams.h"
 
 namespace kelpatool {
 
@@ -19,8 +16,7 @@ int runGenerate(Options const& options) {
         return 0;
     });
     if (!options.run.quiet)
-        fmt::print(stderr, "wrote {}, {} particles\n", options.output,
-                   withCommas(particles.positions.size()));
+        say("wrote {}, {} particles\n", options.output, withCommas(particles.positions.size()));
     return 0;
 }
 

@@ -1,5 +1,6 @@
 #include "tool/image.h"
 
+#include "tool/interruptwatch.h"
 #include "tool/outputfile.h"
 #include "tool/particlefile.h"
 #include "tool/srgb.h"
@@ -240,15 +241,16 @@ void checkWritable(std::string const& path) {
 
 void writeImage(std::string const& path, Image const& image, bool withAlpha) {
     ImageFormat const format = imageFormatOf(path);
-    OutputFile file(path);
     std::string bytes;
     try {
+        InterruptWatch const watch; // no temporary file yet
         bytes = encode(format, image, withAlpha);
     } catch (std::bad_alloc const&) {
         throw;
     } catch (std::exception const& error) { // OpenEXR has its own kinds
         throw OutputError(fmt::format("{}: cannot be written: {}", path, error.what()));
     }
+    OutputFile file(path);
     file.write(bytes);
     file.commit();
 }

@@ -1,6 +1,7 @@
 #include "tool/commands.h"
 #include "tool/json.h"
 #include "tool/phases.h"
+#include "tool/standardstreams.h"
 #include "tool/statistics.h"
 
 #include <fmt/format.h>
@@ -120,7 +121,6 @@ void tellAbout(Options options, std::string const& file) {
 int runInfo(Options const& options) {
     std::vector<std::string> const& files = options.particles.files;
     bool const isList = options.json && files.size() > 1;
-    bool isPrinted = true;
     try {
         for (std::size_t i = 0; i < files.size(); ++i) {
             if (isList)
@@ -129,10 +129,9 @@ int runInfo(Options const& options) {
         }
         fmt::print("{}{}", isList ? "\n]" : "", options.json ? "\n" : "");
     } catch (std::system_error const&) {
-        isPrinted = false; // more than the buffer holds, so that printing noticed
+        // More than the buffer holds, so that printing noticed; the end says it in our words.
     }
-    if (!isPrinted || std::fflush(stdout) != 0)
-        throw OutputError("standard output cannot be written");
+    finishStandardOutput();
     return 0;
 }
 

@@ -1,6 +1,9 @@
 #include "tool/inputfile.h"
 
+#include "tool/interruptwatch.h"
+
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -54,7 +57,12 @@ InputFile::InputFile(std::string path, PhaseProgress phase)
     if (regular)
         size = static_cast<std::uint64_t>(status.st_size);
 
-    descriptor = open(filePath.c_str(), O_RDONLY | O_CLOEXEC);
+    {
+        std::optional<InterruptWatch> watch;
+        if (!regular)
+            watch.emplace(); // a named pipe opens when its writer comes
+        descriptor = open(filePath.c_str(), O_RDONLY | O_CLOEXEC);
+    }
     if (descriptor < 0)
         fail("cannot be opened: {}", systemMessage(errno));
     try {
@@ -173,6 +181,8 @@ void InputFile::poll() const {
 /// Reads from the file as it is on disk; 0 at its end.
 std::size_t InputFile::readRaw(char* to, std::size_t space) {
     for (;;) {
+        if (!regular)
+            waitForBytes();
         ssize_t const got = read(descriptor, to, space);
         if (got >= 0) {
             rawBytesRead += static_cast<std::uint64_t>(got);
@@ -182,6 +192,14 @@ std::size_t InputFile::readRaw(char* to, std::size_t space) {
             fail("cannot be read: {}", systemMessage(errno));
         poll();
     }
+}
+
+/// Waits until a pipe or terminal has something to read or ends.
+void InputFile::waitForBytes() const {
+    constexpr int look = 50; // milliseconds
+    pollfd waiting{descriptor, POLLIN, 0};
+    while (::poll(&waiting, 1, look) < 1) // no wait for bytes may follow a signal
+        poll();
 }
 
 /// Puts more compressed bytes behind those not yet used; false at the end of the file.

@@ -79,6 +79,7 @@ class InputFile {
     std::size_t readRaw(char* to, std::size_t space);
     std::size_t inflateSome(char* to, std::size_t space);
     bool refill();
+    void waitForBytes() const;
     void poll() const;
 
     std::string filePath;

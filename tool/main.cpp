@@ -6,6 +6,7 @@
 #include "tool/commands.h"
 #include "tool/options.h"
 #include "tool/particlefile.h"
+#include "tool/standardstreams.h"
 
 #include <fmt/format.h>
 
@@ -48,6 +49,7 @@ int complain(ExitCode code, char const* text) {
 } // namespace
 
 int main(int argc, char** argv) {
+    kelpatool::secureStandardStreams();
     // A file that may grow no further is reported like a full disk, not by a signal.
     std::signal(SIGXFSZ, SIG_IGN);
     Kelpa::InterruptScope const interrupts;

@@ -3,6 +3,7 @@
 #include "tool/optionchecks.h"
 #include "tool/optionforms.h"
 #include "tool/particlefile.h"
+#include "tool/standardstreams.h"
 #include "tool/version.h"
 
 #include <fmt/format.h>
@@ -277,13 +278,11 @@ void addPictureOptions(CLI::App& app, Options& options) {
 int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
     bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
     if (isUnknown && firstWord[0] != '-')
-        fmt::print(stderr, "kelpa: no command '{}'; there are render, info, generate and bench\n",
-                   firstWord);
+        say("kelpa: no command '{}'; there are render, info, generate and bench\n", firstWord);
     else if (app.get_subcommands().empty())
-        fmt::print(stderr, "kelpa: {}; see kelpa --help\n", reason);
+        say("kelpa: {}; see kelpa --help\n", reason);
     else
-        fmt::print(stderr, "kelpa: {}; see kelpa {} --help\n", reason,
-                   app.get_subcommands().front()->get_name());
+        say("kelpa: {}; see kelpa {} --help\n", reason, app.get_subcommands().front()->get_name());
     return wrongUsage;
 }
 
@@ -366,13 +365,14 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
             },
             options);
     } catch (CLI::ParseError const& answer) {
-        if (answer.get_exit_code() == 0)
+        if (answer.get_exit_code() == 0) {
             exitCode = app.exit(answer);
-        else
+            finishStandardOutput();
+        } else
             exitCode = refuse(app, answer.what(), argc > 1 ? argv[1] : "");
         return std::nullopt;
     } catch (UsageError const& error) {
-        fmt::print(stderr, "kelpa: {}\n", error.what());
+        say("kelpa: {}\n", error.what());
         exitCode = wrongUsage;
         return std::nullopt;
     }

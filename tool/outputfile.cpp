@@ -1,20 +1,37 @@
 #include "tool/outputfile.h"
 
+#include "kelpa/host/consoleprogress.h"
+
 #include "tool/particlefile.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 
 namespace kelpatool {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int lookMilliseconds = 20; // between two looks for Ctrl-C while waiting for a pipe
+
+void throwIfInterrupted() {
+    if (Kelpa::InterruptScope::interrupted())
+        throw Interrupted();
+}
+
+} // namespace
 
 OutputFile::OutputFile(std::string const& wantedPath) : path(wantedPath) {
     resolve();
@@ -32,7 +49,13 @@ void OutputFile::write(std::string_view bytes) {
     // In steps, so that no wait for the disk is so long that an interruption would be late.
     constexpr std::size_t flushBytes = 8 * 1024 * 1024;
     while (!bytes.empty()) {
-        ssize_t const count = ::write(descriptor, bytes.data(), bytes.size());
+        throwIfInterrupted();
+        ssize_t const count = ::write(descriptor, bytes.data(), std::min(bytes.size(), flushBytes));
+        if (count < 0 && errno == EAGAIN) { // a pipe whose reader is slow
+            pollfd waiting{descriptor, POLLOUT, 0};
+            poll(&waiting, 1, lookMilliseconds);
+            continue;
+        }
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
@@ -89,7 +112,7 @@ void OutputFile::open() {
     written = target;
     int const flags = O_WRONLY | O_CLOEXEC;
     if (!isTemporary)
-        descriptor = ::open(target.c_str(), flags);
+        descriptor = openExisting();
     for (int attempt = 0; isTemporary && descriptor < 0 && attempt < 100; ++attempt) {
         written = fmt::format("{}.{}-{}.part", target, getpid(), attempt);
         descriptor = ::open(written.c_str(), flags | O_CREAT | O_EXCL, 0666);
@@ -105,6 +128,17 @@ void OutputFile::open() {
         throw OutputError(
             fmt::format("{}: cannot be written: there is no folder {}", path, folder.string()));
     fail(reason);
+}
+
+/// Opens what is no ordinary file; a pipe when its reader comes.
+int OutputFile::openExisting() const {
+    for (;;) {
+        int const opened = ::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
+        if (opened >= 0 || errno != ENXIO || !fs::is_fifo(target))
+            return opened;
+        throwIfInterrupted();
+        std::this_thread::sleep_for(std::chrono::milliseconds{lookMilliseconds});
+    }
 }
 
 void OutputFile::flush() {

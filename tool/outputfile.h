@@ -11,7 +11,7 @@ namespace kelpatool {
 /// The bytes go to a temporary name in the same folder; `commit` gives it the right one. Destroyed
 /// without that, it leaves nothing behind, and a file that was there before keeps its content. What
 /// is no ordinary file, such as a pipe, is written to directly. Every function throws `OutputError`
-/// naming the file and the reason.
+/// naming the file and the reason, those that may wait `Interrupted` after Ctrl-C.
 class OutputFile {
   public:
     /// Opens the temporary file. A folder, a read-only file and a missing folder are refused.
@@ -31,6 +31,7 @@ class OutputFile {
   private:
     void resolve();
     void open();
+    int openExisting() const;
     void flush();
     [[noreturn]] void fail(int error) const;
 

@@ -3,60 +3,17 @@
 #include "kelpa/foundation/platform.h"
 #include "kelpa/host/threadpool.h"
 
+#include "tool/interruptwatch.h"
+#include "tool/standardstreams.h"
+
 #include <fmt/format.h>
 #include <sys/resource.h>
 
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <mutex>
-#include <system_error>
-#include <thread>
 
 namespace kelpatool {
-
-namespace {
-
-/// Ends the process when Ctrl-C was pressed and what runs in its scope has not come back for a
-/// moment.
-///
-/// Builds ask for an abort as they split, but gathering and packing millions of particles does not.
-/// Only for phases that leave nothing behind.
-class InterruptWatch {
-  public:
-    InterruptWatch() {
-        try {
-            watcher = std::jthread([this](std::stop_token const& stop) { watch(stop); });
-        } catch (std::system_error const&) {
-            // Without a thread for it the phase ends when it does.
-        }
-    }
-
-  private:
-    static constexpr std::chrono::milliseconds look{20};
-    static constexpr std::chrono::milliseconds patience{80};
-
-    void watch(std::stop_token const& stop) {
-        std::unique_lock hold(mutex);
-        auto const isOver = [&stop] { return stop.stop_requested(); };
-        while (!Kelpa::InterruptScope::interrupted())
-            if (ended.wait_for(hold, stop, look, isOver))
-                return;
-        if (ended.wait_for(hold, stop, patience, isOver))
-            return;
-        std::fputs("\nkelpa: interrupted\n", stderr);
-        std::_Exit(interruptedExit);
-    }
-
-    static constexpr int interruptedExit = 130;
-    std::mutex mutex;
-    std::condition_variable_any ended;
-    std::jthread watcher; // last, so that it ends before what it uses
-};
-
-} // namespace
 
 std::string withCommas(std::uint64_t number) {
     std::string text = fmt::format("{}", number);
@@ -72,7 +29,7 @@ std::string baseName(std::string const& path) {
 Note noteTo(RunOptions const& run) {
     if (run.quiet)
         return [](std::string const&) {};
-    return [](std::string const& text) { fmt::print(stderr, "kelpa: note: {}\n", text); };
+    return [](std::string const& text) { say("kelpa: note: {}\n", text); };
 }
 
 void throwIfInterrupted() {

@@ -5,6 +5,7 @@
 #include "tool/outputname.h"
 #include "tool/phases.h"
 #include "tool/render.h"
+#include "tool/standardstreams.h"
 #include "tool/statistics.h"
 
 #include <fmt/format.h>
@@ -124,9 +125,7 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
                            image.alpha.size() * static_cast<std::size_t>(options.image.samples),
                            renderSeconds, writeTime.seconds()});
     if (!options.run.quiet)
-        fmt::print(
-            stderr,
-            "wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
+        say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
             output, width, height,
             withCommas(static_cast<std::uint64_t>(built.scene.geometry->sphereCount())),
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
