@@ -1,6 +1,5 @@
 #include "tool/image.h"
 
-#include "tool/interruptwatch.h"
 #include "tool/outputfile.h"
 #include "tool/particlefile.h"
 #include "tool/srgb.h"
@@ -243,13 +242,13 @@ void writeImage(std::string const& path, Image const& image, bool withAlpha) {
     ImageFormat const format = imageFormatOf(path);
     std::string bytes;
     try {
-        InterruptWatch const watch; // no temporary file yet
         bytes = encode(format, image, withAlpha);
     } catch (std::bad_alloc const&) {
         throw;
     } catch (std::exception const& error) { // OpenEXR has its own kinds
         throw OutputError(fmt::format("{}: cannot be written: {}", path, error.what()));
     }
+    // Only now: until there is a temporary file, Ctrl-C does not have to wait for the encoding.
     OutputFile file(path);
     file.write(bytes);
     file.commit();

@@ -1,7 +1,5 @@
 #include "tool/inputfile.h"
 
-#include "tool/interruptwatch.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -57,12 +55,7 @@ InputFile::InputFile(std::string path, PhaseProgress phase)
     if (regular)
         size = static_cast<std::uint64_t>(status.st_size);
 
-    {
-        std::optional<InterruptWatch> watch;
-        if (!regular)
-            watch.emplace(); // a named pipe opens when its writer comes
-        descriptor = open(filePath.c_str(), O_RDONLY | O_CLOEXEC);
-    }
+    descriptor = open(filePath.c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor < 0)
         fail("cannot be opened: {}", systemMessage(errno));
     try {

@@ -9,6 +9,37 @@
 
 namespace kelpatool {
 
+namespace {
+
+constexpr std::chrono::milliseconds look{20};
+constexpr std::chrono::milliseconds patience{80};
+constexpr int interruptedExit = 130;
+
+std::mutex holdsMutex;
+int holds = 0; // under `holdsMutex`
+
+/// Does not return when nobody holds the process. Whoever wants to from then on waits for ever,
+/// which is not long.
+void endUnlessHeld() {
+    std::lock_guard const decided(holdsMutex);
+    if (holds > 0)
+        return;
+    std::fputs("\nkelpa: interrupted\n", stderr);
+    std::_Exit(interruptedExit);
+}
+
+} // namespace
+
+InterruptWatch::Hold::Hold() {
+    std::lock_guard const guard(holdsMutex);
+    ++holds;
+}
+
+InterruptWatch::Hold::~Hold() {
+    std::lock_guard const guard(holdsMutex);
+    --holds;
+}
+
 InterruptWatch::InterruptWatch() {
     try {
         watcher = std::jthread([this](std::stop_token const& stop) { watch(stop); });
@@ -18,18 +49,13 @@ InterruptWatch::InterruptWatch() {
 }
 
 void InterruptWatch::watch(std::stop_token const& stop) {
-    constexpr std::chrono::milliseconds look{20};
-    constexpr std::chrono::milliseconds patience{80};
-    constexpr int interruptedExit = 130;
-    std::unique_lock hold(mutex);
+    std::unique_lock guard(mutex);
     auto const isOver = [&stop] { return stop.stop_requested(); };
     while (!Kelpa::InterruptScope::interrupted())
-        if (ended.wait_for(hold, stop, look, isOver))
+        if (ended.wait_for(guard, stop, look, isOver))
             return;
-    if (ended.wait_for(hold, stop, patience, isOver))
-        return;
-    std::fputs("\nkelpa: interrupted\n", stderr);
-    std::_Exit(interruptedExit);
+    while (!ended.wait_for(guard, stop, patience, isOver))
+        endUnlessHeld();
 }
 
 } // namespace kelpatool

@@ -7,14 +7,23 @@
 
 namespace kelpatool {
 
-/// Ends the process when Ctrl-C was pressed and what runs in its scope has not come back for a
-/// moment.
+/// Ends the process, with the message and code of an interruption, when Ctrl-C was pressed and what
+/// runs in its scope has not ended for a moment.
 ///
-/// Builds ask for an abort as they split, but gathering and packing millions of particles does not,
-/// nor does a library that encodes a picture. Only for scopes in which no temporary file exists.
+/// Phases poll, but gathering and packing millions of particles, encoding a picture, opening a pipe
+/// and giving back gigabytes do not. While a `Hold` exists the process is left alone.
 class InterruptWatch {
   public:
     InterruptWatch();
+
+    /// There is a temporary file, which its owner has to remove first.
+    class Hold {
+      public:
+        Hold();
+        ~Hold();
+        Hold(Hold const&) = delete;
+        Hold& operator=(Hold const&) = delete;
+    };
 
   private:
     void watch(std::stop_token const& stop);

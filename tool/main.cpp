@@ -4,6 +4,7 @@
 #include "kelpa/host/consoleprogress.h"
 
 #include "tool/commands.h"
+#include "tool/interruptwatch.h"
 #include "tool/options.h"
 #include "tool/particlefile.h"
 #include "tool/standardstreams.h"
@@ -54,6 +55,7 @@ int main(int argc, char** argv) {
     std::signal(SIGXFSZ, SIG_IGN);
     Kelpa::InterruptScope const interrupts;
     try {
+        kelpatool::InterruptWatch const watch;
         int exitCode = done;
         auto const options = kelpatool::parseOptions(argc, argv, exitCode);
         return options ? run(*options) : exitCode;

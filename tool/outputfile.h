@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tool/interruptwatch.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -29,6 +31,7 @@ class OutputFile {
     static void check(std::string const& path);
 
   private:
+    InterruptWatch::Hold const hold; // first, so that it goes when the file is gone
     void resolve();
     void open();
     int openExisting() const;

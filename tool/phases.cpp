@@ -3,7 +3,6 @@
 #include "kelpa/foundation/platform.h"
 #include "kelpa/host/threadpool.h"
 
-#include "tool/interruptwatch.h"
 #include "tool/standardstreams.h"
 
 #include <fmt/format.h>
@@ -147,10 +146,7 @@ void buildScene(Scene& scene, Options const& options, BuildReport& report) {
     std::unique_ptr<Kelpa::ThreadPool> pool;
     if (isThreaded)
         pool = std::make_unique<Kelpa::ThreadPool>(threadCount(options.run));
-    {
-        InterruptWatch const watch;
-        scene.geometry->build(report, pool.get(), options.tree);
-    }
+    scene.geometry->build(report, pool.get(), options.tree);
     throwIfInterrupted();
 }
 
