@@ -42,7 +42,7 @@ def make_galaxy(count, seed=1):
 
 
 def obscuration(galaxy, rings=40, rays_per_ring=4000):
-    """The part of the lines of sight from above that end on a star, ring by ring from the centre."""
+    """The part of the lines of sight from above that end on a star, ring by ring."""
     rng = np.random.default_rng(2)
     edges = np.linspace(0, 1.2, rings + 1)
     radius = rng.uniform(edges[:-1, None], edges[1:, None], (rings, rays_per_ring))
@@ -75,7 +75,8 @@ def plot(path, radius, covered):
     except ImportError:
         bars = np.full((240, 12 * len(radius), 3), 255, np.uint8)
         for i, part in enumerate(covered):
-            bars[240 - round(230 * part / max(covered.max(), 1e-9)):, 12 * i + 1:12 * i + 11] = (43, 92, 138)
+            top = 240 - round(230 * part / max(covered.max(), 1e-9))
+            bars[top:, 12 * i + 1:12 * i + 11] = (43, 92, 138)
         write_png(path, bars)
         return
     matplotlib.use("Agg")

@@ -196,8 +196,9 @@ class Particles:
         self._set("positions", centers)
         self._set("radii", sizes)
         self._set("colors", None if colors is None else _colors(colors, count))
-        self._set("positions1", None if positions1 is None else _vectors("positions1", positions1, count))
+        centers1 = None if positions1 is None else _vectors("positions1", positions1, count)
         sizes1 = sizes if radii1 is None else _scalars("radii1", radii1, count)
+        self._set("positions1", centers1)
         self._set("radii1", None if positions1 is None else sizes1)
         self._set("times", _span("times", times))
         if base_index is not None:
@@ -281,7 +282,9 @@ class Camera:
         if not 0.0 < self.fov < 180.0:
             raise ValueError(f"fov: expected degrees above 0 and below 180, found {self.fov}")
         if self.parallel_height is not None and not 0.0 < self.parallel_height < math.inf:
-            raise ValueError(f"parallel_height: expected a positive number, found {self.parallel_height}")
+            raise ValueError(
+                f"parallel_height: expected a positive number, found {self.parallel_height}"
+            )
         self._axes()
 
     @classmethod
@@ -340,7 +343,9 @@ class Camera:
         forward = _unit(np.array(self.target) - eye, "target (as seen from eye)")
         right = np.cross(forward, _unit(np.array(self.up), "up"))
         if np.linalg.norm(right) < 1e-9:
-            raise ValueError(f"up: expected a direction that is not the line of sight, found {self.up}")
+            raise ValueError(
+                f"up: expected a direction that is not the line of sight, found {self.up}"
+            )
         right = _unit(right, "up")
         return eye, right, np.cross(right, forward), forward
 
@@ -394,7 +399,9 @@ class Primitive:
         systems = (particles,) if isinstance(particles, Particles) else tuple(particles)
         for system in systems:
             if not isinstance(system, Particles):
-                raise TypeError(f"particles: expected kelpa.Particles, found {type(system).__name__}")
+                raise TypeError(
+                    f"particles: expected kelpa.Particles, found {type(system).__name__}"
+                )
         if len({system.is_moving for system in systems}) > 1:
             raise ValueError("particles: expected all still or all moving, found both")
         if len(systems) > 65536:
@@ -622,7 +629,7 @@ def _bases(systems: Sequence[Particles]) -> tuple[int, ...]:
     for (_, end_before), (begin, _) in zip(ranges, ranges[1:]):
         if begin < end_before:
             raise ValueError(
-                f"base_index: systems overlap, one ends before {end_before} and one begins at {begin}"
+                f"base_index: systems overlap, one ends before {end_before}, one begins at {begin}"
             )
     return tuple(bases)
 

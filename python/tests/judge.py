@@ -33,8 +33,8 @@ def parameters(particles, base, origins, directions, tmin, tmax, time, skip):
     lower, upper = tmin[:, None], tmax[:, None]
     is_origin = skip[:, None] == base + np.arange(len(particles))[None]
     if particles.type == "point":
-        foot = (origins[:, None, :].astype(float) + (d * closest[..., None]).astype(float)).astype(F)
-        offset = foot - centers
+        way = (d * closest[..., None]).astype(float)
+        offset = (origins[:, None, :].astype(float) + way).astype(F) - centers
         hit = (radii * radii >= dot(offset, offset)) & (lower < closest) & (closest < upper)
         return np.where(hit & ~is_origin, closest, F(np.inf))
     offset = d * closest[..., None] - to_center
