@@ -72,6 +72,16 @@ TEST(Snapshots, GoToTheNearestImageInAnyCell) {
                     nearest, 1e-5);
         EXPECT_EQ(ways.crossingCount(), end.x == to.x && end.y == to.y && end.z == to.z ? 0U : 1U);
 
+        Kelpa::Vector const inside = wrapped(second.positions, cell)[0];
+        for (int axis = 0; axis < 3; ++axis) {
+            std::size_t const i = static_cast<std::size_t>(axis);
+            if (isTilted)
+                continue;
+            float const length = static_cast<float>(cell.edges[i][i]);
+            EXPECT_TRUE(cell.isPeriodic[i] ? inside[axis] >= 0 && inside[axis] <= length
+                                           : inside[axis] == to[axis]);
+        }
+
         first.images = {{3, -1, 0}};
         second.images = {{4, -1, -2}};
         Kelpa::Vector const told = PeriodicWays(first, second).end(0, 0);

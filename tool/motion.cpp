@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <optional>
 #include <utility>
 
 namespace kelpatool {
@@ -20,8 +21,35 @@ std::vector<std::pair<std::int64_t, std::int64_t>> sortedIds(ParticleSet const& 
     return ids;
 }
 
+using Edges = std::array<std::array<double, 3>, 3>;
+
+/// What turns a step into fractions of edges; nothing where these do not span a volume.
+std::optional<Edges> inverseOf(Edges const& e) {
+    Edges inverse;
+    double volume = 0.0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        std::size_t const j = (i + 1) % 3;
+        std::size_t const k = (i + 2) % 3;
+        // Row i of the cofactors: the cross product of the other two edges.
+        inverse[i] = {e[j][1] * e[k][2] - e[j][2] * e[k][1], e[j][2] * e[k][0] - e[j][0] * e[k][2],
+                      e[j][0] * e[k][1] - e[j][1] * e[k][0]};
+    }
+    for (std::size_t axis = 0; axis < 3; ++axis)
+        volume += e[0][axis] * inverse[0][axis];
+    if (!std::isfinite(volume) || volume == 0.0)
+        return std::nullopt;
+    for (std::array<double, 3>& row : inverse)
+        for (double& value : row)
+            value /= volume;
+    return inverse;
+}
+
+double dot(std::array<double, 3> const& a, std::array<double, 3> const& b) {
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+
 double squareOf(std::array<double, 3> const& v) {
-    return v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+    return dot(v, v);
 }
 
 std::array<double, 3> sum(std::array<double, 3> const& a, std::array<double, 3> const& b) {
@@ -59,25 +87,13 @@ PeriodicWays::PeriodicWays(ParticleSet const& firstSet, ParticleSet const& secon
         prepareNearest();
 }
 
-/// Inverts the edges; without three that span a volume nothing is periodic.
 void PeriodicWays::prepareNearest() {
-    auto const& e = cell.edges;
-    double volume = 0.0;
-    for (std::size_t i = 0; i < 3; ++i) {
-        std::size_t const j = (i + 1) % 3;
-        std::size_t const k = (i + 2) % 3;
-        // Row i of the cofactors: the cross product of the other two edges.
-        inverse[i] = {e[j][1] * e[k][2] - e[j][2] * e[k][1], e[j][2] * e[k][0] - e[j][0] * e[k][2],
-                      e[j][0] * e[k][1] - e[j][1] * e[k][0]};
+    std::optional<Edges> const inverted = inverseOf(cell.edges);
+    findsNearest = inverted.has_value();
+    inverse = inverted.value_or(Edges{});
+    for (std::size_t edge = 0; edge < 3; ++edge)
         for (std::size_t axis = 0; axis < 3; ++axis)
-            isTilted = isTilted || (axis != i && e[i][axis] != 0.0);
-    }
-    for (std::size_t axis = 0; axis < 3; ++axis)
-        volume += e[0][axis] * inverse[0][axis];
-    for (Step& row : inverse)
-        for (double& value : row)
-            value /= volume;
-    findsNearest = std::isfinite(volume) && std::abs(volume) > 0.0;
+            isTilted = isTilted || (axis != edge && cell.edges[edge][axis] != 0.0);
 }
 
 PeriodicWays::Step PeriodicWays::alongEdges(Step const& edgeCounts) const {
@@ -142,6 +158,29 @@ Vector PeriodicWays::end(std::size_t from, std::size_t to) {
     return {static_cast<float>(static_cast<double>(target.x) + along[0]),
             static_cast<float>(static_cast<double>(target.y) + along[1]),
             static_cast<float>(static_cast<double>(target.z) + along[2])};
+}
+
+std::vector<Vector> wrapped(std::vector<Vector> const& positions, PeriodicCell const& cell) {
+    std::optional<Edges> const inverse = inverseOf(cell.edges);
+    if (!inverse)
+        return positions;
+    std::vector<Vector> inside(positions.size());
+    std::transform(positions.begin(), positions.end(), inside.begin(), [&](Vector const& p) {
+        std::array<double, 3> const step = {static_cast<double>(p.x) - cell.origin[0],
+                                            static_cast<double>(p.y) - cell.origin[1],
+                                            static_cast<double>(p.z) - cell.origin[2]};
+        std::array<double, 3> place = {static_cast<double>(p.x), static_cast<double>(p.y),
+                                       static_cast<double>(p.z)};
+        for (std::size_t edge = 0; edge < 3; ++edge) {
+            double const whole =
+                cell.isPeriodic[edge] ? std::floor(dot((*inverse)[edge], step)) : 0.0;
+            for (std::size_t axis = 0; axis < 3; ++axis)
+                place[axis] -= whole * cell.edges[edge][axis];
+        }
+        return Vector{static_cast<float>(place[0]), static_cast<float>(place[1]),
+                      static_cast<float>(place[2])};
+    });
+    return inside;
 }
 
 } // namespace kelpatool

@@ -12,6 +12,10 @@ namespace kelpatool {
 /// with the same id, else that in the same row. Of several with one id each has another partner.
 std::vector<std::int64_t> findPartners(ParticleSet const& first, ParticleSet const& second);
 
+/// Positions moved back into a cell along its periodic edges.
+std::vector<Kelpa::Vector> wrapped(std::vector<Kelpa::Vector> const& positions,
+                                   PeriodicCell const& cell);
+
 /// Where particles of the second snapshot are on their way from the first.
 ///
 /// In a periodic cell particles that leave on one side come back on the other. Between snapshots

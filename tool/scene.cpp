@@ -356,7 +356,11 @@ std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const
                              static_cast<double>(1.7F * particles.angstrom),
                              fmt::join(particles.unknownElements, " ")));
     } else {
-        float const spacing = radiusFromSpacing(particles.positions, progress);
+        // Unwrapped, particles drift apart; how close they are shows within the cell only.
+        bool const isSpread = particles.isUnwrapped && particles.cell;
+        float const spacing =
+            isSpread ? radiusFromSpacing(wrapped(particles.positions, *particles.cell), progress)
+                     : radiusFromSpacing(particles.positions, progress);
         float const r = spacing > 0.0F ? spacing : 1.0F;
         radii.assign(particles.positions.size(), r);
         note(spacing > 0.0F
