@@ -1,5 +1,7 @@
 #include "bench/comparison.h"
 
+#include "kelpa/spheretree/kernelvariant.h"
+
 #include <algorithm>
 #include <atomic>
 #include <bit>
@@ -258,25 +260,69 @@ void comparePeers(Settings const& settings) {
         writeJson(settings.json, rows);
 }
 
+namespace {
+
+/// All that rays of every kind find, singly and in lists.
+std::vector<Found> traceAll(int threads, Kernel const& kernel, std::vector<RaySet> const& sets) {
+    std::vector<Found> all;
+    for (RaySet const& set : sets)
+        for (Form const form : allForms) {
+            std::vector<Found> found(set.rays.size());
+            traceOnThreads(threads, kernel, form, 0, set.rays, found);
+            all.insert(all.end(), found.begin(), found.end());
+        }
+    return all;
+}
+
+} // namespace
+
 void printHashes(Settings const& settings) {
+    constexpr char const* names[Kelpa::kernelVariants] = {"scalar", "sse2", "avx2", "avx512"};
     int const threads = settings.threads.front();
+    auto const usual = Kelpa::chosenVariant();
     for (SceneRecipe const& recipe : settings.recipes()) {
         Scene const scene = makeScene(recipe);
         std::vector<RaySet> const sets = raySets(scene, settings.rays);
         for (bool const packed : {true, false}) {
             std::unique_ptr<Kernel> const ours = makeOurs(scene, packed);
             ours->build(1); // of equally near hits the one asked first stays: one order of records
-            Hash hash;
-            for (RaySet const& set : sets)
-                for (Form const form : allForms) {
-                    std::vector<Found> found(set.rays.size());
-                    traceOnThreads(threads, *ours, form, 0, set.rays, found);
-                    for (Found const& one : found)
-                        hash.add(one);
-                }
-            std::printf("%s %s %016" PRIx64 "\n", recipe.name().c_str(),
-                        packed ? "packed" : "plain", hash.value);
+            for (int v = 0; v < Kelpa::kernelVariants; ++v) {
+                auto const variant = static_cast<Kelpa::KernelVariant>(v);
+                if (!Kelpa::hasVariant(variant))
+                    continue;
+                Kelpa::chooseVariant(variant);
+                Hash hash;
+                for (Found const& one : traceAll(threads, *ours, sets))
+                    hash.add(one);
+                std::printf("%s %s %s %016" PRIx64 "\n", recipe.name().c_str(),
+                            packed ? "packed" : "plain", names[v], hash.value);
+            }
+            Kelpa::chooseVariant(usual);
         }
+    }
+}
+
+void printSchedules(Settings const& settings) {
+    int const threads = settings.threads.back();
+    for (SceneRecipe const& recipe : settings.recipes()) {
+        Scene const scene = makeScene(recipe);
+        std::vector<RaySet> const sets = raySets(scene, settings.rays);
+        std::unique_ptr<Kernel> const ours = makeOurs(scene);
+        ours->build(1);
+        std::vector<Found> const expected = traceAll(threads, *ours, sets);
+        std::size_t distances = 0, particles = 0;
+        for (int run = 0; run < settings.runs; ++run) {
+            ours->build(threads);
+            std::vector<Found> const found = traceAll(threads, *ours, sets);
+            for (std::size_t i = 0; i < found.size(); ++i) {
+                distances += found[i].t != expected[i].t;
+                particles += found[i].particle != expected[i].particle;
+            }
+        }
+        std::printf("%s: of %zu rays %zu find another distance, %zu another particle\n",
+                    recipe.name().c_str(),
+                    expected.size() * static_cast<std::size_t>(settings.runs), distances,
+                    particles);
     }
 }
 

@@ -29,11 +29,15 @@ void traceOnThreads(int threads, Kernel const& kernel, Form form, std::size_t me
 /// `settings.json`. Throws `std::runtime_error` when that cannot be written.
 void comparePeers(Settings const& settings);
 
-/// Prints a hash of all hit parameters of every scene, with packed leaves and without, asked singly
-/// and in lists.
+/// Prints hashes of all hit parameters of every scene, with packed leaves and without, by the code
+/// for each kind of processor that this one can run, asked singly and in lists.
 ///
-/// Trees are built on one thread and asked on the first number of threads: the hash is the same
-/// from every compiler, on any number of threads, packed or not.
+/// Trees are built on one thread and asked on the first number of threads: a scene's hashes are the
+/// same from every compiler, on any number of threads, packed or not.
 void printHashes(Settings const& settings);
+
+/// Prints for every scene how many rays find something else in trees that were built on the last
+/// number of threads, `settings.runs` times, than in the one that was built on one.
+void printSchedules(Settings const& settings);
 
 } // namespace kelpabench

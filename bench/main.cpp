@@ -22,7 +22,8 @@ constexpr char const* usage =
     "kelpa_bench [options]            builds and rays by Google Benchmark (--benchmark_... "
     "options)\n"
     "kelpa_bench --peers [options]    ours against a peer, in turn, and whether they agree\n"
-    "kelpa_bench --hash [options]     a hash of all hits of every scene\n"
+    "kelpa_bench --hash [options]     hashes of all hits of every scene\n"
+    "kelpa_bench --schedules [options]  rays that differ with the threads of the build\n"
     "  --counts 1e5,1e6   spheres\n"
     "  --threads 1,2      of builds and rays (--hash: the first; 1)\n"
     "  --rays 65536       of each kind\n"
@@ -30,7 +31,7 @@ constexpr char const* usage =
     "  --runs 5           --peers: runs of each, of which the median counts\n"
     "  --json FILE        --peers: write all runs\n";
 
-enum class Mode { benchmarks, peers, hash, help };
+enum class Mode { benchmarks, peers, hash, schedules, help };
 
 struct CommandLine {
     Mode mode = Mode::benchmarks;
@@ -74,6 +75,8 @@ CommandLine parse(int argc, char** argv) {
             line.mode = Mode::peers;
         else if (option == "--hash")
             line.mode = Mode::hash;
+        else if (option == "--schedules")
+            line.mode = Mode::schedules;
         else if (option == "--help")
             line.mode = Mode::help;
         else if (option == "--counts")
@@ -98,7 +101,7 @@ CommandLine parse(int argc, char** argv) {
 
 void addDefaults(Mode mode, Settings& settings) {
     if (settings.counts.empty())
-        settings.counts = mode == Mode::hash    ? std::vector{20000}
+        settings.counts = mode == Mode::hash || mode == Mode::schedules ? std::vector{20000}
                           : mode == Mode::peers ? std::vector{100000, 1000000}
                                                 : std::vector{10000, 100000, 1000000};
     if (!settings.threads.empty())
@@ -128,6 +131,8 @@ void run(CommandLine& line) {
         return comparePeers(line.settings);
     case Mode::hash:
         return printHashes(line.settings);
+    case Mode::schedules:
+        return printSchedules(line.settings);
     case Mode::help:
         std::fputs(usage, stdout);
         return;

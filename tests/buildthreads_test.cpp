@@ -1,5 +1,5 @@
 #include "allocationfailure.h"
-#include "scene.h"
+#include "movingscene.h"
 #include "testhost.h"
 
 #include <gtest/gtest.h>
@@ -173,28 +173,58 @@ TEST(ExceptionsOfTheHost, LeaveTheBuildAfterItsThreads) {
     expectRightAnswers(scene, 1, 5);
 }
 
-TEST(Readers, AskTreesWhileOthersAreBuiltAndDestroyed) {
-    StillScene scenes[] = {StillScene(uniform.make(1, 300)), StillScene(mixed.make(2, 300)),
-                           StillScene(lattice.make(3, 300))};
-    for (StillScene& scene : scenes)
+/// Asks a list of rays, singly and together; returns how many answers differ.
+template <class Primitive> int askList(Scene<Primitive>& scene, std::uint64_t seed, float time) {
+    RaySource source(scene.cloud, seed);
+    std::vector<RSRay> rays, answers;
+    std::vector<int> codes;
+    for (int i = 0; i < 64; ++i) {
+        Query query = source.make(static_cast<Aim>(i % numAims));
+        query.time = time;
+        for (double& from : query.ray.origin)
+            from = roundedToSingle(from);
+        rays.push_back(scene.makeRay(query));
+        answers.push_back(rays.back());
+        codes.push_back(scene.owner.intersect(answers.back()));
+    }
+    return isSameAsList(scene, rays, answers, codes) ? 0 : 1;
+}
+
+TEST(Readers, AskTreesWhileOthersAreBuiltFreedAndDestroyed) {
+    StillScene stills[] = {StillScene(uniform.make(1, 300)), StillScene(mixed.make(2, 300))};
+    MovingScene movings[] = {MovingScene(moved(uniform.make(3, 300), Way::scattering, 1)),
+                             MovingScene(moved(mixed.make(4, 300), Way::turning, 2))};
+    for (StillScene& scene : stills)
         scene.tree.build(nullptr, nullptr);
+    for (MovingScene& scene : movings)
+        scene.tree.build(nullptr, nullptr, 0);
     std::atomic<bool> done = false;
     std::atomic<int> misses = 0;
     std::vector<std::thread> readers;
-    for (std::uint64_t t = 0; t < 3; ++t)
+    for (std::uint64_t t = 0; t < 4; ++t)
         readers.emplace_back([&, t] {
-            for (std::uint64_t i = t; !done || i < t + 3; ++i) {
-                Tally const tally = askRays(scenes[i % 3], i % 10, 2);
-                misses += tally.missed + tally.wrong;
+            for (std::uint64_t i = t; !done || i < t + 4; ++i) {
+                StillScene& still = stills[i % 2];
+                MovingScene& moving = movings[i / 2 % 2];
+                Tally tally = askRays(still, i % 10, 1);
+                misses += tally.missed + tally.wrong + askList(still, i, 0.0F);
+                tally = askRays<MovingParticlePrimitive>(moving, i % 10, 1, 0.5F);
+                misses += tally.wrong + askList(moving, i, 0.5F);
             }
         });
     ThreadPerJob manager;
     for (std::uint64_t i = 0; i < 10; ++i) {
-        StillScene other(uniform.make(i, 4000));
-        other.tree.build(nullptr, &manager);
-        other.tree.build(nullptr, &manager);
-        if (i % 2 == 0)
-            other.tree.freeData();
+        StillScene still(uniform.make(i, 4000));
+        MovingScene moving(moved(uniform.make(i, 4000), Way::scattering, i));
+        still.tree.build(nullptr, &manager);
+        moving.tree.build(nullptr, &manager, 0);
+        if (i % 2 == 0) {
+            still.tree.freeData();
+            moving.tree.freeData();
+        } else {
+            still.tree.build(nullptr, &manager);
+            moving.tree.build(nullptr, &manager, 1);
+        }
     }
     done = true;
     for (std::thread& reader : readers)

@@ -174,6 +174,48 @@ bool isTrueHit(Scene<Primitive> const& scene, Query const& query, int code, RSRa
     return alone.code == code && alone.t == ray.hitT && isSame(ray.hitNormal, normal);
 }
 
+/// Whether rays with origins of single precision, asked as one list of up to 64, get the answers
+/// that they got singly.
+template <class Primitive>
+bool isSameAsList(Scene<Primitive>& scene, std::vector<RSRay> const& rays,
+                  std::vector<RSRay> const& answers, std::vector<int> const& codes) {
+    RayBunchExtParams params{};
+    RayBunchCommonResult result{};
+    double tMins[64] = {}, tMaxs[64] = {};
+    unsigned char lanes[64] = {};
+    result.noHits = true;
+    auto const laneOf = [&rays](std::size_t i) { return 64 - rays.size() + i; };
+    for (std::size_t i = 0; i < rays.size(); ++i) {
+        RSRay const& ray = rays[i];
+        std::size_t const lane = laneOf(i);
+        params.originX[lane] = ray.origin[0];
+        params.originY[lane] = ray.origin[1];
+        params.originZ[lane] = ray.origin[2];
+        params.dirX[lane] = ray.dir.x;
+        params.dirY[lane] = ray.dir.y;
+        params.dirZ[lane] = ray.dir.z;
+        params.time[lane] = ray.time;
+        params.skipIndex[lane] = ray.skipIndex;
+        tMins[lane] = scene.isAlone() ? ray.intervalMin : ray.clipMin;
+        tMaxs[i] = scene.isAlone() ? ray.intervalMax : ray.clipMax;
+        result.hitT[lane] = std::numeric_limits<double>::infinity();
+        lanes[i] = static_cast<unsigned char>(lane);
+    }
+    scene.owner.bunchIntersect(params, result, tMins, tMaxs, lanes, rays.size());
+    bool isSameAsSingle = true;
+    for (std::size_t i = 0; i < rays.size(); ++i) {
+        std::size_t const lane = laneOf(i);
+        isSameAsSingle &= result.hit[lane] == codes[i];
+        isSameAsSingle &=
+            codes[i] == 0 || (isSame(result.hitT[lane], answers[i].hitT) &&
+                              result.hitIndex[lane] == answers[i].hitIndex &&
+                              result.hitPrimitive[lane] == answers[i].hitPrimitive &&
+                              isSame(result.hitNormalX[lane], answers[i].hitNormal.x) &&
+                              isSame(result.hitNormalZ[lane], answers[i].hitNormal.z));
+    }
+    return isSameAsSingle;
+}
+
 /// Asks `perAim` seeded rays of every kind and compares the answers with the judge's. Moving scenes
 /// are asked at `time`, and their cloud must be as it is then.
 template <class Primitive>

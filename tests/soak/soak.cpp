@@ -2,6 +2,7 @@
 // that is not the judge's. Ends with 1 when one cannot be explained.
 
 #include "kelpa/host/threadpool.h"
+#include "kelpa/spheretree/kernelvariant.h"
 
 #include "explain.h"
 
@@ -102,6 +103,9 @@ class Soak {
                                           std::numeric_limits<std::int32_t>::min()};
         std::int32_t const base = bases[isOrdinary ? 0 : random.below(std::size(bases))];
         cloudName = kind.name;
+        auto const variant = static_cast<KernelVariant>(random.below(kernelVariants));
+        if (hasVariant(variant))
+            chooseVariant(variant);
         if (!isMoving) {
             StillScene scene(kind.make(random.bits(), n), base);
             build(scene, [&] { scene.tree.build(nullptr, manager()); });
@@ -238,46 +242,6 @@ class Soak {
         if (why.cause == Cause::unexplained)
             report("ray", query, code == 0 ? -1.0 : ray.hitT,
                    expected.code == 0 ? -1.0 : expected.t);
-    }
-
-    template <class Scene>
-    static bool isSameAsList(Scene& scene, std::vector<RSRay> const& rays,
-                             std::vector<RSRay> const& answers, std::vector<int> const& codes) {
-        RayBunchExtParams params{};
-        RayBunchCommonResult result{};
-        double tMins[64] = {}, tMaxs[64] = {};
-        unsigned char lanes[64] = {};
-        result.noHits = true;
-        auto const laneOf = [&rays](std::size_t i) { return 64 - rays.size() + i; };
-        for (std::size_t i = 0; i < rays.size(); ++i) {
-            RSRay const& ray = rays[i];
-            std::size_t const lane = laneOf(i);
-            params.originX[lane] = ray.origin[0];
-            params.originY[lane] = ray.origin[1];
-            params.originZ[lane] = ray.origin[2];
-            params.dirX[lane] = ray.dir.x;
-            params.dirY[lane] = ray.dir.y;
-            params.dirZ[lane] = ray.dir.z;
-            params.time[lane] = ray.time;
-            params.skipIndex[lane] = ray.skipIndex;
-            tMins[lane] = scene.isAlone() ? ray.intervalMin : ray.clipMin;
-            tMaxs[i] = scene.isAlone() ? ray.intervalMax : ray.clipMax;
-            result.hitT[lane] = std::numeric_limits<double>::infinity();
-            lanes[i] = static_cast<unsigned char>(lane);
-        }
-        scene.owner.bunchIntersect(params, result, tMins, tMaxs, lanes, rays.size());
-        bool isSameAsSingle = true;
-        for (std::size_t i = 0; i < rays.size(); ++i) {
-            std::size_t const lane = laneOf(i);
-            isSameAsSingle &= result.hit[lane] == codes[i];
-            isSameAsSingle &=
-                codes[i] == 0 || (isSame(result.hitT[lane], answers[i].hitT) &&
-                                  result.hitIndex[lane] == answers[i].hitIndex &&
-                                  result.hitPrimitive[lane] == answers[i].hitPrimitive &&
-                                  isSame(result.hitNormalX[lane], answers[i].hitNormal.x) &&
-                                  isSame(result.hitNormalZ[lane], answers[i].hitNormal.z));
-        }
-        return isSameAsSingle;
     }
 
     void report(char const* what, Query const& query, double found, double expected) {
