@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -244,6 +245,37 @@ void expectRightAnswers(Scene<Primitive>& scene, std::uint64_t seed, int perAim)
     Tally const tally = askRays(scene, seed, perAim);
     EXPECT_GT(tally.hits, perAim);
     EXPECT_EQ(tally.delicate + tally.missed + tally.wrong, 0);
+}
+
+inline int leafCount(SDSphereNode<SDSphere> const& node) {
+    return node.numLeafSpheres;
+}
+inline int leafCount(MBSphereNode const& node) {
+    return node.numLeafSpheres();
+}
+/// FNV-1a (G. Fowler, L. C. Noll, K.-P. Vo) over all nodes and leaf entries, lower sides first.
+template <class Tree> std::uint64_t hashOf(Tree const& tree) {
+    std::uint64_t hash = 0xCBF29CE484222325U;
+    auto const add = [&hash](auto word) {
+        hash = (hash ^ std::bit_cast<std::uint32_t>(word)) * 0x100000001B3U;
+    };
+    std::vector<decltype(tree.root)> open{tree.root};
+    while (!open.empty()) {
+        auto* const node = open.back();
+        open.pop_back();
+        add(node->kind());
+        if constexpr (requires { node->velocity; })
+            for (int axis = 0; axis < 3; ++axis)
+                add(node->velocity[axis]);
+        if (node->isLeaf()) {
+            for (int k = 0; k < leafCount(*node); ++k)
+                add(node->leafSpheres()[k].sphereIndex);
+        } else {
+            add(node->splitPos);
+            open.insert(open.end(), {node->children() + 1, node->children()});
+        }
+    }
+    return hash;
 }
 
 /// Walks a tree and expects that its nodes, leaves and counters tell the same.

@@ -82,28 +82,6 @@ TEST(StillTrees, AnswerWhenTheyAreDeeperThanTheUsualStack) {
     EXPECT_LE(tally.delicate, tally.hits / 20); // small spheres, seen from far away
 }
 
-/// FNV-1a (G. Fowler, L. C. Noll, K.-P. Vo) over all nodes and leaf entries, lower sides first.
-std::uint64_t hashOf(StaticSphereTree const& tree) {
-    std::uint64_t hash = 0xCBF29CE484222325U;
-    auto const add = [&hash](auto word) {
-        hash = (hash ^ std::bit_cast<std::uint32_t>(word)) * 0x100000001B3U;
-    };
-    std::vector<SDSphereNode<SDSphere> const*> open{tree.root};
-    while (!open.empty()) {
-        auto const* const node = open.back();
-        open.pop_back();
-        add(node->kind());
-        if (node->isLeaf()) {
-            for (int k = 0; k < node->numLeafSpheres; ++k)
-                add(node->leafSpheres()[k].sphereIndex);
-        } else {
-            add(node->splitPos);
-            open.insert(open.end(), {node->children() + 1, node->children()});
-        }
-    }
-    return hash;
-}
-
 // The figure is that of trees which an independent implementation made node for node, too: only new
 // rules for building trees may change it.
 TEST(StillTrees, AreTheSameOnEveryMachine) {

@@ -34,12 +34,6 @@ struct Explanation {
     double size = 0.0; ///< how far from right, in parts of the coordinates or the radius
 };
 
-inline int leafCount(SDSphereNode<SDSphere> const& node) {
-    return node.numLeafSpheres;
-}
-inline int leafCount(MBSphereNode const& node) {
-    return node.numLeafSpheres();
-}
 inline double planeAt(SDSphereNode<SDSphere> const& node, int, double) {
     return static_cast<double>(node.splitPos);
 }
