@@ -22,7 +22,7 @@ cpack --preset package
 judged=bogus-mail-host,bogus-mail-host-in-debian-changelog,initial-upload-closes-no-bugs
 judged+=,package-name-doesnt-match-sonames,maintscript-calls-ldconfig
 if command -v lintian >/dev/null; then
-    lintian --fail-on error,warning --allow-root --suppress-tags "$judged" build/package/*.deb
+    lintian --fail-on error --allow-root --suppress-tags "$judged" build/package/*.deb
 fi
 
 root=$(mktemp -d /var/tmp/kelpa-packages.XXXXXX)

@@ -13,8 +13,8 @@ class ThreadProcedure;
 ///
 /// `dir` need not be normalised: every ray parameter t is in units of its length.
 struct TraceRay {
-    double origin[3];
-    Vector dir;
+    double origin[3]; ///< where t is 0; rounded to single precision in particle arithmetic
+    Vector dir;       ///< of any length but 0
 };
 
 /// The ray that a raycaster carries from primitive to primitive, with the closest hit so far.
@@ -22,16 +22,16 @@ struct TraceRay {
 /// A primitive that is alone in its tree searches [`intervalMin`, `intervalMax`]; one that shares
 /// its tree with others searches [`clipMin`, min(`clipMax`, `hitT`)].
 struct RSRay : TraceRay {
-    double intervalMin;
-    double intervalMax;
-    float time; ///< moving particles only: in the unit of the snapshots' `sampleTime`
-    double clipMin;
-    double clipMax;
-    double hitT; ///< parameter of the closest hit so far
-    GenericPrimitive* hitPrimitive;
-    Vector hitNormal;           ///< not normalised
-    std::int32_t hitLocalIndex; ///< index of the hit particle in its particle system
-    std::int64_t hitIndex;      ///< reported index of the hit particle
+    double intervalMin; ///< start of the search alone in a tree
+    double intervalMax; ///< its end; lower it to `hitT` after a hit when asking several primitives
+    float time;         ///< moving particles only: in the unit of the snapshots' `sampleTime`
+    double clipMin;     ///< start of the search in a shared tree
+    double clipMax;     ///< its end, unless `hitT` lies before
+    double hitT;        ///< parameter of the closest hit so far
+    GenericPrimitive* hitPrimitive; ///< as registered with the tree; not owned
+    Vector hitNormal;               ///< not normalised
+    std::int32_t hitLocalIndex;     ///< index of the hit particle in its particle system
+    std::int64_t hitIndex;          ///< reported index of the hit particle
     /// Reported index of the particle on which the ray starts (low 32 bits): such a sphere is hit
     /// only where the ray leaves it, such a point not at all. A value that no particle reports,
     /// such as `baseIndex` - 1 for a primitive that is alone in its tree, skips nothing. In a tree
@@ -45,26 +45,26 @@ struct RayBunchParams {};
 
 /// Up to 64 rays, one per lane.
 struct RayBunchExtParams {
-    double originX[64];
-    double originY[64];
-    double originZ[64];
-    float dirX[64];
-    float dirY[64];
-    float dirZ[64];
+    double originX[64];         ///< by lane, as all of these
+    double originY[64];         ///< see `originX`
+    double originZ[64];         ///< see `originX`
+    float dirX[64];             ///< direction, of any length but 0
+    float dirY[64];             ///< see `dirX`
+    float dirZ[64];             ///< see `dirX`
     float time[64];             ///< moving particles only
     std::int64_t skipIndex[64]; ///< as `RSRay::skipIndex`
 };
 
 /// The closest hits of a bunch, one per lane; each member as its namesake in `RSRay`.
 struct PrimitiveIntersections {
-    unsigned char hit[64]; ///< 1: the last hit was on a sphere, 2: on a point
-    double hitT[64];
-    GenericPrimitive* hitPrimitive[64];
-    std::int64_t hitIndex[64];
-    float hitNormalX[64];
-    float hitNormalY[64];
-    float hitNormalZ[64];
-    std::int32_t hitLocalIndex[64];
+    unsigned char hit[64];              ///< 1: the last hit was on a sphere, 2: on a point
+    double hitT[64];                    ///< set before asking: the end of each ray's search
+    GenericPrimitive* hitPrimitive[64]; ///< not owned
+    std::int64_t hitIndex[64];          ///< reported index of the hit particle
+    float hitNormalX[64];               ///< not normalised
+    float hitNormalY[64];               ///< see `hitNormalX`
+    float hitNormalZ[64];               ///< see `hitNormalX`
+    std::int32_t hitLocalIndex[64];     ///< index in the particle system
 };
 
 /// The hits that a host carries through all primitives that it asks about one bunch.
@@ -79,12 +79,12 @@ struct ParticleData {
     /// 0: solid spheres. 1: points, hit where a ray passes closest to the centre, if that is within
     /// the radius. Anything else: never hit.
     std::int32_t particleType;
-    Vector const* positions; ///< `numParticles` centres
-    std::int32_t numParticles;
-    float const* radii; ///< `numRadii` radii; particles without a radius are left out
-    std::int32_t numRadii;
-    Vector const* colors; ///< used only when there are as many as particles
-    std::int32_t numColors;
+    Vector const* positions;   ///< `numParticles` centres
+    std::int32_t numParticles; ///< 0 or more
+    float const* radii;        ///< `numRadii` radii; particles without a radius are left out
+    std::int32_t numRadii;     ///< `numParticles`, or fewer
+    Vector const* colors;      ///< used only when there are as many as particles
+    std::int32_t numColors;    ///< `numParticles`, or 0
 };
 
 /// The host's worker threads.

@@ -15,12 +15,12 @@ struct IRay {
     /// `invDir`.
     IRay(TraceRay const& ray, double intervalMin, double intervalMax);
 
-    double origin[3];
-    Vector dir;
+    double origin[3];        ///< where t is 0
+    Vector dir;              ///< of any length but 0; t counts in its length
     Vector invDir;           ///< 1 / `dir`, clamped to [-1e18, 1e18]; 1e18 where `dir` is NaN
     std::int32_t dirSign[3]; ///< 1 where the sign bit of `dir` is set (-0.0 included), else 0
-    double tMin;
-    double tMax; ///< lowered to every accepted hit
+    double tMin;             ///< start of the interval
+    double tMax;             ///< lowered to every accepted hit
 };
 static_assert(sizeof(IRay) == 80);
 

@@ -16,6 +16,7 @@ namespace Kelpa {
 /// Must not be destroyed while any thread is inside or waits for it. Use `LockScope` to take it.
 class KELPA_THREAD_ANNOTATION(capability("mutex")) FastCriticalSection {
   public:
+    /// Makes a lock that nobody holds.
     FastCriticalSection() {
         pthread_mutexattr_init(&attr);
         pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
@@ -28,16 +29,19 @@ class KELPA_THREAD_ANNOTATION(capability("mutex")) FastCriticalSection {
         pthread_mutexattr_destroy(&attr);
     }
 
+    /// Waits until no other thread is inside, then enters.
     void enter() KELPA_THREAD_ANNOTATION(acquire_capability()) { pthread_mutex_lock(&mutex); }
+    /// Leaves; only the thread that entered may.
     void leave() KELPA_THREAD_ANNOTATION(release_capability()) { pthread_mutex_unlock(&mutex); }
 
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex;    ///< recursive
     pthread_mutexattr_t attr; ///< what `mutex` was made with
 };
 
 /// Holds a lock from here to the end of the scope, exceptions included.
 class KELPA_THREAD_ANNOTATION(scoped_lockable) LockScope {
   public:
+    /// Enters `section`, which must outlive this scope.
     explicit LockScope(FastCriticalSection& section)
         KELPA_THREAD_ANNOTATION(acquire_capability(section))
         : lock(section) {

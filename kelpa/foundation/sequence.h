@@ -15,11 +15,15 @@ namespace Kelpa {
 /// Both answer null when there is no memory. An element type with a default constructor is
 /// constructed in every slot; one without is left uninitialised.
 template <class T> struct DefaultAllocator {
+    /// Memory for `count` elements, at least 1; null when there is none.
     static T* newElements(std::int32_t count) {
         return new (std::nothrow) T[static_cast<std::size_t>(count)];
     }
+    /// Releases what `newElements` returned; null is allowed.
     static void freeElements(T* elements) { delete[] elements; }
+    /// Uninitialised memory for a block's record; null when there is none.
     static void* newBlockRecord(std::size_t bytes) { return ::operator new(bytes, std::nothrow); }
+    /// Releases what `newBlockRecord` returned.
     static void freeBlockRecord(void* record) { ::operator delete(record); }
 };
 
@@ -39,25 +43,29 @@ template <class T, bool flag, class Alloc> struct _SequenceBlock {
     _SequenceBlock(_SequenceBlock const&) = delete;
     _SequenceBlock& operator=(_SequenceBlock const&) = delete;
 
+    /// Whether `n` more elements fit behind those handed out.
     bool hasRoomFor(std::int32_t n) const { return n <= capacity - count; }
 
-    _SequenceBlock* next;
-    _SequenceBlock* prev;
+    _SequenceBlock* next;  ///< null in the last block
+    _SequenceBlock* prev;  ///< null in the first block
     std::int32_t count;    ///< elements handed out
     std::int32_t capacity; ///< slots in `elements`
-    T* elements;
+    T* elements;           ///< `capacity` slots; owned by the sequence
 };
 
 /// Takes the lock of a locked sequence and does nothing for an unlocked one.
 template <bool locked> class SequenceLock {
   public:
+    /// Takes the lock until the end of the scope.
     explicit SequenceLock(FastCriticalSection& section) : scope(section) {}
 
   private:
     LockScope scope;
 };
+/// The form that takes no lock.
 template <> class SequenceLock<false> {
   public:
+    /// Takes nothing.
     explicit SequenceLock(FastCriticalSection&) {}
 };
 
@@ -71,8 +79,10 @@ template <> class SequenceLock<false> {
 template <class T, int BlockSize, bool flag, bool locked, class Alloc = DefaultAllocator<T>>
 class _Sequence {
   public:
+    /// What the chain is made of.
     using Block = _SequenceBlock<T, flag, Alloc>;
 
+    /// An empty sequence; no memory is taken.
     _Sequence() = default;
     _Sequence(_Sequence const&) = delete;
     _Sequence& operator=(_Sequence const&) = delete;
@@ -154,6 +164,7 @@ class _Sequence {
         memUsage = 0;
     }
 
+    /// Elements appended and not removed.
     std::int32_t getCount() const {
         SequenceLock<locked> const scope(lock);
         return count;
@@ -165,14 +176,14 @@ class _Sequence {
         return memUsage;
     }
 
-    Block* first = nullptr;
+    Block* first = nullptr;     ///< owned, with all that follow; null before the first append
     Block* current = nullptr;   ///< receives the next append
     Block* iterBlock = nullptr; ///< where `nextElement` reads ...
     std::int32_t iterIndex = 0; ///< ... and its next index there
     std::int32_t count = 0;     ///< elements appended since the last `clear` or `freeData`
-    std::int32_t blockSize = BlockSize;
-    std::uint64_t memUsage = 0;
-    mutable FastCriticalSection lock; ///< taken by the locked form only
+    std::int32_t blockSize = BlockSize; ///< slots of a block, unless a run needs more
+    std::uint64_t memUsage = 0;         ///< bytes, as `getMemUsage` tells
+    mutable FastCriticalSection lock;   ///< taken by the locked form only
 
   private:
     // Blocks passed over on the way are not revisited. The search ends on the last block of the
@@ -225,6 +236,7 @@ class SequenceST : public _Sequence<T, BlockSize, flag, false, Alloc> {
 /// has yet to reach stay.
 template <class SequenceType> class SequenceCursor {
   public:
+    /// Starts before the first element; `sequence` must outlive the cursor.
     explicit SequenceCursor(SequenceType const& sequence)
         : block(sequence.first), at(block != nullptr ? block->elements : nullptr) {}
 

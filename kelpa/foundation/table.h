@@ -13,6 +13,7 @@ namespace Kelpa {
 /// One thread at a time. Growing moves the elements, so addresses hold only until the next growth.
 template <class T, int Step> class Table {
   public:
+    /// An empty table; no memory is taken.
     Table() = default;
     Table(Table const&) = delete;
     Table& operator=(Table const&) = delete;
@@ -38,10 +39,10 @@ template <class T, int Step> class Table {
         elements = nullptr;
     }
 
-    std::int32_t count = 0;
-    std::int32_t step = Step;
-    std::int32_t capacity = 0;
-    T* elements = nullptr; ///< `capacity` slots, of which the first `count` are in use
+    std::int32_t count = 0;    ///< elements in use
+    std::int32_t step = Step;  ///< growth in elements; 0 or less: doubles
+    std::int32_t capacity = 0; ///< slots in `elements`
+    T* elements = nullptr;     ///< `capacity` slots, of which the first `count` are in use
 
   private:
     // Computed in 64 bits and cut to what a count can hold: the last step before 2^31 is a short

@@ -4,10 +4,13 @@ namespace Kelpa {
 
 /// Three single-precision numbers: a centre, a direction, a normal, a velocity or a colour.
 struct Vector {
-    float x, y, z;
+    float x; ///< x, y and z are in the host's unit, or have none
+    float y; ///< see `x`
+    float z; ///< see `x`
 
     /// Component 0 (x), 1 (y) or 2 (z); no other index is allowed.
     float& operator[](int axis);
+    /// The same for a vector that is not to be changed.
     float const& operator[](int axis) const;
 };
 static_assert(sizeof(Vector) == 12);
@@ -24,8 +27,8 @@ inline float const& Vector::operator[](int axis) const {
 
 /// An axis-aligned box: its lowest and its highest corner, both inside.
 struct Box {
-    Vector min;
-    Vector max;
+    Vector min; ///< lowest corner
+    Vector max; ///< highest corner; in no component below `min` unless the box is empty
 
     /// The box that holds nothing: growing it by anything gives that thing.
     static constexpr Box empty() { return {{1e20F, 1e20F, 1e20F}, {-1e20F, -1e20F, -1e20F}}; }

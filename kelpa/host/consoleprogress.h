@@ -16,9 +16,11 @@ namespace Kelpa {
 /// the same scope ends the process as it would have without. One at a time.
 class InterruptScope {
   public:
+    /// Takes the two signals over.
     InterruptScope();
     InterruptScope(InterruptScope const&) = delete;
     InterruptScope& operator=(InterruptScope const&) = delete;
+    /// Gives the signals back to whom they belonged.
     ~InterruptScope();
 
     /// Whether a signal came since the first scope began; one relaxed load.
@@ -28,11 +30,15 @@ class InterruptScope {
 /// Reports builds to stderr, and ends them on request or on Ctrl-C.
 class ConsoleProgress : public ProgressCallback {
   public:
+    /// How much of what builds tell is shown: nothing, statistics, or all.
     enum class Verbosity { quiet, statistics, everything };
 
+    /// Shows as much as `wanted` says.
     explicit ConsoleProgress(Verbosity wanted = Verbosity::quiet) : verbosity(wanted) {}
 
+    /// 1 once a stop was requested or a signal came, else 0.
     std::int32_t getAbort() override;
+    /// Writes the line to stderr if it is wanted.
     void info(int kind, int level, char const* format, ...) override
         __attribute__((format(printf, 4, 5)));
 
@@ -53,6 +59,7 @@ class ProgressLine {
     /// `automatic` is `rewritten` on a terminal and `plain` elsewhere.
     enum class Mode { automatic, rewritten, plain, none };
 
+    /// Begins a phase; without a thread to be had there is no display.
     ProgressLine(std::string phaseName, Mode mode);
     ProgressLine(ProgressLine const&) = delete;
     ProgressLine& operator=(ProgressLine const&) = delete;

@@ -31,11 +31,12 @@ class ParticleSystem {
     ParticleSystem(ParticleSystem const&) = delete;
     ParticleSystem& operator=(ParticleSystem const&) = delete;
 
+    /// What primitives take; valid as long as this system.
     ParticleData* data() { return &view; }
 
-    std::vector<Vector> const positions;
-    std::vector<float> const radii;
-    std::vector<Vector> const colors;
+    std::vector<Vector> const positions; ///< centres
+    std::vector<float> const radii;      ///< one per centre
+    std::vector<Vector> const colors;    ///< one per centre, or none
 
   private:
     static std::int32_t checked(std::size_t count) {

@@ -19,6 +19,7 @@ class ThreadPool final : public ThreadManager {
     explicit ThreadPool(int threads = 0);
     ThreadPool(ThreadPool const&) = delete;
     ThreadPool& operator=(ThreadPool const&) = delete;
+    /// Runs what is queued, then joins the workers.
     ~ThreadPool();
 
     /// Queues a job. Throws `std::bad_alloc` when the queue cannot grow; the job is then not

@@ -19,7 +19,8 @@ namespace Kelpa {
 /// The host constructs it, builds it once, and then asks it from any number of threads; it keeps
 /// the particle data alive and unchanged until the primitive is gone. Building again registers the
 /// system a second time and stores every particle twice.
-/// A primitive made without a tree can only be destroyed.
+/// A primitive made without a tree cannot be built, bounded or asked for hits or memory; it stands
+/// for a system in another's tree, whose hits it then names, colours and gives normals for.
 template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : public Base {
   public:
     /// `first` is the particle system, for moving particles its first snapshot; `second` is the
@@ -44,6 +45,7 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
     void build(ProgressCallback* progress, ThreadManager* threadManager, int maxDepth,
                float minNodeSize, float leafSizeFactor, int staticBounds);
 
+    /// 0: it is asked as it is.
     int expandable() override { return 0; }
 
     /// Bytes held by the tree: nodes, leaf entries and sphere references.
@@ -52,9 +54,12 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
     /// The hit's normal as the search left it, not normalised: for a sphere from its centre to the
     /// hit (its length is the radius), for a point against the ray.
     Vector getGNormal(RSRay const& ray) const override;
+    /// The same for a lane of a bunch.
     Vector getGNormal(RayBunchParams const& params, PrimitiveIntersections const& intersections,
                       unsigned char lane) const override;
+    /// The geometric normal: spheres are smooth.
     Vector getNormal(RSRay const& ray) const override;
+    /// The same for a lane of a bunch.
     Vector getNormal(RayBunchParams const& params, PrimitiveIntersections const& intersections,
                      unsigned char lane) const override;
 
@@ -70,6 +75,7 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
 
     /// The bounds that the last build found; the empty box when it found no usable particle.
     void getBBox(B& box) override;
+    /// 0: it is held whole.
     int splittable() override { return 0; }
 
     /// Cuts the bounds at a plane, without regard to whether it crosses them.
@@ -89,7 +95,7 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
 
     Tree* tree;             ///< owned; null when made without one
     std::int32_t baseIndex; ///< index reported for particle 0 when the system is alone in its tree
-    ParticleData* particles0;
+    ParticleData* particles0; ///< first snapshot; the host's
     ParticleData* particles1; ///< moving particles only
 };
 

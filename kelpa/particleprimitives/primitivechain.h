@@ -34,8 +34,11 @@ template <class B> class DynamicRaycaster {
 /// Something that a host can load and unload.
 class Resource {
   public:
+    /// Non-zero when loading turns it into something else; never for particles.
     virtual int expandable() { return 0; }
+    /// Makes it ready under an index of the host's; 0 when nothing was expanded.
     virtual int load(ResourceManager*, int, void*) { return 0; }
+    /// Takes back what `load` did, given the same arguments.
     virtual int unload(ResourceManager*, int, void*) { return 0; }
 
     /// Bytes held.
@@ -47,6 +50,7 @@ class GeometryGenerator : public Resource {
   public:
     /// The geometric normal of a hit, not normalised.
     virtual Vector getGNormal(RSRay const&) const { return {0.0F, 0.0F, 0.0F}; }
+    /// The same for lane 0 to 63 of a bunch.
     virtual Vector getGNormal(RayBunchParams const&, PrimitiveIntersections const&,
                               unsigned char) const {
         return {0.0F, 0.0F, 0.0F};
@@ -54,6 +58,7 @@ class GeometryGenerator : public Resource {
 
     /// The shading normal of a hit: the geometric one unless overridden.
     virtual Vector getNormal(RSRay const& ray) const { return getGNormal(ray); }
+    /// The same for lane 0 to 63 of a bunch.
     virtual Vector getNormal(RayBunchParams const& params,
                              PrimitiveIntersections const& intersections,
                              unsigned char lane) const {
@@ -61,19 +66,27 @@ class GeometryGenerator : public Resource {
     }
 
     // The rest of the shading queries go to the parent, which must not be null then.
+    /// Has the parent fill in what shading a hit needs.
     virtual void setIntersectionData(RSRay& ray, void* data) {
         parentGenerator->setIntersectionData(ray, data);
     }
+    /// The same for the lanes of a bunch that `lanes` lists.
     virtual void setIntersectionData(RayBunchParams const& params,
                                      PrimitiveIntersections& intersections,
                                      unsigned char const* lanes, unsigned long numLanes) {
         parentGenerator->setIntersectionData(params, intersections, lanes, numLanes);
     }
+    /// A primitive's number in this generator; -1 when it is not known.
     virtual int getPrimitiveIndex(GenericPrimitive const*) const { return -1; }
+    /// The parent's answer, as with the four that follow.
     virtual Shadeable* getShadeable() { return parentGenerator->getShadeable(); }
+    /// The parent's answer.
     virtual ExtShadeData* getExtShadeData() { return parentGenerator->getExtShadeData(); }
+    /// The parent's answer.
     virtual ExtTexMapping* getExtTexMapping() { return parentGenerator->getExtTexMapping(); }
+    /// The parent's answer.
     virtual VolumeShader* getVolumeShader() { return parentGenerator->getVolumeShader(); }
+    /// The parent's answer.
     virtual ExtSurfaceProperties* getExtSurfaceProperties() {
         return parentGenerator->getExtSurfaceProperties();
     }
@@ -108,10 +121,15 @@ template <class B> class DynamicPrimitive : public GenericPrimitive {
         return collapse(raycaster, index);
     }
 
+    /// Writes the bounds.
     virtual void getBBox(B& box) = 0;
+    /// Non-zero when a raycaster should `split` it rather than hold it whole.
     virtual int splittable() = 0;
+    /// Writes the bounds of the parts below and above `pos` on axis `dim`.
     virtual void split(int dim, float pos, B& lowerBox, B& upperBox) = 0;
+    /// What `load` does; 0: nothing was expanded.
     virtual int expand(DynamicRaycaster<B>*, int) { return 0; }
+    /// What `unload` does after telling the raycaster.
     virtual int collapse(DynamicRaycaster<B>*, int) { return 0; }
 };
 

@@ -38,9 +38,9 @@ static_assert(sizeof(MBLeafSphere) == 4);
 ///
 /// Packed to multiples of 4, which misaligns `link`: read and write it by value only.
 struct MBSphereNode {
-    static constexpr std::uint32_t leafBits = 0xFF800000U; ///< as a float, -infinity
-    static constexpr std::int32_t mostLeafSpheres = 0x007FFFFF;
-    static constexpr int timeKind = 3;
+    static constexpr std::uint32_t leafBits = 0xFF800000U;      ///< as a float, -infinity
+    static constexpr std::int32_t mostLeafSpheres = 0x007FFFFF; ///< what fits beside `leafBits`
+    static constexpr int timeKind = 3; ///< kind of a link from a plane in time
 
     union {
         /// Leaf: `leafBits` and the number of entries, as a float -infinity or a negative NaN.
@@ -50,12 +50,17 @@ struct MBSphereNode {
     std::uint64_t link = 0; ///< inner: kind (axis; 3: time) and address; leaf: address
     Vector velocity = {0.0F, 0.0F, 0.0F}; ///< of the node's frame: the mean of its records
 
+    /// What the link says: see `link`.
     int kind() const { return linkKind(link); }
+    /// Whether this is a leaf; else it is an inner node.
     bool isLeaf() const { return (firstWord() & leafBits) == leafBits; }
+    /// Leaf: entries in the run.
     std::int32_t numLeafSpheres() const {
         return static_cast<std::int32_t>(firstWord() & ~leafBits);
     }
+    /// Inner: two nodes, the lower side first.
     MBSphereNode* children() const { return linkTarget<MBSphereNode>(link); }
+    /// Leaf: the run of entries.
     MBLeafSphere* leafSpheres() const { return linkTarget<MBLeafSphere>(link); }
 
     /// `count` must not exceed `mostLeafSpheres`.
@@ -63,6 +68,7 @@ struct MBSphereNode {
         leafWord = leafBits | static_cast<std::uint32_t>(count);
         link = makeLink(run, 0);
     }
+    /// Makes it an inner node over a pair of nodes, which the tree owns.
     void becomeInner(int axis, float position, MBSphereNode const* pair) {
         splitPos = position;
         link = makeLink(pair, axis);
@@ -82,18 +88,20 @@ static_assert(sizeof(MBSphereNode) == 24); // one load per step of a traversal
 /// One registered particle system: two snapshots of the same particles, matched by index. The
 /// arrays belong to the host.
 struct MovingParticleDataWithPrimitive {
-    ParticleData* particles0; ///< its `particleType` and `numParticles` count
-    ParticleData* particles1;
+    ParticleData* particles0;    ///< its `particleType` and `numParticles` count
+    ParticleData* particles1;    ///< the second snapshot
     GenericPrimitive* primitive; ///< reported with hits on this system
     /// Added to a particle's index to form the reported one; -1 marks a system that is alone in its
-    /// tree, whose primitive adds its own base instead.
+    /// tree, whose primitive adds its own base instead. Read by every query: once a tree over
+    /// several systems is built, a host may number them here so that no two particles share a
+    /// number.
     std::int32_t indexOffset;
-    Vector const* positions0;
-    Vector const* positions1;
-    float const* radii0;
-    float const* radii1;
-    float time0; ///< when the snapshots were taken
-    float time1;
+    Vector const* positions0; ///< of `particles0`
+    Vector const* positions1; ///< of `particles1`
+    float const* radii0;      ///< of `particles0`
+    float const* radii1;      ///< of `particles1`
+    float time0;              ///< when the snapshots were taken
+    float time1;              ///< see `time0`
 };
 
 /// The closest hit of a query.
@@ -107,9 +115,9 @@ struct MBSphereHit {
 struct MBSphereRay : IRay {
     std::int32_t skipIndex; ///< number of the particle that the ray starts on
     double rayTMin;         ///< the interval as the caller set it
-    double rayTMax;
-    MBSphereHit* hitRecord;
-    float rayTime;
+    double rayTMax;         ///< see `rayTMin`
+    MBSphereHit* hitRecord; ///< the caller's; not null
+    float rayTime;          ///< in the snapshots' unit
 };
 
 } // namespace Kelpa

@@ -18,6 +18,7 @@ namespace Kelpa {
 
 template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree;
 
+/// What a build moves about.
 using MBSphereRecords = SequenceST<MBSphereData, 20000>;
 
 /// A worker's share of a build: one subtree at a time.
@@ -32,12 +33,12 @@ class MBSphereBuildThread : public ThreadProcedure {
 
     MBSphereTree<MBSphere, 20000, 20000>* tree = nullptr; ///< null outside a build
     std::int32_t busy = 0; ///< 1 while claimed by a job; under the tree's `threadLock`
-    ProgressCallback* progress = nullptr;
-    MBSphereRecords data;
-    TimeBox box;
-    MBSphereNode* node = nullptr;
-    std::int32_t depth = 0;
-    std::int32_t level = 0;
+    ProgressCallback* progress = nullptr; ///< where the build reports to; not null during one
+    MBSphereRecords data;                 ///< records of the subtree; its own scratch too
+    TimeBox box;                          ///< what the subtree covers
+    MBSphereNode* node = nullptr;         ///< the subtree's root
+    std::int32_t depth = 0;               ///< of `node`, as in `buildNode`
+    std::int32_t level = 0;               ///< of `node`, as in `buildNode`
     std::exception_ptr failure; ///< what ended a job early; rethrown by the thread that builds
 };
 
@@ -56,6 +57,7 @@ class MBSphereBuildThread : public ThreadProcedure {
 /// IEEE CG&A 8(2), 1988, for the four-dimensional view).
 template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : public GeomTreeBase {
   public:
+    /// What the tree is made of.
     using Node = MBSphereNode;
 
     /// Throws `ExceptionMsg` when memory runs out.
@@ -115,6 +117,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     std::uint16_t systemOf(Sphere const& sphere) const {
         return particleSystems.count == 1 ? std::uint16_t{0} : sphere.systemIndex;
     }
+    /// As `systemOf`: where in its system.
     std::uint32_t particleOf(Sphere const& sphere) const {
         // All particles of the one system were usable, so they stand in its order.
         if (particleSystems.count == 1 && numSpheres == numParticles)
@@ -132,25 +135,25 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     TimeBox rootBox =
         TimeBox::empty({0.0F, 0.0F, 0.0F}); ///< all spheres in the world's frame, a little widened
     float boundsTimeMin = 0.0F;             ///< the moving bounds, as in `MovingBox`
-    float boundsTimeMax = 0.0F;
-    Box boundsBox = Box::empty();
-    Box boundsMotion = Box::empty();
-    std::int32_t numSpheres = 0;   ///< usable particles
-    std::int32_t numParticles = 0; ///< particles, usable or not: the length of `spheres`
-    Sphere* spheres = nullptr;     ///< owned
-    Sequence<Node, NodeBlock> nodes;
-    Sequence<MBLeafSphere, LeafBlock> leafSpheres;
-    Node* root = nullptr;          ///< from `nodes`; null when there are no spheres
-    std::int32_t statMaxDepth = 0; ///< deepest level; raised by several threads, atomically
-    FastCriticalSection threadLock;
-    std::int32_t numRunning = 0; ///< build jobs that have been handed over and have not ended
-    std::int32_t numThreads = 0; ///< length of `threads`
+    float boundsTimeMax = 0.0F;             ///< see `boundsTimeMin`
+    Box boundsBox = Box::empty();           ///< see `boundsTimeMin`
+    Box boundsMotion = Box::empty();        ///< see `boundsTimeMin`
+    std::int32_t numSpheres = 0;            ///< usable particles
+    std::int32_t numParticles = 0;          ///< particles, usable or not: the length of `spheres`
+    Sphere* spheres = nullptr;              ///< owned
+    Sequence<Node, NodeBlock> nodes;        ///< every node, children in pairs
+    Sequence<MBLeafSphere, LeafBlock> leafSpheres; ///< every leaf's run
+    Node* root = nullptr;                          ///< from `nodes`; null when there are no spheres
+    std::int32_t statMaxDepth = 0;  ///< deepest level; raised by several threads, atomically
+    FastCriticalSection threadLock; ///< guards the claiming and ending of jobs
+    std::int32_t numRunning = 0;    ///< build jobs that have been handed over and have not ended
+    std::int32_t numThreads = 0;    ///< length of `threads`
     MBSphereBuildThread* threads = nullptr; ///< owned; exist only during a build
     void* doneEvent = nullptr;              ///< pulsed when `numRunning` drops to 0
-    ThreadManager* threadManager = nullptr;
-    Table<MovingParticleDataWithPrimitive, 1000> particleSystems;
-    float shutterMin = 0.0F; ///< earliest `time0` and latest `time1` of all systems
-    float shutterMax = 0.0F;
+    ThreadManager* threadManager = nullptr; ///< the host's; set during a build
+    Table<MovingParticleDataWithPrimitive, 1000> particleSystems; ///< what the next build takes
+    float shutterMin = 0.0F;       ///< earliest `time0` and latest `time1` of all systems
+    float shutterMax = 0.0F;       ///< see `shutterMin`
     std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
     std::int32_t wasAborted = 0;   ///< 1: the last build was asked to stop and holds but a part
     /// Copy each sphere's two states into one place, which queries then test many at a time; the

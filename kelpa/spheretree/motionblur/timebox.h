@@ -9,10 +9,10 @@ namespace Kelpa {
 /// At a time t it covers, axis by axis, [`box.min` + `velocity` * t, `box.max` + `velocity` * t]:
 /// `box` is where it would be at time 0.
 struct TimeBox {
-    Vector velocity;
-    Box box;
-    float timeMin;
-    float timeMax;
+    Vector velocity; ///< per unit of sample time
+    Box box;         ///< at time 0
+    float timeMin;   ///< start of the interval
+    float timeMax;   ///< its end
 
     /// The box that holds nothing at no time: growing it by anything gives that thing.
     static constexpr TimeBox empty(Vector const& velocity) {
@@ -20,9 +20,13 @@ struct TimeBox {
     }
 
     // Axes 0, 1, 2 are x, y, z in the box's frame, axis 3 is time.
+    /// Lower side on an axis.
     float& lower(int axis) { return axis < 3 ? box.min[axis] : timeMin; }
+    /// Upper side on an axis.
     float& upper(int axis) { return axis < 3 ? box.max[axis] : timeMax; }
+    /// Lower side on an axis.
     float const& lower(int axis) const { return axis < 3 ? box.min[axis] : timeMin; }
+    /// Upper side on an axis.
     float const& upper(int axis) const { return axis < 3 ? box.max[axis] : timeMax; }
 
     /// Extends the box and its interval to hold another of the same velocity.

@@ -33,7 +33,7 @@ static_assert(sizeof(SDLeafSphere) == 4);
 /// One tree node. A leaf keeps a count and its run of entries, an inner node a plane and its pair
 /// of children: first the lower side of the plane, then the upper. A new node is an empty leaf.
 template <class Sphere> struct SDSphereNode {
-    static constexpr int leafKind = 3;
+    static constexpr int leafKind = 3; ///< kind of a link from a leaf
 
     union {
         std::int32_t numLeafSpheres = 0; ///< leaf: entries in the run
@@ -43,15 +43,21 @@ template <class Sphere> struct SDSphereNode {
     std::uint32_t packWord = 0;
     std::uint64_t link = leafKind; ///< kind (0, 1, 2: axis of the plane; 3: leaf) and address
 
+    /// What the link says: see `link`.
     int kind() const { return linkKind(link); }
+    /// Whether this is a leaf; else it is an inner node.
     bool isLeaf() const { return kind() == leafKind; }
+    /// Inner: two nodes, the lower side first.
     SDSphereNode* children() const { return linkTarget<SDSphereNode>(link); }
+    /// Leaf: the run of entries.
     SDLeafSphere* leafSpheres() const { return linkTarget<SDLeafSphere>(link); }
 
+    /// Makes it a leaf with `count` entries from `run` on, which the tree owns.
     void becomeLeaf(SDLeafSphere const* run, std::int32_t count) {
         numLeafSpheres = count;
         link = makeLink(run, leafKind);
     }
+    /// Makes it an inner node over a pair of nodes, which the tree owns.
     void becomeInner(int axis, float position, SDSphereNode const* pair) {
         splitPos = position;
         link = makeLink(pair, axis);
@@ -61,13 +67,15 @@ static_assert(sizeof(SDSphereNode<SDSphere>) == 16); // one load per step of a t
 
 /// One registered particle system. The arrays belong to the host.
 struct ParticleDataWithPrimitive {
-    ParticleData* particles;
+    ParticleData* particles;     ///< as registered
     GenericPrimitive* primitive; ///< reported with hits on this system
     /// Added to a particle's index to form the reported one; -1 marks a system that is alone in its
-    /// tree, whose primitive adds its own base instead.
+    /// tree, whose primitive adds its own base instead. Read by every query: once a tree over
+    /// several systems is built, a host may number them here so that no two particles share a
+    /// number.
     std::int32_t indexOffset;
-    Vector const* positions;
-    float const* radii;
+    Vector const* positions; ///< of `particles`
+    float const* radii;      ///< of `particles`
 };
 
 /// The closest hit of a query.
@@ -81,8 +89,8 @@ struct SDSphereHit {
 struct SDSphereRay : IRay {
     std::int32_t skipIndex; ///< number of the particle that the ray starts on
     double tMinStart;       ///< the interval as the caller set it
-    double tMaxStart;
-    SDSphereHit* hit;
+    double tMaxStart;       ///< see `tMinStart`
+    SDSphereHit* hit;       ///< the caller's; not null
 };
 
 } // namespace Kelpa

@@ -17,6 +17,7 @@ namespace Kelpa {
 
 template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree;
 
+/// What a build moves about.
 using SDSphereRecords = SequenceST<SDSphereData, 20000>;
 
 /// A worker's share of a build: one subtree at a time.
@@ -31,12 +32,12 @@ class SDSphereBuildThread : public ThreadProcedure {
 
     SDSphereTree<SDSphere, 20000, 20000>* tree = nullptr; ///< null outside a build
     std::int32_t busy = 0; ///< 1 while claimed by a job; under the tree's `threadLock`
-    ProgressCallback* progress = nullptr;
-    SDSphereRecords data;
-    Box box;
-    SDSphereNode<SDSphere>* node = nullptr;
-    std::int32_t depth = 0;
-    std::int32_t level = 0;
+    ProgressCallback* progress = nullptr;   ///< where the build reports to; not null during one
+    SDSphereRecords data;                   ///< records of the subtree; its own scratch too
+    Box box;                                ///< what the subtree covers
+    SDSphereNode<SDSphere>* node = nullptr; ///< the subtree's root
+    std::int32_t depth = 0;                 ///< of `node`, as in `buildNode`
+    std::int32_t level = 0;                 ///< of `node`, as in `buildNode`
     std::exception_ptr failure; ///< what ended a job early; rethrown by the thread that builds
 };
 
@@ -51,6 +52,7 @@ class SDSphereBuildThread : public ThreadProcedure {
 /// Ray Shooting Algorithms", PhD thesis, 2000, section 4.3.2, "split clipping").
 template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : public GeomTreeBase {
   public:
+    /// What the tree is made of.
     using Node = SDSphereNode<Sphere>;
 
     /// Throws `ExceptionMsg` when memory runs out.
@@ -105,6 +107,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::uint16_t systemOf(Sphere const& sphere) const {
         return particleSystems.count == 1 ? std::uint16_t{0} : sphere.systemIndex;
     }
+    /// As `systemOf`: where in its system.
     std::int32_t particleOf(Sphere const& sphere) const {
         // All particles of the one system were usable, so they stand in its order.
         if (particleSystems.count == 1 && numSpheres == totalParticles)
@@ -124,19 +127,19 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::int32_t numSpheres = 0;     ///< usable particles
     std::int32_t totalParticles = 0; ///< particles, usable or not: the length of `spheres`
     Sphere* spheres = nullptr;       ///< owned
-    Sequence<Node, NodeBlock> nodes;
-    Sequence<SDLeafSphere, LeafBlock> leafSpheres;
+    Sequence<Node, NodeBlock> nodes; ///< every node, children in pairs
+    Sequence<SDLeafSphere, LeafBlock> leafSpheres; ///< every leaf's run
     // Raised by several threads at once, always through std::atomic_ref.
-    std::int32_t statMaxDepth = 0;
-    std::int32_t statNumLeaves = 0;
-    std::int32_t statDepthSum = 0; ///< over all leaves
-    FastCriticalSection threadLock;
-    std::int32_t numRunning = 0; ///< build jobs that have been handed over and have not ended
-    std::int32_t numThreads = 0; ///< length of `threads`
+    std::int32_t statMaxDepth = 0;  ///< deepest level
+    std::int32_t statNumLeaves = 0; ///< leaves with entries
+    std::int32_t statDepthSum = 0;  ///< over all leaves
+    FastCriticalSection threadLock; ///< guards the claiming and ending of jobs
+    std::int32_t numRunning = 0;    ///< build jobs that have been handed over and have not ended
+    std::int32_t numThreads = 0;    ///< length of `threads`
     SDSphereBuildThread* threads = nullptr; ///< owned; exist only during a threaded build
     void* doneEvent = nullptr;              ///< pulsed when `numRunning` drops to 0
-    ThreadManager* threadManager = nullptr;
-    Table<ParticleDataWithPrimitive, 1000> particleSystems;
+    ThreadManager* threadManager = nullptr; ///< the host's; set during a build
+    Table<ParticleDataWithPrimitive, 1000> particleSystems; ///< what the next build takes
     std::int32_t singleSystem = 0; ///< 1: one record, with `indexOffset` -1
     /// Inner nodes on the longest path from the root: what a traversal may have to postpone.
     std::int32_t innerLevels = 0;
