@@ -6,4 +6,13 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 scripts/install-packages.sh
 cmake -S . -B build/test -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON
 cmake --build build/test --parallel "$(nproc)"
-exec ctest --test-dir build/test --output-on-failure --parallel "$(nproc)"
+ctest --test-dir build/test --output-on-failure --parallel "$(nproc)"
+
+# Where clang has libFuzzer, the file readers also meet files that it thinks up.
+fuzzer='extern "C" int LLVMFuzzerTestOneInput(unsigned char const*, unsigned long) { return 0; }'
+if clang++ -x c++ -fsanitize=fuzzer,address -o /dev/null - <<<"$fuzzer" 2>/dev/null; then
+    cmake -S . -B build/fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DBUILD_TESTING=ON -DKELPA_FUZZ=ON
+    cmake --build build/fuzz --target kelpa_fuzz --parallel "$(nproc)"
+    ctest --test-dir build/fuzz --output-on-failure --parallel "$(nproc)" -R '^Fuzz'
+fi
