@@ -48,9 +48,11 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packages/tr
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${development_package})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+# dpkg-shlibdeps leaves out libraries of the same build, so these are written by hand.
 if(BUILD_SHARED_LIBS)
-    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-        "${library_package} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libc6-dev")
+    set(same_library "${library_package} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_library}, libc6-dev")
+    set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${same_library}")
 endif()
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "ray tracing of particle systems - development files
 ${what}

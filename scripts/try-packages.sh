@@ -32,7 +32,9 @@ mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $suite" 'Created
 debootstrap --variant=minbase "$suite" "$root" ${mirror:+"$mirror"}
 cp build/package/*.deb README.md "$root/root/"
 
-inside() { chroot "$root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 bash -euc "$1"; }
+# Nothing of this shell's environment but proxies, so that only what was installed can help.
+inside() { env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root ${http_proxy:+http_proxy="$http_proxy"} \
+    chroot "$root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 bash -euc "$1"; }
 # $1, $2...: arguments of apt-get install
 install() { inside "apt-get install -q -y --no-install-recommends $*"; }
 
@@ -42,7 +44,8 @@ inside 'cd /root; kelpa --version
         kelpa info galaxy.ply
         kelpa render galaxy.ply --size 320x180 -o galaxy.png
         test "$(head -c 8 galaxy.png | od -An -tx1 | tr -d " \n")" = 89504e470d0a1a0a
-        test -s /usr/share/doc/kelpa/copyright'
+        test -s /usr/share/doc/kelpa/copyright
+        apt-get -s remove libkelpa0.1 | grep "^Remv kelpa "' # it depends on the library
 
 if [[ "${1:-}" != --without-compiling ]]; then
     install /root/libkelpa-dev_*.deb g++ cmake make pkg-config
