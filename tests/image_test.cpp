@@ -23,6 +23,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
+void ignored(double, std::uint64_t) {
+}
+
 class Pictures : public ::testing::Test {
   protected:
     Pictures() { fs::create_directory(folder); }
@@ -93,8 +96,8 @@ TEST_F(Pictures, OfEightBitsHoldTheNearestCodeOfEveryBrightness) {
     image.rgb[9] = std::nanf("");
     image.rgb[10] = -1.0F;
 
-    writeImage(in("a.png"), image, false);
-    writeImage(in("a.ppm"), image, true);
+    writeImage(in("a.png"), image, false, ignored);
+    writeImage(in("a.ppm"), image, true, ignored);
     std::vector<unsigned char> const bytes = readPng(in("a.png"), PNG_FORMAT_RGB);
     ASSERT_EQ(bytes.size(), image.rgb.size());
     EXPECT_EQ(bytes[9] + bytes[10], 0);
@@ -108,7 +111,7 @@ TEST_F(Pictures, OfEightBitsHoldTheNearestCodeOfEveryBrightness) {
 
 TEST_F(Pictures, KeepTheirTransparencyTheWayTheFormatWantsIt) {
     Image const image = partOfAPicture();
-    writeImage(in("a.PNG"), image, true);
+    writeImage(in("a.PNG"), image, true, ignored);
     std::vector<unsigned char> const bytes = readPng(in("a.PNG"), PNG_FORMAT_RGBA);
     ASSERT_EQ(bytes.size(), 4U * 6U) << "the rendered part alone";
     for (std::size_t i = 0; i < 18; ++i) // half covered: the particles are twice as bright
@@ -118,7 +121,7 @@ TEST_F(Pictures, KeepTheirTransparencyTheWayTheFormatWantsIt) {
 
 TEST_F(Pictures, InExrHaveEveryChannelInItsPlaceOfTheWholePicture) {
     Image const image = partOfAPicture();
-    writeImage(in("a.exr"), image, true);
+    writeImage(in("a.exr"), image, true, ignored);
     Imf::InputFile file(in("a.exr").c_str());
     EXPECT_EQ(file.header().displayWindow(), Imath::Box2i({0, 0}, {6, 3}));
     EXPECT_EQ(file.header().dataWindow(), Imath::Box2i({2, 1}, {4, 2}));
@@ -146,7 +149,7 @@ TEST_F(Pictures, LeaveNothingBehindWhenTheDiskIsFull) {
     rlimit const small{20, before.rlim_max};
     setrlimit(RLIMIT_FSIZE, &small);
     for (char const* name : {"a.png", "a.ppm", "a.exr"})
-        EXPECT_THROW(writeImage(in(name), partOfAPicture(), false), OutputError) << name;
+        EXPECT_THROW(writeImage(in(name), partOfAPicture(), false, ignored), OutputError) << name;
     setrlimit(RLIMIT_FSIZE, &before);
     std::signal(SIGXFSZ, SIG_DFL);
     EXPECT_TRUE(fs::is_empty(folder));

@@ -2,6 +2,9 @@
 
 #include "tests/command.h"
 
+#include <regex>
+#include <set>
+
 namespace {
 
 using namespace kelpatest;
@@ -39,6 +42,51 @@ TEST_F(Command, CountsAndTimesForOtherPrograms) {
     for (char const* const part : {"still   ", "moving  "})
         EXPECT_EQ(countOf(bench.out, part), 4U) << bench.out;
     EXPECT_EQ(countOf(bench.out, " million rays/s singly, "), 6U) << bench.out;
+}
+
+/// The long options that a text has.
+std::set<std::string> optionsIn(std::string const& text) {
+    std::regex const option("--[a-z][-a-z]*");
+    std::set<std::string> found;
+    for (std::sregex_iterator at(text.begin(), text.end(), option), end; at != end; ++at)
+        found.insert(at->str());
+    return found;
+}
+
+TEST_F(Command, HasEveryOptionInItsManualAndCompletion) {
+    std::string const tool = KELPA_SOURCE_DIR "/tool/";
+    std::ifstream file(tool + "kelpa.1");
+    std::string manual{std::istreambuf_iterator<char>(file), {}};
+    manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
+    std::size_t const sections = manual.find("OPTIONS OF RENDER");
+    std::set<std::string> ofAll;
+    write("complete.sh",
+          "PATH=$1:$PATH; . $2; shift 2; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1))\n"
+          "_kelpa; printf '%s\\n' \"${COMPREPLY[@]}\"\n");
+    auto const completed = [&](std::string const& words) {
+        std::string const line = fmt::format(
+            "cd '{}' && bash complete.sh '{}' '{}completion/kelpa.bash' {} >words", folder.string(),
+            fs::path(KELPA_COMMAND).parent_path().string(), tool, words);
+        EXPECT_EQ(std::system(line.c_str()), 0) << line;
+        return read("words");
+    };
+    std::istringstream commands(completed("kelpa ''"));
+    int count = 0;
+    for (std::string command; commands >> command; ++count) {
+        SCOPED_TRACE(command);
+        std::string const help = run({command, "--help"}).out;
+        std::set<std::string> const options = optionsIn(help.substr(help.find("\nOptions:")));
+        EXPECT_GT(options.size(), 3U);
+        ofAll.insert(options.begin(), options.end());
+        std::set<std::string> const offered = optionsIn(completed("kelpa " + command + " --"));
+        EXPECT_EQ(offered, options);
+        EXPECT_TRUE(contains(manual, "kelpa " + command));
+    }
+    EXPECT_GE(count, 4);
+    EXPECT_EQ(completed("kelpa render a.ply --view b"), "back\nbottom\n");
+    EXPECT_EQ(completed("kelpa render a.ply --shade l"), "lit\n");
+    EXPECT_EQ(completed("kelpa generate s"), "splash\n");
+    EXPECT_EQ(optionsIn(manual.substr(sections)), ofAll);
 }
 
 } // namespace

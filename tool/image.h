@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tool/particlefile.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,7 +41,9 @@ void checkWritable(std::string const& path);
 /// within the whole picture. `withAlpha` says that the picture is transparent where no particle is:
 /// PNG then has an alpha channel, not multiplied into the colours as that format wants it; without
 /// it the picture is opaque, A is 1. PPM has no transparency. Throws `OutputError` naming file and
-/// reason, and `std::invalid_argument` like `imageFormatOf`; then nothing new is left behind.
-void writeImage(std::string const& path, Image const& image, bool withAlpha);
+/// reason, and `std::invalid_argument` like `imageFormatOf`; what `progress` throws as well;
+/// then nothing new is left behind.
+void writeImage(std::string const& path, Image const& image, bool withAlpha,
+                PhaseProgress const& progress);
 
 } // namespace kelpatool

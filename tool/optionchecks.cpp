@@ -64,6 +64,8 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                   0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
         throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
                                      options.image.width, options.image.height));
+    if (options.particles.frames && options.camera.turntable > 0)
+        throw UsageError("--frames and --turntable both number the pictures; use one of them");
     if (options.camera.eye && !options.camera.view.empty())
         throw UsageError("--eye and --view both place the camera; use one of them");
 }

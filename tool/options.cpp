@@ -23,14 +23,34 @@ constexpr int wrongUsage = 2;
 constexpr char const* examples = R"(Examples:
   kelpa render snapshot.ply -o picture.png
   kelpa render frame1.ply frame2.ply -o blurred.png --shutter 0:0.5
+  kelpa render snapshot.ply --turntable 90 -o turn.####.png
+
+)";
+constexpr char const* otherExamples = R"(Examples:
+  kelpa info snapshot.ply
   kelpa generate galaxy --count 200000 --seed 1 -o galaxy.ply
+  kelpa bench snapshot.ply
+
 )";
 
 /// Help that begins with what most people look for.
 class ExamplesFirst : public CLI::Formatter {
   public:
-    std::string make_usage(CLI::App const* app, std::string name) const override {
-        return examples + CLI::Formatter::make_usage(app, name);
+    std::string make_description(CLI::App const* app) const override {
+        bool const isOther = app->get_parent() != nullptr && app->get_name() != "render";
+        return (isOther ? otherExamples : examples) + CLI::Formatter::make_description(app);
+    }
+    // Of what excludes what the messages tell; here it would push the words out of line.
+    std::string make_option_opts(CLI::Option const* option) const override {
+        if (option->get_positional() && !option->nonpositional())
+            return "";
+        std::string const type = option->get_type_name();
+        return (type.empty() || type[0] == '[' ? "" : " ") + type +
+               (option->get_required() ? " (required)" : "");
+    }
+    std::string make_option_usage(CLI::Option const* option) const override {
+        bool const isMany = option->get_expected_max() > 1;
+        return option->get_name(true) + (isMany ? "..." : "");
     }
 };
 
@@ -113,7 +133,8 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
     app.add_option("--motion", motion.motion,
                    "none, velocity, next (the frame after), or the file of a second snapshot")
         ->group("Motion");
-    app.add_option("--times", motion.times, "When the two snapshots were taken: T0 T1")
+    app.add_option("--times", motion.times, "When the two snapshots were taken")
+        ->type_name("T0 T1")
         ->check(between(-1e30, 1e30))
         ->group("Motion");
     app.add_option_function<std::vector<std::string>>(

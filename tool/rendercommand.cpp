@@ -118,7 +118,9 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
     throwIfInterrupted();
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
-    writeImage(output, image, options.image.transparent);
+    withProgress("write", options.run, [&](PhaseProgress const& progress) {
+        writeImage(output, image, options.image.transparent, progress);
+    });
     int const width = image.cropX1 - image.cropX0;
     int const height = image.cropY1 - image.cropY0;
     statistics.addPicture({output, width, height,
