@@ -152,7 +152,9 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
         ->expected(1, 2)
         ->type_name("OPEN:CLOSE")
         ->group("Motion");
-    app.add_option("--dt", motion.dt, "The file's unit of time per unit of the shutter")
+    app.add_option(
+           "--dt", motion.dt,
+           "The file's unit of time per unit of the shutter; default: 1, for film effects 1/24")
         ->check(between(-1e30, 1e30))
         ->group("Motion");
     addChoice(app, "--bounds", motion.movingBounds, {{"static", false}, {"moving", true}},
