@@ -249,6 +249,13 @@ template <class SequenceType> class SequenceCursor {
         return block != nullptr ? at++ : nullptr;
     }
 
+    /// The element that `distance` (at least 1) more calls of `next` return, if it lies in the same
+    /// block as the last one, or null.
+    auto* peek(int distance) const {
+        bool const isNear = block != nullptr && block->elements + block->count - at >= distance;
+        return isNear ? at + (distance - 1) : nullptr;
+    }
+
   private:
     typename SequenceType::Block* block;
     decltype(block->elements) at;

@@ -49,6 +49,9 @@ template <BuildRecord Record, int BlockSize> class Partition {
     /// The next record, or null at the end; readable until a lower record is kept.
     Record const* read() { return source.next(); }
 
+    /// The record that comes `distance` after the one read last, if it is near in memory, or null.
+    Record const* peek(std::int32_t distance) const { return source.peek(distance); }
+
     void keepLower(Record const& record) {
         *lowerEnd.next() = record;
         ++lowerCount;

@@ -77,14 +77,22 @@ inline std::int32_t leafThreshold(std::int32_t depth, float leafSizeFactor, std:
 
 /// Among the bounds offered on each of four axes, the one nearest to a centre; the first of equally
 /// near ones.
-struct NearestBounds {
+class NearestBounds {
+  public:
+    explicit NearestBounds(Quad centreOfAll)
+        : centre(centreOfAll), distance(magnitude(position - centreOfAll)) {}
+
+    void offer(Quad bound) {
+        Quad const itsDistance = magnitude(bound - centre);
+        position = select(itsDistance < distance, bound, position);
+        distance = smaller(itsDistance, distance);
+    }
+
     Quad centre;
     Quad position = splat(1e18F);
 
-    void offer(Quad bound) {
-        position =
-            select(magnitude(bound - centre) < magnitude(position - centre), bound, position);
-    }
+  private:
+    Quad distance;
 };
 
 /// How many records reach below and above a plane; those that straddle it count twice.

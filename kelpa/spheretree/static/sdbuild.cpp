@@ -131,23 +131,18 @@ std::uint64_t packLeaf(Tree const& tree, typename Tree::Node& leaf, float* packs
                        std::uint64_t position) {
     std::int32_t const count = leaf.numLeafSpheres;
     SDLeafSphere const* const entries = leaf.leafSpheres();
-    auto const radiusOf = [&](std::int32_t k) {
-        auto const& sphere = tree.spheres[entries[k].sphereIndex];
-        return tree.particleSystems.elements[sphere.systemIndex].radii[sphere.particleIndex];
-    };
     float* const radii = packs + position;
     bool hasEqualRadii = true;
     for (std::int32_t k = 0; k < count; ++k) {
-        radii[k] = radiusOf(k);
-        hasEqualRadii = hasEqualRadii && radii[k] == radii[0];
+        radii[k] = tree.radiusOf(entries[k].sphereIndex);
+        hasEqualRadii &= radii[k] == radii[0];
     }
     float* const x = radii + (hasEqualRadii ? 1 : count);
     for (std::int32_t k = 0; k < count; ++k) {
-        auto const& sphere = tree.spheres[entries[k].sphereIndex];
-        Vector const& center =
-            tree.particleSystems.elements[sphere.systemIndex].positions[sphere.particleIndex];
-        for (int axis = 0; axis < 3; ++axis)
-            x[axis * count + k] = center[axis];
+        Vector const& center = tree.centerOf(entries[k].sphereIndex);
+        x[k] = center.x;
+        x[count + k] = center.y;
+        x[2 * count + k] = center.z;
     }
     leaf.packWord = LeafPack::at(position, hasEqualRadii).word;
     return static_cast<std::uint64_t>(x + 3 * count - packs);
@@ -168,6 +163,7 @@ template <class Tree> void packLeaves(Tree& tree) {
         return;
     packs[0] = 0.0F;
     std::uint64_t end = 1;
+    typename Tree::Node* next = nullptr; // a leaf whose spheres are on their way from memory
     // At most one node waits on each level of the path, and one behind it.
     typename Tree::Node* waiting[levelLimit + 1] = {tree.root};
     for (int used = 1; used > 0;) {
@@ -176,9 +172,15 @@ template <class Tree> void packLeaves(Tree& tree) {
             waiting[used++] = node->children() + 1;
             waiting[used++] = node->children();
         } else if (node->numLeafSpheres > 0) {
-            end = packLeaf(tree, *node, packs, end);
+            for (std::int32_t k = 0; k < node->numLeafSpheres; ++k)
+                tree.prefetchSphere(node->leafSpheres()[k].sphereIndex);
+            if (next != nullptr)
+                end = packLeaf(tree, *next, packs, end);
+            next = node;
         }
     }
+    if (next != nullptr)
+        end = packLeaf(tree, *next, packs, end);
     for (std::int32_t i = 0; i < packPadding; ++i)
         packs[end++] = 0.0F;
     auto* const shrunk = static_cast<float*>(std::realloc(packs, end * sizeof(float)));

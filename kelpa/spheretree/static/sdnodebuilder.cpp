@@ -63,8 +63,8 @@ bool isSmall(Box const& box, float smallestRadius, float minNodeSize) {
 CandidatePlanes countSides(NodeMeasure const& measure, SDSphereRecords& data, int count) {
     Vector const& lowest = measure.spheres.min;
     Vector const& highest = measure.spheres.max;
-    NearestBounds nearest{Quad{highest.x, highest.y, highest.z, 0.0F} * 0.5F +
-                          Quad{lowest.x, lowest.y, lowest.z, 0.0F} * 0.5F};
+    NearestBounds nearest(Quad{highest.x, highest.y, highest.z, 0.0F} * 0.5F +
+                          Quad{lowest.x, lowest.y, lowest.z, 0.0F} * 0.5F);
     visitRecords(data, count, [&nearest](SDSphereData const& record) {
         nearest.offer(lowerBounds(record));
         nearest.offer(upperBounds(record));
@@ -160,6 +160,8 @@ CutSphere cutSphere(Vector const& center, float radius, Box const& part, int axi
     return cut;
 }
 
+constexpr int prefetchDistance = 24; // records, of a few nanoseconds each
+
 /// Parts a node's records between the two sides of its split, cutting the spheres that straddle it;
 /// false when the build was aborted on the way.
 template <class Tree>
@@ -172,17 +174,19 @@ bool partRecords(Tree const& tree, SplitChoice const& split, int count,
             debug("[SDSphereTree] Error!\n");
             return true;
         }
+        // A sphere that will be cut has to come from memory by then.
+        if (SDSphereData const* const ahead = parts.peek(prefetchDistance)) {
+            bool const isCut =
+                (split.position < ahead->bbox.max[axis]) & (split.position > ahead->bbox.min[axis]);
+            tree.prefetchSphere(isCut ? ahead->sphereIndex : record->sphereIndex);
+        }
         if (split.position >= record->bbox.max[axis]) {
             parts.keepLower(*record);
         } else if (split.position <= record->bbox.min[axis]) {
             parts.sendUpper(*record);
         } else {
-            auto const& sphere = tree.spheres[record->sphereIndex];
-            ParticleDataWithPrimitive const& system =
-                tree.particleSystems.elements[sphere.systemIndex];
-            CutSphere const cut =
-                cutSphere(system.positions[sphere.particleIndex],
-                          system.radii[sphere.particleIndex], record->bbox, axis, split.position);
+            CutSphere const cut = cutSphere(tree.centerOf(record->sphereIndex), record->radius,
+                                            record->bbox, axis, split.position);
             SDSphereData part = *record;
             part.bbox = cut.upper;
             if (part.bbox.min[axis] <= part.bbox.max[axis])

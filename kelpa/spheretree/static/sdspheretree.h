@@ -114,6 +114,23 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
             return static_cast<std::int32_t>(&sphere - spheres);
         return sphere.particleIndex;
     }
+    Vector const& centerOf(std::uint32_t sphereIndex) const {
+        Sphere const& sphere = spheres[sphereIndex];
+        return particleSystems.elements[systemOf(sphere)].positions[particleOf(sphere)];
+    }
+    float radiusOf(std::uint32_t sphereIndex) const {
+        Sphere const& sphere = spheres[sphereIndex];
+        return particleSystems.elements[systemOf(sphere)].radii[particleOf(sphere)];
+    }
+    /// Has what `centerOf` and `radiusOf` read first fetched from memory.
+    void prefetchSphere(std::uint32_t sphereIndex) const {
+        if (particleSystems.count != 1 || numSpheres != totalParticles) {
+            __builtin_prefetch(&spheres[sphereIndex]);
+            return;
+        }
+        __builtin_prefetch(&particleSystems.elements[0].positions[sphereIndex]);
+        __builtin_prefetch(&particleSystems.elements[0].radii[sphereIndex]);
+    }
 
     /// Bytes of the packed leaves, which `getMemUsage` does not count.
     std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
