@@ -125,10 +125,11 @@ void LammpsFrames::readBox(InputFile& file, std::string_view flags) {
     std::string_view const known = flags;
     bool const isTilted = known.find("xy xz yz") != std::string_view::npos;
     bool const isGeneral = known.find("abc origin") != std::string_view::npos;
-    if (isTilted)
-        flags.remove_prefix(known.find("yz") + 2);
+    // Both in one line are no box of LAMMPS; the general form counts then, and is cut off once.
     if (isGeneral)
-        flags.remove_prefix(known.find("origin") + 6);
+        flags.remove_prefix(known.find("origin") + std::strlen("origin"));
+    else if (isTilted)
+        flags.remove_prefix(known.find("yz") + std::strlen("yz"));
     array<array<double, 4>, 3> lines{};
     std::size_t const numbers = isGeneral ? 4 : isTilted ? 3 : 2;
     array<bool, 3> periodic{};
