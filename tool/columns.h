@@ -129,5 +129,9 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options);
 ParticleSet readXyz(InputFile& file, ReadOptions const& options);
 ParticleSet readLammps(InputFile& file, ReadOptions const& options);
 ParticleSet readGro(InputFile& file, ReadOptions const& options);
+ParticleSet readBgeo(InputFile& file, ReadOptions const& options);
+ParticleSet readPdb(InputFile& file, ReadOptions const& options);
+ParticleSet readMmCif(InputFile& file, ReadOptions const& options);
+ParticleSet readVdb(InputFile& file, ReadOptions const& options); ///< in builds with OpenVDB alone
 
 } // namespace kelpatool

@@ -8,6 +8,7 @@ namespace kelpatool {
 
 int runRender(Options const& options);
 int runInfo(Options const& options);
+int runConvert(Options const& options);
 int runGenerate(Options const& options);
 int runBench(Options const& options);
 

@@ -33,6 +33,8 @@ int run(kelpatool::Options const& options) {
         return kelpatool::runRender(options);
     case kelpatool::Options::Command::info:
         return kelpatool::runInfo(options);
+    case kelpatool::Options::Command::convert:
+        return kelpatool::runConvert(options);
     case kelpatool::Options::Command::generate:
         return kelpatool::runGenerate(options);
     case kelpatool::Options::Command::bench:

@@ -73,20 +73,26 @@ void addRunOptions(CLI::App& app, RunOptions& run) {
         ->group("Run");
 }
 
-void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
+/// What to read of a file; gives the option for the column of radii.
+CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
     app.add_option("--format", particles.format, "Format of the file: " + formatNames());
     app.add_option(
         "--frame", particles.frame,
         "Frame of the file, or the number of a file of a sequence, such as cache.{}.ply; "
         "negative: from the end; default: the first");
+    app.add_option("--assembly", particles.assembly,
+                   "Build this biological assembly of a PDB or mmCIF file, such as 1");
+    return app.add_option("--radius-from", particles.radiusFrom, "Column that holds the radii")
+        ->group("Radius");
+}
+
+void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
+    auto* const radiusFrom = addReadOptions(app, particles);
     auto* const radius =
         app.add_option("-r,--radius", particles.radius,
                        "Radius of all particles; else the file's, by element, or by spacing")
             ->check(between(smallestRadius, largest))
-            ->group("Radius");
-    auto* const radiusFrom =
-        app.add_option("--radius-from", particles.radiusFrom, "Column that holds the radii")
-            ->excludes(radius)
+            ->excludes(radiusFrom)
             ->group("Radius");
     app.add_option("--radius-scale", particles.radiusScale, "Factor on all radii")
         ->check(between(1.0F / largest, largest))
@@ -301,7 +307,8 @@ void addPictureOptions(CLI::App& app, Options& options) {
 int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
     bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
     if (isUnknown && firstWord[0] != '-')
-        say("kelpa: no command '{}'; there are render, info, generate and bench\n", firstWord);
+        say("kelpa: no command '{}'; there are render, info, convert, generate and bench\n",
+            firstWord);
     else if (app.get_subcommands().empty())
         say("kelpa: {}; see kelpa --help\n", reason);
     else
@@ -345,6 +352,13 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     addTreeOptions(*info, options.tree);
     addRunOptions(*info, options.run);
 
+    auto* const convert = app.add_subcommand("convert", "Write a frame of a particle file as PLY");
+    convert->add_option("FILE", options.particles.files, "Particle file")->required()->expected(1);
+    addReadOptions(*convert, options.particles);
+    convert->add_option("-o,--output", options.output, "File: .ply")->required();
+    convert->add_flag("--ascii", options.ascii, "As text");
+    addRunOptions(*convert, options.run);
+
     auto* const bench =
         app.add_subcommand("bench", "Measure builds and rays with a file's particles");
     bench->add_option("FILE", options.particles.files, "Particle file")->required()->expected(1);
@@ -372,10 +386,11 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
 
     try {
         app.parse(argc, argv);
-        options.command = render->parsed()  ? Options::Command::render
-                          : info->parsed()  ? Options::Command::info
-                          : bench->parsed() ? Options::Command::bench
-                                            : Options::Command::generate;
+        options.command = render->parsed()    ? Options::Command::render
+                          : info->parsed()    ? Options::Command::info
+                          : convert->parsed() ? Options::Command::convert
+                          : bench->parsed()   ? Options::Command::bench
+                                              : Options::Command::generate;
         if (options.run.statsFile == "true") { // what CLI11 makes of no value
             options.run.stats = true;
             options.run.statsFile.clear();

@@ -26,6 +26,7 @@ struct ParticleOptions {
     std::string format;
     std::optional<int> frame;         ///< unset: the first
     std::optional<FrameRange> frames; ///< several pictures
+    std::string assembly; ///< empty: none
     std::optional<float> radius;
     std::string radiusFrom;
     float radiusScale = 1.0F;
@@ -100,7 +101,7 @@ struct RunOptions {
 
 /// Everything that the command line says.
 struct Options {
-    enum class Command { none, render, info, generate, bench };
+    enum class Command { none, render, info, convert, generate, bench };
 
     Command command = Command::none;
     ParticleOptions particles;

@@ -27,7 +27,8 @@ struct FileFormat {
     std::string_view suffixes; ///< tie-break when the content does not tell, between blanks
     bool (*recognise)(std::string_view head);                         ///< sees the first KiB
     ParticleSet (*read)(InputFile& file, ReadOptions const& options); ///< null: not read
-    std::string_view wayOn{}; ///< what to do with a file that is not read
+    std::string_view wayOn{};   ///< what to do with a file that is not read
+    bool hasAssemblies = false; ///< whether `ReadOptions::assembly` makes sense
 
     bool hasSuffixOf(std::string_view path) const {
         std::string_view list = suffixes;
@@ -82,9 +83,25 @@ bool isGro(std::string_view head) {
 }
 
 bool isPdb(std::string_view head) {
-    return head.starts_with("HEADER") || head.starts_with("ATOM  ") || head.starts_with("HETATM") ||
-           head.starts_with("CRYST1");
+    constexpr std::string_view records[] = {"HEADER ", "ATOM  ",  "HETATM", "CRYST1",
+                                            "REMARK ", "MODEL  ", "COMPND "};
+    return std::any_of(std::begin(records), std::end(records),
+                       [&](std::string_view record) { return head.starts_with(record); });
 }
+
+/// CIF starts with a block's name, behind comments and empty lines.
+bool isMmCif(std::string_view head) {
+    for (;;) {
+        std::size_t const start = head.find_first_not_of(" \t\r\n");
+        head.remove_prefix(std::min(head.size(), start));
+        if (!head.starts_with('#'))
+            return head.starts_with("data_");
+        head.remove_prefix(std::min(head.size(), head.find('\n')));
+    }
+}
+
+constexpr std::string_view newBgeo =
+    "only classic BGEO (version 5) is read. Export as classic or PLY";
 
 // In the order in which they are asked whether they recognise a file.
 constexpr FileFormat formats[] = {
@@ -92,11 +109,19 @@ constexpr FileFormat formats[] = {
     {"gro", "GRO", ".gro", isGro, readGro}, // before XYZ: its title may be a whole number
     {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
     {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, readLammps},
-    {"", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, nullptr},
-    {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr},
-    {"", "PDB", ".pdb .ent", isPdb, nullptr},
-    {"", "mmCIF", ".cif .mmcif", startsWith<'d', 'a', 't', 'a', '_'>, nullptr},
-    {"", "OpenVDB", ".vdb", startsWith<' ', 'B', 'D', 'V'>, nullptr},
+    {"bgeo", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, readBgeo},
+    {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr, newBgeo},
+    {"", "the packed BGEO of newer Houdini", ".bgeo.sc", startsWith<'s', 'c', 'f', '1'>, nullptr,
+     newBgeo},
+    {"pdb", "PDB", ".pdb .ent", isPdb, readPdb, {}, true},
+    {"mmcif", "mmCIF", ".cif .mmcif", isMmCif, readMmCif, {}, true},
+#ifdef KELPA_OPENVDB
+    {"vdb", "OpenVDB points", ".vdb", startsWith<' ', 'B', 'D', 'V'>, readVdb},
+#else
+    {"", "OpenVDB", ".vdb", startsWith<' ', 'B', 'D', 'V'>, nullptr,
+     "this kelpa was built without it. Build it again where OpenVDB is found (libopenvdb-dev), or "
+     "export as PLY"},
+#endif
 };
 
 /// What can be read, as a list that ends in "and" or the like: "PLY, XYZ and GRO".
@@ -189,6 +214,19 @@ struct UseChooser {
             return std::string(choice.source);
         }
         return {};
+    }
+
+    /// Keeps every column of the file that nothing uses so far.
+    void keepTheRest(std::vector<Attribute>& attributes) {
+        std::vector<bool> isUsed(columns.size(), false);
+        for (ColumnUse const& use : uses)
+            isUsed[use.column] = true;
+        for (std::size_t column = 0; column < columns.size(); ++column) {
+            if (isUsed[column] || columns[column].isDerived)
+                continue;
+            uses.push_back({column, Target::attribute, attributes.size()});
+            attributes.push_back({columns[column].name, {}});
+        }
     }
 
     std::string useRadius(std::string_view name) {
@@ -324,8 +362,11 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
     file.reportTo(options.progress);
     FileFormat const& format = current->format;
     if (format.read == nullptr)
-        file.fail("this is {}, which is not read. {}", format.title,
-                  format.wayOn.empty() ? "Export or convert it to PLY" : format.wayOn);
+        file.fail("this is {}; {}", format.title,
+                  format.wayOn.empty() ? "it is not read. Export or convert it to PLY"
+                                       : format.wayOn);
+    if (!options.assembly.empty() && !format.hasAssemblies)
+        file.fail("{} has no assemblies; --assembly is for PDB and mmCIF", format.title);
     try {
         ParticleSet particles = format.read(file, options);
         if (file.isGzip())
@@ -384,6 +425,8 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
             {chooser.require(name), Target::attribute, particles.attributes.size()});
         particles.attributes.push_back({name, {}});
     }
+    if (options.allAttributes)
+        chooser.keepTheRest(particles.attributes);
     return std::move(chooser.uses);
 }
 

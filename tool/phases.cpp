@@ -47,6 +47,8 @@ SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
 ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     ReadOptions read;
     read.format = options.particles.format;
+    read.assembly = options.particles.assembly;
+    read.allAttributes = options.command == Options::Command::convert;
     read.radiusFrom = options.particles.radiusFrom;
     read.forMotion = hasSecondFile(options);
     read.progress = progress;

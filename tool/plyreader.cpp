@@ -54,7 +54,8 @@ constexpr VectorColumns colorNames[] = {
     {"r g b", {"r", "g", "b"}},
     {"diffuse_red diffuse_green diffuse_blue", {"diffuse_red", "diffuse_green", "diffuse_blue"}}};
 constexpr VectorColumns velocityNames[] = {{"vx vy vz", {"vx", "vy", "vz"}}};
-constexpr ColumnNames plyNames = {"property", positionNames, colorNames, velocityNames, "element"};
+constexpr ColumnNames plyNames = {"property", positionNames, colorNames, velocityNames, "element",
+                                  {},         "type"};
 
 // The header ---------------------------------------------------------------------------------
 

@@ -77,7 +77,9 @@ class ColumnList {
         if (!particles.velocities.empty())
             addVectors({"vx", "vy", "vz"}, particles.velocities);
         if (!particles.ids.empty())
-            addIds(particles.ids);
+            addWholeNumbers("id", particles.ids);
+        if (!particles.types.empty())
+            addWholeNumbers("type", particles.types);
         if (!particles.elements.empty())
             addNumbers("uchar", "element", particles.elements);
         for (Attribute const& attribute : particles.attributes) {
@@ -127,28 +129,30 @@ class ColumnList {
 
     /// The type that most readers know and that loses nothing: 64-bit types are no part of PLY as
     /// it was published.
-    void addIds(std::vector<std::int64_t> const& ids) {
-        auto const [least, most] = std::minmax_element(ids.begin(), ids.end());
+    void addWholeNumbers(char const* name, std::vector<std::int64_t> const& numbers) {
+        auto const [least, most] = std::minmax_element(numbers.begin(), numbers.end());
         auto const fits = [low = *least, high = *most](std::int64_t from, std::int64_t to) {
             return low >= from && high <= to;
         };
         constexpr std::int64_t exactInDouble = std::int64_t{1} << 53;
         if (fits(std::numeric_limits<std::int32_t>::min(),
                  std::numeric_limits<std::int32_t>::max()))
-            addIdsAs<std::int32_t>("int", ids);
+            addNumbersAs<std::int32_t>("int", name, numbers);
         else if (fits(0, std::numeric_limits<std::uint32_t>::max()))
-            addIdsAs<std::uint32_t>("uint", ids);
+            addNumbersAs<std::uint32_t>("uint", name, numbers);
         else if (fits(-exactInDouble, exactInDouble))
-            addIdsAs<double>("double", ids);
+            addNumbersAs<double>("double", name, numbers);
         else
-            addNumbers("int64", "id", ids);
+            addNumbers("int64", name, numbers);
     }
 
-    template <class Number> void addIdsAs(std::string type, std::vector<std::int64_t> const& ids) {
-        columns.push_back(
-            {std::move(type), "id", [&ids, text = ascii](std::string& bytes, std::size_t particle) {
-                 appendNumber(bytes, static_cast<Number>(ids[particle]), text);
-             }});
+    template <class Number>
+    void addNumbersAs(std::string type, std::string name,
+                      std::vector<std::int64_t> const& numbers) {
+        columns.push_back({std::move(type), std::move(name),
+                           [&numbers, text = ascii](std::string& bytes, std::size_t particle) {
+                               appendNumber(bytes, static_cast<Number>(numbers[particle]), text);
+                           }});
     }
 
     bool ascii;

@@ -28,11 +28,12 @@ class MemoryFile {
     int descriptor;
 };
 
-void readFrame(std::string const& path, int frame, bool summarise) {
+void readFrame(std::string const& path, int frame, bool summarise, std::string const& assembly) {
     kelpatool::ReadOptions options;
     options.format = KELPA_FUZZ_FORMAT;
     options.frame = frame;
     options.summarise = summarise;
+    options.assembly = assembly;
     try {
         kelpatool::readParticleFile(path, options);
     } catch (kelpatool::InputError const&) {
@@ -44,7 +45,8 @@ void readFrame(std::string const& path, int frame, bool summarise) {
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* bytes, std::size_t size) {
     MemoryFile const file(bytes, size);
-    readFrame(file.path(), 0, true);
-    readFrame(file.path(), -1, false);
+    readFrame(file.path(), 0, true, "");
+    readFrame(file.path(), -1, false, "");
+    readFrame(file.path(), 0, false, "1"); // of most formats a reason to complain
     return 0;
 }

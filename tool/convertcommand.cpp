@@ -1,0 +1,33 @@
+#include "tool/commands.h"
+#include "tool/image.h"
+#include "tool/phases.h"
+#include "tool/standardstreams.h"
+
+namespace kelpatool {
+
+namespace {
+
+/// Elements give radii in Angstrom, and a PLY file does not tell its unit of length.
+void keepRadii(ParticleSet& particles) {
+    if (particles.angstrom == 1.0F || !particles.radii.empty())
+        return;
+    for (std::uint8_t const element : particles.elements)
+        particles.radii.push_back(particles.angstrom * elementRadius(element, false));
+}
+
+} // namespace
+
+int runConvert(Options const& options) {
+    checkWritable(options.output);
+    ParticleSet particles = readParticles(options.particles.files[0], options, false);
+    keepRadii(particles);
+    withProgress("write", options.run, [&](PhaseProgress const& progress) {
+        writePly(options.output, particles, options.ascii, progress);
+        return 0;
+    });
+    if (!options.run.quiet)
+        say("wrote {}, {} particles\n", options.output, withCommas(particles.positions.size()));
+    return 0;
+}
+
+} // namespace kelpatool
