@@ -35,10 +35,11 @@ set key top right
 set grid
 set ylabel "million rays a second, one thread"
 set yrange [0:*]
-plot for [kind in "camera bounced random"] "$points/".kind using 1:2 with linespoints lw 2 \
-         title kind.", Kelpa", \
-     for [kind in "camera bounced random"] "$points/".kind using 1:3 with linespoints dt 2 \
-         title kind.", $peer"
+kinds = "camera bounced random"
+plot for [i = 1:3] "$points/".word(kinds, i) using 1:2 with linespoints lw 2 lc i \
+         title word(kinds, i).", Kelpa", \
+     for [i = 1:3] "$points/".word(kinds, i) using 1:3 with linespoints dt 2 lc i \
+         title word(kinds, i).", $peer"
 set logscale y
 set format y "%g"
 set ylabel "build, seconds, one thread"
