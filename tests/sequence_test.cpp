@@ -52,10 +52,12 @@ struct Numbers {
         sequence.rewind();
         for (int* const slot : slots) {
             ASSERT_EQ(sequence.nextElement(), slot);
-            ASSERT_EQ(cursor.next(), slot);
+            ASSERT_FALSE(cursor.rest().empty());
+            ASSERT_EQ(&cursor.rest().front(), slot);
+            cursor.skip(1);
         }
         EXPECT_EQ(sequence.nextElement(), nullptr);
-        EXPECT_EQ(cursor.next(), nullptr);
+        EXPECT_TRUE(cursor.rest().empty());
     }
 };
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 #include <new>
+#include <span>
 
 namespace Kelpa {
 
@@ -104,6 +105,25 @@ class _Sequence {
         return run;
     }
 
+    /// Where the next elements will be appended, at least one, in one block.
+    std::span<T> freeSlots() {
+        SequenceLock<locked> const scope(lock);
+        std::int32_t const most = std::numeric_limits<std::int32_t>::max() - count;
+        if (most == 0)
+            throwOutOfMemory();
+        Block* const block = blockWithRoomFor(1);
+        std::int32_t const room = block->capacity - block->count;
+        return {block->elements + block->count,
+                static_cast<std::size_t>(room < most ? room : most)};
+    }
+
+    /// Appends the first `n` of the `freeSlots`, which hold what was written there.
+    void useSlots(std::int32_t n) {
+        SequenceLock<locked> const scope(lock);
+        current->count += n;
+        count += n;
+    }
+
     /// Sets the iteration to the first element.
     void rewind() {
         iterBlock = first;
@@ -128,14 +148,28 @@ class _Sequence {
     /// Removes the last element and returns its slot, readable until the slot is appended again;
     /// null when there is none.
     T* removeLast() {
-        if (count == 0)
+        std::span<T> const last = lastInBlock();
+        if (last.empty())
             return nullptr;
+        removeLast(1);
+        return &last.back();
+    }
+
+    /// The elements that lie in one block with the last element; none when there is none.
+    std::span<T> lastInBlock() {
+        if (count == 0)
+            return {};
         // Appending fills each block before it moves on, so one step back finds an element.
         if (current->count == 0)
             current = current->prev;
-        --current->count;
-        --count;
-        return current->elements + current->count;
+        return {current->elements, static_cast<std::size_t>(current->count)};
+    }
+
+    /// Removes the last `n` elements, all from `lastInBlock`; their slots are readable until they
+    /// are appended again.
+    void removeLast(std::int32_t n) {
+        current->count -= n;
+        count -= n;
     }
 
     /// Empties the sequence and keeps its blocks, so that appending starts over in them.
@@ -240,21 +274,19 @@ template <class SequenceType> class SequenceCursor {
     explicit SequenceCursor(SequenceType const& sequence)
         : block(sequence.first), at(block != nullptr ? block->elements : nullptr) {}
 
-    /// The next element, or null at the end.
-    auto* next() {
+    /// The next elements, as many as lie in one block; none at the end of the sequence.
+    auto rest() {
         while (block != nullptr && at == block->elements + block->count) {
             block = block->next;
             at = block != nullptr ? block->elements : nullptr;
         }
-        return block != nullptr ? at++ : nullptr;
+        std::size_t const left =
+            block != nullptr ? static_cast<std::size_t>(block->elements + block->count - at) : 0;
+        return std::span(at, left);
     }
 
-    /// The element that `distance` (at least 1) more calls of `next` return, if it lies in the same
-    /// block as the last one, or null.
-    auto* peek(int distance) const {
-        bool const isNear = block != nullptr && block->elements + block->count - at >= distance;
-        return isNear ? at + (distance - 1) : nullptr;
-    }
+    /// Passes over as many elements, all from one `rest`.
+    void skip(std::size_t elements) { at += elements; }
 
   private:
     typename SequenceType::Block* block;

@@ -34,6 +34,15 @@ class AbortQuestion {
         return stopped;
     }
 
+    /// Asks `times` times, unless there is a yes before.
+    bool operator()(std::int32_t times) {
+        bool const isAsked = progress != nullptr;
+        for (std::int32_t i = 0; isAsked && i < times; ++i)
+            if ((*this)())
+                return true;
+        return stopped;
+    }
+
   private:
     ProgressCallback* progress;
     std::int32_t& flag;

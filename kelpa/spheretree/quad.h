@@ -21,7 +21,14 @@ using QuadMask = std::int32_t __attribute__((vector_size(16)));
     return q;
 }
 
-[[gnu::always_inline]] inline void storeQuad(float* floats, Quad q) {
+/// One of consecutive floats, without a branch over its number.
+[[gnu::always_inline]] inline float floatAt(void const* floats, int number) {
+    float value;
+    std::memcpy(&value, static_cast<char const*>(floats) + 4 * number, sizeof value);
+    return value;
+}
+
+[[gnu::always_inline]] inline void storeQuad(void* floats, Quad q) {
     std::memcpy(floats, &q, sizeof q);
 }
 

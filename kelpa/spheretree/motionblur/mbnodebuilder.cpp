@@ -8,6 +8,7 @@
 #include "kelpa/spheretree/splitchoice.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
 namespace Kelpa {
@@ -129,11 +130,12 @@ template <class Tree, class Subtree>
 NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords& data,
                          Spans& spans) {
     Vector const velocity = meanVelocity(data, node.count);
-    NodeMeasure const measure = measureRecords(data, node.count, velocity, spans);
     NodeDecision decision{inFrame(node.region, velocity), {}};
     if (node.level > std::min(tree.maxDepth, levelLimit) || isBeyond(growthLimitOf(tree), tree) ||
-        node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
-        isSmall(decision.region.box, measure.smallestRadius, tree.minNodeSize))
+        node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth))
+        return decision;
+    NodeMeasure const measure = measureRecords(data, node.count, velocity, spans);
+    if (isSmall(decision.region.box, measure.smallestRadius, tree.minNodeSize))
         return decision;
 
     // In space the records' bounds count only as far as they lie in the region.
@@ -152,16 +154,13 @@ NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords&
     return decision;
 }
 
-/// A part of a sphere with the bounds that a node sees it in.
-MBSphereData partInFrame(MBSphereData const& record, FrameSpan const& span,
-                         Vector const& velocity) {
-    return {record.sphereIndex,
-            {velocity,
-             {{span.lower[0], span.lower[1], span.lower[2]},
-              {span.upper[0], span.upper[1], span.upper[2]}},
-             span.lower[3],
-             span.upper[3]},
-            record.radius};
+/// Gives a record the bounds that a node sees it in.
+void putInFrame(MBSphereData& record, FrameSpan const& span, Vector const& velocity) {
+    record.bbox = {velocity,
+                   {{span.lower[0], span.lower[1], span.lower[2]},
+                    {span.upper[0], span.upper[1], span.upper[2]}},
+                   span.lower[3],
+                   span.upper[3]};
 }
 
 /// Parts a node's records between the two sides of its split, cutting those that straddle it; false
@@ -169,23 +168,21 @@ MBSphereData partInFrame(MBSphereData const& record, FrameSpan const& span,
 bool partRecords(SplitChoice const& split, Vector const& velocity, Spans const& spans,
                  Partition<MBSphereData, 20000>& parts, AbortQuestion& isAborted) {
     int const axis = split.axis;
-    for (FrameSpan const& span : spans) {
-        MBSphereData const* const record = parts.read();
-        if (span.upper[axis] <= split.position) {
-            parts.keepLower(*record);
-        } else if (span.lower[axis] >= split.position) {
-            parts.sendUpper(*record);
-        } else {
-            MBSphereData upperPart = partInFrame(*record, span, velocity);
-            MBSphereData lowerPart = upperPart;
-            upperPart.bbox.lower(axis) = split.position;
-            lowerPart.bbox.upper(axis) = split.position;
-            parts.sendUpper(upperPart);
-            parts.keepLower(lowerPart);
-        }
-        if (isAborted())
+    auto const sides = [&](std::size_t i, MBSphereData const&) {
+        FrameSpan const& span = spans[i];
+        return sidesOf(floatAt(&span.lower, axis), floatAt(&span.upper, axis), split.position);
+    };
+    auto const cut = [&](std::size_t i, MBSphereData& lower, MBSphereData& upper) {
+        putInFrame(lower, spans[i], velocity);
+        upper.bbox = lower.bbox;
+        lower.bbox.upper(axis) = split.position;
+        upper.bbox.lower(axis) = split.position;
+        return bothSides;
+    };
+    while (int const parted = parts.partNext(
+               sides, [](MBSphereData const&) {}, cut))
+        if (isAborted(parted))
             return false;
-    }
     return true;
 }
 
@@ -219,7 +216,7 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
 
     MBSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
-    Partition parts(data, helper != nullptr ? helper->data : scratch);
+    Partition parts(data, current.count, helper != nullptr ? helper->data : scratch);
     if (!partRecords(split, velocity, spans, parts, isAborted))
         return false;
     lower.count = parts.lowerCount;

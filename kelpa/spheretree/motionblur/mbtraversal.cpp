@@ -13,7 +13,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace Kelpa::KELPA_VARIANT {
 
@@ -232,8 +231,7 @@ class LeafVisitor {
 /// been at time 0; only its coordinate along the split axis is needed.
 [[gnu::always_inline]] inline double planeParameterOf(MBSphereNode const& node, int axis,
                                                       AxisRays const& axes, double time) {
-    float velocity;
-    std::memcpy(&velocity, reinterpret_cast<char const*>(&node.velocity) + 4 * axis, 4);
+    float const velocity = floatAt(&node.velocity, axis);
     return axes.planeParameter(axis, node.splitPos, static_cast<double>(velocity) * time);
 }
 

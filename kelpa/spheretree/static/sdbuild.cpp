@@ -1,6 +1,7 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/spaceorder.h"
 #include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace Kelpa {
 
@@ -48,16 +50,72 @@ template <class Tree> void gatherSpheres(Tree& tree) {
     }
 }
 
+constexpr std::int32_t fewestOrdered = 2000; // fewer fit into the fastest caches anyway
+
+/// Numbers the spheres anew for the time of a build, by place, and copies them in that order: those
+/// that a node cuts then lie together in memory. Does nothing when memory is short.
+template <class Tree> class OrderedSpheres {
+  public:
+    explicit OrderedSpheres(Tree& orderedTree) : tree(orderedTree) {
+        if (tree.numSpheres < fewestOrdered)
+            return;
+        auto const count = static_cast<std::uint32_t>(tree.numSpheres);
+        order = SpaceOrder(count, [this](std::uint32_t k) { return tree.centerOf(k); });
+        auto places = tryAllocate<std::uint32_t>(count);
+        auto copies = tryAllocate<OrderedSphere>(count);
+        if (order.isEmpty() || places == nullptr || copies == nullptr)
+            return;
+        constexpr std::uint32_t prefetchDistance = 16; // spheres
+        for (std::uint32_t place = 0; place < count; ++place) {
+            tree.prefetchSphere(order[std::min(place + prefetchDistance, count - 1)]);
+            std::uint32_t const k = order[place];
+            places[k] = place;
+            copies[place] = {tree.centerOf(k), tree.radiusOf(k)};
+        }
+        placeOf = std::move(places);
+        spheres = std::move(copies);
+        tree.orderedSpheres = spheres.get();
+    }
+    OrderedSpheres(OrderedSpheres const&) = delete;
+    OrderedSpheres& operator=(OrderedSpheres const&) = delete;
+    ~OrderedSpheres() { tree.orderedSpheres = nullptr; }
+
+    /// What a record shall call a sphere.
+    std::uint32_t nameOf(std::uint32_t sphereIndex) const {
+        return placeOf != nullptr ? placeOf[sphereIndex] : sphereIndex;
+    }
+
+    /// Lets the leaves call the spheres by their indices.
+    void nameByIndex() {
+        if (placeOf == nullptr)
+            return;
+        for (auto* block = tree.nodes.first; block != nullptr; block = block->next)
+            for (auto* node = block->elements; node != block->elements + block->count; ++node)
+                for (std::int32_t i = 0; node->isLeaf() && i < node->numLeafSpheres; ++i) {
+                    std::uint32_t& name = node->leafSpheres()[i].sphereIndex;
+                    name = order[name];
+                }
+        tree.orderedSpheres = nullptr;
+    }
+
+  private:
+    Tree& tree;
+    SpaceOrder order;
+    OptionalArray<std::uint32_t> placeOf;
+    OptionalArray<OrderedSphere> spheres;
+};
+
 /// Makes one build record per sphere and the box around all; an abort ends it early.
 template <class Tree>
-void makeRecords(Tree& tree, SDSphereRecords& records, AbortQuestion& isAborted) {
+void makeRecords(Tree& tree, OrderedSpheres<Tree> const& ordered, SDSphereRecords& records,
+                 AbortQuestion& isAborted) {
     for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
         auto const& sphere = tree.spheres[k];
         ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.systemIndex];
         Vector const& c = system.positions[sphere.particleIndex];
         float const r = system.radii[sphere.particleIndex];
         SDSphereData& record = *records.newElement();
-        record.sphereIndex = static_cast<std::uint32_t>(k);
+        record.sphereIndex = ordered.nameOf(static_cast<std::uint32_t>(k));
         record.bbox = {{c.x - r, c.y - r, c.z - r}, {c.x + r, c.y + r, c.z + r}};
         record.radius = r;
         tree.bbox.grow(record.bbox);
@@ -98,22 +156,24 @@ template <class Tree> void allocateSpheres(Tree& tree) {
 }
 
 template <class Tree>
-void buildThreaded(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
+void buildThreaded(Tree& tree, OrderedSpheres<Tree> const& ordered, ProgressCallback* progress,
+                   ProgressCallback& report) {
     createThreads(tree, std::max(getNumProcessors(), 1), progress, report);
     SDSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
-    makeRecords(tree, records, isAborted);
+    makeRecords(tree, ordered, records, isAborted);
     widenByMargin(tree.bbox);
     runJobs(tree, tree.bbox, 1, report);
 }
 
 template <class Tree>
-void buildHere(Tree& tree, ProgressCallback* progress, ProgressCallback& report) {
+void buildHere(Tree& tree, OrderedSpheres<Tree> const& ordered, ProgressCallback* progress,
+               ProgressCallback& report) {
     SDSphereRecords records;
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
-    makeRecords(tree, records, isAborted);
+    makeRecords(tree, ordered, records, isAborted);
     widenByMargin(tree.bbox);
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
 }
@@ -134,12 +194,12 @@ std::uint64_t packLeaf(Tree const& tree, typename Tree::Node& leaf, float* packs
     float* const radii = packs + position;
     bool hasEqualRadii = true;
     for (std::int32_t k = 0; k < count; ++k) {
-        radii[k] = tree.radiusOf(entries[k].sphereIndex);
+        radii[k] = tree.radiusInBuild(entries[k].sphereIndex);
         hasEqualRadii &= radii[k] == radii[0];
     }
     float* const x = radii + (hasEqualRadii ? 1 : count);
     for (std::int32_t k = 0; k < count; ++k) {
-        Vector const& center = tree.centerOf(entries[k].sphereIndex);
+        Vector const& center = tree.centerInBuild(entries[k].sphereIndex);
         x[k] = center.x;
         x[count + k] = center.y;
         x[2 * count + k] = center.z;
@@ -173,7 +233,7 @@ template <class Tree> void packLeaves(Tree& tree) {
             waiting[used++] = node->children();
         } else if (node->numLeafSpheres > 0) {
             for (std::int32_t k = 0; k < node->numLeafSpheres; ++k)
-                tree.prefetchSphere(node->leafSpheres()[k].sphereIndex);
+                tree.prefetchInBuild(node->leafSpheres()[k].sphereIndex);
             if (next != nullptr)
                 end = packLeaf(tree, *next, packs, end);
             next = node;
@@ -240,12 +300,14 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
 
     tree.numRunning = 0;
     tree.threadManager = manager;
+    OrderedSpheres ordered(tree);
     if (manager != nullptr && tree.multiThreaded != 0)
-        buildThreaded(tree, progress, report);
+        buildThreaded(tree, ordered, progress, report);
     else
-        buildHere(tree, progress, report);
+        buildHere(tree, ordered, progress, report);
     if (tree.packLeaves != 0 && tree.wasAborted == 0 && holdsOnlySpheres(tree))
         packLeaves(tree);
+    ordered.nameByIndex();
     printStatistics(tree, report);
     releaseThreads(tree);
 }

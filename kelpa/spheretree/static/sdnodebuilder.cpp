@@ -123,44 +123,58 @@ SplitChoice chooseSplit(NodeMeasure const& measure, CandidatePlanes const& plane
     return best;
 }
 
-Box around(Vector const& center, float radius) {
-    return {{center.x - radius, center.y - radius, center.z - radius},
-            {center.x + radius, center.y + radius, center.z + radius}};
-}
+/// A record's bounds as vectors, of which the fourth element means nothing.
+struct QuadBox {
+    Quad min;
+    Quad max;
 
-void clipTo(Box& box, Box const& other) {
-    for (int axis = 0; axis < 3; ++axis) {
-        box.min[axis] = std::max(box.min[axis], other.min[axis]);
-        box.max[axis] = std::min(box.max[axis], other.max[axis]);
+    static QuadBox of(SDSphereData const& record) {
+        return {lowerBounds(record), upperBounds(record)};
     }
-}
-
-/// The two parts of a sphere that a plane cuts, each in the tightest box.
-struct CutSphere {
-    Box lower;
-    Box upper;
+    static QuadBox around(Quad center, float reach) {
+        return {center - splat(reach), center + splat(reach)};
+    }
+    QuadBox clippedTo(QuadBox const& other) const {
+        return {larger(other.min, min), smaller(other.max, max)};
+    }
 };
 
-// The side with the centre keeps the sphere's full width; on the other side the sphere is no wider
-// than the disc in which the plane meets it.
-CutSphere cutSphere(Vector const& center, float radius, Box const& part, int axis, float plane) {
-    float const d = plane - center[axis];
-    float const squaredDisc = radius * radius - d * d;
-    float const disc = squaredDisc > 0.0F ? std::sqrt(squaredDisc) : 0.0F;
-    Box const whole = around(center, radius);
-    Box const narrow = around(center, disc);
-    CutSphere cut = d >= 0.0F ? CutSphere{whole, narrow} : CutSphere{narrow, whole};
-    cut.lower.min[axis] = whole.min[axis];
-    cut.lower.max[axis] = plane;
-    cut.upper.min[axis] = plane;
-    cut.upper.max[axis] = whole.max[axis];
-    // What the planes of the levels above left of the sphere stays left.
-    clipTo(cut.lower, part);
-    clipTo(cut.upper, part);
-    return cut;
+void setBounds(SDSphereData& record, QuadBox const& box) {
+    static_assert(offsetof(SDSphereData, radius) == offsetof(SDSphereData, bbox.max) + 12);
+    Quad max = box.max;
+    max[3] = record.radius;
+    storeQuad(reinterpret_cast<char*>(&record) + offsetof(SDSphereData, bbox.min), box.min);
+    storeQuad(reinterpret_cast<char*>(&record) + offsetof(SDSphereData, bbox.max), max);
 }
 
-constexpr int prefetchDistance = 24; // records, of a few nanoseconds each
+constexpr QuadMask axisMasks[3] = {{-1, 0, 0, 0}, {0, -1, 0, 0}, {0, 0, -1, 0}};
+
+/// Makes the records of the two parts of a sphere that a plane cuts, each in the tightest box, from
+/// two copies of the whole's record.
+///
+/// The side with the centre keeps the sphere's full width; on the other side the sphere is no wider
+/// than the disc in which the plane meets it.
+void cutSphere(Vector const& center, int axis, float plane, SDSphereData& lower,
+               SDSphereData& upper) {
+    float const radius = lower.radius;
+    float const d = plane - floatAt(&center, axis);
+    float const squaredDisc = radius * radius - d * d;
+    float const disc = squaredDisc > 0.0F ? std::sqrt(squaredDisc) : 0.0F;
+    bool const isCentreBelow = d >= 0.0F;
+    Quad const c = {center.x, center.y, center.z, 0.0F};
+    QuadBox const whole = QuadBox::around(c, radius);
+    QuadBox below = QuadBox::around(c, isCentreBelow ? radius : disc);
+    QuadBox above = QuadBox::around(c, isCentreBelow ? disc : radius);
+    QuadMask const isAxis = axisMasks[axis];
+    below.min = select(isAxis, whole.min, below.min);
+    below.max = select(isAxis, splat(plane), below.max);
+    above.min = select(isAxis, splat(plane), above.min);
+    above.max = select(isAxis, whole.max, above.max);
+    // What the planes of the levels above left of the sphere stays left.
+    QuadBox const part = QuadBox::of(lower);
+    setBounds(lower, below.clippedTo(part));
+    setBounds(upper, above.clippedTo(part));
+}
 
 /// Parts a node's records between the two sides of its split, cutting the spheres that straddle it;
 /// false when the build was aborted on the way.
@@ -168,34 +182,26 @@ template <class Tree>
 bool partRecords(Tree const& tree, SplitChoice const& split, int count,
                  Partition<SDSphereData, 20000>& parts, AbortQuestion& isAborted) {
     int const axis = split.axis;
-    for (int i = 0; i < count; ++i) {
-        SDSphereData const* const record = parts.read();
-        if (record == nullptr) {
+    auto const boundOf = [axis](Vector const& bounds) { return floatAt(&bounds, axis); };
+    auto const sides = [&](std::size_t, SDSphereData const& record) {
+        return sidesOf(boundOf(record.bbox.min), boundOf(record.bbox.max), split.position);
+    };
+    auto const announce = [&tree](SDSphereData const& record) {
+        tree.prefetchInBuild(record.sphereIndex);
+    };
+    auto const cut = [&](std::size_t, SDSphereData& lower, SDSphereData& upper) {
+        cutSphere(tree.centerInBuild(lower.sphereIndex), axis, split.position, lower, upper);
+        return (boundOf(lower.bbox.min) <= boundOf(lower.bbox.max) ? lowerSide : 0) |
+               (boundOf(upper.bbox.min) <= boundOf(upper.bbox.max) ? upperSide : 0);
+    };
+    for (int done = 0; done < count;) {
+        int const parted = parts.partNext(sides, announce, cut);
+        if (parted == 0) {
             debug("[SDSphereTree] Error!\n");
             return true;
         }
-        // A sphere that will be cut has to come from memory by then.
-        if (SDSphereData const* const ahead = parts.peek(prefetchDistance)) {
-            bool const isCut =
-                (split.position < ahead->bbox.max[axis]) & (split.position > ahead->bbox.min[axis]);
-            tree.prefetchSphere(isCut ? ahead->sphereIndex : record->sphereIndex);
-        }
-        if (split.position >= record->bbox.max[axis]) {
-            parts.keepLower(*record);
-        } else if (split.position <= record->bbox.min[axis]) {
-            parts.sendUpper(*record);
-        } else {
-            CutSphere const cut = cutSphere(tree.centerOf(record->sphereIndex), record->radius,
-                                            record->bbox, axis, split.position);
-            SDSphereData part = *record;
-            part.bbox = cut.upper;
-            if (part.bbox.min[axis] <= part.bbox.max[axis])
-                parts.sendUpper(part);
-            part.bbox = cut.lower;
-            if (part.bbox.min[axis] <= part.bbox.max[axis])
-                parts.keepLower(part);
-        }
-        if (isAborted())
+        done += parted;
+        if (isAborted(parted))
             return false;
     }
     return true;
@@ -204,12 +210,12 @@ bool partRecords(Tree const& tree, SplitChoice const& split, int count,
 /// The plane that splits a node, or none if it shall be a leaf.
 template <class Tree, class Subtree>
 SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& data) {
-    NodeMeasure const measure = measureRecords(data, node.count);
-    if (isEmpty(measure.spheres) ||
-        node.count <= leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
+    if (node.count <= leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth) ||
         node.level > std::min(tree.maxDepth, levelLimit) ||
-        isBeyond(growthLimit(tree.numSpheres), tree) ||
-        isSmall(node.region, measure.smallestRadius, tree.minNodeSize))
+        isBeyond(growthLimit(tree.numSpheres), tree))
+        return {};
+    NodeMeasure const measure = measureRecords(data, node.count);
+    if (isEmpty(measure.spheres) || isSmall(node.region, measure.smallestRadius, tree.minNodeSize))
         return {};
     CandidatePlanes const planes = countSides(measure, data, node.count);
     return chooseSplit(measure, planes, node.region, node.count, node.depth);
@@ -242,7 +248,7 @@ bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereR
 
     SDSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
-    Partition parts(data, helper != nullptr ? helper->data : scratch);
+    Partition parts(data, current.count, helper != nullptr ? helper->data : scratch);
     if (!partRecords(tree, split, current.count, parts, isAborted))
         return false;
     lower.count = parts.lowerCount;

@@ -24,6 +24,13 @@ struct SDSphereData {
 };
 static_assert(sizeof(SDSphereData) == 32);
 
+/// A sphere's copy in the order in which a build reads spheres.
+struct OrderedSphere {
+    Vector center;
+    float radius;
+};
+static_assert(sizeof(OrderedSphere) == 16);
+
 /// One entry of a leaf; the entries of a leaf lie one behind the other.
 struct SDLeafSphere {
     std::uint32_t sphereIndex; ///< in the tree's `spheres`

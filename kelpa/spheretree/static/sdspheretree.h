@@ -131,6 +131,22 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
         __builtin_prefetch(&particleSystems.elements[0].positions[sphereIndex]);
         __builtin_prefetch(&particleSystems.elements[0].radii[sphereIndex]);
     }
+    /// As `centerOf`, for the numbers that build records and, until a build ends, leaf entries
+    /// hold: places among `orderedSpheres`, if there are such.
+    Vector const& centerInBuild(std::uint32_t number) const {
+        return orderedSpheres != nullptr ? orderedSpheres[number].center : centerOf(number);
+    }
+    /// See `centerInBuild`.
+    float radiusInBuild(std::uint32_t number) const {
+        return orderedSpheres != nullptr ? orderedSpheres[number].radius : radiusOf(number);
+    }
+    /// See `centerInBuild`.
+    void prefetchInBuild(std::uint32_t number) const {
+        if (orderedSpheres != nullptr)
+            __builtin_prefetch(&orderedSpheres[number]);
+        else
+            prefetchSphere(number);
+    }
 
     /// Bytes of the packed leaves, which `getMemUsage` does not count.
     std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
@@ -165,8 +181,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// the same without. Read by `build`; a tree that cannot be packed (it holds points,
     /// memory is short, or entries are many times as many as spheres) is asked through its entries.
     std::int32_t packLeaves = 1;
-    float* packedLeaves = nullptr;  ///< owned; null: not packed
-    std::uint64_t packedFloats = 0; ///< length of `packedLeaves`
+    OrderedSphere const* orderedSpheres = nullptr; ///< exist only during a build; null: in no order
+    float* packedLeaves = nullptr;                 ///< owned; null: not packed
+    std::uint64_t packedFloats = 0;                ///< length of `packedLeaves`
 };
 
 extern template class SDSphereTree<SDSphere, 20000, 20000>;
