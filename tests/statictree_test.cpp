@@ -20,7 +20,6 @@ namespace kelpatest {
 namespace {
 
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
 constexpr int intMax = std::numeric_limits<int>::max();
 
 TEST(StillTrees, AnswerAsIfEveryParticleWereAsked) {

@@ -264,6 +264,12 @@ TEST_F(Command, MakesDoWithTheThreadsThatTheSystemGrants) {
     EXPECT_EQ(WEXITSTATUS(status), 0) << read("stderr");
 }
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool isThreadSanitized = true;
+#else
+constexpr bool isThreadSanitized = false;
+#endif
+
 TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
     run({"generate", "cloud", "--count", "200000", "-o", "c.ply"});
     // Without radii: their search for neighbours takes a second or more.
@@ -289,6 +295,8 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
           Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ppm"}, false},
           Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"}, false}}) {
         SCOPED_TRACE(words.back());
+        if (isThreadSanitized && words[1] == "idle.ply")
+            continue; // it keeps the signal to itself until the pipe is opened
         fs::remove(folder / "stderr");
         pid_t const child = start(words);
         for (int waits = 0; saysWhenReady && read("stderr").empty() && waits < 600; ++waits)
@@ -297,7 +305,8 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
         auto const begin = std::chrono::steady_clock::now();
         kill(child, SIGINT);
         Answer const answer = finish(child);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds{1000});
+        EXPECT_LT(std::chrono::steady_clock::now() - begin,
+                  milliseconds{isThreadSanitized ? 5000 : 1000});
         EXPECT_EQ(answer.code, 130);
         EXPECT_TRUE(contains(answer.err, "kelpa: interrupted\n")) << answer.err;
         EXPECT_EQ(others({"c.ply", "n.ply", "idle.ply", "mute.ply", "idle.ppm"}), Words{});
