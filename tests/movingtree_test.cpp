@@ -73,6 +73,34 @@ TEST(MovingClouds, AnswerAlikeWithAndWithoutPackedSpheres) {
     }
 }
 
+/// Expects a ray from 0 that starts on both of two particles, of a system each, to leave the first.
+template <class AnyScene> void expectToLeaveTheFirst(AnyScene& scene) {
+    for (int const s : {0, 1})
+        scene.tree.particleSystems.elements[s].indexOffset = -1;
+    scene.tree.maxDepth = 0; // one leaf for both
+    static_cast<GeomTreeBase&>(scene.tree).build(nullptr, nullptr, 0, 0);
+    EXPECT_NE(scene.tree.getPackedMemUsage(), 0U);
+    forEachVariant([&scene] {
+        RSRay ray = scene.makeRay({{{0.0, 0.0, 0.0}, {0.0F, 0.0F, 1.0F}}, 0.0, 1e30, {}, 0.4F});
+        EXPECT_EQ(scene.owner.intersect(ray), 1);
+        EXPECT_EQ(ray.hitT, 12.0);
+    });
+}
+
+TEST(SharedTrees, LetRaysLeaveAllParticlesWithTheNumberOfTheirStart) {
+    auto const twins = [] {
+        Cloud cloud = cloudOf(0, 1, [](System& s, Random&, int) { s.add({0, 0, 10}, 2); });
+        Cloud other = cloudOf(0, 1, [](System& s, Random&, int) { s.add({0, 0, 11.5F}, 1); });
+        cloud.systems.push_back(std::move(other.systems[0]));
+        return cloud;
+    };
+    StillScene still(twins());
+    expectToLeaveTheFirst(still);
+    MovingScene moving(moved(twins(), Way::standing, 0));
+    moving.tree.particleSystems.elements[1].time1 = 1.0F; // of different times they are not packed
+    expectToLeaveTheFirst(moving);
+}
+
 // As with still trees, an independent implementation makes the same, node for node.
 TEST(MovingClouds, AreTheSameOnEveryMachine) {
     std::uint64_t hash = 0;

@@ -51,6 +51,8 @@ TEST(StillTrees, AnswerAlikeWithAndWithoutPackedLeaves) {
         std::vector<RSRay> rays, answers;
         for (int i = 0; i < 100 * numAims; ++i) {
             rays.push_back(scene.makeRay(source.make(static_cast<Aim>(i % numAims))));
+            if (i % 9 == 0)
+                rays.back().intervalMax = static_cast<double>(nan);
             answers.push_back(rays.back());
             scene.owner.intersect(answers.back());
         }

@@ -24,6 +24,14 @@ namespace Kelpa {
                                              __builtin_bit_cast(std::uint64_t, ifClear)));
 }
 
+/// The address of child 0 or 1 of a pair. By number: where a traveller waits in an empty leaf there
+/// is no pair, and no pointer into it may be formed, though nothing follows it.
+template <class Node>
+[[gnu::always_inline]] inline Node const* childAt(Node const* pair, std::uint64_t child) {
+    return reinterpret_cast<Node const*>(reinterpret_cast<std::uintptr_t>(pair) +
+                                         sizeof(Node) * child);
+}
+
 namespace {
 
 /// How many rays travel at a time: enough to fill the wait for memory, few enough for their states

@@ -11,6 +11,7 @@
 #include "kelpa/spheretree/travellers.h"
 #include "kelpa/spheretree/traversal.h"
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 
@@ -123,7 +124,8 @@ class LeafVisitor {
         : tree(searchedTree), ray(visitingRay), probe(visitingRay),
           // Packed systems share their times.
           f(fractionAt(tree.particleSystems.elements[0], ray.rayTime)),
-          isPacked(tree.packedSpheres != nullptr &&
+          // Up to an end that is not a number, hits hang on the order of the spheres: one by one.
+          isPacked(tree.packedSpheres != nullptr && !std::isnan(ray.tMax) &&
                    isCovered(tree.particleSystems.elements[0], ray.rayTime)),
           // Alone in its tree, a system's particles are numbered from 0.
           mayStartOnSphere(tree.singleSystem != 1 || ray.skipIndex >= 0) {}
@@ -197,6 +199,8 @@ class LeafVisitor {
         HitWindow window(tMin, tMax);
         std::int32_t const other =
             nearestSphere<TieOrder::first>(probe, placed.arrays(), count, origin, window);
+        if (other >= 0 && tree.singleSystem != 1 && isRayOrigin(entries[other]))
+            return visitOrigins(entries, placed, count, tMin, tMax);
         auto const t = static_cast<double>(window.end);
         ray.tMin = tMin;
         ray.tMax = tMax;
@@ -205,6 +209,18 @@ class LeafVisitor {
         if (isLeft && (other < 0 || ray.tMax < t || (ray.tMax == t && origin < other)))
             return keep(entries[origin], placed, origin, ray.tMax);
         return other >= 0 ? keep(entries[other], placed, other, t) : tMax;
+    }
+
+    /// One by one: particles of different systems may have the number on which the ray starts.
+    [[gnu::noinline]] double visitOrigins(MBLeafSphere const* entries, PlacedSpheres const& placed,
+                                          std::int32_t count, double tMin, double tMax) {
+        ray.tMin = tMin;
+        ray.tMax = tMax;
+        for (std::int32_t k = 0; k < count; ++k)
+            if (hitSphere(placed.arrays().center(k), placed.radii[k], ray,
+                          isRayOrigin(entries[k])) != 0)
+                keep(entries[k], placed, k, ray.tMax);
+        return ray.tMax;
     }
 
     double keep(MBLeafSphere const& entry, PlacedSpheres const& placed, std::int32_t k, double t) {
@@ -296,18 +312,17 @@ class Traveller {
         std::uint64_t const isTime = flag(kind == MBSphereNode::timeKind);
         int const axis = kind - static_cast<int>(isTime); // any, where time is split
         MBSphereNode const* const children = node->children();
-        int const nearChild = axes.nearChild(axis);
+        auto const nearChild = static_cast<std::uint64_t>(axes.nearChild(axis));
         double const tSplit = planeParameterOf(*node, axis, axes, time);
         std::uint64_t const isOneSided = isTime | flag((tSplit - tMin) * (tSplit - tMax) > 0.0);
         std::uint64_t const isBehind = flag(tSplit < tMin);
         std::uint64_t const isCut = isInner & ~isOneSided;
         std::uint64_t const isLater = flag(ray.rayTime > node->splitPos);
-        postponed.pushIf(isCut, children + (1 - nearChild), tSplit, tMax);
+        postponed.pushIf(isCut, childAt(children, 1 - nearChild), tSplit, tMax);
         tMax = select(isCut, tSplit, tMax);
-        std::uint64_t const child = select(
-            isTime, isLater, static_cast<std::uint64_t>(nearChild) ^ (isOneSided & isBehind));
+        std::uint64_t const child = select(isTime, isLater, nearChild ^ (isOneSided & isBehind));
         node = reinterpret_cast<MBSphereNode const*>(
-            select(isInner, reinterpret_cast<std::uintptr_t>(children + child),
+            select(isInner, reinterpret_cast<std::uintptr_t>(childAt(children, child)),
                    reinterpret_cast<std::uintptr_t>(node)));
         __builtin_prefetch(node);
         return static_cast<int>(isInner);

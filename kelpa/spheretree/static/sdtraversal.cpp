@@ -70,11 +70,12 @@ struct LeafInterval {
     double tMax;
 
     /// Widens a node's interval by what rounding may have taken from it on the way, but neither
-    /// before the ray's own start nor beyond the best hit.
+    /// before the ray's own start nor beyond the best hit, which also takes the place of an end
+    /// that is not a number: up to such an end, hits would hang on the order of the spheres.
     static LeafInterval widened(SDSphereRay const& ray, double tMin, double tMax) {
         double const from = 0.99999 * tMin - 1e-5;
         double const to = 1.00001 * tMax + 1e-5;
-        return {from < ray.tMinStart ? ray.tMinStart : from, ray.hit->t < to ? ray.hit->t : to};
+        return {from < ray.tMinStart ? ray.tMinStart : from, to < ray.hit->t ? to : ray.hit->t};
     }
 };
 
@@ -98,11 +99,12 @@ class LeafVisitor {
     }
 
     void prefetch(Node const& leaf) const {
-        auto const* const pack =
-            reinterpret_cast<char const*>(tree.packedLeaves + LeafPack{leaf.packWord}.position());
+        // By number: without packs there is nothing to point to. Fetching that is no error.
+        auto const pack = reinterpret_cast<std::uintptr_t>(tree.packedLeaves +
+                                                           LeafPack{leaf.packWord}.position());
         int const bytes = 12 * leaf.numLeafSpheres < 512 ? 12 * leaf.numLeafSpheres : 512;
         for (int at = 0; at < bytes; at += 64)
-            __builtin_prefetch(pack + at);
+            __builtin_prefetch(reinterpret_cast<void const*>(pack + static_cast<unsigned>(at)));
     }
 
     /// Completes the ray's hit record; true when there was a hit.
@@ -136,6 +138,9 @@ class LeafVisitor {
         HitWindow window(interval.tMin, interval.tMax);
         std::int32_t const other =
             nearestSphere<TieOrder::last>(probe, packed, leaf.numLeafSpheres, origin, window);
+        if (other >= 0 && tree.singleSystem != 1 &&
+            isRayOrigin(tree, leaf.leafSpheres()[other], ray))
+            return visitOrigins(leaf, packed, interval);
         auto const t = static_cast<double>(window.end);
         ray.tMin = interval.tMin;
         ray.tMax = interval.tMax;
@@ -144,6 +149,17 @@ class LeafVisitor {
             keep(leaf, packed, origin, ray.tMax);
         else if (other >= 0)
             keep(leaf, packed, other, t);
+    }
+
+    /// One by one: particles of different systems may have the number on which the ray starts.
+    [[gnu::noinline]] void visitOrigins(Node const& leaf, SphereArrays const& packed,
+                                        LeafInterval const& interval) {
+        ray.tMin = interval.tMin;
+        ray.tMax = interval.tMax;
+        for (std::int32_t k = leaf.numLeafSpheres; k-- > 0;)
+            if (hitSphere(packed.center(k), packed.radius(k), ray,
+                          isRayOrigin(tree, leaf.leafSpheres()[k], ray)) != 0)
+                keep(leaf, packed, k, ray.tMax);
     }
 
     void keep(Node const& leaf, SphereArrays const& packed, std::int32_t k, double t) {
@@ -211,7 +227,7 @@ class Traveller {
         std::uint64_t const link = node->link;
         int const kind = linkKind(link);
         Node const* const children = linkTarget<Node>(link);
-        int const nearChild = axes.nearChild(kind);
+        auto const nearChild = static_cast<std::uint64_t>(axes.nearChild(kind));
         double const tSplit = axes.planeParameter(kind, node->splitPos);
         auto const fromStart = static_cast<float>(tSplit - tMin);
         auto const fromEnd = static_cast<float>(tSplit - tMax);
@@ -219,9 +235,9 @@ class Traveller {
         std::uint64_t const isOneSided = flag(fromStart * fromEnd > 0.0F);
         std::uint64_t const isBehind = isOneSided & flag(tSplit < tMin);
         std::uint64_t const isCut = isInner & ~isOneSided;
-        postponed.pushIf(isCut, children + (1 - nearChild), tSplit, tMax);
+        postponed.pushIf(isCut, childAt(children, 1 - nearChild), tSplit, tMax);
         tMax = select(isCut, tSplit, tMax);
-        Node const* const next = children + (nearChild ^ static_cast<int>(isBehind));
+        Node const* const next = childAt(children, nearChild ^ isBehind);
         node = reinterpret_cast<Node const*>(select(isInner, reinterpret_cast<std::uintptr_t>(next),
                                                     reinterpret_cast<std::uintptr_t>(node)));
         __builtin_prefetch(node);
