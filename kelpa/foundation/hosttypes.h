@@ -35,8 +35,9 @@ struct RSRay : TraceRay {
     /// Reported index of the particle on which the ray starts (low 32 bits): such a sphere is hit
     /// only where the ray leaves it, such a point not at all. A value that no particle reports,
     /// such as `baseIndex` - 1 for a primitive that is alone in its tree, skips nothing. In a tree
-    /// that several primitives share, whose records carry the offset -1, particle i is compared as
-    /// i - 1: there -1 means particle 0 of every system.
+    /// that several primitives share, add the `baseIndex` of the primitive that is asked to the
+    /// reported index; where the records carry the offset -1, particle i is reported as i - 1, so
+    /// -1 plus that base means particle 0 of every system.
     std::int64_t skipIndex;
 };
 

@@ -51,8 +51,9 @@ struct HitWindow {
 /// In which order spheres at the same distance are preferred.
 enum class TieOrder { first, last };
 
-/// The sphere among `spheres` 0 to `count` - 1, but for `excluded`, that the ray hits first, or -1.
-/// Lowers the window's end to the hit.
+/// The sphere among `spheres` 0 to `count` - 1, but for `excluded` (-1: none), that the ray hits
+/// first, or -1. Lowers the window's end to the hit. With an end that is not a number it depends on
+/// `Lanes` which hit that is.
 ///
 /// Takes the steps of `hitSphere` for every sphere, in its order, so that it finds the same
 /// numbers. There each hit lowers the ray's end and so must be nearer than those before it; that is

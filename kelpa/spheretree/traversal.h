@@ -120,7 +120,8 @@ template <class Node, int Capacity> class PostponedChildren {
     Entry const& pop() { return entries[--used]; }
 
   private:
-    Entry entries[Capacity + 1]; // filled as it is used, not before
+    // Filled as it is used, not before; one more takes what is not wanted on top of a full stack.
+    Entry entries[Capacity + 1];
     int used = 0;
 };
 

@@ -111,7 +111,7 @@ struct MBSphereHit {
     Vector hitVector;    ///< not normalised
 };
 
-/// A ray on its way through the tree. Its `origin` is the world's in leaves and on return.
+/// A ray on its way through the tree, in the world's frame.
 struct MBSphereRay : IRay {
     std::int32_t skipIndex; ///< number of the particle that the ray starts on
     double rayTMin;         ///< the interval as the caller set it
