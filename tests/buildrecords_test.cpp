@@ -61,6 +61,7 @@ TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
 
         Partition parts(data, count, upperRecords);
         std::size_t announced = 0;
+        std::vector<Part> seenLower;
         std::int32_t parted = 0;
         while (std::int32_t const length = parts.partNext(
                    [&](std::size_t, Part const& r) { return sidesOf(r.low, r.high, plane); },
@@ -69,14 +70,20 @@ TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
                        EXPECT_EQ(i, low.sphereIndex);
                        low.high = high.low = plane;
                        return keptOf(low.sphereIndex);
-                   }))
+                   })) {
             parted += length;
+            seenLower.insert(seenLower.end(), parts.newestLower.begin(), parts.newestLower.end());
+        }
         EXPECT_EQ(parted, count);
         EXPECT_GT(announced, 0U);
         EXPECT_EQ(parts.lowerCount, static_cast<std::int32_t>(lower.size()));
         ASSERT_EQ(parts.upperCount, static_cast<std::int32_t>(upper.size()));
         EXPECT_EQ(contentOf(data, parts.lowerCount), lower);
-        moveBack(data, upperRecords, parts.upperCount);
+        EXPECT_EQ(seenLower, lower);
+        std::vector<Part> shown;
+        moveBack(data, upperRecords, parts.upperCount,
+                 [&shown](Part const& part) { shown.push_back(part); });
+        EXPECT_EQ(shown, contentOf(data, parts.upperCount));
         EXPECT_EQ(contentOf(data, parts.upperCount), std::vector(upper.rbegin(), upper.rend()));
     }
 }

@@ -107,6 +107,7 @@ template <BuildRecord Record, int BlockSize> class Partition {
             numUpper = closeGaps(upper.first(numUpper), cuts, &CutRecord::upper, upperSide);
         }
 
+        newestLower = lower.first(numLower);
         source.skip(length);
         lowerEnd.skip(numLower);
         upperSequence.useSlots(static_cast<std::int32_t>(numUpper));
@@ -119,6 +120,7 @@ template <BuildRecord Record, int BlockSize> class Partition {
 
     std::int32_t lowerCount = 0;
     std::int32_t upperCount = 0;
+    std::span<Record const> newestLower; ///< the lower ones of the last few, in order
 
   private:
     static constexpr std::size_t longestStretch = 512; // fits into the fastest cache
@@ -155,17 +157,20 @@ template <BuildRecord Record, int BlockSize> class Partition {
     CutRecord cutRecords[longestStretch];
 };
 
-/// Moves the last `count` records of `scratch` to the front of `data`, the last one first.
-template <BuildRecord Record, int BlockSize>
+/// Moves the last `count` records of `scratch` to the front of `data`, the last one first, and
+/// shows each to `visit`.
+template <BuildRecord Record, int BlockSize, class Visit>
 void moveBack(SequenceST<Record, BlockSize>& data, SequenceST<Record, BlockSize>& scratch,
-              std::int32_t count) {
+              std::int32_t count, Visit visit) {
     SequenceCursor front(data);
     for (auto left = static_cast<std::size_t>(count); left > 0;) {
         std::span<Record> const to = front.rest();
         std::span<Record const> const from = scratch.lastInBlock();
         std::size_t const length = std::min({left, to.size(), from.size()});
-        for (std::size_t i = 0; i < length; ++i)
+        for (std::size_t i = 0; i < length; ++i) {
             to[i] = from[from.size() - 1 - i];
+            visit(to[i]);
+        }
         front.skip(length);
         scratch.removeLast(static_cast<std::int32_t>(length));
         left -= length;
@@ -201,14 +206,14 @@ template <class Node, class Region> struct PostponedSubtree {
 
 /// Builds a subtree. `buildOneNode(current, postponed)` builds one node and returns true when it
 /// was split: `current` is then its lower child, and its upper one is postponed or with another
-/// thread.
+/// thread. A postponed one's records are shown to `visit`, in order, before it is built.
 ///
 /// The two recursions of a node are unrolled: the lower child is the next node of the loop, the
 /// upper one waits in a list on the heap. So a deep tree needs no deep call stack, which worker
 /// threads of a host may not have.
-template <class Subtree, class Records, class Aborted, class BuildOneNode>
+template <class Subtree, class Records, class Aborted, class BuildOneNode, class Visit>
 void buildSubtree(Subtree current, Records& data, Records& scratch, Aborted& isAborted,
-                  BuildOneNode buildOneNode) {
+                  BuildOneNode buildOneNode, Visit visit) {
     std::vector<Subtree> postponed;
     for (;;) {
         while (buildOneNode(current, postponed))
@@ -220,7 +225,7 @@ void buildSubtree(Subtree current, Records& data, Records& scratch, Aborted& isA
             current = postponed.back();
             postponed.pop_back();
         } while (isAborted());
-        moveBack(data, scratch, current.count);
+        moveBack(data, scratch, current.count, visit);
     }
 }
 

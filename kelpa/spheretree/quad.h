@@ -48,6 +48,12 @@ using QuadMask = std::int32_t __attribute__((vector_size(16)));
     return Quad{value, value, value, value};
 }
 
+/// `q` with another fourth element, in registers: written to memory by itself, it would hold up
+/// whoever reads all four from there.
+[[gnu::always_inline]] inline Quad withFourth(Quad q, float fourth) {
+    return __builtin_shufflevector(q, splat(fourth), 0, 1, 2, 7);
+}
+
 [[gnu::always_inline]] inline Quad select(QuadMask mask, Quad ifSet, Quad ifClear) {
     return reinterpret_cast<Quad>((reinterpret_cast<QuadMask>(ifSet) & mask) |
                                   (reinterpret_cast<QuadMask>(ifClear) & ~mask));

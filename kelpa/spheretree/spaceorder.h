@@ -1,27 +1,14 @@
 #pragma once
 // Internal: numbers points so that those with near numbers are near in space.
 
+#include "kelpa/foundation/optionalarray.h"
 #include "kelpa/foundation/vector.h"
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <utility>
 
 namespace Kelpa {
-
-/// Memory that one can do without.
-struct FreeMemory {
-    void operator()(void* memory) const { std::free(memory); }
-};
-template <class T> using OptionalArray = std::unique_ptr<T[], FreeMemory>;
-
-/// Room for `count` elements, not made yet; null when memory is short.
-template <class T> OptionalArray<T> tryAllocate(std::size_t count) {
-    return OptionalArray<T>(static_cast<T*>(std::malloc(count * sizeof(T))));
-}
 
 /// Points in the order in which a Morton curve passes them (G. M. Morton, "A Computer Oriented
 /// Geodetic Data Base and a New Technique in File Sequencing", IBM, 1966); those in the same one of

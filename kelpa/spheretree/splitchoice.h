@@ -82,10 +82,16 @@ class NearestBounds {
     explicit NearestBounds(Quad centreOfAll)
         : centre(centreOfAll), distance(magnitude(position - centreOfAll)) {}
 
-    void offer(Quad bound) {
-        Quad const itsDistance = magnitude(bound - centre);
-        position = select(itsDistance < distance, bound, position);
-        distance = smaller(itsDistance, distance);
+    /// Offers a record's bounds, the lower one first.
+    void offer(Quad lower, Quad upper) {
+        // Each waits for the one before it, so the pair is decided beside that. Where a distance is
+        // not a number the centre is not finite, and no bound at all is taken.
+        Quad const toLower = magnitude(lower - centre);
+        Quad const toUpper = magnitude(upper - centre);
+        Quad const bound = select(toUpper < toLower, upper, lower);
+        Quad const toBound = smaller(toUpper, toLower);
+        position = select(toBound < distance, bound, position);
+        distance = smaller(toBound, distance);
     }
 
     Quad centre;

@@ -1,4 +1,5 @@
 #include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/foundation/optionalarray.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
@@ -219,7 +220,7 @@ template <class Tree> bool canPack(Tree const& tree) {
 /// Copies both states of every sphere to one place. Does nothing when memory is short.
 template <class Tree> void packSpheres(Tree& tree) {
     std::uint64_t const floats = 8 * static_cast<std::uint64_t>(tree.numSpheres);
-    auto* const packs = static_cast<float*>(std::aligned_alloc(32, floats * sizeof(float)));
+    auto* const packs = tryAllocate<float>(floats).release();
     if (packs == nullptr)
         return;
     for (std::int32_t k = 0; k < tree.numSpheres; ++k) {

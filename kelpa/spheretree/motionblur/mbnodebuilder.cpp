@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace Kelpa {
@@ -17,18 +19,41 @@ namespace {
 
 /// A node's records as its frame sees them, one span per record, in their order. Kept from node to
 /// node for its memory.
-using Spans = std::vector<FrameSpan>;
+class Spans {
+  public:
+    /// Room for `count` spans; what is written there counts once `keep` says how much it is.
+    FrameSpan* room(std::int32_t count) {
+        if (spans.size() < static_cast<std::size_t>(count))
+            spans.resize(static_cast<std::size_t>(count));
+        return spans.data();
+    }
+    void keep(std::int32_t count) { kept = static_cast<std::size_t>(count); }
 
-Vector meanVelocity(MBSphereRecords& data, int count) {
-    double sum[3] = {0.0, 0.0, 0.0};
-    visitRecords(data, count, [&sum](MBSphereData const& record) {
+    FrameSpan const& operator[](std::size_t i) const { return spans[i]; }
+    FrameSpan const* begin() const { return spans.data(); }
+    FrameSpan const* end() const { return spans.data() + kept; }
+
+  private:
+    std::vector<FrameSpan> spans; // never shrinks: growing writes to what is written again
+    std::size_t kept = 0;
+};
+
+/// The sum of a node's velocities, which is made along the way, as its records are put in place.
+class VelocitySum {
+  public:
+    void add(MBSphereData const& record) {
         for (int axis = 0; axis < 3; ++axis)
             sum[axis] += static_cast<double>(record.bbox.velocity[axis]);
-    });
-    float const share = 1.0F / static_cast<float>(count);
-    return {static_cast<float>(sum[0]) * share, static_cast<float>(sum[1]) * share,
-            static_cast<float>(sum[2]) * share};
-}
+    }
+    Vector mean(int count) const {
+        float const share = 1.0F / static_cast<float>(count);
+        return {static_cast<float>(sum[0]) * share, static_cast<float>(sum[1]) * share,
+                static_cast<float>(sum[2]) * share};
+    }
+
+  private:
+    double sum[3] = {0.0, 0.0, 0.0};
+};
 
 /// What one pass over a node's records tells, in the node's frame.
 struct NodeMeasure {
@@ -39,17 +64,18 @@ struct NodeMeasure {
 /// Measures the records, and sees all of them in the frame of `velocity`.
 NodeMeasure measureRecords(MBSphereRecords& data, int count, Vector const& velocity, Spans& spans) {
     Quad const frame = {velocity.x, velocity.y, velocity.z, 0.0F};
-    NodeMeasure measure{{splat(Box::empty().min.x), splat(Box::empty().max.x)}, 1e18F};
-    spans.clear();
-    visitRecords(data, count, [&](MBSphereData const& record) {
+    Quad lowest = splat(Box::empty().min.x);
+    Quad highest = splat(Box::empty().max.x);
+    float smallestRadius = 1e18F;
+    FrameSpan* next = spans.room(count);
+    spans.keep(visitRecords(data, count, [&](MBSphereData const& record) {
         FrameSpan const span = spanInFrame(record.bbox, frame);
-        spans.push_back(span);
-        measure.spheres.lower = smaller(span.lower, measure.spheres.lower);
-        measure.spheres.upper = larger(span.upper, measure.spheres.upper);
-        if (record.radius < measure.smallestRadius)
-            measure.smallestRadius = record.radius;
-    });
-    return measure;
+        *next++ = span;
+        lowest = smaller(span.lower, lowest);
+        highest = larger(span.upper, highest);
+        smallestRadius = record.radius < smallestRadius ? record.radius : smallestRadius;
+    }));
+    return {{lowest, highest}, smallestRadius};
 }
 
 // A node hardly larger than its smallest sphere gains nothing by being split.
@@ -65,10 +91,8 @@ bool isSmall(Box const& box, float smallestRadius, float minNodeSize) {
 CandidatePlanes countSides(FrameSpan const& spheres, Spans const& spans, int level) {
     Quad const f = splitFractions(level);
     NearestBounds nearest{(1.0F - f) * spheres.lower + f * spheres.upper};
-    for (FrameSpan const& span : spans) {
-        nearest.offer(span.lower);
-        nearest.offer(span.upper);
-    }
+    for (FrameSpan const& span : spans)
+        nearest.offer(span.lower, span.upper);
     CandidatePlanes planes{{nearest.centre}, {nearest.position}};
     for (FrameSpan const& span : spans) {
         planes.centre.add(span.lower, span.upper);
@@ -127,9 +151,8 @@ struct NodeDecision {
 };
 
 template <class Tree, class Subtree>
-NodeDecision decideSplit(Tree const& tree, Subtree const& node, MBSphereRecords& data,
-                         Spans& spans) {
-    Vector const velocity = meanVelocity(data, node.count);
+NodeDecision decideSplit(Tree const& tree, Subtree const& node, Vector const& velocity,
+                         MBSphereRecords& data, Spans& spans) {
     NodeDecision decision{inFrame(node.region, velocity), {}};
     if (node.level > std::min(tree.maxDepth, levelLimit) || isBeyond(growthLimitOf(tree), tree) ||
         node.count < leafThreshold(node.depth, tree.leafSizeFactor, tree.maxDepth))
@@ -166,7 +189,8 @@ void putInFrame(MBSphereData& record, FrameSpan const& span, Vector const& veloc
 /// Parts a node's records between the two sides of its split, cutting those that straddle it; false
 /// when the build was aborted on the way.
 bool partRecords(SplitChoice const& split, Vector const& velocity, Spans const& spans,
-                 Partition<MBSphereData, 20000>& parts, AbortQuestion& isAborted) {
+                 Partition<MBSphereData, 20000>& parts, VelocitySum& lowerVelocities,
+                 AbortQuestion& isAborted) {
     int const axis = split.axis;
     auto const sides = [&](std::size_t i, MBSphereData const&) {
         FrameSpan const& span = spans[i];
@@ -180,23 +204,29 @@ bool partRecords(SplitChoice const& split, Vector const& velocity, Spans const& 
         return bothSides;
     };
     while (int const parted = parts.partNext(
-               sides, [](MBSphereData const&) {}, cut))
+               sides, [](MBSphereData const&) {}, cut)) {
+        for (MBSphereData const& record : parts.newestLower)
+            lowerVelocities.add(record);
         if (isAborted(parted))
             return false;
+    }
     return true;
 }
 
-/// Builds one node. True when it was split: `current` is then its lower child, and its upper one is
-/// postponed or with another thread.
+/// Builds one node, from whose records `velocities` are. True when it was split: `current` is then
+/// its lower child, `velocities` become that one's, and its upper one is postponed or with another
+/// thread.
 template <class Tree, class Subtree>
 bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereRecords& scratch,
-                  Spans& spans, std::vector<Subtree>& postponed, AbortQuestion& isAborted) {
+                  VelocitySum& velocities, Spans& spans, std::vector<Subtree>& postponed,
+                  AbortQuestion& isAborted) {
+    VelocitySum const sum = std::exchange(velocities, {});
     if (current.count < 1 || isAborted())
         return false;
     raiseShared(tree.statMaxDepth, current.level);
-    NodeDecision const decision = decideSplit(tree, current, data, spans);
+    Vector const velocity = sum.mean(current.count);
+    NodeDecision const decision = decideSplit(tree, current, velocity, data, spans);
     SplitChoice const& split = decision.split;
-    Vector const& velocity = decision.region.velocity;
     if (!split.found()) {
         current.node->velocity = velocity;
         tree.storeSpheres(current.node, data, current.count);
@@ -217,7 +247,7 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
     MBSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
     Partition parts(data, current.count, helper != nullptr ? helper->data : scratch);
-    if (!partRecords(split, velocity, spans, parts, isAborted))
+    if (!partRecords(split, velocity, spans, parts, velocities, isAborted))
         return false;
     lower.count = parts.lowerCount;
     upper.count = parts.upperCount;
@@ -257,11 +287,16 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
                                                            MBSphereRecords* scratch, int level) {
     AbortQuestion isAborted(progress, wasAborted);
     Spans spans;
-    buildSubtree(PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, *scratch,
-                 isAborted, [&](auto& current, auto& postponed) {
-                     return buildOneNode(*this, current, data, *scratch, spans, postponed,
-                                         isAborted);
-                 });
+    VelocitySum velocities;
+    auto const addVelocity = [&velocities](MBSphereData const& record) { velocities.add(record); };
+    visitRecords(data, count, addVelocity);
+    buildSubtree(
+        PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, *scratch, isAborted,
+        [&](auto& current, auto& postponed) {
+            return buildOneNode(*this, current, data, *scratch, velocities, spans, postponed,
+                                isAborted);
+        },
+        addVelocity);
 }
 
 template void MBSphereTree<MBSphere, 20000, 20000>::storeSpheres(Node*, MBSphereRecords&, int);

@@ -36,11 +36,10 @@ inline FrameSpan spanInFrame(TimeBox const& region, Quad velocity) {
     Quad const drift = quadAt(offsetof(TimeBox, velocity)) - velocity;
     Quad const atStart = drift * region.timeMin;
     Quad const atEnd = drift * region.timeMax;
-    FrameSpan span{quadAt(offsetof(TimeBox, box.min)) + smaller(atEnd, atStart),
-                   quadAt(offsetof(TimeBox, box.max)) + larger(atEnd, atStart)};
-    span.lower[3] = region.timeMin;
-    span.upper[3] = region.timeMax;
-    return span;
+    return {withFourth(quadAt(offsetof(TimeBox, box.min)) + smaller(atEnd, atStart),
+                       region.timeMin),
+            withFourth(quadAt(offsetof(TimeBox, box.max)) + larger(atEnd, atStart),
+                       region.timeMax)};
 }
 
 /// Half the surface times the duration.

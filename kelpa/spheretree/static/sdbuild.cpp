@@ -1,4 +1,5 @@
 #include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/foundation/optionalarray.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/spaceorder.h"
@@ -218,7 +219,7 @@ template <class Tree> void packLeaves(Tree& tree) {
     if (most > LeafPack::lastPosition ||
         tree.leafSpheres.count > mostPackedEntries(tree.numSpheres))
         return;
-    auto* const packs = static_cast<float*>(std::malloc(most * sizeof(float)));
+    auto* const packs = tryAllocate<float>(most).release();
     if (packs == nullptr)
         return;
     packs[0] = 0.0F;

@@ -66,8 +66,7 @@ CandidatePlanes countSides(NodeMeasure const& measure, SDSphereRecords& data, in
     NearestBounds nearest(Quad{highest.x, highest.y, highest.z, 0.0F} * 0.5F +
                           Quad{lowest.x, lowest.y, lowest.z, 0.0F} * 0.5F);
     visitRecords(data, count, [&nearest](SDSphereData const& record) {
-        nearest.offer(lowerBounds(record));
-        nearest.offer(upperBounds(record));
+        nearest.offer(lowerBounds(record), upperBounds(record));
     });
     CandidatePlanes planes{{nearest.centre}, {nearest.position}};
     visitRecords(data, count, [&planes](SDSphereData const& record) {
@@ -141,8 +140,7 @@ struct QuadBox {
 
 void setBounds(SDSphereData& record, QuadBox const& box) {
     static_assert(offsetof(SDSphereData, radius) == offsetof(SDSphereData, bbox.max) + 12);
-    Quad max = box.max;
-    max[3] = record.radius;
+    Quad const max = withFourth(box.max, record.radius);
     storeQuad(reinterpret_cast<char*>(&record) + offsetof(SDSphereData, bbox.min), box.min);
     storeQuad(reinterpret_cast<char*>(&record) + offsetof(SDSphereData, bbox.max), max);
 }
@@ -286,10 +284,12 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const
                                                            int depth, ProgressCallback* progress,
                                                            SDSphereRecords* scratch, int level) {
     AbortQuestion isAborted(progress, wasAborted);
-    buildSubtree(PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, *scratch,
-                 isAborted, [&](auto& current, auto& postponed) {
-                     return buildOneNode(*this, current, data, *scratch, postponed, isAborted);
-                 });
+    buildSubtree(
+        PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, *scratch, isAborted,
+        [&](auto& current, auto& postponed) {
+            return buildOneNode(*this, current, data, *scratch, postponed, isAborted);
+        },
+        [](SDSphereData const&) {});
 }
 
 template void SDSphereTree<SDSphere, 20000, 20000>::storeSpheres(Node*, SDSphereRecords&, int, int);
