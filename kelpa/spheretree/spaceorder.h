@@ -3,6 +3,7 @@
 
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/foundation/vector.h"
+#include "kelpa/spheretree/quad.h"
 
 #include <array>
 #include <cstdint>
@@ -24,12 +25,19 @@ class SpaceOrder {
         auto spare = tryAllocate<KeyedPoint>(count);
         if (points == nullptr || spare == nullptr)
             return;
-        Box bounds = Box::empty();
+        auto const quadAt = [&pointAt](std::uint32_t i) {
+            Vector const& point = pointAt(i);
+            return Quad{point.x, point.y, point.z, 0.0F};
+        };
+        Quad lowest = splat(Box::empty().min.x);
+        Quad highest = splat(Box::empty().max.x);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            lowest = smaller(quadAt(i), lowest);
+            highest = larger(quadAt(i), highest);
+        }
+        Grid const grid(lowest, highest);
         for (std::uint32_t i = 0; i < count; ++i)
-            bounds.grow({pointAt(i), pointAt(i)});
-        Grid const grid(bounds);
-        for (std::uint32_t i = 0; i < count; ++i)
-            points[i] = {grid.cellOf(pointAt(i)), i};
+            points[i] = {grid.cellOf(quadAt(i)), i};
         sort(points, spare, count);
         numbers = std::move(points);
     }
@@ -39,6 +47,8 @@ class SpaceOrder {
     std::uint32_t operator[](std::uint32_t place) const { return numbers[place].number; }
 
   private:
+    static constexpr int cellsPerAxis = 256;
+
     struct KeyedPoint {
         std::uint32_t cell; ///< its number along the curve, 24 bits
         std::uint32_t number;
@@ -47,12 +57,25 @@ class SpaceOrder {
     /// The cells that the points' bounds are cut into.
     class Grid {
       public:
-        explicit Grid(Box const& bounds);
-        std::uint32_t cellOf(Vector const& point) const;
+        Grid(Quad lowest, Quad highest)
+            : origin(lowest), cellsPerLength(splat(cellsPerAxis) / (highest - lowest)) {}
+
+        std::uint32_t cellOf(Quad point) const {
+            using Steps = std::uint32_t __attribute__((vector_size(16)));
+            Quad const along = (point - origin) * cellsPerLength;
+            // The last cell where this is not a number: bounds without extent, or beyond floats.
+            Quad const bounded = larger(smaller(along, splat(cellsPerAxis - 1)), splat(0.0F));
+            // Two zeros before each of eight bits.
+            auto bits = reinterpret_cast<Steps>(__builtin_convertvector(bounded, QuadMask));
+            bits = (bits | bits << 8U) & 0x00F00FU;
+            bits = (bits | bits << 4U) & 0x0C30C3U;
+            bits = (bits | bits << 2U) & 0x249249U;
+            return bits[0] | bits[1] << 1U | bits[2] << 2U;
+        }
 
       private:
-        std::array<double, 3> origin;
-        std::array<double, 3> cellsPerLength;
+        Quad origin;
+        Quad cellsPerLength;
     };
 
     /// Sorts `points` by cell; `spare` is as large.

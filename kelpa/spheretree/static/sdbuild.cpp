@@ -86,17 +86,21 @@ template <class Tree> class OrderedSpheres {
         return placeOf != nullptr ? placeOf[sphereIndex] : sphereIndex;
     }
 
-    /// Lets the leaves call the spheres by their indices.
-    void nameByIndex() {
+    /// Lets a leaf call its spheres by their indices, once nobody asks where they are in the order.
+    void nameByIndex(typename Tree::Node& leaf) const {
+        for (std::int32_t i = 0; placeOf != nullptr && i < leaf.numLeafSpheres; ++i) {
+            std::uint32_t& name = leaf.leafSpheres()[i].sphereIndex;
+            name = order[name];
+        }
+    }
+    /// The same for all leaves.
+    void nameAllByIndex() const {
         if (placeOf == nullptr)
             return;
         for (auto* block = tree.nodes.first; block != nullptr; block = block->next)
             for (auto* node = block->elements; node != block->elements + block->count; ++node)
-                for (std::int32_t i = 0; node->isLeaf() && i < node->numLeafSpheres; ++i) {
-                    std::uint32_t& name = node->leafSpheres()[i].sphereIndex;
-                    name = order[name];
-                }
-        tree.orderedSpheres = nullptr;
+                if (node->isLeaf())
+                    nameByIndex(*node);
     }
 
   private:
@@ -186,10 +190,11 @@ template <class Tree> bool holdsOnlySpheres(Tree const& tree) {
     });
 }
 
-/// Copies a leaf's spheres to `packs` from `position` on; returns the position behind the copy.
+/// Copies a leaf's spheres to `packs` from `position` on, and lets the leaf call them by their
+/// indices; returns the position behind the copy.
 template <class Tree>
-std::uint64_t packLeaf(Tree const& tree, typename Tree::Node& leaf, float* packs,
-                       std::uint64_t position) {
+std::uint64_t packLeaf(Tree const& tree, OrderedSpheres<Tree> const& ordered,
+                       typename Tree::Node& leaf, float* packs, std::uint64_t position) {
     std::int32_t const count = leaf.numLeafSpheres;
     SDLeafSphere const* const entries = leaf.leafSpheres();
     float* const radii = packs + position;
@@ -206,22 +211,23 @@ std::uint64_t packLeaf(Tree const& tree, typename Tree::Node& leaf, float* packs
         x[2 * count + k] = center.z;
     }
     leaf.packWord = LeafPack::at(position, hasEqualRadii).word;
+    ordered.nameByIndex(leaf);
     return static_cast<std::uint64_t>(x + 3 * count - packs);
 }
 
 /// Makes the packed copies of all leaves, along the tree, so that leaves that a ray passes one
-/// after the other mostly lie near each other. Does nothing when memory is short, or entries are
-/// many times as many as spheres.
-template <class Tree> void packLeaves(Tree& tree) {
+/// after the other mostly lie near each other, and lets leaves call spheres by their indices. Does
+/// nothing and returns false when memory is short, or entries are many times as many as spheres.
+template <class Tree> bool packLeaves(Tree& tree, OrderedSpheres<Tree> const& ordered) {
     // Position 0 is kept free: it means that there is no copy.
     std::uint64_t const most = 1 + 4 * static_cast<std::uint64_t>(tree.leafSpheres.count) +
                                static_cast<std::uint64_t>(packPadding);
     if (most > LeafPack::lastPosition ||
         tree.leafSpheres.count > mostPackedEntries(tree.numSpheres))
-        return;
+        return false;
     auto* const packs = tryAllocate<float>(most).release();
     if (packs == nullptr)
-        return;
+        return false;
     packs[0] = 0.0F;
     std::uint64_t end = 1;
     typename Tree::Node* next = nullptr; // a leaf whose spheres are on their way from memory
@@ -236,17 +242,18 @@ template <class Tree> void packLeaves(Tree& tree) {
             for (std::int32_t k = 0; k < node->numLeafSpheres; ++k)
                 tree.prefetchInBuild(node->leafSpheres()[k].sphereIndex);
             if (next != nullptr)
-                end = packLeaf(tree, *next, packs, end);
+                end = packLeaf(tree, ordered, *next, packs, end);
             next = node;
         }
     }
     if (next != nullptr)
-        end = packLeaf(tree, *next, packs, end);
+        end = packLeaf(tree, ordered, *next, packs, end);
     for (std::int32_t i = 0; i < packPadding; ++i)
         packs[end++] = 0.0F;
     auto* const shrunk = static_cast<float*>(std::realloc(packs, end * sizeof(float)));
     tree.packedLeaves = shrunk != nullptr ? shrunk : packs;
     tree.packedFloats = end;
+    return true;
 }
 
 // Averages over no leaves, which only an early abort leaves behind, print as what 0 / 0 gives.
@@ -306,9 +313,10 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
         buildThreaded(tree, ordered, progress, report);
     else
         buildHere(tree, ordered, progress, report);
-    if (tree.packLeaves != 0 && tree.wasAborted == 0 && holdsOnlySpheres(tree))
-        packLeaves(tree);
-    ordered.nameByIndex();
+    bool const isPacked = tree.packLeaves != 0 && tree.wasAborted == 0 && holdsOnlySpheres(tree) &&
+                          packLeaves(tree, ordered);
+    if (!isPacked)
+        ordered.nameAllByIndex();
     printStatistics(tree, report);
     releaseThreads(tree);
 }
