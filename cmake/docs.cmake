@@ -13,3 +13,7 @@ endforeach()
 configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_target(docs COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
     COMMENT "API documentation: ${PROJECT_BINARY_DIR}/docs/html/index.html" VERBATIM)
+if(BUILD_TESTING)
+    add_test(NAME Repository.DocumentsWhateverIsInstalled
+        COMMAND ${DOXYGEN_EXECUTABLE} ${PROJECT_BINARY_DIR}/Doxyfile)
+endif()

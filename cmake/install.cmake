@@ -7,6 +7,15 @@ include(GNUInstallDirs)
 set_target_properties(kelpa_particles kelpa_host PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
 
+# Plugins that were linked to different versions may meet in one program; each finds its own.
+if(BUILD_SHARED_LIBS AND UNIX AND NOT APPLE)
+    set(symbols ${PROJECT_BINARY_DIR}/symbols.map)
+    file(WRITE ${symbols} "KELPA_${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR} { *; };\n")
+    foreach(library IN ITEMS kelpa_particles kelpa_host)
+        target_link_options(${library} PRIVATE LINKER:--version-script=${symbols})
+    endforeach()
+endif()
+
 install(TARGETS kelpa_particles kelpa_host EXPORT KelpaTargets
     LIBRARY COMPONENT library NAMELINK_COMPONENT development
     ARCHIVE COMPONENT development

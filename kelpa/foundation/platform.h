@@ -20,6 +20,9 @@ class ThreadProcedure {
 // The six services that a host supplies. Whoever links the library without `Kelpa::host` defines
 // these functions; the library calls nothing else of its surroundings. None of them may throw.
 
+// A shared library finds them also in programs that are compiled with -fvisibility=hidden.
+#pragma GCC visibility push(default)
+
 /// Writes a line to the host's debug log, formatted as `printf` does.
 void debug(char const* format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -49,5 +52,7 @@ void uniCloseHandle(void* event);
 
 /// The number of processors that builds may use, at least 1.
 int getNumProcessors();
+
+#pragma GCC visibility pop
 
 } // namespace Kelpa

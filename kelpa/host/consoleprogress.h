@@ -28,7 +28,7 @@ class InterruptScope {
 };
 
 /// Reports builds to stderr, and ends them on request or on Ctrl-C.
-class ConsoleProgress : public ProgressCallback {
+class ConsoleProgress final : public ProgressCallback {
   public:
     /// How much of what builds tell is shown: nothing, statistics, or all.
     enum class Verbosity { quiet, statistics, everything };

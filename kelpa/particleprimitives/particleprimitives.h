@@ -14,6 +14,10 @@
 
 namespace Kelpa {
 
+// As in `primitivechain.h`: no virtual destructor.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
 /// A particle system as a primitive: it owns a sphere tree, has it built, and answers rays.
 ///
 /// The host constructs it, builds it once, and then asks it from any number of threads; it keeps
@@ -108,6 +112,8 @@ using MovingParticlePrimitive =
     SphereTreePrimitiveTemplate<BunchPrimitive<MovingBox>, MovingSphereTree, MovingBox>;
 extern template class SphereTreePrimitiveTemplate<BunchPrimitive<MovingBox>, MovingSphereTree,
                                                   MovingBox>;
+
+#pragma GCC diagnostic pop
 
 } // namespace Kelpa
 

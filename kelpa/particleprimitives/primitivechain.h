@@ -29,7 +29,9 @@ template <class B> class DynamicRaycaster {
 
 // The order of the virtual operations below is part of the interface: hosts call through the
 // tables. No class of the chain has a virtual destructor, so a primitive is destroyed through its
-// own type.
+// own type; hosts that ask for a warning about such classes are spared it here.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 /// Something that a host can load and unload.
 class Resource {
@@ -145,5 +147,7 @@ template <class B> class BunchPrimitive : public DynamicPrimitive<B> {
                                 double* tMins, double* tMaxs, unsigned char const* lanes,
                                 unsigned long numLanes) = 0;
 };
+
+#pragma GCC diagnostic pop
 
 } // namespace Kelpa

@@ -22,7 +22,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree;
 using MBSphereRecords = SequenceST<MBSphereData, 20000>;
 
 /// A worker's share of a build: one subtree at a time.
-class MBSphereBuildThread : public ThreadProcedure {
+class MBSphereBuildThread final : public ThreadProcedure {
   public:
     /// Builds the subtree that the members below describe. A failure is kept in `failure`.
     void proc(void* parameter) override;

@@ -26,8 +26,8 @@ static_assert(sizeof(SDSphereData) == 32);
 
 /// A sphere's copy in the order in which a build reads spheres.
 struct OrderedSphere {
-    Vector center;
-    float radius;
+    Vector center; ///< of the particle
+    float radius;  ///< see `center`
 };
 static_assert(sizeof(OrderedSphere) == 16);
 

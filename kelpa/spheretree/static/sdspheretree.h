@@ -21,7 +21,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree;
 using SDSphereRecords = SequenceST<SDSphereData, 20000>;
 
 /// A worker's share of a build: one subtree at a time.
-class SDSphereBuildThread : public ThreadProcedure {
+class SDSphereBuildThread final : public ThreadProcedure {
   public:
     /// Builds the subtree that the members below describe. A failure is kept in `failure`.
     void proc(void* parameter) override;
@@ -114,10 +114,12 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
             return static_cast<std::int32_t>(&sphere - spheres);
         return sphere.particleIndex;
     }
+    /// The centre of one of `spheres`, in the host's array.
     Vector const& centerOf(std::uint32_t sphereIndex) const {
         Sphere const& sphere = spheres[sphereIndex];
         return particleSystems.elements[systemOf(sphere)].positions[particleOf(sphere)];
     }
+    /// The radius of one of `spheres`.
     float radiusOf(std::uint32_t sphereIndex) const {
         Sphere const& sphere = spheres[sphereIndex];
         return particleSystems.elements[systemOf(sphere)].radii[particleOf(sphere)];
