@@ -32,7 +32,24 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/kelpa/host)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=") # what others link to stays within a minor version
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# The same sources give the same bits: every time in the packages is that of the last commit, or
+# SOURCE_DATE_EPOCH. Read when cpack runs; without its summary a description begins with its own line.
+if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
+    execute_process(COMMAND git -C ${PROJECT_SOURCE_DIR} log -1 --format=%ct
+        OUTPUT_VARIABLE commit_time OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET RESULT_VARIABLE no_git)
+    if(NOT no_git AND commit_time)
+        set(ENV{SOURCE_DATE_EPOCH} ${commit_time})
+    endif()
+endif()
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/packages/cpack.cmake)
+file(WRITE ${CPACK_PROJECT_CONFIG_FILE} "set(CPACK_PACKAGE_DESCRIPTION_SUMMARY \"\")
+if(NOT DEFINED ENV{SOURCE_DATE_EPOCH} AND NOT \"$ENV{SOURCE_DATE_EPOCH}\" STREQUAL \"\")
+    set(ENV{SOURCE_DATE_EPOCH} \"$ENV{SOURCE_DATE_EPOCH}\")
+endif()
+")
 
 set(what "Kelpa finds the closest hits of rays on millions of particles: exact
 spheres or points, still or moving between two snapshots.")
@@ -91,4 +108,15 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
             RENAME changelog.Debian.gz)
     endif()
 endforeach()
+
+# Two libraries that are made and versioned together stand in one package, and cpack writes the
+# ldconfig calls itself.
+if(BUILD_SHARED_LIBS)
+    set(overrides ${PROJECT_BINARY_DIR}/packages/overrides)
+    file(WRITE ${overrides} "${library_package}: package-name-doesnt-match-sonames
+${library_package}: maintscript-calls-ldconfig
+")
+    install(FILES ${overrides} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+        COMPONENT library RENAME ${library_package})
+endif()
 include(CPack)
