@@ -85,17 +85,19 @@ template <class Tree> class OrderedSpheres {
     std::uint32_t nameOf(std::uint32_t sphereIndex) const {
         return placeOf != nullptr ? placeOf[sphereIndex] : sphereIndex;
     }
+    /// To be called when all records are made.
+    void forgetNames() { placeOf.reset(); }
 
     /// Lets a leaf call its spheres by their indices, once nobody asks where they are in the order.
     void nameByIndex(typename Tree::Node& leaf) const {
-        for (std::int32_t i = 0; placeOf != nullptr && i < leaf.numLeafSpheres; ++i) {
+        for (std::int32_t i = 0; spheres != nullptr && i < leaf.numLeafSpheres; ++i) {
             std::uint32_t& name = leaf.leafSpheres()[i].sphereIndex;
             name = order[name];
         }
     }
     /// The same for all leaves.
     void nameAllByIndex() const {
-        if (placeOf == nullptr)
+        if (spheres == nullptr)
             return;
         for (auto* block = tree.nodes.first; block != nullptr; block = block->next)
             for (auto* node = block->elements; node != block->elements + block->count; ++node)
@@ -161,24 +163,26 @@ template <class Tree> void allocateSpheres(Tree& tree) {
 }
 
 template <class Tree>
-void buildThreaded(Tree& tree, OrderedSpheres<Tree> const& ordered, ProgressCallback* progress,
+void buildThreaded(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* progress,
                    ProgressCallback& report) {
     createThreads(tree, std::max(getNumProcessors(), 1), progress, report);
     SDSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
+    ordered.forgetNames();
     widenByMargin(tree.bbox);
     runJobs(tree, tree.bbox, 1, report);
 }
 
 template <class Tree>
-void buildHere(Tree& tree, OrderedSpheres<Tree> const& ordered, ProgressCallback* progress,
+void buildHere(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* progress,
                ProgressCallback& report) {
     SDSphereRecords records;
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
+    ordered.forgetNames();
     widenByMargin(tree.bbox);
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
 }
