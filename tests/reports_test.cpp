@@ -61,7 +61,7 @@ TEST_F(Command, HasEveryOptionInItsManualAndCompletion) {
     std::size_t const sections = manual.find("OPTIONS OF RENDER");
     std::set<std::string> ofAll;
     write("complete.sh",
-          "PATH=$1:$PATH; . $2; shift 2; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1))\n"
+          "PATH=$1:$PATH; . \"$2\"; shift 2; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1))\n"
           "_kelpa; printf '%s\\n' \"${COMPREPLY[@]}\"\n");
     auto const completed = [&](std::string const& words) {
         std::string const line = fmt::format(
