@@ -88,7 +88,9 @@ template <BuildRecord Record, int BlockSize> class Partition {
             Sides const where = sides(parted + k, record);
             lower[numLower] = record;
             upper[numUpper] = record;
-            cutRecords[numCut] = {parted + k, numLower, numUpper, bothSides};
+            cutRecords[numCut] = {static_cast<std::uint16_t>(k),
+                                  static_cast<std::uint16_t>(numLower),
+                                  static_cast<std::uint16_t>(numUpper), bothSides};
             numLower += where & lowerSide;
             numUpper += where / upperSide;
             numCut += where / bothSides;
@@ -99,7 +101,7 @@ template <BuildRecord Record, int BlockSize> class Partition {
             announce(lower[at.lower]);
         Sides keptOfAll = bothSides;
         for (CutRecord& at : cuts) {
-            at.kept = cut(at.number, lower[at.lower], upper[at.upper]);
+            at.kept = cut(parted + at.number, lower[at.lower], upper[at.upper]);
             keptOfAll &= at.kept;
         }
         if (keptOfAll != bothSides) {
@@ -125,16 +127,17 @@ template <BuildRecord Record, int BlockSize> class Partition {
   private:
     static constexpr std::size_t longestStretch = 512; // fits into the fastest cache
 
+    /// Small, for the stacks of a host's threads. Numbers within the stretch.
     struct CutRecord {
-        std::size_t number; ///< among all records
-        std::size_t lower;  ///< where its copies lie
-        std::size_t upper;
+        std::uint16_t number;
+        std::uint16_t lower; ///< where its copies lie
+        std::uint16_t upper;
         Sides kept;
     };
 
     /// Takes out the records that are not kept on a side; returns how many are left.
     static std::size_t closeGaps(std::span<Record> records, std::span<CutRecord const> cuts,
-                                 std::size_t CutRecord::*place, Sides side) {
+                                 std::uint16_t CutRecord::*place, Sides side) {
         std::size_t from = 0;
         std::size_t to = 0;
         for (CutRecord const& at : cuts) {
