@@ -33,8 +33,10 @@ cp build/package/*.deb README.md examples/ownhost.cpp "$root/root/"
 # Nothing of this shell's environment but proxies, so that only what was installed can help.
 inside() { env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root ${http_proxy:+http_proxy="$http_proxy"} \
     chroot "$root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 bash -euc "$1"; }
+# No terminal in there, and packages that only root may read.
+quietly="-o Dpkg::Use-Pty=0 -o APT::Sandbox::User=root"
 # $1, $2...: arguments of apt-get install
-install() { inside "apt-get install -q -y --no-install-recommends $*"; }
+install() { inside "apt-get install -q -y --no-install-recommends $quietly $*"; }
 
 install /root/libkelpa0.1_*.deb /root/kelpa_*.deb
 inside 'cd /root; kelpa --version
@@ -65,6 +67,6 @@ if [[ "${1:-}" != --without-compiling ]]; then
 fi
 
 # What removes cleanly leaves nothing behind.
-inside 'apt-get purge -q -y kelpa "libkelpa*" >/dev/null
+inside 'apt-get purge -q -y '"$quietly"' kelpa "libkelpa*" >/dev/null
         test -z "$(find / -xdev -iname "*kelpa*" -not -path "/root/*" -not -path "/proc/*" -not -path "/var/log/*")"'
 echo "try-packages.sh: the packages install, run, build the example and leave nothing behind"
