@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <set>
 #include <thread>
 
 namespace {
@@ -147,6 +148,16 @@ TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
         {{"good.ply", "--range", "0:1"}, 2, {"--range", "--color-by"}},
         {{"good.ply", "--background", "none"}, 2, {"picture.ppm", "transparency"}},
         {{"good.ply", "--aov", "depth"}, 2, {"picture.ppm", "PPM cannot hold --aov depth"}},
+        {{"--aov", "depth,id", "good.ply"}, 2, {"picture.ppm", "--aov depth,id"}},
+        {{"--aov", "depth,z", "good.ply"}, 2, {"--aov", "'z'"}},
+        {{"--shutter", "0:1", "good.ply"}, 2, {"--shutter needs motion"}},
+        {{"good.ply", "fewer.ply", "good.ply"}, 2, {"3 files", "'cache.{}.ply'"}},
+        {{"good.ply", "--motion", "vel"}, 2, {"'vel'", "no such file"}},
+        {{"good.ply", "--stats", "s.json"}, 2, {"--stats=s.json"}},
+        {{"-"}, 3, {"/dev/stdin"}},
+        {{"convert", "good.ply", "-o", "good.bgeo"}, 2, {"good.bgeo", ".ply only"}},
+        {{"convert", "good.ply", "fewer.ply", "-o", "a.ply"}, 2, {"2 files; convert takes one"}},
+        {{"generate", "cloud", "-o", "fog.bgeo"}, 2, {"fog.bgeo", ".ply only"}},
         {{"render", "good.ply", "-o", "picture.png", "--aov", "id"}, 2, {"picture.png", ".exr"}},
         {{"render", "good.ply", "-o", "picture.jpg"}, 2, {"jpg", "png"}},
         {{"render", "good.ply"}, 2, {"--output"}},
@@ -159,8 +170,9 @@ TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
     };
     for (Case const& bad : cases) {
         Words words = bad.words;
-        bool const isWhole = !words.empty() &&
-                             (words[0] == "render" || words[0] == "info" || words[0] == "generate");
+        bool const isWhole =
+            !words.empty() &&
+            std::set<std::string>{"render", "info", "generate", "convert"}.contains(words[0]);
         if (!isWhole)
             words.insert(words.begin(), {"render", "-o", "picture.ppm"});
         words.insert(words.begin() + 1, "-q");
@@ -213,6 +225,11 @@ TEST_F(Command, NotesWhatTheUserShouldKnow) {
     Answer const frames = run({"info", "frames.xyz"});
     EXPECT_EQ(frames.code, 0);
     EXPECT_TRUE(contains(frames.err, "kelpa: note: frames.xyz")) << frames.err;
+    // What cannot be read is told about, and what can still is a whole list.
+    Answer const list = run({"info", "none.ply", "outlier.ply", "none.ply", "--json", "-q"});
+    EXPECT_EQ(list.code, 3);
+    EXPECT_EQ(std::count(list.err.begin(), list.err.end(), '\n'), 2) << list.err;
+    EXPECT_EQ(list.out.substr(0, 3) + list.out.substr(list.out.size() - 4), "[\n{}\n]\n");
 }
 
 TEST_F(Command, LeavesNoPartOfAFileOnAFullDisk) {
@@ -290,7 +307,7 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
           "property float y\nproperty float z\nend_header\n" +
               std::string(reinterpret_cast<char const*>(coordinates.data()),
                           coordinates.size() * sizeof(float)));
-    for (char const* const pipe : {"idle.ply", "mute.ply", "idle.ppm"})
+    for (char const* const pipe : {"idle.ply", "mute.ply"})
         ASSERT_EQ(mkfifo((folder / pipe).c_str(), 0600), 0);
     int const writer = open((folder / "mute.ply").c_str(), O_RDWR | O_CLOEXEC); // writes nothing
     struct Case {
@@ -301,7 +318,7 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
          {Case{{"render", "c.ply", "-q", "--stats", "--samples", "4096", "-o", "c.ppm"}, true},
           Case{{"render", "c.ply", "-q", "--samples", "4096", "-o", "c.ppm"}, false},
           Case{{"info", "n.ply", "-q"}, false}, Case{{"info", "idle.ply", "-q"}, false},
-          Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ppm"}, false},
+          Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ply"}, false},
           Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"}, false}}) {
         SCOPED_TRACE(words.back());
         if (isThreadSanitized && words[1] == "idle.ply")
@@ -321,7 +338,7 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
                   milliseconds{isThreadSanitized ? 5000 : 1000});
         EXPECT_EQ(answer.code, 130);
         EXPECT_TRUE(contains(answer.err, "kelpa: interrupted\n")) << answer.err;
-        EXPECT_EQ(others({"c.ply", "n.ply", "idle.ply", "mute.ply", "idle.ppm"}), Words{});
+        EXPECT_EQ(others({"c.ply", "n.ply", "idle.ply", "mute.ply"}), Words{});
     }
     close(writer);
 }
@@ -456,13 +473,18 @@ TEST_F(Command, RendersFramesOfFilesAndSequences) {
     EXPECT_TRUE(contains(crossing.err, "1 particles leave the periodic box")) << crossing.err;
     EXPECT_TRUE(contains(crossing.err, "at most, ")) << crossing.err;
     EXPECT_TRUE(contains(crossing.err, "and 0.5 at most")) << crossing.err;
-    EXPECT_EQ(renderFrames({"cache.{}.dump", "--frames", "1:9:2", "-o", "seq#.ppm"}).code, 0);
+    Answer const gap = renderFrames({"cache.###.dump", "--frames", "1:9:2", "-o", "seq#.ppm"});
+    EXPECT_EQ(gap.code, 0) << gap.err;
+    EXPECT_FALSE(contains(gap.err, "no files for")) << gap.err; // 6 is not of the range
+    EXPECT_TRUE(contains(renderFrames({"cache.{}.dump", "--frames", "3:99", "-o", "s#.ppm"}).err,
+                         "cache.{}.dump: no files for frames 6; "));
     EXPECT_EQ(read("seq3.ppm").size(), read("one.ppm").size());
     EXPECT_EQ(read("seq0.ppm") + read("seq6.ppm") + read("seq12.ppm"), "");
 
     for (auto const& [words, code, text] : std::vector<std::tuple<Words, int, std::string>>{
              {{"cache.{}.dump", "--frame", "6"}, 3, "no frame 6; it has 4 from 0 to 12"},
              {{"nothing.{}.ply"}, 3, "nothing.{}.ply: no file has a number in place of {}"},
+             {{"cache.%d.dump", "--frames", "1:2"}, 3, "none of its frames, 0 to 12, is in"},
              {{"all.dump", "--frames", "3:9"}, 3, "all.dump: no frame 5; it has 5"},
              {{"all.dump", "--frames", "3:1"}, 2, "--frames: '3:1' ends before it begins"},
              {{"all.dump", "--frames", "0:4:0"}, 2, "--frames: '0:4:0' steps by 0"},

@@ -1,11 +1,13 @@
 #include "tool/framesource.h"
 
+#include "tool/outputname.h"
 #include "tool/textvalues.h"
 
 #include <fmt/format.h>
 
 #include <filesystem>
 #include <iterator>
+#include <limits>
 #include <system_error>
 
 namespace kelpatool {
@@ -14,15 +16,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view numberPlace = "{}";
+/// Where the file name of a sequence has its number; of no length when it is the name of one file.
+NumberPlace sequencePlace(std::string const& path) {
+    constexpr std::string_view braces = "{}";
+    std::size_t const at = path.rfind(braces);
+    if (at != std::string::npos && path.find('/', at) == std::string::npos)
+        return {at, braces.size()};
+    std::error_code ignored;
+    return fs::exists(path, ignored) ? NumberPlace{} : findNumberPlace(path);
+}
 
-/// The files that have a whole number where a pattern's file name has `{}`.
-std::map<int, std::string> findSequence(std::string const& pattern) {
+/// The files that have a whole number at a place of a pattern's file name.
+std::map<int, std::string> findSequence(std::string const& pattern, NumberPlace const& place) {
     fs::path const folder = fs::path(pattern).parent_path();
-    std::string const name = fs::path(pattern).filename().string();
-    std::size_t const place = name.find(numberPlace);
-    std::string_view const before = std::string_view(name).substr(0, place);
-    std::string_view const after = std::string_view(name).substr(place + numberPlace.size());
+    std::string_view const path = pattern;
+    std::string_view const after = path.substr(place.begin + place.length);
+    std::string_view const before = path.substr(path.rfind('/', place.begin) + 1,
+                                                place.begin - (path.rfind('/', place.begin) + 1));
 
     std::map<int, std::string> files;
     std::error_code error;
@@ -48,19 +58,20 @@ std::map<int, std::string> findSequence(std::string const& pattern) {
     if (error)
         throw InputError(fmt::format("{}: cannot be listed: {}", folder.string(), error.message()));
     if (files.empty())
-        throw InputError(fmt::format("{}: no file has a number in place of {{}}", pattern));
+        throw InputError(fmt::format("{}: no file has a number in place of {}", pattern,
+                                     path.substr(place.begin, place.length)));
     return files;
 }
 
-bool isSequence(std::string const& path) {
-    return fs::path(path).filename().string().find(numberPlace) != std::string::npos;
+std::map<int, std::string> filesOf(std::string const& path) {
+    NumberPlace const place = sequencePlace(path);
+    return place.length > 0 ? findSequence(path, place) : std::map<int, std::string>{};
 }
 
 } // namespace
 
 FrameSource::FrameSource(std::string const& given)
-    : path(given), sequence(isSequence(given) ? findSequence(given) : std::map<int, std::string>{}),
-      file(given) {
+    : path(given), sequence(filesOf(given)), file(given) {
 }
 
 /// The number of a frame of the sequence.
@@ -74,6 +85,12 @@ int FrameSource::resolve(std::optional<int> frame) const {
         throw NoSuchFrame(fmt::format("{}: no frame {}; it has {} from {} to {}", path, *frame,
                                       count, sequence.begin()->first, sequence.rbegin()->first));
     return *frame;
+}
+
+/// A range of the sequence, as it is counted from its start.
+FrameRange FrameSource::resolve(FrameRange const& range) const {
+    return {range.first < 0 ? resolve(range.first) : range.first,
+            range.last < 0 ? resolve(range.last) : range.last, range.step};
 }
 
 ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions options) {
@@ -112,10 +129,9 @@ std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options
 std::vector<int> FrameSource::framesIn(FrameRange range, ReadOptions options) {
     std::vector<int> frames;
     if (!sequence.empty()) {
-        int const first = range.first < 0 ? resolve(range.first) : range.first;
-        int const last = range.last < 0 ? resolve(range.last) : range.last;
+        auto const [first, last, step] = resolve(range);
         for (auto const& [number, name] : sequence)
-            if (number >= first && number <= last && (number - first) % range.step == 0)
+            if (number >= first && number <= last && (number - first) % step == 0)
                 frames.push_back(number);
     } else {
         if (range.first < 0 || range.last < 0) {
@@ -128,8 +144,31 @@ std::vector<int> FrameSource::framesIn(FrameRange range, ReadOptions options) {
             frames.push_back(static_cast<int>(frame));
     }
     if (frames.empty())
-        throw NoSuchFrame(fmt::format("{}: none of its frames is in the range", path));
+        throw NoSuchFrame(sequence.empty()
+                              ? fmt::format("{}: none of its frames is in the range", path)
+                              : fmt::format("{}: none of its frames, {} to {}, is in the range",
+                                            path, sequence.begin()->first,
+                                            sequence.rbegin()->first));
     return frames;
+}
+
+std::vector<int> FrameSource::missingIn(FrameRange range) const {
+    if (sequence.size() < 2)
+        return {};
+    range = resolve(range);
+    long long stride = std::numeric_limits<int>::max();
+    for (auto at = std::next(sequence.begin()); at != sequence.end(); ++at)
+        stride = std::min(stride, static_cast<long long>(at->first) - std::prev(at)->first);
+
+    constexpr std::size_t few = 8;
+    std::vector<int> missing;
+    long long const begin = sequence.begin()->first; // wide, as above
+    long long const last = std::min(range.last, sequence.rbegin()->first);
+    for (long long frame = begin; frame <= last && missing.size() < few; frame += stride)
+        if (frame >= range.first && (frame - range.first) % range.step == 0 &&
+            !sequence.contains(static_cast<int>(frame)))
+            missing.push_back(static_cast<int>(frame));
+    return missing;
 }
 
 } // namespace kelpatool

@@ -16,8 +16,9 @@ struct FrameRange {
     int step = 1;
 };
 
-/// The frames of one file, or of a sequence: a path with `{}` in its file name stands for all files
-/// that have a whole number there, and the number is that of the frame.
+/// The frames of one file, or of a sequence: a path with `{}` in its file name, or with `####` or
+/// `%04d` and no file of this very name, stands for all files that have a whole number there, and
+/// the number is that of the frame.
 class FrameSource {
   public:
     /// Throws `InputError` when no file is part of the sequence.
@@ -31,9 +32,13 @@ class FrameSource {
     /// The numbers of the frames in a range. In a file their end is not looked for, unless the
     /// range counts from it.
     std::vector<int> framesIn(FrameRange range, ReadOptions options);
+    /// The first few numbers of a range that lie between those of a sequence's files and have none,
+    /// though files elsewhere lie so close together that one is expected there.
+    std::vector<int> missingIn(FrameRange range) const;
 
   private:
     int resolve(std::optional<int> frame) const;
+    FrameRange resolve(FrameRange const& range) const;
 
     std::string path;
     std::map<int, std::string> sequence; ///< files by number; empty: `file` holds all frames

@@ -71,6 +71,9 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
                withCommas(scene.rejected.notFinite), withCommas(scene.rejected.notPositive));
     fmt::print("  tree: {:.1f} bytes a sphere with packed leaves\n",
                static_cast<double>(scene.geometry->memory()) / scene.geometry->sphereCount());
+    if (scene.origin.x != 0.0 || scene.origin.y != 0.0 || scene.origin.z != 0.0)
+        fmt::print("  tree's coordinates: as from ({:.7g}, {:.7g}, {:.7g})\n", scene.origin.x,
+                   scene.origin.y, scene.origin.z);
     for (std::string const& line : report.statisticsLines)
         fmt::print("{}\n", line);
 }
@@ -102,8 +105,8 @@ void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary
                tree.empty() ? "" : ", ", tree);
 }
 
-/// Tells about one file.
-void tellAbout(Options options, std::string const& file) {
+/// Tells about one file, after `separator` and once it has been read.
+void tellAbout(Options options, std::string const& file, char const* separator) {
     options.particles.files = {file};
     // The whole way between the snapshots.
     if (hasSecondFile(options) && !options.motion.shutter)
@@ -112,6 +115,7 @@ void tellAbout(Options options, std::string const& file) {
     Scene scene = readyScene(options, particles);
     BuildReport report(options.run);
     buildScene(scene, options, report);
+    fmt::print("{}", separator);
     (options.json ? printAsJson : printAsText)(particles, scene, summarise(scene.first->radii),
                                                file, report);
 }
@@ -121,18 +125,29 @@ void tellAbout(Options options, std::string const& file) {
 int runInfo(Options const& options) {
     std::vector<std::string> const& files = options.particles.files;
     bool const isList = options.json && files.size() > 1;
+    int exitCode = 0;
     try {
-        for (std::size_t i = 0; i < files.size(); ++i) {
-            if (isList)
-                fmt::print("{}", i == 0 ? "[\n" : ",\n");
-            tellAbout(options, files[i]);
+        char const* separator = isList ? "[\n" : "";
+        for (std::string const& file : files) {
+            try {
+                tellAbout(options, file, separator);
+                separator = isList ? ",\n" : "";
+            } catch (InputError const& error) {
+                if (files.size() == 1)
+                    throw;
+                // The others may be good, and a list stays one.
+                say("kelpa: {}\n", error.what());
+                exitCode = 3;
+            }
         }
-        fmt::print("{}{}", isList ? "\n]" : "", options.json ? "\n" : "");
+        if (isList)
+            fmt::print("{}\n]", *separator == '[' ? separator : "");
+        fmt::print("{}", options.json ? "\n" : "");
     } catch (std::system_error const&) {
         // More than the buffer holds, so that printing noticed; the end says it in our words.
     }
     finishStandardOutput();
-    return 0;
+    return exitCode;
 }
 
 } // namespace kelpatool

@@ -48,7 +48,8 @@ InputFile::InputFile(std::string path, PhaseProgress phase)
     : filePath(std::move(path)), progress(std::move(phase)) {
     struct stat status {};
     if (stat(filePath.c_str(), &status) != 0)
-        fail("cannot be opened: {}", systemMessage(errno));
+        fail("cannot be opened: {}{}", systemMessage(errno),
+             filePath == "-" ? "; standard input is /dev/stdin" : "");
     if (S_ISDIR(status.st_mode))
         fail("is a folder, not a particle file");
     regular = S_ISREG(status.st_mode);

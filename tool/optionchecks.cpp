@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
+
 namespace kelpatool {
 
 namespace {
@@ -36,12 +38,42 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
     }
 }
 
+/// Refuses more files than the command takes; a shell makes many of a pattern of its own.
+void checkFileCount(GivenOption const& isGiven, Options const& options) {
+    std::vector<std::string> const& files = options.particles.files;
+    bool const isRender = options.command == Options::Command::render;
+    if (isRender && isGiven("--stats") && files.size() == 2 && files[1].ends_with(".json"))
+        throw UsageError(
+            fmt::format("{} is taken for a second snapshot; write --stats={}", files[1], files[1]));
+    if (isRender && files.size() > 2)
+        throw UsageError(fmt::format("{} files, but two are the snapshots of one picture; a "
+                                     "sequence is named 'cache.{{}}.ply', with --frames A:B",
+                                     files.size()));
+    bool const takesOne =
+        options.command == Options::Command::convert || options.command == Options::Command::bench;
+    if (takesOne && files.size() > 1)
+        throw UsageError(
+            fmt::format("{} files; {} takes one", files.size(),
+                        options.command == Options::Command::convert ? "convert" : "bench"));
+}
+
+/// Refuses a file name that promises another format than the one that particles are written in.
+void checkParticleOutput(std::string const& output) {
+    std::string const suffix = std::filesystem::path(output).extension().string();
+    if (!suffix.empty() && suffix != ".ply" && suffix != ".PLY")
+        throw UsageError(fmt::format("{}: particles are written as .ply only", output));
+}
+
 } // namespace
 
 void checkTogether(GivenOption const& isGiven, Options& options) {
     ParticleOptions& particles = options.particles;
-    if (options.command == Options::Command::generate)
+    bool const isGenerate = options.command == Options::Command::generate;
+    if (isGenerate || options.command == Options::Command::convert)
+        checkParticleOutput(options.output);
+    if (isGenerate)
         return;
+    checkFileCount(isGiven, options);
     MotionOptions& motion = options.motion;
     if (options.command == Options::Command::render && particles.files.size() == 2) {
         if (motion.motion != "none")
@@ -49,6 +81,13 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         motion.motion = particles.files[1];
         particles.files.pop_back();
     }
+    std::error_code ignored;
+    if (isGiven("--motion") && hasSecondSnapshot(motion) && motion.motion != "next" &&
+        motion.motion.find_first_of("./{") == std::string::npos &&
+        !std::filesystem::exists(motion.motion, ignored))
+        throw UsageError(fmt::format("--motion: '{}' is none of none, velocity and next, and there "
+                                     "is no such file",
+                                     motion.motion));
     bool const isNext = motion.motion == "next";
     if (particles.frames && hasSecondSnapshot(motion) && !isNext)
         throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
@@ -64,8 +103,6 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                   0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
         throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
                                      options.image.width, options.image.height));
-    if (options.particles.frames && options.camera.turntable > 0)
-        throw UsageError("--frames and --turntable both number the pictures; use one of them");
     if (options.camera.eye && !options.camera.view.empty())
         throw UsageError("--eye and --view both place the camera; use one of them");
 }

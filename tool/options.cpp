@@ -13,6 +13,7 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <sstream>
 
 namespace kelpatool {
 
@@ -23,11 +24,13 @@ constexpr int wrongUsage = 2;
 constexpr char const* examples = R"(Examples:
   kelpa render snapshot.ply -o picture.png
   kelpa render frame1.ply frame2.ply -o blurred.png --shutter 0:0.5
+  kelpa render 'cache.{}.bgeo' --frames 1:240 --motion velocity -o film.####.exr
   kelpa render snapshot.ply --turntable 90 -o turn.####.png
 
 )";
 constexpr char const* otherExamples = R"(Examples:
   kelpa info snapshot.ply
+  kelpa convert run.dump --frame -1 -o last.ply
   kelpa generate galaxy --count 200000 --seed 1 -o galaxy.ply
   kelpa bench snapshot.ply
 
@@ -39,6 +42,13 @@ class ExamplesFirst : public CLI::Formatter {
     std::string make_description(CLI::App const* app) const override {
         bool const isOther = app->get_parent() != nullptr && app->get_name() != "render";
         return (isOther ? otherExamples : examples) + CLI::Formatter::make_description(app);
+    }
+    // CLI11 tells by a word in braces that a negated flag stores false.
+    std::string make_option_name(CLI::Option const* option, bool isPositional) const override {
+        std::string name = CLI::Formatter::make_option_name(option, isPositional);
+        if (std::size_t const brace = name.find('{'); brace != std::string::npos)
+            name.erase(brace);
+        return name;
     }
     // Of what excludes what the messages tell; here it would push the words out of line.
     std::string make_option_opts(CLI::Option const* option) const override {
@@ -82,7 +92,9 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
         "negative: from the end; default: the first");
     app.add_option("--assembly", particles.assembly,
                    "Build this biological assembly of a PDB or mmCIF file, such as 1");
-    return app.add_option("--radius-from", particles.radiusFrom, "Column that holds the radii")
+    return app
+        .add_option("--radius-from", particles.radiusFrom,
+                    "Column that holds the radii, such as hsml")
         ->group("Radius");
 }
 
@@ -143,29 +155,37 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
         ->type_name("T0 T1")
         ->check(between(-1e30, 1e30))
         ->group("Motion");
-    app.add_option_function<std::vector<std::string>>(
-           "--shutter",
-           [&motion](std::vector<std::string> const& ends) {
-               std::string const text = ends.size() == 2 ? ends[0] + ":" + ends[1] : ends[0];
-               try {
-                   motion.shutter = parseNumbers<double, 2>(text, ':', "OPEN:CLOSE");
-               } catch (UsageError const& error) {
-                   throw UsageError(fmt::format("--shutter: {}", error.what()));
-               }
-           },
-           "When the shutter opens and closes; default: half the way between the snapshots, or "
-           "0:0.5 with velocities")
-        ->expected(1, 2)
-        ->type_name("OPEN:CLOSE")
+    addParsed(
+        app, "--shutter", "OPEN:CLOSE", motion.shutter,
+        [](std::string const& text) { return parseNumbers<double, 2>(text, ':', "OPEN:CLOSE"); },
+        "When the shutter opens and closes; default: half the way between the snapshots, or "
+        "0:0.5 with velocities")
         ->group("Motion");
     app.add_option(
            "--dt", motion.dt,
-           "The file's unit of time per unit of the shutter; default: 1, for film effects 1/24")
+           "How much of the file's time passes in one unit of the shutter; default: 1, for film "
+           "effects 1/24 (one frame)")
         ->check(between(-1e30, 1e30))
         ->group("Motion");
     addChoice(app, "--bounds", motion.movingBounds, {{"static", false}, {"moving", true}},
               "Bounds that the moving tree reports")
         ->group("Motion");
+}
+
+/// Takes names between commas.
+void takeChannels(std::string const& names, ImageOptions& image) {
+    std::istringstream rest(names + ",");
+    for (std::string name; std::getline(rest, name, ',');) {
+        bool* const channel = name == "depth"      ? &image.depth
+                              : name == "normal"   ? &image.normal
+                              : name == "id"       ? &image.id
+                              : name == "position" ? &image.position
+                                                   : nullptr;
+        if (channel == nullptr)
+            throw UsageError(
+                fmt::format("'{}' is none of depth, normal, id and position, with commas", name));
+        *channel = true;
+    }
 }
 
 void addPictureOptions(CLI::App& app, Options& options) {
@@ -257,21 +277,11 @@ void addPictureOptions(CLI::App& app, Options& options) {
         [](std::string const& text) { return parseNumbers<int, 4>(text, ',', "X0,Y0,X1,Y1"); },
         "Pixels to render: from X0,Y0 to before X1,Y1")
         ->group("Image");
-    app.add_option_function<std::vector<std::string>>(
-           "--aov",
-           [&image](std::vector<std::string> const& names) {
-               for (std::string const& name : names) {
-                   image.depth = image.depth || name == "depth";
-                   image.normal = image.normal || name == "normal";
-                   image.id = image.id || name == "id";
-                   image.position = image.position || name == "position";
-               }
-           },
-           "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
-           "ray, 1e30 where no particle is), normal, id, position")
-        ->delimiter(',')
-        ->check(CLI::IsMember({"depth", "normal", "id", "position"}).description(""))
-        ->type_name("depth,normal,id,position")
+    addTaken(
+        app, "--aov", "depth,normal,id,position",
+        [&image](std::string const& names) { takeChannels(names, image); },
+        "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
+        "ray, 1e30 where no particle is), normal, id, position")
         ->group("Image");
 
     LightOptions& light = options.light;
@@ -332,8 +342,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     render
         ->add_option("FILE", options.particles.files,
                      "Particle file; a second one is a later snapshot")
-        ->required()
-        ->expected(1, 2);
+        ->required();
     addParticleOptions(*render, options.particles);
     render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
     addParsed(*render, "--frames", "A:B[:S]", options.particles.frames, parseFrameRange,
@@ -353,7 +362,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     addRunOptions(*info, options.run);
 
     auto* const convert = app.add_subcommand("convert", "Write a frame of a particle file as PLY");
-    convert->add_option("FILE", options.particles.files, "Particle file")->required()->expected(1);
+    convert->add_option("FILE", options.particles.files, "Particle file")->required();
     addReadOptions(*convert, options.particles);
     convert->add_option("-o,--output", options.output, "File: .ply")->required();
     convert->add_flag("--ascii", options.ascii, "As text");
@@ -361,7 +370,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
 
     auto* const bench =
         app.add_subcommand("bench", "Measure builds and rays with a file's particles");
-    bench->add_option("FILE", options.particles.files, "Particle file")->required()->expected(1);
+    bench->add_option("FILE", options.particles.files, "Particle file")->required();
     addParticleOptions(*bench, options.particles);
     addMotionOptions(*bench, options.motion);
     bench->add_option("--runs", options.benchRuns, "Runs, of which the median counts; default: 5")
@@ -376,7 +385,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         ->required()
         ->check(CLI::IsMember(sampleKinds()).description(""));
     generate->add_option("-o,--output", options.output, "File: .ply")->required();
-    generate->add_option("--count", options.count, "Particles")
+    generate->add_option("--count", options.count, "Particles; default: 100000")
         ->default_val(100000)
         ->check(between(std::uint64_t{0}, std::uint64_t{2147483647}));
     generate->add_option("--seed", options.run.seed, "Another sample of the kind")

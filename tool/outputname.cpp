@@ -9,16 +9,7 @@
 
 namespace kelpatool {
 
-namespace {
-
-/// A part of a text that a number takes, and how many digits that has at least.
-struct NumberPlace {
-    std::size_t begin = 0;
-    std::size_t length = 0; ///< 0: there is none
-    int digits = 0;
-};
-
-NumberPlace findPlace(std::string const& path) {
+NumberPlace findNumberPlace(std::string const& path) {
     static std::regex const places("#+|%(?:0?([1-9]))?d");
     auto const nameBegin = path.end() - static_cast<std::ptrdiff_t>(
                                             std::filesystem::path(path).filename().string().size());
@@ -37,14 +28,12 @@ NumberPlace findPlace(std::string const& path) {
     return place;
 }
 
-} // namespace
-
 bool hasNumberPlace(std::string const& path) {
-    return findPlace(path).length > 0;
+    return findNumberPlace(path).length > 0;
 }
 
 std::string numberedName(std::string const& path, std::int64_t number) {
-    NumberPlace const place = findPlace(path);
+    NumberPlace const place = findNumberPlace(path);
     if (place.length == 0) {
         std::filesystem::path shown(path);
         std::string const suffix = shown.extension().string();

@@ -1,9 +1,21 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 namespace kelpatool {
+
+/// The part of a path that a number takes, and how many digits that has at least.
+struct NumberPlace {
+    std::size_t begin = 0;
+    std::size_t length = 0; ///< 0: there is none
+    int digits = 0;
+};
+
+/// Finds a run of `#`, or `%d` or `%04d` as for printf, in a path's file name.
+/// Throws `UsageError` when there are several.
+NumberPlace findNumberPlace(std::string const& path);
 
 /// Whether a file's name has a place for a number: a run of `#`, or `%d` or `%04d` as for printf.
 /// Only the name counts, not its folder. Throws `UsageError` when there are several such places.

@@ -58,9 +58,15 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
 }
 
 std::vector<int> SnapshotReader::framesIn(FrameRange const& range) {
-    return withProgress("count", options.run, [&](PhaseProgress const& progress) {
-        return source.framesIn(range, readOptions(progress));
-    });
+    std::vector<int> frames =
+        withProgress("count", options.run, [&](PhaseProgress const& progress) {
+            return source.framesIn(range, readOptions(progress));
+        });
+    if (std::vector<int> const missing = source.missingIn(range); !missing.empty())
+        noteTo(options.run)(fmt::format("{}: no files for frames {}{}; the others are rendered",
+                                        options.particles.files[0], fmt::join(missing, ", "),
+                                        missing.size() < 8 ? "" : " and perhaps more"));
+    return frames;
 }
 
 ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {

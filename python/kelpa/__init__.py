@@ -594,6 +594,8 @@ class Primitive:
             raise ValueError(f"shade: expected 'headlight', 'flat' or 'normals', found {shade!r}")
         if camera is None:
             camera = Camera.framing(self, aspect=width / height)
+        if not isinstance(camera, Camera):
+            raise TypeError(f"camera: expected a kelpa.Camera, found {type(camera).__name__}")
         return self._tree.render(
             [axis.tolist() for axis in camera._axes()],
             camera._extent(),
@@ -611,8 +613,10 @@ class Primitive:
 
     def __repr__(self) -> str:
         kind = "moving" if self.is_moving else "still"
-        used = self._tree.statistics()["used"]
-        return f"<kelpa.Primitive: {used:,} {kind} particles, {self.memory:,} bytes>"
+        found = self.statistics
+        left_out = f", {found['left_out']:,} left out" if found["left_out"] > 0 else ""
+        used = f"{found['used']:,} {kind} particles{left_out}"
+        return f"<kelpa.Primitive: {used}, {self.memory:,} bytes>"
 
 
 def _bases(systems: Sequence[Particles]) -> tuple[int, ...]:

@@ -211,6 +211,8 @@ class Particles(unittest.TestCase):
                 call()
         with self.assertRaisesRegex(TypeError, "particles: .*ndarray"):
             kelpa.Primitive([p])
+        with self.assertRaisesRegex(TypeError, "camera: .*str"):
+            draw(camera="front")
         with self.assertRaisesRegex(AttributeError, "radii"):
             still.radii = p
 
