@@ -86,6 +86,9 @@ TEST_F(Command, HasEveryOptionInItsManualAndCompletion) {
     EXPECT_EQ(completed("kelpa render a.ply --view b"), "back\nbottom\n");
     EXPECT_EQ(completed("kelpa render a.ply --shade l"), "lit\n");
     EXPECT_EQ(completed("kelpa generate s"), "splash\n");
+    EXPECT_EQ(completed("kelpa render --view = fr"), "front\n");
+    EXPECT_EQ(completed("kelpa info --format gr"), "gro\n");
+    EXPECT_EQ(completed("kelpa render a.ply --motion ''").substr(0, 19), "none\nvelocity\nnext\n");
     EXPECT_EQ(optionsIn(manual.substr(sections)), ofAll);
 }
 

@@ -85,7 +85,7 @@ void addRunOptions(CLI::App& app, RunOptions& run) {
 
 /// What to read of a file; gives the option for the column of radii.
 CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
-    app.add_option("--format", particles.format, "Format of the file: " + formatNames());
+    app.add_option("--format", particles.format, "Format of the file")->type_name(formatNames());
     app.add_option(
         "--frame", particles.frame,
         "Frame of the file, or the number of a file of a sequence, such as cache.{}.ply; "
@@ -148,8 +148,11 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
 }
 
 void addMotionOptions(CLI::App& app, MotionOptions& motion) {
-    app.add_option("--motion", motion.motion,
-                   "none, velocity, next (the frame after), or the file of a second snapshot")
+    app.add_option(
+           "--motion", motion.motion,
+           "Where particles move: along their velocities, to the frame after, or to the snapshot "
+           "in another file; default: none")
+        ->type_name("none|velocity|next|FILE")
         ->group("Motion");
     app.add_option("--times", motion.times, "When the two snapshots were taken")
         ->type_name("T0 T1")

@@ -124,12 +124,17 @@ constexpr FileFormat formats[] = {
 #endif
 };
 
-/// What can be read, as a list that ends in "and" or the like: "PLY, XYZ and GRO".
-std::string listFormats(std::string_view FileFormat::*text, std::string_view lastLink) {
+std::vector<std::string_view> allFormats(std::string_view FileFormat::*text) {
     std::vector<std::string_view> names;
     for (FileFormat const& format : formats)
         if (format.read != nullptr)
             names.push_back(format.*text);
+    return names;
+}
+
+/// What can be read, as a list that ends in "and" or the like: "PLY, XYZ and GRO".
+std::string listFormats(std::string_view FileFormat::*text, std::string_view lastLink) {
+    std::vector<std::string_view> names = allFormats(text);
     std::string_view const last = names.back();
     names.pop_back();
     return fmt::format("{} {} {}", fmt::join(names, ", "), lastLink, last);
@@ -333,7 +338,7 @@ std::string readableFormats() {
 }
 
 std::string formatNames() {
-    return listFormats(&FileFormat::name, "or");
+    return fmt::format("{}", fmt::join(allFormats(&FileFormat::name), "|"));
 }
 
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options) {

@@ -57,7 +57,7 @@ struct ReadOptions {
 
 /// The formats that can be read, for the user: "PLY, XYZ and GRO".
 std::string readableFormats();
-/// The same by the names that `ReadOptions::format` knows: "ply, xyz or gro".
+/// The same by the names that `ReadOptions::format` knows: "ply|xyz|gro".
 std::string formatNames();
 
 /// Reads one frame of a particle file, plain or gzipped. Throws `InputError`.

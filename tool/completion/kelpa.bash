@@ -15,31 +15,36 @@ _kelpa_help() {
     "${COMP_WORDS[0]}" --help 2>/dev/null
 }
 
-# The words that an option takes: the front|back|left of its line in the help.
-_kelpa_choices() {
-    sed -nE "s/^ +(-[a-z],)?$1 ([a-z]+[|,][a-z|,]+).*/\2/p" | tr '|,' '\n\n'
+# What an option takes: the front|back|left, or TEXT, of its line in the help.
+_kelpa_type() {
+    sed -nE "s/^ +(-[a-z],)?$1 ([^ ]+).*/\2/p"
 }
 
 _kelpa() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local words='' help
+    local words='' type='' help
     help=$(_kelpa_help)
+    # --view=front is three words here.
+    [[ $current == = ]] && current=''
+    [[ $previous == = ]] && previous=${COMP_WORDS[COMP_CWORD - 2]}
     case $current in
     -*)
         words=$(grep -E '^ +-' <<<"$help" | grep -oE '(^ +|,)-[-a-z]+' | tr -d ' ,')
         ;;
     *)
         if [[ $previous == -* ]]; then
-            words=$(_kelpa_choices "$previous" <<<"$help")
+            type=$(_kelpa_type "$previous" <<<"$help")
+            words=$(tr '|,' '\n\n' <<<"$type" | grep -xE '[a-z-]+')
         elif [[ $previous == generate ]]; then
-            words='galaxy splash crystal cloud'
+            words=$(sed -nE 's/^  KIND +(.*)/\1/p' <<<"$help" | sed 's/, / /g; s/ or / /')
         elif ((COMP_CWORD == 1)); then
             words=$(sed -n '/^Subcommands:/,$s/^  \([a-z]*\) .*/\1/p' <<<"$help")
         fi
         ;;
     esac
     # With no words of ours the shell's own completion offers files.
-    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current"
+        [[ $type == *FILE* ]] && compgen -f -- "$current")
 }
 
 complete -o default -F _kelpa kelpa
