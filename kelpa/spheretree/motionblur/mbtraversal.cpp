@@ -359,8 +359,27 @@ class Traveller {
 
 } // namespace
 
+namespace {
+
+/// Whether rays start so near each other that what one reads of a tree is at hand for the next. A
+/// guess from three of them; only the speed depends on it.
+bool startTogether(Tree const& tree, std::span<MBSphereRay*> rays) {
+    Vector const& min = tree.rootBox.box.min;
+    Vector const& max = tree.rootBox.box.max;
+    double const size = static_cast<double>((max.x - min.x) + (max.y - min.y) + (max.z - min.z));
+    double const* const first = rays[0]->origin;
+    auto const isNearFirst = [&](double const* origin) {
+        double const distance = std::abs(origin[0] - first[0]) + std::abs(origin[1] - first[1]) +
+                                std::abs(origin[2] - first[2]);
+        return distance < 0.1 * size;
+    };
+    return isNearFirst(rays[rays.size() / 2]->origin) && isNearFirst(rays[rays.size() - 1]->origin);
+}
+
+} // namespace
+
 void findClosestOfMany(MBTree const& tree, std::span<MBSphereRay*> rays, bool* found) {
-    if (tree.statMaxDepth > usualInnerLevels || areTogether(rays)) {
+    if (tree.statMaxDepth > usualInnerLevels || areTogether(rays) || startTogether(tree, rays)) {
         for (std::size_t i = 0; i < rays.size(); ++i)
             found[i] = findClosest(tree, *rays[i]);
         return;
