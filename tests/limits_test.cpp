@@ -71,8 +71,8 @@ SDSphereData recordOf(StaticSphereTree const&, std::uint32_t sphere, Box const& 
     return {sphere, box, 0.01F};
 }
 
-/// Whether a node over all spheres of a built tree is split when the tree counts that many nodes
-/// and entries already.
+/// Whether a node over all spheres of a built tree, on the first level beyond the usual ones, is
+/// split when the tree counts that many nodes, entries and deep records already.
 template <class Scene, class Region, class Node, class Records>
 bool isSplit(Scene& scene, Region const& region, GrowthLimit const& counted, Node, Records&& data) {
     for (int i = 0; i < scene.tree.numSpheres; ++i) {
@@ -83,24 +83,53 @@ bool isSplit(Scene& scene, Region const& region, GrowthLimit const& counted, Nod
     auto const nodes = scene.tree.nodes.count, entries = scene.tree.leafSpheres.count;
     scene.tree.nodes.count = static_cast<std::int32_t>(counted.nodes);
     scene.tree.leafSpheres.count = static_cast<std::int32_t>(counted.entries);
+    scene.tree.deepRecords = counted.deepRecords;
+    scene.tree.maxDepth = 400;
     Node node{};
-    scene.tree.buildNode(&node, region, data, scene.tree.numSpheres, 1, nullptr, &data, 1);
+    scene.tree.buildNode(&node, region, data, scene.tree.numSpheres, 1, nullptr, &data,
+                         usualLevels + 1);
     scene.tree.nodes.count = nodes;
     scene.tree.leafSpheres.count = entries;
     return !node.isLeaf();
 }
 
+TEST(Builders, WithFewerRecordsThanAnnouncedSaySoAndTakeThose) {
+    StillScene still(uniform.make(1, 400));
+    still.tree.build(nullptr, nullptr);
+    SDSphereRecords data, waiting;
+    for (std::uint32_t i = 0; i < 100; ++i) {
+        Vector const at = still.tree.centerOf(i);
+        *data.newElement() = recordOf(still.tree, i, {at, sum(at, {0.01F, 0.01F, 0.01F})});
+    }
+    SDSphereNode<SDSphere> leaf, node;
+    testing::internal::CaptureStderr();
+    still.tree.storeSpheres(&leaf, data, 101, 1);
+    still.tree.buildNode(&node, still.tree.bbox, data, 101, 1, nullptr, &waiting, 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "[SDSphereTree] Error!\n[SDSphereTree] Error!\n");
+    EXPECT_EQ(leaf.numLeafSpheres, 100);
+    EXPECT_FALSE(node.isLeaf());
+    EXPECT_EQ(waiting.getCount(), 0);
+    MBSphereRecords none;
+    MBSphereNode moving;
+    EXPECT_THROW(MovingSphereTree().storeSpheres(&moving, none, 1 << 23), ExceptionMsg);
+}
+
 // Whatever they hold, trees need no more than 64 nodes and 256 entries a sphere (2^23 and 2^26 when
 // that is more) and, for each level, one entry a sphere that waited when the limit was reached.
-TEST(Limits, EndTheGrowthOfTreesInNodesAndEntries) {
+// Nor do they part more records than that many entries beyond level 128.
+TEST(Limits, EndTheGrowthOfTreesInNodesEntriesAndTime) {
     StillScene still(uniform.make(1, 400));
     still.tree.build(nullptr, nullptr);
     MovingScene moving(moved(uniform.make(1, 400), Way::standing, 2));
     moving.tree.build(nullptr, nullptr, 0);
-    constexpr int nodes = 1 << 23, entries = 1 << 26;
-    for (GrowthLimit const& counted :
-         {GrowthLimit{nodes, entries}, {nodes + 1, entries}, {nodes, entries + 1}}) {
-        bool const isWithin = counted.nodes == nodes && counted.entries == entries;
+    constexpr int nodes = 1 << 23, entries = 1 << 26, deep = entries - 400;
+    for (GrowthLimit const& counted : {GrowthLimit{nodes, entries, deep},
+                                       {nodes + 1, entries, deep},
+                                       {nodes, entries + 1, deep},
+                                       {nodes, entries, deep + 1}}) {
+        bool const isWithin = counted.nodes + counted.entries + counted.deepRecords ==
+                              std::int64_t{nodes} + entries + deep;
         EXPECT_EQ(isSplit(still, still.tree.bbox, counted, *still.tree.root, SDSphereRecords()),
                   isWithin);
         EXPECT_EQ(
@@ -111,7 +140,7 @@ TEST(Limits, EndTheGrowthOfTreesInNodesAndEntries) {
     EXPECT_EQ(growthLimit(1 << 24).nodes, std::int64_t{1} << 30);
     EXPECT_EQ(growthLimit(1 << 24).entries, std::int64_t{1} << 32);
     moving.tree.numOutsideShutter = 1;
-    EXPECT_FALSE(isSplit(moving, moving.tree.rootBox, {1, (1 << 23) + 1}, *moving.tree.root,
+    EXPECT_FALSE(isSplit(moving, moving.tree.rootBox, {1, (1 << 23) + 1, 0}, *moving.tree.root,
                          MBSphereRecords()));
 }
 

@@ -2,7 +2,9 @@
 // Internal: counters of a tree that several threads read and raise.
 
 #include <atomic>
+#include <concepts>
 #include <cstdint>
+#include <type_traits>
 
 namespace Kelpa {
 
@@ -10,16 +12,17 @@ namespace Kelpa {
 // reached through atomic references only. Relaxed order suffices: the lock, or the end of the
 // build, orders everything that hangs on them.
 
-inline std::int32_t readShared(std::int32_t const& shared) {
+template <std::integral Counter> Counter readShared(Counter const& shared) {
     // An atomic reference to a constant comes with C++26; loading changes nothing.
-    return std::atomic_ref(const_cast<std::int32_t&>(shared)).load(std::memory_order_relaxed);
+    return std::atomic_ref(const_cast<Counter&>(shared)).load(std::memory_order_relaxed);
 }
 
 inline void writeShared(std::int32_t& shared, std::int32_t value) {
     std::atomic_ref(shared).store(value, std::memory_order_relaxed);
 }
 
-inline void addShared(std::int32_t& shared, std::int32_t amount) {
+template <std::integral Counter>
+void addShared(Counter& shared, std::type_identity_t<Counter> amount) {
     std::atomic_ref(shared).fetch_add(amount, std::memory_order_relaxed);
 }
 

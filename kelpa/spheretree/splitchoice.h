@@ -2,6 +2,7 @@
 // Internal: what both builders use to decide between a leaf and a split, and between splits.
 
 #include "kelpa/spheretree/quad.h"
+#include "kelpa/spheretree/sharedcounters.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -20,29 +21,35 @@ inline constexpr int handOffThreshold = 1500;
 /// Axes along which the spheres extend less than this are not split.
 inline constexpr float smallestSplitExtent = 1e-6F;
 
-/// How large a tree may grow: beyond it a tree is split no further, and what is left to build
-/// becomes leaves.
+/// Levels that trees of any usual `maxDepth` stay within.
+inline constexpr std::int32_t usualLevels = 128;
+
+/// How large a tree may grow, and how long that may take: beyond it a tree is split no further, and
+/// what is left to build becomes leaves.
 struct GrowthLimit {
     std::int64_t nodes;
-    std::int64_t entries; ///< of leaves
+    std::int64_t entries;     ///< of leaves
+    std::int64_t deepRecords; ///< parted at nodes beyond the usual levels
 };
 
 /// What the spheres of an ordinary tree may ask for.
 ///
 /// Ordinary scenes need 3 to 16 entries and 0.2 to 1.6 nodes a sphere. Thousands of small spheres
 /// inside thousands of large ones ask for the product of both; parameters that forbid leaves (a
-/// factor of 0, a depth without end) for chains of a thousand nodes. They get a slow tree instead
-/// of all memory.
+/// factor of 0, a depth without end) for chains of a thousand nodes, each of which visits hundreds
+/// of records. They get a slow tree instead of all memory and time.
 inline GrowthLimit growthLimit(std::int32_t numSpheres) {
     auto const n = static_cast<std::int64_t>(numSpheres);
-    return {std::max(std::int64_t{1} << 23, 64 * n), std::max(std::int64_t{1} << 26, 256 * n)};
+    std::int64_t const entries = std::max(std::int64_t{1} << 26, 256 * n);
+    return {std::max(std::int64_t{1} << 23, 64 * n), entries, entries};
 }
 
 /// The same when some spheres are there for no part of the shutter. Such a sphere's record has no
 /// duration or a negative one, splits of it look free or better, and every limit is reached.
 inline GrowthLimit growthLimitOutsideShutter(std::int32_t numSpheres) {
     auto const n = static_cast<std::int64_t>(numSpheres);
-    return {std::max(std::int64_t{1} << 20, 4 * n), std::max(std::int64_t{1} << 23, 32 * n)};
+    std::int64_t const entries = std::max(std::int64_t{1} << 23, 32 * n);
+    return {std::max(std::int64_t{1} << 20, 4 * n), entries, entries};
 }
 
 /// Leaf entries up to which a still tree's leaves are packed, at 16 bytes each.
@@ -52,7 +59,14 @@ inline std::int64_t mostPackedEntries(std::int32_t numSpheres) {
 
 /// Whether a tree has outgrown what its spheres may ask for.
 template <class Tree> bool isBeyond(GrowthLimit const& limit, Tree const& tree) {
-    return tree.leafSpheres.getCount() > limit.entries || tree.nodes.getCount() > limit.nodes;
+    return tree.leafSpheres.getCount() > limit.entries || tree.nodes.getCount() > limit.nodes ||
+           readShared(tree.deepRecords) > limit.deepRecords;
+}
+
+/// Counts a node's records towards the tree's limit.
+template <class Tree> void countDeepRecords(Tree& tree, std::int32_t level, std::int32_t count) {
+    if (level > usualLevels)
+        addShared(tree.deepRecords, std::int64_t{count});
 }
 
 /// Truncates towards zero; values beyond what an int can hold become its bounds, NaN its lowest.

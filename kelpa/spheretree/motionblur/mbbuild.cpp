@@ -265,6 +265,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     gatherSpheres(tree);
     tree.statMaxDepth = 0;
     tree.wasAborted = 0;
+    tree.deepRecords = 0;
     tree.numOutsideShutter = 0;
     resetBounds(tree);
     if (tree.numSpheres == 0)

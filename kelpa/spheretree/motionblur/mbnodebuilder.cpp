@@ -225,6 +225,7 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
         return false;
     raiseShared(tree.statMaxDepth, current.level);
     Vector const velocity = sum.mean(current.count);
+    countDeepRecords(tree, current.level, current.count);
     NodeDecision const decision = decideSplit(tree, current, velocity, data, spans);
     SplitChoice const& split = decision.split;
     if (!split.found()) {

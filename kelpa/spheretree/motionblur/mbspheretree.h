@@ -82,7 +82,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Not to be called on one of the manager's workers unless another is free to take the job
     /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
     /// abort leaves a valid tree over part of the particles. Beyond 64 nodes or 256 leaf entries a
-    /// sphere, or 2^23 and 2^26 if that is more, nothing is split. Throws `ExceptionMsg` when
+    /// sphere, or 2^23 and 2^26 if that is more, nothing is split; nor once nodes beyond level 128
+    /// had as many records as that many entries. Throws `ExceptionMsg` when
     /// memory runs out on any thread, when there are more particles, nodes or leaf entries than
     /// 2^31 - 1, or when a leaf would need more than 2^23 - 1 entries; whatever is thrown, all jobs
     /// have ended by then, and the tree is empty and can be built again.
@@ -165,6 +166,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Spheres whose snapshots cover no part of the shutter, or run backwards. With one of them the
     /// tree is split no further beyond 32 leaf entries and 4 nodes a sphere (and 2^23 and 2^20).
     std::int32_t numOutsideShutter = 0;
+    /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
+    alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
 };
 
 extern template class MBSphereTree<MBSphere, 20000, 20000>;

@@ -304,6 +304,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
     tree.statDepthSum = 0;
     tree.innerLevels = 0;
     tree.wasAborted = 0;
+    tree.deepRecords = 0;
     tree.root = tree.nodes.newElement();
     *tree.root = {};
     tree.bbox = Box::empty();

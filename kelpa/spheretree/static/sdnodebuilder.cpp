@@ -227,6 +227,7 @@ bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereR
     raiseShared(tree.statMaxDepth, current.depth);
     if (current.count < 1 || isAborted())
         return false;
+    countDeepRecords(tree, current.level, current.count);
     SplitChoice const split = decideSplit(tree, current, data);
     if (!split.found()) {
         tree.storeSpheres(current.node, data, current.count, current.depth);

@@ -75,7 +75,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// Not to be called on one of the manager's workers unless another is free to take the job
     /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
     /// abort leaves a valid tree over part of the particles. Beyond 64 nodes or 256 leaf entries a
-    /// sphere, or 2^23 and 2^26 if that is more, nothing is split. Throws `ExceptionMsg` when
+    /// sphere, or 2^23 and 2^26 if that is more, nothing is split; nor once nodes beyond level 128
+    /// had as many records as that many entries. Throws `ExceptionMsg` when
     /// memory runs out on any thread, or when there are more particles, nodes or leaf entries than
     /// 2^31 - 1; whatever is thrown, all jobs have ended by then, and the tree is empty and can be
     /// built again.
@@ -186,6 +187,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     OrderedSphere const* orderedSpheres = nullptr; ///< exist only during a build; null: in no order
     float* packedLeaves = nullptr;                 ///< owned; null: not packed
     std::uint64_t packedFloats = 0;                ///< length of `packedLeaves`
+    /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
+    alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
 };
 
 extern template class SDSphereTree<SDSphere, 20000, 20000>;
