@@ -155,6 +155,8 @@ TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
         {{"good.ply", "--motion", "vel"}, 2, {"'vel'", "no such file"}},
         {{"good.ply", "--stats", "s.json"}, 2, {"--stats=s.json"}},
         {{"-"}, 3, {"/dev/stdin"}},
+        {{"good.ply", "--elements", "Si"}, 3, {"good.ply", "no numbered types"}},
+        {{"good.ply", "--elements", "O,Xy"}, 2, {"'Xy' is no element"}},
         {{"convert", "good.ply", "-o", "good.bgeo"}, 2, {"good.bgeo", ".ply only"}},
         {{"convert", "good.ply", "fewer.ply", "-o", "a.ply"}, 2, {"2 files; convert takes one"}},
         {{"generate", "cloud", "-o", "fog.bgeo"}, 2, {"fog.bgeo", ".ply only"}},
@@ -225,6 +227,14 @@ TEST_F(Command, NotesWhatTheUserShouldKnow) {
     Answer const frames = run({"info", "frames.xyz"});
     EXPECT_EQ(frames.code, 0);
     EXPECT_TRUE(contains(frames.err, "kelpa: note: frames.xyz")) << frames.err;
+    std::string const head = "ITEM: TIMESTEP\n0\nITEM: NUMBER OF ATOMS\n2\nITEM: BOX BOUNDS\n"
+                             "0 4\n0 4\n0 4\nITEM: ATOMS id type x y z\n";
+    write("water.dump", head + "1 2 0 0 0\n2 1 3 1 1\n");
+    Answer const named = run({"info", "water.dump", "--elements", "O,H"});
+    EXPECT_TRUE(contains(named.out, "radius: min 1.1, median 1.52, max 1.52")) << named.out;
+    Answer const unnamed = run({"info", "water.dump", "--elements", "O"});
+    EXPECT_EQ(unnamed.code, 3);
+    EXPECT_TRUE(contains(unnamed.err, "water.dump: there is a type 2, and --elements names 1\n"));
     // What cannot be read is told about, and what can still is a whole list.
     Answer const list = run({"info", "none.ply", "outlier.ply", "none.ply", "--json", "-q"});
     EXPECT_EQ(list.code, 3);

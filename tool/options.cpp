@@ -1,5 +1,6 @@
 #include "tool/options.h"
 
+#include "tool/elements.h"
 #include "tool/optionchecks.h"
 #include "tool/optionforms.h"
 #include "tool/particlefile.h"
@@ -83,6 +84,17 @@ void addRunOptions(CLI::App& app, RunOptions& run) {
         ->group("Run");
 }
 
+std::vector<std::uint8_t> parseElements(std::string const& symbols) {
+    std::vector<std::uint8_t> elements;
+    std::istringstream rest(symbols + ",");
+    for (std::string symbol; std::getline(rest, symbol, ',');) {
+        elements.push_back(atomicNumberOf(symbol));
+        if (elements.back() == 0)
+            throw UsageError(fmt::format("'{}' is no element", symbol));
+    }
+    return elements;
+}
+
 /// What to read of a file; gives the option for the column of radii.
 CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
     app.add_option("--format", particles.format, "Format of the file")->type_name(formatNames());
@@ -92,6 +104,8 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
         "negative: from the end; default: the first");
     app.add_option("--assembly", particles.assembly,
                    "Build this biological assembly of a PDB or mmCIF file, such as 1");
+    addParsed(app, "--elements", "O,H", particles.elements, parseElements,
+              "Elements of a LAMMPS dump's types 1, 2 and so on: for colours and radii");
     return app
         .add_option("--radius-from", particles.radiusFrom,
                     "Column that holds the radii, such as hsml")

@@ -24,9 +24,10 @@ class UsageError : public std::runtime_error {
 struct ParticleOptions {
     std::vector<std::string> files; ///< one, or two snapshots
     std::string format;
-    std::optional<int> frame;         ///< unset: the first
-    std::optional<FrameRange> frames; ///< several pictures
-    std::string assembly; ///< empty: none
+    std::optional<int> frame;           ///< unset: the first
+    std::optional<FrameRange> frames;   ///< several pictures
+    std::string assembly;               ///< empty: none
+    std::vector<std::uint8_t> elements; ///< atomic numbers of types 1, 2 and so on; empty: as read
     std::optional<float> radius;
     std::string radiusFrom;
     float radiusScale = 1.0F;

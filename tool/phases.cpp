@@ -40,6 +40,26 @@ Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
     return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
 }
 
+namespace {
+
+/// Gives particles whose types are only numbered the elements that the user names.
+void nameElements(ParticleSet& particles, std::vector<std::uint8_t> const& elements,
+                  std::string const& file) {
+    if (elements.empty())
+        return;
+    if (particles.types.empty())
+        throw InputError(fmt::format("{}: has no numbered types for --elements", file));
+    particles.elements.clear();
+    for (std::int64_t const type : particles.types) {
+        if (type < 1 || type > static_cast<std::int64_t>(elements.size()))
+            throw InputError(fmt::format("{}: there is a type {}, and --elements names {}", file,
+                                         type, elements.size()));
+        particles.elements.push_back(elements[static_cast<std::size_t>(type - 1)]);
+    }
+}
+
+} // namespace
+
 SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
     : options(given), source(path) {
 }
@@ -77,6 +97,7 @@ ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
     });
     for (std::string const& text : particles.notes)
         noteTo(options.run)(text);
+    nameElements(particles, options.particles.elements, particles.name);
     return particles;
 }
 
@@ -89,7 +110,9 @@ std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) 
         withProgress("read", options.run, [&](PhaseProgress const& progress) {
             return source.readAfter(first.frame, readOptions(progress));
         });
-    if (!second)
+    if (second)
+        nameElements(*second, options.particles.elements, second->name);
+    else
         noteTo(options.run)(
             fmt::format("no frame follows {}: its particles stand still", first.name));
     return second;
