@@ -36,10 +36,9 @@ inline FrameSpan spanInFrame(TimeBox const& region, Quad velocity) {
     Quad const drift = quadAt(offsetof(TimeBox, velocity)) - velocity;
     Quad const atStart = drift * region.timeMin;
     Quad const atEnd = drift * region.timeMax;
-    return {withFourth(quadAt(offsetof(TimeBox, box.min)) + smaller(atEnd, atStart),
-                       region.timeMin),
-            withFourth(quadAt(offsetof(TimeBox, box.max)) + larger(atEnd, atStart),
-                       region.timeMax)};
+    return {
+        withFourth(quadAt(offsetof(TimeBox, box.min)) + smaller(atEnd, atStart), region.timeMin),
+        withFourth(quadAt(offsetof(TimeBox, box.max)) + larger(atEnd, atStart), region.timeMax)};
 }
 
 /// Half the surface times the duration.
