@@ -18,12 +18,14 @@ namespace fs = std::filesystem;
 
 /// Where the file name of a sequence has its number; of no length when it is the name of one file.
 NumberPlace sequencePlace(std::string const& path) {
+    std::error_code ignored;
+    if (fs::exists(path, ignored))
+        return {};
     constexpr std::string_view braces = "{}";
     std::size_t const at = path.rfind(braces);
     if (at != std::string::npos && path.find('/', at) == std::string::npos)
         return {at, braces.size()};
-    std::error_code ignored;
-    return fs::exists(path, ignored) ? NumberPlace{} : findNumberPlace(path);
+    return findNumberPlace(path);
 }
 
 /// The files that have a whole number at a place of a pattern's file name.

@@ -16,9 +16,9 @@ struct FrameRange {
     int step = 1;
 };
 
-/// The frames of one file, or of a sequence: a path with `{}` in its file name, or with `####` or
-/// `%04d` and no file of this very name, stands for all files that have a whole number there, and
-/// the number is that of the frame.
+/// The frames of one file, or of a sequence: a path with `{}`, `####` or `%04d` in its file name,
+/// unless a file has this very name, stands for all files that have a whole number there, and the
+/// number is that of the frame.
 class FrameSource {
   public:
     /// Throws `InputError` when no file is part of the sequence.
