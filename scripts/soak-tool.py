@@ -46,6 +46,9 @@ class Soak:
         how.setdefault("stderr", subprocess.PIPE)
         return subprocess.Popen([self.kelpa, *words], cwd=self.folder, **how)
 
+    def is_whole(self, name):
+        return name.endswith(".png") and b"IEND" in (self.folder / name).read_bytes()[-12:]
+
     def judge(self, words, code, err, allowed, known):
         """One line and a documented code when it fails, nothing left behind."""
         self.runs += 1
@@ -56,7 +59,10 @@ class Soak:
         elif code > 0 and (len(lines) != 1 or not lines[0].startswith("kelpa: ")):
             self.fault(words, f"exit {code} with other than one line: {text[-300:]!r}")
         left = sorted(set(os.listdir(self.folder)) - known)
-        if left and (code != DONE or any(".part" in name for name in left)):
+        # Of a series what was finished stays, whole.
+        series = any("#" in word for word in words)
+        whole = [name for name in left if code == DONE or (series and self.is_whole(name))]
+        if left != [name for name in whole if ".part" not in name]:
             self.fault(words, f"exit {code} leaves {left}")
         for name in left:
             path = self.folder / name
