@@ -105,6 +105,7 @@ TEST_F(Molecules, BuildAssembliesOfPdb) {
     EXPECT_TRUE(holdsAll(complaintAbout(atoms, options), {"describes no assembly"}));
     EXPECT_TRUE(holdsAll(complaintAbout(lost + matrix("   2", 0) + atoms, options),
                          {"row '1' of BIOMT matrix '2' where row 3"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(lost + remarks + atoms, options), {"has 2 of 3 rows"}));
     EXPECT_TRUE(holdsAll(complaintAbout("1\n\nH 0 0 0\n", options), {"XYZ has no assemblies"}));
 }
 

@@ -94,6 +94,8 @@ void AssemblyRemarks::read(InputFile const& file, std::string_view line) {
     std::string_view text = line.substr(remark.size());
     std::string_view rest = text;
     std::string_view const word = nextWord(rest);
+    if (word == "BIOMOLECULE:" || word == "APPLY")
+        expectWholeMatrix(file);
     if (word == "BIOMOLECULE:")
         assemblies.push_back({std::string(nextWord(rest)), {}});
     else if (word.starts_with("BIOMT"))
@@ -139,9 +141,13 @@ void AssemblyRemarks::readMatrixRow(InputFile const& file, std::string_view text
     rowsRead = (rowsRead + 1) % 3;
 }
 
-std::vector<Assembly> AssemblyRemarks::finish(InputFile const& file) {
+void AssemblyRemarks::expectWholeMatrix(InputFile const& file) const {
     if (rowsRead != 0)
         file.fail("BIOMT matrix {} has {} of 3 rows", quoted(number), rowsRead);
+}
+
+std::vector<Assembly> AssemblyRemarks::finish(InputFile const& file) {
+    expectWholeMatrix(file);
     return std::move(assemblies);
 }
 

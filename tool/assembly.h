@@ -46,6 +46,7 @@ class AssemblyRemarks {
 
   private:
     void readMatrixRow(InputFile const& file, std::string_view text);
+    void expectWholeMatrix(InputFile const& file) const;
     void readChains(std::string_view list);
 
     std::vector<Assembly> assemblies;
