@@ -3,7 +3,9 @@
 
 #include "kelpa/foundation/fixedlist.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace Kelpa {
 
@@ -70,6 +72,21 @@ travelTogether(FixedList<Traveller, mostTravellers>& travellers) {
         for (int k = 0; k < numAtLeaf; ++k)
             if (travellers[static_cast<unsigned>(atLeaf[k])].visitLeaf())
                 walking[numWalking++] = atLeaf[k];
+    }
+}
+
+/// Searches a tree for several rays at a time; `found[i]` tells whether `rays[i]` has hit
+/// something.
+template <class Traveller, class Tree, class Ray>
+[[gnu::always_inline]] inline void searchTogether(Tree const& tree, std::span<Ray*> rays,
+                                                  bool* found) {
+    for (std::size_t i = 0; i < rays.size();) {
+        FixedList<Traveller, mostTravellers> travellers;
+        for (std::size_t k = i; k < rays.size() && !travellers.isFull(); ++k)
+            travellers.add([&] { return Traveller(tree, *rays[k]); });
+        travelTogether(travellers);
+        for (Traveller& traveller : travellers)
+            found[i++] = traveller.finish();
     }
 }
 

@@ -1,3 +1,4 @@
+#include "kelpa/spheretree/intersectmany.h"
 #include "kelpa/spheretree/kernelvariant.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/motionblur/mbtraversal.h"
@@ -22,42 +23,29 @@ constexpr MBFindClosestOfMany* findClosestOfManyBy[kernelVariants] = {
 constexpr MBFindClosestOfMany* findClosestOfManyBy[kernelVariants] = {scalar::findClosestOfMany};
 #endif
 
+/// What a query answers for the hit that it has found for a ray.
+int codeOf(MBTree const& tree, MBSphereRay const& ray) {
+    auto const& system = tree.particleSystems.elements[tree.systemOf(*ray.hitRecord->hitSphere)];
+    return hitCode(system.particles0->particleType);
+}
+
 } // namespace
 
 template <class Sphere, int NodeBlock, int LeafBlock>
 int MBSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(MBSphereRay& ray) const {
     if (!clipToBox(ray, rootBox.box))
         return 0;
-    if (!findClosestBy[static_cast<int>(chosenVariant())](*this, ray))
-        return 0;
-    auto const& system = particleSystems.elements[systemOf(*ray.hitRecord->hitSphere)];
-    return hitCode(system.particles0->particleType);
+    return findClosestBy[static_cast<int>(chosenVariant())](*this, ray) ? codeOf(*this, ray) : 0;
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
 void MBSphereTree<Sphere, NodeBlock, LeafBlock>::intersectMany(std::span<MBSphereRay> rays,
                                                                int* codes) const {
-    constexpr std::size_t most = 64;
-    for (std::size_t begin = 0; begin < rays.size(); begin += most) {
-        MBSphereRay* inBox[most];
-        int* codeOf[most];
-        std::size_t count = 0;
-        for (std::size_t i = begin; i < rays.size() && i < begin + most; ++i) {
-            codes[i] = 0;
-            inBox[count] = &rays[i];
-            codeOf[count] = &codes[i];
-            count += clipToBox(rays[i], rootBox.box) ? 1 : 0;
-        }
-        bool found[most];
-        findClosestOfManyBy[static_cast<int>(chosenVariant())](*this, {inBox, count}, found);
-        for (std::size_t i = 0; i < count; ++i) {
-            if (!found[i])
-                continue;
-            auto const& system =
-                particleSystems.elements[systemOf(*inBox[i]->hitRecord->hitSphere)];
-            *codeOf[i] = hitCode(system.particles0->particleType);
-        }
-    }
+    auto* const findMany = findClosestOfManyBy[static_cast<int>(chosenVariant())];
+    intersectInBox(
+        rootBox.box, rays, codes,
+        [&](std::span<MBSphereRay*> inBox, bool* found) { findMany(*this, inBox, found); },
+        [this](auto const& ray) { return codeOf(*this, ray); });
 }
 
 template void MBSphereTree<MBSphere, 20000, 20000>::intersectMany(std::span<MBSphereRay>,

@@ -2,7 +2,6 @@
 
 #include "kelpa/spheretree/motionblur/mbtraversal.h"
 
-#include "kelpa/foundation/fixedlist.h"
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/nearestsphere.h"
@@ -357,10 +356,6 @@ class Traveller {
     PostponedChildren<MBSphereNode, usualInnerLevels> postponed;
 };
 
-} // namespace
-
-namespace {
-
 /// Whether rays start so near each other that what one reads of a tree is at hand for the next. A
 /// guess from three of them; only the speed depends on it.
 bool startTogether(Tree const& tree, std::span<MBSphereRay*> rays) {
@@ -384,14 +379,7 @@ void findClosestOfMany(MBTree const& tree, std::span<MBSphereRay*> rays, bool* f
             found[i] = findClosest(tree, *rays[i]);
         return;
     }
-    for (std::size_t i = 0; i < rays.size();) {
-        FixedList<Traveller, mostTravellers> travellers;
-        for (std::size_t k = i; k < rays.size() && !travellers.isFull(); ++k)
-            travellers.add([&] { return Traveller(tree, *rays[k]); });
-        travelTogether(travellers);
-        for (Traveller& traveller : travellers)
-            found[i++] = traveller.finish();
-    }
+    searchTogether<Traveller>(tree, rays, found);
 }
 
 bool findClosest(MBTree const& tree, MBSphereRay& ray) {

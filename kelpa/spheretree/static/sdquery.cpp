@@ -1,3 +1,4 @@
+#include "kelpa/spheretree/intersectmany.h"
 #include "kelpa/spheretree/kernelvariant.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/static/sdtraversal.h"
@@ -22,41 +23,29 @@ constexpr SDFindClosestOfMany* findClosestOfManyBy[kernelVariants] = {
 constexpr SDFindClosestOfMany* findClosestOfManyBy[kernelVariants] = {scalar::findClosestOfMany};
 #endif
 
+/// What a query answers for the hit that it has found for a ray.
+int codeOf(SDTree const& tree, SDSphereRay const& ray) {
+    auto const& system = tree.particleSystems.elements[tree.systemOf(*ray.hit->sphere)];
+    return hitCode(system.particles->particleType);
+}
+
 } // namespace
 
 template <class Sphere, int NodeBlock, int LeafBlock>
 int SDSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(SDSphereRay& ray) const {
     if (!clipToBox(ray, bbox))
         return 0;
-    if (!findClosestBy[static_cast<int>(chosenVariant())](*this, ray))
-        return 0;
-    auto const& system = particleSystems.elements[systemOf(*ray.hit->sphere)];
-    return hitCode(system.particles->particleType);
+    return findClosestBy[static_cast<int>(chosenVariant())](*this, ray) ? codeOf(*this, ray) : 0;
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
 void SDSphereTree<Sphere, NodeBlock, LeafBlock>::intersectMany(std::span<SDSphereRay> rays,
                                                                int* codes) const {
-    constexpr std::size_t most = 64;
-    for (std::size_t begin = 0; begin < rays.size(); begin += most) {
-        SDSphereRay* inBox[most];
-        int* codeOf[most];
-        std::size_t count = 0;
-        for (std::size_t i = begin; i < rays.size() && i < begin + most; ++i) {
-            codes[i] = 0;
-            inBox[count] = &rays[i];
-            codeOf[count] = &codes[i];
-            count += clipToBox(rays[i], bbox) ? 1 : 0;
-        }
-        bool found[most];
-        findClosestOfManyBy[static_cast<int>(chosenVariant())](*this, {inBox, count}, found);
-        for (std::size_t i = 0; i < count; ++i) {
-            if (!found[i])
-                continue;
-            auto const& system = particleSystems.elements[systemOf(*inBox[i]->hit->sphere)];
-            *codeOf[i] = hitCode(system.particles->particleType);
-        }
-    }
+    auto* const findMany = findClosestOfManyBy[static_cast<int>(chosenVariant())];
+    intersectInBox(
+        bbox, rays, codes,
+        [&](std::span<SDSphereRay*> inBox, bool* found) { findMany(*this, inBox, found); },
+        [this](auto const& ray) { return codeOf(*this, ray); });
 }
 
 template void SDSphereTree<SDSphere, 20000, 20000>::intersectMany(std::span<SDSphereRay>,

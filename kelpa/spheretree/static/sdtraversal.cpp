@@ -2,7 +2,6 @@
 
 #include "kelpa/spheretree/static/sdtraversal.h"
 
-#include "kelpa/foundation/fixedlist.h"
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/nearestsphere.h"
 #include "kelpa/spheretree/splitchoice.h"
@@ -279,14 +278,7 @@ void findClosestOfMany(SDTree const& tree, std::span<SDSphereRay*> rays, bool* f
             found[i] = findClosest(tree, *rays[i]);
         return;
     }
-    for (std::size_t i = 0; i < rays.size();) {
-        FixedList<Traveller, mostTravellers> travellers;
-        for (std::size_t k = i; k < rays.size() && !travellers.isFull(); ++k)
-            travellers.add([&] { return Traveller(tree, *rays[k]); });
-        travelTogether(travellers);
-        for (Traveller& traveller : travellers)
-            found[i++] = traveller.finish();
-    }
+    searchTogether<Traveller>(tree, rays, found);
 }
 
 bool findClosest(SDTree const& tree, SDSphereRay& ray) {
