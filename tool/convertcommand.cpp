@@ -1,7 +1,7 @@
 #include "tool/commands.h"
 #include "tool/image.h"
 #include "tool/phases.h"
-#include "tool/standardstreams.h"
+#include "tool/saveparticles.h"
 
 namespace kelpatool {
 
@@ -21,12 +21,7 @@ int runConvert(Options const& options) {
     checkWritable(options.output);
     ParticleSet particles = readParticles(options.particles.files[0], options, false);
     keepRadii(particles);
-    withProgress("write", options.run, [&](PhaseProgress const& progress) {
-        writePly(options.output, particles, options.ascii, progress);
-        return 0;
-    });
-    if (!options.run.quiet)
-        say("wrote {}, {} particles\n", options.output, withCommas(particles.positions.size()));
+    saveParticles(options, particles);
     return 0;
 }
 

@@ -1,7 +1,7 @@
 #include "tool/commands.h"
 #include "tool/image.h"
 #include "tool/phases.h"
-#include "tool/standardstreams.h"
+#include "tool/saveparticles.h"
 
 namespace kelpatool {
 
@@ -11,12 +11,7 @@ int runGenerate(Options const& options) {
         withProgress("make", options.run, [&](PhaseProgress const& progress) {
             return generateParticles(options.kind, options.count, options.run.seed, progress);
         });
-    withProgress("write", options.run, [&](PhaseProgress const& progress) {
-        writePly(options.output, particles, options.ascii, progress);
-        return 0;
-    });
-    if (!options.run.quiet)
-        say("wrote {}, {} particles\n", options.output, withCommas(particles.positions.size()));
+    saveParticles(options, particles);
     return 0;
 }
 
