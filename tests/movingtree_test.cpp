@@ -133,14 +133,7 @@ TEST(MovingClouds, AnswerBunchesLikeSingleRaysAtTheirTimes) {
                 for (double& from : ray.origin)
                     from = roundedToSingle(from);
                 single.push_back(ray);
-                params.originX[lane] = ray.origin[0];
-                params.originY[lane] = ray.origin[1];
-                params.originZ[lane] = ray.origin[2];
-                params.dirX[lane] = ray.dir.x;
-                params.dirY[lane] = ray.dir.y;
-                params.dirZ[lane] = ray.dir.z;
-                params.time[lane] = ray.time;
-                params.skipIndex[lane] = ray.skipIndex;
+                setLane(params, lane, ray);
                 tMins[lane] = scene.isAlone() ? ray.intervalMin : ray.clipMin;
                 tMaxs[lane] = scene.isAlone() ? ray.intervalMax : ray.clipMax;
                 result.hitT[lane] = std::numeric_limits<double>::infinity();

@@ -175,6 +175,17 @@ bool isTrueHit(Scene<Primitive> const& scene, Query const& query, int code, RSRa
     return alone.code == code && alone.t == ray.hitT && isSame(ray.hitNormal, normal);
 }
 
+inline void setLane(RayBunchExtParams& params, std::size_t lane, RSRay const& ray) {
+    params.originX[lane] = ray.origin[0];
+    params.originY[lane] = ray.origin[1];
+    params.originZ[lane] = ray.origin[2];
+    params.dirX[lane] = ray.dir.x;
+    params.dirY[lane] = ray.dir.y;
+    params.dirZ[lane] = ray.dir.z;
+    params.time[lane] = ray.time;
+    params.skipIndex[lane] = ray.skipIndex;
+}
+
 /// Whether rays with origins of single precision, asked as one list of up to 64, get the answers
 /// that they got singly.
 template <class Primitive>
@@ -189,14 +200,7 @@ bool isSameAsList(Scene<Primitive>& scene, std::vector<RSRay> const& rays,
     for (std::size_t i = 0; i < rays.size(); ++i) {
         RSRay const& ray = rays[i];
         std::size_t const lane = laneOf(i);
-        params.originX[lane] = ray.origin[0];
-        params.originY[lane] = ray.origin[1];
-        params.originZ[lane] = ray.origin[2];
-        params.dirX[lane] = ray.dir.x;
-        params.dirY[lane] = ray.dir.y;
-        params.dirZ[lane] = ray.dir.z;
-        params.time[lane] = ray.time;
-        params.skipIndex[lane] = ray.skipIndex;
+        setLane(params, lane, ray);
         tMins[lane] = scene.isAlone() ? ray.intervalMin : ray.clipMin;
         tMaxs[i] = scene.isAlone() ? ray.intervalMax : ray.clipMax;
         result.hitT[lane] = std::numeric_limits<double>::infinity();
