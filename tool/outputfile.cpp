@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace kelpatool {
 
@@ -25,10 +26,41 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int lookMilliseconds = 20; // between two looks for Ctrl-C while waiting for a pipe
+constexpr std::size_t flushBytes = 8 * 1024 * 1024; // so that no wait for the disk is long
 
 void throwIfInterrupted() {
     if (Kelpa::InterruptScope::interrupted())
         throw Interrupted();
+}
+
+/// Where a path leads when all links are followed, whether or not there is a file.
+std::string destinationOf(std::string const& path) {
+    fs::path place = path;
+    std::error_code error;
+    constexpr int manyLinks = 40; // as many as the system follows
+    for (int i = 0; i < manyLinks && fs::is_symlink(fs::symlink_status(place, error)); ++i)
+        place = place.parent_path() / fs::read_symlink(place, error);
+    return place.string();
+}
+
+/// A name in the same folder that tells whose it is, cut where the folder takes no longer ones.
+std::string temporaryName(std::string const& target, int attempt) {
+    fs::path const folder = fs::path(target).parent_path();
+    std::string name = fs::path(target).filename().string();
+    std::string const end = fmt::format(".{}-{}.part", getpid(), attempt);
+    long const longest = pathconf(folder.empty() ? "." : folder.c_str(), _PC_NAME_MAX);
+    constexpr long usual = 255;
+    std::size_t const room = static_cast<std::size_t>(longest > 0 ? longest : usual) - end.size();
+    if (name.size() > room) {
+        auto const isInside = [](char c) {
+            return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
+        };
+        std::size_t cut = room;
+        while (cut > 0 && isInside(name[cut])) // never within a letter of several bytes
+            --cut;
+        name.resize(cut);
+    }
+    return (folder / (name + end)).string();
 }
 
 } // namespace
@@ -47,7 +79,6 @@ OutputFile::~OutputFile() {
 
 void OutputFile::write(std::string_view bytes) {
     // In steps, so that no wait for the disk is so long that an interruption would be late.
-    constexpr std::size_t flushBytes = 8 * 1024 * 1024;
     while (!bytes.empty()) {
         throwIfInterrupted();
         ssize_t const count = ::write(descriptor, bytes.data(), std::min(bytes.size(), flushBytes));
@@ -69,13 +100,56 @@ void OutputFile::write(std::string_view bytes) {
 
 void OutputFile::commit() {
     flush();
+    if (keepsPlace)
+        copyInto();
     int const closed = close(descriptor);
     descriptor = -1;
     if (closed != 0)
         fail(errno);
-    if (isTemporary && std::rename(written.c_str(), target.c_str()) != 0)
+    if (isTemporary && !keepsPlace)
+        rename();
+}
+
+void OutputFile::rename() {
+    if (std::rename(written.c_str(), target.c_str()) != 0)
         fail(errno);
     isTemporary = false;
+}
+
+/// Puts the bytes into the file that is there, which so stays the same one under all its names.
+/// Room is made first: a full disk leaves what was in it.
+void OutputFile::copyInto() {
+    struct stat whole {};
+    struct stat before {};
+    int const there = ::open(target.c_str(), O_WRONLY | O_CLOEXEC);
+    int const here = ::open(written.c_str(), O_RDONLY | O_CLOEXEC);
+    int error =
+        there < 0 || here < 0 || fstat(here, &whole) != 0 || fstat(there, &before) != 0 ? errno : 0;
+    if (error == 0 && whole.st_size > before.st_size) {
+        error = posix_fallocate(there, before.st_size, whole.st_size - before.st_size);
+        if (error != 0)
+            static_cast<void>(ftruncate(there, before.st_size));
+    }
+    std::vector<char> bytes(flushBytes);
+    while (error == 0) {
+        ssize_t const count = ::read(here, bytes.data(), bytes.size());
+        if (count == 0)
+            break;
+        for (ssize_t done = 0; error == 0 && done < count;) {
+            ssize_t const taken =
+                ::write(there, bytes.data() + done, static_cast<std::size_t>(count - done));
+            error = taken < 0 ? errno : 0;
+            done += taken;
+        }
+        error = count < 0 ? errno : error;
+    }
+    if (error == 0 && (ftruncate(there, whole.st_size) != 0 || fsync(there) != 0))
+        error = errno;
+    for (int const opened : {there, here})
+        if (opened >= 0)
+            close(opened);
+    if (error != 0)
+        fail(error);
 }
 
 void OutputFile::check(std::string const& path) {
@@ -95,32 +169,25 @@ void OutputFile::resolve() {
         fail(ENOENT);
     if (fs::is_directory(status))
         fail(EISDIR);
-    target = path;
-    isTemporary = !fs::exists(status) || fs::is_regular_file(status);
-    if (!fs::is_regular_file(status))
-        return;
-    // A link stays one: what it leads to is replaced. Renaming would replace a read-only file too;
-    // who protects a file means its content.
-    fs::path const canonical = fs::canonical(path, error);
-    if (!error)
-        target = canonical.string();
-    if (access(target.c_str(), W_OK) != 0)
+    if (!fs::status_known(status)) // links in a circle, a folder that may not be looked into
+        fail(error.value());
+    isReplacing = fs::is_regular_file(status);
+    isTemporary = !fs::exists(status) || isReplacing;
+    // A link stays one: what it leads to is made or replaced.
+    target = isTemporary ? destinationOf(path) : path;
+    // Renaming would replace a read-only file too; who protects a file means its content.
+    if (isReplacing && access(target.c_str(), W_OK) != 0)
         fail(errno);
 }
 
 void OutputFile::open() {
     written = target;
-    int const flags = O_WRONLY | O_CLOEXEC;
-    if (!isTemporary)
+    if (isTemporary)
+        openTemporary();
+    else
         descriptor = openExisting();
-    for (int attempt = 0; isTemporary && descriptor < 0 && attempt < 100; ++attempt) {
-        written = fmt::format("{}.{}-{}.part", target, getpid(), attempt);
-        descriptor = ::open(written.c_str(), flags | O_CREAT | O_EXCL, 0666);
-        if (descriptor < 0 && errno != EEXIST)
-            break;
-    }
     if (descriptor >= 0)
-        return;
+        return isReplacing ? resemble() : void();
     int const reason = errno;
     fs::path const folder = fs::path(target).parent_path();
     std::error_code error;
@@ -128,6 +195,29 @@ void OutputFile::open() {
         throw OutputError(
             fmt::format("{}: cannot be written: there is no folder {}", path, folder.string()));
     fail(reason);
+}
+
+void OutputFile::openTemporary() {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        written = temporaryName(target, attempt);
+        descriptor = ::open(written.c_str(), O_WRONLY | O_CLOEXEC | O_CREAT | O_EXCL, 0666);
+        if (descriptor >= 0 || errno != EEXIST)
+            return;
+    }
+}
+
+/// Gives the temporary file the owner and the mode of the one that it replaces, before there is
+/// anything in it to see.
+void OutputFile::resemble() {
+    struct stat old {};
+    struct stat own {};
+    if (stat(target.c_str(), &old) != 0 || fstat(descriptor, &own) != 0)
+        fail(errno);
+    bool const isOwned = (old.st_uid == own.st_uid && old.st_gid == own.st_gid) ||
+                         fchown(descriptor, old.st_uid, old.st_gid) == 0;
+    // Some file systems know no modes; there is none to keep then.
+    static_cast<void>(fchmod(descriptor, old.st_mode & 07777U));
+    keepsPlace = old.st_nlink > 1 || !isOwned;
 }
 
 /// Opens what is no ordinary file; a pipe when its reader comes.

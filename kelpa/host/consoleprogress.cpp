@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <system_error>
 
 namespace Kelpa {
@@ -15,8 +16,9 @@ namespace {
 std::atomic<bool> wasInterrupted = false;
 static_assert(std::atomic<bool>::is_always_lock_free); // or a signal handler must not touch it
 
-struct sigaction oldInterrupt;
-struct sigaction oldTerminate;
+// Ctrl-C, an orderly end, and a terminal that was closed.
+constexpr int answered[] = {SIGINT, SIGTERM, SIGHUP};
+struct sigaction formerActions[std::size(answered)];
 
 void noteSignal(int) {
     wasInterrupted.store(true, std::memory_order_relaxed);
@@ -38,13 +40,16 @@ InterruptScope::InterruptScope() {
     // A second signal meets the default again: whoever insists is obeyed at once.
     action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
     sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &oldInterrupt);
-    sigaction(SIGTERM, &action, &oldTerminate);
+    for (std::size_t i = 0; i < std::size(answered); ++i) {
+        sigaction(answered[i], nullptr, &formerActions[i]);
+        if (formerActions[i].sa_handler != SIG_IGN) // as nohup and shells ask for
+            sigaction(answered[i], &action, nullptr);
+    }
 }
 
 InterruptScope::~InterruptScope() {
-    sigaction(SIGINT, &oldInterrupt, nullptr);
-    sigaction(SIGTERM, &oldTerminate, nullptr);
+    for (std::size_t i = 0; i < std::size(answered); ++i)
+        sigaction(answered[i], &formerActions[i], nullptr);
 }
 
 bool InterruptScope::interrupted() {

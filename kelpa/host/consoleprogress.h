@@ -12,11 +12,12 @@
 
 namespace Kelpa {
 
-/// Answers Ctrl-C (SIGINT) and SIGTERM, while one exists, by setting a flag; a second Ctrl-C within
-/// the same scope ends the process as it would have without. One at a time.
+/// Answers Ctrl-C (SIGINT), SIGTERM and a terminal that is closed (SIGHUP), while one exists, by
+/// setting a flag; a second Ctrl-C within the same scope ends the process as it would have without.
+/// A signal that the process was started to ignore, as nohup does, stays ignored. One at a time.
 class InterruptScope {
   public:
-    /// Takes the two signals over.
+    /// Takes the signals over.
     InterruptScope();
     InterruptScope(InterruptScope const&) = delete;
     InterruptScope& operator=(InterruptScope const&) = delete;
