@@ -1,0 +1,108 @@
+"""Particle systems: what trees are made of."""
+
+from __future__ import annotations
+
+from typing import Optional, Sequence
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from . import _checks as check
+
+
+class Particles:
+    """One particle system: spheres or points, still or between two snapshots.
+
+    Parameters
+    ----------
+    positions : (N, 3) float32
+        Centres, in any unit of length.
+    radii : (N,) float32, or a number for all
+        In the same unit. Particles with a radius below 1e-15, or with anything that is not finite,
+        are left out of trees.
+    colors : (N, 3) float32 or uint8, optional
+        For pictures: linear light from 0 to 1, or sRGB from 0 to 255.
+    positions1, radii1 : as `positions` and `radii`, optional
+        The second snapshot, same particles in the same order. With it the particles move in
+        straight lines from one to the other; without `radii1` the radii stay.
+    times : (first, second)
+        When the snapshots were taken, as fractions of the shutter: 0 <= first < second <= 1.
+    base_index : int, optional
+        Reported index of the first particle; by default they follow those of the system before it
+        in the tree, and begin at 0.
+    type : "sphere" or "point"
+        A sphere is solid and hit on its surface. A point is hit where a ray passes closest to it,
+        if that is within the radius.
+
+    The arrays are used in place when they are C-contiguous and float32 (memory-mapped files, too),
+    and are kept alive; do not change their contents while a primitive uses them. Others are copied.
+
+    Raises ValueError for other shapes, types that do not convert (complex, text), and values out of
+    range. All is read-only afterwards.
+    """
+
+    __slots__ = (
+        "positions", "radii", "colors", "positions1", "radii1", "times", "base_index", "type",
+    )
+
+    positions: NDArray[np.float32]
+    radii: NDArray[np.float32]
+    colors: Optional[NDArray[np.float32]]
+    positions1: Optional[NDArray[np.float32]]
+    radii1: Optional[NDArray[np.float32]]
+    times: tuple[float, float]
+    base_index: Optional[int]
+    type: str
+
+    def __init__(
+        self,
+        positions: ArrayLike,
+        radii: ArrayLike,
+        *,
+        colors: Optional[ArrayLike] = None,
+        positions1: Optional[ArrayLike] = None,
+        radii1: Optional[ArrayLike] = None,
+        times: Sequence[float] = (0.0, 1.0),
+        base_index: Optional[int] = None,
+        type: str = "sphere",
+    ) -> None:
+        centers = check.vectors("positions", positions)
+        count = len(centers)
+        if count > check.LARGEST:
+            raise ValueError(f"positions: at most {check.LARGEST} particles, found {count}")
+        if radii1 is not None and positions1 is None:
+            raise ValueError("radii1: given without positions1, the second snapshot's centres")
+        if type not in ("sphere", "point"):
+            raise ValueError(f"type: expected 'sphere' or 'point', found {type!r}")
+        sizes = check.scalars("radii", radii, count)
+        self._set("positions", centers)
+        self._set("radii", sizes)
+        self._set("colors", None if colors is None else check.colors(colors, count))
+        centers1 = None if positions1 is None else check.vectors("positions1", positions1, count)
+        sizes1 = sizes if radii1 is None else check.scalars("radii1", radii1, count)
+        self._set("positions1", centers1)
+        self._set("radii1", None if positions1 is None else sizes1)
+        self._set("times", check.span("times", times))
+        if base_index is not None:
+            base_index = check.integer("base_index", base_index, 0, check.LARGEST - max(count - 1, 0))
+        self._set("base_index", base_index)
+        self._set("type", type)
+
+    def _set(self, name: str, value: object) -> None:
+        object.__setattr__(self, name, value)
+
+    def __setattr__(self, name: str, value: object) -> None:
+        raise AttributeError(f"{name}: particles cannot be changed; make new ones")
+
+    def __len__(self) -> int:
+        """The number of particles."""
+        return len(self.positions)
+
+    @property
+    def is_moving(self) -> bool:
+        """Whether there are two snapshots."""
+        return self.positions1 is not None
+
+    def __repr__(self) -> str:
+        kind = "moving" if self.is_moving else "still"
+        return f"<kelpa.Particles: {len(self):,} {kind} {self.type}s>"

@@ -1,0 +1,352 @@
+"""Trees over particle systems: built once, then asked by rays and for pictures."""
+
+from __future__ import annotations
+
+import math
+from dataclasses import dataclass
+from typing import Any, Callable, Optional, Sequence, Union
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from . import _checks as check
+from . import _native
+from .camera import Camera
+from .particles import Particles
+
+Progress = Callable[[Optional[float], str], object]
+
+
+@dataclass(frozen=True, eq=False)
+class Hits:
+    """The closest hits of rays, in arrays shaped like the rays (without their last axis).
+
+    t : (...) float32
+        Ray parameter: the hit lies at origin + t * direction. Infinity without a hit.
+    index : (...) int64
+        Index of the particle; -1 without a hit.
+    normal : (..., 3) float32
+        Not normalised: for a sphere from its centre to the hit, as long as its radius; for a point
+        against the ray; zero without a hit.
+    type : (...) uint8
+        0: no hit, 1: on a sphere, 2: on a point.
+    """
+
+    t: NDArray[np.float32]
+    index: NDArray[np.int64]
+    normal: NDArray[np.float32]
+    type: NDArray[np.uint8]
+
+    @property
+    def mask(self) -> NDArray[np.bool_]:
+        """Where there is a hit."""
+        return np.not_equal(self.type, 0)
+
+    def unit_normals(self) -> NDArray[np.float32]:
+        """The normals with length 1; zero without a hit."""
+        length = np.linalg.norm(self.normal, axis=-1, keepdims=True)
+        units: NDArray[np.float32] = self.normal / np.where(length > 0, length, np.float32(1))
+        return units
+
+
+class Primitive:
+    """A tree over particle systems, ready to be asked by rays.
+
+    Parameters
+    ----------
+    particles : Particles, or a sequence of them
+        All still or all moving. Their ranges of reported indices must not overlap.
+    max_depth : int, optional
+        Limits the tree's depth (60 for still particles, 80 for moving ones).
+    min_node_size : float
+        Nodes with a smaller diagonal become leaves.
+    leaf_size_factor : float, optional
+        Lets leaves grow with depth (2 and 1).
+    pack : bool
+        Keep copies of spheres in the order of the tree: faster rays, more memory, the same hits.
+    moving_bounds : bool
+        Have `motion` say how the bounds move, and `bounds` apply to time 0 only.
+    threads : int
+        0: as many as there are processors.
+    progress : callable, optional
+        See the module.
+
+    Raises ValueError for particles that cannot be in one tree, MemoryError, KeyboardInterrupt.
+    """
+
+    __slots__ = ("_systems", "_bases", "_tree", "__weakref__")
+
+    def __init__(
+        self,
+        particles: Union[Particles, Sequence[Particles]],
+        *,
+        max_depth: Optional[int] = None,
+        min_node_size: float = 0.0,
+        leaf_size_factor: Optional[float] = None,
+        pack: bool = True,
+        moving_bounds: bool = False,
+        threads: int = 0,
+        progress: Optional[Progress] = None,
+    ) -> None:
+        systems = (particles,) if isinstance(particles, Particles) else tuple(particles)
+        for system in systems:
+            if not isinstance(system, Particles):
+                raise TypeError(
+                    f"particles: expected kelpa.Particles, found {type(system).__name__}"
+                )
+        if len({system.is_moving for system in systems}) > 1:
+            raise ValueError("particles: expected all still or all moving, found both")
+        if len(systems) > 65536:
+            raise ValueError(f"particles: at most 65536 systems, found {len(systems)}")
+        if max_depth is not None:
+            max_depth = check.integer("max_depth", max_depth, 1, 1024)
+        if leaf_size_factor is not None:
+            leaf_size_factor = check.number("leaf_size_factor", leaf_size_factor, 0.0, 1e30)
+        self._systems = systems
+        self._bases = _bases(systems)
+        self._tree = _native.Tree(
+            [
+                (
+                    s.positions, s.radii, s.colors, s.positions1, s.radii1, *s.times,
+                    0 if s.type == "sphere" else 1, base,
+                )
+                for s, base in zip(systems, self._bases)
+            ],
+            max_depth,
+            check.number("min_node_size", min_node_size, 0.0, 1e30),
+            leaf_size_factor,
+            bool(pack),
+            bool(moving_bounds),
+            check.integer("threads", threads, 0),
+            progress,
+        )
+
+    @property
+    def systems(self) -> tuple[Particles, ...]:
+        """The particle systems, in the order in which they were given."""
+        return self._systems
+
+    @property
+    def bases(self) -> tuple[int, ...]:
+        """For each system the reported index of its first particle."""
+        return self._bases
+
+    @property
+    def is_moving(self) -> bool:
+        """Whether the particles move, so that rays have times."""
+        return bool(self._systems) and self._systems[0].is_moving
+
+    @property
+    def bounds(self) -> Optional[NDArray[np.float32]]:
+        """Lowest and highest corner (2, 3) of all usable particles, a little widened; of moving
+        ones over the whole way. None without any."""
+        found = self._tree.bounds()
+        return None if found is None else found[0]
+
+    @property
+    def motion(self) -> Optional[NDArray[np.float32]]:
+        """Velocities (2, 3) of the corners of `bounds`, in lengths per shutter: at time t all lies
+        within bounds + t * motion. Zero unless built with `moving_bounds`."""
+        found = self._tree.bounds()
+        return None if found is None else found[1]
+
+    @property
+    def memory(self) -> int:
+        """Bytes that the tree holds, besides the particles' arrays."""
+        found = self._tree.statistics()
+        return int(found["tree_bytes"] + found["packed_bytes"])
+
+    @property
+    def statistics(self) -> dict[str, Any]:
+        """What the build made: `particles` given, `used` and `left_out`, `nodes`, `leaf_entries`,
+        `max_depth`, `tree_bytes`, `packed_bytes`, `build_seconds`."""
+        found = self._tree.statistics()
+        found["left_out"] = found["particles"] - found["used"]
+        return found
+
+    def _extent(self) -> Optional[tuple[NDArray[np.float64], NDArray[np.float64]]]:
+        found = self._tree.bounds()
+        if found is None:
+            return None
+        boxes = [found[0].astype(np.float64), (found[0] + found[1]).astype(np.float64)]
+        return np.minimum(boxes[0][0], boxes[1][0]), np.maximum(boxes[0][1], boxes[1][1])
+
+    def intersect(
+        self,
+        origins: ArrayLike,
+        directions: ArrayLike,
+        *,
+        tmin: ArrayLike = 0.0,
+        tmax: ArrayLike = math.inf,
+        time: ArrayLike = 0.5,
+        skip: ArrayLike = -1,
+        lists: bool = False,
+        threads: int = 0,
+        progress: Optional[Progress] = None,
+    ) -> Hits:
+        """Finds the closest hit of each ray.
+
+        Parameters
+        ----------
+        origins, directions : (..., 3) float32
+            Directions need not be normalised. One of the two may be (3,), for all rays.
+        tmin, tmax : a number, or (...) float64
+            The interval of ray parameters to search, in units of the direction's length. Beyond
+            1e30 nothing is found.
+        time : a number, or (...) float32
+            For moving particles: the fraction of the shutter. Outside of all snapshots' times there
+            is nothing; exactly at the earliest particles may be missed.
+        skip : an integer, or (...) int64
+            Index of the particle that a ray starts on: a sphere is then hit only where the ray
+            leaves it, a point not at all. -1, or any number that no particle has: none.
+        lists : bool
+            Ask in lists of 64 rays instead of one by one. The hits are the same; which is faster
+            depends on the tree, mostly by a few percent.
+        threads, progress
+            See the module.
+
+        Returns Hits, whose arrays have the shape (...). Rays that are not finite, or have no
+        direction, hit nothing.
+        Raises ValueError for arrays of other shapes or types.
+        """
+        starts = check.ray_vectors("origins", origins)
+        ways = check.ray_vectors("directions", directions)
+        shape = starts.shape[:-1] or ways.shape[:-1] or (1,)
+        for name, array in (("origins", starts), ("directions", ways)):
+            if array.ndim > 1 and array.shape[:-1] != shape:
+                raise check.shape_error(name, f"{(*shape, 3)} like origins, or (3,)", array)
+        count = math.prod(shape)
+        found = self._tree.intersect(
+            count,
+            starts,
+            ways,
+            check.per_ray("tmin", tmin, shape, np.float64),
+            check.per_ray("tmax", tmax, shape, np.float64),
+            check.per_ray("time", time, shape, np.float32),
+            check.per_ray("skip", skip, shape, np.int64),
+            bool(lists),
+            check.integer("threads", threads, 0),
+            progress,
+        )
+        t, index, normal, kind = found
+        return Hits(
+            t.reshape(shape), index.reshape(shape), normal.reshape(*shape, 3), kind.reshape(shape)
+        )
+
+    def system_of(self, index: ArrayLike) -> NDArray[np.int64]:
+        """For each reported index the number of its system in `systems`; -1 for other numbers."""
+        indices = check.array("index", index, np.int64, "integers")
+        order = np.argsort(self._bases, kind="stable")
+        order = order[[len(self._systems[i]) > 0 for i in order]]
+        if len(order) == 0:
+            return np.full(indices.shape, -1, dtype=np.int64)
+        bases = np.array(self._bases, dtype=np.int64)[order]
+        counts = np.array([len(self._systems[i]) for i in order], dtype=np.int64)
+        place = np.maximum(np.searchsorted(bases, indices, side="right") - 1, 0)
+        inside = (indices >= bases[place]) & (indices < bases[place] + counts[place])
+        return np.where(inside, order[place], -1)
+
+    def render(
+        self,
+        camera: Optional[Camera] = None,
+        width: int = 640,
+        height: int = 480,
+        *,
+        samples: int = 4,
+        shade: str = "headlight",
+        color: Sequence[float] = (0.26, 0.42, 0.62),
+        background: Optional[Sequence[float]] = None,
+        shutter: Sequence[float] = (0.0, 1.0),
+        threads: int = 0,
+        progress: Optional[Progress] = None,
+    ) -> NDArray[np.float32]:
+        """Draws the particles; (height, width, 4) float32, row by row from the top left.
+
+        The channels are linear red, green, blue, already multiplied by the fourth: the part of the
+        pixel that particles cover, or 1 with a `background`. `to_srgb` makes it ready for a file.
+
+        Parameters
+        ----------
+        camera : Camera, optional
+            By default `Camera.framing(self)`.
+        samples : int
+            Per pixel, spread over its area and over the shutter; 1 is in its middle.
+        shade : "headlight", "flat" or "normals"
+            Lit from the eye, in plain colours, or normals in the camera's axes as colours.
+        color, background : three numbers
+            Linear; `color` is that of systems without colours.
+        shutter : (opens, closes)
+            For moving particles: the times to blur over, within 0 to 1.
+
+        Raises ValueError for values out of range.
+        """
+        width = check.integer("width", width, 1, 65536)
+        height = check.integer("height", height, 1, 65536)
+        if shade not in ("headlight", "flat", "normals"):
+            raise ValueError(f"shade: expected 'headlight', 'flat' or 'normals', found {shade!r}")
+        if camera is None:
+            camera = Camera.framing(self, aspect=width / height)
+        if not isinstance(camera, Camera):
+            raise TypeError(f"camera: expected a kelpa.Camera, found {type(camera).__name__}")
+        return self._tree.render(
+            [axis.tolist() for axis in camera._axes()],
+            camera._extent(),
+            camera.parallel_height is not None,
+            width,
+            height,
+            shade,
+            check.integer("samples", samples, 1, 65536),
+            check.span("shutter", shutter),
+            check.triple("color", color),
+            None if background is None else check.triple("background", background),
+            check.integer("threads", threads, 0),
+            progress,
+        )
+
+    def __repr__(self) -> str:
+        kind = "moving" if self.is_moving else "still"
+        found = self.statistics
+        left_out = f", {found['left_out']:,} left out" if found["left_out"] > 0 else ""
+        used = f"{found['used']:,} {kind} particles{left_out}"
+        return f"<kelpa.Primitive: {used}, {self.memory:,} bytes>"
+
+
+def _bases(systems: Sequence[Particles]) -> tuple[int, ...]:
+    """Reported index of each system's first particle; the ranges must be disjoint."""
+    bases = []
+    end = 0
+    for system in systems:
+        base = end if system.base_index is None else system.base_index
+        end = base + len(system)
+        if end - 1 > check.LARGEST:
+            raise ValueError(f"particles: at most {check.LARGEST} indices, found {end}")
+        bases.append(base)
+    ranges = sorted((b, b + len(s)) for b, s in zip(bases, systems) if len(s) > 0)
+    for (_, end_before), (begin, _) in zip(ranges, ranges[1:]):
+        if begin < end_before:
+            raise ValueError(
+                f"base_index: systems overlap, one ends before {end_before}, one begins at {begin}"
+            )
+    return tuple(bases)
+
+
+def build(
+    positions: ArrayLike,
+    radii: ArrayLike,
+    *,
+    colors: Optional[ArrayLike] = None,
+    positions1: Optional[ArrayLike] = None,
+    radii1: Optional[ArrayLike] = None,
+    times: Sequence[float] = (0.0, 1.0),
+    base_index: Optional[int] = None,
+    type: str = "sphere",
+    **options: Any,
+) -> Primitive:
+    """A primitive over one system: `Primitive(Particles(positions, radii, ...), **options)`."""
+    return Primitive(
+        Particles(
+            positions, radii, colors=colors, positions1=positions1, radii1=radii1, times=times,
+            base_index=base_index, type=type,
+        ),
+        **options,
+    )
