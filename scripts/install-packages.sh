@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, as far as they are missing.
+# Without the right to install, prints the line that an administrator should run.
 # `install-packages.sh --no-tests` leaves out what only tests and benchmark use.
 set -euo pipefail
 
@@ -19,15 +20,16 @@ if [[ ${#missing[@]} == 0 ]]; then
     exit 0
 fi
 
-echo "installing ${missing[*]}"
 asRoot=()
 if [[ $EUID != 0 ]]; then
     if ! command -v sudo >/dev/null; then
-        echo "install-packages.sh: needs root or sudo to install: ${missing[*]}" >&2
+        echo "install-packages.sh: needs root or sudo; an administrator should run:" >&2
+        echo "  apt-get install --no-install-recommends ${missing[*]}" >&2
         exit 1
     fi
     asRoot=(sudo)
 fi
+echo "installing ${missing[*]}"
 "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
 "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
     "${missing[@]}"

@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import math
+import sys
+import warnings
 from typing import Any, Optional, Sequence
 
 import numpy as np
@@ -13,6 +15,7 @@ LARGEST = 2**31 - 1
 
 def array(name: str, value: ArrayLike, dtype: type, expected: str) -> NDArray[Any]:
     """`value` as a C-contiguous array of `dtype`; the same memory if it is one already."""
+    _refuse_masked(name, value)
     try:
         array = np.asarray(value)
     except ValueError as error:  # rows of different lengths
@@ -23,6 +26,19 @@ def array(name: str, value: ArrayLike, dtype: type, expected: str) -> NDArray[An
             f"found {array.dtype}"
         )
     return np.require(array, dtype=dtype, requirements=["C", "A"])
+
+
+def _refuse_masked(name: str, value: ArrayLike) -> None:
+    # numpy would hand over what lies below the mask.
+    parts = value if isinstance(value, (list, tuple)) else [value]
+    masked = sum(
+        int(np.count_nonzero(part.mask)) for part in parts if isinstance(part, np.ma.MaskedArray)
+    )
+    if masked > 0:
+        raise ValueError(
+            f"{name}: {masked:,} values are masked; leave them out or fill them, "
+            "for example by .filled(...)"
+        )
 
 
 def shape_error(name: str, expected: str, array: NDArray[Any]) -> ValueError:
@@ -48,11 +64,31 @@ def scalars(name: str, value: ArrayLike, count: int) -> NDArray[np.float32]:
 
 
 def colors(value: ArrayLike, count: int) -> NDArray[np.float32]:
-    if getattr(value, "dtype", None) == np.uint8:
-        encoded = np.arange(256) / 255.0
-        linear = np.where(encoded <= 0.04045, encoded / 12.92, ((encoded + 0.055) / 1.055) ** 2.4)
-        value = linear.astype(np.float32)[np.asarray(value)]
-    return vectors("colors", value, count)
+    light = vectors("colors", value, count)
+    given = np.asarray(value)
+    if given.dtype == np.uint8 or (given.dtype.kind in "iu" and not np.isin(given, (0, 1)).all()):
+        return _light_of_codes(given)
+    strange = int(np.count_nonzero(~((light >= -1e-3) & (light <= 1.001)).all(axis=1)))
+    if strange > 0:
+        warnings.warn(
+            f"kelpa: {strange:,} of {count:,} colors are not within 0 to 1, which is linear light; "
+            "sRGB from 0 to 255 is given as integers, such as colors.astype(np.uint8)",
+            stacklevel=caller_level(),
+        )
+    return light
+
+
+def _light_of_codes(codes: NDArray[Any]) -> NDArray[np.float32]:
+    """Linear light of sRGB codes, 0 to 255."""
+    if codes.size > 0 and not 0 <= codes.min() <= codes.max() <= 255:
+        raise ValueError(
+            "colors: expected sRGB from 0 to 255 in integers, or linear light from 0 to 1, "
+            f"found {codes.dtype} from {codes.min()} to {codes.max()}"
+        )
+    encoded = np.arange(256) / 255.0
+    linear = np.where(encoded <= 0.04045, encoded / 12.92, ((encoded + 0.055) / 1.055) ** 2.4)
+    light: NDArray[np.float32] = linear.astype(np.float32)[codes]
+    return light
 
 
 def ray_vectors(name: str, value: ArrayLike) -> NDArray[np.float32]:
@@ -67,6 +103,8 @@ def per_ray(name: str, value: ArrayLike, shape: tuple[int, ...], dtype: type) ->
     values = array(name, value, dtype, f"an array of shape {expected}")
     if np.ndim(value) != 0 and values.shape != shape:
         raise shape_error(name, expected, values)
+    if np.isnan(values).any():
+        raise ValueError(f"{name}: {np.count_nonzero(np.isnan(values)):,} values are NaN")
     return values.reshape(-1)
 
 
@@ -112,3 +150,14 @@ def unit(vector: NDArray[np.float64], name: str) -> NDArray[np.float64]:
     if not 0.0 < length < math.inf:
         raise ValueError(f"{name}: expected a direction, found {vector.tolist()}")
     return vector / length
+
+
+def caller_level() -> int:
+    """The `stacklevel` by which the caller's warning names the line that called this module."""
+    here = __name__.partition(".")[0]
+    level = 1
+    frame = sys._getframe(1)
+    while frame.f_back is not None and frame.f_globals["__name__"].partition(".")[0] == here:
+        frame = frame.f_back
+        level += 1
+    return level

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Optional, Sequence
+from typing import Any, Optional, Sequence
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -19,9 +19,10 @@ class Particles:
         Centres, in any unit of length.
     radii : (N,) float32, or a number for all
         In the same unit. Particles with a radius below 1e-15, or with anything that is not finite,
-        are left out of trees.
-    colors : (N, 3) float32 or uint8, optional
-        For pictures: linear light from 0 to 1, or sRGB from 0 to 255.
+        are left out of trees, with a warning that counts them.
+    colors : (N, 3) float32 or integers, optional
+        For pictures: linear light from 0 to 1, or sRGB from 0 to 255 in integers. Integers of which
+        none exceeds 1 are linear light as well, unless they are uint8.
     positions1, radii1 : as `positions` and `radii`, optional
         The second snapshot, same particles in the same order. With it the particles move in
         straight lines from one to the other; without `radii1` the radii stay.
@@ -37,8 +38,8 @@ class Particles:
     The arrays are used in place when they are C-contiguous and float32 (memory-mapped files, too),
     and are kept alive; do not change their contents while a primitive uses them. Others are copied.
 
-    Raises ValueError for other shapes, types that do not convert (complex, text), and values out of
-    range. All is read-only afterwards.
+    Raises ValueError for other shapes, types that do not convert (complex, text), masked values and
+    values out of range. All is read-only afterwards. Particles can be copied and pickled.
     """
 
     __slots__ = (
@@ -93,6 +94,12 @@ class Particles:
 
     def __setattr__(self, name: str, value: object) -> None:
         raise AttributeError(f"{name}: particles cannot be changed; make new ones")
+
+    def __getstate__(self) -> dict[str, object]:
+        return {name: getattr(self, name) for name in self.__slots__}
+
+    def __setstate__(self, state: dict[str, Any]) -> None:
+        self.__init__(**state)  # type: ignore[misc]
 
     def __len__(self) -> int:
         """The number of particles."""

@@ -13,7 +13,7 @@ def to_srgb(picture: ArrayLike) -> NDArray[np.uint8]:
 
     A fourth channel stays linear, and the colours are divided by it, as PNG wants them.
     """
-    linear = np.asarray(picture, dtype=np.float32)
+    linear = check.array("picture", picture, np.float32, "an array of shape (..., 3 or 4)")
     if linear.ndim == 0 or linear.shape[-1] not in (3, 4):
         raise check.shape_error("picture", "(..., 3) or (..., 4)", linear)
     colors = linear[..., :3]

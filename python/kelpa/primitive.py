@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 import math
+import warnings
 from dataclasses import dataclass
-from typing import Any, Callable, Optional, Sequence, Union
+from typing import Any, Callable, NoReturn, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -120,6 +121,22 @@ class Primitive:
             check.integer("threads", threads, 0),
             progress,
         )
+        self._warn_of_left_out()
+
+    def _warn_of_left_out(self) -> None:
+        found = self.statistics
+        if found["left_out"] == 0:
+            return
+        finite = sum(int(_is_finite(system).sum()) for system in self._systems)
+        unfit = found["particles"] - finite
+        warnings.warn(
+            f"kelpa: {found['left_out']:,} of {found['particles']:,} particles left out "
+            f"({unfit:,} not finite, {found['left_out'] - unfit:,} with radius 0 or less)",
+            stacklevel=check.caller_level(),
+        )
+
+    def __reduce__(self) -> NoReturn:
+        raise TypeError("a kelpa.Primitive cannot be copied or pickled; its `systems` can")
 
     @property
     def systems(self) -> tuple[Particles, ...]:
@@ -207,7 +224,8 @@ class Primitive:
 
         Returns Hits, whose arrays have the shape (...). Rays that are not finite, or have no
         direction, hit nothing.
-        Raises ValueError for arrays of other shapes or types.
+        Raises ValueError for arrays of other shapes or types, for masked values, and for NaN in
+        `tmin`, `tmax` and `time`.
         """
         starts = check.ray_vectors("origins", origins)
         ways = check.ray_vectors("directions", directions)
@@ -309,6 +327,15 @@ class Primitive:
         left_out = f", {found['left_out']:,} left out" if found["left_out"] > 0 else ""
         used = f"{found['used']:,} {kind} particles{left_out}"
         return f"<kelpa.Primitive: {used}, {self.memory:,} bytes>"
+
+
+def _is_finite(system: Particles) -> NDArray[np.bool_]:
+    """Which particles are finite, and what they move by."""
+    result: NDArray[np.bool_] = np.isfinite(system.positions).all(axis=1)
+    result &= np.isfinite(system.radii)
+    if system.positions1 is not None and system.radii1 is not None:
+        result &= np.isfinite(system.positions1).all(axis=1) & np.isfinite(system.radii1)
+    return result
 
 
 def _bases(systems: Sequence[Particles]) -> tuple[int, ...]:

@@ -1,3 +1,4 @@
+import copy
 import gc
 import itertools
 import multiprocessing
@@ -156,7 +157,10 @@ class Particles(unittest.TestCase):
 
     def test_that_cannot_be_hit_are_left_out_and_told(self):
         positions = F([[0, 0, 5], [np.nan, 0, 1], [0, 0, 2], [0, 0, 3]])
-        primitive = kelpa.build(positions, [1, 1, 0, -1])
+        words = r"3 of 4 particles left out \(1 not finite, 2 with radius 0 or less\)"
+        with self.assertWarnsRegex(UserWarning, words) as warned:
+            primitive = kelpa.build(positions, [1, 1, 0, -1])
+        self.assertEqual(warned.filename, __file__)
         found = primitive.statistics
         self.assertEqual((found["particles"], found["used"], found["left_out"]), (4, 1, 3))
         self.assertEqual(primitive.intersect([0, 0, 0], [0, 0, 1]).index[0], 0)
@@ -167,9 +171,41 @@ class Particles(unittest.TestCase):
             self.assertFalse(empty.intersect([0, 0, 0], [0, 0, 1]).mask.any())
             self.assertFalse(empty.render(width=9, height=3).any())
 
+    def test_have_colours_of_any_usual_type(self):
+        codes = np.array([[255, 188, 0], [1, 128, 255]])
+        expected = kelpa.Particles(np.zeros((2, 3)), 1, colors=codes.astype(np.uint8)).colors
+        np.testing.assert_allclose(expected[0], [1, 0.5029, 0], atol=1e-4)
+        for other in (codes, codes.astype(np.uint16), codes.tolist()):
+            colors = kelpa.Particles(np.zeros((2, 3)), 1, colors=other).colors
+            np.testing.assert_array_equal(colors, expected)
+        light = kelpa.Particles(np.zeros((2, 3)), 1, colors=[[1, 0, 0], [0, 1, 0]]).colors
+        np.testing.assert_array_equal(light, [[1, 0, 0], [0, 1, 0]])
+        with self.assertWarnsRegex(UserWarning, "1 of 2 colors are not within 0 to 1.*uint8"):
+            kelpa.Particles(np.zeros((2, 3)), 1, colors=[[255.0, 0, 0], [0, 0.5, 1]])
+
+    def test_and_all_that_is_plain_data_can_be_copied_and_sent(self):
+        particles = cloud(1, 20, "point", moving=True, base_index=5, times=(0.25, 0.5))
+        hits = kelpa.Primitive(particles).intersect([-1, -1, -1], particles.positions + 1)
+        camera = kelpa.Camera((1, 2, 3), parallel_height=2)
+        with multiprocessing.get_context("spawn").Pool(1) as pool:
+            sent = pool.map(copy.copy, [particles, hits, camera])
+        for copies in (
+            sent, [copy.copy(x) for x in (particles, hits, camera)],
+            copy.deepcopy([particles, hits, camera]),
+        ):
+            for name in kelpa.Particles.__slots__:
+                found, expected = getattr(copies[0], name), getattr(particles, name)
+                np.testing.assert_array_equal(found, expected, name)
+            np.testing.assert_array_equal(copies[1].index, hits.index)
+            self.assertEqual(copies[2], camera)
+        with self.assertRaisesRegex(TypeError, "systems"):
+            copy.copy(kelpa.Primitive(particles))
+
     def test_and_rays_that_make_no_sense_are_refused_by_name_and_shape(self):
         p = np.zeros((10, 3), dtype=F)
         still, moving = kelpa.Particles(p, 1), kelpa.Particles(p, 1, positions1=p)
+        masked = np.ma.array(p)
+        masked[0] = np.ma.masked
         ask = kelpa.Primitive(still).intersect
         draw = kelpa.Primitive(still).render
         for call, words in (
@@ -178,6 +214,10 @@ class Particles(unittest.TestCase):
             (lambda: kelpa.Particles(p.astype(complex), 1), "positions: .*float32.*complex128"),
             (lambda: kelpa.Particles(p, np.ones(9)), r"radii: .*\(10,\).*\(9,\)"),
             (lambda: kelpa.Particles(p, "big"), "radii: "),
+            (lambda: kelpa.Particles(masked, 1), "positions: 3 values are masked"),
+            (lambda: kelpa.Particles(p, masked[:, 0]), "radii: 1 values are masked"),
+            (lambda: kelpa.Particles(p, 1, colors=p.astype(int) - 300), "colors: .*-300"),
+            (lambda: kelpa.Particles(p, 1, colors=p.astype(int) + 300), "colors: .*300"),
             (lambda: kelpa.Particles(p, 1, colors=p[:5]), r"colors: .*10, 3.*5, 3"),
             (lambda: kelpa.Particles(p, 1, positions1=p[1:]), r"positions1: .*10, 3.*9, 3"),
             (lambda: kelpa.Particles(p, 1, radii1=2), "radii1: .*positions1"),
@@ -195,6 +235,10 @@ class Particles(unittest.TestCase):
             (lambda: ask(np.zeros((5, 3)), p), r"directions: .*5, 3.*10, 3"),
             (lambda: ask(p, p, tmin=np.zeros(4)), r"tmin: .*\(10,\).*\(4,\)"),
             (lambda: ask(p, p, tmax=np.zeros((10, 1))), r"tmax: .*\(10,\).*\(10, 1\)"),
+            (lambda: ask(p, p, tmax=masked[:, 0]), "tmax: 1 values are masked"),
+            (lambda: ask([masked[0], p[0]], p[:2]), "origins: 3 values are masked"),
+            (lambda: ask(p, p, tmin=np.nan), "tmin: 1 values are NaN"),
+            (lambda: ask(p, p, tmax=[1.0] * 8 + [np.nan] * 2), "tmax: 2 values are NaN"),
             (lambda: ask(p, p, time="noon"), "time: "),
             (lambda: ask(p, p, skip=0.5), "skip: .*int64.*float64"),
             (lambda: draw(width=0), "width: .*0"),
