@@ -3,11 +3,12 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/host/consoleprogress.h"
 
-#include "tool/commands.h"
-#include "tool/interruptwatch.h"
-#include "tool/options.h"
-#include "tool/particlefile.h"
-#include "tool/standardstreams.h"
+#include "pipeline/files/particlefile.h"
+
+#include "tool/commands/commands.h"
+#include "tool/options/options.h"
+#include "tool/process/interruptwatch.h"
+#include "tool/process/standardstreams.h"
 
 #include <fmt/format.h>
 

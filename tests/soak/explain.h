@@ -1,7 +1,7 @@
 #pragma once
 // Why a tree's answer differs from the judge's.
 
-#include "tests/movingscene.h"
+#include "tests/support/movingscene.h"
 
 #include <algorithm>
 #include <array>

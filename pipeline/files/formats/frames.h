@@ -1,0 +1,25 @@
+#pragma once
+
+#include "pipeline/files/inputfile.h"
+#include "pipeline/files/particlefile.h"
+
+namespace kelpatool {
+
+/// A format whose files hold frame after frame, as `readFrameOf` asks for them.
+class FrameFormat {
+  public:
+    virtual ~FrameFormat() = default;
+
+    /// Reads what stands before the rows of frame `index`; false at the end of the file.
+    virtual bool begin(InputFile& file, int index) = 0;
+    /// Passes over the rows of the frame that was begun last, and what stands behind them.
+    virtual void skip(InputFile& file) = 0;
+    /// Reads them instead.
+    virtual ParticleSet read(InputFile& file, ReadOptions const& options) = 0;
+};
+
+/// Reads the frame that `options` ask for, from where the file stands: `file.frames` tells how many
+/// frames are behind it. To summarise or to count from the end, all others are passed over as well.
+ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const& options);
+
+} // namespace kelpatool

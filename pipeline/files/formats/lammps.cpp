@@ -1,0 +1,308 @@
+#include "pipeline/files/formats/frames.h"
+#include "pipeline/files/formats/textrows.h"
+#include "pipeline/files/textvalues.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstring>
+#include <optional>
+
+// Text dumps of LAMMPS (A. P. Thompson et al., Computer Physics Communications 271, 2022): frames
+// of items, each a line that starts with "ITEM:" and the lines that belong to it. The item ATOMS
+// names the columns of the rows that follow; their order changes from frame to frame.
+
+namespace kelpatool {
+
+namespace {
+
+using std::array;
+
+constexpr std::string_view itemMark = "ITEM:";
+
+constexpr VectorColumns unwrapped = {"xu yu zu", {"xu", "yu", "zu"}};
+constexpr VectorColumns wrapped = {"x y z", {"x", "y", "z"}};
+constexpr VectorColumns scaledUnwrapped = {"xsu ysu zsu", {"xsu", "ysu", "zsu"}};
+constexpr VectorColumns scaled = {"xs ys zs", {"xs", "ys", "zs"}};
+
+constexpr VectorColumns positionNames[] = {unwrapped, wrapped};
+constexpr VectorColumns velocityNames[] = {{"vx vy vz", {"vx", "vy", "vz"}}};
+constexpr VectorColumns imageNames[] = {{"ix iy iz", {"ix", "iy", "iz"}}};
+constexpr VectorColumns noImages[] = {{"", {"", "", ""}}};
+
+bool hasAll(RowLayout const& layout, VectorColumns const& vector) {
+    return std::all_of(std::begin(vector.names), std::end(vector.names),
+                       [&](std::string_view name) { return layout.find(name) != nullptr; });
+}
+
+// The box ------------------------------------------------------------------------------------
+
+/// The cell that three lines of bounds make. With tilts `xy xz yz` the bounds are those of the box
+/// around the tilted cell; with `abc origin` each line is an edge and a coordinate of the origin.
+PeriodicCell cellOf(array<array<double, 4>, 3> const& lines, bool isTilted, bool isGeneral) {
+    PeriodicCell cell;
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        if (isGeneral) {
+            std::copy_n(lines[axis].begin(), 3, cell.edges[axis].begin());
+            cell.origin[axis] = lines[axis][3];
+        } else {
+            cell.origin[axis] = lines[axis][0];
+            cell.edges[axis][axis] = lines[axis][1] - lines[axis][0];
+        }
+    }
+    if (isTilted && !isGeneral) {
+        double const xy = lines[0][2];
+        double const xz = lines[1][2];
+        double const yz = lines[2][2];
+        double const lowX = std::min({0.0, xy, xz, xy + xz});
+        double const highX = std::max({0.0, xy, xz, xy + xz});
+        cell.origin[0] -= lowX;
+        cell.edges[0][0] -= highX - lowX;
+        cell.origin[1] -= std::min(0.0, yz);
+        cell.edges[1][1] -= std::abs(yz);
+        cell.edges[1][0] = xy;
+        cell.edges[2][0] = xz;
+        cell.edges[2][1] = yz;
+    }
+    return cell;
+}
+
+/// Whether the boundary flags of one axis, such as "pp" or "fs", say periodic.
+bool isPeriodic(std::string_view flags) {
+    return flags.starts_with('p');
+}
+
+// Frames -------------------------------------------------------------------------------------
+
+class LammpsFrames final : public FrameFormat {
+  public:
+    bool begin(InputFile& file, int index) override;
+    void skip(InputFile& file) override { skipTextRows(file, frame); }
+    ParticleSet read(InputFile& file, ReadOptions const& options) override;
+
+  private:
+    std::string_view itemLine(InputFile& file, std::string_view what);
+    void readStep(InputFile& file);
+    void readCount(InputFile& file);
+    void readBox(InputFile& file, std::string_view flags);
+    void skipItem(InputFile& file);
+    RowLayout layoutOf(InputFile& file) const;
+
+    TextFrame frame;
+    bool hasCount = false;
+    std::optional<PeriodicCell> cell;
+    std::string columns; ///< their names, as the item ATOMS lists them
+};
+
+/// The next line of an item that is not at its end.
+std::string_view LammpsFrames::itemLine(InputFile& file, std::string_view what) {
+    std::optional<std::string_view> const line = file.nextLine();
+    if (!line)
+        file.failHere("{} ends before {}{}", frame.name, what, frame.wayOn());
+    return *line;
+}
+
+void LammpsFrames::readStep(InputFile& file) {
+    std::string_view const line = itemLine(file, "its time step");
+    std::string_view words = line;
+    std::int64_t step = 0;
+    if (!parseNumber(nextWord(words), step))
+        file.failHere("{} where the time step of {} belongs{}", quoted(line), frame.name,
+                      frame.wayOn());
+    frame.name = fmt::format("frame at step {}", step);
+}
+
+void LammpsFrames::readCount(InputFile& file) {
+    std::string_view const line = itemLine(file, "its number of atoms");
+    std::string_view words = line;
+    if (!parseNumber(nextWord(words), frame.rows) || !nextWord(words).empty())
+        file.failHere("{} where the number of atoms of {} belongs{}", quoted(line), frame.name,
+                      frame.wayOn());
+    hasCount = true;
+}
+
+void LammpsFrames::readBox(InputFile& file, std::string_view flags) {
+    std::string_view const known = flags;
+    bool const isTilted = known.find("xy xz yz") != std::string_view::npos;
+    bool const isGeneral = known.find("abc origin") != std::string_view::npos;
+    // Both in one line are no box of LAMMPS; the general form counts then, and is cut off once.
+    if (isGeneral)
+        flags.remove_prefix(known.find("origin") + std::strlen("origin"));
+    else if (isTilted)
+        flags.remove_prefix(known.find("yz") + std::strlen("yz"));
+    array<array<double, 4>, 3> lines{};
+    std::size_t const numbers = isGeneral ? 4 : isTilted ? 3 : 2;
+    array<bool, 3> periodic{};
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        // Dumps of old versions have no flags; nearly all of their boxes were periodic.
+        std::string_view const flag = nextWord(flags);
+        periodic[axis] = flag.empty() || isPeriodic(flag);
+    }
+    for (array<double, 4>& bounds : lines) {
+        std::string_view const line = itemLine(file, "its box");
+        std::string_view words = line;
+        for (std::size_t i = 0; i < numbers; ++i)
+            if (!parseNumber(nextWord(words), bounds[i]))
+                file.failHere("{} where {} bounds of the box of {} belong{}", quoted(line), numbers,
+                              frame.name, frame.wayOn());
+    }
+    cell = cellOf(lines, isTilted, isGeneral);
+    cell->isPeriodic = periodic;
+}
+
+/// Passes over the lines of an item that tells nothing of particles, such as UNITS or TIME.
+void LammpsFrames::skipItem(InputFile& file) {
+    for (;;) {
+        std::optional<std::string_view> const line = file.peekLine();
+        if (!line || line->starts_with(itemMark))
+            return;
+        file.nextLine();
+    }
+}
+
+bool LammpsFrames::begin(InputFile& file, int index) {
+    std::optional<std::string_view> line = file.peekLine();
+    while (line && line->find_first_not_of(" \t") == std::string_view::npos) {
+        file.nextLine();
+        line = file.peekLine();
+    }
+    if (!line)
+        return false;
+    frame = {index, 0, fmt::format("frame {}", index), itemMark};
+    hasCount = false;
+    cell.reset();
+    for (;;) {
+        std::string_view item = itemLine(file, "its rows");
+        if (!item.starts_with(itemMark))
+            file.failHere("{} where {} belongs, as after as many rows as {} promises{}",
+                          quoted(item), quoted(itemMark), frame.name, frame.wayOn());
+        item.remove_prefix(itemMark.size());
+        item.remove_prefix(std::min(item.size(), item.find_first_not_of(' ')));
+        if (item.starts_with("TIMESTEP")) {
+            readStep(file);
+        } else if (item.starts_with("NUMBER OF ATOMS")) {
+            readCount(file);
+        } else if (item.starts_with("BOX BOUNDS")) {
+            // A copy: the flags are in a line that is gone once the next is read.
+            readBox(file, std::string(item.substr(std::strlen("BOX BOUNDS"))));
+        } else if (item.starts_with("ATOMS")) {
+            columns = item.substr(std::strlen("ATOMS"));
+            break;
+        } else if (item.starts_with("NUMBER OF") || item.starts_with("ENTRIES") ||
+                   item.starts_with("GRID")) {
+            file.failHere("{}, which are no atoms; dumps of style atom and custom are read",
+                          quoted(item));
+        } else {
+            skipItem(file);
+        }
+    }
+    if (!hasCount)
+        file.failHere("rows of {} before the item NUMBER OF ATOMS{}", frame.name, frame.wayOn());
+    return true;
+}
+
+/// The columns that the item ATOMS names. What starts as no number does in the first row is text,
+/// unless it is a place or an id.
+RowLayout LammpsFrames::layoutOf(InputFile& file) const {
+    constexpr std::string_view numbers[] = {"id", "xu", "yu", "zu",  "x",   "y",  "z",
+                                            "xs", "ys", "zs", "xsu", "ysu", "zsu"};
+    constexpr std::size_t mostColumns = 1000;
+    RowLayout layout;
+    std::string_view names = columns;
+    std::string_view row = frame.rows > 0 ? file.peekLine().value_or("") : "";
+    for (std::string_view name = nextWord(names); !name.empty(); name = nextWord(names)) {
+        std::string_view const word = nextWord(row);
+        double number = 0.0;
+        bool const isText =
+            !word.empty() && !parseNumber(word, number) &&
+            std::find(std::begin(numbers), std::end(numbers), name) == std::end(numbers);
+        if (layout.words.size() == mostColumns)
+            file.failHere("more than {} columns", mostColumns);
+        layout.addWord(std::string(name), "number",
+                       name == "element" ? WordKind::element
+                       : isText          ? WordKind::text
+                                         : WordKind::number);
+    }
+    if (layout.words.empty())
+        file.failHere(
+            "the item ATOMS names no columns, as in dumps from before 2008; dump again or "
+            "add their names, such as: ITEM: ATOMS id type xs ys zs");
+    return layout;
+}
+
+/// Turns scaled coordinates of a row, fractions of the cell's edges, into places.
+class Unscaler {
+  public:
+    Unscaler(RowLayout& layout, VectorColumns const& from, VectorColumns const& to,
+             PeriodicCell const& box)
+        : cell(box) {
+        for (std::string_view const name : to.names)
+            layout.addDerived(std::string(name));
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            sources[axis] = layout.find(from.names[axis])->offset;
+            targets[axis] = layout.find(to.names[axis])->offset;
+        }
+    }
+
+    void operator()(char* row) const {
+        array<double, 3> place = cell.origin;
+        for (std::size_t edge = 0; edge < 3; ++edge) {
+            double fraction = 0.0;
+            std::memcpy(&fraction, row + sources[edge], sizeof fraction);
+            for (std::size_t axis = 0; axis < 3; ++axis)
+                place[axis] += fraction * cell.edges[edge][axis];
+        }
+        for (std::size_t axis = 0; axis < 3; ++axis)
+            std::memcpy(row + targets[axis], &place[axis], sizeof place[axis]);
+    }
+
+  private:
+    PeriodicCell cell;
+    array<std::size_t, 3> sources{};
+    array<std::size_t, 3> targets{};
+};
+
+ParticleSet LammpsFrames::read(InputFile& file, ReadOptions const& options) {
+    RowLayout layout = layoutOf(file);
+    // Which coordinates are taken, in order of preference; where particles move, those that go on
+    // beyond the cell come first.
+    VectorColumns const* from = nullptr;
+    for (VectorColumns const* const choice :
+         {&unwrapped, options.forMotion ? &scaledUnwrapped : &wrapped,
+          options.forMotion ? &wrapped : &scaledUnwrapped, &scaled})
+        if (from == nullptr && hasAll(layout, *choice))
+            from = choice;
+    bool const isScaled = from == &scaled || from == &scaledUnwrapped;
+    bool const isWrapped = from == &wrapped || from == &scaled;
+
+    std::function<void(char*)> derive;
+    if (isScaled) {
+        if (!cell)
+            file.failHere("{} of {} are fractions of a box, and the item BOX BOUNDS is missing{}",
+                          from->source, frame.name, frame.wayOn());
+        derive = Unscaler(layout, *from, isWrapped ? wrapped : unwrapped, *cell);
+    }
+    ParticleSet particles;
+    particles.format = "LAMMPS dump";
+    particles.cell = cell;
+    particles.isUnwrapped = !isWrapped;
+    bool const hasElements = layout.find("element") != nullptr;
+    ColumnNames const names = {"column",
+                               positionNames,
+                               {},
+                               velocityNames,
+                               "element",
+                               isWrapped ? imageNames : noImages,
+                               hasElements ? "" : "type"};
+    readTextRows(file, frame, layout, names, options, particles, derive);
+    return particles;
+}
+
+} // namespace
+
+ParticleSet readLammps(InputFile& file, ReadOptions const& options) {
+    LammpsFrames frames;
+    return readFrameOf(file, frames, options);
+}
+
+} // namespace kelpatool

@@ -1,0 +1,405 @@
+#include "pipeline/files/columns.h"
+#include "pipeline/files/inputfile.h"
+#include "pipeline/files/textvalues.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <optional>
+
+// PLY, after Greg Turk, "The PLY Polygon File Format", 1994: a text header that lists elements and
+// their properties, then all rows of the first element, all rows of the second, and so on. Only
+// `vertex` is read; what stands before it is skipped and what stands behind it is left alone.
+
+namespace kelpatool {
+
+namespace {
+
+enum class Encoding { ascii, littleEndian, bigEndian };
+
+struct Property {
+    std::string name;
+    std::string typeName;
+    ScalarType type;                      ///< of the value, or of a list's entries
+    std::optional<ScalarType> listLength; ///< the type of a list's length; empty: one value
+};
+
+struct Element {
+    std::string name;
+    std::uint64_t count = 0;
+    std::vector<Property> properties;
+
+    bool hasLists() const {
+        return std::any_of(properties.begin(), properties.end(), [](Property const& property) {
+            return property.listLength.has_value();
+        });
+    }
+    /// Bytes of a binary row, its lists left out.
+    std::size_t rowBytes() const {
+        std::size_t bytes = 0;
+        for (Property const& property : properties)
+            bytes += property.listLength ? 0 : scalarBytes(property.type);
+        return bytes;
+    }
+};
+
+struct Header {
+    Encoding encoding = Encoding::ascii;
+    std::vector<Element> elements;
+};
+
+constexpr VectorColumns positionNames[] = {{"x y z", {"x", "y", "z"}}};
+constexpr VectorColumns colorNames[] = {
+    {"red green blue", {"red", "green", "blue"}},
+    {"r g b", {"r", "g", "b"}},
+    {"diffuse_red diffuse_green diffuse_blue", {"diffuse_red", "diffuse_green", "diffuse_blue"}}};
+constexpr VectorColumns velocityNames[] = {{"vx vy vz", {"vx", "vy", "vz"}}};
+constexpr ColumnNames plyNames = {"property", positionNames, colorNames, velocityNames, "element",
+                                  {},         "type"};
+
+// The header ---------------------------------------------------------------------------------
+
+ScalarType scalarType(InputFile const& file, std::string_view name) {
+    struct Name {
+        std::string_view text;
+        ScalarType type;
+    };
+    static constexpr Name names[] = {
+        {"char", ScalarType::int8},      {"int8", ScalarType::int8},
+        {"uchar", ScalarType::uint8},    {"uint8", ScalarType::uint8},
+        {"short", ScalarType::int16},    {"int16", ScalarType::int16},
+        {"ushort", ScalarType::uint16},  {"uint16", ScalarType::uint16},
+        {"int", ScalarType::int32},      {"int32", ScalarType::int32},
+        {"uint", ScalarType::uint32},    {"uint32", ScalarType::uint32},
+        {"long", ScalarType::int64},     {"int64", ScalarType::int64},
+        {"ulong", ScalarType::uint64},   {"uint64", ScalarType::uint64},
+        {"float", ScalarType::float32},  {"float32", ScalarType::float32},
+        {"double", ScalarType::float64}, {"float64", ScalarType::float64},
+    };
+    for (Name const& known : names)
+        if (known.text == name)
+            return known.type;
+    file.failHere("no PLY type {}", quoted(name));
+}
+
+Encoding encodingOf(InputFile const& file, std::string_view name) {
+    if (name == "ascii")
+        return Encoding::ascii;
+    if (name == "binary_little_endian")
+        return Encoding::littleEndian;
+    if (name == "binary_big_endian")
+        return Encoding::bigEndian;
+    file.failHere("no PLY format {}; it is ascii, binary_little_endian or binary_big_endian",
+                  quoted(name));
+}
+
+Element parseElement(InputFile const& file, std::string_view line) {
+    Element element;
+    element.name = nextWord(line);
+    std::string_view const count = nextWord(line);
+    if (element.name.empty() || !parseNumber(count, element.count))
+        file.failHere("{} where the number of elements {} belongs", quoted(count),
+                      quoted(element.name));
+    return element;
+}
+
+Property parseProperty(InputFile const& file, std::string_view line) {
+    Property property;
+    std::string_view type = nextWord(line);
+    if (type == "list") {
+        property.listLength = scalarType(file, nextWord(line));
+        if (isFloating(*property.listLength))
+            file.failHere("a list cannot be counted in floating-point numbers");
+        type = nextWord(line);
+    }
+    property.type = scalarType(file, type);
+    property.typeName = type;
+    property.name = nextWord(line);
+    if (property.name.empty())
+        file.failHere("a property without a name");
+    return property;
+}
+
+Header readHeader(InputFile& file) {
+    constexpr std::size_t mostProperties = 1000;
+    Header header;
+    bool knowsEncoding = false;
+    std::size_t propertyCount = 0;
+    if (file.nextLine() != "ply")
+        file.failHere("a PLY file starts with a line that says ply");
+    while (std::optional<std::string_view> line = file.nextLine()) {
+        std::string_view const keyword = nextWord(*line);
+        if (keyword == "end_header") {
+            if (!knowsEncoding)
+                file.fail("the header names no format");
+            return header;
+        }
+        if (keyword == "format") {
+            header.encoding = encodingOf(file, nextWord(*line));
+            knowsEncoding = true;
+        } else if (keyword == "element") {
+            header.elements.push_back(parseElement(file, *line));
+        } else if (keyword == "property") {
+            if (header.elements.empty())
+                file.failHere("a property before the first element");
+            if (++propertyCount > mostProperties)
+                file.failHere("more than {} properties", mostProperties);
+            header.elements.back().properties.push_back(parseProperty(file, *line));
+        } else if (keyword != "comment" && keyword != "obj_info" && !keyword.empty()) {
+            file.failHere("{} in the header; format, element, property, comment or end_header "
+                          "belong there",
+                          quoted(keyword));
+        }
+    }
+    file.fail("the header does not end: no line says end_header");
+}
+
+std::size_t findVertices(InputFile const& file, Header const& header) {
+    std::string present;
+    for (std::size_t index = 0; index < header.elements.size(); ++index) {
+        if (header.elements[index].name == "vertex")
+            return index;
+        present += " " + header.elements[index].name;
+    }
+    file.fail("no element 'vertex'; it has{}", present.empty() ? " none" : present);
+}
+
+/// The columns of the vertices as `RowConverter` will see them: lists left out, text parsed.
+std::vector<Column> columnsOf(Element const& vertex, Encoding encoding) {
+    std::vector<Column> columns;
+    std::size_t offset = 0;
+    for (Property const& property : vertex.properties) {
+        if (property.listLength)
+            continue;
+        ScalarType const stored = encoding == Encoding::ascii
+                                      ? storedFromText(property.name, property.type)
+                                      : property.type;
+        columns.push_back({property.name, property.typeName, property.type, stored, offset});
+        offset += scalarBytes(stored);
+    }
+    return columns;
+}
+
+std::size_t rowBytesOf(std::vector<Column> const& columns) {
+    return columns.empty() ? 0 : columns.back().offset + scalarBytes(columns.back().stored);
+}
+
+// Binary rows --------------------------------------------------------------------------------
+
+[[noreturn]] void failShort(InputFile const& file, Element const& element,
+                            std::uint64_t bytesHeld) {
+    std::uint64_t const rowBytes = element.rowBytes();
+    std::string distance;
+    if (element.count < std::uint64_t{1} << 50) { // else the product might not fit
+        std::uint64_t const missing = element.count * rowBytes - bytesHeld;
+        // A copy in text mode changes a few bytes all over; a broken transfer ends anywhere.
+        bool const fewMissing = missing < bytesHeld / 100;
+        distance = fmt::format("; it is {} bytes short ({} copy?)", missing,
+                               fewMissing ? "text-mode" : "incomplete");
+    }
+    file.fail("header promises {} vertices of {} bytes, the file holds {}{}", element.count,
+              rowBytes, bytesHeld / rowBytes, distance);
+}
+
+/// Refuses a count that the rest of a plain file cannot hold, before anything is made for it.
+void checkPromise(InputFile const& file, Element const& element) {
+    std::optional<std::uint64_t> const left = file.bytesLeft();
+    if (left && element.count > *left / element.rowBytes())
+        failShort(file, element, *left);
+}
+
+void readFixedRows(InputFile& file, Element const& vertex, bool swapBytes,
+                   RowConverter& converter) {
+    std::size_t const rowBytes = vertex.rowBytes();
+    while (file.particles < vertex.count) {
+        std::string_view const window = file.peek(rowBytes);
+        std::uint64_t const rows =
+            std::min<std::uint64_t>(window.size() / rowBytes, vertex.count - file.particles);
+        if (rows == 0)
+            failShort(file, vertex, file.particles * rowBytes + window.size());
+        converter.append(window.data(), static_cast<std::size_t>(rows), rowBytes, swapBytes);
+        file.take(static_cast<std::size_t>(rows * rowBytes));
+        file.particles += rows;
+    }
+}
+
+std::uint64_t wholeNumber(char const* bytes, std::size_t size, bool bigEndian) {
+    std::uint64_t number = 0;
+    for (std::size_t i = 0; i < size; ++i)
+        number = (number << 8) | static_cast<unsigned char>(bytes[bigEndian ? i : size - 1 - i]);
+    return number;
+}
+
+/// Reads one row that may hold lists, which are skipped; the rest goes to `row`, one value behind
+/// the other. False when the file ends before the row does.
+bool gatherRow(InputFile& file, Element const& element, bool bigEndian, char* row) {
+    for (Property const& property : element.properties) {
+        std::size_t const size = scalarBytes(property.listLength.value_or(property.type));
+        std::string_view const window = file.peek(size);
+        if (window.size() < size)
+            return false;
+        if (!property.listLength) {
+            std::memcpy(row, window.data(), size);
+            row += size;
+            file.take(size);
+            continue;
+        }
+        // A negative length of a signed type is a huge one here, and runs into the file's end.
+        std::uint64_t const length = wholeNumber(window.data(), size, bigEndian);
+        std::uint64_t const entryBytes = scalarBytes(property.type);
+        file.take(size);
+        if (length > ~std::uint64_t{0} / entryBytes ||
+            file.skip(length * entryBytes) < length * entryBytes)
+            return false;
+    }
+    return true;
+}
+
+void gatherRows(InputFile& file, Element const& vertex, bool bigEndian, bool swapBytes,
+                RowConverter& converter) {
+    constexpr std::size_t rowsAtOnce = 256;
+    std::size_t const rowBytes = vertex.rowBytes();
+    std::vector<char> rows(rowsAtOnce * rowBytes);
+    while (file.particles < vertex.count) {
+        std::size_t const count = static_cast<std::size_t>(
+            std::min<std::uint64_t>(rowsAtOnce, vertex.count - file.particles));
+        for (std::size_t row = 0; row < count; ++row)
+            if (!gatherRow(file, vertex, bigEndian, rows.data() + row * rowBytes))
+                file.fail("header promises {} vertices, the file ends inside number {}",
+                          vertex.count, file.particles + row + 1);
+        converter.append(rows.data(), count, rowBytes, swapBytes);
+        file.particles += count;
+    }
+}
+
+void skipBinary(InputFile& file, Element const& element, bool bigEndian) {
+    std::uint64_t const rowBytes = element.rowBytes();
+    if (!element.hasLists()) {
+        if (rowBytes > 0 && (element.count > ~std::uint64_t{0} / rowBytes ||
+                             file.skip(element.count * rowBytes) < element.count * rowBytes))
+            file.fail("the file ends inside the {} elements {}", element.count,
+                      quoted(element.name));
+        return;
+    }
+    std::vector<char> ignored(static_cast<std::size_t>(rowBytes));
+    for (std::uint64_t row = 0; row < element.count; ++row)
+        if (!gatherRow(file, element, bigEndian, ignored.data()))
+            file.fail("the file ends inside element {} number {} of {}", quoted(element.name),
+                      row + 1, element.count);
+}
+
+// Text rows ----------------------------------------------------------------------------------
+
+/// The next line with something on it.
+std::optional<std::string_view> nextTextRow(InputFile& file) {
+    std::optional<std::string_view> line = file.nextLine();
+    while (line && line->find_first_not_of(" \t\r") == std::string_view::npos)
+        line = file.nextLine();
+    return line;
+}
+
+void skipText(InputFile& file, Element const& element) {
+    if (element.properties.empty())
+        return;
+    for (std::uint64_t row = 0; row < element.count; ++row)
+        if (!nextTextRow(file))
+            file.fail("the file ends inside element {} number {} of {}", quoted(element.name),
+                      row + 1, element.count);
+}
+
+/// Passes over a list in a line; false when a word of it is no number or missing.
+bool skipTextList(std::string_view& line) {
+    std::uint64_t length = 0;
+    if (!parseNumber(nextWord(line), length))
+        return false;
+    for (std::uint64_t entry = 0; entry < length; ++entry)
+        if (nextWord(line).empty())
+            return false;
+    return true;
+}
+
+void parseTextRow(InputFile const& file, Element const& vertex, std::vector<Column> const& columns,
+                  std::string_view line, char* row) {
+    auto column = columns.begin();
+    for (Property const& property : vertex.properties) {
+        if (property.listLength) {
+            if (!skipTextList(line))
+                file.failHere("the list {} is incomplete", quoted(property.name));
+            continue;
+        }
+        std::string_view const word = nextWord(line);
+        if (word.empty())
+            file.failHere("the line ends where a number for {} belongs", quoted(property.name));
+        if (!storeWord(*column, word, row))
+            file.failHere("{} where a number for {} belongs", quoted(word), quoted(property.name));
+        ++column;
+    }
+    if (std::string_view const word = nextWord(line); !word.empty())
+        file.failHere("{} behind the last of {} properties", quoted(word),
+                      vertex.properties.size());
+}
+
+void readTextRows(InputFile& file, Element const& vertex, std::vector<Column> const& columns,
+                  RowConverter& converter) {
+    constexpr std::size_t rowsAtOnce = 256;
+    std::size_t const rowBytes = rowBytesOf(columns);
+    std::vector<char> rows(rowsAtOnce * rowBytes);
+    while (file.particles < vertex.count) {
+        std::size_t const count = static_cast<std::size_t>(
+            std::min<std::uint64_t>(rowsAtOnce, vertex.count - file.particles));
+        for (std::size_t row = 0; row < count; ++row) {
+            std::optional<std::string_view> const line = nextTextRow(file);
+            if (!line)
+                file.fail("header promises {} vertices, the file holds {}", vertex.count,
+                          file.particles + row);
+            parseTextRow(file, vertex, columns, *line, rows.data() + row * rowBytes);
+        }
+        converter.append(rows.data(), count, rowBytes, false);
+        file.particles += count;
+    }
+}
+
+} // namespace
+
+ParticleSet readPly(InputFile& file, ReadOptions const& options) {
+    Header const header = readHeader(file);
+    if (options.frame != 0 && options.frame != -1)
+        throw NoSuchFrame(
+            fmt::format("{}: no frame {}; a PLY file holds one", file.path(), options.frame));
+    std::size_t const vertexIndex = findVertices(file, header);
+    Element const& vertex = header.elements[vertexIndex];
+    bool const isText = header.encoding == Encoding::ascii;
+    bool const bigEndian = header.encoding == Encoding::bigEndian;
+
+    ParticleSet particles;
+    particles.format = isText      ? "PLY ascii"
+                       : bigEndian ? "PLY binary big-endian"
+                                   : "PLY binary little-endian";
+    std::vector<Column> const columns = columnsOf(vertex, header.encoding);
+    RowConverter converter(particles, columns,
+                           chooseUses(file, columns, plyNames, options, particles),
+                           options.summarise);
+
+    for (std::size_t index = 0; index < vertexIndex; ++index) {
+        if (isText)
+            skipText(file, header.elements[index]);
+        else
+            skipBinary(file, header.elements[index], bigEndian);
+    }
+
+    bool const swapBytes = bigEndian != (std::endian::native == std::endian::big);
+    if (!isText)
+        checkPromise(file, vertex);
+    std::size_t const leastRow = isText ? 2 * columns.size() : vertex.rowBytes();
+    converter.reserve(plausibleRows(file, vertex.count, leastRow));
+    if (isText)
+        readTextRows(file, vertex, columns, converter);
+    else if (vertex.hasLists())
+        gatherRows(file, vertex, bigEndian, swapBytes, converter);
+    else
+        readFixedRows(file, vertex, swapBytes, converter);
+    file.verifyChecksum();
+    return particles;
+}
+
+} // namespace kelpatool

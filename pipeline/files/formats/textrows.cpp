@@ -1,0 +1,160 @@
+#include "pipeline/files/formats/textrows.h"
+
+#include "pipeline/files/elements.h"
+#include "pipeline/files/textvalues.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+namespace kelpatool {
+
+namespace {
+
+bool parseLogical(std::string_view word, double& value) {
+    value = word == "T" || word == "True" || word == "true" || word == "TRUE" ? 1.0 : 0.0;
+    return value == 1.0 || word == "F" || word == "False" || word == "false" || word == "FALSE";
+}
+
+/// Parses rows of one layout.
+struct RowParser {
+    InputFile const& file;
+    TextFrame const& frame;
+    RowLayout const& layout;
+    std::vector<WordKind> kinds; ///< those of the layout, with text for what nobody uses
+    ElementReader elements;
+
+    /// Puts one word into its place in a row; false when it is not what the column holds.
+    bool store(Column const& column, WordKind kind, std::string_view word, char* row) {
+        if (double truth = 0.0; kind == WordKind::logical && parseLogical(word, truth)) {
+            std::memcpy(row + column.offset, &truth, sizeof truth);
+            return true;
+        }
+        if (kind != WordKind::element)
+            return storeWord(column, word, row);
+        row[column.offset] = static_cast<char>(elements.read(word));
+        return true;
+    }
+
+    void parse(std::string_view line, char* row) {
+        auto column = layout.columns.begin();
+        for (std::size_t index = 0; index < kinds.size(); ++index) {
+            std::string_view const word = nextWord(line);
+            if (word.empty())
+                file.failHere("a row of {} with {} of {} columns{}", frame.name, index,
+                              kinds.size(), frame.wayOn());
+            if (kinds[index] != WordKind::text && !store(*column, kinds[index], word, row))
+                file.failHere("{} where a number for {} belongs{}", quoted(word),
+                              quoted(column->name), frame.wayOn());
+            column += layout.words[index] == WordKind::text ? 0 : 1;
+        }
+    }
+};
+
+/// The kinds of a layout's words, but text for those whose columns nothing is read from.
+std::vector<WordKind> kindsRead(RowLayout const& layout, std::vector<ColumnUse> const& uses) {
+    std::vector<WordKind> kinds = layout.words;
+    std::size_t column = 0;
+    for (WordKind& kind : kinds) {
+        if (kind == WordKind::text)
+            continue;
+        if (std::none_of(uses.begin(), uses.end(),
+                         [&](ColumnUse const& use) { return use.column == column; }))
+            kind = WordKind::text;
+        ++column;
+    }
+    return kinds;
+}
+
+} // namespace
+
+void RowLayout::addWord(std::string name, std::string_view type, WordKind kind) {
+    words.push_back(kind);
+    if (kind == WordKind::text)
+        return;
+    ScalarType const stored =
+        kind == WordKind::element ? ScalarType::uint8 : storedFromText(name, ScalarType::float64);
+    columns.push_back({std::move(name), std::string(type), ScalarType::float64, stored, rowBytes});
+    rowBytes += scalarBytes(stored);
+}
+
+void RowLayout::addDerived(std::string name) {
+    columns.push_back({std::move(name), {}, ScalarType::float64, ScalarType::float64, rowBytes});
+    columns.back().isDerived = true;
+    rowBytes += scalarBytes(ScalarType::float64);
+}
+
+Column const* RowLayout::find(std::string_view name) const {
+    auto const found = std::find_if(columns.begin(), columns.end(),
+                                    [&](Column const& column) { return column.name == name; });
+    return found == columns.end() ? nullptr : &*found;
+}
+
+std::string TextFrame::wayOn() const {
+    return index > 0 ? fmt::format("; use --frame {} or an earlier one", index - 1) : std::string();
+}
+
+void failEarlyEnd(InputFile const& file, TextFrame const& frame, std::uint64_t rowsHeld) {
+    file.failHere("{} ends after {} of {} rows{}", frame.name, rowsHeld, frame.rows, frame.wayOn());
+}
+
+std::string_view nextTextRow(InputFile& file, TextFrame const& frame, std::uint64_t rowsHeld) {
+    // Looked at before it is taken, so that the message tells the line of the last row.
+    std::optional<std::string_view> const line = file.peekLine();
+    if (!line || line->find_first_not_of(" \t") == std::string_view::npos ||
+        (!frame.nextFrameStarts.empty() && line->starts_with(frame.nextFrameStarts)))
+        failEarlyEnd(file, frame, rowsHeld);
+    return *file.nextLine();
+}
+
+void skipTextRows(InputFile& file, TextFrame const& frame) {
+    for (std::uint64_t row = 0; row < frame.rows; ++row)
+        nextTextRow(file, frame, row);
+}
+
+std::uint8_t ElementReader::read(std::string_view word) {
+    if (word == lastWord)
+        return lastElement;
+    std::uint32_t number = 0;
+    if (parseNumber(word, number))
+        return keep(word, static_cast<std::uint8_t>(number < 119 ? number : 0));
+    return keep(word, atomicNumberOf(word));
+}
+
+std::uint8_t ElementReader::keep(std::string_view word, std::uint8_t element) {
+    constexpr std::size_t enoughForAMessage = 20;
+    lastWord = word;
+    lastElement = element;
+    if (element == 0 && unknown.size() < enoughForAMessage &&
+        std::find(unknown.begin(), unknown.end(), word) == unknown.end())
+        unknown.emplace_back(word);
+    return element;
+}
+
+void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layout,
+                  ColumnNames const& names, ReadOptions const& options, ParticleSet& particles,
+                  std::function<void(char* row)> const& derive) {
+    std::vector<ColumnUse> const uses = chooseUses(file, layout.columns, names, options, particles);
+    bool const readsAll = options.summarise || derive;
+    RowParser parser{file, frame, layout, readsAll ? layout.words : kindsRead(layout, uses),
+                     ElementReader(particles.unknownElements)};
+    RowConverter converter(particles, layout.columns, uses, options.summarise);
+    converter.reserve(plausibleRows(file, frame.rows, 2 * layout.words.size()));
+
+    constexpr std::size_t rowsAtOnce = 256;
+    std::vector<char> rows(rowsAtOnce * layout.rowBytes);
+    while (file.particles < frame.rows) {
+        std::size_t const count = static_cast<std::size_t>(
+            std::min<std::uint64_t>(rowsAtOnce, frame.rows - file.particles));
+        for (std::size_t index = 0; index < count; ++index) {
+            char* const row = rows.data() + index * layout.rowBytes;
+            parser.parse(nextTextRow(file, frame, file.particles + index), row);
+            if (derive)
+                derive(row);
+        }
+        converter.append(rows.data(), count, layout.rowBytes, false);
+        file.particles += count;
+    }
+}
+
+} // namespace kelpatool

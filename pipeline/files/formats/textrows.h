@@ -1,0 +1,67 @@
+#pragma once
+
+#include "pipeline/files/columns.h"
+
+#include <functional>
+
+namespace kelpatool {
+
+/// What a word of a row is. Text is passed over.
+enum class WordKind : std::uint8_t { number, logical, element, text };
+
+/// The words of a row, and the columns in which those that are no text are kept.
+struct RowLayout {
+    std::vector<WordKind> words;
+    std::vector<Column> columns; ///< in the order of the words; behind them those derived
+    std::size_t rowBytes = 0;
+
+    void addWord(std::string name, std::string_view type, WordKind kind);
+    /// Adds a column that is computed from others; after all words.
+    void addDerived(std::string name);
+    /// The column of this name, or null.
+    Column const* find(std::string_view name) const;
+};
+
+/// A frame of text whose rows are to be read.
+struct TextFrame {
+    int index = 0;
+    std::uint64_t rows = 0;
+    std::string name;                   ///< for messages: "frame 3", "frame at step 9000"
+    std::string_view nextFrameStarts{}; ///< no row starts so, but the next frame; may be empty
+
+    /// How a message goes on when the frames before this one are whole.
+    std::string wayOn() const;
+};
+
+[[noreturn]] void failEarlyEnd(InputFile const& file, TextFrame const& frame,
+                               std::uint64_t rowsHeld);
+
+/// The next row of a frame, of which `rowsHeld` are behind; refuses a frame that ends before.
+std::string_view nextTextRow(InputFile& file, TextFrame const& frame, std::uint64_t rowsHeld);
+
+/// Passes over the rows of a frame.
+void skipTextRows(InputFile& file, TextFrame const& frame);
+
+/// Turns words that name elements, by symbol or number, into atomic numbers and remembers those
+/// that name none.
+class ElementReader {
+  public:
+    explicit ElementReader(std::vector<std::string>& unknownSymbols) : unknown(unknownSymbols) {}
+
+    std::uint8_t read(std::string_view word);
+    /// The same where another rule has told the element of the word.
+    std::uint8_t keep(std::string_view word, std::uint8_t element);
+
+  private:
+    std::vector<std::string>& unknown;
+    std::string lastWord; ///< rows of one element mostly stand together
+    std::uint8_t lastElement = 0;
+};
+
+/// Reads the rows of a frame into `particles`. `derive`, unless empty, fills the derived columns of
+/// each row from the others.
+void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layout,
+                  ColumnNames const& names, ReadOptions const& options, ParticleSet& particles,
+                  std::function<void(char* row)> const& derive = {});
+
+} // namespace kelpatool

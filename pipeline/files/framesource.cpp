@@ -1,0 +1,176 @@
+#include "pipeline/files/framesource.h"
+
+#include "pipeline/files/numberplace.h"
+#include "pipeline/files/textvalues.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <iterator>
+#include <limits>
+#include <system_error>
+
+namespace kelpatool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Where the file name of a sequence has its number; of no length when it is the name of one file.
+NumberPlace sequencePlace(std::string const& path) {
+    std::error_code ignored;
+    if (fs::exists(path, ignored))
+        return {};
+    constexpr std::string_view braces = "{}";
+    std::size_t const at = path.rfind(braces);
+    if (at != std::string::npos && path.find('/', at) == std::string::npos)
+        return {at, braces.size()};
+    return findNumberPlace(path);
+}
+
+/// The files that have a whole number at a place of a pattern's file name.
+std::map<int, std::string> findSequence(std::string const& pattern, NumberPlace const& place) {
+    fs::path const folder = fs::path(pattern).parent_path();
+    std::string_view const path = pattern;
+    std::string_view const after = path.substr(place.begin + place.length);
+    std::string_view const before = path.substr(path.rfind('/', place.begin) + 1,
+                                                place.begin - (path.rfind('/', place.begin) + 1));
+
+    std::map<int, std::string> files;
+    std::error_code error;
+    for (fs::directory_iterator at(folder.empty() ? fs::path(".") : folder, error), end;
+         !error && at != end; at.increment(error)) {
+        std::string const other = at->path().filename().string();
+        std::string_view digits = other;
+        if (digits.size() <= before.size() + after.size() || !digits.starts_with(before) ||
+            !digits.ends_with(after))
+            continue;
+        digits.remove_prefix(before.size());
+        digits.remove_suffix(after.size());
+        int number = 0;
+        bool const isNumber = digits.find_first_not_of("0123456789") == std::string_view::npos &&
+                              parseNumber(digits, number);
+        if (!isNumber)
+            continue;
+        auto const [known, isNew] = files.try_emplace(number, (folder / other).string());
+        if (!isNew)
+            throw InputError(fmt::format("{}: {} and {} have the same number", pattern,
+                                         known->second, (folder / other).string()));
+    }
+    if (error)
+        throw InputError(fmt::format("{}: cannot be listed: {}", folder.string(), error.message()));
+    if (files.empty())
+        throw InputError(fmt::format("{}: no file has a number in place of {}", pattern,
+                                     path.substr(place.begin, place.length)));
+    return files;
+}
+
+std::map<int, std::string> filesOf(std::string const& path) {
+    NumberPlace const place = sequencePlace(path);
+    return place.length > 0 ? findSequence(path, place) : std::map<int, std::string>{};
+}
+
+} // namespace
+
+FrameSource::FrameSource(std::string const& given)
+    : path(given), sequence(filesOf(given)), file(given) {
+}
+
+/// The number of a frame of the sequence.
+int FrameSource::resolve(std::optional<int> frame) const {
+    if (!frame)
+        return sequence.begin()->first;
+    int const count = static_cast<int>(sequence.size());
+    if (*frame < 0 && *frame >= -count)
+        return std::next(sequence.begin(), count + *frame)->first;
+    if (!sequence.contains(*frame))
+        throw NoSuchFrame(fmt::format("{}: no frame {}; it has {} from {} to {}", path, *frame,
+                                      count, sequence.begin()->first, sequence.rbegin()->first));
+    return *frame;
+}
+
+/// A range of the sequence, as it is counted from its start.
+FrameRange FrameSource::resolve(FrameRange const& range) const {
+    return {range.first < 0 ? resolve(range.first) : range.first,
+            range.last < 0 ? resolve(range.last) : range.last, range.step};
+}
+
+ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions options) {
+    if (sequence.empty()) {
+        options.frame = frame.value_or(0);
+        ParticleSet particles = file.read(options);
+        particles.frame = options.frame < 0 ? particles.frameCount + options.frame : options.frame;
+        particles.name = frame ? fmt::format("{} frame {}", path, particles.frame) : path;
+        return particles;
+    }
+    int const number = resolve(frame);
+    options.frame = 0;
+    ParticleSet particles = readParticleFile(sequence.at(number), options);
+    particles.name = sequence.at(number);
+    particles.frame = number;
+    particles.frameCount = static_cast<int>(sequence.size());
+    return particles;
+}
+
+std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options) {
+    if (!sequence.empty()) {
+        auto const next = sequence.upper_bound(frame);
+        return next == sequence.end() ? std::nullopt
+                                      : std::optional(read(next->first, std::move(options)));
+    }
+    try {
+        return read(frame + 1, std::move(options));
+    } catch (NoSuchFrame const&) {
+        return std::nullopt;
+    } catch (InputError const& error) {
+        throw InputError(
+            fmt::format("{} (read as the snapshot after frame {})", error.what(), frame));
+    }
+}
+
+std::vector<int> FrameSource::framesIn(FrameRange range, ReadOptions options) {
+    std::vector<int> frames;
+    if (!sequence.empty()) {
+        auto const [first, last, step] = resolve(range);
+        for (auto const& [number, name] : sequence)
+            if (number >= first && number <= last && (number - first) % step == 0)
+                frames.push_back(number);
+    } else {
+        if (range.first < 0 || range.last < 0) {
+            int const count = read(-1, std::move(options)).frameCount;
+            range.first += range.first < 0 ? count : 0;
+            range.last += range.last < 0 ? count : 0;
+        }
+        // Kept wide: near the largest number a step would leave its type.
+        for (long long frame = std::max(range.first, 0); frame <= range.last; frame += range.step)
+            frames.push_back(static_cast<int>(frame));
+    }
+    if (frames.empty())
+        throw NoSuchFrame(sequence.empty()
+                              ? fmt::format("{}: none of its frames is in the range", path)
+                              : fmt::format("{}: none of its frames, {} to {}, is in the range",
+                                            path, sequence.begin()->first,
+                                            sequence.rbegin()->first));
+    return frames;
+}
+
+std::vector<int> FrameSource::missingIn(FrameRange range) const {
+    if (sequence.size() < 2)
+        return {};
+    range = resolve(range);
+    long long stride = std::numeric_limits<int>::max();
+    for (auto at = std::next(sequence.begin()); at != sequence.end(); ++at)
+        stride = std::min(stride, static_cast<long long>(at->first) - std::prev(at)->first);
+
+    constexpr std::size_t few = 8;
+    std::vector<int> missing;
+    long long const begin = sequence.begin()->first; // wide, as above
+    long long const last = std::min(range.last, sequence.rbegin()->first);
+    for (long long frame = begin; frame <= last && missing.size() < few; frame += stride)
+        if (frame >= range.first && (frame - range.first) % range.step == 0 &&
+            !sequence.contains(static_cast<int>(frame)))
+            missing.push_back(static_cast<int>(frame));
+    return missing;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "pipeline/files/particlefile.h"
+#include "pipeline/imagefile/imagefile.h"
+
+#include <functional>
+#include <string_view>
+
+namespace kelpatool {
+
+/// Takes the bytes of a picture file, some at a time.
+using ByteSink = std::function<void(std::string_view)>;
+
+/// How many pixels are encoded between two looks at the progress: some milliseconds.
+constexpr int pixelsAtOnce = 1 << 16;
+
+// The formats of `writeImage`. They throw what `sink` and `progress` throw, and
+// `std::runtime_error` (OpenEXR has its own kinds of it) when the format's library gives up.
+
+void encodePpm(Image const& image, ByteSink const& sink, PhaseProgress const& progress);
+void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,
+               PhaseProgress const& progress);
+void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
+               PhaseProgress const& progress);
+
+} // namespace kelpatool

@@ -1,0 +1,136 @@
+#include "pipeline/imagefile/encoders.h"
+
+#include <ImfChannelList.h>
+#include <ImfFrameBuffer.h>
+#include <ImfHeader.h>
+#include <ImfIO.h>
+#include <ImfOutputFile.h>
+#include <ImfStandardAttributes.h>
+#include <half.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace kelpatool {
+
+namespace {
+
+/// A file in memory.
+class MemoryStream : public Imf::OStream {
+  public:
+    MemoryStream() : OStream("memory") {}
+
+    void write(char const* data, int count) override {
+        auto const length = static_cast<std::size_t>(count);
+        if (bytes.size() < position + length)
+            bytes.resize(position + length);
+        std::memcpy(bytes.data() + position, data, length);
+        position += length;
+    }
+    std::uint64_t tellp() override { return position; }
+    void seekp(std::uint64_t place) override { position = static_cast<std::size_t>(place); }
+
+    std::string bytes;
+
+  private:
+    std::size_t position = 0;
+};
+
+/// Half floats with R G B A of every pixel of some rows in turn; what is brighter than they can
+/// hold becomes the brightest, since infinity spoils every filter that meets it.
+std::vector<half> halvesOf(Image const& image, std::size_t firstPixel, std::size_t pixels,
+                           bool withAlpha) {
+    constexpr float brightest = 65504.0F;
+    std::vector<half> halves;
+    halves.reserve(4 * pixels);
+    for (std::size_t pixel = firstPixel; pixel < firstPixel + pixels; ++pixel) {
+        for (std::size_t channel = 0; channel < 3; ++channel)
+            halves.emplace_back(std::min(image.rgb[(3 * pixel) + channel], brightest));
+        halves.emplace_back(withAlpha ? image.alpha[pixel] : 1.0F);
+    }
+    return halves;
+}
+
+/// The channels of a file in interleaved groups: what its header lists, and where some of its rows
+/// have their values.
+struct ChannelGroup {
+    std::vector<char const*> names; ///< in the order of their values
+    Imf::PixelType type;
+    void const* values; ///< of the first of the rows; null: the picture has none
+};
+
+/// The part's first value of a row, or null when there are none.
+template <class Value>
+void const* rowOf(std::vector<Value> const& values, std::size_t firstPixel, std::size_t perPixel) {
+    return values.empty() ? nullptr : values.data() + (perPixel * firstPixel);
+}
+
+std::vector<ChannelGroup> channelsOf(Image const& image, std::size_t firstPixel,
+                                     std::vector<half> const& colors) {
+    return {{{"R", "G", "B", "A"}, Imf::HALF, colors.data()},
+            {{"Z"}, Imf::FLOAT, rowOf(image.depth, firstPixel, 1)},
+            {{"N.X", "N.Y", "N.Z"}, Imf::FLOAT, rowOf(image.normal, firstPixel, 3)},
+            {{"P.X", "P.Y", "P.Z"}, Imf::FLOAT, rowOf(image.position, firstPixel, 3)},
+            {{"id"}, Imf::UINT, rowOf(image.id, firstPixel, 1)}};
+}
+
+Imf::Header headerOf(Image const& image) {
+    Imf::Header header(image.width, image.height);
+    header.dataWindow() = {{image.cropX0, image.cropY0}, {image.cropX1 - 1, image.cropY1 - 1}};
+    Imf::addChromaticities(header, Imf::Chromaticities()); // linear light with sRGB's primaries
+    std::vector<half> const some(1);
+    for (ChannelGroup const& group : channelsOf(image, 0, some))
+        for (char const* const name : group.names)
+            if (group.values != nullptr)
+                header.channels().insert(name, Imf::Channel(group.type));
+    return header;
+}
+
+/// Writes the rows from `top` to before `bottom`, counted in the whole picture.
+void writeRows(Imf::OutputFile& file, Image const& image, int top, int bottom, bool withAlpha) {
+    auto const rowLength = static_cast<std::size_t>(image.cropX1 - image.cropX0);
+    std::size_t const firstPixel = static_cast<std::size_t>(top - image.cropY0) * rowLength;
+    std::vector<half> const colors =
+        halvesOf(image, firstPixel, static_cast<std::size_t>(bottom - top) * rowLength, withAlpha);
+    Imath::Box2i const rows({image.cropX0, top}, {image.cropX1 - 1, bottom - 1});
+    Imf::FrameBuffer frame;
+    for (ChannelGroup const& group : channelsOf(image, firstPixel, colors)) {
+        std::size_t const size = group.type == Imf::HALF ? sizeof(half) : sizeof(float);
+        std::size_t const stride = group.names.size() * size;
+        for (std::size_t i = 0; group.values != nullptr && i < group.names.size(); ++i)
+            frame.insert(group.names[i],
+                         Imf::Slice::Make(group.type,
+                                          static_cast<char const*>(group.values) + (i * size), rows,
+                                          stride, stride * rowLength));
+    }
+    file.setFrameBuffer(frame);
+    file.writePixels(bottom - top);
+}
+
+} // namespace
+
+void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
+               PhaseProgress const& progress) {
+    // In memory first: OpenEXR's own files swallow a failure when they are closed, and all need to
+    // seek, which a pipe cannot.
+    MemoryStream stream;
+    {
+        Imf::OutputFile file(stream, headerOf(image));
+        int const rows = std::max(1, pixelsAtOnce / (image.cropX1 - image.cropX0));
+        for (int top = image.cropY0; top < image.cropY1; top += rows) {
+            progress(static_cast<double>(top - image.cropY0) / (image.cropY1 - image.cropY0), 0);
+            writeRows(file, image, top, std::min(top + rows, image.cropY1), withAlpha);
+        }
+    } // its end writes the table of rows
+    constexpr std::size_t bytesAtOnce = 1 << 20;
+    std::string_view rest = stream.bytes;
+    while (!rest.empty()) {
+        progress(1.0, 0);
+        sink(rest.substr(0, bytesAtOnce));
+        rest.remove_prefix(std::min(bytesAtOnce, rest.size()));
+    }
+}
+
+} // namespace kelpatool

@@ -1,0 +1,66 @@
+#include "pipeline/picture/camera.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+namespace kelpatool {
+
+namespace {
+
+/// A vector turned around an axis of length 1 (O. Rodrigues' formula).
+Vec turned(Vec const& v, Vec const& axis, double angle) {
+    double const cosine = std::cos(angle);
+    return v * cosine + cross(axis, v) * std::sin(angle) + axis * (dot(axis, v) * (1.0 - cosine));
+}
+
+/// How far spheres reach from a place.
+double reachFrom(Vec const& place, std::span<Kelpa::Vector const> centers,
+                 std::span<float const> radii) {
+    double reach = 0.0;
+    for (std::size_t i = 0; i < centers.size(); ++i) {
+        Vec const away = wide(centers[i]) - place;
+        reach = std::max(reach, std::sqrt(dot(away, away)) + static_cast<double>(radii[i]));
+    }
+    return reach;
+}
+
+} // namespace
+
+Camera placeTurntable(CameraOptions const& given, int picture, int width, int height, char upAxis,
+                      std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                      Vec const& origin) {
+    CameraOptions options = given;
+    if (!options.eye && options.view.empty())
+        options.view = "iso"; // face on, a flat set would only spin
+    Camera camera = placeCamera(options, width, height, upAxis, centers, radii, origin);
+    Vec const target = options.lookAt ? wide(*options.lookAt) - origin : boundsOf(centers).centre();
+
+    if (!options.eye) {
+        double const reach = marginFactor * reachFrom(target, centers, radii);
+        double const tanHalfHeight = std::tan(options.fov * std::numbers::pi / 360.0);
+        double const narrower = std::min(1.0, static_cast<double>(width) / height);
+        double const narrowTan = tanHalfHeight * narrower;
+        // A sphere touches the sides of a pinhole's view at its radius over their half angle's
+        // sine.
+        double const distance = options.ortho
+                                    ? 2.0 * reach
+                                    : reach * std::sqrt(1.0 + narrowTan * narrowTan) / narrowTan;
+        camera.eye = target - camera.forward * distance;
+        if (options.ortho)
+            camera.tanHalfHeight = reach / narrower / options.zoom;
+    }
+
+    char const axisName = options.upAxis != '\0' ? options.upAxis : upAxis;
+    Vec const axis = options.up        ? unit(wide(*options.up))
+                     : axisName == 'y' ? Vec{0, 1, 0}
+                                       : Vec{0, 0, 1};
+    double const angle = 2.0 * std::numbers::pi * picture / options.turntable;
+    camera.eye = target + turned(camera.eye - target, axis, angle);
+    camera.right = turned(camera.right, axis, angle);
+    camera.up = turned(camera.up, axis, angle);
+    camera.forward = turned(camera.forward, axis, angle);
+    return camera;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,151 @@
+// PDB and mmCIF: which atoms are read, and the assemblies that are built of them.
+
+#include "tests/support/particlefolder.h"
+
+#include <cstdio>
+
+using namespace kelpatool;
+using namespace kelpatest;
+
+namespace {
+
+class Molecules : public ParticleFiles {};
+
+/// The record of an atom, cut into its columns.
+std::string atom(std::string const& name, char alternate, std::string const& residue, char chain,
+                 int number, float x, std::string const& element) {
+    static int serial = 0;
+    char line[100];
+    std::snprintf(line, sizeof line,
+                  "ATOM  %5d %-4s%c%3s %c%4d    %8.3f%8.3f%8.3f%6.2f%6.2f%10s%2s\n",
+                  ++serial % 100000, name.c_str(), alternate, residue.c_str(), chain, number,
+                  static_cast<double>(x), 2.0, 3.0, 0.5, 20.25, "", element.c_str());
+    return line;
+}
+
+std::vector<float> xOf(ParticleSet const& particles) {
+    std::vector<float> x;
+    for (Kelpa::Vector const& position : particles.positions)
+        x.push_back(position.x);
+    return x;
+}
+
+std::string matrix(std::string const& number, float shift) {
+    std::string text;
+    for (int row = 1; row <= 3; ++row) {
+        text += "REMARK 350   BIOMT" + std::to_string(row) + number;
+        for (int column = 1; column <= 3; ++column)
+            text += row == column ? "  1.000000" : "  0.000000";
+        text += "     " + std::to_string(row == 1 ? shift : 0.0F) + "\n";
+    }
+    return text;
+}
+
+} // namespace
+
+TEST_F(Molecules, HoldAtomsAsPdb) {
+    std::string const first =
+        atom(" CA", ' ', "SER", 'A', 1, 1, " C") + atom(" CB", 'A', "SER", 'A', 1, 2, " C") +
+        atom(" CB", 'B', "SER", 'A', 1, 99, " C") +
+        // One residue or another at the same place.
+        atom(" OG", 'A', "SER", 'A', 2, 3, " O") + atom(" CG2", 'B', "THR", 'A', 2, 99, " C") +
+        // Elements by name: mercury, hydrogens old and new, and what is none.
+        atom("HG", ' ', "HG", 'B', 1, 4, "") + atom("1HB", ' ', "ALA", 'B', 2, 5, "") +
+        atom("HE21", ' ', "GLN", 'B', 3, 6, "") + atom(" D", ' ', "DOD", 'B', 4, 7, " D") +
+        atom(" Q9", ' ', "XXX", 'B', 5, 8, " X");
+    std::string const others = "MODEL        2\n" + atom(" N", ' ', "SER", 'A', 1, 99, " N");
+    ParticleSet const particles =
+        read("REMARK   4\nMODEL        1\n" + first + "TER\nENDMDL\n" + others + "ENDMDL\nEND\n",
+             {.attributes = {"b_factor", "chain"}});
+    EXPECT_EQ(particles.format, "PDB");
+    EXPECT_EQ(xOf(particles), (std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(particles.elements, (std::vector<std::uint8_t>{6, 6, 8, 80, 1, 1, 1, 0}));
+    EXPECT_EQ(particles.unknownElements, std::vector<std::string>{"Q9"});
+    EXPECT_EQ(particles.attributes[0].values[7], 20.25F);
+    EXPECT_EQ(particles.attributes[1].values[7], 1.0F);
+    EXPECT_EQ(particles.ids.size(), 8U);
+    EXPECT_TRUE(holdsAll(particles.notes.at(0), {"holds 2 models; the first is read"}));
+    EXPECT_TRUE(holdsAll(complaintAbout("MODEL        1\n" + first), {"after 10 atoms without"}));
+    std::string const cut = complaintAbout(first.substr(0, first.size() - 40));
+    EXPECT_TRUE(holdsAll(cut, {"a:10: the record of an atom ends in column 39"}));
+    std::string odd = first;
+    odd.replace(79 + 38, 8, " 1.2 3.4");
+    EXPECT_TRUE(holdsAll(complaintAbout(odd), {"a:2: ", "coordinate y", "columns 39 to 46"}))
+        << odd;
+    EXPECT_TRUE(holdsAll(complaintAbout("HEADER    X\nEND\n"), {"no ATOM or HETATM"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(first, {.frame = 1}), {"no frame 1"}));
+}
+
+TEST_F(Molecules, BuildAssembliesOfPdb) {
+    // Two parts with chains of their own; numbers with and without the usual blanks.
+    std::string const remarks = "REMARK 350 BIOMOLECULE: 1\n"
+                                "REMARK 350 APPLY THE FOLLOWING TO CHAINS: A,\n"
+                                "REMARK 350                    AND CHAINS: C\n" +
+                                matrix("   1", 0) + matrix("1000", 10) + matrix("  1001", 20) +
+                                "REMARK 350 APPLY THE FOLLOWING TO CHAINS: B\n" +
+                                matrix("   1", 40) +
+                                "REMARK 350 BIOMOLECULE: 2\n"
+                                "REMARK 350 APPLY THE FOLLOWING TO CHAINS: Z\n" +
+                                matrix("   1", 0);
+    std::string const atoms = atom(" C", ' ', "ALA", 'A', 1, 1, " C") +
+                              atom(" C", ' ', "ALA", 'B', 1, 2, " C") +
+                              atom(" O", ' ', "ALA", 'C', 1, 3, " O") + "END\n";
+    ReadOptions const options{.assembly = "1", .attributes = {"copy"}};
+    ParticleSet const particles = read(remarks + atoms, options);
+    EXPECT_EQ(xOf(particles), (std::vector<float>{1, 3, 11, 13, 21, 23, 42}));
+    EXPECT_EQ(particles.attributes[0].values, (std::vector<float>{1, 1, 2, 2, 3, 3, 4}));
+    EXPECT_EQ(particles.elements.back(), 6);
+    EXPECT_TRUE(particles.ids.empty()); // several copies have the same
+    EXPECT_EQ(read(remarks + atoms).positions.size(), 3U);
+
+    std::string const lost = remarks.substr(0, remarks.find("REMARK 350   BIOMT3 "));
+    EXPECT_TRUE(holdsAll(complaintAbout(remarks + atoms, {.assembly = "3"}),
+                         {"no assembly '3'; it has 1 2"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(remarks + atoms, {.assembly = "2"}), {"has 0 atoms"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(atoms, options), {"describes no assembly"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(lost + matrix("   2", 0) + atoms, options),
+                         {"row '1' of BIOMT matrix '2' where row 3"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(lost + remarks + atoms, options), {"has 2 of 3 rows"}));
+    EXPECT_TRUE(holdsAll(complaintAbout("1\n\nH 0 0 0\n", options), {"XYZ has no assemblies"}));
+}
+
+TEST_F(Molecules, HoldAtomsAndAssembliesAsMmCif) {
+    std::string const text =
+        "# comment\n\ndata_TEST\nloop_\n_atom_site.id\n_atom_site.type_symbol\n"
+        "_atom_site.label_atom_id\n_atom_site.label_alt_id\n_atom_site.label_comp_id\n"
+        "_atom_site.label_asym_id\n_atom_site.auth_seq_id\n_atom_site.Cartn_x\n"
+        "_atom_site.Cartn_y\n_atom_site.Cartn_z\n_atom_site.pdbx_PDB_model_num\n"
+        "7 C CA . SER A 1 1.0(2) 2 3 1\n8 ZN \"C'\" A SER A 1 2 2 3 1\n"
+        "9 C \"C'\" B SER A 1 99 2 3 1\n10 O O . HOH B 1 4 2 3 1\n11 N N . SER A 1 99 2 3 2\n"
+        "loop_\n_pdbx_struct_assembly_gen.assembly_id\n"
+        "_pdbx_struct_assembly_gen.oper_expression\n_pdbx_struct_assembly_gen.asym_id_list\n"
+        "1 '(P)(1-2)' A\n1 X B\nPAU (1)(3) A,B\n"
+        "loop_\n_pdbx_struct_oper_list.id\n_pdbx_struct_oper_list.matrix[1][1]\n"
+        "_pdbx_struct_oper_list.matrix[1][2]\n_pdbx_struct_oper_list.matrix[1][3]\n"
+        "_pdbx_struct_oper_list.vector[1]\n_pdbx_struct_oper_list.matrix[2][1]\n"
+        "_pdbx_struct_oper_list.matrix[2][2]\n_pdbx_struct_oper_list.matrix[2][3]\n"
+        "_pdbx_struct_oper_list.vector[2]\n_pdbx_struct_oper_list.matrix[3][1]\n"
+        "_pdbx_struct_oper_list.matrix[3][2]\n_pdbx_struct_oper_list.matrix[3][3]\n"
+        "_pdbx_struct_oper_list.vector[3]\n"
+        "P 2 0 0 0 0 1 0 0 0 0 1 0\n1 1 0 0 10 0 1 0 0 0 0 1 0\n"
+        "2 1 0 0 100 0 1 0 0 0 0 1 0\nX 0 1 0 0 1 0 0 0 0 0 1 0.5\n";
+    ParticleSet const plain = read(text);
+    EXPECT_EQ(plain.format, "mmCIF");
+    EXPECT_EQ(xOf(plain), (std::vector<float>{1, 2, 4}));
+    EXPECT_EQ(plain.elements, (std::vector<std::uint8_t>{6, 30, 8}));
+    EXPECT_EQ(plain.ids, (std::vector<std::int64_t>{7, 8, 10}));
+    // Moved first and doubled then; the other chain with x and y exchanged.
+    ParticleSet const whole = read(text, {.assembly = "1"});
+    EXPECT_EQ(xOf(whole), (std::vector<float>{22, 24, 202, 204, 2}));
+    EXPECT_TRUE(same(whole.positions[4], {2, 4, 3.5F}));
+    EXPECT_TRUE(
+        holdsAll(complaintAbout(text, {.assembly = "PAU"}), {"operator '3', which is not"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(text, {.assembly = "2"}), {"it has 1 PAU"}));
+
+    EXPECT_TRUE(holdsAll(complaintAbout(text.substr(0, text.find("\nloop_\n_pdbx")) + " 5"),
+                         {"a:", "damaged or incomplete"}));
+    EXPECT_TRUE(holdsAll(complaintAbout("data_X\n_cell.a 1\n"), {"no _atom_site.Cartn_x"}));
+    std::string odd = text;
+    odd.replace(odd.find("4 2 3 1"), 1, "?");
+    EXPECT_TRUE(holdsAll(complaintAbout(odd), {"row 4 of _atom_site: '' where Cartn_x"}));
+}

@@ -1,0 +1,202 @@
+// What pictures show: their channels, their parts, their numbers and their cameras.
+
+#include "pipeline/files/numberplace.h"
+#include "pipeline/picture/camera.h"
+#include "pipeline/picture/render.h"
+#include "pipeline/scene/scene.h"
+
+#include "tests/support/clouds.h"
+#include "tests/support/testhost.h"
+#include "tool/options/options.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+namespace {
+
+using kelpatest::Random;
+using kelpatool::numberedName;
+using kelpatool::Vec;
+
+TEST(OutputNames, TakeTheNumberInTheirOnePlace) {
+    EXPECT_EQ(numberedName("a.####.png", 7), "a.0007.png");
+    EXPECT_EQ(numberedName("a%04d.exr", 123456), "a123456.exr");
+    EXPECT_EQ(numberedName("%d", 0), "0");
+    EXPECT_EQ(numberedName("#1/%d%/a#%b.png", 12), "#1/%d%/a12%b.png") << "a folder's name stays";
+    EXPECT_TRUE(kelpatool::hasNumberPlace("x/#.png"));
+    EXPECT_FALSE(kelpatool::hasNumberPlace("#/50%.png"));
+    EXPECT_THROW(numberedName("a.png", 1), kelpatool::UsageError);
+    EXPECT_THROW(numberedName("#-%d.png", 1), kelpatool::UsageError);
+}
+
+TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
+    for (unsigned seed = 0; seed < 200; ++seed) {
+        SCOPED_TRACE(seed);
+        Random random(seed);
+        std::vector<Kelpa::Vector> const centers = {{0, 0, 0}, {4, 0, 0}, random.inCube(1.0F)};
+        std::vector<float> const radii = {0.5F, 0.5F, 0.1F};
+        kelpatool::CameraOptions options;
+        options.turntable = 12;
+        options.ortho = seed % 2 == 1;
+        options.view = seed % 3 == 0 ? "top" : "";
+        Vec const centre = kelpatool::boundsOf(centers).centre();
+        double narrowest = 1e30; // how far the spheres stay from the frame, over all pictures
+        Vec const first =
+            placeTurntable(options, 0, 160, 90, 'y', centers, radii, {0, 0, 0}).eye - centre;
+        for (int picture = 0; picture < 12; ++picture) {
+            auto const camera =
+                placeTurntable(options, picture, 160, 90, 'y', centers, radii, {0, 0, 0});
+            Vec const away = camera.eye - centre;
+            EXPECT_NEAR(dot(away, away), dot(first, first), 1e-9);
+            EXPECT_NEAR(away.y, first.y, 1e-9) << "the axis is the upward one";
+            EXPECT_NEAR(away.x,
+                        first.x * std::cos(picture * 0.5235987755982988) +
+                            first.z * std::sin(picture * 0.5235987755982988),
+                        1e-9);
+            for (std::size_t i = 0; i < centers.size(); ++i) {
+                Vec const c = kelpatool::wide(centers[i]) - camera.eye;
+                double const tangent = camera.tanHalfHeight;
+                double const across = std::abs(dot(c, camera.up));
+                double const room =
+                    camera.isParallel
+                        ? tangent - across
+                        : (dot(c, camera.forward) * tangent - across) / std::hypot(1.0, tangent);
+                narrowest = std::min(narrowest, room - static_cast<double>(radii[i]));
+                EXPECT_GT(dot(c, camera.forward), 0.5);
+            }
+        }
+        EXPECT_GT(narrowest, 0.0);
+    }
+}
+
+// ------------------------------------------------------------ pictures ----
+
+using kelpatool::Image;
+using kelpatool::Options;
+using kelpatool::ParticleSet;
+
+/// Renders particles, on their way to `second` if there is one.
+Image render(Options options, ParticleSet const& particles, ParticleSet const* second,
+             int threads = 1) {
+    options.particles.files = {"first"};
+    options.motion.motion = second != nullptr ? "second" : "none";
+    auto const ignore = [](auto const&...) {};
+    kelpatool::Scene scene = makeScene(options, particles, second, ignore, ignore);
+    kelpatest::RecordingProgress progress;
+    scene.geometry->build(progress, nullptr, options.tree);
+    auto const camera =
+        placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
+                    scene.framedCenters, scene.framedRadii, scene.origin);
+    return renderImage(scene, camera, options, threads, {});
+}
+
+kelpatool::ImageOptions allChannels(int width, int height, int samples) {
+    kelpatool::ImageOptions image;
+    image.width = width;
+    image.height = height;
+    image.samples = samples;
+    image.depth = image.normal = image.id = image.position = true;
+    return image;
+}
+
+TEST(Channels, TellWhereThePixelsMiddleRayMeetsWhichParticle) {
+    ParticleSet particles;
+    particles.positions = {{-1, 0, 0}, {1, 0.5F, 0.25F}, {0, -1, -3}};
+    particles.radii = {0.75F, 0.5F, 1.0F};
+    particles.ids = {7, 4000000000, 12};
+    Options options;
+    options.camera.eye = {0, 0, 8};
+    options.camera.lookAt = {0, 0, 0};
+    options.camera.up = {0, 1, 0};
+    options.image = allChannels(90, 60, 1);
+    options.image.crop = {20, 10, 85, 55};
+    Image const image = render(options, particles, nullptr);
+
+    std::map<std::uint32_t, int> pixelsOf;
+    for (std::size_t at = 0; at < image.depth.size(); ++at) {
+        ++pixelsOf[image.id[at]];
+        if (image.depth[at] == 1e30F) {
+            EXPECT_EQ(image.alpha[at] + image.normal[3 * at], 0.0F);
+            continue;
+        }
+        std::size_t const i = image.id[at] == 7U ? 0U : image.id[at] == 12U ? 2U : 1U;
+        Vec const place = {static_cast<double>(image.position[3 * at]),
+                           static_cast<double>(image.position[3 * at + 1]),
+                           static_cast<double>(image.position[3 * at + 2])};
+        Vec const fromEye = place - Vec{0, 0, 8};
+        EXPECT_NEAR(std::sqrt(dot(fromEye, fromEye)), static_cast<double>(image.depth[at]), 1e-5);
+        Vec const out = (place - kelpatool::wide(particles.positions[i])) *
+                        (1.0 / static_cast<double>(particles.radii[i]));
+        EXPECT_NEAR(out.x, static_cast<double>(image.normal[3 * at]), 1e-5);
+        EXPECT_NEAR(out.z, static_cast<double>(image.normal[3 * at + 2]), 1e-5);
+        EXPECT_NEAR(dot(out, out), 1.0, 1e-5);
+        double const perPixel = std::tan(17.5 * 0.017453292519943295) / 30.0 * -fromEye.z;
+        EXPECT_NEAR(place.x / perPixel + 45.0, static_cast<double>(20 + at % 65) + 0.5, 1e-3);
+        EXPECT_NEAR(30.0 - place.y / perPixel, static_cast<double>(10 + at / 65) + 0.5, 1e-3);
+    }
+    for (std::uint32_t const id : {7U, 4000000000U, 12U})
+        EXPECT_GT(pixelsOf[id], 50) << id;
+}
+
+/// Copies a part into the whole that it is of.
+void paste(Image const& part, Image& whole) {
+    for (int y = part.cropY0; y < part.cropY1; ++y) {
+        for (int x = part.cropX0; x < part.cropX1; ++x) {
+            auto const from = static_cast<std::size_t>(
+                (y - part.cropY0) * (part.cropX1 - part.cropX0) + x - part.cropX0);
+            auto const to = static_cast<std::size_t>(y * whole.width + x);
+            whole.alpha[to] = part.alpha[from];
+            whole.depth[to] = part.depth[from];
+            whole.id[to] = part.id[from];
+            for (std::size_t k = 0; k < 3; ++k) {
+                whole.rgb[3 * to + k] = part.rgb[3 * from + k];
+                whole.normal[3 * to + k] = part.normal[3 * from + k];
+                whole.position[3 * to + k] = part.position[3 * from + k];
+            }
+        }
+    }
+}
+
+TEST(Tiles, RenderedApartOnAnyThreadsMakeTheWholeBitForBit) {
+    ParticleSet still = kelpatool::generateParticles("galaxy", 4000, 5, [](auto const&...) {});
+    std::copy_n(still.positions.begin(), 1000, still.positions.begin() + 1000); // ties
+    still.radii.assign(still.positions.size(), 4.0F * still.radii[0]);
+    ParticleSet moved = still;
+    Random random(2);
+    for (Kelpa::Vector& p : moved.positions) {
+        Kelpa::Vector const step = random.inCube(0.3F);
+        p = {p.x + step.x, p.y + step.y, p.z + step.z};
+    }
+    for (ParticleSet const* const second :
+         {static_cast<ParticleSet const*>(nullptr), static_cast<ParticleSet const*>(&moved)}) {
+        SCOPED_TRACE(second == nullptr ? "still" : "moving");
+        Options options;
+        options.image = allChannels(61, 43, 5);
+        Image const whole = render(options, still, second);
+        std::size_t const covered =
+            whole.alpha.size() -
+            static_cast<std::size_t>(std::count(whole.alpha.begin(), whole.alpha.end(), 0.0F));
+        EXPECT_GT(covered, 500U);
+        Image pasted = whole;
+        pasted.rgb.assign(pasted.rgb.size(), -1.0F);
+        pasted.alpha.assign(pasted.alpha.size(), -1.0F);
+        int threads = 0;
+        for (auto const& crop :
+             {std::array{0, 0, 61, 1}, std::array{0, 1, 13, 43}, std::array{13, 1, 14, 30},
+              std::array{14, 1, 61, 30}, std::array{13, 30, 61, 43}}) {
+            options.image.crop = crop;
+            paste(render(options, still, second, 1 + threads++ % 4), pasted);
+        }
+        EXPECT_EQ(pasted.rgb, whole.rgb);
+        EXPECT_EQ(pasted.alpha, whole.alpha);
+        EXPECT_EQ(pasted.depth, whole.depth);
+        EXPECT_EQ(pasted.id, whole.id);
+        EXPECT_EQ(pasted.normal, whole.normal);
+        EXPECT_EQ(pasted.position, whole.position);
+    }
+}
+
+} // namespace

@@ -1,0 +1,29 @@
+#include "pipeline/imagefile/imagefile.h"
+
+#include "tool/commands/commands.h"
+#include "tool/commands/saveparticles.h"
+#include "tool/report/phases.h"
+
+namespace kelpatool {
+
+namespace {
+
+/// Elements give radii in Angstrom, and a PLY file does not tell its unit of length.
+void keepRadii(ParticleSet& particles) {
+    if (particles.angstrom == 1.0F || !particles.radii.empty())
+        return;
+    for (std::uint8_t const element : particles.elements)
+        particles.radii.push_back(particles.angstrom * elementRadius(element, false));
+}
+
+} // namespace
+
+int runConvert(Options const& options) {
+    checkWritable(options.output);
+    ParticleSet particles = readParticles(options.particles.files[0], options, false);
+    keepRadii(particles);
+    saveParticles(options, particles);
+    return 0;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,19 @@
+#include "pipeline/imagefile/imagefile.h"
+
+#include "tool/commands/commands.h"
+#include "tool/commands/saveparticles.h"
+#include "tool/report/phases.h"
+
+namespace kelpatool {
+
+int runGenerate(Options const& options) {
+    checkWritable(options.output);
+    ParticleSet const particles =
+        withProgress("make", options.run, [&](PhaseProgress const& progress) {
+            return generateParticles(options.kind, options.count, options.run.seed, progress);
+        });
+    saveParticles(options, particles);
+    return 0;
+}
+
+} // namespace kelpatool

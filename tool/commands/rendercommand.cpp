@@ -1,0 +1,206 @@
+#include "pipeline/files/numberplace.h"
+#include "pipeline/files/outputfile.h"
+#include "pipeline/imagefile/imagefile.h"
+#include "pipeline/picture/camera.h"
+#include "pipeline/picture/render.h"
+
+#include "tool/commands/commands.h"
+#include "tool/process/standardstreams.h"
+#include "tool/report/phases.h"
+#include "tool/report/statistics.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kelpatool {
+
+namespace {
+
+/// Where the middle 99 % of points lie along an axis.
+std::pair<double, double> middlePart(std::vector<Kelpa::Vector> const& points, int axis) {
+    constexpr std::size_t asked = 100000; // of any more points, every n-th
+    std::size_t const stride = points.size() / asked + 1;
+    std::vector<float> places;
+    for (std::size_t i = 0; i < points.size(); i += stride)
+        places.push_back(points[i][axis]);
+    auto const at = [&places](double share) {
+        auto const place = places.begin() + static_cast<std::ptrdiff_t>(
+                                                share * static_cast<double>(places.size() - 1));
+        std::nth_element(places.begin(), place, places.end());
+        return static_cast<double>(*place);
+    };
+    return {at(0.005), at(0.995)};
+}
+
+/// Of far outliers the picture shows all, and little else: says so, and how to see the others.
+void noteOutliers(Scene const& scene, Note const& note) {
+    auto const [minX, maxX] = middlePart(scene.framedCenters, 0);
+    auto const [minY, maxY] = middlePart(scene.framedCenters, 1);
+    auto const [minZ, maxZ] = middlePart(scene.framedCenters, 2);
+    Bounds const most{{minX, minY, minZ}, {maxX, maxY, maxZ}};
+    double const part = most.diagonal() / boundsOf(scene.framedCenters).diagonal();
+    constexpr double little = 0.05;
+    if (part > 0.0 && part < little) {
+        Vec const centre = inFile(most, scene.origin).centre();
+        note(fmt::format("a few far particles take up the picture; --look-at {:.9g},{:.9g},{:.9g} "
+                         "--zoom {:.3g} shows the others",
+                         centre.x, centre.y, centre.z, 0.8 / part));
+    }
+}
+
+std::vector<std::string> aovNames(ImageOptions const& image) {
+    std::vector<std::string> names;
+    for (auto const& [isWanted, name] :
+         {std::pair(image.depth, "depth"), std::pair(image.normal, "normal"),
+          std::pair(image.id, "id"), std::pair(image.position, "position")})
+        if (isWanted)
+            names.emplace_back(name);
+    return names;
+}
+
+/// Refuses, before anything is read, an output that the picture could not be written to.
+void checkOutput(Options const& options) {
+    ImageFormat format{};
+    try {
+        format = imageFormatOf(options.output);
+    } catch (std::invalid_argument const& error) {
+        throw UsageError(error.what());
+    }
+    if (options.image.hasAovs() && format != ImageFormat::exr)
+        throw UsageError(fmt::format(
+            "{}: {} cannot hold --aov {}; write an .exr", baseName(options.output),
+            format == ImageFormat::png ? "PNG" : "PPM", fmt::join(aovNames(options.image), ",")));
+    if (options.image.transparent && format == ImageFormat::ppm)
+        throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
+                                     ".png or .exr",
+                                     baseName(options.output)));
+    bool const isNumbered = options.camera.turntable > 0 || options.particles.frames;
+    checkWritable(isNumbered ? numberedName(options.output, 0) : options.output);
+    if (!options.run.statsFile.empty())
+        OutputFile::check(options.run.statsFile);
+}
+
+/// A scene with its tree, and how long they took.
+struct BuiltScene {
+    Scene scene;
+    double readSeconds = 0.0;
+    double buildSeconds = 0.0;
+};
+
+/// Reads what `read` makes a scene of, and builds its tree.
+template <class Read>
+BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics, Read read) {
+    BuiltScene built;
+    Stopwatch const readTime;
+    built.scene = read();
+    built.readSeconds = readTime.seconds();
+
+    Stopwatch const buildTime;
+    BuildReport report(options.run);
+    buildScene(built.scene, options, report);
+    built.buildSeconds = buildTime.seconds();
+    statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
+                        built.buildSeconds, report.statisticsLines);
+    return built;
+}
+
+void renderPicture(BuiltScene& built, Camera const& camera, Options const& options,
+                   std::string const& output, RenderStatistics& statistics) {
+    Stopwatch const renderTime;
+    Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
+        return renderImage(built.scene, camera, options, threadCount(options.run), progress);
+    });
+    throwIfInterrupted();
+    double const renderSeconds = renderTime.seconds();
+    Stopwatch const writeTime;
+    withProgress("write", options.run, [&](PhaseProgress const& progress) {
+        writeImage(output, image, options.image.transparent, progress);
+    });
+    int const width = image.cropX1 - image.cropX0;
+    int const height = image.cropY1 - image.cropY0;
+    statistics.addPicture({output, width, height,
+                           image.alpha.size() * static_cast<std::size_t>(options.image.samples),
+                           renderSeconds, writeTime.seconds()});
+    if (!options.run.quiet)
+        say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
+            output, width, height,
+            withCommas(static_cast<std::uint64_t>(built.scene.geometry->sphereCount())),
+            built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
+}
+
+Camera cameraFor(Scene const& scene, Options const& options) {
+    return placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
+                       scene.framedCenters, scene.framedRadii, scene.origin);
+}
+
+/// Renders one frame, or the pictures of a turn around it.
+void renderOneFrame(Options const& options, RenderStatistics& statistics) {
+    BuiltScene built = makeBuiltScene(options, statistics, [&options] {
+        return readyScene(options, readParticles(options.particles.files[0], options, false));
+    });
+    Scene const& scene = built.scene;
+    if (!options.camera.eye && !options.camera.lookAt)
+        noteOutliers(scene, noteTo(options.run));
+    auto const& [width, height] = std::pair(options.image.width, options.image.height);
+    if (options.camera.turntable == 0)
+        renderPicture(built, cameraFor(scene, options), options, options.output, statistics);
+    for (int picture = 0; picture < options.camera.turntable; ++picture)
+        renderPicture(built,
+                      placeTurntable(options.camera, picture, width, height, scene.upAxis,
+                                     scene.framedCenters, scene.framedRadii, scene.origin),
+                      options, numberedName(options.output, picture), statistics);
+}
+
+/// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
+/// that, the camera's place, the radius and the range of a colour map, must not change on the way.
+void renderFrames(Options const& given, RenderStatistics& statistics) {
+    Options options = given;
+    SnapshotReader reader(options, options.particles.files[0]);
+    std::optional<Camera> camera;
+    Vec origin{};
+    std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
+    for (int const frame : reader.framesIn(*options.particles.frames)) {
+        BuiltScene built = makeBuiltScene(options, statistics, [&] {
+            ParticleSet particles =
+                ahead && ahead->frame == frame ? std::move(*ahead) : reader.read(frame, false);
+            ahead = reader.readSecond(particles);
+            return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr);
+        });
+        Scene const& scene = built.scene;
+        if (!camera) {
+            camera = cameraFor(scene, options);
+            origin = scene.origin;
+            if (scene.spacingRadius)
+                options.particles.radius = scene.spacingRadius;
+            options.color.range = scene.colorRange;
+        }
+        Camera here = *camera;
+        here.eye = here.eye + origin - scene.origin;
+        renderPicture(built, here, options, numberedName(options.output, frame), statistics);
+    }
+}
+
+} // namespace
+
+int runRender(Options const& options) {
+    checkOutput(options);
+    RenderStatistics statistics;
+    if (options.particles.frames)
+        renderFrames(options, statistics);
+    else
+        renderOneFrame(options, statistics);
+    if (!options.run.statsFile.empty()) {
+        OutputFile file(options.run.statsFile);
+        file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));
+        file.commit();
+    }
+    return 0;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "pipeline/files/particlefile.h"
+
+#include "tool/options/options.h"
+
+namespace kelpatool {
+
+/// Writes particles to the command's output as PLY, with progress, and says so.
+void saveParticles(Options const& options, ParticleSet const& particles);
+
+} // namespace kelpatool

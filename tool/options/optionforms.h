@@ -1,0 +1,124 @@
+#pragma once
+
+// How options take their values; internal to the command line, since CLI11 is slow to compile.
+
+#include "pipeline/files/srgb.h"
+
+#include "tool/options/options.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kelpatool {
+
+/// Numbers between separators, exactly as many as fit.
+template <class Number, std::size_t Count>
+std::array<Number, Count> parseNumbers(std::string const& text, char separator, char const* form) {
+    std::array<Number, Count> numbers{};
+    char const* at = text.data();
+    char const* const end = at + text.size();
+    for (std::size_t i = 0; i < Count; ++i) {
+        auto const [rest, error] = std::from_chars(at, end, numbers[i]);
+        bool const isLast = i + 1 == Count;
+        if (error != std::errc() || (isLast ? rest != end : rest == end || *rest != separator))
+            throw UsageError(fmt::format("'{}' is not of the form {}", text, form));
+        if constexpr (std::is_floating_point_v<Number>)
+            if (!std::isfinite(numbers[i]))
+                throw UsageError(fmt::format("'{}' is not finite", text));
+        at = rest + 1;
+    }
+    return numbers;
+}
+
+inline Kelpa::Vector parseVector(std::string const& text) {
+    auto const v = parseNumbers<float, 3>(text, ',', "X,Y,Z");
+    return {v[0], v[1], v[2]};
+}
+
+/// #rrggbb to linear light.
+inline Kelpa::Vector parseColor(std::string const& text) {
+    unsigned int bits = 0;
+    char const* const end = text.data() + text.size();
+    bool const hasForm = text.size() == 7 && text[0] == '#';
+    if (!hasForm || std::from_chars(text.data() + 1, end, bits, 16).ptr != end)
+        throw UsageError(fmt::format("'{}' is not a colour of the form #rrggbb", text));
+    auto const part = [bits](unsigned int shift) {
+        return linearFromSrgb(static_cast<float>((bits >> shift) & 0xFFU) / 255.0F);
+    };
+    return {part(16), part(8), part(0)};
+}
+
+/// An option whose text goes to `take`; what that complains about is told with the option's name.
+template <class Take>
+CLI::Option* addTaken(CLI::App& app, std::string const& name, char const* form, Take take,
+                      std::string const& help) {
+    return app
+        .add_option_function<std::string>(
+            name,
+            [name, take](std::string const& text) {
+                try {
+                    take(text);
+                } catch (UsageError const& error) {
+                    throw UsageError(fmt::format("{}: {}", name, error.what()));
+                }
+            },
+            help)
+        ->type_name(form);
+}
+
+/// An option whose text is parsed into `target`.
+template <class Parse, class Target>
+CLI::Option* addParsed(CLI::App& app, std::string const& name, char const* form, Target& target,
+                       Parse parse, std::string const& help) {
+    return addTaken(
+        app, name, form, [&target, parse](std::string const& text) { target = parse(text); }, help);
+}
+
+/// An option that takes one of a few words.
+template <class Choice>
+CLI::Option* addChoice(CLI::App& app, std::string const& name, Choice& target,
+                       std::vector<std::pair<std::string, Choice>> const& choices,
+                       std::string const& help) {
+    std::vector<std::string> words;
+    for (auto const& choice : choices)
+        words.push_back(choice.first);
+    std::string const all = fmt::format("{}", fmt::join(words, "|"));
+    return addTaken(
+        app, name, all.c_str(),
+        [&target, choices, words](std::string const& text) {
+            auto const at = std::find(words.begin(), words.end(), text);
+            if (at == words.end())
+                throw UsageError(fmt::format("'{}' is none of {}", text, fmt::join(words, ", ")));
+            target = choices[static_cast<std::size_t>(at - words.begin())].second;
+        },
+        help);
+}
+
+/// Accepts the numbers from `low` to `high`, and so no NaN; without words of its own in the help.
+template <class Number> CLI::Validator between(Number low, Number high) {
+    return {[low, high](std::string& text) -> std::string {
+                Number value{};
+                char const* const end = text.data() + text.size();
+                auto const [rest, error] = std::from_chars(text.data(), end, value);
+                if (error == std::errc() && rest == end && value >= low && value <= high)
+                    return {};
+                char const* const kind = std::is_integral_v<Number> ? "whole" : "finite";
+                return fmt::format("'{}' is not a {} number from {} to {}", text, kind, low, high);
+            },
+            ""};
+}
+
+inline CLI::Validator anySeed() {
+    return between(std::uint64_t{0}, std::numeric_limits<std::uint64_t>::max());
+}
+
+} // namespace kelpatool

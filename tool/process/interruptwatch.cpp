@@ -1,0 +1,61 @@
+#include "tool/process/interruptwatch.h"
+
+#include "kelpa/host/consoleprogress.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+namespace kelpatool {
+
+namespace {
+
+constexpr std::chrono::milliseconds look{20};
+constexpr std::chrono::milliseconds patience{80};
+constexpr int interruptedExit = 130;
+
+std::mutex holdsMutex;
+int holds = 0; // under `holdsMutex`
+
+/// Does not return when nobody holds the process. Whoever wants to from then on waits for ever,
+/// which is not long.
+void endUnlessHeld() {
+    std::lock_guard const decided(holdsMutex);
+    if (holds > 0)
+        return;
+    std::fputs("\nkelpa: interrupted\n", stderr);
+    std::_Exit(interruptedExit);
+}
+
+} // namespace
+
+InterruptWatch::Hold::Hold() {
+    std::lock_guard const guard(holdsMutex);
+    ++holds;
+}
+
+InterruptWatch::Hold::~Hold() {
+    std::lock_guard const guard(holdsMutex);
+    --holds;
+}
+
+InterruptWatch::InterruptWatch() {
+    try {
+        watcher = std::jthread([this](std::stop_token const& stop) { watch(stop); });
+    } catch (std::system_error const&) {
+        // Without a thread for it the scope ends when it does.
+    }
+}
+
+void InterruptWatch::watch(std::stop_token const& stop) {
+    std::unique_lock guard(mutex);
+    auto const isOver = [&stop] { return stop.stop_requested(); };
+    while (!Kelpa::InterruptScope::interrupted())
+        if (ended.wait_for(guard, stop, look, isOver))
+            return;
+    while (!ended.wait_for(guard, stop, patience, isOver))
+        endUnlessHeld();
+}
+
+} // namespace kelpatool

@@ -1,0 +1,197 @@
+#include "tool/report/phases.h"
+
+#include "kelpa/foundation/platform.h"
+#include "kelpa/host/threadpool.h"
+
+#include "tool/process/standardstreams.h"
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <filesystem>
+
+namespace kelpatool {
+
+std::string withCommas(std::uint64_t number) {
+    std::string text = fmt::format("{}", number);
+    for (std::size_t at = text.size(); at > 3; at -= 3)
+        text.insert(at - 3, 1, ',');
+    return text;
+}
+
+std::string baseName(std::string const& path) {
+    return std::filesystem::path(path).filename().string();
+}
+
+Note noteTo(RunOptions const& run) {
+    if (run.quiet)
+        return [](std::string const&) {};
+    return [](std::string const& text) { say("kelpa: note: {}\n", text); };
+}
+
+void throwIfInterrupted() {
+    if (Kelpa::InterruptScope::interrupted())
+        throw Interrupted();
+}
+
+Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
+    return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
+}
+
+namespace {
+
+/// Gives particles whose types are only numbered the elements that the user names.
+void nameElements(ParticleSet& particles, std::vector<std::uint8_t> const& elements,
+                  std::string const& file) {
+    if (elements.empty())
+        return;
+    if (particles.types.empty())
+        throw InputError(fmt::format("{}: has no numbered types for --elements", file));
+    particles.elements.clear();
+    for (std::int64_t const type : particles.types) {
+        if (type < 1 || type > static_cast<std::int64_t>(elements.size()))
+            throw InputError(fmt::format("{}: there is a type {}, and --elements names {}", file,
+                                         type, elements.size()));
+        particles.elements.push_back(elements[static_cast<std::size_t>(type - 1)]);
+    }
+}
+
+} // namespace
+
+SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
+    : options(given), source(path) {
+}
+
+ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
+    ReadOptions read;
+    read.format = options.particles.format;
+    read.assembly = options.particles.assembly;
+    read.allAttributes = options.command == Options::Command::convert;
+    read.radiusFrom = options.particles.radiusFrom;
+    read.forMotion = hasSecondFile(options);
+    read.progress = progress;
+    if (!options.color.colorBy.empty())
+        read.attributes.push_back(options.color.colorBy);
+    return read;
+}
+
+std::vector<int> SnapshotReader::framesIn(FrameRange const& range) {
+    std::vector<int> frames =
+        withProgress("count", options.run, [&](PhaseProgress const& progress) {
+            return source.framesIn(range, readOptions(progress));
+        });
+    if (std::vector<int> const missing = source.missingIn(range); !missing.empty())
+        noteTo(options.run)(fmt::format("{}: no files for frames {}{}; the others are rendered",
+                                        options.particles.files[0], fmt::join(missing, ", "),
+                                        missing.size() < 8 ? "" : " and perhaps more"));
+    return frames;
+}
+
+ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
+    ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
+        ReadOptions read = readOptions(progress);
+        read.summarise = summarise;
+        return source.read(frame, read);
+    });
+    for (std::string const& text : particles.notes)
+        noteTo(options.run)(text);
+    nameElements(particles, options.particles.elements, particles.name);
+    return particles;
+}
+
+std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) {
+    if (!hasSecondFile(options))
+        return std::nullopt;
+    if (options.motion.motion != "next")
+        return readParticles(options.motion.motion, options, false);
+    std::optional<ParticleSet> second =
+        withProgress("read", options.run, [&](PhaseProgress const& progress) {
+            return source.readAfter(first.frame, readOptions(progress));
+        });
+    if (second)
+        nameElements(*second, options.particles.elements, second->name);
+    else
+        noteTo(options.run)(
+            fmt::format("no frame follows {}: its particles stand still", first.name));
+    return second;
+}
+
+ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
+    return SnapshotReader(options, path).read(options.particles.frame, summarise);
+}
+
+bool hasSecondFile(Options const& options) {
+    return options.motion.motion != "none" && options.motion.motion != "velocity";
+}
+
+Scene readyScene(Options const& options, ParticleSet particles) {
+    std::optional<ParticleSet> const second =
+        SnapshotReader(options, options.particles.files[0]).readSecond(particles);
+    return readyScene(options, std::move(particles), second ? &*second : nullptr);
+}
+
+Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second) {
+    // What there is to note must not run into the line of the display.
+    std::vector<std::string> notes;
+    Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
+        return makeScene(
+            options, std::move(particles), second,
+            [&notes](std::string const& text) { notes.push_back(text); }, progress);
+    });
+    for (std::string const& text : notes)
+        noteTo(options.run)(text);
+    return scene;
+}
+
+BuildReport::BuildReport(RunOptions const& run)
+    : console(run.verbose ? Kelpa::ConsoleProgress::Verbosity::everything
+              : run.stats ? Kelpa::ConsoleProgress::Verbosity::statistics
+                          : Kelpa::ConsoleProgress::Verbosity::quiet) {
+}
+
+void BuildReport::info(int kind, int level, char const* format, ...) {
+    char text[1024];
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(text, sizeof text, format, values);
+    va_end(values);
+    console.info(kind, level, "%s", text);
+    std::string line = text;
+    while (!line.empty() && line.back() == '\n')
+        line.pop_back();
+    constexpr int statistics = 20000;
+    if (level == statistics)
+        statisticsLines.push_back(line);
+}
+
+int threadCount(RunOptions const& run) {
+    return run.threads > 0 ? run.threads : Kelpa::getNumProcessors();
+}
+
+void buildScene(Scene& scene, Options const& options, BuildReport& report) {
+    Kelpa::ProgressLine line("build", displayMode(options.run));
+    line.update(-1.0, static_cast<std::uint64_t>(scene.first->positions.size()));
+    bool const isThreaded = !options.run.reproducible && threadCount(options.run) > 1;
+    std::unique_ptr<Kelpa::ThreadPool> pool;
+    if (isThreaded)
+        pool = std::make_unique<Kelpa::ThreadPool>(threadCount(options.run));
+    scene.geometry->build(report, pool.get(), options.tree);
+    throwIfInterrupted();
+}
+
+Bounds inFile(Bounds const& bounds, Vec const& origin) {
+    auto const moved = [&origin](Vec const& v) {
+        return Vec{v.x + origin.x, v.y + origin.y, v.z + origin.z};
+    };
+    return {moved(bounds.min), moved(bounds.max)};
+}
+
+std::uint64_t peakMegabytes() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<std::uint64_t>(usage.ru_maxrss) / 1024;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,115 @@
+#pragma once
+
+#include "kelpa/foundation/hosttypes.h"
+#include "kelpa/host/consoleprogress.h"
+
+#include "pipeline/files/particlefile.h"
+#include "pipeline/scene/scene.h"
+
+#include "tool/options/options.h"
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kelpatool {
+
+// The phases that commands are made of, each with its progress display and its answer to Ctrl-C.
+
+/// Seconds since it was made.
+class Stopwatch {
+  public:
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    }
+
+  private:
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+};
+
+/// 218901 as "218,901".
+std::string withCommas(std::uint64_t number);
+
+/// A path's last part.
+std::string baseName(std::string const& path);
+
+/// Prints notes to standard error, unless the run is quiet.
+Note noteTo(RunOptions const& run);
+
+/// Throws `Interrupted` after Ctrl-C.
+void throwIfInterrupted();
+
+Kelpa::ProgressLine::Mode displayMode(RunOptions const& run);
+
+/// Runs a phase with a progress display of its own, which the phase feeds and which stops it.
+template <class Phase>
+auto withProgress(std::string const& name, RunOptions const& run, Phase phase) {
+    Kelpa::ProgressLine line(name, displayMode(run));
+    return phase([&line](double fraction, std::uint64_t particles) {
+        line.update(fraction, particles);
+        throwIfInterrupted();
+    });
+}
+
+/// Reads frames as the options say, with the snapshots that their particles go to, and prints what
+/// the readers note.
+class SnapshotReader {
+  public:
+    /// `options` must outlive the reader.
+    SnapshotReader(Options const& options, std::string const& path);
+
+    std::vector<int> framesIn(FrameRange const& range);
+    /// `summarise` also collects what `kelpa info` shows of the columns.
+    ParticleSet read(std::optional<int> frame, bool summarise);
+    /// The snapshot that `--motion` asks for; nothing when the particles stand still, or go along
+    /// their velocities.
+    std::optional<ParticleSet> readSecond(ParticleSet const& first);
+
+  private:
+    ReadOptions readOptions(PhaseProgress const& progress) const;
+
+    Options const& options;
+    FrameSource source;
+};
+
+/// Reads the file's particles as the options say, and prints the reader's notes. `summarise` also
+/// collects what `kelpa info` shows of the columns.
+ParticleSet readParticles(std::string const& path, Options const& options, bool summarise);
+
+/// Whether the motion comes from a second snapshot.
+bool hasSecondFile(Options const& options);
+
+/// Makes the scene of a file, and of the second snapshot if there is one.
+Scene readyScene(Options const& options, ParticleSet particles);
+/// The same with a second snapshot that has been read, or null.
+Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second);
+
+/// Collects what a build says.
+class BuildReport final : public Kelpa::ProgressCallback {
+  public:
+    explicit BuildReport(RunOptions const& run);
+
+    std::int32_t getAbort() override { return console.getAbort(); }
+    void info(int kind, int level, char const* format, ...) override
+        __attribute__((format(printf, 4, 5)));
+
+    std::vector<std::string> statisticsLines;
+
+  private:
+    Kelpa::ConsoleProgress console;
+};
+
+/// Builds the scene's tree, on the threads that the options grant. Throws `Interrupted`.
+void buildScene(Scene& scene, Options const& options, BuildReport& report);
+
+/// How many threads the options ask for.
+int threadCount(RunOptions const& run);
+
+/// Bounds of the scene in the file's coordinates.
+Bounds inFile(Bounds const& bounds, Vec const& origin);
+
+/// The most memory that the process had so far.
+std::uint64_t peakMegabytes();
+
+} // namespace kelpatool
