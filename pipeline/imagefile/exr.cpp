@@ -9,6 +9,7 @@
 #include <half.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -67,13 +68,21 @@ void const* rowOf(std::vector<Value> const& values, std::size_t firstPixel, std:
     return values.empty() ? nullptr : values.data() + (perPixel * firstPixel);
 }
 
+/// EXR knows whole numbers of 32 bits alone, so an id takes two channels, as it lies in memory.
+std::vector<char const*> halvesOfIds() {
+    if constexpr (std::endian::native == std::endian::little)
+        return {"id", "id.high"};
+    else
+        return {"id.high", "id"};
+}
+
 std::vector<ChannelGroup> channelsOf(Image const& image, std::size_t firstPixel,
                                      std::vector<half> const& colors) {
     return {{{"R", "G", "B", "A"}, Imf::HALF, colors.data()},
             {{"Z"}, Imf::FLOAT, rowOf(image.depth, firstPixel, 1)},
             {{"N.X", "N.Y", "N.Z"}, Imf::FLOAT, rowOf(image.normal, firstPixel, 3)},
             {{"P.X", "P.Y", "P.Z"}, Imf::FLOAT, rowOf(image.position, firstPixel, 3)},
-            {{"id"}, Imf::UINT, rowOf(image.id, firstPixel, 1)}};
+            {halvesOfIds(), Imf::UINT, rowOf(image.id, firstPixel, 1)}};
 }
 
 Imf::Header headerOf(Image const& image) {

@@ -161,8 +161,8 @@ void TileRenderer::storeFirstHit(Pixel const& pixel, Surface const& surface, dou
         image.depth[at] = static_cast<float>(depth);
     if (!image.id.empty()) {
         auto const particle = static_cast<std::size_t>(surface.particle);
-        image.id[at] = static_cast<std::uint32_t>(
-            scene.ids.empty() ? static_cast<std::int64_t>(particle) : scene.ids[particle]);
+        image.id[at] =
+            scene.ids.empty() ? static_cast<std::int64_t>(particle) : scene.ids[particle];
     }
     for (int axis = 0; axis < 3; ++axis) {
         auto const component = 3 * at + static_cast<std::size_t>(axis);
@@ -335,7 +335,7 @@ Image emptyImage(ImageOptions const& options) {
     if (options.position)
         image.position.resize(3 * count);
     if (options.id)
-        image.id.assign(count, 0xFFFFFFFFU);
+        image.id.assign(count, idOfNothing);
     return image;
 }
 

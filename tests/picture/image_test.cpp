@@ -44,10 +44,10 @@ Image partOfAPicture() {
         image.normal.push_back(static_cast<float>(i) + 0.1F);
         image.position.push_back(1e6F + static_cast<float>(i));
     }
-    for (std::uint32_t i = 0; i < 6; ++i) {
+    for (int i = 0; i < 6; ++i) {
         image.alpha.push_back(0.5F);
         image.depth.push_back(1e30F * static_cast<float>(i));
-        image.id.push_back(0xFFFFFFFFU - i);
+        image.id.push_back((std::int64_t{i} << 33) - 1); // -1 first, and beyond 32 bits
     }
     return image;
 }
@@ -127,7 +127,11 @@ TEST_F(Pictures, InExrHaveEveryChannelInItsPlaceOfTheWholePicture) {
     EXPECT_EQ(file.header().dataWindow(), Imath::Box2i({2, 1}, {4, 2}));
 
     EXPECT_EQ(readChannel<float>(file, "Z", Imf::FLOAT), image.depth);
-    EXPECT_EQ(readChannel<std::uint32_t>(file, "id", Imf::UINT), image.id);
+    std::vector<std::uint32_t> const low = readChannel<std::uint32_t>(file, "id", Imf::UINT);
+    std::vector<std::uint32_t> const high = readChannel<std::uint32_t>(file, "id.high", Imf::UINT);
+    for (std::size_t pixel = 0; pixel < image.id.size(); ++pixel)
+        EXPECT_EQ(static_cast<std::int64_t>((std::uint64_t{high[pixel]} << 32) | low[pixel]),
+                  image.id[pixel]);
     EXPECT_EQ(readChannel<half>(file, "A", Imf::HALF), std::vector<half>(6, half(0.5F)));
     char const* const names[3][3] = {{"R", "N.X", "P.X"}, {"G", "N.Y", "P.Y"}, {"B", "N.Z", "P.Z"}};
     for (std::size_t axis = 0; axis < 3; ++axis) {

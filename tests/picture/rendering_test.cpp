@@ -106,7 +106,8 @@ TEST(Channels, TellWhereThePixelsMiddleRayMeetsWhichParticle) {
     ParticleSet particles;
     particles.positions = {{-1, 0, 0}, {1, 0.5F, 0.25F}, {0, -1, -3}};
     particles.radii = {0.75F, 0.5F, 1.0F};
-    particles.ids = {7, 4000000000, 12};
+    std::int64_t const wide = (std::int64_t{1} << 40) + 7; // its low half is another's id
+    particles.ids = {7, wide, -1};
     Options options;
     options.camera.eye = {0, 0, 8};
     options.camera.lookAt = {0, 0, 0};
@@ -115,14 +116,15 @@ TEST(Channels, TellWhereThePixelsMiddleRayMeetsWhichParticle) {
     options.image.crop = {20, 10, 85, 55};
     Image const image = render(options, particles, nullptr);
 
-    std::map<std::uint32_t, int> pixelsOf;
+    std::map<std::int64_t, int> pixelsOf;
     for (std::size_t at = 0; at < image.depth.size(); ++at) {
         ++pixelsOf[image.id[at]];
         if (image.depth[at] == 1e30F) {
+            EXPECT_EQ(image.id[at], kelpatool::idOfNothing);
             EXPECT_EQ(image.alpha[at] + image.normal[3 * at], 0.0F);
             continue;
         }
-        std::size_t const i = image.id[at] == 7U ? 0U : image.id[at] == 12U ? 2U : 1U;
+        std::size_t const i = image.id[at] == 7 ? 0U : image.id[at] == -1 ? 2U : 1U;
         Vec const place = {static_cast<double>(image.position[3 * at]),
                            static_cast<double>(image.position[3 * at + 1]),
                            static_cast<double>(image.position[3 * at + 2])};
@@ -137,7 +139,7 @@ TEST(Channels, TellWhereThePixelsMiddleRayMeetsWhichParticle) {
         EXPECT_NEAR(place.x / perPixel + 45.0, static_cast<double>(20 + at % 65) + 0.5, 1e-3);
         EXPECT_NEAR(30.0 - place.y / perPixel, static_cast<double>(10 + at / 65) + 0.5, 1e-3);
     }
-    for (std::uint32_t const id : {7U, 4000000000U, 12U})
+    for (std::int64_t const id : {std::int64_t{7}, wide, std::int64_t{-1}})
         EXPECT_GT(pixelsOf[id], 50) << id;
 }
 

@@ -299,7 +299,8 @@ void addPictureOptions(CLI::App& app, Options& options) {
         app, "--aov", "depth,normal,id,position",
         [&image](std::string const& names) { takeChannels(names, image); },
         "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
-        "ray, 1e30 where no particle is), normal, id, position")
+        "ray, 1e30 where no particle is), normal, id (with id.high the 64 bits of it), "
+        "position")
         ->group("Image");
 
     LightOptions& light = options.light;
