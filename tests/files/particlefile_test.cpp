@@ -1,4 +1,5 @@
 #include "pipeline/files/elements.h"
+#include "pipeline/files/framesource.h"
 
 #include "tests/support/particlefolder.h"
 
@@ -280,6 +281,19 @@ TEST_F(ParticleFiles, SayWhatIsWrongWithThem) {
     EXPECT_TRUE(holdsAll(complaint(folder.string()), {"is a folder, not a particle file"}));
 }
 
+TEST_F(ParticleFiles, NoteWhatFollowsThatTheirHeaderDoesNotPromise) {
+    std::string const text = ascii("x y z", 1, "1 2 3\n");
+    std::string const binary =
+        "ply\nformat binary_little_endian 1.0\nelement vertex 1\n"
+        "property float x\nproperty float y\nproperty float z\nend_header\n" +
+        std::string(12, '\0');
+    for (std::string const& exact : {text, text + "\n \n", binary, gzip(binary)})
+        EXPECT_TRUE(read(exact).notes.empty());
+    EXPECT_TRUE(holdsAll(read(text + "\n4 5 6\n").notes.at(0), {":10: rows go on behind the 1"}));
+    for (std::string const& longer : {binary + "0123456789ab", gzip(binary + "0123456789ab")})
+        EXPECT_TRUE(holdsAll(read(longer).notes.at(0), {": 12 bytes follow the 1 vertices"}));
+}
+
 TEST_F(ParticleFiles, AreUnpackedToTheLastByte) {
     std::string rows;
     for (int i = 0; i < 40000; ++i)
@@ -334,6 +348,21 @@ TEST_F(ParticleFiles, HoldAtomsAsXyz) {
     EXPECT_EQ(extended.attributes[2].values, (std::vector<float>{1.0F, 0.0F}));
     EXPECT_EQ(read("1\nProperties=pos:R:3:numbers:I:1\n1 2 3 79\n").elements.at(0), 79);
 
+    // Keys in any case and spacing; what a value quotes is no key.
+    for (char const* const comment :
+         {"\tproperties=id:I:1:pos:R:3\tlattice='9 0 0 0 8 0 0 0 7'\tPBC=\"T F T\"",
+          "old=\"Properties=species:S:1:pos:R:3 Lattice=\\\"1 0 0\\\"\" PROPERTIES = "
+          "id:I:1:pos:R:3 "
+          "LATTICE = \"9 0 0 0 8 0 0 0 7\" pbc = [T, F, T]",
+          "a title Lattice=[[9,0,0],[0,8,0],[0,0,7]] 'my key'={Properties=pos:R:3} "
+          "Properties=\"id:I:1:pos:R:3\" pbc={T F T} unclosed=\"Lattice=0"}) {
+        ParticleSet const set = read(std::string("1\n") + comment + "\n77 1 2 3\n");
+        EXPECT_EQ(set.ids, std::vector<std::int64_t>{77}) << comment;
+        ASSERT_TRUE(set.cell) << comment;
+        EXPECT_EQ(set.cell->edges[1][1], 8.0);
+        EXPECT_EQ(set.cell->isPeriodic, (std::array<bool, 3>{true, false, true})) << comment;
+    }
+
     for (auto const& [symbol, number] : {std::pair{"H", 1},
                                          {"cl", 17},
                                          {"NA", 11},
@@ -383,6 +412,11 @@ TEST_F(ParticleFiles, HoldFramesAsXyz) {
     EXPECT_TRUE(holdsAll(summary.notes[0], {"frame 2 ends after 2 of 3 rows"}));
     EXPECT_EQ(read(frame(0, 1) + frame(1, 2), {.summarise = true}).frameCount, 2);
 
+    // Words beyond the columns that were listed are worth a note; where none were, they are usual.
+    EXPECT_TRUE(read("2\n\nC 1 2 3\nC 1 2 3 0.5\n").notes.empty());
+    EXPECT_TRUE(holdsAll(read("2\nProperties=pos:R:3\n1 2 3\n1 2 3 0.5\n").notes.at(0),
+                         {":4: a row of frame 0 with more words than its 3 columns; 1 such rows"}));
+
     struct Case {
         std::string bytes;
         int frame;
@@ -401,6 +435,21 @@ TEST_F(ParticleFiles, HoldFramesAsXyz) {
         std::string const text = complaintAbout(c.bytes, {.frame = c.frame});
         EXPECT_TRUE(holdsAll(text, {c.words})) << text;
         EXPECT_EQ(text.find("use --frame -1"), std::string::npos);
+    }
+}
+
+TEST_F(ParticleFiles, EndBehindTheirLastFrameInEveryFormat) {
+    for (char const* const name : {"ply/text", "xyz/plain", "lammps/tilted", "gro/frames",
+                                   "bgeo/attributes", "pdb/assembly", "mmcif/assembly",
+#ifdef KELPA_OPENVDB
+                                   "vdb/points"
+#endif
+         }) {
+        SCOPED_TRACE(name);
+        FrameSource source(std::string(KELPA_SOURCE_DIR "/tests/fuzz/seeds/") + name);
+        ParticleSet const last = source.read(-1, {});
+        EXPECT_FALSE(source.readAfter(last.frame, {}));
+        EXPECT_THROW(source.read(last.frame + 1, {}), NoSuchFrame);
     }
 }
 

@@ -155,6 +155,9 @@ TEST_F(TextFormats, SayWhereTheyAreDamagedAndWhichFramesAreGood) {
         std::string const text = complaintAbout(c.text, options);
         EXPECT_TRUE(holdsAll(text, {c.complaint})) << text << "\ninstead of " << c.complaint;
     }
+    ParticleSet const wide = read(frame(1, cube, "x y z", "1 2 3 4\n2 2 3 4 5 6\n"));
+    EXPECT_TRUE(holdsAll(wide.notes.at(0), {":11: a row of frame at step 1 with more words than"}));
+    EXPECT_TRUE(read(good).notes.empty());
     ParticleSet const whole =
         read(good + frame(1, cube, "x y z", "1 2 3 4\n"), {.summarise = true});
     EXPECT_EQ(whole.frameCount, 1);

@@ -1,4 +1,5 @@
 #include "pipeline/files/columns.h"
+#include "pipeline/files/formats/frames.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/textvalues.h"
 
@@ -159,8 +160,7 @@ void readRows(InputFile& file, Header const& header, std::size_t rowBytes,
 
 ParticleSet readBgeo(InputFile& file, ReadOptions const& options) {
     Header const header = readHeader(file);
-    if (options.frame != 0 && options.frame != -1)
-        file.fail("no frame {}; a BGEO file holds one", options.frame);
+    requireOnlyFrame(file, options, "a BGEO file");
     RowLayout const layout = readLayout(file, header);
     ParticleSet particles;
     particles.format = "classic BGEO";

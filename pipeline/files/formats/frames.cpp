@@ -61,4 +61,10 @@ ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const&
     return particles;
 }
 
+void requireOnlyFrame(InputFile const& file, ReadOptions const& options, std::string_view what) {
+    if (options.frame != 0 && options.frame != -1)
+        throw NoSuchFrame(
+            fmt::format("{}: no frame {}; {} holds one", file.path(), options.frame, what));
+}
+
 } // namespace kelpatool

@@ -22,4 +22,7 @@ class FrameFormat {
 /// frames are behind it. To summarise or to count from the end, all others are passed over as well.
 ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const& options);
 
+/// Refuses to read any frame but the only one, 0 or -1, of a file such as "a PLY file".
+void requireOnlyFrame(InputFile const& file, ReadOptions const& options, std::string_view what);
+
 } // namespace kelpatool

@@ -1,5 +1,6 @@
 #include "pipeline/files/columns.h"
 #include "pipeline/files/formats/assembly.h"
+#include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/gemmifile.h"
 #include "pipeline/files/formats/textrows.h"
 #include "pipeline/files/inputfile.h"
@@ -457,7 +458,9 @@ void appendAssembly(InputFile& file, Molecule const& molecule, Assembly const& a
 
 ParticleSet makeParticles(InputFile& file, Molecule& molecule, ReadOptions const& options,
                           std::string_view format) {
-    if (options.frame != 0 && (options.frame != -1 || molecule.models != 1))
+    if (molecule.models == 1)
+        requireOnlyFrame(file, options, "this file");
+    else if (options.frame != 0)
         file.fail("no frame {}; of {} files the first model, 0, is read", options.frame, format);
     bool const isAssembly = !options.assembly.empty();
     ParticleSet particles;

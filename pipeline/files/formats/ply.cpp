@@ -1,4 +1,5 @@
 #include "pipeline/files/columns.h"
+#include "pipeline/files/formats/frames.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/textvalues.h"
 
@@ -359,13 +360,27 @@ void readTextRows(InputFile& file, Element const& vertex, std::vector<Column> co
     }
 }
 
+/// Notes what follows the last row of a file's last element, though the header promises no more.
+void noteTheRest(InputFile& file, Element const& vertex, bool isText, ParticleSet& particles) {
+    if (isText) {
+        if (nextTextRow(file))
+            particles.notes.push_back(
+                fmt::format("{}:{}: rows go on behind the {} vertices that the header promises; "
+                            "they are left out",
+                            file.path(), file.lineNumber(), vertex.count));
+    } else if (std::uint64_t const bytes = file.skip(~std::uint64_t{0}); bytes > 0) {
+        particles.notes.push_back(
+            fmt::format("{}: {} bytes follow the {} vertices that the header promises; they are "
+                        "left out",
+                        file.path(), bytes, vertex.count));
+    }
+}
+
 } // namespace
 
 ParticleSet readPly(InputFile& file, ReadOptions const& options) {
     Header const header = readHeader(file);
-    if (options.frame != 0 && options.frame != -1)
-        throw NoSuchFrame(
-            fmt::format("{}: no frame {}; a PLY file holds one", file.path(), options.frame));
+    requireOnlyFrame(file, options, "a PLY file");
     std::size_t const vertexIndex = findVertices(file, header);
     Element const& vertex = header.elements[vertexIndex];
     bool const isText = header.encoding == Encoding::ascii;
@@ -398,6 +413,8 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options) {
         gatherRows(file, vertex, bigEndian, swapBytes, converter);
     else
         readFixedRows(file, vertex, swapBytes, converter);
+    if (vertexIndex + 1 == header.elements.size())
+        noteTheRest(file, vertex, isText, particles);
     file.verifyChecksum();
     return particles;
 }

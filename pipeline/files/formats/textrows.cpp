@@ -23,6 +23,8 @@ struct RowParser {
     RowLayout const& layout;
     std::vector<WordKind> kinds; ///< those of the layout, with text for what nobody uses
     ElementReader elements;
+    std::uint64_t longRows = 0; ///< with more words than columns
+    std::uint64_t firstLongRow = 0;
 
     /// Puts one word into its place in a row; false when it is not what the column holds.
     bool store(Column const& column, WordKind kind, std::string_view word, char* row) {
@@ -48,6 +50,8 @@ struct RowParser {
                               quoted(column->name), frame.wayOn());
             column += layout.words[index] == WordKind::text ? 0 : 1;
         }
+        if (!layout.mayHaveMore && !nextWord(line).empty() && ++longRows == 1)
+            firstLongRow = file.lineNumber();
     }
 };
 
@@ -155,6 +159,11 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
         converter.append(rows.data(), count, layout.rowBytes, false);
         file.particles += count;
     }
+    if (parser.longRows > 0)
+        particles.notes.push_back(fmt::format(
+            "{}:{}: a row of {} with more words than its {} columns; {} such rows, of which the "
+            "first words count",
+            file.path(), parser.firstLongRow, frame.name, layout.words.size(), parser.longRows));
 }
 
 } // namespace kelpatool

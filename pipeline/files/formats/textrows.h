@@ -14,6 +14,7 @@ struct RowLayout {
     std::vector<WordKind> words;
     std::vector<Column> columns; ///< in the order of the words; behind them those derived
     std::size_t rowBytes = 0;
+    bool mayHaveMore = false; ///< words behind those listed are usual, and nothing to note
 
     void addWord(std::string name, std::string_view type, WordKind kind);
     /// Adds a column that is computed from others; after all words.

@@ -1,4 +1,5 @@
 #include "pipeline/files/columns.h"
+#include "pipeline/files/formats/frames.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/textvalues.h"
 
@@ -414,8 +415,7 @@ ParticleSet readVdb(InputFile& file, ReadOptions const& options) {
     if (file.isGzip() || !file.canBeReadAgain())
         file.fail("VDB is read from plain files only, not from {}; unpack it first",
                   file.isGzip() ? "gzipped ones" : "a pipe");
-    if (options.frame != 0 && options.frame != -1)
-        file.fail("no frame {}; a VDB file holds one", options.frame);
+    requireOnlyFrame(file, options, "a VDB file");
     ParticleSet particles;
     particles.format = "OpenVDB points";
     particles.upAxis = 'y';

@@ -3,6 +3,8 @@
 #include "pipeline/files/textvalues.h"
 
 #include <algorithm>
+#include <cctype>
+#include <map>
 #include <optional>
 
 // XYZ: per frame a line with the number of atoms, a comment and a row per atom. Extended XYZ names
@@ -20,6 +22,81 @@ constexpr VectorColumns velocityNames[] = {
     {"vel", {"vel.x", "vel.y", "vel.z"}},
     {"velocities", {"velocities.x", "velocities.y", "velocities.z"}}};
 constexpr std::string_view elementNames[] = {"species", "element", "Z", "numbers"};
+
+// The comment --------------------------------------------------------------------------------
+
+constexpr std::string_view blanks = " \t\r";
+
+/// What the comment of a frame says: values without their quotes by keys in lower case.
+using Comment = std::map<std::string, std::string, std::less<>>;
+
+/// The bracket or quote that closes what a character opens; 0: it opens nothing.
+char closerOf(char opener) {
+    constexpr std::string_view pairs = "\"\"''{}[]";
+    for (std::size_t at = 0; at < pairs.size(); at += 2)
+        if (pairs[at] == opener)
+            return pairs[at + 1];
+    return 0;
+}
+
+/// Cuts what stands within quotes or brackets off a comment; without an end, all of it.
+std::string cutEnclosed(std::string_view& rest) {
+    char const opener = rest.front();
+    char const closer = closerOf(opener);
+    bool const mayNest = closer != opener;
+    std::string value;
+    std::size_t at = 1;
+    for (int depth = 1; at < rest.size(); ++at) {
+        char const c = rest[at];
+        depth += mayNest && c == opener ? 1 : c == closer ? -1 : 0;
+        if (depth == 0)
+            break;
+        bool const isEscape = !mayNest && c == '\\' && at + 1 < rest.size();
+        value += isEscape ? rest[++at] : c;
+    }
+    rest.remove_prefix(std::min(rest.size(), at + 1));
+    return value;
+}
+
+/// Cuts a key or a value off a comment: what is enclosed, or what none of `ends` is in.
+std::string cutItem(std::string_view& rest, std::string_view ends) {
+    if (!rest.empty() && closerOf(rest.front()) != 0)
+        return cutEnclosed(rest);
+    std::string item(rest.substr(0, rest.find_first_of(ends)));
+    rest.remove_prefix(item.size());
+    return item;
+}
+
+void skipBlanks(std::string_view& rest) {
+    rest.remove_prefix(std::min(rest.size(), rest.find_first_not_of(blanks)));
+}
+
+/// Reads a comment key by key, so that what stands in one value is no key of its own.
+Comment parseComment(std::string_view rest) {
+    Comment comment;
+    for (skipBlanks(rest); !rest.empty(); skipBlanks(rest)) {
+        std::string key = cutItem(rest, " \t\r=");
+        skipBlanks(rest);
+        if (!rest.starts_with('='))
+            continue; // a word of its own, such as a title's
+        rest.remove_prefix(1);
+        skipBlanks(rest);
+        std::transform(key.begin(), key.end(), key.begin(), [](char c) {
+            return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        });
+        comment[key] = cutItem(rest, blanks);
+    }
+    return comment;
+}
+
+/// The value of a key, or nothing; lists in brackets become words.
+std::string wordsOf(Comment const& comment, std::string_view key) {
+    auto const found = comment.find(key);
+    std::string words = found == comment.end() ? std::string() : found->second;
+    std::replace_if(
+        words.begin(), words.end(), [](char c) { return c == ',' || c == '[' || c == ']'; }, ' ');
+    return words;
+}
 
 // Layout of rows -----------------------------------------------------------------------------
 
@@ -51,17 +128,6 @@ void addProperty(InputFile const& file, RowLayout& layout, std::string_view name
     }
 }
 
-/// What `key=` is followed by in a comment, without its quotes; empty when the key is not there.
-std::string_view valueOf(std::string_view comment, std::string_view key) {
-    std::size_t const at = comment.find(key);
-    if (at == std::string_view::npos || (at > 0 && comment[at - 1] != ' '))
-        return {};
-    std::string_view const value = comment.substr(at + key.size());
-    if (value.starts_with('"') || value.starts_with('\''))
-        return value.substr(1, value.find(value[0], 1) - 1);
-    return value.substr(0, value.find_first_of(" \t"));
-}
-
 std::string_view cutAtColon(std::string_view& list) {
     std::string_view const item = list.substr(0, list.find(':'));
     list.remove_prefix(std::min(list.size(), item.size() + 1));
@@ -83,10 +149,12 @@ RowLayout layoutOf(InputFile const& file, std::string_view properties) {
     return layout;
 }
 
-/// The cell that `Lattice=` and `pbc=` tell of; without the latter it repeats along all edges.
-std::optional<PeriodicCell> cellOf(std::string_view comment) {
-    std::string_view lattice = valueOf(comment, "Lattice=");
-    std::string_view flags = valueOf(comment, "pbc=");
+/// The cell that `Lattice` and `pbc` tell of; without the latter it repeats along all edges.
+std::optional<PeriodicCell> cellOf(Comment const& comment) {
+    std::string const numbers = wordsOf(comment, "lattice");
+    std::string const periodic = wordsOf(comment, "pbc");
+    std::string_view lattice = numbers;
+    std::string_view flags = periodic;
     PeriodicCell cell;
     for (std::size_t part = 0; part < 9; ++part)
         if (!parseNumber(nextWord(lattice), cell.edges[part / 3][part % 3]))
@@ -108,7 +176,7 @@ class XyzFrames final : public FrameFormat {
 
   private:
     TextFrame frame;
-    std::string comment;
+    Comment comment;
 };
 
 bool XyzFrames::begin(InputFile& file, int index) {
@@ -126,14 +194,15 @@ bool XyzFrames::begin(InputFile& file, int index) {
     std::optional<std::string_view> const second = file.nextLine();
     if (!second)
         failEarlyEnd(file, frame, 0);
-    comment = *second;
+    comment = parseComment(*second);
     return true;
 }
 
 ParticleSet XyzFrames::read(InputFile& file, ReadOptions const& options) {
-    std::string_view const properties = valueOf(comment, "Properties=");
-    bool const isExtended = !properties.empty();
-    RowLayout const layout = layoutOf(file, isExtended ? properties : "species:S:1:pos:R:3");
+    auto const properties = comment.find("properties");
+    bool const isExtended = properties != comment.end();
+    RowLayout layout = layoutOf(file, isExtended ? properties->second : "species:S:1:pos:R:3");
+    layout.mayHaveMore = !isExtended; // plain rows often go on, with velocities or charges
     ColumnNames names = {"column", positionNames, colorNames, velocityNames, {}};
     for (std::string_view const name : elementNames)
         if (names.element.empty() && layout.find(name) != nullptr)
