@@ -38,11 +38,16 @@ std::array<float, 2> usualRange(std::vector<float> const& values) {
                  [](float value) { return std::isfinite(value); });
     if (finite.empty())
         return {0.0F, 1.0F};
+    // Between two values the rank has its share of both: of few values each keeps a colour.
     auto const at = [&finite](double share) {
-        auto const place = finite.begin() + static_cast<std::ptrdiff_t>(
-                                                share * static_cast<double>(finite.size() - 1));
+        double const rank = share * static_cast<double>(finite.size() - 1);
+        auto const place = finite.begin() + static_cast<std::ptrdiff_t>(rank);
         std::nth_element(finite.begin(), place, finite.end());
-        return *place;
+        auto const low = static_cast<double>(*place);
+        if (place + 1 == finite.end())
+            return *place;
+        auto const next = static_cast<double>(*std::min_element(place + 1, finite.end()));
+        return static_cast<float>(low + (next - low) * (rank - std::floor(rank)));
     };
     return {at(0.01), at(0.99)};
 }

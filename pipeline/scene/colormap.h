@@ -15,7 +15,7 @@ namespace kelpatool {
 std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
                                      std::optional<std::array<float, 2>> range);
 
-/// The range from the 1st to the 99th percentile of the finite values.
+/// The range from the 1st to the 99th percentile of the finite values, interpolated between them.
 std::array<float, 2> usualRange(std::vector<float> const& values);
 
 /// Colours for kinds of particles that are only numbered, ten that are told apart easily: the first

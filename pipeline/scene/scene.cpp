@@ -386,8 +386,13 @@ Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const
         !radii.empty())
         scene.spacingRadius = radii[0] / options.particles.radiusScale;
     Attribute const* const column = coloredColumn(options, particles);
-    if (column != nullptr)
+    if (column != nullptr) {
         scene.colorRange = options.color.range ? *options.color.range : usualRange(column->values);
+        scene.colorColumn = column->name;
+        auto const [low, high] = *scene.colorRange;
+        note(fmt::format("colours show {} from {:.6g} to {:.6g}{}", column->name, low, high,
+                         options.color.range ? "" : " (1st to 99th percentile); set --range"));
+    }
     scene.colors = chooseColors(options, particles, scene.colorRange);
     scene.color = options.color.color.value_or(defaultColor);
     scene.upAxis = particles.upAxis;

@@ -68,7 +68,8 @@ struct Scene {
     double largestStep = 0.0; ///< between the snapshots, as far as the shutter is open
     double meanStep = 0.0;
     std::optional<float> spacingRadius; ///< before scaling, if the radius of all was chosen by it
-    std::optional<std::array<float, 2>> colorRange; ///< of the colour map, if one was used
+    std::string colorColumn;            ///< the column that gives the colours, if any
+    std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
     std::vector<float> framedRadii;
 };

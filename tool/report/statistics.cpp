@@ -75,15 +75,22 @@ std::string jsonTreeReport(std::vector<std::string> const& reportLines) {
 void RenderStatistics::addScene(std::string const& file, Scene const& scene, double readSeconds,
                                 double buildSeconds, std::vector<std::string> const& reportLines) {
     std::string const report = jsonTreeReport(reportLines);
+    std::string const colors =
+        scene.colorRange
+            ? fmt::format("      \"colors\": {{\"column\": {}, \"range\": [{}, {}]}},\n",
+                          jsonText(scene.colorColumn),
+                          jsonNumber(static_cast<double>((*scene.colorRange)[0])),
+                          jsonNumber(static_cast<double>((*scene.colorRange)[1])))
+            : "";
     scenes.push_back(
         {fmt::format("      \"file\": {},\n      \"spheres\": {},\n"
                      "      \"skipped\": {{\"notFinite\": {}, \"notPositive\": {}}},\n"
-                     "      \"motion\": {{\"mean\": {}, \"largest\": {}}},\n"
+                     "      \"motion\": {{\"mean\": {}, \"largest\": {}}},\n{}"
                      "      \"readSeconds\": {:.6f},\n      \"buildSeconds\": {:.6f},\n"
                      "      \"tree\": {{\"bytes\": {}{}{}}},\n",
                      jsonText(file), scene.geometry->sphereCount(), scene.rejected.notFinite,
                      scene.rejected.notPositive, jsonNumber(scene.meanStep),
-                     jsonNumber(scene.largestStep), readSeconds, buildSeconds,
+                     jsonNumber(scene.largestStep), colors, readSeconds, buildSeconds,
                      scene.geometry->memory(), report.empty() ? "" : ", ", report),
          {}});
 }

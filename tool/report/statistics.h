@@ -29,7 +29,8 @@ class RenderStatistics {
     void addPicture(PictureStatistics const& picture);
 
     /// As JSON: {"version", "threads", "peakMegabytes", "scenes": [{"file", "spheres", "skipped",
-    /// "motion", "readSeconds", "buildSeconds", "tree", "pictures": [...]}]}.
+    /// "motion", "colors", "readSeconds", "buildSeconds", "tree", "pictures": [...]}]}. "colors",
+    /// {"column", "range"}, is there when a column gives the colours.
     std::string asJson(int threads, std::uint64_t peakMegabytes) const;
 
   private:
