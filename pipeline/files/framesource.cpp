@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <limits>
@@ -72,6 +74,18 @@ std::map<int, std::string> filesOf(std::string const& path) {
 
 } // namespace
 
+std::optional<int> FrameNumbers::after(std::optional<int> frame) const {
+    std::optional<int> next;
+    for (auto const& [first, last, step] : ranges) {
+        std::int64_t at = first; // wide: near the largest number a step would leave its type
+        if (frame && *frame >= first)
+            at += (static_cast<std::int64_t>(*frame) - first) / step * step + step;
+        if (at <= last && (!next || at < *next))
+            next = static_cast<int>(at);
+    }
+    return next;
+}
+
 FrameSource::FrameSource(std::string const& given)
     : path(given), sequence(filesOf(given)), file(given) {
 }
@@ -115,8 +129,12 @@ ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions options) {
 std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options) {
     if (!sequence.empty()) {
         auto const next = sequence.upper_bound(frame);
-        return next == sequence.end() ? std::nullopt
-                                      : std::optional(read(next->first, std::move(options)));
+        if (next == sequence.end())
+            return std::nullopt;
+        ParticleSet particles = read(next->first, std::move(options));
+        particles.steps = static_cast<double>(static_cast<std::int64_t>(next->first) - frame) /
+                          static_cast<double>(leastStride());
+        return particles;
     }
     try {
         return read(frame + 1, std::move(options));
@@ -128,48 +146,84 @@ std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options
     }
 }
 
-std::vector<int> FrameSource::framesIn(FrameRange range, ReadOptions options) {
-    std::vector<int> frames;
-    if (!sequence.empty()) {
+FrameNumbers FrameSource::framesIn(std::vector<FrameRange> const& ranges,
+                                   ReadOptions const& options) const {
+    FrameNumbers const frames(sequence.empty() ? framesInFile(ranges, options)
+                                               : framesInSequence(ranges));
+    if (frames.after(std::nullopt))
+        return frames;
+    throw NoSuchFrame(sequence.empty()
+                          ? fmt::format("{}: none of its frames is in the range", path)
+                          : fmt::format("{}: none of its frames, {} to {}, is in the range", path,
+                                        sequence.begin()->first, sequence.rbegin()->first));
+}
+
+std::vector<FrameRange> FrameSource::framesInSequence(std::vector<FrameRange> const& ranges) const {
+    std::vector<FrameRange> found;
+    for (FrameRange const& range : ranges) {
+        if (range.first == range.last) {
+            int const number = resolve(range.first); // named by itself, it has to be there
+            found.push_back({number, number, 1});
+            continue;
+        }
         auto const [first, last, step] = resolve(range);
         for (auto const& [number, name] : sequence)
             if (number >= first && number <= last && (number - first) % step == 0)
-                frames.push_back(number);
-    } else {
-        if (range.first < 0 || range.last < 0) {
-            int const count = read(-1, std::move(options)).frameCount;
-            range.first += range.first < 0 ? count : 0;
-            range.last += range.last < 0 ? count : 0;
-        }
-        // Kept wide: near the largest number a step would leave its type.
-        for (long long frame = std::max(range.first, 0); frame <= range.last; frame += range.step)
-            frames.push_back(static_cast<int>(frame));
+                found.push_back({number, number, 1});
     }
-    if (frames.empty())
-        throw NoSuchFrame(sequence.empty()
-                              ? fmt::format("{}: none of its frames is in the range", path)
-                              : fmt::format("{}: none of its frames, {} to {}, is in the range",
-                                            path, sequence.begin()->first,
-                                            sequence.rbegin()->first));
-    return frames;
+    return found;
 }
 
-std::vector<int> FrameSource::missingIn(FrameRange range) const {
+std::vector<FrameRange> FrameSource::framesInFile(std::vector<FrameRange> ranges,
+                                                  ReadOptions options) const {
+    options.findOnly = true;
+    auto const find = [this, &options](int frame) { // apart from `file`, which stays at its start
+        options.frame = frame;
+        return readParticleFile(path, options).frameCount;
+    };
+    int last = 0;
+    std::optional<int> count;
+    for (FrameRange& range : ranges) {
+        bool const isOne = range.first == range.last;
+        if (!count && (range.first < 0 || range.last < 0))
+            count = find(isOne ? range.first : -1);
+        range.first += range.first < 0 ? *count : 0;
+        range.last += range.last < 0 ? *count : 0;
+        if (isOne && range.first < 0)
+            find(range.first - *count); // says how many there are
+        range.first = std::max(range.first, 0);
+        if (range.first <= range.last)
+            last = std::max(last, range.last - (range.last - range.first) % range.step);
+    }
+    // What a pipe holds shows when it has been read.
+    std::error_code ignored;
+    if (last > 0 && !(count && last < *count) && fs::is_regular_file(path, ignored))
+        find(last);
+    return ranges;
+}
+
+std::int64_t FrameSource::leastStride() const {
+    std::int64_t stride = std::numeric_limits<int>::max();
+    for (auto at = std::next(sequence.begin()); at != sequence.end(); ++at)
+        stride = std::min(stride, static_cast<std::int64_t>(at->first) - std::prev(at)->first);
+    return stride;
+}
+
+std::vector<int> FrameSource::missingIn(std::vector<FrameRange> const& ranges) const {
     if (sequence.size() < 2)
         return {};
-    range = resolve(range);
-    long long stride = std::numeric_limits<int>::max();
-    for (auto at = std::next(sequence.begin()); at != sequence.end(); ++at)
-        stride = std::min(stride, static_cast<long long>(at->first) - std::prev(at)->first);
-
     constexpr std::size_t few = 8;
     std::vector<int> missing;
-    long long const begin = sequence.begin()->first; // wide, as above
-    long long const last = std::min(range.last, sequence.rbegin()->first);
-    for (long long frame = begin; frame <= last && missing.size() < few; frame += stride)
-        if (frame >= range.first && (frame - range.first) % range.step == 0 &&
-            !sequence.contains(static_cast<int>(frame)))
-            missing.push_back(static_cast<int>(frame));
+    std::int64_t const stride = leastStride();
+    std::int64_t const begin = sequence.begin()->first; // wide: steps could leave their type
+    for (FrameRange const& given : ranges) {
+        FrameRange const range = resolve(given);
+        std::int64_t const last = std::min(range.last, sequence.rbegin()->first);
+        for (std::int64_t frame = begin; frame <= last && missing.size() < few; frame += stride)
+            if (frame >= range.first && (frame - range.first) % range.step == 0 &&
+                !sequence.contains(static_cast<int>(frame)))
+                missing.push_back(static_cast<int>(frame));
+    }
     return missing;
 }
 

@@ -2,9 +2,11 @@
 
 #include "pipeline/files/particlefile.h"
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kelpatool {
@@ -14,6 +16,20 @@ struct FrameRange {
     int first = 0;
     int last = 0;
     int step = 1;
+};
+
+/// The numbers of some ranges in rising order, each once. They are never listed: there may be more
+/// than memory holds.
+class FrameNumbers {
+  public:
+    /// No range counts from the end.
+    explicit FrameNumbers(std::vector<FrameRange> wanted) : ranges(std::move(wanted)) {}
+
+    /// The least of them, beyond `frame` if there is one; nothing behind the last.
+    std::optional<int> after(std::optional<int> frame) const;
+
+  private:
+    std::vector<FrameRange> ranges;
 };
 
 /// The frames of one file, or of a sequence: a path with `{}`, `####` or `%04d` in its file name,
@@ -27,17 +43,21 @@ class FrameSource {
     /// Reads a frame; without a number, the first. `ParticleSet::frame` tells which it was.
     /// Frames of a file read in rising order cost one way through it.
     ParticleSet read(std::optional<int> frame, ReadOptions options);
-    /// Reads the frame that follows one; nothing behind the last.
+    /// Reads the frame that follows one; nothing behind the last. `ParticleSet::steps` tells how
+    /// many frames' time later it was taken.
     std::optional<ParticleSet> readAfter(int frame, ReadOptions options);
-    /// The numbers of the frames in a range. In a file their end is not looked for, unless the
-    /// range counts from it.
-    std::vector<int> framesIn(FrameRange range, ReadOptions options);
-    /// The first few numbers of a range that lie between those of a sequence's files and have none,
+    /// The numbers of the frames in ranges. Throws `NoSuchFrame` when there is none, when one was
+    /// named by itself and is not there, or when a file, unless it is a pipe, ends before the last.
+    FrameNumbers framesIn(std::vector<FrameRange> const& ranges, ReadOptions const& options) const;
+    /// The first few numbers of ranges that lie between those of a sequence's files and have none,
     /// though files elsewhere lie so close together that one is expected there.
-    std::vector<int> missingIn(FrameRange range) const;
+    std::vector<int> missingIn(std::vector<FrameRange> const& ranges) const;
 
   private:
     int resolve(std::optional<int> frame) const;
+    std::vector<FrameRange> framesInSequence(std::vector<FrameRange> const& ranges) const;
+    std::vector<FrameRange> framesInFile(std::vector<FrameRange> ranges, ReadOptions options) const;
+    std::int64_t leastStride() const;
     FrameRange resolve(FrameRange const& range) const;
 
     std::string path;

@@ -52,7 +52,8 @@ struct ReadOptions {
     bool allAttributes = false;            ///< keep every column that is read for nothing else
     bool summarise = false;                ///< fill `ParticleSet::columns`
     bool forMotion = false;                ///< prefer positions that do not jump at a cell's faces
-    PhaseProgress progress{};              ///< may be empty
+    bool findOnly = false; ///< of a file of many frames, look for the frame and read no particles
+    PhaseProgress progress{}; ///< may be empty
 };
 
 /// The formats that can be read, for the user: "PLY, XYZ and GRO".

@@ -60,7 +60,10 @@ struct ParticleSet {
     std::vector<std::string> notes;           ///< what the user should know, a line each
     int frame = 0;      ///< which of them, or of the files of a sequence, this is
     int frameCount = 1; ///< frames in the file, as far as the reader had to count them
-    char upAxis = 'z';  ///< 'y' for formats from film effects
+    /// How many frames' time after the one that it was read to follow it was taken: more than 1
+    /// where files of a sequence are missing in between.
+    double steps = 1.0;
+    char upAxis = 'z'; ///< 'y' for formats from film effects
 };
 
 } // namespace kelpatool

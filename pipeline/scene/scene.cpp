@@ -261,8 +261,10 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
 
     auto const& times = options.motion.times;
     std::array<double, 2> const shutter = shutterOf(options.motion, true);
-    double const f0 = (shutter[0] - times[0]) / (times[1] - times[0]);
-    double const f1 = (shutter[1] - times[0]) / (times[1] - times[0]);
+    // Where frames are missing in between, the way to the second one takes longer.
+    double const time = (times[1] - times[0]) * second.steps;
+    double const f0 = (shutter[0] - times[0]) / time;
+    double const f1 = (shutter[1] - times[0]) / time;
     Ways placed;
     for (Way const& way : ways) {
         auto const radiusAt = [&way](double f) {

@@ -77,16 +77,23 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     return read;
 }
 
-std::vector<int> SnapshotReader::framesIn(FrameRange const& range) {
-    std::vector<int> frames =
-        withProgress("count", options.run, [&](PhaseProgress const& progress) {
-            return source.framesIn(range, readOptions(progress));
-        });
-    if (std::vector<int> const missing = source.missingIn(range); !missing.empty())
-        noteTo(options.run)(fmt::format("{}: no files for frames {}{}; the others are rendered",
-                                        options.particles.files[0], fmt::join(missing, ", "),
-                                        missing.size() < 8 ? "" : " and perhaps more"));
+FrameNumbers SnapshotReader::framesIn(std::vector<FrameRange> const& ranges) {
+    FrameNumbers frames = withProgress("count", options.run, [&](PhaseProgress const& progress) {
+        return source.framesIn(ranges, readOptions(progress));
+    });
+    if (std::vector<int> const missing = source.missingIn(ranges); !missing.empty())
+        noteGap(fmt::format("{}: no files for frames {}{}", options.particles.files[0],
+                            fmt::join(missing, ", "),
+                            missing.size() < 8 ? "" : " and perhaps more"),
+                "; the others are rendered");
     return frames;
+}
+
+/// Says what is missing and how it goes on, or ends there when the user wants that.
+void SnapshotReader::noteGap(std::string const& what, std::string const& wayOn) const {
+    if (options.particles.strict)
+        throw InputError(what);
+    noteTo(options.run)(what + wayOn);
 }
 
 ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
@@ -110,6 +117,10 @@ std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) 
         withProgress("read", options.run, [&](PhaseProgress const& progress) {
             return source.readAfter(first.frame, readOptions(progress));
         });
+    if (second && second->steps > 1.0)
+        noteGap(fmt::format("{} follows {} after {:.6g} frames' time", second->name, first.name,
+                            second->steps),
+                "; the motion is that of one");
     if (second)
         nameElements(*second, options.particles.elements, second->name);
     else

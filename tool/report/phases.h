@@ -59,7 +59,7 @@ class SnapshotReader {
     /// `options` must outlive the reader.
     SnapshotReader(Options const& options, std::string const& path);
 
-    std::vector<int> framesIn(FrameRange const& range);
+    FrameNumbers framesIn(std::vector<FrameRange> const& ranges);
     /// `summarise` also collects what `kelpa info` shows of the columns.
     ParticleSet read(std::optional<int> frame, bool summarise);
     /// The snapshot that `--motion` asks for; nothing when the particles stand still, or go along
@@ -68,6 +68,7 @@ class SnapshotReader {
 
   private:
     ReadOptions readOptions(PhaseProgress const& progress) const;
+    void noteGap(std::string const& what, std::string const& wayOn) const;
 
     Options const& options;
     FrameSource source;

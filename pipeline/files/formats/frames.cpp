@@ -26,6 +26,8 @@ ParticleSet readFrame(InputFile& file, FrameFormat& format, int wanted,
     skipFrames(file, format, wanted);
     if (!format.begin(file, file.frames))
         failNoFrame(file, wanted);
+    if (options.findOnly)
+        return {};
     file.particles = 0;
     ParticleSet particles = format.read(file, options);
     particles.frameCount = ++file.frames;
