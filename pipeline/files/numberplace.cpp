@@ -10,7 +10,8 @@
 namespace kelpatool {
 
 NumberPlace findNumberPlace(std::string const& path) {
-    static std::regex const places("#+|%(?:0?([1-9]))?d");
+    // "50%done.png" has none.
+    static std::regex const places("#+|%(?:0?([1-9]))?d(?![A-Za-z])");
     auto const nameBegin = path.end() - static_cast<std::ptrdiff_t>(
                                             std::filesystem::path(path).filename().string().size());
     std::sregex_iterator const found(nameBegin, path.end(), places);
@@ -30,6 +31,12 @@ NumberPlace findNumberPlace(std::string const& path) {
 
 bool hasNumberPlace(std::string const& path) {
     return findNumberPlace(path).length > 0;
+}
+
+std::string nameOfOne(std::string const& path, std::int64_t number) {
+    NumberPlace const place = findNumberPlace(path);
+    bool const isMeant = place.length > 1;
+    return isMeant ? numberedName(path, number) : path;
 }
 
 std::string numberedName(std::string const& path, std::int64_t number) {

@@ -26,4 +26,8 @@ bool hasNumberPlace(std::string const& path);
 /// there is no such place, or when there are several.
 std::string numberedName(std::string const& path, std::int64_t number);
 
+/// The name of a picture that is the only one: numbered where the path has a place, but a single
+/// `#` stands for itself.
+std::string nameOfOne(std::string const& path, std::int64_t number);
+
 } // namespace kelpatool

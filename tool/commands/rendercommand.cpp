@@ -80,8 +80,8 @@ void checkOutput(Options const& options) {
         throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
                                      ".png or .exr",
                                      baseName(options.output)));
-    bool const isNumbered = options.camera.turntable > 0 || options.particles.frames;
-    checkWritable(isNumbered ? numberedName(options.output, 0) : options.output);
+    bool const isNumbered = options.camera.turntable > 0 || !options.particles.frames.empty();
+    checkWritable((isNumbered ? numberedName : nameOfOne)(options.output, 0));
     if (!options.run.statsFile.empty())
         OutputFile::check(options.run.statsFile);
 }
@@ -141,15 +141,19 @@ Camera cameraFor(Scene const& scene, Options const& options) {
 
 /// Renders one frame, or the pictures of a turn around it.
 void renderOneFrame(Options const& options, RenderStatistics& statistics) {
-    BuiltScene built = makeBuiltScene(options, statistics, [&options] {
-        return readyScene(options, readParticles(options.particles.files[0], options, false));
+    int frame = 0;
+    BuiltScene built = makeBuiltScene(options, statistics, [&options, &frame] {
+        ParticleSet particles = readParticles(options.particles.files[0], options, false);
+        frame = particles.frame;
+        return readyScene(options, std::move(particles));
     });
     Scene const& scene = built.scene;
     if (!options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
     auto const& [width, height] = std::pair(options.image.width, options.image.height);
     if (options.camera.turntable == 0)
-        renderPicture(built, cameraFor(scene, options), options, options.output, statistics);
+        renderPicture(built, cameraFor(scene, options), options, nameOfOne(options.output, frame),
+                      statistics);
     for (int picture = 0; picture < options.camera.turntable; ++picture)
         renderPicture(built,
                       placeTurntable(options.camera, picture, width, height, scene.upAxis,
@@ -165,10 +169,11 @@ void renderFrames(Options const& given, RenderStatistics& statistics) {
     std::optional<Camera> camera;
     Vec origin{};
     std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
-    for (int const frame : reader.framesIn(*options.particles.frames)) {
+    FrameNumbers const frames = reader.framesIn(options.particles.frames);
+    for (auto frame = frames.after(std::nullopt); frame; frame = frames.after(frame)) {
         BuiltScene built = makeBuiltScene(options, statistics, [&] {
             ParticleSet particles =
-                ahead && ahead->frame == frame ? std::move(*ahead) : reader.read(frame, false);
+                ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
             ahead = reader.readSecond(particles);
             return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr);
         });
@@ -182,7 +187,7 @@ void renderFrames(Options const& given, RenderStatistics& statistics) {
         }
         Camera here = *camera;
         here.eye = here.eye + origin - scene.origin;
-        renderPicture(built, here, options, numberedName(options.output, frame), statistics);
+        renderPicture(built, here, options, numberedName(options.output, *frame), statistics);
     }
 }
 
@@ -191,7 +196,7 @@ void renderFrames(Options const& given, RenderStatistics& statistics) {
 int runRender(Options const& options) {
     checkOutput(options);
     RenderStatistics statistics;
-    if (options.particles.frames)
+    if (!options.particles.frames.empty())
         renderFrames(options, statistics);
     else
         renderOneFrame(options, statistics);

@@ -28,6 +28,8 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         {"--bounds", isMoving, "motion: --motion velocity, next or FILE"},
         {"--dt", hasVelocity, "--motion velocity"},
         {"--times", isMoving && !hasVelocity, "a second snapshot: --motion next or FILE"},
+        {"--strict", !options.particles.frames.empty() || options.motion.motion == "next",
+         "frames of a sequence: --frames A:B or --motion next"},
         {"--shadows", !isFlat, "light: --shade ao or lit"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
         {"--ao-distance", hasOcclusion, "--shade ao"},
@@ -89,9 +91,9 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                                      "is no such file",
                                      motion.motion));
     bool const isNext = motion.motion == "next";
-    if (particles.frames && hasSecondSnapshot(motion) && !isNext)
+    if (!particles.frames.empty() && hasSecondSnapshot(motion) && !isNext)
         throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
-    if (particles.frames && options.camera.turntable > 0)
+    if (!particles.frames.empty() && options.camera.turntable > 0)
         throw UsageError("--frames and --turntable both make many pictures; use one of them");
     checkEffects(isGiven, options);
     if (motion.times[0] == motion.times[1])

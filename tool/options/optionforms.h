@@ -2,7 +2,7 @@
 
 // How options take their values; internal to the command line, since CLI11 is slow to compile.
 
-#include "pipeline/files/srgb.h"
+#include "pipeline/files/colornames.h"
 
 #include "tool/options/options.h"
 
@@ -11,14 +11,36 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace kelpatool {
+
+/// A number at the start of a text, with blanks around it, and for real ones as a fraction too:
+/// 1/25. Gives what follows it, or null.
+template <class Number> char const* readNumber(char const* at, char const* end, Number& number) {
+    auto const skipBlanks = [end](char const* from) {
+        return std::find_if(from, end, [](char c) { return c != ' '; });
+    };
+    auto const [rest, error] = std::from_chars(skipBlanks(at), end, number);
+    if (error != std::errc())
+        return nullptr;
+    char const* next = skipBlanks(rest);
+    if constexpr (std::is_floating_point_v<Number>) {
+        if (next == end || *next != '/')
+            return next;
+        Number divisor{};
+        next = readNumber(next + 1, end, divisor);
+        number /= divisor;
+    }
+    return next;
+}
 
 /// Numbers between separators, exactly as many as fit.
 template <class Number, std::size_t Count>
@@ -27,9 +49,9 @@ std::array<Number, Count> parseNumbers(std::string const& text, char separator, 
     char const* at = text.data();
     char const* const end = at + text.size();
     for (std::size_t i = 0; i < Count; ++i) {
-        auto const [rest, error] = std::from_chars(at, end, numbers[i]);
+        char const* const rest = readNumber(at, end, numbers[i]);
         bool const isLast = i + 1 == Count;
-        if (error != std::errc() || (isLast ? rest != end : rest == end || *rest != separator))
+        if (rest == nullptr || (isLast ? rest != end : rest == end || *rest != separator))
             throw UsageError(fmt::format("'{}' is not of the form {}", text, form));
         if constexpr (std::is_floating_point_v<Number>)
             if (!std::isfinite(numbers[i]))
@@ -39,22 +61,25 @@ std::array<Number, Count> parseNumbers(std::string const& text, char separator, 
     return numbers;
 }
 
+/// Words are known whether or not they are written with capitals.
+inline std::string inSmallLetters(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
 inline Kelpa::Vector parseVector(std::string const& text) {
     auto const v = parseNumbers<float, 3>(text, ',', "X,Y,Z");
     return {v[0], v[1], v[2]};
 }
 
-/// #rrggbb to linear light.
-inline Kelpa::Vector parseColor(std::string const& text) {
-    unsigned int bits = 0;
-    char const* const end = text.data() + text.size();
-    bool const hasForm = text.size() == 7 && text[0] == '#';
-    if (!hasForm || std::from_chars(text.data() + 1, end, bits, 16).ptr != end)
-        throw UsageError(fmt::format("'{}' is not a colour of the form #rrggbb", text));
-    auto const part = [bits](unsigned int shift) {
-        return linearFromSrgb(static_cast<float>((bits >> shift) & 0xFFU) / 255.0F);
-    };
-    return {part(16), part(8), part(0)};
+/// #rrggbb, #rgb or a name to linear light.
+inline Kelpa::Vector parseColorOption(std::string const& text) {
+    try {
+        return parseColor(text);
+    } catch (std::invalid_argument const& error) {
+        throw UsageError(error.what());
+    }
 }
 
 /// An option whose text goes to `take`; what that complains about is told with the option's name.
@@ -95,7 +120,7 @@ CLI::Option* addChoice(CLI::App& app, std::string const& name, Choice& target,
     return addTaken(
         app, name, all.c_str(),
         [&target, choices, words](std::string const& text) {
-            auto const at = std::find(words.begin(), words.end(), text);
+            auto const at = std::find(words.begin(), words.end(), inSmallLetters(text));
             if (at == words.end())
                 throw UsageError(fmt::format("'{}' is none of {}", text, fmt::join(words, ", ")));
             target = choices[static_cast<std::size_t>(at - words.begin())].second;
@@ -104,17 +129,20 @@ CLI::Option* addChoice(CLI::App& app, std::string const& name, Choice& target,
 }
 
 /// Accepts the numbers from `low` to `high`, and so no NaN; without words of its own in the help.
+/// To be given to `transform`: fractions become what they are worth.
 template <class Number> CLI::Validator between(Number low, Number high) {
-    return {[low, high](std::string& text) -> std::string {
-                Number value{};
-                char const* const end = text.data() + text.size();
-                auto const [rest, error] = std::from_chars(text.data(), end, value);
-                if (error == std::errc() && rest == end && value >= low && value <= high)
-                    return {};
-                char const* const kind = std::is_integral_v<Number> ? "whole" : "finite";
-                return fmt::format("'{}' is not a {} number from {} to {}", text, kind, low, high);
-            },
-            ""};
+    return CLI::Validator(
+        [low, high](std::string& text) -> std::string {
+            Number value{};
+            char const* const end = text.data() + text.size();
+            if (readNumber(text.data(), end, value) == end && value >= low && value <= high) {
+                text = fmt::format("{}", value);
+                return {};
+            }
+            char const* const kind = std::is_integral_v<Number> ? "whole" : "finite";
+            return fmt::format("'{}' is not a {} number from {} to {}", text, kind, low, high);
+        },
+        "");
 }
 
 inline CLI::Validator anySeed() {

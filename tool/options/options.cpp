@@ -71,7 +71,7 @@ constexpr float smallestRadius = 1e-15F; // below it trees leave a particle out
 
 void addRunOptions(CLI::App& app, RunOptions& run) {
     app.add_option("-n,--threads", run.threads, "Threads to use; 0: all processors")
-        ->check(between(0, 4096))
+        ->transform(between(0, 4096))
         ->group("Run");
     auto* const quiet =
         app.add_flag("-q,--quiet", run.quiet, "Say nothing but errors")->group("Run");
@@ -118,11 +118,11 @@ void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
     auto* const radius =
         app.add_option("-r,--radius", particles.radius,
                        "Radius of all particles; else the file's, by element, or by spacing")
-            ->check(between(smallestRadius, largest))
+            ->transform(between(smallestRadius, largest))
             ->excludes(radiusFrom)
             ->group("Radius");
     app.add_option("--radius-scale", particles.radiusScale, "Factor on all radii")
-        ->check(between(1.0F / largest, largest))
+        ->transform(between(1.0F / largest, largest))
         ->group("Radius");
     addChoice(app, "--radii", particles.covalentRadii, {{"vdw", false}, {"covalent", true}},
               "Element radii; default: vdw")
@@ -131,15 +131,26 @@ void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
         ->group("Radius");
     app.add_flag("--points", particles.points, "Points with a radius instead of solid spheres")
         ->group("Radius");
+    app.add_flag("--strict", particles.strict,
+                 "Take frames that a sequence lacks for an error, instead of noting them");
 }
 
+/// "7", "0:9", "0:9:3"; what is left out before or behind a colon is an end: "5:", ":-2", "::10".
 FrameRange parseFrameRange(std::string const& text) {
-    bool const hasStep = std::count(text.begin(), text.end(), ':') == 2;
-    std::array<int, 3> numbers = {0, 0, 1};
-    if (hasStep)
-        numbers = parseNumbers<int, 3>(text, ':', "A:B:S");
-    else
-        std::ranges::copy(parseNumbers<int, 2>(text, ':', "A:B or A:B:S"), numbers.begin());
+    std::array<int, 3> numbers = {0, -1, 1};
+    std::size_t count = 0;
+    std::istringstream rest(text + ":");
+    for (std::string part; std::getline(rest, part, ':'); ++count) {
+        if (count == numbers.size())
+            throw UsageError(fmt::format("'{}' is not of the form N, A:B or A:B:S", text));
+        if (!part.empty())
+            numbers[count] = parseNumbers<int, 1>(part, ':', "N, A:B or A:B:S")[0];
+    }
+    if (count == 1) {
+        if (text.empty())
+            throw UsageError("a number is missing");
+        numbers[1] = numbers[0];
+    }
     auto const [first, last, step] = numbers;
     if (step < 1)
         throw UsageError(fmt::format("'{}' steps by {}; the least step is 1", text, step));
@@ -148,17 +159,25 @@ FrameRange parseFrameRange(std::string const& text) {
     return {first, last, step};
 }
 
+std::vector<FrameRange> parseFrameRanges(std::string const& text) {
+    std::vector<FrameRange> ranges;
+    std::istringstream rest(text + ",");
+    for (std::string range; std::getline(rest, range, ',');)
+        ranges.push_back(parseFrameRange(range));
+    return ranges;
+}
+
 void addTreeOptions(CLI::App& app, TreeOptions& tree) {
     app.add_option("--max-depth", tree.maxDepth,
                    "Deepest level of the tree; default: 60, for moving particles 80")
-        ->check(between(0, 1000000))
+        ->transform(between(0, 1000000))
         ->group("Tree");
     app.add_option("--leaf-size-factor", tree.leafSizeFactor,
                    "Growth of leaves with depth; default: 2, for moving particles 1")
-        ->check(between(0.0F, largest))
+        ->transform(between(0.0F, largest))
         ->group("Tree");
     app.add_option("--min-node-size", tree.minNodeSize, "Diagonal below which nodes are leaves")
-        ->check(between(0.0F, largest))
+        ->transform(between(0.0F, largest))
         ->group("Tree");
 }
 
@@ -171,7 +190,7 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
         ->group("Motion");
     app.add_option("--times", motion.times, "When the two snapshots were taken")
         ->type_name("T0 T1")
-        ->check(between(-1e30, 1e30))
+        ->transform(between(-1e30, 1e30))
         ->group("Motion");
     addParsed(
         app, "--shutter", "OPEN:CLOSE", motion.shutter,
@@ -183,7 +202,7 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
            "--dt", motion.dt,
            "How much of the file's time passes in one unit of the shutter; default: 1, for film "
            "effects 1/24 (one frame)")
-        ->check(between(-1e30, 1e30))
+        ->transform(between(-1e30, 1e30))
         ->group("Motion");
     addChoice(app, "--bounds", motion.movingBounds, {{"static", false}, {"moving", true}},
               "Bounds that the moving tree reports")
@@ -208,16 +227,18 @@ void takeChannels(std::string const& names, ImageOptions& image) {
 
 void addPictureOptions(CLI::App& app, Options& options) {
     ColorOptions& color = options.color;
-    auto* const one = addParsed(app, "--color", "#rrggbb", color.color, parseColor,
-                                "Colour of all; else the file's, or by element")
-                          ->group("Colour");
+    auto* const one =
+        addParsed(
+            app, "--color", "COLOR", color.color, parseColorOption,
+            "Colour of all, such as #4070c0, #47c or steelblue; else the file's, or by element")
+            ->group("Colour");
     auto* const colorBy = app.add_option("--color-by", color.colorBy, "Column to colour by")
                               ->excludes(one)
                               ->group("Colour");
     addTaken(
         app, "--colormap", "viridis",
         [](std::string const& name) {
-            if (name != "viridis")
+            if (inSmallLetters(name) != "viridis")
                 throw UsageError(fmt::format("'{}' is no colour map; there is viridis", name));
         },
         "Colour map")
@@ -243,8 +264,8 @@ void addPictureOptions(CLI::App& app, Options& options) {
     addTaken(
         app, "--up", "y|z|X,Y,Z",
         [&camera](std::string const& text) {
-            if (text == "y" || text == "z") {
-                camera.upAxis = text[0];
+            if (std::string const axis = inSmallLetters(text); axis == "y" || axis == "z") {
+                camera.upAxis = axis[0];
                 return;
             }
             camera.up = parseVector(text);
@@ -254,23 +275,23 @@ void addPictureOptions(CLI::App& app, Options& options) {
         "Upward axis or direction; default: the format's")
         ->group("Camera");
     app.add_option("--fov", camera.fov, "Vertical angle of view, degrees; default: 35")
-        ->check(between(0.1, 170.0))
+        ->transform(between(0.1, 170.0))
         ->group("Camera");
     app.add_flag("--ortho", camera.ortho, "Parallel projection")->group("Camera");
     app.add_option("--zoom", camera.zoom, "Factor on the picture's scale")
-        ->check(between(1e-6, 1e6))
+        ->transform(between(1e-6, 1e6))
         ->group("Camera");
 
     app.add_option("--turntable", camera.turntable,
                    "Pictures of one turn around the particles; -o turn.####.png numbers them")
-        ->check(between(1, 1000000))
+        ->transform(between(1, 1000000))
         ->group("Camera");
 
     ImageOptions& image = options.image;
     addTaken(
         app, "--size", "WIDTHxHEIGHT",
         [&image](std::string const& text) {
-            auto const size = parseNumbers<int, 2>(text, 'x', "WIDTHxHEIGHT");
+            auto const size = parseNumbers<int, 2>(inSmallLetters(text), 'x', "WIDTHxHEIGHT");
             if (size[0] < 1 || size[1] < 1 || size[0] > 65536 || size[1] > 65536)
                 throw UsageError(fmt::format("'{}' is not from 1x1 to 65536x65536", text));
             image.width = size[0];
@@ -279,14 +300,14 @@ void addPictureOptions(CLI::App& app, Options& options) {
         "Pixels of the picture; default: 1280x720")
         ->group("Image");
     app.add_option("--samples", image.samples, "Camera rays per pixel; default: 16")
-        ->check(between(1, 65536))
+        ->transform(between(1, 65536))
         ->group("Image");
     addTaken(
-        app, "--background", "#rrggbb|none",
+        app, "--background", "COLOR|none",
         [&image](std::string const& text) {
-            image.transparent = text == "none";
+            image.transparent = inSmallLetters(text) == "none";
             if (!image.transparent)
-                image.background = parseColor(text);
+                image.background = parseColorOption(text);
         },
         "Colour behind the particles, or none for a transparent picture")
         ->group("Image");
@@ -297,7 +318,7 @@ void addPictureOptions(CLI::App& app, Options& options) {
         ->group("Image");
     addTaken(
         app, "--aov", "depth,normal,id,position",
-        [&image](std::string const& names) { takeChannels(names, image); },
+        [&image](std::string const& names) { takeChannels(inSmallLetters(names), image); },
         "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
         "ray, 1e30 where no particle is), normal, id (with id.high the 64 bits of it), "
         "position")
@@ -310,17 +331,17 @@ void addPictureOptions(CLI::App& app, Options& options) {
                      "Light with shadows and ambient occlusion (default), light, or colour alone")
         ->group("Light");
     app.add_option("--ao-samples", light.aoSamples, "Occlusion rays per camera ray; default: 2")
-        ->check(between(0, 4096))
+        ->transform(between(0, 4096))
         ->group("Light");
     app.add_option("--ao-distance", light.aoDistance,
                    "How far occlusion reaches; default: 10 % of the diagonal")
-        ->check(between(1e-30, 1e30))
+        ->transform(between(1e-30, 1e30))
         ->group("Light");
     app.add_flag("--shadows,!--no-shadows", light.shadows,
                  "Shadows of the key light; default: with --shade ao")
         ->group("Light");
     app.add_option("--seed", options.run.seed, "Of the sample patterns")
-        ->check(anySeed())
+        ->transform(anySeed())
         ->group("Run");
     app.add_flag("--reproducible", options.run.reproducible,
                  "Build on one thread, so that every bit is the same every time")
@@ -364,8 +385,9 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         ->required();
     addParticleOptions(*render, options.particles);
     render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
-    addParsed(*render, "--frames", "A:B[:S]", options.particles.frames, parseFrameRange,
-              "Frames to render, A to B, every S-th; the output numbers them: img.####.png")
+    addParsed(*render, "--frames", "A:B[:S][,...]", options.particles.frames, parseFrameRanges,
+              "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; the "
+              "output numbers them: img.####.png")
         ->excludes(render->get_option("--frame"));
     addMotionOptions(*render, options.motion);
     addPictureOptions(*render, options);
@@ -393,22 +415,22 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     addParticleOptions(*bench, options.particles);
     addMotionOptions(*bench, options.motion);
     bench->add_option("--runs", options.benchRuns, "Runs, of which the median counts; default: 5")
-        ->check(between(1, 1000));
+        ->transform(between(1, 1000));
     bench->add_option("--rays", options.benchRays, "Rays of each kind; default: 200000")
-        ->check(between(1, 100000000));
+        ->transform(between(1, 100000000));
     addTreeOptions(*bench, options.tree);
     addRunOptions(*bench, options.run);
 
     auto* const generate = app.add_subcommand("generate", "Write a sample of particles");
     generate->add_option("KIND", options.kind, "galaxy, splash, crystal or cloud")
         ->required()
-        ->check(CLI::IsMember(sampleKinds()).description(""));
+        ->transform(CLI::IsMember(sampleKinds(), CLI::ignore_case).description(""));
     generate->add_option("-o,--output", options.output, "File: .ply")->required();
     generate->add_option("--count", options.count, "Particles; default: 100000")
         ->default_val(100000)
-        ->check(between(std::uint64_t{0}, std::uint64_t{2147483647}));
+        ->transform(between(std::uint64_t{0}, std::uint64_t{2147483647}));
     generate->add_option("--seed", options.run.seed, "Another sample of the kind")
-        ->check(anySeed());
+        ->transform(anySeed());
     generate->add_flag("--ascii", options.ascii, "As text");
     addRunOptions(*generate, options.run);
 

@@ -25,7 +25,8 @@ struct ParticleOptions {
     std::vector<std::string> files; ///< one, or two snapshots
     std::string format;
     std::optional<int> frame;           ///< unset: the first
-    std::optional<FrameRange> frames;   ///< several pictures
+    std::vector<FrameRange> frames;     ///< several pictures; empty: one
+    bool strict = false;                ///< what is missing of a sequence is an error
     std::string assembly;               ///< empty: none
     std::vector<std::uint8_t> elements; ///< atomic numbers of types 1, 2 and so on; empty: as read
     std::optional<float> radius;
