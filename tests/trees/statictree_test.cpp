@@ -124,8 +124,8 @@ TEST(StillTrees, TakeOnlyParticlesThatCanBePlaced) {
     EXPECT_EQ(scene.tree.particleSystems.count, 0);
 }
 
-TEST(StillTrees, KeepSixteenBitsOfASystemsNumber) {
-    // One particle in each system, three in the last, whose number is cut to that of the first.
+TEST(StillTrees, TellMoreSystemsApartThanSixteenBitsCount) {
+    // One particle in each system, three in the last.
     constexpr int systems = 65537;
     StillScene scene(uniform.make(9, systems));
     System& all = scene.cloud.systems[0];
@@ -137,14 +137,30 @@ TEST(StillTrees, KeepSixteenBitsOfASystemsNumber) {
     for (int s = 0; s < systems; ++s)
         table.elements[s] = {s < systems - 1 ? &one : &three, nullptr, s, all.positions.data() + s,
                              all.radii.data() + s};
-    // Where the last systems' arrays end is no matter of their counts.
-    table.elements[systems - 1].positions = all.positions.data();
+    Vector const apart[] = {{100, 0, 0}, {200, 0, 0}, {300, 0, 0}};
+    table.elements[systems - 1].positions = apart;
     table.elements[systems - 1].radii = all.radii.data();
+    all.positions[0] = {-100, 0, 0};
     scene.tree.build(nullptr, nullptr);
-    EXPECT_EQ(scene.tree.numSpheres, systems);
-    EXPECT_EQ(scene.tree.spheres[systems - 1].systemIndex, 0);
-    EXPECT_EQ(scene.tree.spheres[systems - 2].systemIndex, systems - 2);
+    EXPECT_EQ(scene.tree.numSpheres, systems + 2); // none is left out
+    SDSphere const& last = scene.tree.spheres[systems + 1];
+    EXPECT_EQ(last.systemIndex, 0);
+    EXPECT_EQ(last.system(), 65536U);
+    EXPECT_EQ(scene.tree.spheres[systems - 2].system(), 65535U);
     expectSound(scene.tree);
+    // Hits on either of two systems whose numbers have the same low bits are told as on that one.
+    for (std::uint32_t const k : {0U, systems + 1U}) {
+        Vector const& center = scene.tree.centerOf(k);
+        RSRay ray = scene.makeRay({});
+        for (int axis = 0; axis < 3; ++axis)
+            ray.origin[axis] = static_cast<double>(center[axis]);
+        ray.dir = {0.0F, 0.0F, 1.0F};
+        ray.clipMin = 0.0;
+        ray.clipMax = 1e30;
+        ray.hitT = 1e30;
+        EXPECT_EQ(scene.owner.intersect(ray), 1);
+        EXPECT_EQ(ray.hitIndex - ray.hitLocalIndex, k == 0 ? 0 : 65536);
+    }
 }
 
 TEST(BuildMessages, TellEveryPhaseAndFigure) {

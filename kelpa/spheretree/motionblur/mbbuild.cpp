@@ -64,15 +64,11 @@ bool isUsable(MovingParticleDataWithPrimitive const& system, std::int32_t index)
 
 template <class Tree> void gatherSpheres(Tree& tree) {
     for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
-        // References keep 16 bits of the system's number. Where that cuts it, the particle must be
-        // usable in the system that the reference then names, too.
-        auto const reference = static_cast<std::uint16_t>(s);
         auto const& system = tree.particleSystems.elements[s];
-        auto const& named = tree.particleSystems.elements[reference];
         std::int32_t const count = particleCount(system);
         for (std::int32_t i = 0; i < count; ++i)
-            if (isUsable(system, i) && (s == reference || isUsable(named, i)))
-                tree.spheres[tree.numSpheres++] = {static_cast<std::uint32_t>(i), reference};
+            if (isUsable(system, i))
+                tree.spheres[tree.numSpheres++] = MBSphere::of(i, s);
     }
 }
 
@@ -114,7 +110,7 @@ TimeBox particleBox(MovingParticleDataWithPrimitive const& system, std::uint32_t
 template <class Tree> void makeRecords(Tree& tree, MBSphereRecords& records) {
     for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
         auto const& sphere = tree.spheres[k];
-        auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+        auto const& system = tree.particleSystems.elements[sphere.system()];
         MBSphereData& record = *records.newElement();
         record.sphereIndex = static_cast<std::uint32_t>(k);
         record.bbox = particleBox(system, sphere.particleIndex);
@@ -144,7 +140,7 @@ template <class Tree> void findBounds(Tree& tree, int staticBounds) {
     for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
         auto const& sphere = tree.spheres[k];
         std::uint32_t const i = sphere.particleIndex;
-        auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+        auto const& system = tree.particleSystems.elements[sphere.system()];
         tree.boundsTimeMin = std::min(tree.boundsTimeMin, system.time0);
         tree.boundsTimeMax = std::max(tree.boundsTimeMax, system.time1);
         if (staticBounds == 0) {
@@ -225,7 +221,7 @@ template <class Tree> void packSpheres(Tree& tree) {
         return;
     for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
         std::uint32_t const i = tree.spheres[k].particleIndex;
-        auto const& system = tree.particleSystems.elements[tree.spheres[k].systemIndex];
+        auto const& system = tree.particleSystems.elements[tree.spheres[k].system()];
         float* const states = packs + 8 * static_cast<std::ptrdiff_t>(k);
         for (int axis = 0; axis < 3; ++axis) {
             states[axis] = system.positions0[i][axis];

@@ -13,8 +13,18 @@ namespace Kelpa {
 
 /// One usable particle: where to find its centres and radii.
 struct MBSphere {
-    std::uint32_t particleIndex; ///< in its particle system
-    std::uint16_t systemIndex;   ///< in the tree's `particleSystems`
+    std::uint32_t particleIndex;    ///< in its particle system
+    std::uint16_t systemIndex;      ///< low bits of its system's number in `particleSystems` ...
+    std::uint16_t systemIndexAbove; ///< ... and the others, where the sphere would be padded
+
+    /// Where in the tree's `particleSystems` its system is.
+    std::uint32_t system() const { return systemIndexAbove * 0x10000U + systemIndex; }
+    /// Particle `index` of system number `system`.
+    static MBSphere of(std::int32_t index, std::int32_t system) {
+        auto const number = static_cast<std::uint32_t>(system);
+        return {static_cast<std::uint32_t>(index), static_cast<std::uint16_t>(number),
+                static_cast<std::uint16_t>(number >> 16U)};
+    }
 };
 static_assert(sizeof(MBSphere) == 8);
 

@@ -115,8 +115,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
 
     /// Where in `particleSystems` and where in that system a sphere of this tree is found. As the
     /// sphere says; in trees over one system without a fetch from memory, if that can be.
-    std::uint16_t systemOf(Sphere const& sphere) const {
-        return particleSystems.count == 1 ? std::uint16_t{0} : sphere.systemIndex;
+    std::uint32_t systemOf(Sphere const& sphere) const {
+        return particleSystems.count == 1 ? 0 : sphere.system();
     }
     /// As `systemOf`: where in its system.
     std::uint32_t particleOf(Sphere const& sphere) const {

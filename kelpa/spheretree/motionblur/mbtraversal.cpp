@@ -55,7 +55,7 @@ bool intersectLeaf(Tree const& tree, MBSphereNode const& leaf, MBSphereRay& ray)
     bool found = false;
     for (std::int32_t k = 0; k < count; ++k) {
         MBSphere& sphere = tree.spheres[entries[k].sphereIndex];
-        auto const& system = tree.particleSystems.elements[sphere.systemIndex];
+        auto const& system = tree.particleSystems.elements[sphere.system()];
         if (!isCovered(system, ray.rayTime))
             continue;
         bool const isOrigin =

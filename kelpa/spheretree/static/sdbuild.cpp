@@ -38,15 +38,11 @@ bool isUsable(ParticleDataWithPrimitive const& system, std::int32_t index) {
 
 template <class Tree> void gatherSpheres(Tree& tree) {
     for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
-        // References keep 16 bits of the system's number. Where that cuts it, the particle must be
-        // usable in the system that the reference then names, too.
-        auto const reference = static_cast<std::uint16_t>(s);
         ParticleDataWithPrimitive const& system = tree.particleSystems.elements[s];
-        ParticleDataWithPrimitive const& named = tree.particleSystems.elements[reference];
         std::int32_t const count = particleCount(system);
         for (std::int32_t i = 0; i < count; ++i)
-            if (isUsable(system, i) && (s == reference || isUsable(named, i)))
-                tree.spheres[tree.numSpheres++] = {i, reference};
+            if (isUsable(system, i))
+                tree.spheres[tree.numSpheres++] = SDSphere::of(i, s);
     }
 }
 
@@ -56,7 +52,7 @@ void makeRecords(Tree& tree, OrderedSpheres<Tree> const& ordered, SDSphereRecord
                  AbortQuestion& isAborted) {
     for (std::int32_t k = 0; k < tree.numSpheres; ++k) {
         auto const& sphere = tree.spheres[k];
-        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.systemIndex];
+        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.system()];
         Vector const& c = system.positions[sphere.particleIndex];
         float const r = system.radii[sphere.particleIndex];
         SDSphereData& record = *records.newElement();

@@ -29,7 +29,7 @@ bool intersectLeaf(Tree const& tree, Node const& leaf, SDSphereRay& ray) {
     bool found = false;
     for (std::int32_t k = leaf.numLeafSpheres; k-- > 0;) {
         SDSphere& sphere = tree.spheres[entries[k].sphereIndex];
-        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.systemIndex];
+        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.system()];
         Vector const& center = system.positions[sphere.particleIndex];
         float const radius = system.radii[sphere.particleIndex];
         bool const isOrigin = skipNumber(tree.singleSystem, sphere.particleIndex,
