@@ -1,12 +1,18 @@
+#include "kelpa/spheretree/motionblur/crowd.h"
 #include "kelpa/spheretree/splitchoice.h"
 
 #include "tests/support/movingscene.h"
+#include "tests/support/testhost.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace kelpatest {
@@ -113,6 +119,63 @@ TEST(Builders, WithFewerRecordsThanAnnouncedSaySoAndTakeThose) {
     MBSphereRecords none;
     MBSphereNode moving;
     EXPECT_THROW(MovingSphereTree().storeSpheres(&moving, none, 1 << 23), ExceptionMsg);
+}
+
+TEST(Crowds, AreFoundAsByCountingEveryPlace) {
+    for (std::uint64_t seed = 0; seed < 2000; ++seed) {
+        SCOPED_TRACE(seed);
+        Random random(seed);
+        int const count = random.below(60), places = 1 + random.below(8), most = random.below(12);
+        std::vector<int> of;
+        std::map<int, int> counts;
+        int largest = 0;
+        for (int i = 0; i < count; ++i) {
+            of.push_back(random.below(places)); // number 0 does not count
+            largest = std::max(largest, of.back() == 0 ? 0 : ++counts[of.back()]);
+        }
+        auto const placeOf = [&of](std::int32_t i) -> std::optional<PlaceInTime> {
+            auto const place = of[static_cast<std::size_t>(i)];
+            float const x = static_cast<float>(place / 2), time = static_cast<float>(place % 2);
+            return place == 0 ? std::nullopt : std::optional(PlaceInTime{{x, 0.0F, 0.0F}, time});
+        };
+        EXPECT_EQ(isCrowded(count, most, placeOf), largest > most);
+    }
+}
+
+// Before the work, which would take minutes and end alike. One snapshot in one place is enough.
+TEST(Crowds, ThatNoLeafCanHoldAreRefusedAtOnce) {
+    constexpr int most = MBSphereNode::mostLeafSpheres;
+    std::vector<Vector> const together(most + 1);
+    std::vector<Vector> apart(most + 1);
+    for (int i = 0; i <= most; ++i)
+        apart[static_cast<std::size_t>(i)].x = static_cast<float>(i);
+    std::vector<float> const radii(most + 1, 1.0F);
+    ParticleData first{0.0, 0, together.data(), most + 1, radii.data(), most + 1, nullptr, 0};
+    ParticleData second = first;
+    second.sampleTime = 1.0;
+    RecordingProgress progress(1); // where they are not refused, the build is aborted
+    auto const build = [&] {
+        MovingParticlePrimitive primitive(0, &first, &second, true);
+        primitive.build(&progress, nullptr, 80, 0.0F, 1.0F, 1);
+    };
+    auto const expectRefused = [&] {
+        try {
+            build();
+            ADD_FAILURE();
+        } catch (ExceptionMsg const& refusal) {
+            EXPECT_EQ(std::string(refusal.what()),
+                      "[MBSphereTree] More than 8388607 spheres are in one place at one time, "
+                      "which no leaf can hold");
+        }
+    };
+    expectRefused();
+    second.positions = apart.data();
+    expectRefused();
+    std::swap(first.positions, second.positions);
+    expectRefused();
+    EXPECT_TRUE(progress.lines.empty());
+    second.sampleTime = 1.5; // what is together then, the shutter does not see
+    EXPECT_NO_THROW(build());
 }
 
 // Whatever they hold, trees need no more than 64 nodes and 256 entries a sphere (2^23 and 2^26 when

@@ -2,6 +2,7 @@
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
+#include "kelpa/spheretree/motionblur/crowd.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/motionblur/timeboxkernels.h"
 #include "kelpa/spheretree/traversal.h"
@@ -11,6 +12,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <optional>
 
 namespace Kelpa {
 
@@ -69,6 +71,31 @@ template <class Tree> void gatherSpheres(Tree& tree) {
         for (std::int32_t i = 0; i < count; ++i)
             if (isUsable(system, i))
                 tree.spheres[tree.numSpheres++] = MBSphere::of(i, s);
+    }
+}
+
+/// Refuses spheres more of which are in one place at a time of the shutter than a leaf can hold. No
+/// plane parts them, so the leaf at that place would need them all: that is better said before the
+/// work than after.
+template <class Tree> void refuseCrowds(Tree const& tree) {
+    constexpr std::int32_t most = Tree::Node::mostLeafSpheres;
+    if (tree.numSpheres <= most)
+        return;
+    for (bool const isSecond : {false, true}) {
+        auto const placeOf = [&](std::int32_t k) -> std::optional<PlaceInTime> {
+            auto const& sphere = tree.spheres[k];
+            auto const& system = tree.particleSystems.elements[sphere.system()];
+            float const time = isSecond ? system.time1 : system.time0;
+            bool const isInShutter = system.time0 <= system.time1 && 0.0F <= time && time <= 1.0F;
+            Vector const* const positions = isSecond ? system.positions1 : system.positions0;
+            if (!isInShutter)
+                return std::nullopt;
+            return PlaceInTime{positions[sphere.particleIndex], time};
+        };
+        if (isCrowded(tree.numSpheres, most, placeOf))
+            throw ExceptionMsg("[MBSphereTree] More than %i spheres are in one place at one time, "
+                               "which no leaf can hold",
+                               most);
     }
 }
 
@@ -259,6 +286,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     findShutter(tree);
     allocateSpheres(tree);
     gatherSpheres(tree);
+    refuseCrowds(tree);
     tree.statMaxDepth = 0;
     tree.wasAborted = 0;
     tree.deepRecords = 0;
