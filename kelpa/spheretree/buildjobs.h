@@ -5,6 +5,7 @@
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
+#include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/sharedcounters.h"
 
@@ -83,8 +84,10 @@ template <ThreadedBuild Tree, class Job> void finishJob(Tree& tree, Job& job) {
 /// The done event of a threaded build, and what its threads hold of it.
 template <ThreadedBuild Tree> class JobResources {
   public:
-    JobResources(Tree& owner, unsigned int manualReset) : tree(owner) {
-        tree.doneEvent = uniCreateEvent(nullptr, manualReset, 0, nullptr);
+    JobResources(Tree& owner, unsigned int manualReset)
+        : tree(owner), heldForRoot(static_cast<std::int64_t>(owner.threads[0].data.getMemUsage())) {
+        if (hasDoneEvent(tree))
+            tree.doneEvent = uniCreateEvent(nullptr, manualReset, 0, nullptr);
     }
     JobResources(JobResources const&) = delete;
     JobResources& operator=(JobResources const&) = delete;
@@ -101,12 +104,23 @@ template <ThreadedBuild Tree> class JobResources {
     }
 
   private:
+        std::uint64_t const freed = close();
+        // The records that jobs were given on the way had not been counted.
+        addBuildBytes(tree, -heldForRoot);
+        notePeak(tree, freed);
+    }
+
+  private:
+    /// Returns the bytes of the threads' records. Under the lock, so that the worker that ended
+    /// last has let go of it.
+    std::uint64_t close() {
     Tree& tree;
 };
 
 /// Blocks at the end of its scope, exceptions included, until all jobs have ended.
 template <ThreadedBuild Tree> class JobsInFlight {
   public:
+            bytes += tree.threads[i].data.getMemUsage();
     explicit JobsInFlight(Tree& owner) : tree(owner) {}
     JobsInFlight(JobsInFlight const&) = delete;
     JobsInFlight& operator=(JobsInFlight const&) = delete;
@@ -115,6 +129,7 @@ template <ThreadedBuild Tree> class JobsInFlight {
         constexpr int anyInput = 0x4FF;
         // A pulse may fall between two waits, so the count is read again after each.
         while (uniMsgWaitForMultipleObjects(1, &tree.doneEvent, 0, slice, anyInput) != 0 &&
+    std::int64_t const heldForRoot;
                readShared(tree.numRunning) > 0)
             continue;
     }
@@ -198,6 +213,11 @@ void runJobs(Tree& tree, Region const& region, unsigned int manualReset, Progres
             JobsInFlight<Tree> const jobs(tree);
             first.start();
             report.info(0, progressLevel, "Waiting for thread completion.\n");
+/// Counts the root job's records as held, once they are made. The end of the jobs gives them back.
+template <class Tree, class Records> void holdRecords(Tree& tree, Records const& records) {
+    addBuildBytes(tree, static_cast<std::int64_t>(records.getMemUsage()));
+}
+
         }
         report.info(0, progressLevel, "Releasing thread resources.\n");
     }

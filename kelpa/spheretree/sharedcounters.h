@@ -26,9 +26,10 @@ void addShared(Counter& shared, std::type_identity_t<Counter> amount) {
     std::atomic_ref(shared).fetch_add(amount, std::memory_order_relaxed);
 }
 
-inline void raiseShared(std::int32_t& shared, std::int32_t atLeast) {
+template <std::integral Counter>
+void raiseShared(Counter& shared, std::type_identity_t<Counter> atLeast) {
     std::atomic_ref const counter(shared);
-    std::int32_t seen = counter.load(std::memory_order_relaxed);
+    Counter seen = counter.load(std::memory_order_relaxed);
     while (seen < atLeast &&
            !counter.compare_exchange_weak(seen, atLeast, std::memory_order_relaxed))
         continue;

@@ -6,6 +6,7 @@
 #include "kelpa/spheretree/quad.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -54,6 +55,10 @@ class SpaceOrder {
         std::uint32_t number;
     };
 
+  public:
+    static constexpr std::size_t bytesEach = sizeof(KeyedPoint); ///< that an order keeps per point
+
+  private:
     /// The cells that the points' bounds are cut into.
     class Grid {
       public:

@@ -1,6 +1,7 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/spheretree/buildjobs.h"
+#include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/motionblur/crowd.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
@@ -196,6 +197,7 @@ template <class Tree> void releaseTree(Tree& tree) {
     std::free(tree.packedSpheres);
     tree.packedSpheres = nullptr;
     tree.packedFloats = 0;
+    tree.buildBytes = 0;
 }
 
 template <class Tree> void resetBounds(Tree& tree) {
@@ -259,6 +261,7 @@ template <class Tree> void packSpheres(Tree& tree) {
     }
     tree.packedSpheres = packs;
     tree.packedFloats = floats;
+    notePeak(tree);
 }
 
 // Only the first line ends in a newline; hosts that show statistics as a list end the others.
@@ -290,6 +293,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     tree.statMaxDepth = 0;
     tree.wasAborted = 0;
     tree.deepRecords = 0;
+    tree.peakBytes = 0;
     tree.numOutsideShutter = 0;
     resetBounds(tree);
     if (tree.numSpheres == 0)
@@ -305,6 +309,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     MBSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     makeRecords(tree, records);
+    holdRecords(tree, records);
     findBounds(tree, staticBounds);
     widenByMargin(tree.rootBox.box);
     runJobs(tree, tree.rootBox, 0, report);
@@ -338,6 +343,11 @@ template <class Sphere, int NodeBlock, int LeafBlock>
 std::uint64_t MBSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
     return nodes.getMemUsage() + leafSpheres.getMemUsage() +
            sizeof(Sphere) * static_cast<std::uint64_t>(readShared(numParticles));
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+std::uint64_t MBSphereTree<Sphere, NodeBlock, LeafBlock>::getTotalMemUsage() const {
+    return heldBytes(*this);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>

@@ -1,5 +1,6 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/spheretree/buildjobs.h"
+#include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/buildrecords.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
@@ -288,6 +289,8 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
                                                            MBSphereRecords* scratch, int level) {
     AbortQuestion isAborted(progress, wasAborted);
     Spans spans;
+    CountedBytes const spanBytes(*this,
+                                 sizeof(FrameSpan) * static_cast<std::size_t>(std::max(count, 0)));
     VelocitySum velocities;
     auto const addVelocity = [&velocities](MBSphereData const& record) { velocities.add(record); };
     visitRecords(data, count, addVelocity);

@@ -132,6 +132,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
 
     std::int32_t maxDepth = 80;     ///< deepest level that is split
     float leafSizeFactor = 1.0F;    ///< growth of leaves with depth
+    /// Bytes of all that the tree holds now: what `getMemUsage` and `getPackedMemUsage` tell, its
+    /// table of systems. Not to be asked while another thread builds.
+    std::uint64_t getTotalMemUsage() const;
+    /// The most that the last build held at a time, the tree included.
+    std::uint64_t getPeakMemUsage() const { return static_cast<std::uint64_t>(peakBytes); }
     float minNodeSize = 0.0F;       ///< nodes with a smaller diagonal become leaves
     std::int32_t multiThreaded = 1; ///< build with as many threads as there are processors
     TimeBox rootBox =
@@ -172,6 +177,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
 };
 
 extern template class MBSphereTree<MBSphere, 20000, 20000>;
+    std::int64_t buildBytes = 0;             ///< held for the running build alone; 0 outside
+    std::int64_t peakBytes = 0;              ///< see `getPeakMemUsage`
+    /// What ended a job of the running build first; thrown by the thread that builds. Under the
+    /// `threadLock`.
+    std::exception_ptr failure;
 
 /// The tree of the primitive for moving particles.
 class MovingSphereTree : public MBSphereTree<MBSphere, 20000, 20000> {

@@ -2,10 +2,12 @@
 // Internal: the order in memory in which a build of a still tree reads its spheres.
 
 #include "kelpa/foundation/optionalarray.h"
+#include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/spaceorder.h"
 #include "kelpa/spheretree/static/sdrecords.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -36,17 +38,28 @@ template <class Tree> class OrderedSpheres {
         placeOf = std::move(places);
         spheres = std::move(copies);
         tree.orderedSpheres = spheres.get();
+        addBuildBytes(
+            tree, bytesOf(SpaceOrder::bytesEach + sizeof(std::uint32_t) + sizeof(OrderedSphere)));
     }
     OrderedSpheres(OrderedSpheres const&) = delete;
     OrderedSpheres& operator=(OrderedSpheres const&) = delete;
-    ~OrderedSpheres() { tree.orderedSpheres = nullptr; }
+    ~OrderedSpheres() {
+        tree.orderedSpheres = nullptr;
+        forgetNames();
+        if (spheres != nullptr)
+            addBuildBytes(tree, -bytesOf(SpaceOrder::bytesEach + sizeof(OrderedSphere)));
+    }
 
     /// What a record shall call a sphere.
     std::uint32_t nameOf(std::uint32_t sphereIndex) const {
         return placeOf != nullptr ? placeOf[sphereIndex] : sphereIndex;
     }
     /// To be called when all records are made.
-    void forgetNames() { placeOf.reset(); }
+    void forgetNames() {
+        if (placeOf != nullptr)
+            addBuildBytes(tree, -bytesOf(sizeof(std::uint32_t)));
+        placeOf.reset();
+    }
 
     /// Lets a leaf call its spheres by their indices, once nobody asks where they are in the order.
     void nameByIndex(typename Tree::Node& leaf) const {
@@ -66,6 +79,10 @@ template <class Tree> class OrderedSpheres {
     }
 
   private:
+    std::int64_t bytesOf(std::size_t each) const {
+        return static_cast<std::int64_t>(each) * tree.numSpheres;
+    }
+
     Tree& tree;
     SpaceOrder order;
     OptionalArray<std::uint32_t> placeOf;

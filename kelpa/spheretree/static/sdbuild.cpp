@@ -1,6 +1,7 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/spheretree/buildjobs.h"
+#include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/static/orderedspheres.h"
@@ -78,6 +79,7 @@ template <class Tree> void releaseTree(Tree& tree) {
     std::free(tree.packedLeaves);
     tree.packedLeaves = nullptr;
     tree.packedFloats = 0;
+    tree.buildBytes = 0;
 }
 
 /// What is left of a build that failed: an empty tree, as if there were no usable particle.
@@ -104,6 +106,7 @@ void buildThreaded(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* 
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
+    holdRecords(tree, records);
     ordered.forgetNames();
     widenByMargin(tree.bbox);
     runJobs(tree, tree.bbox, 1, report);
@@ -116,9 +119,11 @@ void buildHere(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* prog
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
+    notePeak(tree, records.getMemUsage());
     ordered.forgetNames();
     widenByMargin(tree.bbox);
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
+    notePeak(tree, records.getMemUsage());
 }
 
 template <class Tree> bool holdsOnlySpheres(Tree const& tree) {
@@ -166,6 +171,7 @@ template <class Tree> bool packLeaves(Tree& tree, OrderedSpheres<Tree> const& or
     auto* const packs = tryAllocate<float>(most).release();
     if (packs == nullptr)
         return false;
+    notePeak(tree, most * sizeof(float));
     packs[0] = 0.0F;
     std::uint64_t end = 1;
     typename Tree::Node* next = nullptr; // a leaf whose spheres are on their way from memory
@@ -239,6 +245,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
     tree.innerLevels = 0;
     tree.wasAborted = 0;
     tree.deepRecords = 0;
+    tree.peakBytes = 0;
     tree.root = tree.nodes.newElement();
     *tree.root = {};
     tree.bbox = Box::empty();
@@ -284,6 +291,11 @@ template <class Sphere, int NodeBlock, int LeafBlock>
 std::uint64_t SDSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
     return nodes.getMemUsage() + leafSpheres.getMemUsage() +
            sizeof(Sphere) * static_cast<std::uint64_t>(readShared(totalParticles));
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+std::uint64_t SDSphereTree<Sphere, NodeBlock, LeafBlock>::getTotalMemUsage() const {
+    return heldBytes(*this);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>

@@ -156,6 +156,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
 
     float leafSizeFactor = 2.0F;     ///< growth of leaves with depth
+    /// Bytes of all that the tree holds now: what `getMemUsage` and `getPackedMemUsage` tell, its
+    /// table of systems. Not to be asked while another thread builds.
+    std::uint64_t getTotalMemUsage() const;
+    /// The most that the last build held at a time, the tree included.
+    std::uint64_t getPeakMemUsage() const { return static_cast<std::uint64_t>(peakBytes); }
     float minNodeSize = 0.0F;        ///< nodes with a smaller diagonal become leaves
     std::int32_t maxDepth = 60;      ///< deepest level that is split
     std::int32_t multiThreaded = 1;  ///< build on the thread manager's threads, if there is one
@@ -192,6 +197,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
 };
 
+    std::int64_t buildBytes = 0;             ///< held for the running build alone; 0 outside
+    std::int64_t peakBytes = 0;              ///< see `getPeakMemUsage`
+    /// What ended a job of the running build first; thrown by the thread that builds. Under the
+    /// `threadLock`.
+    std::exception_ptr failure;
 extern template class SDSphereTree<SDSphere, 20000, 20000>;
 
 /// The tree of the primitive for particles that stand still.

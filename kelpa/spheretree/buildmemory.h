@@ -1,0 +1,51 @@
+#pragma once
+// Internal: what a tree and its build hold of memory, and the most of it at a time.
+
+#include "kelpa/spheretree/sharedcounters.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+namespace Kelpa {
+
+/// Bytes of all that the tree holds; while it is built, of what it is built with, too.
+template <class Tree> std::uint64_t heldBytes(Tree const& tree) {
+    using System = std::remove_pointer_t<decltype(tree.particleSystems.elements)>;
+    auto const tableBytes =
+        static_cast<std::uint64_t>(tree.particleSystems.capacity) * sizeof(System);
+    return tree.getMemUsage() + tree.getPackedMemUsage() + tableBytes +
+           static_cast<std::uint64_t>(readShared(tree.buildBytes));
+}
+
+/// Raises the build's peak to what the tree holds now and as many bytes more. Blocks of sequences
+/// and the like only grow while jobs run, so a few calls suffice: where something large begins or
+/// is about to end. Takes the sequences' locks in turn; call it with none held.
+template <class Tree> void notePeak(Tree& tree, std::uint64_t more = 0) {
+    raiseShared(tree.peakBytes, static_cast<std::int64_t>(heldBytes(tree) + more));
+}
+
+/// Counts bytes that a build takes for a time, or gives back where there are fewer than 0.
+template <class Tree> void addBuildBytes(Tree& tree, std::int64_t bytes) {
+    addShared(tree.buildBytes, bytes);
+    if (bytes > 0)
+        notePeak(tree);
+}
+
+/// Counts bytes as a build's from here to the end of the scope.
+template <class Tree> class CountedBytes {
+  public:
+    CountedBytes(Tree& owner, std::size_t taken)
+        : tree(owner), bytes(static_cast<std::int64_t>(taken)) {
+        addBuildBytes(tree, bytes);
+    }
+    CountedBytes(CountedBytes const&) = delete;
+    CountedBytes& operator=(CountedBytes const&) = delete;
+    ~CountedBytes() { addBuildBytes(tree, -bytes); }
+
+  private:
+    Tree& tree;
+    std::int64_t const bytes;
+};
+
+} // namespace Kelpa
