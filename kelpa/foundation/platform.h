@@ -19,6 +19,13 @@ class ThreadProcedure {
 
 // The six services that a host supplies. Whoever links the library without `Kelpa::host` defines
 // these functions; the library calls nothing else of its surroundings. None of them may throw.
+/// A procedure that waits for nothing but locks, as all are that the library hands over. So a
+/// thread that has to wait may run it meanwhile, however many such waits it is in already.
+class UnwaitingProcedure : public ThreadProcedure {
+  protected:
+    ~UnwaitingProcedure() = default;
+};
+
 
 // A shared library finds them also in programs that are compiled with -fvisibility=hidden.
 #pragma GCC visibility push(default)

@@ -9,11 +9,14 @@
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/sharedcounters.h"
 
+#include <cassert>
 #include <concepts>
 #include <cstdint>
 #include <exception>
 #include <new>
+#include <thread>
 #include <type_traits>
+#include <utility>
 
 namespace Kelpa {
 
@@ -24,9 +27,10 @@ concept ThreadedBuild = requires(Tree& tree) {
     { tree.numRunning } -> std::same_as<std::int32_t&>;
     { tree.numThreads } -> std::same_as<std::int32_t&>;
     { tree.threads[0].busy } -> std::same_as<std::int32_t&>;
-    { tree.threads[0].failure } -> std::same_as<std::exception_ptr&>;
+    { tree.threads[0].endedOn } -> std::same_as<std::thread::id&>;
     { tree.threadManager } -> std::same_as<ThreadManager*&>;
     { tree.doneEvent } -> std::same_as<void*&>;
+    { tree.failure } -> std::same_as<std::exception_ptr&>;
 };
 
 /// Claims the first idle build thread of the tree; null when there is none.
@@ -71,13 +75,21 @@ template <ThreadedBuild Tree> void startJob(Tree& tree, ThreadProcedure& job) {
         job.proc(nullptr);
 }
 
+/// Whether jobs run on other threads, so that their end is an event. Its handle may be null all the
+/// same: that is what a host without memory returns.
+template <ThreadedBuild Tree> bool hasDoneEvent(Tree const& tree) {
+    return tree.threadManager != nullptr || tree.doneEvent != nullptr;
+}
+
 /// Ends a job. From then on the thread that ran it touches nothing of the job or of the tree: the
 /// building thread may destroy both as soon as it holds the lock.
 template <ThreadedBuild Tree, class Job> void finishJob(Tree& tree, Job& job) {
     LockScope const scope(tree.threadLock);
+    assert(job.busy == 1 && readShared(tree.numRunning) > 0);
     addShared(tree.numRunning, -1);
     job.busy = 0;
-    if (readShared(tree.numRunning) == 0)
+    job.endedOn = std::this_thread::get_id();
+    if (hasDoneEvent(tree) && readShared(tree.numRunning) == 0)
         uniPulseEvent(tree.doneEvent);
 }
 
@@ -91,19 +103,7 @@ template <ThreadedBuild Tree> class JobResources {
     }
     JobResources(JobResources const&) = delete;
     JobResources& operator=(JobResources const&) = delete;
-    // Under the lock, so that the worker that ended last has let go of it.
     ~JobResources() {
-        LockScope const scope(tree.threadLock);
-        uniCloseHandle(tree.doneEvent);
-        tree.doneEvent = nullptr;
-        for (std::int32_t i = 0; i < tree.numThreads; ++i) {
-            tree.threads[i].data.freeData();
-            tree.threads[i].tree = nullptr;
-            tree.threads[i].progress = nullptr;
-        }
-    }
-
-  private:
         std::uint64_t const freed = close();
         // The records that jobs were given on the way had not been counted.
         addBuildBytes(tree, -heldForRoot);
@@ -114,39 +114,70 @@ template <ThreadedBuild Tree> class JobResources {
     /// Returns the bytes of the threads' records. Under the lock, so that the worker that ended
     /// last has let go of it.
     std::uint64_t close() {
+        LockScope const scope(tree.threadLock);
+        if (hasDoneEvent(tree))
+            uniCloseHandle(tree.doneEvent);
+        tree.doneEvent = nullptr;
+        std::uint64_t bytes = 0;
+        for (std::int32_t i = 0; i < tree.numThreads; ++i) {
+            bytes += tree.threads[i].data.getMemUsage();
+            tree.threads[i].data.freeData();
+            tree.threads[i].tree = nullptr;
+            tree.threads[i].progress = nullptr;
+        }
+        return bytes;
+    }
+
     Tree& tree;
+    std::int64_t const heldForRoot;
 };
 
 /// Blocks at the end of its scope, exceptions included, until all jobs have ended.
 template <ThreadedBuild Tree> class JobsInFlight {
   public:
-            bytes += tree.threads[i].data.getMemUsage();
     explicit JobsInFlight(Tree& owner) : tree(owner) {}
     JobsInFlight(JobsInFlight const&) = delete;
     JobsInFlight& operator=(JobsInFlight const&) = delete;
     ~JobsInFlight() {
+        if (haveAllEndedHere())
+            return;
         constexpr unsigned int slice = 100; // milliseconds
         constexpr int anyInput = 0x4FF;
-        // A pulse may fall between two waits, so the count is read again after each.
-        while (uniMsgWaitForMultipleObjects(1, &tree.doneEvent, 0, slice, anyInput) != 0 &&
-    std::int64_t const heldForRoot;
-               readShared(tree.numRunning) > 0)
-            continue;
+        // The count alone decides: a pulse may fall between two waits, and a host's wait may end
+        // for reasons of its own.
+        do
+            uniMsgWaitForMultipleObjects(1, &tree.doneEvent, 0, slice, anyInput);
+        while (readShared(tree.numRunning) > 0);
     }
 
   private:
+    /// Whether the manager ran the root job on this very thread, or refused it, and nothing runs
+    /// any more. A wait would last a time-out then, where pulses get lost that nobody waits for.
+    bool haveAllEndedHere() const {
+        LockScope const scope(tree.threadLock);
+        return readShared(tree.numRunning) == 0 &&
+               tree.threads[0].endedOn == std::this_thread::get_id();
+    }
+
     Tree& tree;
 };
 
+/// Keeps what a job failed with if it is the build's first failure, and no more of them: where
+/// memory has run out, exceptions live in a reserve of the language's that ends with the program.
+template <ThreadedBuild Tree> void keepFirstFailure(Tree& tree, std::exception_ptr failure) {
+    LockScope const scope(tree.threadLock);
+    if (tree.failure == nullptr)
+        tree.failure = std::move(failure);
+}
+
 /// Throws the first failure that a job of the build kept. Only after all jobs have ended.
 template <ThreadedBuild Tree> void rethrowFirstFailure(Tree& tree) {
-    for (std::int32_t i = 0; i < tree.numThreads; ++i)
-        if (tree.threads[i].failure != nullptr)
-            std::rethrow_exception(tree.threads[i].failure);
+    if (tree.failure != nullptr)
+        std::rethrow_exception(std::exchange(tree.failure, nullptr));
 }
 
 /// What a build thread's `proc` does: its subtree, then its end. No exception passes; the first
-/// stays with the thread.
+/// stays with the tree.
 template <class Job> void runSubtreeJob(Job& job) {
     if (job.tree == nullptr)
         return;
@@ -154,8 +185,7 @@ template <class Job> void runSubtreeJob(Job& job) {
         job.tree->buildNode(job.node, job.box, job.data, job.data.getCount(), job.depth,
                             job.progress, &job.data, job.level);
     } catch (...) {
-        if (job.failure == nullptr)
-            job.failure = std::current_exception();
+        keepFirstFailure(*job.tree, std::current_exception());
     }
     job.data.clear();
     finishJob(*job.tree, job);
@@ -171,6 +201,7 @@ template <ThreadedBuild Tree>
 void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
                    ProgressCallback& report) {
     using Thread = std::remove_pointer_t<decltype(tree.threads)>;
+    tree.failure = nullptr;
     tree.numThreads = count;
     report.info(0, progressLevel, "Creating and initializing %i thread(s).\n", count);
     tree.threads = new (std::nothrow) Thread[static_cast<std::size_t>(count)];
@@ -180,6 +211,11 @@ void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
         tree.threads[i].tree = &tree;
         tree.threads[i].progress = progress;
     }
+}
+
+/// Counts the root job's records as held, once they are made. The end of the jobs gives them back.
+template <class Tree, class Records> void holdRecords(Tree& tree, Records const& records) {
+    addBuildBytes(tree, static_cast<std::int64_t>(records.getMemUsage()));
 }
 
 /// Claims the first thread for the root job; its records are the caller's to fill.
@@ -195,10 +231,12 @@ template <ThreadedBuild Tree> auto& claimRootRecords(Tree& tree, ProgressCallbac
 }
 
 /// Runs the root job, over `region`, and all that come of it on the manager's threads; waits for
-/// their end and throws the first failure.
+/// their end and throws the first failure. Without a manager all is done here, and nobody waits.
 template <ThreadedBuild Tree, class Region>
 void runJobs(Tree& tree, Region const& region, unsigned int manualReset, ProgressCallback& report) {
-    report.info(0, progressLevel, "Creating 'done' event.\n");
+    bool const isWaiting = hasDoneEvent(tree);
+    if (isWaiting)
+        report.info(0, progressLevel, "Creating 'done' event.\n");
     {
         JobResources<Tree> const resources(tree, manualReset);
         report.info(0, progressLevel, "Starting first thread.\n");
@@ -212,12 +250,8 @@ void runJobs(Tree& tree, Region const& region, unsigned int manualReset, Progres
             // have.
             JobsInFlight<Tree> const jobs(tree);
             first.start();
-            report.info(0, progressLevel, "Waiting for thread completion.\n");
-/// Counts the root job's records as held, once they are made. The end of the jobs gives them back.
-template <class Tree, class Records> void holdRecords(Tree& tree, Records const& records) {
-    addBuildBytes(tree, static_cast<std::int64_t>(records.getMemUsage()));
-}
-
+            if (isWaiting)
+                report.info(0, progressLevel, "Waiting for thread completion.\n");
         }
         report.info(0, progressLevel, "Releasing thread resources.\n");
     }

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <exception>
 #include <span>
+#include <thread>
 
 namespace Kelpa {
 
@@ -22,9 +23,10 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree;
 using MBSphereRecords = SequenceST<MBSphereData, 20000>;
 
 /// A worker's share of a build: one subtree at a time.
-class MBSphereBuildThread final : public ThreadProcedure {
+class MBSphereBuildThread final : public UnwaitingProcedure {
   public:
-    /// Builds the subtree that the members below describe. A failure is kept in `failure`.
+    /// Builds the subtree that the members below describe. A failure is kept in the tree's
+    /// `failure`.
     void proc(void* parameter) override;
 
     /// Counts the job as running and hands it to the thread manager; a manager that refuses it (by
@@ -33,13 +35,13 @@ class MBSphereBuildThread final : public ThreadProcedure {
 
     MBSphereTree<MBSphere, 20000, 20000>* tree = nullptr; ///< null outside a build
     std::int32_t busy = 0; ///< 1 while claimed by a job; under the tree's `threadLock`
-    ProgressCallback* progress = nullptr; ///< where the build reports to; not null during one
+    ProgressCallback* progress = nullptr; ///< where the build reports to; may be null
     MBSphereRecords data;                 ///< records of the subtree; its own scratch too
     TimeBox box;                          ///< what the subtree covers
     MBSphereNode* node = nullptr;         ///< the subtree's root
     std::int32_t depth = 0;               ///< of `node`, as in `buildNode`
     std::int32_t level = 0;               ///< of `node`, as in `buildNode`
-    std::exception_ptr failure; ///< what ended a job early; rethrown by the thread that builds
+    std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
 };
 
 /// A tree over moving spheres that splits space and time. Every node moves with the mean velocity
@@ -75,7 +77,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Builds the tree from `particleSystems`, in place of what it held.
     ///
     /// `progress` may be null. All work is done on the manager's threads while this one waits;
-    /// without a manager it is done here. With `staticBounds` the moving bounds do not move.
+    /// without a manager it is done here. With `staticBounds` the
+    /// bounds hold for all times and do not move.
     /// Particles are left out when a centre or radius of either snapshot is not finite, a radius
     /// below 1e-15, the second snapshot has no such particle, or what happens between the two is
     /// beyond single precision.
@@ -129,14 +132,14 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
 
     /// Bytes of the packed spheres, which `getMemUsage` does not count.
     std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
-
-    std::int32_t maxDepth = 80;     ///< deepest level that is split
-    float leafSizeFactor = 1.0F;    ///< growth of leaves with depth
     /// Bytes of all that the tree holds now: what `getMemUsage` and `getPackedMemUsage` tell, its
     /// table of systems. Not to be asked while another thread builds.
     std::uint64_t getTotalMemUsage() const;
     /// The most that the last build held at a time, the tree included.
     std::uint64_t getPeakMemUsage() const { return static_cast<std::uint64_t>(peakBytes); }
+
+    std::int32_t maxDepth = 80;     ///< deepest level that is split; counts as 1024 at most
+    float leafSizeFactor = 1.0F;    ///< growth of leaves with depth
     float minNodeSize = 0.0F;       ///< nodes with a smaller diagonal become leaves
     std::int32_t multiThreaded = 1; ///< build with as many threads as there are processors
     TimeBox rootBox =
@@ -174,14 +177,14 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     std::int32_t numOutsideShutter = 0;
     /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
     alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
-};
-
-extern template class MBSphereTree<MBSphere, 20000, 20000>;
     std::int64_t buildBytes = 0;             ///< held for the running build alone; 0 outside
     std::int64_t peakBytes = 0;              ///< see `getPeakMemUsage`
     /// What ended a job of the running build first; thrown by the thread that builds. Under the
     /// `threadLock`.
     std::exception_ptr failure;
+};
+
+extern template class MBSphereTree<MBSphere, 20000, 20000>;
 
 /// The tree of the primitive for moving particles.
 class MovingSphereTree : public MBSphereTree<MBSphere, 20000, 20000> {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <exception>
 #include <span>
+#include <thread>
 
 namespace Kelpa {
 
@@ -21,9 +22,10 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree;
 using SDSphereRecords = SequenceST<SDSphereData, 20000>;
 
 /// A worker's share of a build: one subtree at a time.
-class SDSphereBuildThread final : public ThreadProcedure {
+class SDSphereBuildThread final : public UnwaitingProcedure {
   public:
-    /// Builds the subtree that the members below describe. A failure is kept in `failure`.
+    /// Builds the subtree that the members below describe. A failure is kept in the tree's
+    /// `failure`.
     void proc(void* parameter) override;
 
     /// Counts the job as running and hands it to the thread manager; a manager that refuses it (by
@@ -32,13 +34,13 @@ class SDSphereBuildThread final : public ThreadProcedure {
 
     SDSphereTree<SDSphere, 20000, 20000>* tree = nullptr; ///< null outside a build
     std::int32_t busy = 0; ///< 1 while claimed by a job; under the tree's `threadLock`
-    ProgressCallback* progress = nullptr;   ///< where the build reports to; not null during one
+    ProgressCallback* progress = nullptr;   ///< where the build reports to; may be null
     SDSphereRecords data;                   ///< records of the subtree; its own scratch too
     Box box;                                ///< what the subtree covers
     SDSphereNode<SDSphere>* node = nullptr; ///< the subtree's root
     std::int32_t depth = 0;                 ///< of `node`, as in `buildNode`
     std::int32_t level = 0;                 ///< of `node`, as in `buildNode`
-    std::exception_ptr failure; ///< what ended a job early; rethrown by the thread that builds
+    std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
 };
 
 /// A kd-tree over spheres: a sphere that a plane cuts is found on both of its sides.
@@ -154,15 +156,15 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
 
     /// Bytes of the packed leaves, which `getMemUsage` does not count.
     std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
-
-    float leafSizeFactor = 2.0F;     ///< growth of leaves with depth
     /// Bytes of all that the tree holds now: what `getMemUsage` and `getPackedMemUsage` tell, its
     /// table of systems. Not to be asked while another thread builds.
     std::uint64_t getTotalMemUsage() const;
     /// The most that the last build held at a time, the tree included.
     std::uint64_t getPeakMemUsage() const { return static_cast<std::uint64_t>(peakBytes); }
+
+    float leafSizeFactor = 2.0F;     ///< growth of leaves with depth
     float minNodeSize = 0.0F;        ///< nodes with a smaller diagonal become leaves
-    std::int32_t maxDepth = 60;      ///< deepest level that is split
+    std::int32_t maxDepth = 60;      ///< deepest level that is split; counts as 1024 at most
     std::int32_t multiThreaded = 1;  ///< build on the thread manager's threads, if there is one
     Box bbox = Box::empty();         ///< of all spheres, a little widened; set by `build`
     Node* root = nullptr;            ///< from `nodes`
@@ -172,7 +174,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     Sequence<Node, NodeBlock> nodes; ///< every node, children in pairs
     Sequence<SDLeafSphere, LeafBlock> leafSpheres; ///< every leaf's run
     // Raised by several threads at once, always through std::atomic_ref.
-    std::int32_t statMaxDepth = 0;  ///< deepest level
+    std::int32_t statMaxDepth = 0;  ///< largest `depth`, as in `buildNode`
     std::int32_t statNumLeaves = 0; ///< leaves with entries
     std::int32_t statDepthSum = 0;  ///< over all leaves
     FastCriticalSection threadLock; ///< guards the claiming and ending of jobs
@@ -195,13 +197,13 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     std::uint64_t packedFloats = 0;                ///< length of `packedLeaves`
     /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
     alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
-};
-
     std::int64_t buildBytes = 0;             ///< held for the running build alone; 0 outside
     std::int64_t peakBytes = 0;              ///< see `getPeakMemUsage`
     /// What ended a job of the running build first; thrown by the thread that builds. Under the
     /// `threadLock`.
     std::exception_ptr failure;
+};
+
 extern template class SDSphereTree<SDSphere, 20000, 20000>;
 
 /// The tree of the primitive for particles that stand still.
