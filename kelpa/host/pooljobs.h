@@ -3,8 +3,8 @@
 
 namespace Kelpa {
 
-/// Runs one queued job of the pool that the calling thread works for; false when there is none or
-/// the thread is no worker.
+/// Runs one queued job of the pool that the calling thread works for; false when there is none that
+/// a waiting thread may run, or the thread is no worker.
 bool runQueuedJobOfThisWorker();
 
 /// Whether the calling thread is a pool's worker.

@@ -9,46 +9,50 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <thread>
 
 namespace Kelpa {
 
 namespace {
 
-/// An event that remembers a pulse which nobody has waited for yet, so that it is never lost
-/// between two waits.
+/// An event whose pulse wakes all who wait, in either reset mode. A pulse that finds nobody waiting
+/// is kept for the next wait, so that none is lost between two.
 class Event {
   public:
-    explicit Event(bool wakesAll) : isManual(wakesAll) {}
-
     void pulse() {
         std::lock_guard const hold(mutex);
-        isPulsed = true;
-        if (isManual)
-            came.notify_all();
-        else
-            came.notify_one();
+        if (numWaiting == 0)
+            isKept = true;
+        numWaiting = 0; // all of these wake, however late they notice
+        ++pulses;
+        came.notify_all();
     }
 
-    /// True when a pulse came within the time, which uses it up once no other waiter shares it.
+    /// True when a pulse came within the time, or was kept.
     bool waitFor(std::chrono::milliseconds time) {
         std::unique_lock hold(mutex);
-        ++waiters;
-        bool const wasPulsed = came.wait_for(hold, time, [this] { return isPulsed; });
-        --waiters;
-        if (wasPulsed && (!isManual || waiters == 0))
-            isPulsed = false;
+        if (isKept) {
+            isKept = false;
+            return true;
+        }
+        ++numWaiting;
+        bool const wasPulsed =
+            came.wait_for(hold, time, [this, seen = pulses] { return pulses != seen; });
+        if (!wasPulsed)
+            --numWaiting;
         return wasPulsed;
     }
 
   private:
     std::mutex mutex;
     std::condition_variable came;
-    bool isPulsed = false;
-    int waiters = 0;
-    bool const isManual;
+    std::uint64_t pulses = 0;
+    int numWaiting = 0; // since the last pulse
+    bool isKept = false;
 };
 
 // A worker looks for jobs to help with in between; others just wait.
@@ -85,9 +89,8 @@ void debug(char const* format, ...) {
     std::fputs(line, stderr);
 }
 
-void* uniCreateEvent(void*, unsigned int manualReset, unsigned int initiallySignalled,
-                     char const*) {
-    auto* const event = new (std::nothrow) Event(manualReset != 0);
+void* uniCreateEvent(void*, unsigned int, unsigned int initiallySignalled, char const*) {
+    auto* const event = new (std::nothrow) Event;
     if (event != nullptr && initiallySignalled != 0)
         event->pulse();
     return event;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <system_error>
@@ -18,7 +19,12 @@ namespace {
 struct Job {
     ThreadProcedure* procedure;
     void* parameter;
+    std::uint64_t number; ///< in the order of queueing
 };
+
+/// How many waits of a worker, one inside the other, it spends on jobs that may wait in their turn.
+/// Each takes a stretch of the stack.
+constexpr int mostNestedWaits = 8;
 
 } // namespace
 
@@ -42,32 +48,47 @@ class ThreadPool::Queue {
 
     int size() const { return static_cast<int>(workers.size()); }
 
-    void push(Job const& job) {
+    void push(ThreadProcedure* procedure, void* parameter) {
+        bool const waits = dynamic_cast<UnwaitingProcedure*>(procedure) == nullptr;
         {
             std::lock_guard const hold(mutex);
-            jobs.push_back(job);
+            (waits ? waitingJobs : unwaitingJobs).push_back({procedure, parameter, numPushed++});
         }
         jobCame.notify_one();
     }
 
-    /// Runs the oldest queued job; false when there is none.
-    bool runOne() {
+    /// Runs the oldest queued job that waits for nothing, or else the oldest of all, unless the
+    /// thread is in too many waits; false when there is no such job.
+    bool runOneWhileWaiting() {
+        thread_local int nestedWaits = 0;
         Job job;
         {
             std::lock_guard const hold(mutex);
-            if (jobs.empty())
+            if (!unwaitingJobs.empty())
+                job = takeFrom(unwaitingJobs);
+            else if (!waitingJobs.empty() && nestedWaits < mostNestedWaits)
+                job = takeFrom(waitingJobs);
+            else
                 return false;
-            job = takeOldest();
         }
+        ++nestedWaits;
         job.procedure->proc(job.parameter);
+        --nestedWaits;
         return true;
     }
 
   private:
-    Job takeOldest() {
+    static Job takeFrom(std::deque<Job>& jobs) {
         Job const job = jobs.front();
         jobs.pop_front();
         return job;
+    }
+    bool isEmpty() const { return waitingJobs.empty() && unwaitingJobs.empty(); }
+    Job takeOldest() {
+        bool const isUnwaiting =
+            waitingJobs.empty() ||
+            (!unwaitingJobs.empty() && unwaitingJobs.front().number < waitingJobs.front().number);
+        return takeFrom(isUnwaiting ? unwaitingJobs : waitingJobs);
     }
 
     void work();
@@ -84,8 +105,12 @@ class ThreadPool::Queue {
 
     std::mutex mutex;
     std::condition_variable jobCame;
-    std::deque<Job> jobs;   // under `mutex`
-    bool isClosing = false; // under `mutex`
+    // All under `mutex`.
+    std::deque<Job> waitingJobs;   ///< may wait for others
+    std::deque<Job> unwaitingJobs; ///< do not
+    std::uint64_t numPushed = 0;
+    bool isClosing = false;
+
     std::vector<std::thread> workers;
 };
 
@@ -99,13 +124,13 @@ thread_local void* queueOfThisThread = nullptr;
 
 void ThreadPool::Queue::work() {
     queueOfThisThread = this;
-    runOneOfThisThread = [](void* pool) { return static_cast<Queue*>(pool)->runOne(); };
+    runOneOfThisThread = [](void* pool) { return static_cast<Queue*>(pool)->runOneWhileWaiting(); };
     for (;;) {
         Job job;
         {
             std::unique_lock hold(mutex);
-            jobCame.wait(hold, [this] { return isClosing || !jobs.empty(); });
-            if (jobs.empty())
+            jobCame.wait(hold, [this] { return isClosing || !isEmpty(); });
+            if (isEmpty())
                 return;
             job = takeOldest();
         }
@@ -123,7 +148,7 @@ void ThreadPool::runThread(ThreadProcedure* procedure, void* parameter) {
     if (queue->size() == 0)
         procedure->proc(parameter);
     else
-        queue->push({procedure, parameter});
+        queue->push(procedure, parameter);
 }
 
 int ThreadPool::size() const {

@@ -10,7 +10,10 @@ namespace Kelpa {
 ///
 /// `runThread` may be called from any thread, the pool's own workers included. The destructor runs
 /// what is queued, then joins. A worker that waits on an event of the host services runs queued
-/// jobs meanwhile, so a tree may be built from inside a job even of a pool with a single worker.
+/// jobs meanwhile, so a tree may be built from inside a job even of a pool with a single worker:
+/// first those that wait for nothing (`UnwaitingProcedure`, which the jobs of builds are); others
+/// only while it is in no more than a few waits, one inside the other, so that its stack suffices
+/// however many are queued.
 class ThreadPool final : public ThreadManager {
   public:
     /// Starts `threads` workers, or as many as there are processors if that is 0 or less. If the

@@ -95,6 +95,28 @@ TEST(ThreadPool, LetsItsOnlyWorkerBuildATreeThatHandsWorkBackToIt) {
     EXPECT_EQ(answer.get(), 5000);
 }
 
+// Each job of thousands builds a tree; were they run one inside the other, stacks would end.
+TEST(ThreadPool, RunsAnyNumberOfQueuedBuilds) {
+    constexpr int jobs = 20000;
+    std::vector<Vector> const centers(1);
+    std::vector<float> const radii(1, 1.0F);
+    ParticleSystem system(centers, radii);
+    std::atomic<int> built = 0;
+    ThreadPool* workersPool = nullptr;
+    Work build([&] {
+        StaticParticlePrimitive primitive(0, system.data(), nullptr, true);
+        primitive.build(nullptr, workersPool, 60, 0.0F, 2.0F, 1);
+        built += primitive.tree->numSpheres;
+    });
+    {
+        ThreadPool pool(2);
+        workersPool = &pool;
+        for (int i = 0; i < jobs; ++i)
+            pool.runThread(&build, nullptr);
+    }
+    EXPECT_EQ(built, jobs);
+}
+
 // A pulse lost between two looks would cost a time-out of 100 ms each time.
 TEST(ThreadPool, BuildsAThousandSmallTreesWithoutATimeOutEach) {
     ThreadPool pool(2);
@@ -104,7 +126,7 @@ TEST(ThreadPool, BuildsAThousandSmallTreesWithoutATimeOutEach) {
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds{10});
 }
 
-TEST(Events, RememberOnePulseTimeOutAndWakeOneOrAll) {
+TEST(Events, RememberOnePulseTimeOutAndWakeAllWhoWait) {
     auto const wait = [](void* event, unsigned int time) {
         return uniMsgWaitForMultipleObjects(1, &event, 0, time, 0) == 0;
     };
@@ -117,16 +139,20 @@ TEST(Events, RememberOnePulseTimeOutAndWakeOneOrAll) {
     EXPECT_GE(steady_clock::now() - begin, milliseconds{30});
 
     void* const all = uniCreateEvent(nullptr, 1, 0, nullptr);
-    std::vector<std::future<bool>> waiters;
-    for (int i = 0; i < 3; ++i)
-        waiters.push_back(std::async(std::launch::async, wait, all, 20000U));
-    std::this_thread::sleep_for(milliseconds{200});
-    auto const pulsed = steady_clock::now();
-    uniPulseEvent(all);
-    for (std::future<bool>& waiter : waiters)
-        EXPECT_TRUE(waiter.get());
-    EXPECT_LT(steady_clock::now() - pulsed, std::chrono::seconds{10});
-    EXPECT_FALSE(wait(all, 0)) << "the last waiter used it up";
+    for (void* const event : {all, single}) { // in either reset mode
+        std::vector<std::future<bool>> waiters;
+        for (int i = 0; i < 3; ++i)
+            waiters.push_back(std::async(std::launch::async, wait, event, 20000U));
+        std::this_thread::sleep_for(milliseconds{200});
+        auto const pulsed = steady_clock::now();
+        uniPulseEvent(event);
+        for (std::future<bool>& waiter : waiters)
+            EXPECT_TRUE(waiter.get());
+        EXPECT_LT(steady_clock::now() - pulsed, std::chrono::seconds{10});
+        EXPECT_FALSE(wait(event, 0)) << "the waiters used it up";
+        uniPulseEvent(event);
+        EXPECT_TRUE(wait(event, 0)) << "a wait that timed out counts no more";
+    }
 
     void* const signalled = uniCreateEvent(nullptr, 1, 1, nullptr);
     EXPECT_TRUE(wait(signalled, 0));
