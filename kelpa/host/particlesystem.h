@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/platform.h"
 #include "kelpa/foundation/vector.h"
 
 #include <cstdint>
@@ -31,8 +32,19 @@ class ParticleSystem {
     ParticleSystem(ParticleSystem const&) = delete;
     ParticleSystem& operator=(ParticleSystem const&) = delete;
 
-    /// What primitives take; valid as long as this system.
-    ParticleData* data() { return &view; }
+    /// What primitives take; valid as long as this system. A sample time outside the shutter, 0 to
+    /// 1, is told to the debug log once: what is slow then, and the way out, says
+    /// `snapshotsInShutter`.
+    ParticleData* data() {
+        bool const isInShutter = view.sampleTime >= 0.0 && view.sampleTime <= 1.0;
+        if (!isInShutter && !std::exchange(wasTold, true))
+            debug("[ParticleSystem] The sample time %g lies outside the shutter, 0 to 1: of moving "
+                  "particles that makes slow trees (see snapshotsInShutter)\n",
+                  view.sampleTime);
+        return &view;
+    }
+    /// The same for `snapshotsInShutter`, at whatever time.
+    ParticleData const& snapshot() const { return view; }
 
     std::vector<Vector> const positions; ///< centres
     std::vector<float> const radii;      ///< one per centre
@@ -46,6 +58,7 @@ class ParticleSystem {
     }
 
     ParticleData view;
+    bool wasTold = false;
 };
 
 } // namespace Kelpa
