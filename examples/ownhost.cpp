@@ -14,7 +14,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <numbers>
+#include <thread>
 #include <vector>
 
 // The six services that the library asks of its host, declared in kelpa/foundation/platform.h.
@@ -51,12 +53,14 @@ void uniPulseEvent(void* handle) {
 
 int uniMsgWaitForMultipleObjects(int, void* const* events, unsigned int, unsigned int milliseconds,
                                  int) {
+    std::chrono::milliseconds const slice{milliseconds};
     auto* const event = static_cast<Event*>(events[0]); // the library waits for one at a time
-    if (event == nullptr)
+    if (event == nullptr) {
+        std::this_thread::sleep_for(slice);
         return 1; // not pulsed: the build looks for itself
+    }
     std::unique_lock scope(event->mutex);
-    event->came.wait_for(scope, std::chrono::milliseconds{milliseconds},
-                         [event] { return event->pulsed; });
+    event->came.wait_for(scope, slice, [event] { return event->pulsed; });
     bool const pulsed = event->pulsed;
     event->pulsed = false;
     return pulsed ? 0 : 1;

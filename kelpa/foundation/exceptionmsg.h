@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kelpa/foundation/language.h"
+
 namespace Kelpa {
 
 /// The only exception type of the library: memory that could not be had.

@@ -111,7 +111,8 @@ class ThreadManager {
 /// Never destroyed through this interface.
 class ProgressCallback {
   public:
-    /// Non-zero asks the build to stop early; the tree is then valid, but partial.
+    /// Non-zero asks the build to stop early; the tree is then valid, but partial. A yes is
+    /// remembered by the job that it was given to, which stops whatever is answered later.
     ///
     /// Called from worker threads too, several at once, and once per record of every node: answer
     /// from an atomic, without a lock.

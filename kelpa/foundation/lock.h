@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kelpa/foundation/language.h"
+
 #include <pthread.h>
 
 // Clang's thread-safety analysis reads these; every other compiler sees nothing.

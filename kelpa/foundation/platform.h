@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kelpa/foundation/language.h"
+
 namespace Kelpa {
 
 /// A piece of work that the library hands to the host's `ThreadManager`.
@@ -17,8 +19,6 @@ class ThreadProcedure {
     ~ThreadProcedure() = default;
 };
 
-// The six services that a host supplies. Whoever links the library without `Kelpa::host` defines
-// these functions; the library calls nothing else of its surroundings. None of them may throw.
 /// A procedure that waits for nothing but locks, as all are that the library hands over. So a
 /// thread that has to wait may run it meanwhile, however many such waits it is in already.
 class UnwaitingProcedure : public ThreadProcedure {
@@ -26,6 +26,8 @@ class UnwaitingProcedure : public ThreadProcedure {
     ~UnwaitingProcedure() = default;
 };
 
+// The six services that a host supplies. Whoever links the library without `Kelpa::host` defines
+// these functions; the library calls nothing else of its surroundings. None of them may throw.
 
 // A shared library finds them also in programs that are compiled with -fvisibility=hidden.
 #pragma GCC visibility push(default)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kelpa/foundation/language.h"
+
 namespace Kelpa {
 
 /// Three single-precision numbers: a centre, a direction, a normal, a velocity or a colour.

@@ -40,9 +40,9 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
     ///
     /// A system without particles or radii is not registered; the tree is built all the same.
     /// `progress` and `threadManager` may be null. `maxDepth` limits the depth of the tree (60 is
-    /// usual for still particles, 80 for moving ones), nodes with a diagonal below `minNodeSize`
-    /// become leaves (0.0), `leafSizeFactor` lets leaves grow with depth (2.0 and 1.0).
-    /// With `staticBounds` a moving primitive reports bounds that do not move.
+    /// usual for still particles, 80 for moving ones; 1024 is the most that counts), nodes with a
+    /// diagonal below `minNodeSize` become leaves (0.0), `leafSizeFactor` lets leaves grow with
+    /// depth (2.0 and 1.0). With `staticBounds` a moving primitive reports bounds that do not move.
     /// Not to be called on a worker of `threadManager` unless another is free to take the job.
     /// Throws `ExceptionMsg` when memory runs out, on whichever thread; the tree is then empty and
     /// can be built again or destroyed.
@@ -122,7 +122,9 @@ extern template class SphereTreePrimitiveTemplate<BunchPrimitive<MovingBox>, Mov
 ///
 /// A null or empty `particles0` only rebuilds. The tree's parameters stay as they are. `particles1`
 /// and `staticBounds` are read for moving particles only.
-/// Failures as in `SphereTreePrimitiveTemplate::build`.
+/// Failures as in `SphereTreePrimitiveTemplate::build`: they leave the shared tree empty, for all
+/// its primitives, with the systems registered before still in its table; the next call that
+/// succeeds brings those back.
 void SphereTreePrimitiveTemplate_callBuild(Kelpa::StaticSphereTree* tree,
                                            Kelpa::ParticleData* particles0,
                                            Kelpa::ParticleData* particles1,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kelpa/foundation/language.h"
+
 #include <cstdint>
 
 namespace Kelpa {
