@@ -1,5 +1,6 @@
-# Three Debian packages from `cpack`: the shared libraries, what is needed to build against them, and
-# the command. Configure with the preset `package`, which sets /usr and BUILD_SHARED_LIBS.
+# Debian packages from `cpack`: the shared libraries, what is needed to build against them, the
+# command, and programs that read one more format each. Configure with the preset `package`, which
+# sets /usr and BUILD_SHARED_LIBS.
 #
 # The library is packaged shared, with the minor version in its name: records and inline bodies of
 # public headers may change between minor versions until 1.0, and hosts that were compiled against
@@ -24,6 +25,12 @@ if(NOT BUILD_SHARED_LIBS)
 endif()
 if(NOT TARGET kelpa_tool)
     list(REMOVE_ITEM CPACK_COMPONENTS_ALL tool)
+endif()
+
+# Programs that read one format each may be left out by those who have no such files.
+set(vdb_package kelpa-formats-vdb)
+if(TARGET kelpa-read-vdb)
+    list(APPEND CPACK_COMPONENTS_ALL vdb)
 endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -84,6 +91,17 @@ ${what}
 .
 This package holds the command kelpa, which makes pictures straight from
 particle files.")
+
+set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS ${vdb_package})
+
+set(CPACK_DEBIAN_VDB_PACKAGE_NAME ${vdb_package})
+set(CPACK_DEBIAN_VDB_PACKAGE_SECTION graphics)
+set(CPACK_DEBIAN_VDB_PACKAGE_ENHANCES ${tool_package})
+set(CPACK_COMPONENT_VDB_DESCRIPTION "ray tracing of particle systems - OpenVDB points
+${what}
+.
+This package lets the command kelpa and its Python module read the points
+of OpenVDB files.")
 
 # Debian wants a copyright and a changelog in every package.
 set(copyright ${PROJECT_BINARY_DIR}/packages/copyright)

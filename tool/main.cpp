@@ -13,7 +13,7 @@
 #include <fmt/format.h>
 
 #include <csignal>
-#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <new>
 
@@ -45,8 +45,18 @@ int run(kelpatool::Options const& options) {
     }
 }
 
+constexpr char const* outOfMemory = "out of memory; fewer particles or a smaller picture need less";
+
+/// What the library says, without the names of its own parts.
+char const* withoutNames(char const* text) {
+    if (std::strstr(text, "Could not allocate memory") != nullptr)
+        return outOfMemory;
+    char const* const end = *text == '[' ? std::strstr(text, "] ") : nullptr;
+    return end != nullptr ? end + 2 : text;
+}
+
 int complain(ExitCode code, char const* text) {
-    std::fprintf(stderr, "kelpa: %s\n", text);
+    kelpatool::say("kelpa: {}\n", text);
     return code;
 }
 
@@ -71,9 +81,9 @@ int main(int argc, char** argv) {
     } catch (kelpatool::Interrupted const&) {
         return complain(interrupted, "interrupted");
     } catch (Kelpa::ExceptionMsg const& error) {
-        return complain(failed, error.what());
+        return complain(failed, withoutNames(error.what()));
     } catch (std::bad_alloc const&) {
-        return complain(failed, "out of memory; fewer particles or a smaller picture need less");
+        return complain(failed, outOfMemory);
     } catch (std::exception const& error) {
         return complain(failed, error.what());
     }

@@ -1,38 +1,17 @@
+// From rows as files hold them to arrays of particles.
 #pragma once
 
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/particlefile.h"
+#include "pipeline/files/scalartype.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace kelpatool {
-
-enum class ScalarType : std::uint8_t {
-    int8,
-    uint8,
-    int16,
-    uint16,
-    int32,
-    uint32,
-    int64,
-    uint64,
-    float32,
-    float64,
-};
-
-constexpr std::size_t scalarBytes(ScalarType type) {
-    constexpr std::size_t bytes[] = {1, 1, 2, 2, 4, 4, 8, 8, 4, 8};
-    return bytes[static_cast<int>(type)];
-}
-
-constexpr bool isFloating(ScalarType type) {
-    return type == ScalarType::float32 || type == ScalarType::float64;
-}
 
 /// One number that every row of a file holds.
 struct Column {
@@ -70,31 +49,6 @@ struct ColumnUse {
     float factor = 1.0F;  ///< for radii
 };
 
-/// Three columns that make a vector, and how messages call them.
-struct VectorColumns {
-    std::string_view source;
-    std::string_view names[3];
-};
-
-/// What a format calls its columns, each list in order of preference; a message asks for the last
-/// positions. Radii and ids have the same
-/// names in every format.
-struct ColumnNames {
-    std::string_view word; ///< what the format's users call a column
-    std::span<VectorColumns const> positions;
-    std::span<VectorColumns const> colors;
-    std::span<VectorColumns const> velocities;
-    std::string_view element;
-    std::span<VectorColumns const> images{};
-    std::string_view type{};
-};
-
-/// Decides what each column is read for and says so in `particles`. Refuses a file without
-/// positions, and names in `options` that no column has.
-std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> const& columns,
-                                  ColumnNames const& names, ReadOptions const& options,
-                                  ParticleSet& particles);
-
 /// Turns rows as a file holds them into the arrays of a particle set, column by column.
 class RowConverter {
   public:
@@ -123,15 +77,5 @@ class RowConverter {
 /// How many rows may be reserved at once on a header's word: no more than the file could hold,
 /// with plenty of room for compression.
 std::size_t plausibleRows(InputFile const& file, std::uint64_t promised, std::size_t rowBytes);
-
-/// The readers behind `readParticleFile`; each starts at the first byte of its file.
-ParticleSet readPly(InputFile& file, ReadOptions const& options);
-ParticleSet readXyz(InputFile& file, ReadOptions const& options);
-ParticleSet readLammps(InputFile& file, ReadOptions const& options);
-ParticleSet readGro(InputFile& file, ReadOptions const& options);
-ParticleSet readBgeo(InputFile& file, ReadOptions const& options);
-ParticleSet readPdb(InputFile& file, ReadOptions const& options);
-ParticleSet readMmCif(InputFile& file, ReadOptions const& options);
-ParticleSet readVdb(InputFile& file, ReadOptions const& options); ///< in builds with OpenVDB alone
 
 } // namespace kelpatool

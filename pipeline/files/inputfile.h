@@ -31,6 +31,8 @@ class InputFile {
     /// Another progress, from now on.
     void reportTo(PhaseProgress phase) { progress = std::move(phase); }
     std::string const& path() const { return filePath; }
+    /// Its number with the system, for what reads it in ways of its own.
+    int handle() const { return descriptor; }
     bool isGzip() const { return inflation != nullptr; }
     /// Whether opening the same path gives the same bytes again; false for a pipe.
     bool canBeReadAgain() const { return regular; }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "pipeline/files/printable.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -37,15 +39,6 @@ template <class Number> bool parseNumber(std::string_view word, Number& number) 
         }
     }
     return error == std::errc{};
-}
-
-/// A word from a file as a message may show it: in quotes, not too long, nothing unprintable.
-inline std::string quoted(std::string_view word) {
-    constexpr std::size_t longest = 40;
-    std::string text = "'";
-    for (char const c : word.substr(0, longest))
-        text += c >= ' ' && c <= '~' ? c : '?';
-    return text + (word.size() > longest ? "...'" : "'");
 }
 
 } // namespace kelpatool

@@ -1,5 +1,7 @@
 // What the command tells about files, runs and speeds.
 
+#include "pipeline/files/printable.h"
+
 #include "tests/support/command.h"
 
 #include <regex>
@@ -90,6 +92,31 @@ TEST_F(Command, HasEveryOptionInItsManualAndCompletion) {
     EXPECT_EQ(completed("kelpa info --format gr"), "gro\n");
     EXPECT_EQ(completed("kelpa render a.ply --motion ''").substr(0, 19), "none\nvelocity\nnext\n");
     EXPECT_EQ(optionsIn(manual.substr(sections)), ofAll);
+}
+
+TEST_F(Command, IsNotSteeredByWhatFilesAreCalledOrHold) {
+    // A title for the terminal's window, a byte that is no UTF-8, text from right to left; a whole
+    // letter beside them stays.
+    std::string const title = "\033]0;owned\007";
+    std::string const name = "\xff" + title + "\u202e\u00e9.ply";
+    write(name, plyOf("x y z radius " + title + "\xc3\u00e9", {"0 0 0 1 5"}));
+    for (Words const& words :
+         {Words{"info", name},
+          {"info", "--json", name},
+          {"info", name, "--color-by", title},
+          {"render", name, "-o", "a.png", "--size", "8x8", "--stats=s.json", "--color-by", "no"},
+          {"render", name, "-o", "a.png", "--size", "8x8", "--stats=s.json"},
+          {"bench", name, "--runs", "1"}}) {
+        Answer const answer = run(words);
+        for (std::string const& text : {answer.out, answer.err, read("s.json")}) {
+            EXPECT_EQ(text.find('\033'), std::string::npos) << text;
+            EXPECT_EQ(kelpatool::printable(text, true), text);
+        }
+    }
+    EXPECT_TRUE(contains(run({"info", name}).out, "\\x1b]0;owned\\x07\\xc3\u00e9"));
+    EXPECT_TRUE(contains(read("s.json"), "\"\\ufffd\\u001b]0;owned\\u0007"));
+    EXPECT_TRUE(
+        contains(run({"info", "--json", name}).out, "\\u001b]0;owned\\u0007\\ufffd\u00e9\""));
 }
 
 } // namespace

@@ -441,7 +441,7 @@ TEST_F(ParticleFiles, HoldFramesAsXyz) {
 TEST_F(ParticleFiles, EndBehindTheirLastFrameInEveryFormat) {
     for (char const* const name : {"ply/text", "xyz/plain", "lammps/tilted", "gro/frames",
                                    "bgeo/attributes", "pdb/assembly", "mmcif/assembly",
-#ifdef KELPA_OPENVDB
+#ifdef KELPA_READS_VDB
                                    "vdb/points"
 #endif
          }) {

@@ -24,7 +24,7 @@ class VdbPoints : public ParticleFiles {
 
 } // namespace
 
-#ifdef KELPA_OPENVDB
+#ifdef KELPA_READS_VDB
 
 TEST_F(VdbPoints, AreReadWithAllTheirAttributes) {
     ParticleSet const particles = readParticleFile(seed("points"), {.summarise = true});
@@ -68,8 +68,9 @@ TEST_F(VdbPoints, AreRefusedInOneLineWhenDamaged) {
 
 #else
 
-TEST_F(VdbPoints, NeedABuildWithOpenVdb) {
-    EXPECT_TRUE(holdsAll(complaint(seed("points")), {"built without it", "libopenvdb-dev"}));
+TEST_F(VdbPoints, NeedTheirProgram) {
+    EXPECT_TRUE(holdsAll(complaint(seed("points")),
+                         {"kelpa-read-vdb, which is not installed", "libopenvdb-dev"}));
 }
 
 #endif

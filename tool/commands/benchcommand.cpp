@@ -251,7 +251,7 @@ int runBench(Options const& given) {
     std::string const& file = options.particles.files[0];
     ParticleSet const particles = readParticles(file, options, false);
     int const threads = threadCount(options.run);
-    fmt::print("{}: {} particles, {} thread{}, median of {} run{}\n", baseName(file),
+    fmt::print("{}: {} particles, {} thread{}, median of {} run{}\n", printable(baseName(file)),
                withCommas(particles.positions.size()), threads, threads == 1 ? "" : "s",
                options.benchRuns, options.benchRuns == 1 ? "" : "s");
     options.motion.motion = "none";

@@ -47,14 +47,14 @@ std::string jsonBounds(Bounds const& bounds) {
 
 void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
                  std::string const& file, BuildReport const& report) {
-    fmt::print("{}: {}, {} particles\n", baseName(file), particles.format,
+    fmt::print("{}: {}, {} particles\n", printable(baseName(file)), particles.format,
                withCommas(particles.positions.size()));
     if (particles.frameCount > 1)
         fmt::print("  frames: {}\n", particles.frameCount);
     fmt::print("  columns:\n");
     for (AttributeSummary const& column : particles.columns) {
-        fmt::print("    {:<20} {:<8} {:.7g} to {:.7g}", column.name, column.type, column.min,
-                   column.max);
+        fmt::print("    {:<20} {:<8} {:.7g} to {:.7g}", printable(column.name),
+                   printable(column.type), column.min, column.max);
         if (column.notFinite > 0)
             fmt::print(", {} not finite", withCommas(column.notFinite));
         fmt::print("\n");

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "pipeline/files/printable.h"
+
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -16,9 +18,11 @@ namespace kelpatool {
 /// would end the process before temporary files are removed.
 void secureStandardStreams();
 
-/// Tells the user. What cannot be told is no reason to fail.
+/// Tells the user. Names and words of files are in what is told, so nothing in it steers the
+/// terminal. What cannot be told is no reason to fail.
 template <class... Values> void say(fmt::format_string<Values...> text, Values&&... values) {
-    std::fputs(fmt::format(text, std::forward<Values>(values)...).c_str(), stderr);
+    std::string const told = fmt::format(text, std::forward<Values>(values)...);
+    std::fputs(printable(told, true).c_str(), stderr);
 }
 
 /// Writes what standard output still buffers. Throws `OutputError` when not all that was printed

@@ -1,23 +1,30 @@
 #pragma once
 
+#include "pipeline/files/printable.h"
+
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <string_view>
 
 namespace kelpatool {
 
-/// A text as JSON has it.
+/// A text as JSON has it, whatever its bytes are.
 inline std::string jsonText(std::string_view text) {
     std::string json(1, '"');
-    for (char const c : text) {
-        if (c == '"' || c == '\\')
-            json += '\\';
-        if (static_cast<unsigned char>(c) < 0x20)
-            json += fmt::format("\\u{:04x}", static_cast<int>(c));
+    while (!text.empty()) {
+        std::size_t const length = characterLength(text);
+        char const first = text[0];
+        std::uint32_t const code = length > 0 ? codePoint(text.substr(0, length)) : 0;
+        if (length == 0)
+            json += "\\ufffd"; // JSON is UTF-8; a name in another encoding shows that it is
+        else if (isObeyed(code))
+            json += fmt::format("\\u{:04x}", code);
         else
-            json += c;
+            json.append(first == '"' || first == '\\' ? "\\" : "").append(text.substr(0, length));
+        text.remove_prefix(std::max<std::size_t>(1, length));
     }
     json += '"';
     return json;

@@ -1,5 +1,6 @@
 #include "pipeline/files/elements.h"
 #include "pipeline/files/formats/frames.h"
+#include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"
 #include "pipeline/files/textvalues.h"
 

@@ -1,5 +1,6 @@
-#include "pipeline/files/columns.h"
+#include "pipeline/files/columnuses.h"
 #include "pipeline/files/formats/frames.h"
+#include "pipeline/files/formats/readers.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/textvalues.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "pipeline/files/columns.h"
+#include "pipeline/files/columnuses.h"
 
 #include <functional>
 

@@ -1,4 +1,5 @@
 #include "pipeline/files/formats/frames.h"
+#include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"
 #include "pipeline/files/textvalues.h"
 

@@ -1,0 +1,127 @@
+#include "pipeline/files/columnuses.h"
+
+#include "pipeline/files/inputfile.h"
+#include "pipeline/files/printable.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace kelpatool {
+
+namespace {
+
+struct RadiusName {
+    std::string_view name;
+    bool aloneOnly = false; ///< not if there are columns `g` or `b`: then it is a colour
+    bool isDiameter = false;
+};
+
+constexpr RadiusName radiusNames[] = {
+    {"radius"},
+    {"pscale"},
+    {"psz"},
+    {.name = "r", .aloneOnly = true},
+    {.name = "diameter", .isDiameter = true},
+    {.name = "width", .isDiameter = true},
+    {.name = "widths", .isDiameter = true},
+};
+
+/// Finds columns by name and collects what they are used for.
+struct UseChooser {
+    InputFile const& file;
+    std::vector<Column> const& columns;
+    ColumnNames const& names;
+    std::vector<ColumnUse> uses{};
+
+    std::size_t find(std::string_view name) const {
+        auto const found = std::find_if(columns.begin(), columns.end(),
+                                        [&](Column const& column) { return column.name == name; });
+        return static_cast<std::size_t>(found - columns.begin());
+    }
+    bool has(std::string_view name) const { return find(name) < columns.size(); }
+
+    /// The same for a column that has to be there.
+    std::size_t require(std::string_view name) const {
+        std::size_t const column = find(name);
+        if (column < columns.size())
+            return column;
+        std::string present;
+        for (Column const& other : columns)
+            present += " " + other.name;
+        file.fail("no {} {}; it has{}", names.word, quoted(name),
+                  present.empty() ? " none" : present);
+    }
+
+    /// Uses the first of several vectors whose three columns are there; says which, if any.
+    std::string chooseVector(Target target, std::span<VectorColumns const> choices) {
+        for (VectorColumns const& choice : choices) {
+            if (!has(choice.names[0]) || !has(choice.names[1]) || !has(choice.names[2]))
+                continue;
+            for (std::size_t axis = 0; axis < 3; ++axis)
+                uses.push_back({find(choice.names[axis]), target, axis});
+            return std::string(choice.source);
+        }
+        return {};
+    }
+
+    /// Keeps every column of the file that nothing uses so far.
+    void keepTheRest(std::vector<Attribute>& attributes) {
+        std::vector<bool> isUsed(columns.size(), false);
+        for (ColumnUse const& use : uses)
+            isUsed[use.column] = true;
+        for (std::size_t column = 0; column < columns.size(); ++column) {
+            if (isUsed[column] || columns[column].isDerived)
+                continue;
+            uses.push_back({column, Target::attribute, attributes.size()});
+            attributes.push_back({columns[column].name, {}});
+        }
+    }
+
+    std::string useRadius(std::string_view name) {
+        bool const halved = std::any_of(
+            std::begin(radiusNames), std::end(radiusNames),
+            [&](RadiusName const& radius) { return radius.isDiameter && radius.name == name; });
+        uses.push_back({require(name), Target::radius, 0, halved ? 0.5F : 1.0F});
+        return std::string(name) + (halved ? " / 2" : "");
+    }
+
+    std::string chooseRadius() {
+        bool const rIsColor = has("g") || has("b");
+        for (RadiusName const& radius : radiusNames)
+            if (has(radius.name) && !(radius.aloneOnly && rIsColor))
+                return useRadius(radius.name);
+        return {};
+    }
+};
+
+} // namespace
+
+std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> const& columns,
+                                  ColumnNames const& names, ReadOptions const& options,
+                                  ParticleSet& particles) {
+    UseChooser chooser{file, columns, names};
+    if (chooser.chooseVector(Target::position, names.positions).empty())
+        for (std::string_view const name : names.positions.back().names)
+            chooser.require(name);
+    particles.radiusSource =
+        options.radiusFrom.empty() ? chooser.chooseRadius() : chooser.useRadius(options.radiusFrom);
+    particles.colorSource = chooser.chooseVector(Target::color, names.colors);
+    chooser.chooseVector(Target::velocity, names.velocities);
+    chooser.chooseVector(Target::image, names.images);
+    if (chooser.has("id"))
+        chooser.uses.push_back({chooser.find("id"), Target::id});
+    if (chooser.has(names.element))
+        chooser.uses.push_back({chooser.find(names.element), Target::element});
+    if (chooser.has(names.type))
+        chooser.uses.push_back({chooser.find(names.type), Target::type});
+    for (std::string const& name : options.attributes) {
+        chooser.uses.push_back(
+            {chooser.require(name), Target::attribute, particles.attributes.size()});
+        particles.attributes.push_back({name, {}});
+    }
+    if (options.allAttributes)
+        chooser.keepTheRest(particles.attributes);
+    return std::move(chooser.uses);
+}
+
+} // namespace kelpatool

@@ -1,0 +1,19 @@
+// The readers of all formats. Each starts at the first byte of its file, or, where a format holds
+// many frames, behind those that `InputFile::frames` counts.
+#pragma once
+
+#include "pipeline/files/inputfile.h"
+#include "pipeline/files/particlefile.h"
+
+namespace kelpatool {
+
+ParticleSet readPly(InputFile& file, ReadOptions const& options);
+ParticleSet readXyz(InputFile& file, ReadOptions const& options);
+ParticleSet readLammps(InputFile& file, ReadOptions const& options);
+ParticleSet readGro(InputFile& file, ReadOptions const& options);
+ParticleSet readBgeo(InputFile& file, ReadOptions const& options);
+ParticleSet readPdb(InputFile& file, ReadOptions const& options);
+ParticleSet readMmCif(InputFile& file, ReadOptions const& options);
+ParticleSet readVdb(InputFile& file, ReadOptions const& options);
+
+} // namespace kelpatool

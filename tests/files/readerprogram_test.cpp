@@ -1,0 +1,111 @@
+// Programs that read a format on their own: what is made of whatever they say.
+
+#include "pipeline/files/formats/readerprogram.h"
+#include "pipeline/files/inputfile.h"
+
+#include "tests/support/particlefolder.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+
+using namespace kelpatool;
+using namespace kelpatest;
+
+namespace {
+
+constexpr VectorColumns positionNames[] = {{"P", {"P.x", "P.y", "P.z"}}};
+constexpr ColumnNames names = {"attribute", positionNames, {}, {}, {}};
+
+/// A message as a program sends it, for the shell's printf.
+std::string message(char kind, std::string const& bytes, std::size_t length) {
+    std::string text(1, kind);
+    for (int byte = 0; byte < 8; ++byte) {
+        char octal[8];
+        std::snprintf(octal, sizeof octal, "\\%03o",
+                      static_cast<unsigned>((std::uint64_t{length} >> (8 * byte)) & 0xFF));
+        text += octal;
+    }
+    return "printf '" + text + bytes + "'\n";
+}
+
+std::string message(char kind, std::string const& bytes) {
+    return message(kind, bytes, bytes.size());
+}
+
+class ReaderPrograms : public ParticleFiles {
+  protected:
+    /// Reads a file with a program that is a script; returns what is wrong.
+    std::string hear(std::string const& script, ParticleSet& particles,
+                     ReadOptions const& options = {}) const {
+        std::string const program = file("reader", "#!/bin/sh\n" + script);
+        chmod(program.c_str(), 0700);
+        InputFile input(file("a", "content"), options.progress);
+        try {
+            readByProgram(input, {program, "Library", "get it"}, names, options, particles);
+        } catch (InputError const& error) {
+            return error.what();
+        }
+        return "";
+    }
+    std::string hear(std::string const& script) const {
+        ParticleSet ignored;
+        return hear(script, ignored);
+    }
+};
+
+std::string const hello = message('h', "kelpa-reader 1");
+std::string const columns = message('c', "8P.x\\nvec3s", 10) + message('c', "8P.y\\nvec3s", 10) +
+                            message('c', "0P.z\\nchar", 9) + message('c', "7big\\nulong", 10);
+
+} // namespace
+
+TEST_F(ReaderPrograms, SendColumnsOfEveryTypeAndRows) {
+    // The file arrives as descriptor 3; a row is 4 + 4 + 1 + 8 bytes.
+    std::string const rows = "\\000\\000\\200\\077\\000\\000\\000\\100\\003";
+    std::string const big = "\\377\\377\\377\\377\\377\\377\\377\\377";
+    ParticleSet particles;
+    EXPECT_EQ(hear(hello + "test \"$(cat /proc/self/fd/3)\" = content || exit\n" +
+                       message('n', "half\033 read", 10) + columns + message('r', rows + big, 17) +
+                       message('r', rows + big, 17) + message('e', ""),
+                   particles, {.summarise = true}),
+              "");
+    ASSERT_EQ(particles.positions.size(), 2U);
+    EXPECT_TRUE(same(particles.positions[1], {1, 2, 3}));
+    EXPECT_EQ(particles.columns.at(3).max, 18446744073709551615.0);
+    EXPECT_TRUE(holdsAll(particles.notes.at(0), {"a: half\\x1b read"}));
+}
+
+TEST_F(ReaderPrograms, AreBlamedInOneLineWhateverTheyDo) {
+    EXPECT_TRUE(holdsAll(hear(""), {"ends before it reads"}));
+    EXPECT_TRUE(holdsAll(hear(message('h', "kelpa-reader 0")), {"another version"}));
+    EXPECT_TRUE(holdsAll(hear(hello + columns), {"Library ends while it reads"}));
+    EXPECT_TRUE(holdsAll(hear(hello + columns + "kill -SEGV $$"), {"Library ends while it reads"}));
+    EXPECT_TRUE(holdsAll(hear(hello + message('r', "", std::size_t{1} << 62)), {"ends while"}));
+    EXPECT_TRUE(holdsAll(hear(hello + message('c', "zP.x\\nq", 6)), {"what is no column"}));
+    EXPECT_TRUE(holdsAll(hear(hello + message('p', "two\nlines", 9)), {"a: two lines"}));
+    EXPECT_TRUE(holdsAll(hear(hello + message('e', "")), {"no attribute 'P.x'; it has none"}));
+
+    ParticleSet ignored;
+    InputFile input(file("a", "content"), {});
+    try {
+        readByProgram(input, {"kelpa-read-nothing", "Library", "get it"}, names, {}, ignored);
+        FAIL();
+    } catch (InputError const& error) {
+        EXPECT_TRUE(holdsAll(error.what(), {"kelpa-read-nothing, which is not installed; get it"}));
+    }
+}
+
+TEST_F(ReaderPrograms, EndWhenNobodyWaitsForThemAnyMore) {
+    ReadOptions options;
+    int asked = 0;
+    options.progress = [&](double, std::uint64_t) {
+        if (++asked > 3)
+            throw Interrupted();
+    };
+    ParticleSet ignored;
+    EXPECT_THROW(hear(hello + "exec sleep 100", ignored, options), Interrupted);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
