@@ -29,6 +29,13 @@ void traceOnThreads(int threads, Kernel const& kernel, Form form, std::size_t me
 /// `settings.json`. Throws `std::runtime_error` when that cannot be written.
 void comparePeers(Settings const& settings);
 
+/// Prints what builds of every scene cost in a process of their own: ours, and the peer's.
+void compareFreshBuilds(Settings const& settings);
+
+/// Builds the first scene on the first number of threads, here and now, and prints what it cost,
+/// one figure a line: what `compareFreshBuilds` starts processes for.
+void printOneBuild(Settings const& settings, bool isOurs);
+
 /// Prints hashes of all hit parameters of every scene, with packed leaves and without, by the code
 /// for each kind of processor that this one can run, asked singly and in lists.
 ///

@@ -50,12 +50,15 @@ class Kernel {
 std::unique_ptr<Kernel> makeOurs(Scene const& scene, bool packed = true);
 
 #ifdef KELPA_HAS_PEER
+inline constexpr bool hasPeer = true;
+
 /// The peer over `scene`, which stays alive for as long.
 std::unique_ptr<Kernel> makePeer(Scene const& scene);
 
 /// The peer's name and version.
 std::string peerName();
 #else
+inline constexpr bool hasPeer = false;
 inline std::unique_ptr<Kernel> makePeer(Scene const&) {
     return nullptr;
 }

@@ -22,20 +22,22 @@ constexpr char const* usage =
     "kelpa_bench [options]            builds and rays by Google Benchmark (--benchmark_... "
     "options)\n"
     "kelpa_bench --peers [options]    ours against a peer, in turn, and whether they agree\n"
+    "kelpa_bench --fresh-builds [options]  builds, each in a process of its own: time and memory\n"
     "kelpa_bench --hash [options]     hashes of all hits of every scene\n"
     "kelpa_bench --schedules [options]  rays that differ with the threads of the build\n"
     "  --counts 1e5,1e6   spheres\n"
     "  --threads 1,2      of builds and rays (--hash: the first; 1)\n"
     "  --rays 65536       of each kind\n"
     "  --filter REGEX     only scenes with such a name, as in uniform/static/100000\n"
-    "  --runs 5           --peers: runs of each, of which the median counts\n"
+    "  --runs 5           --peers, --fresh-builds: runs of each, of which the median counts\n"
     "  --json FILE        --peers: write all runs\n";
 
-enum class Mode { benchmarks, peers, hash, schedules, help };
+enum class Mode { benchmarks, peers, freshBuilds, oneBuild, hash, schedules, help };
 
 struct CommandLine {
     Mode mode = Mode::benchmarks;
     Settings settings;
+    bool buildsOurs = true; ///< with `oneBuild`: ours, not the peer's
     std::vector<char*> forBenchmark;
 };
 
@@ -73,7 +75,12 @@ CommandLine parse(int argc, char** argv) {
         std::string_view const option = argv[next++];
         if (option == "--peers")
             line.mode = Mode::peers;
-        else if (option == "--hash")
+        else if (option == "--fresh-builds")
+            line.mode = Mode::freshBuilds;
+        else if (option == "--one-build") { // for --fresh-builds
+            line.mode = Mode::oneBuild;
+            line.buildsOurs = value() == "ours";
+        } else if (option == "--hash")
             line.mode = Mode::hash;
         else if (option == "--schedules")
             line.mode = Mode::schedules;
@@ -102,8 +109,9 @@ CommandLine parse(int argc, char** argv) {
 void addDefaults(Mode mode, Settings& settings) {
     if (settings.counts.empty())
         settings.counts = mode == Mode::hash || mode == Mode::schedules ? std::vector{20000}
-                          : mode == Mode::peers ? std::vector{100000, 1000000}
-                                                : std::vector{10000, 100000, 1000000};
+                          : mode == Mode::peers || mode == Mode::freshBuilds
+                              ? std::vector{100000, 1000000}
+                              : std::vector{10000, 100000, 1000000};
     if (!settings.threads.empty())
         return;
     settings.threads = {1};
@@ -129,6 +137,10 @@ void run(CommandLine& line) {
         return runBenchmarks(line);
     case Mode::peers:
         return comparePeers(line.settings);
+    case Mode::freshBuilds:
+        return compareFreshBuilds(line.settings);
+    case Mode::oneBuild:
+        return printOneBuild(line.settings, line.buildsOurs);
     case Mode::hash:
         return printHashes(line.settings);
     case Mode::schedules:
