@@ -13,6 +13,15 @@
 
 namespace Kelpa {
 
+/// Tells the processor that a thread is waiting awake.
+inline void relaxProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
 /// A recursive lock: the thread that owns it may enter again, and each `enter` needs its `leave`.
 ///
 /// Must not be destroyed while any thread is inside or waits for it. Use `LockScope` to take it.
@@ -33,6 +42,16 @@ class KELPA_THREAD_ANNOTATION(capability("mutex")) FastCriticalSection {
 
     /// Waits until no other thread is inside, then enters.
     void enter() KELPA_THREAD_ANNOTATION(acquire_capability()) { pthread_mutex_lock(&mutex); }
+    /// The same for a lock that is never held for long: asks for it some times before it sleeps.
+    void enterAwake() KELPA_THREAD_ANNOTATION(acquire_capability()) {
+        constexpr int mostQuestions = 200; // some microseconds, as long as falling asleep takes
+        for (int i = 0; i < mostQuestions; ++i) {
+            if (pthread_mutex_trylock(&mutex) == 0)
+                return;
+            relaxProcessor();
+        }
+        pthread_mutex_lock(&mutex);
+    }
     /// Leaves; only the thread that entered may.
     void leave() KELPA_THREAD_ANNOTATION(release_capability()) { pthread_mutex_unlock(&mutex); }
 
@@ -48,6 +67,14 @@ class KELPA_THREAD_ANNOTATION(scoped_lockable) LockScope {
         KELPA_THREAD_ANNOTATION(acquire_capability(section))
         : lock(section) {
         lock.enter();
+    }
+    /// How to wait: see `FastCriticalSection::enterAwake`.
+    enum Waiting { awake };
+    /// Enters `section`, which must outlive this scope, and does not sleep at once.
+    LockScope(FastCriticalSection& section, Waiting)
+        KELPA_THREAD_ANNOTATION(acquire_capability(section))
+        : lock(section) {
+        lock.enterAwake();
     }
     LockScope(LockScope const&) = delete;
     LockScope& operator=(LockScope const&) = delete;

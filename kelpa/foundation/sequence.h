@@ -2,6 +2,7 @@
 
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/lock.h"
+#include "kelpa/foundation/sharedcounters.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -57,8 +58,9 @@ template <class T, bool flag, class Alloc> struct _SequenceBlock {
 /// Takes the lock of a locked sequence and does nothing for an unlocked one.
 template <bool locked> class SequenceLock {
   public:
-    /// Takes the lock until the end of the scope.
-    explicit SequenceLock(FastCriticalSection& section) : scope(section) {}
+    /// Takes the lock until the end of the scope. It is held for a few steps only, but by threads
+    /// that append all the time: falling asleep would cost more than waiting awake.
+    explicit SequenceLock(FastCriticalSection& section) : scope(section, LockScope::awake) {}
 
   private:
     LockScope scope;
@@ -101,7 +103,7 @@ class _Sequence {
         Block* const block = blockWithRoomFor(n);
         T* const run = block->elements + block->count;
         block->count += n;
-        count += n;
+        writeShared(count, count + n);
         return run;
     }
 
@@ -121,7 +123,7 @@ class _Sequence {
     void useSlots(std::int32_t n) {
         SequenceLock<locked> const scope(lock);
         current->count += n;
-        count += n;
+        writeShared(count, count + n);
     }
 
     /// Sets the iteration to the first element.
@@ -203,6 +205,9 @@ class _Sequence {
         SequenceLock<locked> const scope(lock);
         return count;
     }
+
+    /// As `getCount`, without the lock: while others append, how many there were a moment ago.
+    std::int32_t recentCount() const { return readShared(count); }
 
     /// Bytes held by the blocks: their element storage and their records.
     std::uint64_t getMemUsage() const {

@@ -5,9 +5,9 @@
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
+#include "kelpa/foundation/sharedcounters.h"
 #include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
-#include "kelpa/spheretree/sharedcounters.h"
 
 #include <cassert>
 #include <concepts>

@@ -1,7 +1,7 @@
 #pragma once
 // Internal: what a tree and its build hold of memory, and the most of it at a time.
 
-#include "kelpa/spheretree/sharedcounters.h"
+#include "kelpa/foundation/sharedcounters.h"
 
 #include <cstddef>
 #include <cstdint>

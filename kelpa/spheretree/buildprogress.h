@@ -2,7 +2,7 @@
 // Internal: how builds speak to the host's progress callback.
 
 #include "kelpa/foundation/hosttypes.h"
-#include "kelpa/spheretree/sharedcounters.h"
+#include "kelpa/foundation/sharedcounters.h"
 
 #include <cstdint>
 #include <limits>

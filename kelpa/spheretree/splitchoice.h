@@ -1,8 +1,8 @@
 #pragma once
 // Internal: what both builders use to decide between a leaf and a split, and between splits.
 
+#include "kelpa/foundation/sharedcounters.h"
 #include "kelpa/spheretree/quad.h"
-#include "kelpa/spheretree/sharedcounters.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -57,9 +57,11 @@ inline std::int64_t mostPackedEntries(std::int32_t numSpheres) {
     return std::max(std::int64_t{1} << 24, 64 * static_cast<std::int64_t>(numSpheres));
 }
 
-/// Whether a tree has outgrown what its spheres may ask for.
+/// Whether a tree has outgrown what its spheres may ask for. Asked at every node, where two locks
+/// would keep threads from building beside each other.
 template <class Tree> bool isBeyond(GrowthLimit const& limit, Tree const& tree) {
-    return tree.leafSpheres.getCount() > limit.entries || tree.nodes.getCount() > limit.nodes ||
+    return tree.leafSpheres.recentCount() > limit.entries ||
+           tree.nodes.recentCount() > limit.nodes ||
            readShared(tree.deepRecords) > limit.deepRecords;
 }
 

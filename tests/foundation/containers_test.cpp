@@ -125,6 +125,34 @@ TEST(Sequences, AreUnchangedAndUnlockedWhenMemoryRunsOut) {
         }
 }
 
+TEST(Sequences, GiveEachOfManyThreadsSlotsOfItsOwn) {
+    constexpr int numThreads = 4; // more than processors, so that a holder of the lock may sleep
+    constexpr int numRuns = 30000;
+    Sequence<int, 64> sequence;
+    std::vector<std::vector<int*>> runs(numThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < numThreads; ++t)
+        threads.emplace_back([&sequence, &mine = runs[static_cast<std::size_t>(t)], t] {
+            for (int k = 0; k < numRuns; ++k) {
+                int const before = sequence.recentCount();
+                int* const run = sequence.newElements(2);
+                run[0] = run[1] = t;
+                mine.push_back(run);
+                if (sequence.recentCount() < before + 2)
+                    mine.clear();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(sequence.getCount(), numThreads * numRuns * 2);
+    for (int t = 0; t < numThreads; ++t) {
+        std::vector<int*> const& mine = runs[static_cast<std::size_t>(t)];
+        EXPECT_EQ(mine.size(), static_cast<std::size_t>(numRuns));
+        EXPECT_TRUE(std::all_of(mine.begin(), mine.end(),
+                                [t](int const* run) { return run[0] == t && run[1] == t; }));
+    }
+}
+
 TEST(Tables, GrowToTheNextStepAndKeepTheirElements) {
     Table<int, 1000> table;
     struct {
