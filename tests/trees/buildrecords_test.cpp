@@ -1,5 +1,6 @@
 #include "kelpa/spheretree/buildrecords.h"
 #include "kelpa/spheretree/spaceorder.h"
+#include "kelpa/spheretree/static/sdleafpacks.h"
 
 #include "tests/support/clouds.h"
 
@@ -86,6 +87,19 @@ TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
         EXPECT_EQ(shown, contentOf(data, parts.upperCount));
         EXPECT_EQ(contentOf(data, parts.upperCount), std::vector(upper.rbegin(), upper.rend()));
     }
+}
+
+TEST(LeafPacks, AreFoundAtEveryPositionThatAHundredMillionSpheresNeed) {
+    for (std::uint64_t const position : {std::uint64_t{4}, std::uint64_t{1} << 31U,
+                                         (std::uint64_t{1} << 32U) + 12, LeafPack::lastPosition})
+        for (bool const hasEqualRadii : {false, true}) {
+            LeafPack const pack = LeafPack::at(position, hasEqualRadii);
+            EXPECT_NE(pack.word, LeafPack::none);
+            EXPECT_EQ(pack.position(), position);
+            EXPECT_EQ(pack.hasEqualRadii(), hasEqualRadii);
+        }
+    constexpr std::uint64_t entriesOfADenseSlab = 900'000'000; // nine a sphere
+    EXPECT_LT(4 * entriesOfADenseSlab, LeafPack::lastPosition);
 }
 
 TEST(SpaceOrders, PassEveryPointInShortSteps) {

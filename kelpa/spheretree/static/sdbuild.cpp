@@ -134,7 +134,8 @@ template <class Tree> bool holdsOnlySpheres(Tree const& tree) {
 }
 
 /// Copies a leaf's spheres to `packs` from `position` on, and lets the leaf call them by their
-/// indices; returns the position behind the copy.
+/// indices; returns the position of the next copy. Between copies there may be up to three floats
+/// that nobody reads.
 template <class Tree>
 std::uint64_t packLeaf(Tree const& tree, OrderedSpheres<Tree> const& ordered,
                        typename Tree::Node& leaf, float* packs, std::uint64_t position) {
@@ -155,7 +156,7 @@ std::uint64_t packLeaf(Tree const& tree, OrderedSpheres<Tree> const& ordered,
     }
     leaf.packWord = LeafPack::at(position, hasEqualRadii).word;
     ordered.nameByIndex(leaf);
-    return static_cast<std::uint64_t>(x + 3 * count - packs);
+    return LeafPack::nextPosition(static_cast<std::uint64_t>(x + 3 * count - packs));
 }
 
 /// Makes the packed copies of all leaves, along the tree, so that leaves that a ray passes one
@@ -163,8 +164,10 @@ std::uint64_t packLeaf(Tree const& tree, OrderedSpheres<Tree> const& ordered,
 /// nothing and returns false when memory is short, or entries are many times as many as spheres.
 template <class Tree> bool packLeaves(Tree& tree, OrderedSpheres<Tree> const& ordered) {
     // Position 0 is kept free: it means that there is no copy.
-    std::uint64_t const most = 1 + 4 * static_cast<std::uint64_t>(tree.leafSpheres.count) +
-                               static_cast<std::uint64_t>(packPadding);
+    std::uint64_t const most =
+        LeafPack::unit + 4 * static_cast<std::uint64_t>(tree.leafSpheres.count) +
+        (LeafPack::unit - 1) * static_cast<std::uint64_t>(tree.statNumLeaves) +
+        static_cast<std::uint64_t>(packPadding);
     if (most > LeafPack::lastPosition ||
         tree.leafSpheres.count > mostPackedEntries(tree.numSpheres))
         return false;
@@ -172,8 +175,7 @@ template <class Tree> bool packLeaves(Tree& tree, OrderedSpheres<Tree> const& or
     if (packs == nullptr)
         return false;
     notePeak(tree, most * sizeof(float));
-    packs[0] = 0.0F;
-    std::uint64_t end = 1;
+    std::uint64_t end = LeafPack::unit;
     typename Tree::Node* next = nullptr; // a leaf whose spheres are on their way from memory
     // At most one node waits on each level of the path, and one behind it.
     typename Tree::Node* waiting[levelLimit + 1] = {tree.root};

@@ -3,6 +3,7 @@
 
 #include "kelpa/spheretree/spherearrays.h"
 
+#include <cassert>
 #include <cstdint>
 
 namespace Kelpa {
@@ -13,16 +14,23 @@ namespace Kelpa {
 struct LeafPack {
     static constexpr std::uint32_t none = 0; ///< a leaf without a copy
 
-    static constexpr std::uint64_t lastPosition = 0x7FFFFFFF;
+    /// Copies begin at multiples of this many floats, so that 31 bits count 32 GiB of them.
+    static constexpr std::uint64_t unit = 4;
+    static constexpr std::uint64_t lastPosition = 0x7FFFFFFF * unit;
 
     static LeafPack at(std::uint64_t position, bool hasEqualRadii) {
-        return {static_cast<std::uint32_t>(2 * position + (hasEqualRadii ? 1U : 0U))};
+        assert(position % unit == 0 && position <= lastPosition);
+        return {static_cast<std::uint32_t>(2 * (position / unit) + (hasEqualRadii ? 1U : 0U))};
+    }
+    /// The first position from `position` on where a copy may begin.
+    static constexpr std::uint64_t nextPosition(std::uint64_t position) {
+        return (position + unit - 1) / unit * unit;
     }
 
-    std::uint32_t word = none; ///< twice the position of the first float, plus 1 for equal radii
+    std::uint32_t word = none; ///< twice the units before the first float, plus 1 for equal radii
 
     bool hasEqualRadii() const { return (word & 1U) != 0; }
-    std::uint32_t position() const { return word >> 1; }
+    std::uint64_t position() const { return unit * (word >> 1U); }
 };
 
 /// Opens a leaf's copy.
