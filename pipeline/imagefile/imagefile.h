@@ -12,6 +12,8 @@ namespace kelpatool {
 /// What a picture's `id` holds where no particle is: a number that none has, whose low half is that
 /// of -1.
 constexpr std::int64_t idOfNothing = std::numeric_limits<std::int64_t>::min() + 0xFFFFFFFF;
+/// What its `depth` holds there.
+constexpr float depthOfNothing = 1e30F;
 
 /// A finished picture: linear light, row by row from the top left.
 ///

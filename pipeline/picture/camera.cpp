@@ -164,13 +164,11 @@ double Bounds::diagonal() const {
 }
 
 Kelpa::TraceRay Camera::ray(double pixelX, double pixelY) const {
-    double const scale = 2.0 * tanHalfHeight / height;
-    double const x = (pixelX - width * 0.5) * scale;
-    double const y = (height * 0.5 - pixelY) * scale;
-    Vec const origin = isParallel ? eye + right * x + up * y : eye;
-    Vec const dir = isParallel ? forward : unit(forward + right * x + up * y);
-    return {{origin.x, origin.y, origin.z},
-            {static_cast<float>(dir.x), static_cast<float>(dir.y), static_cast<float>(dir.z)}};
+    Vec const from = isParallel ? parallelOrigin(pixelX, pixelY) : eye;
+    Vec const along = isParallel ? forward : pinholeDirection(pixelX, pixelY);
+    return {
+        {from.x, from.y, from.z},
+        {static_cast<float>(along.x), static_cast<float>(along.y), static_cast<float>(along.z)}};
 }
 
 Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,

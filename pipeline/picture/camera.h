@@ -28,6 +28,26 @@ struct Camera {
 
     /// The ray through a point of the picture; its direction has length 1.
     Kelpa::TraceRay ray(double pixelX, double pixelY) const;
+    /// Where that ray begins if rays are parallel ...
+    Vec parallelOrigin(double pixelX, double pixelY) const {
+        Offset const at = offset(pixelX, pixelY);
+        return eye + right * at.x + up * at.y;
+    }
+    /// ... and where it goes if they are not.
+    Vec pinholeDirection(double pixelX, double pixelY) const {
+        Offset const at = offset(pixelX, pixelY);
+        return unit(forward + right * at.x + up * at.y);
+    }
+
+  private:
+    /// Of a point of the picture from its middle, in units of the view.
+    struct Offset {
+        double x, y;
+    };
+    Offset offset(double pixelX, double pixelY) const {
+        double const scale = 2.0 * tanHalfHeight / height;
+        return {(pixelX - width * 0.5) * scale, (height * 0.5 - pixelY) * scale};
+    }
 };
 
 /// The smallest box around points, in double precision.

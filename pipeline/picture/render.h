@@ -2,11 +2,43 @@
 
 #include "pipeline/imagefile/imagefile.h"
 #include "pipeline/picture/camera.h"
+#include "pipeline/picture/tile.h"
 #include "pipeline/scene/scene.h"
 
 #include "tool/options/options.h"
 
 namespace kelpatool {
+
+/// A picture to be rendered, tile by tile: by the command, a viewer, or one of many machines.
+///
+/// Making one costs next to nothing: a scene that is read and built is shown from as many cameras
+/// as one likes. The scene, whose tree is built, stays as it is for as long as the picture is used.
+class Picture {
+  public:
+    Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
+            ImageOptions const& image, std::uint64_t seed);
+
+    /// An image of the wanted part with the wanted channels, in which no particle shows.
+    Image emptyImage() const;
+
+    std::size_t tileCount() const;
+
+    /// Renders tile number `tile`, below `tileCount()`, into `image`, which `emptyImage` has made
+    /// or which an earlier picture of the same size and channels was rendered into.
+    ///
+    /// Every sample depends on its pixel, its number and the seed alone: tiles may be rendered in
+    /// any order, and by any number of threads at once, each tile by one. The tile is left half
+    /// done when `goOn`, which is asked now and then, says no.
+    void renderTile(std::size_t tile, Image& image, GoOn const& goOn = {}) const;
+
+  private:
+    ImageOptions options;
+    PicturePlan plan;
+    int firstColumn; ///< of tiles
+    int firstRow;
+    int columns;
+    int rows;
+};
 
 /// Renders the scene, whose tree is built. `threads` is at least 1.
 ///

@@ -201,4 +201,40 @@ TEST(Tiles, RenderedApartOnAnyThreadsMakeTheWholeBitForBit) {
     }
 }
 
+TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
+    ParticleSet const particles =
+        kelpatool::generateParticles("splash", 3000, 5, [](auto const&...) {});
+    Options options;
+    options.image = allChannels(50, 41, 18); // more samples than are taken at once
+    auto const ignore = [](auto const&...) {};
+    kelpatool::Scene scene = makeScene(options, particles, nullptr, ignore, ignore);
+    kelpatest::RecordingProgress progress;
+    scene.geometry->build(progress, nullptr, options.tree);
+    auto const pictureFrom = [&](char const* view) {
+        options.camera.view = view;
+        auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters,
+                                        scene.framedRadii, scene.origin);
+        return kelpatool::Picture(scene, camera, options.light, options.image, 3);
+    };
+    auto const render = [](kelpatool::Picture const& picture, std::size_t first, Image& image) {
+        for (std::size_t i = 0; i < picture.tileCount(); ++i)
+            picture.renderTile((first + 5 * i) % picture.tileCount(), image);
+    };
+    kelpatool::Picture const top = pictureFrom("top");
+    kelpatool::Picture const front = pictureFrom("front");
+    ASSERT_NE(front.tileCount() % 5, 0U);
+    Image image = top.emptyImage();
+    Image expected = image;
+    render(top, 0, image);
+    render(front, 0, expected);
+    EXPECT_NE(image.rgb, expected.rgb);
+    render(front, 7, image);
+    EXPECT_EQ(image.rgb, expected.rgb);
+    EXPECT_EQ(image.alpha, expected.alpha);
+    EXPECT_EQ(image.depth, expected.depth);
+    EXPECT_EQ(image.id, expected.id);
+    EXPECT_EQ(image.normal, expected.normal);
+    EXPECT_EQ(image.position, expected.position);
+}
+
 } // namespace

@@ -1,0 +1,27 @@
+#include "pipeline/picture/light.h"
+
+#include "pipeline/picture/vector.h"
+
+#include <algorithm>
+
+namespace kelpatool {
+
+Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene) {
+    Lighting light;
+    light.up = narrow(camera.up);
+    // From behind the viewer's left shoulder, well above.
+    Kelpa::Vector const right = narrow(camera.right);
+    Kelpa::Vector const back = narrow(camera.forward) * -1.0F;
+    light.towardsKey = unit(right * -0.55F + light.up * 0.8F + back * 0.6F);
+    light.hasKey = options.shade != LightOptions::Shade::flat;
+    light.hasShadows =
+        light.hasKey && options.shadows.value_or(options.shade == LightOptions::Shade::ao);
+    light.occlusionRays = options.shade == LightOptions::Shade::ao ? options.aoSamples : 0;
+    double const diagonal = boundsOf(scene.framedCenters).diagonal();
+    double const radius =
+        static_cast<double>(*std::max_element(scene.framedRadii.begin(), scene.framedRadii.end()));
+    light.occlusionDistance = options.aoDistance.value_or(std::max(0.1 * diagonal, 2.0 * radius));
+    return light;
+}
+
+} // namespace kelpatool

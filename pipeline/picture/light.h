@@ -1,0 +1,29 @@
+#pragma once
+// Light, as it falls on the whole scene.
+
+#include "kelpa/foundation/vector.h"
+
+#include "pipeline/picture/camera.h"
+#include "pipeline/scene/scene.h"
+
+#include "tool/options/options.h"
+
+namespace kelpatool {
+
+struct Lighting {
+    Kelpa::Vector towardsKey; ///< unit
+    Kelpa::Vector up;
+    // Together at most about 1: what is white keeps its shape instead of turning into a white
+    // patch.
+    float key = 0.64F;    ///< where it falls straight onto a surface
+    float sky = 0.45F;    ///< from above ...
+    float ground = 0.18F; ///< ... and from below
+    bool hasKey = true;   ///< else surfaces show their colour alone
+    bool hasShadows = true;
+    int occlusionRays = 0; ///< per camera ray
+    double occlusionDistance = 0.0;
+};
+
+Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene);
+
+} // namespace kelpatool

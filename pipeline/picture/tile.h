@@ -1,0 +1,55 @@
+#pragma once
+// A small square of a picture, and what all of them have in common.
+
+#include "kelpa/foundation/vector.h"
+
+#include "pipeline/imagefile/imagefile.h"
+#include "pipeline/picture/camera.h"
+#include "pipeline/picture/footprint.h"
+#include "pipeline/picture/light.h"
+#include "pipeline/picture/sampling.h"
+#include "pipeline/scene/scene.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace kelpatool {
+
+constexpr int tileWidth = 8; ///< pixels
+constexpr std::size_t pixelsPerTile = std::size_t{tileWidth} * tileWidth;
+
+/// Whether work is to go on; empty: it is.
+using GoOn = std::function<bool()>;
+
+/// What all tiles of a picture need to know.
+struct PicturePlan {
+    Scene const& scene;
+    Camera camera;
+    Lighting light;
+    std::uint32_t samples; ///< camera rays of a pixel
+    std::uint64_t seed;
+    Strata strata; ///< of the times of a pixel's samples
+    Footprint footprint;
+    std::vector<Kelpa::Vector> backgrounds; ///< of each row of the picture
+    std::vector<Kelpa::Vector> emptyPixels; ///< what they come to where all samples see them
+};
+
+/// A pixel while its samples are added up.
+struct TilePixel {
+    int x;
+    int y;
+    std::size_t index; ///< in the image's arrays
+    PixelSamples samples;
+    Sample2 lens; ///< where its patterns start
+    Sample2 sky;
+    Kelpa::Vector light; ///< of the samples so far
+    float coverage;
+};
+
+/// Renders the tile whose upper left pixel is given, as far as it lies in the part that `image`
+/// holds; leaves it half done when `goOn` says no.
+void renderTile(PicturePlan const& plan, int left, int top, Image& image, GoOn const& goOn);
+
+} // namespace kelpatool

@@ -1,0 +1,287 @@
+#include "pipeline/picture/tilepasses.h"
+
+#include "pipeline/picture/vector.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kelpatool {
+
+namespace {
+
+using Kelpa::Vector;
+
+constexpr std::int64_t noParticle = -1; // skips nothing: the scene's base index is 0
+constexpr double endless = 1e30;
+
+/// A number for the directions that share their signs and their longest component.
+unsigned directionKind(float x, float y, float z) {
+    unsigned const signs = (x < 0.0F ? 1U : 0U) | (y < 0.0F ? 2U : 0U) | (z < 0.0F ? 4U : 0U);
+    float const along[3] = {std::abs(x), std::abs(y), std::abs(z)};
+    unsigned const longest =
+        along[0] > along[1] ? (along[0] > along[2] ? 0U : 2U) : (along[1] > along[2] ? 1U : 2U);
+    return 3 * signs + longest;
+}
+constexpr unsigned directionKinds = 24;
+
+} // namespace
+
+void TilePasses::add(std::uint32_t first, std::uint32_t count, GoOn const& goOn) {
+    firstSample = first;
+    sampleCount = count;
+    shootCameraRays();
+    finishSurfaces();
+    if (plan.light.hasKey) {
+        findSky(goOn);
+        findShadows();
+        kernels.shade(surfaces.count, plan.light, surfaces.normal, surfaces.dir, surfaces.cosine,
+                      surfaces.open, surfaces.lit, surfaces.color);
+    }
+    addToPixels();
+}
+
+/// Collects what the pass's camera rays hit.
+void TilePasses::shootCameraRays() {
+    surfaces.count = 0;
+    for (int lane = 0; lane < lanesPerBunch; ++lane) {
+        bunch.lanes[lane] = static_cast<unsigned char>(lane);
+        bunch.tMins[lane] = 0.0;
+        bunch.tMaxs[lane] = endless;
+        bunch.rays.skipIndex[lane] = noParticle;
+        bunch.rays.time[lane] = 0.5F; // of particles that stand still
+    }
+    std::size_t const slots = pixels.size() * sampleCount;
+    for (std::size_t slot = 0; slot < slots; slot += lanesPerBunch)
+        traceCameraRays(slot, std::min<std::size_t>(lanesPerBunch, slots - slot));
+}
+
+void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
+    // Of each lane, its pixel and the sample.
+    std::uint16_t pixelOf[lanesPerBunch];
+    std::uint16_t sampleOf[lanesPerBunch];
+    double corner[2][lanesPerBunch];
+    double pattern[2][lanesPerBunch];
+    std::size_t pixel = firstSlot / sampleCount;
+    std::size_t sample = firstSlot % sampleCount;
+    for (std::size_t lane = 0; lane < count; ++lane) {
+        pixelOf[lane] = static_cast<std::uint16_t>(pixel);
+        sampleOf[lane] = static_cast<std::uint16_t>(sample);
+        TilePixel const& seen = pixels[pixel];
+        auto const index = firstSample + static_cast<std::uint32_t>(sample);
+        Sample2 const step = PixelSamples::step(index);
+        corner[0][lane] = seen.x;
+        corner[1][lane] = seen.y;
+        pattern[0][lane] = plan.samples == 1 ? 0.5 : seen.lens.x + step.x;
+        pattern[1][lane] = plan.samples == 1 ? 0.5 : seen.lens.y + step.y;
+        // Never exactly at the ends of the shutter: see `intersect`.
+        if (plan.scene.second != nullptr)
+            bunch.rays.time[lane] = static_cast<float>(
+                std::clamp(plan.strata.at(seen.samples, index), 1e-6, 1.0 - 1e-6));
+        bunch.hits.hitT[lane] = endless;
+        bunch.hits.hit[lane] = 0;
+        if (++sample == sampleCount) {
+            sample = 0;
+            ++pixel;
+        }
+    }
+    auto& rays = bunch.rays;
+    kernels.cameraRays(plan.camera, count, {corner[0], corner[1]}, {pattern[0], pattern[1]},
+                       {rays.originX, rays.originY, rays.originZ},
+                       {rays.dirX, rays.dirY, rays.dirZ});
+    bunch.numLanes = count;
+    bunch.trace(*plan.scene.geometry);
+    for (std::size_t lane = 0; lane < count; ++lane)
+        if (bunch.hits.hit[lane] != 0)
+            addSurface(pixelOf[lane], sampleOf[lane], lane);
+}
+
+void TilePasses::addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane) {
+    auto const& rays = bunch.rays;
+    auto const& hits = bunch.hits;
+    std::size_t const i = surfaces.count++;
+    surfaces.pixel[i] = pixel;
+    surfaces.sample[i] = sample;
+    surfaces.particle[i] = hits.hitLocalIndex[lane];
+    surfaces.origin.x[i] = rays.originX[lane];
+    surfaces.origin.y[i] = rays.originY[lane];
+    surfaces.origin.z[i] = rays.originZ[lane];
+    surfaces.dir.x[i] = rays.dirX[lane];
+    surfaces.dir.y[i] = rays.dirY[lane];
+    surfaces.dir.z[i] = rays.dirZ[lane];
+    surfaces.t[i] = hits.hitT[lane];
+    surfaces.time[i] = rays.time[lane];
+    surfaces.normal.x[i] = hits.hitNormalX[lane];
+    surfaces.normal.y[i] = hits.hitNormalY[lane];
+    surfaces.normal.z[i] = hits.hitNormalZ[lane];
+}
+
+/// Finds all that light needs to know of the surfaces.
+void TilePasses::finishSurfaces() {
+    kernels.pointsOnRays(surfaces.count, surfaces.origin, surfaces.dir, surfaces.t, surfaces.place);
+    kernels.normalise(surfaces.count, plan.light, surfaces.normal, surfaces.cosine);
+    Scene const& scene = plan.scene;
+    for (std::size_t i = 0; i < surfaces.count; ++i) {
+        auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
+        Vector const& color = particle < scene.colors.size() ? scene.colors[particle] : scene.color;
+        surfaces.color.x[i] = color.x;
+        surfaces.color.y[i] = color.y;
+        surfaces.color.z[i] = color.z;
+        surfaces.clearance[i] = 1e-3 * static_cast<double>(scene.first->radii[particle]);
+        surfaces.open[i] = plan.light.occlusionRays == 0 ? 1.0F : 0.0F;
+    }
+}
+
+/// Asks how much of the sky each surface sees.
+void TilePasses::findSky(GoOn const& goOn) {
+    if (surfaces.count == 0)
+        return;
+    auto const rays = static_cast<std::uint32_t>(plan.light.occlusionRays);
+    auto const raysAtOnce = static_cast<std::uint32_t>(mostSkyRays / surfaces.count);
+    float const share = 1.0F / static_cast<float>(rays);
+    for (std::uint32_t first = 0; first < rays; first += raysAtOnce) {
+        if (first > 0 && goOn && !goOn()) // thousands of rays may be asked for
+            return;
+        std::uint32_t const count = std::min(raysAtOnce, rays - first);
+        makeSkyRays(first, count);
+        orderSkyRays(count);
+        traceSkyRays(count * surfaces.count);
+        for (std::uint32_t ray = 0; ray < count; ++ray)
+            for (std::size_t i = 0; i < surfaces.count; ++i)
+                surfaces.open[i] += share * skyRays.open[ray * surfaces.count + i];
+    }
+}
+
+void TilePasses::makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount) {
+    double pattern[2][mostSurfaces];
+    auto const rays = static_cast<std::uint32_t>(plan.light.occlusionRays);
+    for (std::uint32_t ray = 0; ray < rayCount; ++ray) {
+        Sample2 steps[mostSamples];
+        for (std::uint32_t sample = 0; sample < sampleCount; ++sample)
+            steps[sample] = PixelSamples::step((firstSample + sample) * rays + firstRay + ray);
+        for (std::size_t i = 0; i < surfaces.count; ++i) {
+            Sample2 const& start = pixels[surfaces.pixel[i]].sky;
+            Sample2 const& step = steps[surfaces.sample[i]];
+            pattern[0][i] = start.x + step.x;
+            pattern[1][i] = start.y + step.y;
+        }
+        kernels.aroundNormals(surfaces.count, surfaces.normal, {pattern[0], pattern[1]},
+                              {skyRays.dir, ray * surfaces.count});
+    }
+}
+
+/// Sorts the rays by kinds of directions; within a kind they follow the surfaces.
+void TilePasses::orderSkyRays(std::uint32_t rayCount) {
+    std::uint8_t kinds[mostSkyRays];
+    std::size_t next[directionKinds + 1] = {};
+    std::size_t const total = rayCount * surfaces.count;
+    for (std::size_t ray = 0; ray < total; ++ray) {
+        kinds[ray] = static_cast<std::uint8_t>(
+            directionKind(skyRays.dir.x[ray], skyRays.dir.y[ray], skyRays.dir.z[ray]));
+        ++next[kinds[ray] + 1U];
+    }
+    for (unsigned kind = 0; kind < directionKinds; ++kind)
+        next[kind + 1] += next[kind];
+    for (std::size_t surface = 0; surface < surfaces.count; ++surface)
+        for (std::size_t ray = surface; ray < total; ray += surfaces.count)
+            skyRays.order[next[kinds[ray]]++] = {static_cast<std::uint16_t>(ray),
+                                                 static_cast<std::uint16_t>(surface)};
+}
+
+void TilePasses::traceSkyRays(std::size_t total) {
+    double const distance = plan.light.occlusionDistance;
+    for (std::size_t begin = 0; begin < total; begin += lanesPerBunch) {
+        std::size_t const end = std::min<std::size_t>(begin + lanesPerBunch, total);
+        bunch.clear();
+        for (std::size_t i = begin; i < end; ++i) {
+            auto const [ray, surface] = skyRays.order[i];
+            addLeavingRay(surface, {skyRays.dir.x[ray], skyRays.dir.y[ray], skyRays.dir.z[ray]},
+                          distance);
+        }
+        bunch.trace(*plan.scene.geometry);
+        for (std::size_t lane = 0; lane < bunch.numLanes; ++lane) {
+            // The nearer the occluder, the darker.
+            double const t = bunch.hits.hitT[lane] / distance;
+            skyRays.open[skyRays.order[begin + lane].ray] =
+                bunch.hits.hit[lane] == 0 ? 1.0F : static_cast<float>(t * t);
+        }
+    }
+}
+
+/// Asks which surfaces the key light reaches.
+void TilePasses::findShadows() {
+    std::size_t asked[lanesPerBunch];
+    bunch.clear();
+    auto const ask = [&] {
+        bunch.trace(*plan.scene.geometry);
+        for (std::size_t lane = 0; lane < bunch.numLanes; ++lane)
+            surfaces.lit[asked[lane]] = bunch.hits.hit[lane] == 0 ? 1 : 0;
+        bunch.clear();
+    };
+    for (std::size_t i = 0; i < surfaces.count; ++i) {
+        surfaces.lit[i] = surfaces.cosine[i] > 0.0F ? 1 : 0;
+        if (surfaces.lit[i] == 0 || !plan.light.hasShadows)
+            continue;
+        asked[bunch.numLanes] = i;
+        addLeavingRay(i, plan.light.towardsKey, endless);
+        if (bunch.numLanes == lanesPerBunch)
+            ask();
+    }
+    ask();
+}
+
+/// Adds a ray that leaves a surface to the bunch.
+void TilePasses::addLeavingRay(std::size_t surface, Vector const& dir, double end) {
+    bunch.add(static_cast<unsigned char>(bunch.numLanes),
+              {surfaces.place.x[surface], surfaces.place.y[surface], surfaces.place.z[surface]},
+              dir, surfaces.clearance[surface], end, surfaces.time[surface],
+              surfaces.particle[surface]);
+}
+
+void TilePasses::addToPixels() {
+    float const weight = 1.0F / static_cast<float>(plan.samples);
+    std::size_t next = 0;
+    for (std::size_t p = 0; p < pixels.size(); ++p) {
+        TilePixel& pixel = pixels[p];
+        Vector const& background = plan.backgrounds[static_cast<std::size_t>(pixel.y)];
+        for (std::uint32_t sample = 0; sample < sampleCount; ++sample) {
+            bool const isHit = next < surfaces.count && surfaces.pixel[next] == p &&
+                               surfaces.sample[next] == sample;
+            Vector seen = background;
+            if (isHit) {
+                seen = {surfaces.color.x[next], surfaces.color.y[next], surfaces.color.z[next]};
+                pixel.coverage += weight;
+                ++next;
+            }
+            pixel.light = pixel.light + seen * weight;
+        }
+    }
+}
+
+void TilePasses::storeFirstHits(Image& image) const {
+    if (image.depth.empty() && image.normal.empty() && image.position.empty() && image.id.empty())
+        return;
+    Scene const& scene = plan.scene;
+    double const origin[3] = {scene.origin.x, scene.origin.y, scene.origin.z};
+    for (std::size_t i = 0; i < surfaces.count; ++i) {
+        if (surfaces.sample[i] != 0)
+            continue;
+        std::size_t const at = pixels[surfaces.pixel[i]].index;
+        if (!image.depth.empty())
+            image.depth[at] = static_cast<float>(surfaces.t[i]);
+        if (!image.id.empty()) {
+            auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
+            image.id[at] =
+                scene.ids.empty() ? static_cast<std::int64_t>(particle) : scene.ids[particle];
+        }
+        float const normal[3] = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};
+        double const place[3] = {surfaces.place.x[i], surfaces.place.y[i], surfaces.place.z[i]};
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            if (!image.normal.empty())
+                image.normal[3 * at + axis] = normal[axis];
+            if (!image.position.empty())
+                image.position[3 * at + axis] = static_cast<float>(place[axis] + origin[axis]);
+        }
+    }
+}
+
+} // namespace kelpatool

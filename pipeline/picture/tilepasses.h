@@ -1,0 +1,93 @@
+#pragma once
+// Some samples of every pixel of a tile.
+
+#include "pipeline/picture/lanekernels.h"
+#include "pipeline/picture/tile.h"
+#include "pipeline/scene/bunch.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace kelpatool {
+
+/// Takes samples of a tile's pixels, pass by pass.
+///
+/// All samples of a pass go through each step together, so that full bunches of rays that lie close
+/// together are asked: first all camera rays, pixel by pixel, then the rays from what they hit.
+class TilePasses {
+  public:
+    /// Samples of each pixel in one pass.
+    static constexpr std::uint32_t mostSamples = 16;
+
+    /// `pixels`, at most a tile's, stay where they are.
+    TilePasses(PicturePlan const& picturePlan, std::span<TilePixel> tilePixels)
+        : plan(picturePlan), pixels(tilePixels) {}
+
+    /// Adds the light of samples `first` to `first` + `count` - 1 to every pixel; incompletely when
+    /// `goOn` says no.
+    void add(std::uint32_t first, std::uint32_t count, GoOn const& goOn);
+
+    /// Fills the image's further channels from the first samples of the last pass.
+    void storeFirstHits(Image& image) const;
+
+  private:
+    static constexpr std::size_t mostSurfaces = pixelsPerTile * mostSamples;
+    static constexpr std::size_t mostSkyRays = 2 * mostSurfaces;
+
+    /// What camera rays have hit, in the order of pixels and their samples.
+    struct Surfaces {
+        std::size_t count;
+        std::uint16_t pixel[mostSurfaces];
+        std::uint16_t sample[mostSurfaces]; ///< of the pass
+        std::int32_t particle[mostSurfaces];
+        Lanes3<double, mostSurfaces> origin; ///< of the camera ray
+        Lanes3<float, mostSurfaces> dir;
+        double t[mostSurfaces];
+        float time[mostSurfaces];
+        Lanes3<double, mostSurfaces> place;
+        Lanes3<float, mostSurfaces> normal; ///< unit
+        /// Where rays that leave begin to count. The surface's own particle they skip anyway, but
+        /// not another one in the same place, as copies across a periodic border are: rounding
+        /// would let every other ray begin just inside of it.
+        double clearance[mostSurfaces];
+        float cosine[mostSurfaces];        ///< of the angle between normal and key light
+        float open[mostSurfaces];          ///< part of the sky that is not occluded
+        std::int32_t lit[mostSurfaces];    ///< 1 where the key light falls
+        Lanes3<float, mostSurfaces> color; ///< in the end the light that they send to the eye
+    };
+
+    /// Rays from surfaces into the sky: the first of every surface, then the second, and so on.
+    struct SkyRays {
+        struct Place {
+            std::uint16_t ray;
+            std::uint16_t surface;
+        };
+        Lanes3<float, mostSkyRays> dir;
+        float open[mostSkyRays];
+        Place order[mostSkyRays]; ///< those that go into like directions together
+    };
+
+    void shootCameraRays();
+    void traceCameraRays(std::size_t firstSlot, std::size_t count);
+    void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
+    void finishSurfaces();
+    void findSky(GoOn const& goOn);
+    void makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount);
+    void orderSkyRays(std::uint32_t rayCount);
+    void traceSkyRays(std::size_t total);
+    void findShadows();
+    void addLeavingRay(std::size_t surface, Kelpa::Vector const& dir, double end);
+    void addToPixels();
+
+    PicturePlan const& plan;
+    std::span<TilePixel> pixels;
+    LaneKernels const& kernels = laneKernels().back();
+    std::uint32_t firstSample = 0; ///< of the pass
+    std::uint32_t sampleCount = 0;
+    Bunch bunch;
+    Surfaces surfaces;
+    SkyRays skyRays;
+};
+
+} // namespace kelpatool
