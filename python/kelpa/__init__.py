@@ -28,10 +28,14 @@ Errors. ValueError (or TypeError) says which argument cannot be used and what wa
 MemoryError that memory ran out.
 """
 
+from .adapters import from_ase, from_dataframe, from_mdanalysis
 from .camera import Camera
-from .particles import Particles
+from .particles import Cell, Particles
 from .pictures import to_srgb
 from .primitive import Hits, Primitive, Progress, build
 
 __version__ = "0.1.0"
-__all__ = ["Camera", "Hits", "Particles", "Primitive", "Progress", "build", "to_srgb"]
+__all__ = [
+    "Camera", "Cell", "Hits", "Particles", "Primitive", "Progress", "build", "from_ase",
+    "from_dataframe", "from_mdanalysis", "to_srgb",
+]

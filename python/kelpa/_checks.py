@@ -3,14 +3,19 @@
 from __future__ import annotations
 
 import math
+import re
 import sys
 import warnings
-from typing import Any, Optional, Sequence
+from typing import Any, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
+from . import _native
+
 LARGEST = 2**31 - 1
+
+_LIGHT_OF_CODE = _native.light_of_codes()  # linear, for the 256 codes of sRGB
 
 
 def array(name: str, value: ArrayLike, dtype: type, expected: str) -> NDArray[Any]:
@@ -63,6 +68,29 @@ def scalars(name: str, value: ArrayLike, count: int) -> NDArray[np.float32]:
     return values
 
 
+def integers(name: str, value: ArrayLike, count: int) -> NDArray[np.int64]:
+    expected = f"({count},)"
+    values = array(name, value, np.int64, f"an array of shape {expected}")
+    if values.shape != (count,):
+        raise shape_error(name, expected, values)
+    return values
+
+
+def numbers(name: str, values: NDArray[Any]) -> NDArray[Any]:
+    """The values of a named column, which have to be numbers."""
+    if values.dtype.kind not in "biuf":
+        raise ValueError(f"column {name!r}: expected numbers, found {values.dtype}")
+    return values
+
+
+def column(name: str, value: ArrayLike, count: int) -> NDArray[Any]:
+    """Values of any type, one for each of `count` particles."""
+    values = np.asanyarray(value)
+    if values.ndim == 0 or len(values) != count:
+        raise shape_error(f"columns[{name!r}]", f"({count}, ...)", values)
+    return values
+
+
 def colors(value: ArrayLike, count: int) -> NDArray[np.float32]:
     light = vectors("colors", value, count)
     given = np.asarray(value)
@@ -85,9 +113,7 @@ def _light_of_codes(codes: NDArray[Any]) -> NDArray[np.float32]:
             "colors: expected sRGB from 0 to 255 in integers, or linear light from 0 to 1, "
             f"found {codes.dtype} from {codes.min()} to {codes.max()}"
         )
-    encoded = np.arange(256) / 255.0
-    linear = np.where(encoded <= 0.04045, encoded / 12.92, ((encoded + 0.055) / 1.055) ** 2.4)
-    light: NDArray[np.float32] = linear.astype(np.float32)[codes]
+    light: NDArray[np.float32] = _LIGHT_OF_CODE[codes]
     return light
 
 
@@ -131,6 +157,27 @@ def triple(name: str, value: ArrayLike) -> tuple[float, float, float]:
         raise ValueError(f"{name}: expected three finite numbers, found {value!r}")
     x, y, z = values.tolist()
     return x, y, z
+
+
+def interval(name: str, value: Sequence[float]) -> tuple[float, float]:
+    try:
+        first, second = (float(v) for v in value)
+    except (TypeError, ValueError):
+        first = second = math.nan
+    if not (math.isfinite(first) and math.isfinite(second) and first != second):
+        raise ValueError(f"{name}: expected two different finite numbers, found {value!r}")
+    return first, second
+
+
+def color(name: str, value: Union[str, Sequence[float]]) -> tuple[float, float, float]:
+    """Linear light of "#rrggbb", or the three numbers themselves."""
+    if not isinstance(value, str):
+        return triple(name, value)
+    digits = value[1:] if len(value) == 7 else "".join(2 * digit for digit in value[1:4])
+    if not re.fullmatch("#[0-9a-fA-F]{6}", "#" + digits) or value[:1] != "#":
+        raise ValueError(f"{name}: expected three numbers or a colour like '#3366cc', found {value!r}")
+    red, green, blue = _LIGHT_OF_CODE[list(bytes.fromhex(digits))].tolist()
+    return red, green, blue
 
 
 def span(name: str, value: Sequence[float]) -> tuple[float, float]:

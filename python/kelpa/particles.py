@@ -2,12 +2,28 @@
 
 from __future__ import annotations
 
-from typing import Any, Optional, Sequence
+from dataclasses import dataclass
+from types import MappingProxyType
+from typing import Any, Mapping, Optional, Sequence
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _checks as check
+
+
+@dataclass(frozen=True, eq=False)
+class Cell:
+    """A box of particles that repeats along some of its edges.
+
+    edges : (3, 3) float64, an edge vector in each row.
+    origin : (3,) float64, the corner that the edges leave from.
+    periodic : along which of the edges it repeats.
+    """
+
+    edges: NDArray[np.float64]
+    origin: NDArray[np.float64]
+    periodic: tuple[bool, bool, bool]
 
 
 class Particles:
@@ -34,6 +50,16 @@ class Particles:
     type : "sphere" or "point"
         A sphere is solid and hit on its surface. A point is hit where a ray passes closest to it,
         if that is within the radius.
+    ids : (N,) int64, optional
+        The particles' own numbers, by which files and other programs know them.
+    columns : mapping of names to arrays, optional
+        Further values of the particles, as many as there are particles; kept as they are.
+    cell : Cell, optional
+        The box that they repeat in.
+    up_axis : "z" or "y"
+        The axis that points up in pictures if nothing else says so.
+    notes : sequence of str
+        What is worth knowing about where they come from.
 
     The arrays are used in place when they are C-contiguous and float32 (memory-mapped files, too),
     and are kept alive; do not change their contents while a primitive uses them. Others are copied.
@@ -44,6 +70,7 @@ class Particles:
 
     __slots__ = (
         "positions", "radii", "colors", "positions1", "radii1", "times", "base_index", "type",
+        "ids", "columns", "cell", "up_axis", "notes",
     )
 
     positions: NDArray[np.float32]
@@ -54,6 +81,11 @@ class Particles:
     times: tuple[float, float]
     base_index: Optional[int]
     type: str
+    ids: Optional[NDArray[np.int64]]
+    columns: Mapping[str, NDArray[Any]]
+    cell: Optional[Cell]
+    up_axis: str
+    notes: tuple[str, ...]
 
     def __init__(
         self,
@@ -66,6 +98,11 @@ class Particles:
         times: Sequence[float] = (0.0, 1.0),
         base_index: Optional[int] = None,
         type: str = "sphere",
+        ids: Optional[ArrayLike] = None,
+        columns: Optional[Mapping[str, ArrayLike]] = None,
+        cell: Optional[Cell] = None,
+        up_axis: str = "z",
+        notes: Sequence[str] = (),
     ) -> None:
         centers = check.vectors("positions", positions)
         count = len(centers)
@@ -88,6 +125,14 @@ class Particles:
             base_index = check.integer("base_index", base_index, 0, check.LARGEST - max(count - 1, 0))
         self._set("base_index", base_index)
         self._set("type", type)
+        self._set("ids", None if ids is None else check.integers("ids", ids, count))
+        kept = {name: check.column(name, values, count) for name, values in (columns or {}).items()}
+        self._set("columns", MappingProxyType(kept))
+        if up_axis not in ("y", "z"):
+            raise ValueError(f"up_axis: expected 'y' or 'z', found {up_axis!r}")
+        self._set("cell", cell)
+        self._set("up_axis", up_axis)
+        self._set("notes", tuple(notes))
 
     def _set(self, name: str, value: object) -> None:
         object.__setattr__(self, name, value)
@@ -96,7 +141,8 @@ class Particles:
         raise AttributeError(f"{name}: particles cannot be changed; make new ones")
 
     def __getstate__(self) -> dict[str, object]:
-        return {name: getattr(self, name) for name in self.__slots__}
+        state = {name: getattr(self, name) for name in self.__slots__}
+        return {**state, "columns": dict(self.columns)}
 
     def __setstate__(self, state: dict[str, Any]) -> None:
         self.__init__(**state)  # type: ignore[misc]

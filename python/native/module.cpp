@@ -4,7 +4,9 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/host/threadpool.h"
 
+#include "python/native/arrays.h"
 #include "python/native/geometry.h"
+#include "python/native/looks.h"
 #include "python/native/picture.h"
 #include "python/native/watch.h"
 
@@ -28,18 +30,12 @@ namespace kelpapython {
 
 namespace {
 
-template <class T> using Array = py::array_t<T, py::array::c_style>;
 using Color = std::array<float, 3>;
 
 constexpr std::size_t raysPerPiece = 1024; // about a millisecond
 
 Kelpa::Vector toVector(Color const& color) {
     return {color[0], color[1], color[2]};
-}
-
-// Python's arrays are contiguous, so three floats are a vector.
-Kelpa::Vector const* vectorsOf(Array<float> const& array) {
-    return reinterpret_cast<Kelpa::Vector const*>(array.data());
 }
 
 /// One particle system as Python gives it.
@@ -220,6 +216,7 @@ PYBIND11_MODULE(_native, module) {
         .def("render", &renderTree)
         .def("bounds", &Tree::bounds)
         .def("statistics", &Tree::statistics);
+    defineLooks(module);
 }
 
 } // namespace kelpapython

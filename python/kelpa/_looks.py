@@ -1,0 +1,151 @@
+"""How particles from elsewhere get radii, colours and motion where they are not told."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from typing import Any, Callable, Mapping, Optional, Sequence, Union
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from . import _checks as check
+from . import _native
+from .particles import Cell, Particles
+
+Radius = Union[None, str, ArrayLike]
+Color = Union[None, str, Sequence[float]]
+
+
+@dataclass
+class Source:
+    """What another program's object holds, as far as it holds it."""
+
+    what: str  # for messages: the argument that it came in
+    positions: ArrayLike
+    columns: Mapping[str, NDArray[Any]]
+    numbers: Optional[NDArray[np.uint8]] = None  # atomic; 0: unknown
+    types: Optional[NDArray[np.int64]] = None  # kinds that are only numbered
+    radii: Optional[ArrayLike] = None
+    colors: Optional[ArrayLike] = None
+    ids: Optional[ArrayLike] = None
+    cell: Optional[Cell] = None
+    velocities: Callable[[], Optional[ArrayLike]] = lambda: None
+
+
+@dataclass
+class Wanted:
+    """What the caller asks for, in the words of the adapters."""
+
+    radius: Radius
+    radius_scale: float
+    radii: str
+    points: bool
+    color: Color
+    color_by: Optional[str]
+    range: Optional[Sequence[float]]
+    motion: str
+    dt: float
+    shutter: Sequence[float]
+
+
+def make_particles(source: Source, wanted: Wanted) -> Particles:
+    """The particles of `source` as they are wanted."""
+    positions = check.vectors("positions", source.positions)
+    notes: list[str] = []
+    radii = _radii(source, wanted, positions, notes)
+    radii = radii * np.float32(check.number("radius_scale", wanted.radius_scale, 0.0, 1e30))
+    opened, closed = _ways(source, wanted, positions)
+    return Particles(
+        opened, radii, positions1=closed, colors=_colors(source, wanted, len(positions)),
+        type="point" if wanted.points else "sphere", ids=source.ids, columns=source.columns,
+        cell=source.cell, notes=notes,
+    )
+
+
+def atomic_numbers(values: Optional[ArrayLike]) -> Optional[NDArray[np.uint8]]:
+    """Atomic numbers of symbols ("Si", "H12", "Fe3+") or of numbers; None where none is known."""
+    if values is None:
+        return None
+    given = np.asarray(values)
+    if given.dtype.kind in "iu":
+        numbers = np.where((given >= 1) & (given <= 118), given, 0).astype(np.uint8)
+    else:
+        symbols, places = np.unique(given.astype(str), return_inverse=True)
+        found = [_native.atomic_number(symbol) for symbol in symbols.tolist()]
+        numbers = np.array(found, dtype=np.uint8)[places]
+    return numbers if numbers.any() else None
+
+
+def _radii(
+    source: Source, wanted: Wanted, positions: NDArray[np.float32], notes: list[str]
+) -> NDArray[np.float32]:
+    if wanted.radii not in ("vdw", "covalent"):
+        raise ValueError(f"radii: expected 'vdw' or 'covalent', found {wanted.radii!r}")
+    if isinstance(wanted.radius, str):
+        return check.scalars("radius", named(source, "radius", wanted.radius), len(positions))
+    if wanted.radius is not None:
+        return check.scalars("radius", wanted.radius, len(positions))
+    if source.radii is not None:
+        notes.append(f"radii of the {source.what}")
+        return check.scalars("radii", source.radii, len(positions))
+    if source.numbers is not None:
+        covalent = wanted.radii == "covalent"
+        notes.append(f"{'covalent' if covalent else 'van der Waals'} radii by element")
+        unknown = int(np.count_nonzero(source.numbers == 0))
+        if unknown > 0:
+            notes.append(f"1.70 for {unknown:,} particles of unknown elements")
+        return _native.element_radii(covalent)[source.numbers]
+    spacing = _native.radius_from_spacing(positions)
+    told = "half the median distance to the 6th neighbour" if spacing > 0 else "no distances"
+    notes.append(f"no radius in the {source.what}: {spacing or 1.0:.3g} for all ({told})")
+    return np.full(len(positions), spacing or 1.0, dtype=np.float32)
+
+
+def _colors(source: Source, wanted: Wanted, count: int) -> Optional[ArrayLike]:
+    if wanted.range is not None and wanted.color_by is None:
+        raise ValueError("range: given without color_by, the column that it is for")
+    if wanted.color is not None and wanted.color_by is not None:
+        raise ValueError("color: given together with color_by")
+    if wanted.color is not None:
+        return np.tile(np.asarray(check.color("color", wanted.color), dtype=np.float32), (count, 1))
+    if wanted.color_by is not None:
+        column = named(source, "color_by", wanted.color_by)
+        values = check.scalars("color_by", column, count)
+        ends = None if wanted.range is None else check.interval("range", wanted.range)
+        return _native.map_colors(values, ends)
+    if source.colors is not None:
+        return source.colors
+    if source.numbers is not None:
+        return _native.element_colors()[source.numbers]
+    return None if source.types is None else _native.map_types(source.types)
+
+
+def named(source: Source, argument: str, name: str) -> NDArray[Any]:
+    """A column by the name that the caller gave for an argument."""
+    if name not in source.columns:
+        known = ", ".join(map(str, source.columns)) or "none"
+        raise ValueError(f"{argument}: no column {name!r} in the {source.what}, which has: {known}")
+    return source.columns[name]
+
+
+def _ways(
+    source: Source, wanted: Wanted, positions: NDArray[np.float32]
+) -> tuple[NDArray[np.float32], Optional[NDArray[np.float32]]]:
+    """Where the particles are when the shutter opens and, if they move, when it closes."""
+    if wanted.motion not in ("none", "velocity"):
+        raise ValueError(f"motion: expected 'none' or 'velocity', found {wanted.motion!r}")
+    if wanted.motion == "none":
+        return positions, None
+    given = source.velocities()
+    if given is None:
+        raise ValueError(f"motion: no velocities in the {source.what}")
+    velocities = check.vectors("velocities", given, len(positions)).astype(np.float64)
+    dt = check.number("dt", wanted.dt, -1e30, 1e30)
+    opens, closes = check.interval("shutter", wanted.shutter)
+    if closes < opens:
+        raise ValueError(f"shutter: closes before it opens, {wanted.shutter!r}")
+
+    def at(time: float) -> NDArray[np.float32]:
+        return (positions.astype(np.float64) + velocities * (time * dt)).astype(np.float32)
+
+    return at(opens), at(closes)
