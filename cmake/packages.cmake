@@ -1,6 +1,6 @@
 # Debian packages from `cpack`: the shared libraries, what is needed to build against them, the
-# command, and programs that read one more format each. Configure with the preset `package`, which
-# sets /usr and BUILD_SHARED_LIBS.
+# command, the Python module, and programs that read one more format each. Configure with the preset
+# `package`, which sets /usr and BUILD_SHARED_LIBS.
 #
 # The library is packaged shared, with the minor version in its name: records and inline bodies of
 # public headers may change between minor versions until 1.0, and hosts that were compiled against
@@ -19,12 +19,16 @@ set(abi ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
 set(library_package libkelpa${abi})
 set(development_package libkelpa-dev)
 set(tool_package kelpa)
-set(CPACK_COMPONENTS_ALL library development tool)
+set(python_package python3-kelpa)
+set(CPACK_COMPONENTS_ALL library development tool python)
 if(NOT BUILD_SHARED_LIBS)
     list(REMOVE_ITEM CPACK_COMPONENTS_ALL library)
 endif()
 if(NOT TARGET kelpa_tool)
     list(REMOVE_ITEM CPACK_COMPONENTS_ALL tool)
+endif()
+if(NOT TARGET kelpa_python)
+    list(REMOVE_ITEM CPACK_COMPONENTS_ALL python)
 endif()
 
 # Programs that read one format each may be left out by those who have no such files.
@@ -96,12 +100,45 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS ${vdb_package})
 
 set(CPACK_DEBIAN_VDB_PACKAGE_NAME ${vdb_package})
 set(CPACK_DEBIAN_VDB_PACKAGE_SECTION graphics)
-set(CPACK_DEBIAN_VDB_PACKAGE_ENHANCES ${tool_package})
+set(CPACK_DEBIAN_VDB_PACKAGE_ENHANCES "${tool_package}, ${python_package}")
 set(CPACK_COMPONENT_VDB_DESCRIPTION "ray tracing of particle systems - OpenVDB points
 ${what}
 .
 This package lets the command kelpa and its Python module read the points
 of OpenVDB files.")
+
+if(TARGET kelpa_python)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME ${python_package})
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+    # The compiled part is for this minor version of Python alone.
+    math(EXPR next_minor "${KELPA_PYTHON_MINOR} + 1")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+        "python3 (>= 3.${KELPA_PYTHON_MINOR}), python3 (<< 3.${next_minor}), python3-numpy")
+    if(BUILD_SHARED_LIBS)
+        string(PREPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${same_library}, ")
+    endif()
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-ase, python3-mdanalysis, python3-pandas, ${vdb_package}")
+    set(CPACK_COMPONENT_PYTHON_DESCRIPTION "ray tracing of particle systems - Python module
+${what}
+.
+This package holds the module kelpa, which takes particles and rays as numpy
+arrays and gives hits and pictures back as arrays.")
+    # What Debian's own tools write into packages of Python modules: byte code comes and goes with them.
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+        ${PROJECT_BINARY_DIR}/packages/postinst ${PROJECT_BINARY_DIR}/packages/prerm)
+    file(WRITE ${PROJECT_BINARY_DIR}/packages/postinst "#!/bin/sh
+set -e
+if command -v py3compile >/dev/null 2>&1; then
+    py3compile -p ${python_package}
+fi
+")
+    file(WRITE ${PROJECT_BINARY_DIR}/packages/prerm "#!/bin/sh
+set -e
+if command -v py3clean >/dev/null 2>&1; then
+    py3clean -p ${python_package}
+fi
+")
+endif()
 
 # Debian wants a copyright and a changelog in every package.
 set(copyright ${PROJECT_BINARY_DIR}/packages/copyright)

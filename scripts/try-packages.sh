@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes the Debian packages, then installs and uses them in a clean Debian 12: the command makes a
-# picture, and the README's example is built against the development files, by pkg-config and by
-# CMake, and so is a host with services of its own. Needs root, debootstrap and a network; lintian is asked where it is found.
+# picture, so does the Python module, and the README's example is built against the development
+# files, by pkg-config and by CMake, and so is a host with services of its own. Needs root,
+# debootstrap and a network; lintian is asked where it is found.
 #   try-packages.sh [--without-compiling]     leaves the examples out, which need a compiler
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -47,6 +48,15 @@ inside 'cd /root; kelpa --version
         test -s /usr/share/doc/kelpa/copyright
         apt-get -s remove libkelpa0.1 | grep "^Remv kelpa "' # it depends on the library
 
+install /root/python3-kelpa_*.deb
+inside 'cd /root; ls /usr/lib/python3/dist-packages/kelpa/__pycache__ | grep -q __init__
+        python3 -c "
+import kelpa, numpy
+cloud = kelpa.build(numpy.random.default_rng(1).random((20000, 3)), 0.01)
+picture = cloud.render(width=320, height=180)
+assert picture[..., 3].max() == 1, picture[..., 3].max()
+print(kelpa.__version__, cloud)"'
+
 if [[ "${1:-}" != --without-compiling ]]; then
     install /root/libkelpa-dev_*.deb g++ cmake make pkg-config libtbb-dev
     inside 'mkdir /root/consumer; cd /root/consumer
@@ -67,6 +77,6 @@ if [[ "${1:-}" != --without-compiling ]]; then
 fi
 
 # What removes cleanly leaves nothing behind.
-inside 'apt-get purge -q -y '"$quietly"' kelpa "libkelpa*" >/dev/null
+inside 'apt-get purge -q -y '"$quietly"' kelpa python3-kelpa "libkelpa*" >/dev/null
         test -z "$(find / -xdev -iname "*kelpa*" -not -path "/root/*" -not -path "/proc/*" -not -path "/var/log/*")"'
 echo "try-packages.sh: the packages install, run, build the example and leave nothing behind"
