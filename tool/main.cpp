@@ -3,7 +3,8 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/host/consoleprogress.h"
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/errors.h"
+#include "pipeline/files/progress.h"
 
 #include "tool/commands/commands.h"
 #include "tool/options/options.h"

@@ -2,7 +2,8 @@
 #pragma once
 
 #include "pipeline/files/inputfile.h"
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/particleset.h"
+#include "pipeline/files/readoptions.h"
 #include "pipeline/files/scalartype.h"
 
 #include <cstddef>

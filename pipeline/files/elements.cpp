@@ -1,6 +1,5 @@
 #include "pipeline/files/elements.h"
 
-#include "pipeline/files/particlefile.h"
 #include "pipeline/files/srgb.h"
 
 #include <algorithm>

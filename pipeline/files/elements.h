@@ -1,4 +1,7 @@
+// The chemical elements: symbols, radii and colours.
 #pragma once
+
+#include "kelpa/foundation/vector.h"
 
 #include <cstdint>
 #include <string_view>
@@ -8,5 +11,11 @@ namespace kelpatool {
 /// The atomic number of a symbol as files write it: "Si", "SI", "si", and with an index or a charge
 /// behind it, "H12" or "Fe3+". D and T are hydrogen. 0 when it is none.
 std::uint8_t atomicNumberOf(std::string_view symbol);
+
+/// The radius of an element in Angstrom: van der Waals or covalent; 1.70 when unknown.
+float elementRadius(std::uint8_t atomicNumber, bool covalent);
+
+/// The usual colour of an element, linear RGB.
+Kelpa::Vector elementColor(std::uint8_t atomicNumber);
 
 } // namespace kelpatool

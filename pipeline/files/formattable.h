@@ -2,7 +2,8 @@
 #pragma once
 
 #include "pipeline/files/inputfile.h"
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/particleset.h"
+#include "pipeline/files/readoptions.h"
 
 #include <string>
 #include <string_view>
@@ -25,5 +26,10 @@ struct FileFormat {
 
 /// What `--format` asks for, else what the content says, else the suffix (".gz" aside).
 FileFormat const& findFormat(InputFile& file, std::string const& wanted);
+
+/// The formats that can be read, for the user: "PLY, XYZ and GRO".
+std::string readableFormats();
+/// The same by the names that `ReadOptions::format` knows: "ply|xyz|gro".
+std::string formatNames();
 
 } // namespace kelpatool

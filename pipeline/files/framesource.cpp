@@ -1,5 +1,6 @@
 #include "pipeline/files/framesource.h"
 
+#include "pipeline/files/errors.h"
 #include "pipeline/files/numberplace.h"
 #include "pipeline/files/textvalues.h"
 

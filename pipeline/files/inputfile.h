@@ -1,6 +1,7 @@
 #pragma once
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/errors.h"
+#include "pipeline/files/progress.h"
 
 #include <fmt/format.h>
 

@@ -2,7 +2,8 @@
 
 #include "kelpa/host/consoleprogress.h"
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/errors.h"
+#include "pipeline/files/progress.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

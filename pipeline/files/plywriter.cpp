@@ -1,5 +1,6 @@
+#include "pipeline/files/plywriter.h"
+
 #include "pipeline/files/outputfile.h"
-#include "pipeline/files/particlefile.h"
 #include "pipeline/files/srgb.h"
 
 #include <fmt/format.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "pipeline/files/particlefile.h"
-#include "pipeline/imagefile/imagefile.h"
+#include "pipeline/files/progress.h"
+#include "pipeline/picture/image.h"
 
 #include <functional>
 #include <string_view>

@@ -1,5 +1,6 @@
 #include "pipeline/imagefile/imagefile.h"
 
+#include "pipeline/files/errors.h"
 #include "pipeline/files/outputfile.h"
 #include "pipeline/imagefile/encoders.h"
 

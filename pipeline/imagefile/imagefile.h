@@ -1,35 +1,12 @@
+// Pictures as files.
 #pragma once
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/progress.h"
+#include "pipeline/picture/image.h"
 
-#include <cstdint>
-#include <limits>
 #include <string>
-#include <vector>
 
 namespace kelpatool {
-
-/// What a picture's `id` holds where no particle is: a number that none has, whose low half is that
-/// of -1.
-constexpr std::int64_t idOfNothing = std::numeric_limits<std::int64_t>::min() + 0xFFFFFFFF;
-/// What its `depth` holds there.
-constexpr float depthOfNothing = 1e30F;
-
-/// A finished picture: linear light, row by row from the top left.
-///
-/// Where nothing is behind the particles, `rgb` is the light that they add: black where they cover
-/// nothing, so already multiplied by `alpha`.
-struct Image {
-    int width = 0, height = 0; ///< the whole picture
-    // The part that was rendered: pixels [X0, X1) x [Y0, Y1).
-    int cropX0 = 0, cropY0 = 0, cropX1 = 0, cropY1 = 0;
-    std::vector<float> rgb;   ///< 3 per pixel of the part, linear
-    std::vector<float> alpha; ///< 1 per pixel: the part of it covered by particles
-    // Further channels, each empty or 1 (3 for vectors) per pixel of the part; from the pixel's
-    // first sample.
-    std::vector<float> depth, normal, position;
-    std::vector<std::int64_t> id;
-};
 
 enum class ImageFormat { png, exr, ppm };
 

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "pipeline/imagefile/imagefile.h"
+#include "pipeline/files/progress.h"
 #include "pipeline/picture/camera.h"
+#include "pipeline/picture/image.h"
 #include "pipeline/picture/tile.h"
 #include "pipeline/scene/scene.h"
 

@@ -3,7 +3,7 @@
 
 #include "kelpa/foundation/vector.h"
 
-#include "pipeline/imagefile/imagefile.h"
+#include "pipeline/picture/image.h"
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/footprint.h"
 #include "pipeline/picture/light.h"

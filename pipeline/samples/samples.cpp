@@ -1,4 +1,5 @@
-#include "pipeline/files/particlefile.h"
+#include "pipeline/samples/samples.h"
+
 #include "pipeline/files/srgb.h"
 
 #include <algorithm>

@@ -1,7 +1,10 @@
 #include "pipeline/scene/scene.h"
 
+#include "pipeline/files/elements.h"
+#include "pipeline/files/errors.h"
 #include "pipeline/scene/colormap.h"
 #include "pipeline/scene/motion.h"
+#include "pipeline/scene/spacing.h"
 
 #include <fmt/format.h>
 

@@ -4,7 +4,8 @@
 #include "kelpa/host/threadpool.h"
 #include "kelpa/particleprimitives/particleprimitives.h"
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/particleset.h"
+#include "pipeline/files/progress.h"
 #include "pipeline/picture/camera.h"
 
 #include "tool/options/options.h"

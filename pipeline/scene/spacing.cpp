@@ -1,4 +1,4 @@
-#include "pipeline/files/particlefile.h"
+#include "pipeline/scene/spacing.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,9 +1,10 @@
 #include "python/native/looks.h"
 
 #include "pipeline/files/elements.h"
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/progress.h"
 #include "pipeline/files/srgb.h"
 #include "pipeline/scene/colormap.h"
+#include "pipeline/scene/spacing.h"
 
 #include "python/native/arrays.h"
 

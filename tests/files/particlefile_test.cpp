@@ -1,5 +1,8 @@
 #include "pipeline/files/elements.h"
 #include "pipeline/files/framesource.h"
+#include "pipeline/files/plywriter.h"
+#include "pipeline/samples/samples.h"
+#include "pipeline/scene/spacing.h"
 
 #include "tests/support/particlefolder.h"
 

@@ -1,6 +1,7 @@
 // Feeds a reader what libFuzzer thinks up. One program per format, see CMakeLists.txt; any answer
 // but particles or an InputError is a fault.
 
+#include "pipeline/files/errors.h"
 #include "pipeline/files/particlefile.h"
 
 #include <sys/mman.h>

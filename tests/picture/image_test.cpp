@@ -1,4 +1,4 @@
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/errors.h"
 #include "pipeline/imagefile/imagefile.h"
 
 #include <ImfChannelList.h>

@@ -3,6 +3,7 @@
 #include "pipeline/files/numberplace.h"
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/render.h"
+#include "pipeline/samples/samples.h"
 #include "pipeline/scene/scene.h"
 
 #include "tests/support/clouds.h"

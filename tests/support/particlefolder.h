@@ -1,6 +1,7 @@
 // What tests of particle files share.
 #pragma once
 
+#include "pipeline/files/errors.h"
 #include "pipeline/files/particlefile.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+#include "pipeline/files/elements.h"
 #include "pipeline/imagefile/imagefile.h"
 
 #include "tool/commands/commands.h"

@@ -1,4 +1,5 @@
 #include "pipeline/imagefile/imagefile.h"
+#include "pipeline/samples/samples.h"
 
 #include "tool/commands/commands.h"
 #include "tool/commands/saveparticles.h"

@@ -1,3 +1,5 @@
+#include "pipeline/files/errors.h"
+
 #include "tool/commands/commands.h"
 #include "tool/process/standardstreams.h"
 #include "tool/report/json.h"

@@ -1,6 +1,6 @@
 #include "tool/commands/saveparticles.h"
 
-#include "pipeline/imagefile/imagefile.h"
+#include "pipeline/files/plywriter.h"
 
 #include "tool/process/standardstreams.h"
 #include "tool/report/phases.h"

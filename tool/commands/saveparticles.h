@@ -1,6 +1,6 @@
 #pragma once
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/particleset.h"
 
 #include "tool/options/options.h"
 

@@ -1,7 +1,8 @@
 #include "tool/options/options.h"
 
 #include "pipeline/files/elements.h"
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/formattable.h"
+#include "pipeline/samples/samples.h"
 
 #include "tool/options/optionchecks.h"
 #include "tool/options/optionforms.h"

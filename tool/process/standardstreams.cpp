@@ -1,6 +1,6 @@
 #include "tool/process/standardstreams.h"
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/errors.h"
 
 #include <fcntl.h>
 #include <poll.h>

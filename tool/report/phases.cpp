@@ -3,6 +3,8 @@
 #include "kelpa/foundation/platform.h"
 #include "kelpa/host/threadpool.h"
 
+#include "pipeline/files/errors.h"
+
 #include "tool/process/standardstreams.h"
 
 #include <fmt/format.h>

@@ -3,7 +3,7 @@
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/host/consoleprogress.h"
 
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/framesource.h"
 #include "pipeline/scene/scene.h"
 
 #include "tool/options/options.h"

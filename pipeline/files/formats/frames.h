@@ -1,7 +1,8 @@
 #pragma once
 
 #include "pipeline/files/inputfile.h"
-#include "pipeline/files/particlefile.h"
+#include "pipeline/files/particleset.h"
+#include "pipeline/files/readoptions.h"
 
 namespace kelpatool {
 

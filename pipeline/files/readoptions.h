@@ -1,0 +1,25 @@
+// What to read of a file.
+#pragma once
+
+#include "pipeline/files/progress.h"
+
+#include <string>
+#include <vector>
+
+namespace kelpatool {
+
+/// What to read of a file.
+struct ReadOptions {
+    std::string format{};   ///< one of `formatNames`; empty: told from the content, then the suffix
+    int frame = 0;          ///< negative: counted from the end
+    std::string assembly{}; ///< the biological assembly to build; empty: what the file holds
+    std::string radiusFrom{}; ///< the column to take radii from; empty: the format's own names
+    std::vector<std::string> attributes{}; ///< further columns to keep, by name
+    bool allAttributes = false;            ///< keep every column that is read for nothing else
+    bool summarise = false;                ///< fill `ParticleSet::columns`
+    bool forMotion = false;                ///< prefer positions that do not jump at a cell's faces
+    bool findOnly = false; ///< of a file of many frames, look for the frame and read no particles
+    PhaseProgress progress{}; ///< may be empty
+};
+
+} // namespace kelpatool
