@@ -10,11 +10,27 @@ forbid() {
         failed=1
     fi
 }
-forbid kelpa/foundation 'kelpa/(spheretree|particleprimitives|host)|tool/|bench/|tests/'
-forbid kelpa/spheretree 'kelpa/(particleprimitives|host)|tool/|bench/|tests/'
+# Programs use what is below them, and nobody uses programs.
+programs='tool/|bench/|tests/|examples/|python/'
+forbid kelpa/foundation "kelpa/(spheretree|particleprimitives|host)|pipeline/|$programs"
+forbid kelpa/spheretree "kelpa/(particleprimitives|host)|pipeline/|$programs"
 forbid kelpa/spheretree/static 'kelpa/spheretree/motionblur'
 forbid kelpa/spheretree/motionblur 'kelpa/spheretree/static'
-forbid kelpa/particleprimitives 'kelpa/host|tool/|bench/|tests/'
-forbid kelpa/host 'kelpa/(spheretree|particleprimitives)|tool/|bench/|tests/'
-forbid python 'tool/|bench/|tests/'
+forbid kelpa/particleprimitives "kelpa/host|pipeline/|$programs"
+forbid kelpa/host "kelpa/(spheretree|particleprimitives)|pipeline/|$programs"
+# The way from a file to a picture, each room above all that it includes.
+forbid pipeline/files "kelpa/(spheretree|particleprimitives|host)|pipeline/(samples|scene|picture|imagefile)|$programs"
+forbid pipeline/samples "kelpa/(spheretree|particleprimitives|host)|pipeline/(scene|picture|imagefile)|$programs"
+forbid pipeline/scene "kelpa/spheretree|pipeline/(samples|picture|imagefile)|$programs"
+forbid pipeline/picture "kelpa/spheretree|pipeline/(samples|imagefile)|$programs"
+forbid pipeline/imagefile "kelpa/(spheretree|particleprimitives|host)|pipeline/(samples|scene)|$programs"
+for program in tool bench examples python; do
+    others=${programs//$program\//never/}
+    forbid $program "$others"
+done
+# Signals are the process's business: work hears of them through its progress alone.
+if grep -rn 'InterruptScope' --include='*.h' --include='*.cpp' pipeline; then
+    echo "  ... pipeline must not ask for signals" >&2
+    failed=1
+fi
 exit $failed

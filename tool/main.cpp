@@ -17,6 +17,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <stdexcept>
 
 namespace {
 
@@ -73,7 +74,7 @@ int main(int argc, char** argv) {
         int exitCode = done;
         auto const options = kelpatool::parseOptions(argc, argv, exitCode);
         return options ? run(*options) : exitCode;
-    } catch (kelpatool::UsageError const& error) {
+    } catch (std::invalid_argument const& error) {
         return complain(wrongUsage, error.what());
     } catch (kelpatool::InputError const& error) {
         return complain(unusableInput, error.what());

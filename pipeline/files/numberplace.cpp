@@ -1,11 +1,10 @@
 #include "pipeline/files/numberplace.h"
 
-#include "tool/options/options.h"
-
 #include <fmt/format.h>
 
 #include <filesystem>
 #include <regex>
+#include <stdexcept>
 
 namespace kelpatool {
 
@@ -18,7 +17,8 @@ NumberPlace findNumberPlace(std::string const& path) {
     if (found == std::sregex_iterator())
         return {};
     if (std::next(found) != std::sregex_iterator())
-        throw UsageError(fmt::format("{}: has several places for a number; leave one", path));
+        throw std::invalid_argument(
+            fmt::format("{}: has several places for a number; leave one", path));
     NumberPlace place;
     place.begin = static_cast<std::size_t>(nameBegin - path.begin() + found->position());
     place.length = static_cast<std::size_t>(found->length());
@@ -45,9 +45,10 @@ std::string numberedName(std::string const& path, std::int64_t number) {
         std::filesystem::path shown(path);
         std::string const suffix = shown.extension().string();
         shown.replace_extension();
-        throw UsageError(fmt::format("{}: several pictures need a place for their number, such as "
-                                     "{}.####{} or {}.%04d{}",
-                                     path, shown.string(), suffix, shown.string(), suffix));
+        throw std::invalid_argument(
+            fmt::format("{}: several pictures need a place for their number, such as "
+                        "{}.####{} or {}.%04d{}",
+                        path, shown.string(), suffix, shown.string(), suffix));
     }
     std::string numbered = path;
     numbered.replace(place.begin, place.length, fmt::format("{:0{}}", number, place.digits));

@@ -14,16 +14,17 @@ struct NumberPlace {
 };
 
 /// Finds a run of `#`, or `%d` or `%04d` as for printf, in a path's file name.
-/// Throws `UsageError` when there are several.
+/// Throws `std::invalid_argument` when there are several.
 NumberPlace findNumberPlace(std::string const& path);
 
 /// Whether a file's name has a place for a number: a run of `#`, or `%d` or `%04d` as for printf.
-/// Only the name counts, not its folder. Throws `UsageError` when there are several such places.
+/// Only the name counts, not its folder. Throws `std::invalid_argument` when there are several such
+/// places.
 bool hasNumberPlace(std::string const& path);
 
 /// The path with the number in its place, with zeros in front as far as the place is wide: 7 makes
-/// `img.0007.png` of `img.####.png` and of `img.%04d.png`. Throws `UsageError` that shows how when
-/// there is no such place, or when there are several.
+/// `img.0007.png` of `img.####.png` and of `img.%04d.png`. Throws `std::invalid_argument` that
+/// shows how when there is no such place, or when there are several.
 std::string numberedName(std::string const& path, std::int64_t number);
 
 /// The name of a picture that is the only one: numbered where the path has a place, but a single

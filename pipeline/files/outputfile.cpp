@@ -1,9 +1,6 @@
 #include "pipeline/files/outputfile.h"
 
-#include "kelpa/host/consoleprogress.h"
-
 #include "pipeline/files/errors.h"
-#include "pipeline/files/progress.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -16,8 +13,10 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace kelpatool {
@@ -29,10 +28,8 @@ namespace {
 constexpr int lookMilliseconds = 20; // between two looks for Ctrl-C while waiting for a pipe
 constexpr std::size_t flushBytes = 8 * 1024 * 1024; // so that no wait for the disk is long
 
-void throwIfInterrupted() {
-    if (Kelpa::InterruptScope::interrupted())
-        throw Interrupted();
-}
+std::mutex existingMutex;
+int existing = 0; // under `existingMutex`
 
 /// Where a path leads when all links are followed, whether or not there is a file.
 std::string destinationOf(std::string const& path) {
@@ -66,7 +63,29 @@ std::string temporaryName(std::string const& target, int attempt) {
 
 } // namespace
 
-OutputFile::OutputFile(std::string const& wantedPath) : path(wantedPath) {
+OutputFile::Counted::Counted() {
+    std::lock_guard const guard(existingMutex);
+    ++existing;
+}
+
+OutputFile::Counted::~Counted() {
+    std::lock_guard const guard(existingMutex);
+    --existing;
+}
+
+void OutputFile::ifNoneExists(std::function<void()> const& end) {
+    std::lock_guard const guard(existingMutex);
+    if (existing == 0)
+        end();
+}
+
+void OutputFile::mayGoOn() const {
+    if (stopCheck)
+        stopCheck();
+}
+
+OutputFile::OutputFile(std::string const& wantedPath, StopCheck check)
+    : stopCheck(std::move(check)), path(wantedPath) {
     resolve();
     open();
 }
@@ -81,7 +100,7 @@ OutputFile::~OutputFile() {
 void OutputFile::write(std::string_view bytes) {
     // In steps, so that no wait for the disk is so long that an interruption would be late.
     while (!bytes.empty()) {
-        throwIfInterrupted();
+        mayGoOn();
         ssize_t const count = ::write(descriptor, bytes.data(), std::min(bytes.size(), flushBytes));
         if (count < 0 && errno == EAGAIN) { // a pipe whose reader is slow
             pollfd waiting{descriptor, POLLOUT, 0};
@@ -227,7 +246,7 @@ int OutputFile::openExisting() const {
         int const opened = ::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
         if (opened >= 0 || errno != ENXIO || !fs::is_fifo(target))
             return opened;
-        throwIfInterrupted();
+        mayGoOn();
         std::this_thread::sleep_for(std::chrono::milliseconds{lookMilliseconds});
     }
 }

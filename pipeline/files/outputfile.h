@@ -1,8 +1,10 @@
+// A file that appears when it is whole.
 #pragma once
 
-#include "tool/process/interruptwatch.h"
+#include "pipeline/files/progress.h"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -15,11 +17,13 @@ namespace kelpatool {
 /// file that is replaced keeps its mode, its owner and its other names, and a link stays one, even
 /// one to a file that is not there yet. What is no ordinary file, such as a pipe, is written to
 /// directly. Every function throws `OutputError` naming the file and the reason, those that may
-/// wait `Interrupted` after Ctrl-C.
+/// wait what `stopCheck` throws.
 class OutputFile {
   public:
     /// Opens the temporary file. A folder, a read-only file and a missing folder are refused.
-    explicit OutputFile(std::string const& wantedPath);
+    /// `stopCheck`, unless empty, is asked between waits for the disk and while a pipe's reader is
+    /// slow or not there yet.
+    explicit OutputFile(std::string const& wantedPath, StopCheck stopCheck = {});
     ~OutputFile();
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;
@@ -32,8 +36,20 @@ class OutputFile {
     /// Throws when a file of this name could not be created. Changes nothing.
     static void check(std::string const& path);
 
+    /// Calls `end`, which may end the process, unless one of these exists: its temporary file
+    /// would be left behind. None comes to be during the call.
+    static void ifNoneExists(std::function<void()> const& end);
+
   private:
-    InterruptWatch::Hold const hold; // first, so that it goes when the file is gone
+    /// Counts the files that exist, from any number of threads.
+    struct Counted {
+        Counted();
+        ~Counted();
+        Counted(Counted const&) = delete;
+        Counted& operator=(Counted const&) = delete;
+    };
+
+    void mayGoOn() const;
     void resolve();
     void open();
     void openTemporary();
@@ -44,6 +60,8 @@ class OutputFile {
     void copyInto();
     [[noreturn]] void fail(int error) const;
 
+    Counted const counted; // first, so that it goes when the file is gone
+    StopCheck stopCheck;
     std::string path;          ///< as the user knows it
     std::string target;        ///< the same with links resolved
     std::string written;       ///< where the bytes go

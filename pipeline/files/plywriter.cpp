@@ -176,11 +176,18 @@ void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
     std::vector<OutputColumn> const columns = ColumnList(particles, ascii, progress).columns;
     std::size_t const count = particles.positions.size();
 
-    OutputFile file(path);
+    std::size_t particle = 0;
+    auto const report = [&] {
+        if (progress)
+            progress(static_cast<double>(particle) /
+                         static_cast<double>(std::max<std::size_t>(count, 1)),
+                     particle);
+    };
+    OutputFile file(path, report);
     std::string bytes = headerText(columns, count, ascii);
-    for (std::size_t particle = 0; particle < count; ++particle) {
-        if (progress && particle % pollEvery == 0)
-            progress(static_cast<double>(particle) / static_cast<double>(count), particle);
+    for (; particle < count; ++particle) {
+        if (particle % pollEvery == 0)
+            report();
         for (OutputColumn const& column : columns)
             column.append(bytes, particle);
         if (ascii)

@@ -58,13 +58,19 @@ void writeImage(std::string const& path, Image const& image, bool withAlpha,
     // Opened by the first bytes: until there is a temporary file, Ctrl-C does not have to wait for
     // an encoding.
     std::optional<OutputFile> file;
-    auto const sink = [&file, &path](std::string_view bytes) {
+    double done = 0.0;
+    auto const report = [&progress, &done](double fraction, std::uint64_t particles) {
+        done = fraction;
+        if (progress)
+            progress(fraction, particles);
+    };
+    auto const sink = [&](std::string_view bytes) {
         if (!file)
-            file.emplace(path);
+            file.emplace(path, [&] { report(done, 0); });
         file->write(bytes);
     };
     try {
-        encode(format, image, withAlpha, sink, progress);
+        encode(format, image, withAlpha, sink, report);
     } catch (std::bad_alloc const&) {
         throw;
     } catch (OutputError const&) {

@@ -4,9 +4,8 @@
 #include "kelpa/foundation/vector.h"
 
 #include "pipeline/picture/camera.h"
+#include "pipeline/picture/look.h"
 #include "pipeline/scene/scene.h"
-
-#include "tool/options/options.h"
 
 namespace kelpatool {
 

@@ -1,7 +1,5 @@
 #include "pipeline/picture/render.h"
 
-#include "kelpa/host/consoleprogress.h"
-
 #include "pipeline/files/srgb.h"
 #include "pipeline/picture/vector.h"
 
@@ -49,7 +47,7 @@ std::vector<Vector> emptyPixels(std::vector<Vector> const& backgrounds, int samp
 }
 
 PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions const& light,
-                     ImageOptions const& image, std::uint64_t seed) {
+                     ImageOptions const& image) {
     auto const [left, top, right, bottom] = partOf(image);
     auto const samples = static_cast<std::uint32_t>(image.samples);
     std::vector<Vector> const backgrounds = backgroundRows(image);
@@ -57,7 +55,7 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
             camera,
             makeLighting(light, camera, scene),
             samples,
-            seed,
+            image.seed,
             Strata(samples),
             Footprint(scene, camera, left, top, right, bottom),
             backgrounds,
@@ -67,8 +65,8 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
 } // namespace
 
 Picture::Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
-                 ImageOptions const& imageOptions, std::uint64_t seed)
-    : options(imageOptions), plan(makePlan(scene, camera, light, imageOptions, seed)) {
+                 ImageOptions const& imageOptions)
+    : options(imageOptions), plan(makePlan(scene, camera, light, imageOptions)) {
     auto const [left, top, right, bottom] = partOf(options);
     firstColumn = left / tileWidth;
     firstRow = top / tileWidth;
@@ -111,26 +109,27 @@ void Picture::renderTile(std::size_t tile, Image& image, GoOn const& goOn) const
                           image, goOn);
 }
 
-Image renderImage(Scene& scene, Camera const& camera, Options const& options, int threads,
-                  PhaseProgress const& progress) {
-    Picture const picture(scene, camera, options.light, options.image, options.run.seed);
+Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& options,
+                  LightOptions const& light, int threads, PhaseProgress const& progress) {
+    Picture const picture(scene, camera, light, options);
     Image image = picture.emptyImage();
     std::size_t const tiles = picture.tileCount();
 
-    GoOn const goOn = [] { return !Kelpa::InterruptScope::interrupted(); };
     std::atomic<std::size_t> nextTile = 0;
     std::atomic<std::size_t> tilesDone = 0;
     std::mutex failureMutex;
     std::exception_ptr failure;
+    GoOn const goOn = [&] {
+        if (progress)
+            progress(static_cast<double>(tilesDone) / static_cast<double>(tiles), 0);
+        return true; // it throws to stop
+    };
     auto const work = [&] {
         try {
             for (std::size_t tile = nextTile++; tile < tiles; tile = nextTile++) {
                 picture.renderTile(tile, image, goOn);
-                if (!goOn())
-                    throw Interrupted();
-                std::size_t const done = ++tilesDone;
-                if (progress)
-                    progress(static_cast<double>(done) / static_cast<double>(tiles), 0);
+                ++tilesDone;
+                goOn();
             }
         } catch (...) {
             std::lock_guard const hold(failureMutex);

@@ -1,12 +1,12 @@
+// From a scene to a picture.
 #pragma once
 
 #include "pipeline/files/progress.h"
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/image.h"
+#include "pipeline/picture/look.h"
 #include "pipeline/picture/tile.h"
 #include "pipeline/scene/scene.h"
-
-#include "tool/options/options.h"
 
 namespace kelpatool {
 
@@ -17,7 +17,7 @@ namespace kelpatool {
 class Picture {
   public:
     Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
-            ImageOptions const& image, std::uint64_t seed);
+            ImageOptions const& image);
 
     /// An image of the wanted part with the wanted channels, in which no particle shows.
     Image emptyImage() const;
@@ -45,7 +45,7 @@ class Picture {
 ///
 /// Every sample depends on its pixel, its number and the seed alone, so the picture is the same for
 /// any number of threads and any crop. Throws `Interrupted` when `progress` does.
-Image renderImage(Scene& scene, Camera const& camera, Options const& options, int threads,
-                  PhaseProgress const& progress);
+Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& frame,
+                  LightOptions const& look, int threads, PhaseProgress const& progress);
 
 } // namespace kelpatool

@@ -3,9 +3,9 @@
 
 #include "kelpa/foundation/vector.h"
 
-#include "pipeline/picture/image.h"
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/footprint.h"
+#include "pipeline/picture/image.h"
 #include "pipeline/picture/light.h"
 #include "pipeline/picture/sampling.h"
 #include "pipeline/scene/scene.h"

@@ -1,4 +1,5 @@
-#include "pipeline/picture/camera.h"
+#include "pipeline/picture/framing.h"
+#include "pipeline/scene/bounds.h"
 
 #include <algorithm>
 #include <cmath>

@@ -2,7 +2,7 @@
 
 #include "kelpa/foundation/hosttypes.h"
 
-#include "pipeline/scene/scene.h"
+#include "pipeline/scene/geometry.h"
 
 namespace kelpatool {
 

@@ -42,67 +42,6 @@ double distance(Vector const& a, Vector const& b) {
     return std::sqrt(x * x + y * y + z * z);
 }
 
-/// The primitive of one tree behind the scene's interface.
-template <class Primitive> class PrimitiveGeometry final : public Geometry {
-  public:
-    PrimitiveGeometry(Kelpa::ParticleData* first, Kelpa::ParticleData* second, bool movingBounds)
-        : primitive(0, first, second, true), staticBounds(movingBounds ? 0 : 1) {}
-
-    void build(Kelpa::ProgressCallback& progress, Kelpa::ThreadManager* manager,
-               TreeOptions const& options) override {
-        auto const& tree = *primitive.tree;
-        primitive.build(&progress, manager, options.maxDepth.value_or(tree.maxDepth),
-                        options.minNodeSize, options.leafSizeFactor.value_or(tree.leafSizeFactor),
-                        staticBounds);
-    }
-    int intersect(Kelpa::RSRay& ray) override { return primitive.intersect(ray); }
-    bool bunchIntersect(Kelpa::RayBunchExtParams const& rays, Kelpa::RayBunchCommonResult& hits,
-                        double* tMins, double* tMaxs, unsigned char const* lanes,
-                        unsigned long numLanes) override {
-        return primitive.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);
-    }
-    std::uint64_t memory() override {
-        return primitive.getMemUsage() + primitive.tree->getPackedMemUsage();
-    }
-    std::int32_t sphereCount() const override { return primitive.tree->numSpheres; }
-    Bounds bounds() override;
-    std::optional<Bounds> motionBounds() override;
-
-  private:
-    Primitive primitive;
-    int staticBounds;
-};
-
-Vec wide(Vector const& v) {
-    return {static_cast<double>(v.x), static_cast<double>(v.y), static_cast<double>(v.z)};
-}
-
-template <> Bounds PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::bounds() {
-    Kelpa::StaticBox box;
-    primitive.getBBox(box);
-    return {wide(box.pmin), wide(box.pmax)};
-}
-
-template <>
-std::optional<Bounds> PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::motionBounds() {
-    return std::nullopt;
-}
-
-template <> Bounds PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::bounds() {
-    Kelpa::MovingBox box;
-    primitive.getBBox(box);
-    return {wide(box.bounds.min), wide(box.bounds.max)};
-}
-
-template <>
-std::optional<Bounds> PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::motionBounds() {
-    if (staticBounds != 0)
-        return std::nullopt;
-    Kelpa::MovingBox box;
-    primitive.getBBox(box);
-    return Bounds{wide(box.motion.min), wide(box.motion.max)};
-}
-
 /// Particles at the two ends of their way while the shutter is open.
 struct Ways {
     std::vector<Vector> positions0;
@@ -111,32 +50,32 @@ struct Ways {
     std::vector<float> radii1;
 };
 
-std::vector<float> elementRadii(ParticleOptions const& options, ParticleSet const& particles) {
+std::vector<float> elementRadii(RadiusOptions const& options, ParticleSet const& particles) {
     std::vector<float> radii(particles.elements.size());
     std::transform(particles.elements.begin(), particles.elements.end(), radii.begin(),
                    [&](std::uint8_t element) {
-                       return particles.angstrom * elementRadius(element, options.covalentRadii);
+                       return particles.angstrom * elementRadius(element, options.covalent);
                    });
     return radii;
 }
 
 /// The column to colour by, or null.
-Attribute const* coloredColumn(Options const& options, ParticleSet const& particles) {
+Attribute const* coloredColumn(SceneOptions const& options, ParticleSet const& particles) {
     auto const column =
         std::find_if(particles.attributes.begin(), particles.attributes.end(),
                      [&](Attribute const& a) { return a.name == options.color.colorBy; });
     return column == particles.attributes.end() ? nullptr : &*column;
 }
 
-std::vector<Vector> chooseColors(Options const& options, ParticleSet const& particles,
+std::vector<Vector> chooseColors(SceneOptions const& options, ParticleSet const& particles,
                                  std::optional<std::array<float, 2>> const& range) {
     if (options.color.color)
         return {};
     if (!options.color.colorBy.empty()) {
         Attribute const* const column = coloredColumn(options, particles);
         if (column == nullptr)
-            throw InputError(fmt::format("{}: no column '{}' to colour by",
-                                         options.particles.files[0], options.color.colorBy));
+            throw InputError(fmt::format("{}: no column '{}' to colour by", particles.name,
+                                         options.color.colorBy));
         return mapColors(column->values, range);
     }
     if (!particles.colors.empty())
@@ -159,11 +98,11 @@ std::array<double, 2> shutterOf(MotionOptions const& motion, bool hasSecond) {
 }
 
 /// Where the velocities take the particles while the shutter is open.
-Ways waysAlongVelocities(Options const& options, ParticleSet const& particles,
+Ways waysAlongVelocities(SceneOptions const& options, ParticleSet const& particles,
                          std::vector<float> const& radii) {
     if (particles.velocities.empty())
-        throw InputError(fmt::format("{}: no velocities (vx vy vz) for --motion velocity",
-                                     options.particles.files[0]));
+        throw InputError(
+            fmt::format("{}: no velocities (vx vy vz) for --motion velocity", particles.name));
     std::array<double, 2> const shutter = shutterOf(options.motion, false);
     // Caches of film effects have velocities per second, and a shutter opens per frame.
     double const dt = options.motion.dt.value_or(particles.upAxis == 'y' ? 1.0 / 24.0 : 1.0);
@@ -194,7 +133,7 @@ struct Way {
 
 /// Matches two snapshots. Particles that only one of them has stand still where it has them; those
 /// of the second only are added to `particles`, `radii` and `colors`.
-Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet const& second,
+Ways waysBetween(SceneOptions const& options, ParticleSet& particles, ParticleSet const& second,
                  std::vector<float>& radii, std::vector<Vector>& colors,
                  std::optional<std::array<float, 2>> const& colorRange, Note const& note,
                  PhaseProgress const& progress) {
@@ -210,9 +149,9 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
         note(fmt::format("no ids in both files: particles of {} and {} are matched by their order",
                          file0, file1));
     bool const hasRadii =
-        !second.radii.empty() && !options.particles.radius && !particles.radii.empty();
+        !second.radii.empty() && !options.radius.radius && !particles.radii.empty();
     auto const secondRadius = [&](std::size_t i, float otherwise) {
-        return hasRadii ? second.radii[i] * options.particles.radiusScale : otherwise;
+        return hasRadii ? second.radii[i] * options.radius.scale : otherwise;
     };
 
     std::vector<std::int64_t> const indices = findPartners(particles, second);
@@ -243,16 +182,15 @@ Ways waysBetween(Options const& options, ParticleSet& particles, ParticleSet con
                                                  ? chooseColors(options, second, colorRange)
                                                  : std::vector<Vector>{};
     bool const isByElement =
-        particles.radii.empty() && !options.particles.radius && !second.elements.empty();
+        particles.radii.empty() && !options.radius.radius && !second.elements.empty();
     std::vector<float> const secondElementRadii =
-        hasNew && isByElement ? elementRadii(options.particles, second) : std::vector<float>{};
+        hasNew && isByElement ? elementRadii(options.radius, second) : std::vector<float>{};
     for (std::size_t k = 0; k < isMatched.size(); ++k) {
         if (isMatched[k])
             continue;
         ++onlySecond;
-        float const r = secondElementRadii.empty()
-                            ? secondRadius(k, usual)
-                            : secondElementRadii[k] * options.particles.radiusScale;
+        float const r = secondElementRadii.empty() ? secondRadius(k, usual)
+                                                   : secondElementRadii[k] * options.radius.scale;
         ways.push_back({second.positions[k], second.positions[k], r, r});
         particles.ids.push_back(second.ids[k]);
         if (!colors.empty())
@@ -343,9 +281,9 @@ void subtract(std::vector<Vector>& centers, Vec const& origin) {
 
 } // namespace
 
-std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const& particles,
+std::vector<float> chooseRadii(RadiusOptions const& options, ParticleSet const& particles,
                                Note const& note, PhaseProgress const& progress) {
-    std::string const& file = options.files[0];
+    std::string const& file = particles.name;
     std::vector<float> radii;
     if (options.radius) {
         radii.assign(particles.positions.size(), *options.radius);
@@ -354,8 +292,7 @@ std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const
         note(fmt::format("radius from {}", particles.radiusSource));
     } else if (!particles.elements.empty()) {
         radii = elementRadii(options, particles);
-        note(fmt::format("{} radii by element",
-                         options.covalentRadii ? "covalent" : "van der Waals"));
+        note(fmt::format("{} radii by element", options.covalent ? "covalent" : "van der Waals"));
         if (!particles.unknownElements.empty())
             note(fmt::format("{:.2f} for unknown elements: {}",
                              static_cast<double>(1.7F * particles.angstrom),
@@ -377,19 +314,19 @@ std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const
                                file));
     }
     for (float& r : radii)
-        r *= options.radiusScale;
+        r *= options.scale;
     return radii;
 }
 
-Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const* second,
+Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet const* second,
                 Note const& note, PhaseProgress const& progress) {
     Scene scene;
     std::uint64_t const count = particles.positions.size();
-    std::vector<float> radii = chooseRadii(options.particles, particles, note, progress);
+    std::vector<float> radii = chooseRadii(options.radius, particles, note, progress);
     progress(1.0, count);
-    if (!options.particles.radius && particles.radii.empty() && particles.elements.empty() &&
+    if (!options.radius.radius && particles.radii.empty() && particles.elements.empty() &&
         !radii.empty())
-        scene.spacingRadius = radii[0] / options.particles.radiusScale;
+        scene.spacingRadius = radii[0] / options.radius.scale;
     Attribute const* const column = coloredColumn(options, particles);
     if (column != nullptr) {
         scene.colorRange = options.color.range ? *options.color.range : usualRange(column->values);
@@ -423,8 +360,8 @@ Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const
         throw InputError(
             fmt::format("{}: no usable particle ({} read, {} not finite, {} with radius "
                         "0 or less)",
-                        options.particles.files[0], ways.positions0.size(),
-                        scene.rejected.notFinite, scene.rejected.notPositive));
+                        particles.name, ways.positions0.size(), scene.rejected.notFinite,
+                        scene.rejected.notPositive));
     if (scene.largestStep > 0.0)
         note(fmt::format("particles move by {:.3g} on average and {:.3g} at most, {:.3g} radii",
                          scene.meanStep, scene.largestStep,
@@ -434,19 +371,16 @@ Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const
     subtract(scene.framedCenters, scene.origin);
     subtract(ways.positions0, scene.origin);
     subtract(ways.positions1, scene.origin);
-    std::int32_t const type = options.particles.points ? 1 : 0;
+    std::int32_t const type = options.points ? 1 : 0;
     bool const isMoving = !ways.positions1.empty();
     scene.first = std::make_unique<Kelpa::ParticleSystem>(
         std::move(ways.positions0), std::move(ways.radii0), std::vector<Vector>{}, type, 0.0);
     if (isMoving) {
         scene.second = std::make_unique<Kelpa::ParticleSystem>(
             std::move(ways.positions1), std::move(ways.radii1), std::vector<Vector>{}, type, 1.0);
-        scene.geometry = std::make_unique<PrimitiveGeometry<Kelpa::MovingParticlePrimitive>>(
-            scene.first->data(), scene.second->data(), options.motion.movingBounds);
-    } else {
-        scene.geometry = std::make_unique<PrimitiveGeometry<Kelpa::StaticParticlePrimitive>>(
-            scene.first->data(), nullptr, false);
     }
+    scene.geometry = makeGeometry(scene.first->data(), isMoving ? scene.second->data() : nullptr,
+                                  options.motion.movingBounds);
     return scene;
 }
 

@@ -1,14 +1,11 @@
+// Particles ready to be rendered.
 #pragma once
 
 #include "kelpa/host/particlesystem.h"
-#include "kelpa/host/threadpool.h"
-#include "kelpa/particleprimitives/particleprimitives.h"
 
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/progress.h"
-#include "pipeline/picture/camera.h"
-
-#include "tool/options/options.h"
+#include "pipeline/scene/geometry.h"
 
 #include <array>
 #include <cstdint>
@@ -20,27 +17,34 @@
 
 namespace kelpatool {
 
-/// What rays ask: the still or the moving primitive, whichever the scene has.
-class Geometry {
-  public:
-    Geometry() = default;
-    Geometry(Geometry const&) = delete;
-    Geometry& operator=(Geometry const&) = delete;
-    virtual ~Geometry() = default;
+/// How large particles are, where neither the file nor its elements tell.
+struct RadiusOptions {
+    std::optional<float> radius; ///< of all
+    float scale = 1.0F;
+    bool covalent = false; ///< radii by element: covalent instead of van der Waals
+};
 
-    virtual void build(Kelpa::ProgressCallback& progress, Kelpa::ThreadManager* manager,
-                       TreeOptions const& options) = 0;
-    virtual int intersect(Kelpa::RSRay& ray) = 0;
-    virtual bool bunchIntersect(Kelpa::RayBunchExtParams const& rays,
-                                Kelpa::RayBunchCommonResult& hits, double* tMins, double* tMaxs,
-                                unsigned char const* lanes, unsigned long numLanes) = 0;
-    virtual std::uint64_t memory() = 0;
-    /// Spheres that the tree took.
-    virtual std::int32_t sphereCount() const = 0;
-    /// The primitive's bounds, in the scene's coordinates.
-    virtual Bounds bounds() = 0;
-    /// The box of the particles' motion, when the primitive was to report moving bounds.
-    virtual std::optional<Bounds> motionBounds() = 0;
+/// How particles move between two snapshots, or along their velocities.
+struct MotionOptions {
+    std::string motion = "none"; ///< "none", "velocity", "next" or the second snapshot's file
+    std::array<double, 2> times = {0.0, 1.0};     ///< when the two snapshots were taken
+    std::optional<std::array<double, 2>> shutter; ///< in the unit of `times`
+    std::optional<double> dt; ///< the file's unit of time per unit of the shutter
+    bool movingBounds = false;
+};
+
+struct ColorOptions {
+    std::optional<Kelpa::Vector> color; ///< linear
+    std::string colorBy;
+    std::optional<std::array<float, 2>> range;
+};
+
+/// How particles become a scene.
+struct SceneOptions {
+    RadiusOptions radius;
+    bool points = false; ///< with a radius, instead of solid spheres
+    MotionOptions motion;
+    ColorOptions color;
 };
 
 /// Particles left out, by reason.
@@ -80,11 +84,11 @@ using Note = std::function<void(std::string const&)>;
 
 /// Chooses radii and colours, matches snapshots, and makes the particle systems. The tree is not
 /// built. Throws `InputError` when the particles cannot be used, and what `progress` throws.
-Scene makeScene(Options const& options, ParticleSet particles, ParticleSet const* second,
+Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet const* second,
                 Note const& note, PhaseProgress const& progress);
 
 /// The radii that a scene of these particles would have, and where they come from.
-std::vector<float> chooseRadii(ParticleOptions const& options, ParticleSet const& particles,
+std::vector<float> chooseRadii(RadiusOptions const& options, ParticleSet const& particles,
                                Note const& note, PhaseProgress const& progress);
 
 } // namespace kelpatool

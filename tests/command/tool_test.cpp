@@ -1,6 +1,7 @@
 // Runs the real command in a folder of its own and looks at what its user would see.
 
-#include "pipeline/picture/camera.h"
+#include "pipeline/picture/framing.h"
+#include "pipeline/scene/bounds.h"
 
 #include "tests/support/clouds.h"
 #include "tests/support/command.h"

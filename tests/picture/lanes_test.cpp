@@ -4,6 +4,7 @@
 
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/footprint.h"
+#include "pipeline/picture/framing.h"
 #include "pipeline/picture/lanekernels.h"
 #include "pipeline/picture/sampling.h"
 #include "pipeline/picture/vector.h"

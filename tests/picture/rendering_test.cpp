@@ -1,7 +1,7 @@
 // What pictures show: their channels, their parts, their numbers and their cameras.
 
 #include "pipeline/files/numberplace.h"
-#include "pipeline/picture/camera.h"
+#include "pipeline/picture/framing.h"
 #include "pipeline/picture/render.h"
 #include "pipeline/samples/samples.h"
 #include "pipeline/scene/scene.h"
@@ -29,8 +29,8 @@ TEST(OutputNames, TakeTheNumberInTheirOnePlace) {
     EXPECT_EQ(numberedName("#1/%d%/a#%b.png", 12), "#1/%d%/a12%b.png") << "a folder's name stays";
     EXPECT_TRUE(kelpatool::hasNumberPlace("x/#.png"));
     EXPECT_FALSE(kelpatool::hasNumberPlace("#/50%.png"));
-    EXPECT_THROW(numberedName("a.png", 1), kelpatool::UsageError);
-    EXPECT_THROW(numberedName("#-%d.png", 1), kelpatool::UsageError);
+    EXPECT_THROW(numberedName("a.png", 1), std::invalid_argument);
+    EXPECT_THROW(numberedName("#-%d.png", 1), std::invalid_argument);
 }
 
 TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
@@ -83,15 +83,15 @@ using kelpatool::ParticleSet;
 Image render(Options options, ParticleSet const& particles, ParticleSet const* second,
              int threads = 1) {
     options.particles.files = {"first"};
-    options.motion.motion = second != nullptr ? "second" : "none";
+    options.scene.motion.motion = second != nullptr ? "second" : "none";
     auto const ignore = [](auto const&...) {};
-    kelpatool::Scene scene = makeScene(options, particles, second, ignore, ignore);
+    kelpatool::Scene scene = makeScene(options.scene, particles, second, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
     auto const camera =
         placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
                     scene.framedCenters, scene.framedRadii, scene.origin);
-    return renderImage(scene, camera, options, threads, {});
+    return renderImage(scene, camera, options.image, options.light, threads, {});
 }
 
 kelpatool::ImageOptions allChannels(int width, int height, int samples) {
@@ -208,14 +208,14 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     Options options;
     options.image = allChannels(50, 41, 18); // more samples than are taken at once
     auto const ignore = [](auto const&...) {};
-    kelpatool::Scene scene = makeScene(options, particles, nullptr, ignore, ignore);
+    kelpatool::Scene scene = makeScene(options.scene, particles, nullptr, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
     auto const pictureFrom = [&](char const* view) {
         options.camera.view = view;
         auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters,
                                         scene.framedRadii, scene.origin);
-        return kelpatool::Picture(scene, camera, options.light, options.image, 3);
+        return kelpatool::Picture(scene, camera, options.light, options.image);
     };
     auto const render = [](kelpatool::Picture const& picture, std::size_t first, Image& image) {
         for (std::size_t i = 0; i < picture.tileCount(); ++i)

@@ -1,7 +1,8 @@
 #include "kelpa/host/consoleprogress.h"
 
-#include "pipeline/picture/camera.h"
+#include "pipeline/picture/framing.h"
 #include "pipeline/picture/sampling.h"
+#include "pipeline/scene/bounds.h"
 #include "pipeline/scene/bunch.h"
 
 #include "tool/commands/commands.h"
@@ -254,12 +255,12 @@ int runBench(Options const& given) {
     fmt::print("{}: {} particles, {} thread{}, median of {} run{}\n", printable(baseName(file)),
                withCommas(particles.positions.size()), threads, threads == 1 ? "" : "s",
                options.benchRuns, options.benchRuns == 1 ? "" : "s");
-    options.motion.motion = "none";
+    options.scene.motion.motion = "none";
     measure(options, particles, "still");
-    options.motion.motion = given.motion.motion;
-    if (options.motion.motion == "none" && !particles.velocities.empty())
-        options.motion.motion = "velocity";
-    if (options.motion.motion != "none")
+    options.scene.motion.motion = given.scene.motion.motion;
+    if (options.scene.motion.motion == "none" && !particles.velocities.empty())
+        options.scene.motion.motion = "velocity";
+    if (options.scene.motion.motion != "none")
         measure(options, particles, "moving");
     else
         noteTo(options.run)("no velocities in the file; --motion FILE measures moving particles");

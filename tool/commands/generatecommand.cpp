@@ -11,7 +11,7 @@ int runGenerate(Options const& options) {
     checkWritable(options.output);
     ParticleSet const particles =
         withProgress("make", options.run, [&](PhaseProgress const& progress) {
-            return generateParticles(options.kind, options.count, options.run.seed, progress);
+            return generateParticles(options.kind, options.count, options.seed, progress);
         });
     saveParticles(options, particles);
     return 0;

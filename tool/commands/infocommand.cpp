@@ -111,8 +111,8 @@ void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary
 void tellAbout(Options options, std::string const& file, char const* separator) {
     options.particles.files = {file};
     // The whole way between the snapshots.
-    if (hasSecondFile(options) && !options.motion.shutter)
-        options.motion.shutter = options.motion.times;
+    if (hasSecondFile(options) && !options.scene.motion.shutter)
+        options.scene.motion.shutter = options.scene.motion.times;
     ParticleSet particles = readParticles(file, options, true);
     Scene scene = readyScene(options, particles);
     BuildReport report(options.run);

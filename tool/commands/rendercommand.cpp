@@ -1,8 +1,9 @@
 #include "pipeline/files/numberplace.h"
 #include "pipeline/files/outputfile.h"
 #include "pipeline/imagefile/imagefile.h"
-#include "pipeline/picture/camera.h"
+#include "pipeline/picture/framing.h"
 #include "pipeline/picture/render.h"
+#include "pipeline/scene/bounds.h"
 
 #include "tool/commands/commands.h"
 #include "tool/process/standardstreams.h"
@@ -66,12 +67,7 @@ std::vector<std::string> aovNames(ImageOptions const& image) {
 
 /// Refuses, before anything is read, an output that the picture could not be written to.
 void checkOutput(Options const& options) {
-    ImageFormat format{};
-    try {
-        format = imageFormatOf(options.output);
-    } catch (std::invalid_argument const& error) {
-        throw UsageError(error.what());
-    }
+    ImageFormat const format = imageFormatOf(options.output);
     if (options.image.hasAovs() && format != ImageFormat::exr)
         throw UsageError(fmt::format(
             "{}: {} cannot hold --aov {}; write an .exr", baseName(options.output),
@@ -114,7 +110,8 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
                    std::string const& output, RenderStatistics& statistics) {
     Stopwatch const renderTime;
     Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
-        return renderImage(built.scene, camera, options, threadCount(options.run), progress);
+        return renderImage(built.scene, camera, options.image, options.light,
+                           threadCount(options.run), progress);
     });
     throwIfInterrupted();
     double const renderSeconds = renderTime.seconds();
@@ -134,9 +131,17 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
 }
 
-Camera cameraFor(Scene const& scene, Options const& options) {
-    return placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
-                       scene.framedCenters, scene.framedRadii, scene.origin);
+/// The camera of a picture, one of a turn or the only one.
+Camera cameraFor(Scene const& scene, Options const& options, int picture = 0) {
+    auto const place = [&](auto const& placing, auto... which) {
+        return placing(options.camera, which..., options.image.width, options.image.height,
+                       scene.upAxis, scene.framedCenters, scene.framedRadii, scene.origin);
+    };
+    try {
+        return options.camera.turntable > 0 ? place(placeTurntable, picture) : place(placeCamera);
+    } catch (std::invalid_argument const&) {
+        throw UsageError("--eye and --look-at are the same point");
+    }
 }
 
 /// Renders one frame, or the pictures of a turn around it.
@@ -150,15 +155,12 @@ void renderOneFrame(Options const& options, RenderStatistics& statistics) {
     Scene const& scene = built.scene;
     if (!options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
-    auto const& [width, height] = std::pair(options.image.width, options.image.height);
     if (options.camera.turntable == 0)
         renderPicture(built, cameraFor(scene, options), options, nameOfOne(options.output, frame),
                       statistics);
     for (int picture = 0; picture < options.camera.turntable; ++picture)
-        renderPicture(built,
-                      placeTurntable(options.camera, picture, width, height, scene.upAxis,
-                                     scene.framedCenters, scene.framedRadii, scene.origin),
-                      options, numberedName(options.output, picture), statistics);
+        renderPicture(built, cameraFor(scene, options, picture), options,
+                      numberedName(options.output, picture), statistics);
 }
 
 /// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
@@ -182,8 +184,8 @@ void renderFrames(Options const& given, RenderStatistics& statistics) {
             camera = cameraFor(scene, options);
             origin = scene.origin;
             if (scene.spacingRadius)
-                options.particles.radius = scene.spacingRadius;
-            options.color.range = scene.colorRange;
+                options.scene.radius.radius = scene.spacingRadius;
+            options.scene.color.range = scene.colorRange;
         }
         Camera here = *camera;
         here.eye = here.eye + origin - scene.origin;
@@ -201,7 +203,7 @@ int runRender(Options const& options) {
     else
         renderOneFrame(options, statistics);
     if (!options.run.statsFile.empty()) {
-        OutputFile file(options.run.statsFile);
+        OutputFile file(options.run.statsFile, throwIfInterrupted);
         file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));
         file.commit();
     }

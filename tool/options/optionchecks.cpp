@@ -14,8 +14,8 @@ bool hasSecondSnapshot(MotionOptions const& motion) {
 
 /// Refuses options that would have no effect on what was asked for.
 void checkEffects(GivenOption const& isGiven, Options const& options) {
-    bool const isMoving = options.motion.motion != "none";
-    bool const hasVelocity = options.motion.motion == "velocity";
+    bool const isMoving = options.scene.motion.motion != "none";
+    bool const hasVelocity = options.scene.motion.motion == "velocity";
     bool const isFlat = options.light.shade == LightOptions::Shade::flat;
     bool const hasOcclusion = options.light.shade == LightOptions::Shade::ao;
     struct Rule {
@@ -28,7 +28,7 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         {"--bounds", isMoving, "motion: --motion velocity, next or FILE"},
         {"--dt", hasVelocity, "--motion velocity"},
         {"--times", isMoving && !hasVelocity, "a second snapshot: --motion next or FILE"},
-        {"--strict", !options.particles.frames.empty() || options.motion.motion == "next",
+        {"--strict", !options.particles.frames.empty() || options.scene.motion.motion == "next",
          "frames of a sequence: --frames A:B or --motion next"},
         {"--shadows", !isFlat, "light: --shade ao or lit"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
@@ -76,7 +76,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
     if (isGenerate)
         return;
     checkFileCount(isGiven, options);
-    MotionOptions& motion = options.motion;
+    MotionOptions& motion = options.scene.motion;
     if (options.command == Options::Command::render && particles.files.size() == 2) {
         if (motion.motion != "none")
             throw UsageError("two files are two snapshots already; leave --motion out");

@@ -114,25 +114,26 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
         ->group("Radius");
 }
 
-void addParticleOptions(CLI::App& app, ParticleOptions& particles) {
-    auto* const radiusFrom = addReadOptions(app, particles);
+void addParticleOptions(CLI::App& app, Options& options) {
+    auto* const radiusFrom = addReadOptions(app, options.particles);
+    RadiusOptions& radii = options.scene.radius;
     auto* const radius =
-        app.add_option("-r,--radius", particles.radius,
+        app.add_option("-r,--radius", radii.radius,
                        "Radius of all particles; else the file's, by element, or by spacing")
             ->transform(between(smallestRadius, largest))
             ->excludes(radiusFrom)
             ->group("Radius");
-    app.add_option("--radius-scale", particles.radiusScale, "Factor on all radii")
+    app.add_option("--radius-scale", radii.scale, "Factor on all radii")
         ->transform(between(1.0F / largest, largest))
         ->group("Radius");
-    addChoice(app, "--radii", particles.covalentRadii, {{"vdw", false}, {"covalent", true}},
+    addChoice(app, "--radii", radii.covalent, {{"vdw", false}, {"covalent", true}},
               "Element radii; default: vdw")
         ->excludes(radius)
         ->excludes(radiusFrom)
         ->group("Radius");
-    app.add_flag("--points", particles.points, "Points with a radius instead of solid spheres")
+    app.add_flag("--points", options.scene.points, "Points with a radius instead of solid spheres")
         ->group("Radius");
-    app.add_flag("--strict", particles.strict,
+    app.add_flag("--strict", options.particles.strict,
                  "Take frames that a sequence lacks for an error, instead of noting them");
 }
 
@@ -227,7 +228,7 @@ void takeChannels(std::string const& names, ImageOptions& image) {
 }
 
 void addPictureOptions(CLI::App& app, Options& options) {
-    ColorOptions& color = options.color;
+    ColorOptions& color = options.scene.color;
     auto* const one =
         addParsed(
             app, "--color", "COLOR", color.color, parseColorOption,
@@ -341,7 +342,7 @@ void addPictureOptions(CLI::App& app, Options& options) {
     app.add_flag("--shadows,!--no-shadows", light.shadows,
                  "Shadows of the key light; default: with --shade ao")
         ->group("Light");
-    app.add_option("--seed", options.run.seed, "Of the sample patterns")
+    app.add_option("--seed", options.image.seed, "Of the sample patterns")
         ->transform(anySeed())
         ->group("Run");
     app.add_flag("--reproducible", options.run.reproducible,
@@ -384,21 +385,21 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         ->add_option("FILE", options.particles.files,
                      "Particle file; a second one is a later snapshot")
         ->required();
-    addParticleOptions(*render, options.particles);
+    addParticleOptions(*render, options);
     render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
     addParsed(*render, "--frames", "A:B[:S][,...]", options.particles.frames, parseFrameRanges,
               "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; the "
               "output numbers them: img.####.png")
         ->excludes(render->get_option("--frame"));
-    addMotionOptions(*render, options.motion);
+    addMotionOptions(*render, options.scene.motion);
     addPictureOptions(*render, options);
     addTreeOptions(*render, options.tree);
     addRunOptions(*render, options.run);
 
     auto* const info = app.add_subcommand("info", "Tell what a particle file holds");
     info->add_option("FILE", options.particles.files, "Particle files")->required();
-    addParticleOptions(*info, options.particles);
-    addMotionOptions(*info, options.motion);
+    addParticleOptions(*info, options);
+    addMotionOptions(*info, options.scene.motion);
     info->add_flag("--json", options.json, "As JSON");
     addTreeOptions(*info, options.tree);
     addRunOptions(*info, options.run);
@@ -413,8 +414,8 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     auto* const bench =
         app.add_subcommand("bench", "Measure builds and rays with a file's particles");
     bench->add_option("FILE", options.particles.files, "Particle file")->required();
-    addParticleOptions(*bench, options.particles);
-    addMotionOptions(*bench, options.motion);
+    addParticleOptions(*bench, options);
+    addMotionOptions(*bench, options.scene.motion);
     bench->add_option("--runs", options.benchRuns, "Runs, of which the median counts; default: 5")
         ->transform(between(1, 1000));
     bench->add_option("--rays", options.benchRays, "Rays of each kind; default: 200000")
@@ -430,7 +431,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     generate->add_option("--count", options.count, "Particles; default: 100000")
         ->default_val(100000)
         ->transform(between(std::uint64_t{0}, std::uint64_t{2147483647}));
-    generate->add_option("--seed", options.run.seed, "Another sample of the kind")
+    generate->add_option("--seed", options.seed, "Another sample of the kind")
         ->transform(anySeed());
     generate->add_flag("--ascii", options.ascii, "As text");
     addRunOptions(*generate, options.run);

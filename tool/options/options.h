@@ -1,11 +1,13 @@
+// What the command line says.
 #pragma once
 
-#include "kelpa/foundation/vector.h"
 #include "kelpa/host/consoleprogress.h"
 
 #include "pipeline/files/framesource.h"
+#include "pipeline/picture/framing.h"
+#include "pipeline/picture/look.h"
+#include "pipeline/scene/scene.h"
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -15,12 +17,12 @@
 namespace kelpatool {
 
 /// Options that contradict each other or make no sense; the text says which and what to do.
-class UsageError : public std::runtime_error {
+class UsageError : public std::invalid_argument {
   public:
-    using std::runtime_error::runtime_error;
+    using std::invalid_argument::invalid_argument;
 };
 
-/// Which particles, and how large.
+/// Which particles.
 struct ParticleOptions {
     std::vector<std::string> files; ///< one, or two snapshots
     std::string format;
@@ -29,70 +31,11 @@ struct ParticleOptions {
     bool strict = false;                ///< what is missing of a sequence is an error
     std::string assembly;               ///< empty: none
     std::vector<std::uint8_t> elements; ///< atomic numbers of types 1, 2 and so on; empty: as read
-    std::optional<float> radius;
-    std::string radiusFrom;
-    float radiusScale = 1.0F;
-    bool covalentRadii = false;
-    bool points = false;
-};
-
-/// How particles move between two snapshots, or along their velocities.
-struct MotionOptions {
-    std::string motion = "none"; ///< "none", "velocity", "next" or the second snapshot's file
-    std::array<double, 2> times = {0.0, 1.0};     ///< when the two snapshots were taken
-    std::optional<std::array<double, 2>> shutter; ///< in the unit of `times`
-    std::optional<double> dt; ///< the file's unit of time per unit of the shutter
-    bool movingBounds = false;
-};
-
-struct ColorOptions {
-    std::optional<Kelpa::Vector> color; ///< linear
-    std::string colorBy;
-    std::optional<std::array<float, 2>> range;
-};
-
-struct CameraOptions {
-    std::string view;
-    std::optional<Kelpa::Vector> eye;
-    std::optional<Kelpa::Vector> lookAt;
-    std::optional<Kelpa::Vector> up;
-    char upAxis = '\0'; ///< '\0': the format's
-    double fov = 35.0;  ///< vertical, degrees
-    bool ortho = false;
-    double zoom = 1.0;
-    int turntable = 0; ///< pictures of one turn; 0: no turn
-};
-
-struct ImageOptions {
-    int width = 1280;
-    int height = 720;
-    int samples = 16;
-    std::optional<Kelpa::Vector> background; ///< linear
-    bool transparent = false;
-    std::optional<std::array<int, 4>> crop;
-    bool depth = false, normal = false, id = false, position = false;
-
-    bool hasAovs() const { return depth || normal || id || position; }
-};
-
-struct LightOptions {
-    enum class Shade { ao, lit, flat };
-
-    Shade shade = Shade::ao;
-    int aoSamples = 2;
-    std::optional<double> aoDistance;
-    std::optional<bool> shadows; ///< unset: with ambient occlusion only
-};
-
-struct TreeOptions {
-    std::optional<int> maxDepth; ///< unset: the tree's own
-    std::optional<float> leafSizeFactor;
-    float minNodeSize = 0.0F;
+    std::string radiusFrom;             ///< the column of radii; empty: the format's own
 };
 
 struct RunOptions {
     int threads = 0; ///< 0: all processors
-    std::uint64_t seed = 0;
     bool reproducible = false;
     bool quiet = false;
     bool verbose = false;
@@ -107,8 +50,7 @@ struct Options {
 
     Command command = Command::none;
     ParticleOptions particles;
-    MotionOptions motion;
-    ColorOptions color;
+    SceneOptions scene;
     CameraOptions camera;
     ImageOptions image;
     LightOptions light;
@@ -118,6 +60,7 @@ struct Options {
     bool json = false;
     std::string kind; ///< of sample
     std::uint64_t count = 0;
+    std::uint64_t seed = 0; ///< of a sample
     bool ascii = false;
     int benchRuns = 5;
     int benchRays = 200000;

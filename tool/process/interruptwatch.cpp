@@ -2,6 +2,8 @@
 
 #include "kelpa/host/consoleprogress.h"
 
+#include "pipeline/files/outputfile.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -15,30 +17,16 @@ constexpr std::chrono::milliseconds look{20};
 constexpr std::chrono::milliseconds patience{80};
 constexpr int interruptedExit = 130;
 
-std::mutex holdsMutex;
-int holds = 0; // under `holdsMutex`
-
-/// Does not return when nobody holds the process. Whoever wants to from then on waits for ever,
-/// which is not long.
-void endUnlessHeld() {
-    std::lock_guard const decided(holdsMutex);
-    if (holds > 0)
-        return;
-    std::fputs("\nkelpa: interrupted\n", stderr);
-    std::_Exit(interruptedExit);
+/// Does not return unless an output file exists. Whoever wants to make one from then on waits for
+/// ever, which is not long.
+void endUnlessWriting() {
+    OutputFile::ifNoneExists([] {
+        std::fputs("\nkelpa: interrupted\n", stderr);
+        std::_Exit(interruptedExit);
+    });
 }
 
 } // namespace
-
-InterruptWatch::Hold::Hold() {
-    std::lock_guard const guard(holdsMutex);
-    ++holds;
-}
-
-InterruptWatch::Hold::~Hold() {
-    std::lock_guard const guard(holdsMutex);
-    --holds;
-}
 
 InterruptWatch::InterruptWatch() {
     try {
@@ -55,7 +43,7 @@ void InterruptWatch::watch(std::stop_token const& stop) {
         if (ended.wait_for(guard, stop, look, isOver))
             return;
     while (!ended.wait_for(guard, stop, patience, isOver))
-        endUnlessHeld();
+        endUnlessWriting();
 }
 
 } // namespace kelpatool

@@ -1,3 +1,4 @@
+// Ends the process when Ctrl-C would be answered late.
 #pragma once
 
 #include <condition_variable>
@@ -11,19 +12,11 @@ namespace kelpatool {
 /// runs in its scope has not ended for a moment.
 ///
 /// Phases poll, but gathering and packing millions of particles, encoding a picture, opening a pipe
-/// and giving back gigabytes do not. While a `Hold` exists the process is left alone.
+/// and giving back gigabytes do not. While an `OutputFile` exists the process is left alone: its
+/// temporary file has to go first.
 class InterruptWatch {
   public:
     InterruptWatch();
-
-    /// There is a temporary file, which its owner has to remove first.
-    class Hold {
-      public:
-        Hold();
-        ~Hold();
-        Hold(Hold const&) = delete;
-        Hold& operator=(Hold const&) = delete;
-    };
 
   private:
     void watch(std::stop_token const& stop);

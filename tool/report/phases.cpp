@@ -74,8 +74,8 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     read.radiusFrom = options.particles.radiusFrom;
     read.forMotion = hasSecondFile(options);
     read.progress = progress;
-    if (!options.color.colorBy.empty())
-        read.attributes.push_back(options.color.colorBy);
+    if (!options.scene.color.colorBy.empty())
+        read.attributes.push_back(options.scene.color.colorBy);
     return read;
 }
 
@@ -113,8 +113,8 @@ ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
 std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) {
     if (!hasSecondFile(options))
         return std::nullopt;
-    if (options.motion.motion != "next")
-        return readParticles(options.motion.motion, options, false);
+    if (options.scene.motion.motion != "next")
+        return readParticles(options.scene.motion.motion, options, false);
     std::optional<ParticleSet> second =
         withProgress("read", options.run, [&](PhaseProgress const& progress) {
             return source.readAfter(first.frame, readOptions(progress));
@@ -136,7 +136,7 @@ ParticleSet readParticles(std::string const& path, Options const& options, bool 
 }
 
 bool hasSecondFile(Options const& options) {
-    return options.motion.motion != "none" && options.motion.motion != "velocity";
+    return options.scene.motion.motion != "none" && options.scene.motion.motion != "velocity";
 }
 
 Scene readyScene(Options const& options, ParticleSet particles) {
@@ -150,7 +150,7 @@ Scene readyScene(Options const& options, ParticleSet particles, ParticleSet cons
     std::vector<std::string> notes;
     Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
         return makeScene(
-            options, std::move(particles), second,
+            options.scene, std::move(particles), second,
             [&notes](std::string const& text) { notes.push_back(text); }, progress);
     });
     for (std::string const& text : notes)

@@ -1,0 +1,186 @@
+#include "pipeline/picture/framing.h"
+
+#include "pipeline/scene/bounds.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <stdexcept>
+
+namespace kelpatool {
+
+namespace {
+
+Vec axisUp(char upAxis) {
+    return upAxis == 'y' ? Vec{0, 1, 0} : Vec{0, 0, 1};
+}
+
+/// A direction given for y up, turned for the wanted axis.
+Vec turned(Vec const& v, char upAxis) {
+    return upAxis == 'y' ? v : Vec{v.x, -v.z, v.y};
+}
+
+/// The axis along which the centres do not extend, or -1: such a set is seen face on.
+int flatAxis(Bounds const& bounds) {
+    double const extents[3] = {bounds.max.x - bounds.min.x, bounds.max.y - bounds.min.y,
+                               bounds.max.z - bounds.min.z};
+    double const widest = std::max({extents[0], extents[1], extents[2]});
+    int const thinnest = static_cast<int>(std::min_element(extents, extents + 3) - extents);
+    int others = 0;
+    for (double const extent : extents)
+        others += extent > 1e-3 * widest ? 1 : 0;
+    return others == 2 && extents[thinnest] <= 1e-3 * widest ? thinnest : -1;
+}
+
+/// From what is looked at towards the eye.
+Vec viewDirection(CameraOptions const& options, char upAxis, Bounds const& bounds) {
+    if (options.view == "front")
+        return turned({0, 0, 1}, upAxis);
+    if (options.view == "back")
+        return turned({0, 0, -1}, upAxis);
+    if (options.view == "right")
+        return {1, 0, 0};
+    if (options.view == "left")
+        return {-1, 0, 0};
+    if (options.view == "top")
+        return turned({0, 1, 0}, upAxis);
+    if (options.view == "bottom")
+        return turned({0, -1, 0}, upAxis);
+    if (options.view.empty()) {
+        switch (flatAxis(bounds)) {
+        case 0:
+            return {1, 0, 0};
+        case 1:
+            return upAxis == 'y' ? Vec{0, 1, 0} : Vec{0, -1, 0};
+        case 2:
+            return {0, 0, 1};
+        default:
+            break;
+        }
+    }
+    return turned({1, 0.6, 0.8}, upAxis);
+}
+
+void orient(Camera& camera, Vec const& towardsEye, Vec wantedUp) {
+    camera.forward = unit(towardsEye) * -1.0;
+    // Seen along the wanted up direction, another one must do.
+    if (std::abs(dot(camera.forward, unit(wantedUp))) > 0.9999)
+        wantedUp = std::abs(camera.forward.y) < 0.9 ? Vec{0, 1, 0} : Vec{0, 0, -1};
+    camera.right = unit(cross(camera.forward, wantedUp));
+    camera.up = cross(camera.right, camera.forward);
+}
+
+/// How far spheres reach to both sides of a direction across the view.
+struct Reach {
+    double above = -std::numeric_limits<double>::infinity();
+    double below = -std::numeric_limits<double>::infinity();
+
+    void add(double high, double low) {
+        above = std::max(above, high);
+        below = std::max(below, low);
+    }
+    double width() const { return above + below; }
+    double middle() const { return (above - below) / 2.0; }
+};
+
+/// Draws a pinhole back, and moves it across, until all spheres fit.
+///
+/// A sphere at (y, z) in the camera's frame, z towards the eye, with radius r lies inside the upper
+/// plane of a view of half angle a from distance D at height c when
+/// D >= z + ((y - c) cos a + r) / sin a, and likewise for the lower. The largest of either side
+/// over all spheres give the c for which both are least.
+void fitPinhole(Camera& camera, double tanHalfWidth, double tanHalfHeight,
+                std::span<Kelpa::Vector const> centers, std::span<float const> radii) {
+    struct Half {
+        double cotangent;
+        double perSine;
+        Reach reach;
+        explicit Half(double tangent)
+            : cotangent(1.0 / tangent), perSine(std::sqrt(1.0 + cotangent * cotangent)) {}
+        void add(double across, double depth, double radius) {
+            reach.add(depth + across * cotangent + radius * perSine,
+                      depth - across * cotangent + radius * perSine);
+        }
+    };
+    Half horizontal(tanHalfWidth / marginFactor);
+    Half vertical(tanHalfHeight / marginFactor);
+    double nearest = -std::numeric_limits<double>::infinity();
+    for (std::size_t i = 0; i < centers.size(); ++i) {
+        Vec const c = wide(centers[i]);
+        double const depth = -dot(c, camera.forward);
+        double const r = static_cast<double>(radii[i]);
+        horizontal.add(dot(c, camera.right), depth, r);
+        vertical.add(dot(c, camera.up), depth, r);
+        nearest = std::max(nearest, depth + r);
+    }
+    double const distance = std::max(horizontal.reach.width(), vertical.reach.width()) / 2.0;
+    double const x = horizontal.reach.middle() / horizontal.cotangent;
+    double const y = vertical.reach.middle() / vertical.cotangent;
+    camera.eye = camera.right * x + camera.up * y - camera.forward * std::max(distance, nearest);
+}
+
+/// Fits parallel rays: half the height seen, and a plane in front of all spheres.
+void fitParallel(Camera& camera, std::span<Kelpa::Vector const> centers,
+                 std::span<float const> radii) {
+    Reach horizontal;
+    Reach vertical;
+    double nearest = -std::numeric_limits<double>::infinity();
+    for (std::size_t i = 0; i < centers.size(); ++i) {
+        Vec const c = wide(centers[i]);
+        double const r = static_cast<double>(radii[i]);
+        double const x = dot(c, camera.right);
+        double const y = dot(c, camera.up);
+        horizontal.add(x + r, r - x);
+        vertical.add(y + r, r - y);
+        nearest = std::max(nearest, r - dot(c, camera.forward));
+    }
+    double const aspect = static_cast<double>(camera.width) / camera.height;
+    camera.tanHalfHeight =
+        marginFactor * std::max(vertical.width(), horizontal.width() / aspect) / 2.0;
+    camera.eye = camera.right * horizontal.middle() + camera.up * vertical.middle() -
+                 camera.forward * (nearest + camera.tanHalfHeight);
+}
+
+} // namespace
+
+Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
+                   std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                   Vec const& origin) {
+    Bounds const bounds = boundsOf(centers);
+    char const axis = options.upAxis != '\0' ? options.upAxis : upAxis;
+    Vec const up = options.up ? wide(*options.up) : axisUp(axis);
+    Camera camera{};
+    camera.width = width;
+    camera.height = height;
+    camera.isParallel = options.ortho;
+    double const tanHalf = std::tan(options.fov * std::numbers::pi / 360.0);
+    camera.tanHalfHeight = tanHalf;
+
+    Vec const target = options.lookAt ? wide(*options.lookAt) - origin : bounds.centre();
+    if (options.eye) {
+        camera.eye = wide(*options.eye) - origin;
+        Vec const towardsEye = camera.eye - target;
+        if (!(dot(towardsEye, towardsEye) > 0.0))
+            throw std::invalid_argument("the eye is where it looks at");
+        orient(camera, towardsEye, up);
+        if (options.ortho)
+            camera.tanHalfHeight = tanHalf * std::sqrt(dot(towardsEye, towardsEye));
+    } else {
+        orient(camera, viewDirection(options, axis, bounds), up);
+        if (options.ortho)
+            fitParallel(camera, centers, radii);
+        else
+            fitPinhole(camera, tanHalf * width / height, tanHalf, centers, radii);
+        if (options.lookAt) {
+            // The distance stays; the eye moves across until it looks at the point.
+            Vec const across = target - camera.eye;
+            camera.eye = camera.eye + camera.right * dot(across, camera.right) +
+                         camera.up * dot(across, camera.up);
+        }
+    }
+    camera.tanHalfHeight /= options.zoom;
+    return camera;
+}
+
+} // namespace kelpatool

@@ -1,0 +1,50 @@
+// Where a camera stands: as asked for, or so that all spheres just fit.
+#pragma once
+
+#include "kelpa/foundation/vector.h"
+
+#include "pipeline/picture/camera.h"
+#include "pipeline/scene/vec.h"
+
+#include <optional>
+#include <span>
+#include <string>
+
+namespace kelpatool {
+
+struct CameraOptions {
+    std::string view;
+    std::optional<Kelpa::Vector> eye;
+    std::optional<Kelpa::Vector> lookAt;
+    std::optional<Kelpa::Vector> up;
+    char upAxis = '\0'; ///< '\0': the format's
+    double fov = 35.0;  ///< vertical, degrees
+    bool ortho = false;
+    double zoom = 1.0;
+    int turntable = 0; ///< pictures of one turn; 0: no turn
+};
+
+constexpr double marginFactor = 1.05; ///< the part of the picture around the particles
+
+/// Places the camera as the options say; where they are silent, so that all spheres just fit, with
+/// a margin of 5 %.
+///
+/// The pinhole is moved in its plane and drawn back until every sphere touches or lies inside each
+/// of the four planes of the view: an exact fit of the spheres, not of a box around them. `origin`
+/// is what has been subtracted from all centres; the options are in the file's coordinates.
+/// Throws `std::invalid_argument` when the eye is where it looks at.
+Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
+                   std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                   Vec const& origin);
+
+/// The camera of picture `picture` of `options.turntable` that go once around the particles,
+/// against the clock as seen from above.
+///
+/// The distance is the same for all: the sphere around all particles just fits, with the margin of
+/// 5 %; with `options.eye` the eye's own. The axis is the upward direction through what is looked
+/// at. A flat set is seen from the side as well.
+Camera placeTurntable(CameraOptions const& options, int picture, int width, int height, char upAxis,
+                      std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                      Vec const& origin);
+
+} // namespace kelpatool

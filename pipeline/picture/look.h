@@ -1,0 +1,34 @@
+// What a picture shows, and in which light.
+#pragma once
+
+#include "kelpa/foundation/vector.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+
+namespace kelpatool {
+
+struct ImageOptions {
+    int width = 1280;
+    int height = 720;
+    int samples = 16;
+    std::uint64_t seed = 0;                  ///< of the sample patterns
+    std::optional<Kelpa::Vector> background; ///< linear
+    bool transparent = false;
+    std::optional<std::array<int, 4>> crop;
+    bool depth = false, normal = false, id = false, position = false;
+
+    bool hasAovs() const { return depth || normal || id || position; }
+};
+
+struct LightOptions {
+    enum class Shade { ao, lit, flat };
+
+    Shade shade = Shade::ao;
+    int aoSamples = 2;
+    std::optional<double> aoDistance;
+    std::optional<bool> shadows; ///< unset: with ambient occlusion only
+};
+
+} // namespace kelpatool
