@@ -1,6 +1,7 @@
 #pragma once
 // Internal: a short list on the call stack.
 
+#include <cassert>
 #include <cstddef>
 #include <new>
 #include <span>
@@ -22,6 +23,7 @@ template <class T, std::size_t Capacity> class FixedList {
     /// Adds what `make` returns behind the other elements, constructed in its place. The list must
     /// not be full.
     template <class Make> [[gnu::always_inline]] T& add(Make const& make) {
+        assert(!isFull());
         return *::new (static_cast<void*>(room + sizeof(T) * used++)) T(make());
     }
 

@@ -4,6 +4,7 @@
 #include "kelpa/foundation/sequence.h"
 
 #include <algorithm>
+#include <cassert>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -109,6 +110,8 @@ template <BuildRecord Record, int BlockSize> class Partition {
             numUpper = closeGaps(upper.first(numUpper), cuts, &CutRecord::upper, upperSide);
         }
 
+        // Each record went somewhere, and no lower one over a record that is still to be read.
+        assert(numLower + numUpper <= length + numCut && numLower <= length);
         newestLower = lower.first(numLower);
         source.skip(length);
         lowerEnd.skip(numLower);
@@ -175,6 +178,7 @@ void moveBack(SequenceST<Record, BlockSize>& data, SequenceST<Record, BlockSize>
             visit(to[i]);
         }
         front.skip(length);
+        assert(length > 0); // what was moved to scratch lies there, behind the rest
         scratch.removeLast(static_cast<std::int32_t>(length));
         left -= length;
     }
@@ -190,6 +194,7 @@ template <LeafEntry Entry> struct StoredRun {
 template <LeafEntry Entry, int LeafBlock, BuildRecord Record, int BlockSize>
 StoredRun<Entry> storeRun(Sequence<Entry, LeafBlock>& leaves, SequenceST<Record, BlockSize>& data,
                           std::int32_t count) {
+    assert(count >= 1);
     Entry* const run = leaves.newElements(count);
     Entry* end = run;
     std::int32_t const copied = visitRecords(

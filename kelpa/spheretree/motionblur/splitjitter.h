@@ -5,6 +5,7 @@
 #include "kelpa/spheretree/splitchoice.h"
 
 #include <bit>
+#include <cassert>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -57,6 +58,7 @@ inline Quad splitFractions(std::int32_t level) {
         }
         return drawn;
     }();
+    assert(1 <= level && level <= levelLimit);
     return levels[static_cast<std::size_t>(level)];
 }
 
