@@ -181,6 +181,29 @@ TEST(Tables, GrowToTheNextStepAndKeepTheirElements) {
     }
 }
 
+TEST(Locks, AreFreeForOthersOnceTheirOwnerHasLeftAsOftenAsItEntered) {
+    FastCriticalSection section;
+    auto const isFree = [&section] {
+        bool entered = false;
+        std::thread([&] {
+            entered = pthread_mutex_trylock(&section.mutex) == 0;
+            if (entered)
+                section.leave();
+        }).join();
+        return entered;
+    };
+    section.enter();
+    ASSERT_EQ(pthread_mutex_trylock(&section.mutex), 0) << "the owner may enter again";
+    {
+        LockScope const scope(section);
+        section.leave();
+        EXPECT_FALSE(isFree());
+    }
+    EXPECT_FALSE(isFree());
+    section.leave();
+    EXPECT_TRUE(isFree());
+}
+
 TEST(Exceptions, CutTheirTextAtItsBound) {
     std::string const text(2000, 'x');
     for (std::size_t const length : {0U, 1023U, 1024U, 2000U}) {

@@ -1,5 +1,6 @@
 #include "kelpa/host/consoleprogress.h"
 #include "kelpa/host/particlesystem.h"
+#include "kelpa/host/snapshots.h"
 #include "kelpa/host/threadpool.h"
 #include "kelpa/particleprimitives/particleprimitives.h"
 
@@ -9,9 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <csignal>
 #include <functional>
 #include <future>
+#include <stdexcept>
 
 using namespace Kelpa;
 using kelpatest::Random;
@@ -236,8 +239,55 @@ TEST(ProgressLine, TellsEachTenthOnceAndNothingOfShortPhases) {
         << longer;
 }
 
+TEST(Snapshots, ArePutInOrderAndIntoTheShutter) {
+    std::vector<Vector> const here(300), there(300, Vector{1, 2, 3});
+    std::vector<float> const radii(300, 0.5F);
+    ParticleSystem const earlier(here, radii, {}, 0, 24.0), later(there, radii, {}, 1, 26.0);
+    auto const expectPair = [&](SnapshotPair const& pair, double time0, double time1) {
+        EXPECT_EQ(pair.first.positions, earlier.positions.data());
+        EXPECT_EQ(pair.second.positions, later.positions.data());
+        EXPECT_EQ(pair.second.particleType, 1);
+        EXPECT_EQ(pair.first.sampleTime, time0);
+        EXPECT_EQ(pair.second.sampleTime, time1);
+    };
+    expectPair(snapshotsInShutter(earlier.snapshot(), later.snapshot()), 0.0, 1.0);
+    expectPair(snapshotsInShutter(later.snapshot(), earlier.snapshot(), 24.0, 25.0), 0.0, 2.0);
+    expectPair(snapshotsInShutter(later.snapshot(), earlier.snapshot(), 23.0, 27.0), 0.25, 0.75);
+    SnapshotPair const still = snapshotsInShutter(later.snapshot(), later.snapshot(), 25.0, 30.0);
+    EXPECT_EQ(still.second.positions, later.positions.data());
+    EXPECT_EQ(still.second.sampleTime - still.first.sampleTime, 1.0);
+
+    // What it is for: as they are, these snapshots give a tree of 8 million entries.
+    SnapshotPair pair = snapshotsInShutter(later.snapshot(), earlier.snapshot());
+    MovingParticlePrimitive primitive(0, &pair.first, &pair.second, true);
+    primitive.build(nullptr, nullptr, 80, 0.0F, 1.0F, 1);
+    EXPECT_EQ(primitive.tree->numOutsideShutter, 0);
+
+    ParticleData nowhen = earlier.snapshot();
+    nowhen.sampleTime = std::nan("");
+    using Refusal = std::invalid_argument;
+    EXPECT_THROW(snapshotsInShutter(nowhen, later.snapshot()), Refusal);
+    EXPECT_THROW(snapshotsInShutter(earlier.snapshot(), later.snapshot(), 1.0, 1.0), Refusal);
+    EXPECT_THROW(snapshotsInShutter(earlier.snapshot(), later.snapshot(), 0.0, INFINITY), Refusal);
+    for (double const opens :
+         {22.0, 26.0}) // ends where the snapshots begin, or begins at their end
+        EXPECT_THROW(snapshotsInShutter(earlier.snapshot(), later.snapshot(), opens, opens + 2.0),
+                     Refusal);
+    EXPECT_THROW(snapshotsInShutter(later.snapshot(), later.snapshot(), 27.0, 28.0), Refusal);
+
+    ParticleSystem away({}, {}, {}, 0, 24.0), inside({}, {}, {}, 0, 1.0);
+    std::string const told = stderrOf([&] {
+        away.data();
+        away.data();
+        inside.data();
+        inside.snapshot();
+    });
+    EXPECT_EQ(told.find("[ParticleSystem] The sample time 24 lies outside the shutter"), 0U);
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << "once";
+}
+
 TEST(ParticleSystem, ShowsItsOwnArraysAndNullWhereItHasNone) {
-    ParticleSystem system({{1, 2, 3}, {4, 5, 6}}, {0.5F}, {}, 1, 2.5);
+    ParticleSystem system({{1, 2, 3}, {4, 5, 6}}, {0.5F}, {}, 1, 0.25);
     ParticleData const& view = *system.data();
     EXPECT_EQ(view.positions, system.positions.data());
     EXPECT_EQ(view.radii, system.radii.data());
@@ -245,7 +295,7 @@ TEST(ParticleSystem, ShowsItsOwnArraysAndNullWhereItHasNone) {
     EXPECT_EQ(view.numRadii, 1);
     EXPECT_EQ(view.numColors, 0);
     EXPECT_EQ(view.particleType, 1);
-    EXPECT_EQ(view.sampleTime, 2.5);
+    EXPECT_EQ(view.sampleTime, 0.25);
 }
 
 } // namespace

@@ -40,6 +40,16 @@ run(${CMAKE_COMMAND} -S ${SCRATCH}/consumer -B ${SCRATCH}/consumer/build
     -DCMAKE_PREFIX_PATH=${SCRATCH}/prefix -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_CXX_FLAGS=${FLAGS})
 run(${CMAKE_COMMAND} --build ${SCRATCH}/consumer/build)
 
+# Older compilers are told in a line.
+file(WRITE ${SCRATCH}/consumer/older.cpp "#include <kelpa/particleprimitives/particleprimitives.h>\n")
+execute_process(COMMAND ${CXX} -std=c++17 -I${SCRATCH}/prefix/include -fsyntax-only
+    ${SCRATCH}/consumer/older.cpp ERROR_VARIABLE told RESULT_VARIABLE result)
+string(REGEX MATCHALL "error:" errors "${told}")
+list(LENGTH errors count)
+if(result EQUAL 0 OR count GREATER 2 OR NOT told MATCHES "Kelpa needs C\\+\\+20")
+    message(FATAL_ERROR "a compiler for C++17 is told: ${told}")
+endif()
+
 file(GLOB_RECURSE pc ${SCRATCH}/prefix/kelpa.pc)
 get_filename_component(pc_dir ${pc} DIRECTORY)
 set(ENV{PKG_CONFIG_PATH} ${pc_dir})

@@ -84,6 +84,40 @@ TEST(PrimitiveChain, AnswersByDefaultAndAsksItsParentForTheRest) {
     EXPECT_EQ(top.passed, bunch.get());
 }
 
+/// Expands into five and collapses into seven, and says when.
+class Expanding final : public DynamicPrimitive<StaticBox> {
+  public:
+    explicit Expanding(RecordingRaycaster& asked) : raycaster(asked) {}
+    void getBBox(StaticBox&) override {}
+    int splittable() override { return 1; }
+    void split(int, float, StaticBox&, StaticBox&) override {}
+    int expand(DynamicRaycaster<StaticBox>* from, int index) override {
+        EXPECT_EQ(from, &raycaster);
+        EXPECT_TRUE(raycaster.unloads.empty());
+        return 5 + index;
+    }
+    int collapse(DynamicRaycaster<StaticBox>* from, int index) override {
+        EXPECT_EQ(from, &raycaster);
+        EXPECT_EQ(raycaster.unloads.size(), 1U) << "told before";
+        return 7 + index;
+    }
+
+  private:
+    RecordingRaycaster& raycaster;
+};
+
+TEST(PrimitiveChain, LoadsByExpandingAndCollapsesAfterTelling) {
+    RecordingRaycaster raycaster;
+    Expanding primitive(raycaster);
+    Resource& resource = primitive;
+    EXPECT_EQ(resource.load(nullptr, 100, &raycaster), 105);
+    EXPECT_EQ(resource.unload(nullptr, 200, &raycaster), 207);
+    EXPECT_EQ(raycaster.unloads, (decltype(raycaster.unloads){{200, &primitive}}));
+    Resource plain;
+    EXPECT_EQ(plain.load(nullptr, 1, &raycaster) + plain.unload(nullptr, 1, &raycaster), 0);
+    EXPECT_EQ(raycaster.unloads.size(), 1U);
+}
+
 TEST(StillPrimitives, LoadWithoutExpandingAndTellWhenTheyUnload) {
     StaticParticlePrimitive primitive(0, nullptr, nullptr, false);
     RecordingRaycaster raycaster;

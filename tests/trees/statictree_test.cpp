@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -99,7 +100,8 @@ TEST(StillTrees, TakeOnlyParticlesThatCanBePlaced) {
     // Centres and radii of no use leave no trace but in the memory figure.
     Cloud cloud = uniform.make(4, 1000);
     cloud.systems[0].positions[17].y = nan;
-    cloud.systems[0].radii[18] = 1e-16F;
+    cloud.systems[0].radii[18] = std::nextafter(1e-15F, 0.0F);
+    cloud.systems[0].radii[19] = 1e-15F; // the smallest
     StillScene scene(std::move(cloud));
     EXPECT_EQ(scene.tree.getMemUsage(), 0U);
     ParticleData& data = scene.cloud.systems[0].data;
@@ -210,6 +212,13 @@ TEST(BuildMessages, TellEveryPhaseAndFigure) {
     EXPECT_EQ(scene.tree.bbox.min.x, 1e20F);
     EXPECT_EQ(scene.tree.bbox.max.z, -1e20F);
     EXPECT_EQ(printableBytes(std::uint64_t{1} << 31), intMax);
+
+    // 1,120,000 bytes are 1.07 MB.
+    StillScene larger(uniform.make(1, 35000));
+    RecordingProgress counting;
+    larger.tree.build(&counting, &manager);
+    EXPECT_EQ(counting.lines.at(1), "0 30000 Allocating memory for build data of 35000 spheres "
+                                    "(1120000 bytes, 1.1 MB).\n");
 }
 
 } // namespace
