@@ -96,24 +96,24 @@ template <ThreadedBuild Tree, class Job> void finishJob(Tree& tree, Job& job) {
 /// The done event of a threaded build, and what its threads hold of it.
 template <ThreadedBuild Tree> class JobResources {
   public:
-    JobResources(Tree& owner, unsigned int manualReset)
-        : tree(owner), heldForRoot(static_cast<std::int64_t>(owner.threads[0].data.getMemUsage())) {
+    JobResources(Tree& owner, unsigned int manualReset) : tree(owner) {
         if (hasDoneEvent(tree))
             tree.doneEvent = uniCreateEvent(nullptr, manualReset, 0, nullptr);
     }
     JobResources(JobResources const&) = delete;
     JobResources& operator=(JobResources const&) = delete;
     ~JobResources() {
-        std::uint64_t const freed = close();
-        // The records that jobs were given on the way had not been counted.
-        addBuildBytes(tree, -heldForRoot);
+        std::int64_t counted = 0;
+        std::uint64_t const freed = close(counted);
+        // Records grow while jobs run, which is not counted at once.
+        addBuildBytes(tree, -counted);
         notePeak(tree, freed);
     }
 
   private:
-    /// Returns the bytes of the threads' records. Under the lock, so that the worker that ended
-    /// last has let go of it.
-    std::uint64_t close() {
+    /// Returns the bytes of the threads' records, and adds up those that are counted. Under the
+    /// lock, so that the worker that ended last has let go of it.
+    std::uint64_t close(std::int64_t& counted) {
         LockScope const scope(tree.threadLock);
         if (hasDoneEvent(tree))
             uniCloseHandle(tree.doneEvent);
@@ -121,6 +121,7 @@ template <ThreadedBuild Tree> class JobResources {
         std::uint64_t bytes = 0;
         for (std::int32_t i = 0; i < tree.numThreads; ++i) {
             bytes += tree.threads[i].data.getMemUsage();
+            counted += std::exchange(tree.threads[i].countedBytes, 0);
             tree.threads[i].data.freeData();
             tree.threads[i].tree = nullptr;
             tree.threads[i].progress = nullptr;
@@ -129,7 +130,6 @@ template <ThreadedBuild Tree> class JobResources {
     }
 
     Tree& tree;
-    std::int64_t const heldForRoot;
 };
 
 /// Blocks at the end of its scope, exceptions included, until all jobs have ended.
@@ -176,12 +176,19 @@ template <ThreadedBuild Tree> void rethrowFirstFailure(Tree& tree) {
         std::rethrow_exception(std::exchange(tree.failure, nullptr));
 }
 
+/// Counts what a job's records have grown by as held for the build.
+template <class Job> void countRecords(Job& job) {
+    auto const bytes = static_cast<std::int64_t>(job.data.getMemUsage());
+    addBuildBytes(*job.tree, bytes - std::exchange(job.countedBytes, bytes));
+}
+
 /// What a build thread's `proc` does: its subtree, then its end. No exception passes; the first
 /// stays with the tree.
 template <class Job> void runSubtreeJob(Job& job) {
     if (job.tree == nullptr)
         return;
     try {
+        countRecords(job);
         job.tree->buildNode(job.node, job.box, job.data, job.data.getCount(), job.depth,
                             job.progress, &job.data, job.level);
     } catch (...) {
@@ -211,11 +218,6 @@ void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
         tree.threads[i].tree = &tree;
         tree.threads[i].progress = progress;
     }
-}
-
-/// Counts the root job's records as held, once they are made. The end of the jobs gives them back.
-template <class Tree, class Records> void holdRecords(Tree& tree, Records const& records) {
-    addBuildBytes(tree, static_cast<std::int64_t>(records.getMemUsage()));
 }
 
 /// Claims the first thread for the root job; its records are the caller's to fill.

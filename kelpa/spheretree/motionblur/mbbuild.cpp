@@ -309,7 +309,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     MBSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     makeRecords(tree, records);
-    holdRecords(tree, records);
+    countRecords(tree.threads[0]);
     findBounds(tree, staticBounds);
     widenByMargin(tree.rootBox.box);
     runJobs(tree, tree.rootBox, 0, report);

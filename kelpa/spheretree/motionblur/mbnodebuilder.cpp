@@ -291,6 +291,7 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
     Spans spans;
     CountedBytes const spanBytes(*this,
                                  sizeof(FrameSpan) * static_cast<std::size_t>(std::max(count, 0)));
+    std::uint64_t const recordBytes = data.getMemUsage();
     VelocitySum velocities;
     auto const addVelocity = [&velocities](MBSphereData const& record) { velocities.add(record); };
     visitRecords(data, count, addVelocity);
@@ -301,6 +302,7 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
                                 isAborted);
         },
         addVelocity);
+    notePeak(*this, data.getMemUsage() - recordBytes); // what they grew by, beside the spans
 }
 
 template void MBSphereTree<MBSphere, 20000, 20000>::storeSpheres(Node*, MBSphereRecords&, int);

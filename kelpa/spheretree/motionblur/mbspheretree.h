@@ -41,7 +41,8 @@ class MBSphereBuildThread final : public UnwaitingProcedure {
     MBSphereNode* node = nullptr;         ///< the subtree's root
     std::int32_t depth = 0;               ///< of `node`, as in `buildNode`
     std::int32_t level = 0;               ///< of `node`, as in `buildNode`
-    std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
+    std::thread::id endedOn;       ///< where the last job ended; under the tree's `threadLock`
+    std::int64_t countedBytes = 0; ///< of `data`, in the tree's `buildBytes`
 };
 
 /// A tree over moving spheres that splits space and time. Every node moves with the mean velocity

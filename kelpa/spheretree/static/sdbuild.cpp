@@ -106,7 +106,7 @@ void buildThreaded(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* 
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
-    holdRecords(tree, records);
+    countRecords(tree.threads[0]);
     ordered.forgetNames();
     widenByMargin(tree.bbox);
     runJobs(tree, tree.bbox, 1, report);

@@ -40,7 +40,8 @@ class SDSphereBuildThread final : public UnwaitingProcedure {
     SDSphereNode<SDSphere>* node = nullptr; ///< the subtree's root
     std::int32_t depth = 0;                 ///< of `node`, as in `buildNode`
     std::int32_t level = 0;                 ///< of `node`, as in `buildNode`
-    std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
+    std::thread::id endedOn;       ///< where the last job ended; under the tree's `threadLock`
+    std::int64_t countedBytes = 0; ///< of `data`, in the tree's `buildBytes`
 };
 
 /// A kd-tree over spheres: a sphere that a plane cuts is found on both of its sides.
