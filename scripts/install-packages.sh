@@ -4,7 +4,7 @@
 # `install-packages.sh --no-tests` leaves out what only tests and benchmark use.
 set -euo pipefail
 
-packages=(g++ cmake make pkg-config libpng-dev libopenexr-dev libcli11-dev libfmt-dev zlib1g-dev
+packages=(g++ cmake make pkg-config libpng-dev libopenexr-dev libcli11-dev libfmt-dev zlib1g-dev libzstd-dev liblzma-dev libbz2-dev
           gemmi-dev tao-pegtl-dev)
 if [[ "${1:-}" != --no-tests ]]; then
     packages+=(libgtest-dev libbenchmark-dev pybind11-dev python3-dev python3-numpy libtbb-dev)

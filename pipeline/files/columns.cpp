@@ -7,35 +7,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 namespace kelpatool {
 
 namespace {
-
-template <class Operation> void withType(ScalarType type, Operation operation) {
-    switch (type) {
-    case ScalarType::int8:
-        return operation(std::int8_t{});
-    case ScalarType::uint8:
-        return operation(std::uint8_t{});
-    case ScalarType::int16:
-        return operation(std::int16_t{});
-    case ScalarType::uint16:
-        return operation(std::uint16_t{});
-    case ScalarType::int32:
-        return operation(std::int32_t{});
-    case ScalarType::uint32:
-        return operation(std::uint32_t{});
-    case ScalarType::int64:
-        return operation(std::int64_t{});
-    case ScalarType::uint64:
-        return operation(std::uint64_t{});
-    case ScalarType::float32:
-        return operation(float{});
-    case ScalarType::float64:
-        return operation(double{});
-    }
-}
 
 /// A whole number for an id; NaN and what no 64-bit number can hold become -1.
 template <class Number> std::int64_t idOf(Number value) {
@@ -93,8 +69,11 @@ void reverseColumn(std::size_t bytes, char* at, std::size_t step, std::size_t co
 } // namespace
 
 ScalarType storedFromText(std::string_view name, ScalarType declared) {
+    // Beyond 2^53 a double would merge neighbours.
+    if (declared == ScalarType::int64 || declared == ScalarType::uint64)
+        return declared;
     if (name == "id")
-        return ScalarType::int64; // beyond 2^53 a double would merge neighbours
+        return ScalarType::int64;
     return declared == ScalarType::float32 ? ScalarType::float32 : ScalarType::float64;
 }
 
@@ -103,16 +82,21 @@ bool storeWord(Column const& column, std::string_view word, char* row) {
         std::memcpy(row + column.offset, &number, sizeof number);
         return true;
     };
+    auto const storeWhole = [&]<class Whole>(Whole whole) {
+        if (parseNumber(word, whole))
+            return store(whole);
+        double number = 0.0; // such as 1e3
+        return parseNumber(word, number) && store(static_cast<Whole>(idOf(number)));
+    };
+    if (column.stored == ScalarType::int64)
+        return storeWhole(std::int64_t{});
+    if (column.stored == ScalarType::uint64)
+        return storeWhole(std::uint64_t{});
     float single = 0.0F;
     if (column.stored == ScalarType::float32)
         return parseNumber(word, single) && store(single);
-    std::int64_t whole = 0;
-    if (column.stored == ScalarType::int64 && parseNumber(word, whole))
-        return store(whole);
     double number = 0.0;
-    if (!parseNumber(word, number))
-        return false;
-    return column.stored == ScalarType::int64 ? store(idOf(number)) : store(number);
+    return parseNumber(word, number) && store(number);
 }
 
 RowConverter::RowConverter(ParticleSet& set, std::vector<Column> rowColumns,
@@ -156,12 +140,16 @@ template <class Operation> void RowConverter::forEachArray(Operation operation) 
         case Target::attribute:
             operation(particles.attributes[use.part].values);
             break;
+        case Target::typed: // grows by bytes
+            break;
         }
     }
 }
 
 void RowConverter::reserve(std::size_t count) {
     forEachArray([=](auto& array) { array.reserve(count); });
+    for (TypedColumn& column : particles.typed)
+        column.bytes.reserve(count * scalarBytes(column.type));
 }
 
 void RowConverter::append(char const* rows, std::size_t count, std::size_t rowBytes,
@@ -225,11 +213,30 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
         return convertColumn<std::int64_t>(column.stored, from, rowBytes, count,
                                            &particles.types[converted], sizeof(std::int64_t),
                                            [](auto number) { return idOf(number); });
+    case Target::typed:
+        return keep(use, from, count, rowBytes);
     case Target::element:
         return convertColumn<std::uint8_t>(
             column.stored, from, rowBytes, count, &particles.elements[converted], 1,
             [](auto number) { return elementOf(static_cast<double>(number)); });
     }
+}
+
+/// Appends a column's values as they are, but for a diameter's, which become radii.
+void RowConverter::keep(ColumnUse const& use, char const* from, std::size_t count,
+                        std::size_t rowBytes) {
+    std::vector<char>& bytes = particles.typed[use.part].bytes;
+    withType(columns[use.column].stored, [&]<class Number>(Number value) {
+        std::size_t at = bytes.size();
+        bytes.resize(at + count * sizeof value);
+        for (std::size_t row = 0; row < count; ++row) {
+            std::memcpy(&value, from + row * rowBytes, sizeof value);
+            if constexpr (std::is_same_v<Number, double>)
+                value *= static_cast<double>(use.factor);
+            std::memcpy(bytes.data() + at, &value, sizeof value);
+            at += sizeof value;
+        }
+    });
 }
 
 void RowConverter::summarise(std::size_t column, char const* rows, std::size_t count,

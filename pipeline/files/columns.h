@@ -22,6 +22,7 @@ struct Column {
     ScalarType stored;      ///< how a row in memory holds it: text is parsed to fewer types
     std::size_t offset;     ///< in a row, in bytes
     bool isDerived = false; ///< computed, and so not summarised; behind all that are read
+    bool isText = false;    ///< numbers of no declared type
 };
 
 /// The type in which a text reader stores a column: one that keeps every digit.
@@ -40,13 +41,14 @@ enum class Target : std::uint8_t {
     element,
     type,
     attribute,
+    typed,
 };
 
 /// One thing that a column is read for. A column may have several uses.
 struct ColumnUse {
     std::size_t column;
     Target target;
-    std::size_t part = 0; ///< the axis, or which of the attributes
+    std::size_t part = 0; ///< the axis, or which of the attributes or typed columns
     float factor = 1.0F;  ///< for radii
 };
 
@@ -64,6 +66,7 @@ class RowConverter {
 
   private:
     void convert(ColumnUse const& use, char const* rows, std::size_t count, std::size_t rowBytes);
+    void keep(ColumnUse const& use, char const* from, std::size_t count, std::size_t rowBytes);
     void summarise(std::size_t column, char const* rows, std::size_t count, std::size_t rowBytes);
     template <class Operation> void forEachArray(Operation operation);
 

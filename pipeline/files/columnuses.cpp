@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace kelpatool {
 
@@ -64,16 +65,68 @@ struct UseChooser {
         return {};
     }
 
-    /// Keeps every column of the file that nothing uses so far.
-    void keepTheRest(std::vector<Attribute>& attributes) {
+    /// Keeps every column that the arrays of particles do not hold to the last digit.
+    void keepAll(ParticleSet& particles) {
         std::vector<bool> isUsed(columns.size(), false);
-        for (ColumnUse const& use : uses)
-            isUsed[use.column] = true;
+        std::vector<std::string> taken;
+        std::vector<ColumnUse> const chosen = uses;
+        for (ColumnUse const& use : chosen) {
+            isUsed[use.column] = isUsed[use.column] || use.target != Target::image;
+            taken.push_back(nameOf(use));
+            if (!fitsItsArray(use))
+                keep(use.column, taken.back(), use.factor, particles);
+        }
         for (std::size_t column = 0; column < columns.size(); ++column) {
             if (isUsed[column] || columns[column].isDerived)
                 continue;
-            uses.push_back({column, Target::attribute, attributes.size()});
-            attributes.push_back({columns[column].name, {}});
+            std::string const& name = columns[column].name;
+            if (std::find(taken.begin(), taken.end(), name) != taken.end())
+                particles.leftOut.push_back("column " + quoted(name));
+            else
+                keep(column, name, 1.0F, particles);
+        }
+    }
+
+    void keep(std::size_t column, std::string name, float factor, ParticleSet& particles) {
+        uses.push_back({column, Target::typed, particles.typed.size(), factor});
+        particles.typed.push_back(
+            {std::move(name), columns[column].stored, columns[column].isText});
+    }
+
+    /// The name that a column's numbers go by when they are particles.
+    static std::string nameOf(ColumnUse const& use) {
+        constexpr std::string_view names[][3] = {
+            {"x", "y", "z"}, {"red", "green", "blue"}, {"vx", "vy", "vz"}};
+        switch (use.target) {
+        case Target::position:
+            return std::string(names[0][use.part]);
+        case Target::color:
+            return std::string(names[1][use.part]);
+        case Target::velocity:
+            return std::string(names[2][use.part]);
+        case Target::radius:
+            return "radius";
+        case Target::id:
+            return "id";
+        default:
+            return {};
+        }
+    }
+
+    /// Whether the array that a column is read into holds all of its digits.
+    bool fitsItsArray(ColumnUse const& use) const {
+        ScalarType const type = columns[use.column].stored;
+        switch (use.target) {
+        case Target::color: // codes become light
+            return !isFloating(columns[use.column].declared) || type == ScalarType::float32;
+        case Target::position:
+        case Target::velocity:
+        case Target::radius:
+            return type == ScalarType::float32 || scalarBytes(type) < 4;
+        case Target::id:
+            return type != ScalarType::uint64;
+        default:
+            return true;
         }
     }
 
@@ -120,7 +173,7 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
         particles.attributes.push_back({name, {}});
     }
     if (options.allAttributes)
-        chooser.keepTheRest(particles.attributes);
+        chooser.keepAll(particles);
     return std::move(chooser.uses);
 }
 

@@ -2,6 +2,7 @@
 
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/textvalues.h"
+#include "pipeline/files/unpacking.h"
 
 #include <algorithm>
 #include <iterator>
@@ -54,6 +55,23 @@ bool isGro(std::string_view head) {
     return hasPoints && isDigit(row[4]) && isDigit(row[19]);
 }
 
+/// A data file of LAMMPS has, behind a title, lines that end with "atoms" and with "xlo xhi".
+bool isLammpsData(std::string_view head) {
+    bool hasAtoms = false;
+    bool hasBox = false;
+    for (std::size_t begin = head.find('\n'); begin < head.size(); begin = head.find('\n', begin)) {
+        ++begin;
+        std::string_view line = head.substr(begin, head.find('\n', begin) - begin);
+        double number = 0.0;
+        if (!parseNumber(nextWord(line), number))
+            continue;
+        std::string_view const second = nextWord(line);
+        hasAtoms = hasAtoms || second == "atoms";
+        hasBox = hasBox || (parseNumber(second, number) && nextWord(line) == "xlo");
+    }
+    return hasAtoms && hasBox;
+}
+
 bool isPdb(std::string_view head) {
     constexpr std::string_view records[] = {"HEADER ", "ATOM  ",  "HETATM", "CRYST1",
                                             "REMARK ", "MODEL  ", "COMPND "};
@@ -81,12 +99,13 @@ constexpr FileFormat formats[] = {
     {"gro", "GRO", ".gro", isGro, readGro}, // before XYZ: its title may be a whole number
     {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
     {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, readLammps},
+    {"lammps-data", "LAMMPS data", ".data .lmp", isLammpsData, readLammpsData},
     {"bgeo", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, readBgeo},
     {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr, newBgeo},
     {"", "the packed BGEO of newer Houdini", ".bgeo.sc", startsWith<'s', 'c', 'f', '1'>, nullptr,
      newBgeo},
     {"pdb", "PDB", ".pdb .ent", isPdb, readPdb, {}, true},
-    {"mmcif", "mmCIF", ".cif .mmcif", isMmCif, readMmCif, {}, true},
+    {"mmcif", "CIF", ".cif .mmcif", isMmCif, readMmCif, {}, true},
     {"vdb", "OpenVDB points", ".vdb", startsWith<' ', 'B', 'D', 'V'>, readVdb},
 };
 
@@ -124,14 +143,12 @@ FileFormat const& findFormat(InputFile& file, std::string const& wanted) {
         file.fail("no format {}; {} can be read", quoted(wanted),
                   listFormats(&FileFormat::name, "and"));
     }
-    constexpr std::size_t longestMagic = 1024;
+    constexpr std::size_t longestMagic = 16384; // CIF may begin with pages of comment
     std::string_view const head = file.peek(longestMagic);
     for (FileFormat const& format : formats)
         if (format.recognise(head))
             return format;
-    std::string_view path = file.path();
-    if (path.ends_with(".gz"))
-        path.remove_suffix(3);
+    std::string_view const path = withoutPacking(file.path());
     for (FileFormat const& format : formats)
         if (format.hasSuffixOf(path))
             return format;

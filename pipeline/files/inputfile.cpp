@@ -1,14 +1,17 @@
 #include "pipeline/files/inputfile.h"
 
+#include "pipeline/files/unpacking.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
+#include <stdexcept>
 #include <system_error>
 
 namespace kelpatool {
@@ -18,30 +21,24 @@ namespace {
 constexpr std::size_t chunkBytes = 256 * 1024; // fits the second-level cache, 0.1 ms of disk
 constexpr std::size_t longestLine = 64 * 1024 * 1024;
 
-bool startsGzip(unsigned char const* bytes) {
-    return bytes[0] == 0x1f && bytes[1] == 0x8b;
-}
-
 std::string systemMessage(int error) {
     return std::generic_category().message(error);
 }
 
 } // namespace
 
-/// The state of decompression: one zlib stream over all members of the file.
-struct InputFile::Inflation {
-    z_stream stream{};
-    bool betweenMembers = true; ///< at the start, and after each member's checksum
-    unsigned char raw[chunkBytes];
+/// The state of unpacking: packed bytes at hand, and the stream that they belong to.
+struct InputFile::Packed {
+    explicit Packed(Packing const& packing) : kind(packing), unpacking(packing.make()) {}
 
-    Inflation() {
-        if (inflateInit2(&stream, 15 + 16) != Z_OK) // largest window, gzip wrapping only
-            throw std::bad_alloc();
-        stream.next_in = raw;
-    }
-    ~Inflation() { inflateEnd(&stream); }
-    Inflation(Inflation const&) = delete;
-    Inflation& operator=(Inflation const&) = delete;
+    std::string_view left() const { return {raw.data() + begin, end - begin}; }
+
+    Packing const& kind;
+    std::unique_ptr<Unpacking> unpacking;
+    bool betweenStreams = true; ///< at the start, and after each stream's checksum
+    std::vector<char> raw = std::vector<char>(chunkBytes);
+    std::size_t begin = 0; ///< bytes [begin, end) of `raw` are at hand
+    std::size_t end = 0;
 };
 
 InputFile::InputFile(std::string path, PhaseProgress phase)
@@ -61,12 +58,14 @@ InputFile::InputFile(std::string path, PhaseProgress phase)
         fail("cannot be opened: {}", systemMessage(errno));
     try {
         buffer.resize(chunkBytes);
-        std::string_view const head = peek(2);
-        if (head.size() >= 2 && startsGzip(reinterpret_cast<unsigned char const*>(head.data()))) {
-            // What was read so far is the first input of the decompression.
-            inflation = std::make_unique<Inflation>();
-            std::memcpy(inflation->raw, buffer.data(), end);
-            inflation->stream.avail_in = static_cast<uInt>(end);
+        if (Packing const* const packing = packingOf(peek(longestPackingMagic))) {
+            if (packing->make == nullptr)
+                fail("it is packed by {}, which this kelpa was built without; unpack it first",
+                     packing->name);
+            // What was read so far is the first input of the unpacking.
+            packed = std::make_unique<Packed>(*packing);
+            std::memcpy(packed->raw.data(), buffer.data(), end);
+            packed->end = end;
             end = 0;
         }
         if (peek(1).empty())
@@ -81,8 +80,12 @@ InputFile::~InputFile() {
     close(descriptor);
 }
 
+std::string_view InputFile::packing() const {
+    return packed ? packed->kind.name : std::string_view();
+}
+
 std::optional<std::uint64_t> InputFile::bytesLeft() const {
-    if (!regular || inflation)
+    if (!regular || packed)
         return std::nullopt;
     // A file that still grows while it is read may be ahead of the size it had.
     return (std::max(size, rawBytesRead) - rawBytesRead) + (end - begin);
@@ -143,7 +146,7 @@ std::optional<std::string_view> InputFile::nextLine() {
 }
 
 void InputFile::verifyChecksum() {
-    while (inflation && !peek(1).empty())
+    while (packed && !peek(1).empty())
         begin = end;
 }
 
@@ -157,8 +160,8 @@ bool InputFile::fetch() {
     begin = 0;
     if (end == buffer.size())
         buffer.resize(2 * buffer.size());
-    std::size_t const got = inflation ? inflateSome(buffer.data() + end, buffer.size() - end)
-                                      : readRaw(buffer.data() + end, buffer.size() - end);
+    std::size_t const got = packed ? unpackSome(buffer.data() + end, buffer.size() - end)
+                                   : readRaw(buffer.data() + end, buffer.size() - end);
     end += got;
     ended = got == 0;
     return !ended;
@@ -196,47 +199,52 @@ void InputFile::waitForBytes() const {
         poll();
 }
 
-/// Puts more compressed bytes behind those not yet used; false at the end of the file.
+/// Puts more packed bytes behind those not yet used; false at the end of the file.
 bool InputFile::refill() {
-    z_stream& stream = inflation->stream;
-    std::memmove(inflation->raw, stream.next_in, stream.avail_in);
-    stream.next_in = inflation->raw;
-    poll(); // a long row of empty members gives no bytes, and so no fetch
-    std::size_t const got = readRaw(reinterpret_cast<char*>(inflation->raw) + stream.avail_in,
-                                    sizeof inflation->raw - stream.avail_in);
-    stream.avail_in += static_cast<uInt>(got);
+    std::string_view const left = packed->left();
+    std::memmove(packed->raw.data(), left.data(), left.size());
+    packed->begin = 0;
+    packed->end = left.size();
+    poll(); // a long row of empty streams gives no bytes, and so no fetch
+    std::size_t const got =
+        readRaw(packed->raw.data() + packed->end, packed->raw.size() - packed->end);
+    packed->end += got;
     return got > 0;
 }
 
-/// Decompresses until there is at least one byte; 0 after the last member.
-std::size_t InputFile::inflateSome(char* to, std::size_t space) {
-    z_stream& stream = inflation->stream;
-    stream.next_out = reinterpret_cast<Bytef*>(to);
-    stream.avail_out = static_cast<uInt>(std::min<std::size_t>(space, 1U << 30));
-    uInt const before = stream.avail_out;
-    while (stream.avail_out == before) {
-        if (inflation->betweenMembers) {
-            // What follows the last member and is no member itself, such as the zeros that pad a
-            // tape block, is ignored, as gzip does.
-            while (stream.avail_in < 2 && refill()) {
-            }
-            if (stream.avail_in < 2 || !startsGzip(stream.next_in))
-                return 0;
-            inflateReset(&stream);
-            inflation->betweenMembers = false;
-        } else if (stream.avail_in == 0 && !refill()) {
-            fail("the gzip data ends early, after {} bytes; the file is incomplete", rawBytesRead);
-        }
-        int const result = inflate(&stream, Z_NO_FLUSH);
-        if (result == Z_STREAM_END)
-            inflation->betweenMembers = true;
-        else if (result == Z_MEM_ERROR)
-            throw std::bad_alloc();
-        else if (result != Z_OK && result != Z_BUF_ERROR)
-            fail("the gzip data is damaged near byte {}: {}", rawBytesRead - stream.avail_in,
-                 stream.msg != nullptr ? stream.msg : "not a stream");
+/// Whether another stream of the same kind follows. What follows the last and is none itself, such
+/// as the zeros that pad a tape block, is ignored, as gzip does.
+bool InputFile::beginsStream() {
+    while (packed->left().size() < longestPackingMagic && refill()) {
     }
-    return before - stream.avail_out;
+    if (packingOf(packed->left()) != &packed->kind)
+        return false;
+    packed->unpacking->begin();
+    packed->betweenStreams = false;
+    return true;
+}
+
+/// Unpacks until there is at least one byte; 0 after the last stream.
+std::size_t InputFile::unpackSome(char* to, std::size_t space) {
+    std::span<char> out(to, space);
+    while (out.size() == space) {
+        if (packed->betweenStreams) {
+            if (!beginsStream())
+                return 0;
+        } else if (packed->left().empty() && !refill()) {
+            fail("the {} data ends early, after {} bytes; the file is incomplete",
+                 packed->kind.name, rawBytesRead);
+        }
+        std::span<char const> in(packed->left());
+        try {
+            packed->betweenStreams = packed->unpacking->unpack(in, out);
+        } catch (std::runtime_error const& error) {
+            fail("the {} data is damaged near byte {}: {}", packed->kind.name,
+                 rawBytesRead - in.size(), error.what());
+        }
+        packed->begin = packed->end - in.size();
+    }
+    return space - out.size();
 }
 
 } // namespace kelpatool

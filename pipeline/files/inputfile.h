@@ -16,11 +16,11 @@
 
 namespace kelpatool {
 
-/// The bytes of a file from front to back, plain or gzipped; which of the two, the content tells.
+/// The bytes of a file from front to back, plain or packed; which of the two, the content tells.
 ///
 /// Memory grows with the longest line asked for, never with what a header claims. The progress is
 /// polled with every fetch from the file, so no loop that reads can forget it.
-/// Every operation throws `InputError` when the file cannot be read or its gzip data is damaged.
+/// Every operation throws `InputError` when the file cannot be read or its packed data is damaged.
 class InputFile {
   public:
     /// Opens the file; a missing, unreadable or empty file and a folder are refused.
@@ -34,7 +34,8 @@ class InputFile {
     std::string const& path() const { return filePath; }
     /// Its number with the system, for what reads it in ways of its own.
     int handle() const { return descriptor; }
-    bool isGzip() const { return inflation != nullptr; }
+    /// How its bytes are packed, such as "gzip"; empty: they are plain.
+    std::string_view packing() const;
     /// Whether opening the same path gives the same bytes again; false for a pipe.
     bool canBeReadAgain() const { return regular; }
     /// How many bytes follow, where that is known without reading them: in a plain file.
@@ -55,7 +56,7 @@ class InputFile {
     std::optional<std::string_view> nextLine();
     /// The same line once more, before it is taken.
     std::optional<std::string_view> peekLine();
-    /// Reads gzipped data to its end, where its checksum is.
+    /// Reads packed data to its end, where its checksum is.
     void verifyChecksum();
 
     /// Throws an `InputError` that starts with the file's name.
@@ -74,14 +75,15 @@ class InputFile {
     int frames = 0; ///< whole ones behind, kept by readers of formats that hold several
 
   private:
-    struct Inflation;
+    struct Packed;
 
     std::size_t lineLength();
     std::optional<std::string_view> firstLine(std::size_t length) const;
     bool fetch();
     std::size_t readRaw(char* to, std::size_t space);
-    std::size_t inflateSome(char* to, std::size_t space);
+    std::size_t unpackSome(char* to, std::size_t space);
     bool refill();
+    bool beginsStream();
     void waitForBytes() const;
     void poll() const;
 
@@ -92,8 +94,8 @@ class InputFile {
     std::uint64_t size = 0;
     std::uint64_t rawBytesRead = 0;
     std::uint64_t linesTaken = 0;
-    std::unique_ptr<Inflation> inflation; ///< null: the file is plain
-    std::vector<char> buffer;             ///< bytes [begin, end) are at hand
+    std::unique_ptr<Packed> packed; ///< null: the file is plain
+    std::vector<char> buffer;       ///< bytes [begin, end) are at hand
     std::size_t begin = 0;
     std::size_t end = 0;
     bool ended = false;

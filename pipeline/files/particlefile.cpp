@@ -26,7 +26,8 @@ ParticleFile::~ParticleFile() = default;
 
 ParticleSet ParticleFile::read(ReadOptions const& options) {
     // Readers of many frames count those behind them, and can go on; others start again.
-    bool const goesOn = open && open->file.frames > 0 && options.frame >= open->file.frames;
+    bool const goesOn = open && options.assembly.empty() && open->file.frames > 0 &&
+                        options.frame >= open->file.frames;
     std::unique_ptr<Open> current =
         goesOn ? std::move(open) : std::make_unique<Open>(path, options);
     InputFile& file = current->file;
@@ -40,8 +41,8 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
         file.fail("{} has no assemblies; --assembly is for PDB and mmCIF", format.title);
     try {
         ParticleSet particles = format.read(file, options);
-        if (file.isGzip())
-            particles.format += ", gzip";
+        if (!file.packing().empty())
+            particles.format += fmt::format(", {}", file.packing());
         open = std::move(current);
         return particles;
     } catch (InputError const&) {

@@ -2,6 +2,8 @@
 
 #include "kelpa/foundation/vector.h"
 
+#include "pipeline/files/scalartype.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +17,14 @@ namespace kelpatool {
 struct Attribute {
     std::string name;
     std::vector<float> values;
+};
+
+/// A column that is kept in its own type, every digit of it.
+struct TypedColumn {
+    std::string name;
+    ScalarType type = ScalarType::float64;
+    bool isText = false;       ///< parsed from text, whose type says nothing about its digits
+    std::vector<char> bytes{}; ///< the values, one behind the other
 };
 
 /// The range of one column as it stands in the file, for `kelpa info`.
@@ -45,6 +55,9 @@ struct ParticleSet {
     std::vector<std::int64_t> types;    ///< kinds of particles that the file only numbers
     std::vector<Kelpa::Vector> images;  ///< by how many edges of `cell` wrapping moved each back
     std::vector<Attribute> attributes;  ///< those that the reader was asked for
+    /// When asked for, every further column, and under the names "x", "vx", "red", "radius" and
+    /// "id" those that the arrays above are too narrow for.
+    std::vector<TypedColumn> typed;
 
     std::optional<PeriodicCell> cell;
     bool isUnwrapped = false; ///< positions go on beyond the cell: no jumps from frame to frame
@@ -57,8 +70,9 @@ struct ParticleSet {
     std::string colorSource; ///< the columns that `colors` came from
     std::vector<AttributeSummary> columns;    ///< filled when asked for
     std::vector<std::string> unknownElements; ///< symbols that are in no table
-    std::vector<std::string> notes;           ///< what the user should know, a line each
-    int frame = 0;      ///< which of them, or of the files of a sequence, this is
+    std::vector<std::string> leftOut; ///< what the file holds besides, such as "list 'links'"
+    std::vector<std::string> notes;   ///< what the user should know, a line each
+    int frame = 0;                    ///< which of them, or of the files of a sequence, this is
     int frameCount = 1; ///< frames in the file, as far as the reader had to count them
     /// How many frames' time after the one that it was read to follow it was taken: more than 1
     /// where files of a sequence are missing in between.

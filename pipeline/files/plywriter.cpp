@@ -2,16 +2,18 @@
 
 #include "pipeline/files/outputfile.h"
 #include "pipeline/files/srgb.h"
+#include "pipeline/files/textvalues.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <iterator>
-#include <limits>
+#include <utility>
 
 namespace kelpatool {
 
@@ -65,97 +67,162 @@ std::string headerName(std::string name) {
     return name.empty() ? "_" : name;
 }
 
+/// What PLY calls a type.
+char const* plyType(ScalarType type) {
+    constexpr char const* names[] = {"char", "uchar", "short",  "ushort", "int",
+                                     "uint", "int64", "uint64", "float",  "double"};
+    return names[static_cast<int>(type)];
+}
+
+/// Whether a single-precision number has all digits of the text that a number was parsed from.
+bool isToldByFloat(double value) {
+    auto const single = static_cast<float>(value);
+    if (static_cast<double>(single) == value || std::isnan(value))
+        return true;
+    double reread = 0.0;
+    parseNumber(fmt::format("{}", single), reread);
+    return reread == value;
+}
+
+template <class Number> Number valueAt(TypedColumn const& column, std::size_t particle) {
+    Number value;
+    std::memcpy(&value, column.bytes.data() + particle * sizeof value, sizeof value);
+    return value;
+}
+
 /// Lists the columns that a set has.
 class ColumnList {
   public:
-    ColumnList(ParticleSet const& particles, bool asText, PhaseProgress const& progress)
-        : ascii(asText) {
+    ColumnList(ParticleSet const& set, bool asText, PhaseProgress const& phase)
+        : particles(set), progress(phase), ascii(asText) {
         addVectors({"x", "y", "z"}, particles.positions);
-        if (!particles.radii.empty())
+        if (!particles.radii.empty() && !addKept("radius"))
             addNumbers("float", "radius", particles.radii);
         if (!particles.colors.empty())
             addColors(particles.colors, isExactInBytes(particles.colors, progress));
         if (!particles.velocities.empty())
             addVectors({"vx", "vy", "vz"}, particles.velocities);
-        if (!particles.ids.empty())
-            addWholeNumbers("id", particles.ids);
+        if (!particles.ids.empty() && !addKept("id"))
+            addWholeNumbers("id", [&ids = particles.ids](std::size_t i) { return ids[i]; });
         if (!particles.types.empty())
-            addWholeNumbers("type", particles.types);
+            addWholeNumbers("type", [&types = particles.types](std::size_t i) { return types[i]; });
         if (!particles.elements.empty())
             addNumbers("uchar", "element", particles.elements);
-        for (Attribute const& attribute : particles.attributes) {
-            std::string const name = headerName(attribute.name);
-            bool const isTaken =
-                std::any_of(columns.begin(), columns.end(),
-                            [&](OutputColumn const& column) { return column.name == name; });
-            if (!isTaken) // such as `z` kept for colouring
-                addNumbers("float", name, attribute.values);
-        }
+        for (Attribute const& attribute : particles.attributes)
+            if (std::string const name = headerName(attribute.name); !has(name))
+                addNumbers("float", name, attribute.values); // else such as `z` kept for colouring
+        for (TypedColumn const& column : particles.typed)
+            if (!has(headerName(column.name)))
+                addTyped(column);
     }
 
     std::vector<OutputColumn> columns;
 
   private:
-    template <class Number>
-    void addNumbers(std::string type, std::string name, std::vector<Number> const& values) {
+    bool has(std::string const& name) const {
+        return std::any_of(columns.begin(), columns.end(),
+                           [&](OutputColumn const& column) { return column.name == name; });
+    }
+
+    template <class Get> void add(std::string type, std::string name, Get get) {
         columns.push_back({std::move(type), std::move(name),
-                           [&values, text = ascii](std::string& bytes, std::size_t particle) {
-                               appendNumber(bytes, values[particle], text);
+                           [get, text = ascii](std::string& bytes, std::size_t particle) {
+                               appendNumber(bytes, get(particle), text);
                            }});
     }
 
-    void addVectors(std::array<std::string, 3> names, std::vector<Kelpa::Vector> const& values) {
+    template <class Number>
+    void addNumbers(std::string type, std::string name, std::vector<Number> const& values) {
+        add(std::move(type), std::move(name), [&values](std::size_t i) { return values[i]; });
+    }
+
+    /// Each axis as it is kept in its own type, if it is.
+    void addVectors(std::array<char const*, 3> names, std::vector<Kelpa::Vector> const& values) {
         for (int axis = 0; axis < 3; ++axis)
-            columns.push_back(
-                {"float", names[static_cast<std::size_t>(axis)],
-                 [&values, axis, text = ascii](std::string& bytes, std::size_t particle) {
-                     appendNumber(bytes, values[particle][axis], text);
-                 }});
+            if (char const* const name = names[static_cast<std::size_t>(axis)]; !addKept(name))
+                add("float", name, [&values, axis](std::size_t i) { return values[i][axis]; });
     }
 
     /// Colours that came from bytes go back to the same bytes; others stay linear numbers, so that
     /// nothing is lost.
     void addColors(std::vector<Kelpa::Vector> const& colors, bool areBytes) {
+        constexpr std::array<char const*, 3> names = {"red", "green", "blue"};
         if (!areBytes)
-            return addVectors({"red", "green", "blue"}, colors);
-        char const* const names[] = {"red", "green", "blue"};
+            return addVectors(names, colors);
         for (int axis = 0; axis < 3; ++axis)
-            columns.push_back(
-                {"uchar", names[axis],
-                 [&colors, axis, text = ascii](std::string& bytes, std::size_t particle) {
-                     appendNumber(
-                         bytes, static_cast<std::uint8_t>(exactCode(colors[particle][axis])), text);
-                 }});
+            add("uchar", names[static_cast<std::size_t>(axis)], [&colors, axis](std::size_t i) {
+                return static_cast<std::uint8_t>(exactCode(colors[i][axis]));
+            });
+    }
+
+    /// Adds a column that is kept in its own type; false when there is none of this name.
+    bool addKept(std::string_view name) {
+        for (TypedColumn const& column : particles.typed)
+            if (column.name == name) {
+                addTyped(column);
+                return true;
+            }
+        return false;
+    }
+
+    void addTyped(TypedColumn const& column) {
+        std::string const name = headerName(column.name);
+        if (column.type == ScalarType::int64)
+            return addWholeNumbers(
+                name, [&column](std::size_t i) { return valueAt<std::int64_t>(column, i); });
+        if (column.type == ScalarType::float64 && column.isText && isToldByFloats(column))
+            return add("float", name, [&column](std::size_t i) {
+                return static_cast<float>(valueAt<double>(column, i));
+            });
+        withType(column.type, [&]<class Number>(Number) {
+            add(plyType(column.type), name,
+                [&column](std::size_t i) { return valueAt<Number>(column, i); });
+        });
+    }
+
+    bool isToldByFloats(TypedColumn const& column) const {
+        for (std::size_t i = 0; i < particles.positions.size(); ++i) {
+            poll(i);
+            if (!isToldByFloat(valueAt<double>(column, i)))
+                return false;
+        }
+        return true;
     }
 
     /// The type that most readers know and that loses nothing: 64-bit types are no part of PLY as
     /// it was published.
-    void addWholeNumbers(char const* name, std::vector<std::int64_t> const& numbers) {
-        auto const [least, most] = std::minmax_element(numbers.begin(), numbers.end());
-        auto const fits = [low = *least, high = *most](std::int64_t from, std::int64_t to) {
-            return low >= from && high <= to;
+    template <class Get> void addWholeNumbers(std::string name, Get get) {
+        std::int64_t low = 0;
+        std::int64_t high = 0;
+        for (std::size_t i = 0; i < particles.positions.size(); ++i) {
+            poll(i);
+            low = std::min<std::int64_t>(low, get(i));
+            high = std::max<std::int64_t>(high, get(i));
+        }
+        auto const fits = [&]<class Whole>(Whole) {
+            return std::in_range<Whole>(low) && std::in_range<Whole>(high);
         };
         constexpr std::int64_t exactInDouble = std::int64_t{1} << 53;
-        if (fits(std::numeric_limits<std::int32_t>::min(),
-                 std::numeric_limits<std::int32_t>::max()))
-            addNumbersAs<std::int32_t>("int", name, numbers);
-        else if (fits(0, std::numeric_limits<std::uint32_t>::max()))
-            addNumbersAs<std::uint32_t>("uint", name, numbers);
-        else if (fits(-exactInDouble, exactInDouble))
-            addNumbersAs<double>("double", name, numbers);
+        if (fits(std::int32_t{}))
+            add("int", std::move(name),
+                [get](std::size_t i) { return static_cast<std::int32_t>(get(i)); });
+        else if (fits(std::uint32_t{}))
+            add("uint", std::move(name),
+                [get](std::size_t i) { return static_cast<std::uint32_t>(get(i)); });
+        else if (low >= -exactInDouble && high <= exactInDouble)
+            add("double", std::move(name),
+                [get](std::size_t i) { return static_cast<double>(get(i)); });
         else
-            addNumbers("int64", name, numbers);
+            add("int64", std::move(name), get);
     }
 
-    template <class Number>
-    void addNumbersAs(std::string type, std::string name,
-                      std::vector<std::int64_t> const& numbers) {
-        columns.push_back({std::move(type), std::move(name),
-                           [&numbers, text = ascii](std::string& bytes, std::size_t particle) {
-                               appendNumber(bytes, static_cast<Number>(numbers[particle]), text);
-                           }});
+    void poll(std::size_t particle) const {
+        if (progress && particle % pollEvery == 0)
+            progress(0.0, 0);
     }
 
+    ParticleSet const& particles;
+    PhaseProgress const& progress;
     bool ascii;
 };
 

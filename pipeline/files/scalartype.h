@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string_view>
 
 namespace kelpatool {
 
@@ -27,6 +26,32 @@ constexpr std::size_t scalarBytes(ScalarType type) {
 
 constexpr bool isFloating(ScalarType type) {
     return type == ScalarType::float32 || type == ScalarType::float64;
+}
+
+/// Calls `operation` with a zero of the type.
+template <class Operation> void withType(ScalarType type, Operation operation) {
+    switch (type) {
+    case ScalarType::int8:
+        return operation(std::int8_t{});
+    case ScalarType::uint8:
+        return operation(std::uint8_t{});
+    case ScalarType::int16:
+        return operation(std::int16_t{});
+    case ScalarType::uint16:
+        return operation(std::uint16_t{});
+    case ScalarType::int32:
+        return operation(std::int32_t{});
+    case ScalarType::uint32:
+        return operation(std::uint32_t{});
+    case ScalarType::int64:
+        return operation(std::int64_t{});
+    case ScalarType::uint64:
+        return operation(std::uint64_t{});
+    case ScalarType::float32:
+        return operation(float{});
+    case ScalarType::float64:
+        return operation(double{});
+    }
 }
 
 } // namespace kelpatool

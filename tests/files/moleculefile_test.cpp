@@ -1,7 +1,11 @@
 // PDB and mmCIF: which atoms are read, and the assemblies that are built of them.
 
+#include "pipeline/files/framesource.h"
+
 #include "tests/support/particlefolder.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 using namespace kelpatool;
@@ -64,7 +68,6 @@ TEST_F(Molecules, HoldAtomsAsPdb) {
     EXPECT_EQ(particles.attributes[0].values[7], 20.25F);
     EXPECT_EQ(particles.attributes[1].values[7], 1.0F);
     EXPECT_EQ(particles.ids.size(), 8U);
-    EXPECT_TRUE(holdsAll(particles.notes.at(0), {"holds 2 models; the first is read"}));
     EXPECT_TRUE(holdsAll(complaintAbout("MODEL        1\n" + first), {"after 10 atoms without"}));
     std::string const cut = complaintAbout(first.substr(0, first.size() - 40));
     EXPECT_TRUE(holdsAll(cut, {"a:10: the record of an atom ends in column 39"}));
@@ -74,6 +77,94 @@ TEST_F(Molecules, HoldAtomsAsPdb) {
         << odd;
     EXPECT_TRUE(holdsAll(complaintAbout("HEADER    X\nEND\n"), {"no ATOM or HETATM"}));
     EXPECT_TRUE(holdsAll(complaintAbout(first, {.frame = 1}), {"no frame 1"}));
+}
+
+TEST_F(Molecules, AreFramesWhereAFileHoldsSeveralModels) {
+    std::string models =
+        "HEADER    X\nCRYST1   10.000   20.000   30.000  90.00 120.00  90.00 P 1\n";
+    for (int model = 1; model <= 3; ++model) {
+        std::string const number = std::to_string(model);
+        models += "MODEL        " + number + "\n";
+        for (int copy = 0; copy < model; ++copy)
+            models += atom(" N", ' ', "SER", 'A', copy, static_cast<float>(model), " N");
+        models += "TER\nENDMDL\n";
+    }
+    std::string cif = "data_X\nloop_\n_atom_site.Cartn_x\n_atom_site.Cartn_y\n_atom_site.Cartn_z\n"
+                      "_atom_site.pdbx_PDB_model_num\n1 0 0 7\n2 0 0 8\n2 0 0 8\n3 0 0 5\n3 0 0 5\n"
+                      "3 0 0 5\n#\n";
+    for (std::string const& text : {models + "END\n", cif}) {
+        for (auto const& [frame, found] : {std::pair{0, 1}, {1, 2}, {2, 3}, {-1, 3}, {-3, 1}}) {
+            ParticleSet const set = read(text, {.frame = frame});
+            EXPECT_EQ(xOf(set), std::vector<float>(static_cast<std::size_t>(found),
+                                                   static_cast<float>(found)));
+        }
+        EXPECT_EQ(read(text, {.summarise = true}).frameCount, 3);
+        EXPECT_TRUE(holdsAll(complaintAbout(text, {.frame = 3}), {"no frame 3; it has 3"}));
+        FrameSource source(file("models", text)); // one way through the file
+        for (int frame = 0; frame < 3; ++frame)
+            EXPECT_EQ(source.read(frame, {}).positions.size(), static_cast<std::size_t>(frame + 1));
+    }
+    PeriodicCell const cell = read(models + "END\n").cell.value();
+    EXPECT_NEAR(cell.edges[2][0], -15.0, 1e-9);
+    EXPECT_NEAR(cell.edges[2][2], 30.0 * std::sqrt(0.75), 1e-9);
+    // Lines of other frames are damaged, not those of this one.
+    EXPECT_TRUE(
+        holdsAll(read(models.substr(0, models.size() - 12), {.summarise = true}).notes.at(0),
+                 {"model 2 ends after 3 atoms without an ENDMDL"}));
+    EXPECT_TRUE(holdsAll(read("\n# x\n" + cif.substr(0, cif.size() - 10)).notes.at(0),
+                         {":13: the file ends here, behind a row"}));
+}
+
+TEST_F(Molecules, MayHaveWhatTheyLikeBehindTheElement) {
+    // Before 1996 the entry's name and the number of the line; a charge; letters of a program.
+    std::string lines;
+    for (char const* const end :
+         {"      1ABC 123", "      1ABC1234", "           C2+", "           C 9"})
+        lines += atom(" CA", ' ', "SER", 'A', 1, 1, "").substr(0, 66) + end + "\n";
+    EXPECT_EQ(read(lines).elements, (std::vector<std::uint8_t>{6, 6, 6, 6}));
+}
+
+TEST_F(Molecules, FillTheCellOfACrystal) {
+    // Rock salt from one site each, by the name of its group; a monoclinic cell by operations that
+    // are listed, with a site on the plane of its mirror, places with doubts, and one without a
+    // place.
+    std::string const sites =
+        "loop_\n_atom_site_label\n_atom_site_type_symbol\n_atom_site_fract_x\n"
+        "_atom_site_fract_y\n_atom_site_fract_z\n";
+    std::string const cube = "_cell_length_a 5.64(1)\n_cell_length_b 5.64(1)\n_cell_length_c 5.64\n"
+                             "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 90\n";
+    std::string const salt = "data_global\n_journal_year 1913\ndata_salt\n" + cube +
+                             "_symmetry_space_group_name_H-M 'F m -3 m'\n" + sites +
+                             "Na1 Na+ 0 0 0\nCl1 Cl- 0.5 0.5 0.5\n";
+    ParticleSet const crystal = read(salt, {.attributes = {"site", "operation"}});
+    EXPECT_EQ(crystal.format, "CIF");
+    EXPECT_EQ(crystal.positions.size(), 8U);
+    EXPECT_EQ(std::count(crystal.elements.begin(), crystal.elements.end(), 17), 4);
+    EXPECT_EQ(crystal.attributes[0].values, (std::vector<float>{1, 1, 1, 1, 2, 2, 2, 2}));
+    for (Kelpa::Vector const& place : crystal.positions)
+        EXPECT_TRUE(place.x >= 0 && place.x < 5.64F &&
+                    std::abs(place.y / 2.82F - std::round(place.y / 2.82F)) < 1e-6F);
+    EXPECT_EQ(crystal.cell.value().edges[1][1], 5.64);
+
+    std::string oblique =
+        "data_x\n_cell_length_a 10\n_cell_length_b 8\n_cell_length_c 6\n_cell_angle_alpha 90\n"
+        "_cell_angle_beta 120\n_cell_angle_gamma 90\nloop_\n_symmetry_equiv_pos_as_xyz\n"
+        "'x, y, z'\n'x, -y, z'\n'1/2+x, 1/2+y, z'\n'1/2+x,1/2-y,z'\n" +
+        sites + "Fe1 ? 0.25 0.333(2) 0.5\nO1W . 0.1 0.001 -0.2\nC1 C ? 0 0\n";
+    ParticleSet const mirror = read(oblique);
+    EXPECT_EQ(mirror.elements, (std::vector<std::uint8_t>{26, 26, 26, 26, 8, 8}));
+    EXPECT_NEAR(mirror.positions[0].x, 10 * 0.25 - 6 * 0.5 * 0.5, 1e-5);
+    EXPECT_NEAR(mirror.positions[1].y, 8 * (1 - 0.333), 1e-5);
+    EXPECT_NEAR(mirror.positions[4].z, 6 * 0.8 * std::sqrt(0.75), 1e-5);
+    EXPECT_TRUE(holdsAll(mirror.notes.at(0), {"1 sites without a place"}));
+
+    EXPECT_TRUE(
+        holdsAll(read("data_y\n" + cube + sites + "H1 H 0 0 0\n").notes.at(0), {"no symmetry"}));
+    EXPECT_TRUE(
+        holdsAll(complaintAbout("data_y\n" + sites + "H1 H 0 0 0\n"), {"fractions of a cell"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(salt, {.assembly = "1"}), {"has no assemblies"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(oblique.replace(oblique.find("x, -y"), 5, "x,oops")),
+                         {"a: ", "oops"}));
 }
 
 TEST_F(Molecules, BuildAssembliesOfPdb) {
@@ -144,7 +235,8 @@ TEST_F(Molecules, HoldAtomsAndAssembliesAsMmCif) {
 
     EXPECT_TRUE(holdsAll(complaintAbout(text.substr(0, text.find("\nloop_\n_pdbx")) + " 5"),
                          {"a:", "damaged or incomplete"}));
-    EXPECT_TRUE(holdsAll(complaintAbout("data_X\n_cell.a 1\n"), {"no _atom_site.Cartn_x"}));
+    EXPECT_TRUE(holdsAll(complaintAbout("data_X\n_cell.a 1\n"),
+                         {"neither _atom_site.Cartn_x nor _atom_site_fract_x"}));
     std::string odd = text;
     odd.replace(odd.find("4 2 3 1"), 1, "?");
     EXPECT_TRUE(holdsAll(complaintAbout(odd), {"row 4 of _atom_site: '' where Cartn_x"}));

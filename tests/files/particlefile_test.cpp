@@ -297,6 +297,50 @@ TEST_F(ParticleFiles, NoteWhatFollowsThatTheirHeaderDoesNotPromise) {
         EXPECT_TRUE(holdsAll(read(longer).notes.at(0), {": 12 bytes follow the 1 vertices"}));
 }
 
+TEST_F(ParticleFiles, KeepEveryDigitWhenAllColumnsAreAskedFor) {
+    std::string const text =
+        "ply\nformat ascii 1.0\nelement vertex 2\nproperty double x\nproperty float y\n"
+        "property double z\nproperty list uchar int links\nproperty double diameter\n"
+        "property uint64 id\nproperty int64 big\nproperty uchar small\nproperty double vx\n"
+        "property float vy\nproperty float vz\nproperty int64 few\nelement face 3\n"
+        "property int a\nend_header\n"
+        "0.1 2 1e300 1 7 0.2 18446744073709551615 9007199254740993 3 1e-9 0 0 5\n"
+        "0.3 2 -1e300 0 0.4 9223372036854775808 -9007199254740993 4 1 0 0 6\n1\n2\n3\n";
+    ParticleSet const set = read(text, {.allAttributes = true});
+    EXPECT_EQ(set.leftOut, (std::vector<std::string>{"list 'links'", "3 elements 'face'"}));
+    for (bool const ascii : {false, true}) {
+        std::string const path = (folder / "all.ply").string();
+        writePly(path, set, ascii, {});
+        std::ifstream stream(path, std::ios::binary);
+        std::string const bytes{std::istreambuf_iterator<char>(stream), {}};
+        EXPECT_TRUE(holdsAll(bytes, {"property double x\nproperty float y\nproperty double z\n"
+                                     "property double radius\nproperty double vx\n",
+                                     "property uint64 id\n", "property int64 big\n",
+                                     "property float small\n", "property int few\n"}))
+            << bytes;
+        ParticleSet const again = readParticleFile(path, {.allAttributes = true});
+        for (TypedColumn const& column : set.typed)
+            for (TypedColumn const& other : again.typed) {
+                bool const isKept = column.name == other.name && column.type == other.type;
+                EXPECT_TRUE(!isKept || sameBits(column.bytes, other.bytes)) << column.name;
+            }
+        EXPECT_EQ(again.radii, (std::vector<float>{0.1F, 0.2F}));
+        EXPECT_EQ(again.ids,
+                  (std::vector<std::int64_t>{-1, std::numeric_limits<std::int64_t>::min()}));
+    }
+    // Of text, what single precision tells is written so; images and words are no particles' own.
+    ParticleSet const dump =
+        read("ITEM: TIMESTEP\n0\nITEM: NUMBER OF ATOMS\n1\nITEM: BOX BOUNDS pp pp pp\n0 1\n0 1\n"
+             "0 1\nITEM: ATOMS id label x xu yu zu ix iy iz\n7 C 1 0.123456 0.123456789 3 1 0 0\n",
+             {.allAttributes = true});
+    EXPECT_EQ(dump.leftOut, (std::vector<std::string>{"column 'x'", "text 'label'"}));
+    writePly((folder / "dump.ply").string(), dump, true, {});
+    std::ifstream stream(folder / "dump.ply");
+    EXPECT_TRUE(holdsAll({std::istreambuf_iterator<char>(stream), {}},
+                         {"float x\nproperty double y\nproperty float z\nproperty int id\n"
+                          "property float ix"}));
+}
+
 TEST_F(ParticleFiles, AreUnpackedToTheLastByte) {
     std::string rows;
     for (int i = 0; i < 40000; ++i)
@@ -319,6 +363,35 @@ TEST_F(ParticleFiles, AreUnpackedToTheLastByte) {
         std::string damaged = packed;
         damaged[at] = static_cast<char>(damaged[at] ^ 0xff);
         EXPECT_TRUE(holdsAll(complaintAbout(damaged), {"gzip data is damaged near byte"})) << at;
+    }
+}
+
+TEST_F(ParticleFiles, AreUnpackedInWhicheverWayTheyArePacked) {
+    std::string const seeds = KELPA_SOURCE_DIR "/tests/fuzz/seeds/xyz/";
+    std::vector<Kelpa::Vector> const positions = readParticleFile(seeds + "plain", {}).positions;
+    ASSERT_EQ(positions.size(), 3U);
+    for (std::string const name : {
+#ifdef KELPA_ZSTD
+             "zst",
+#endif
+#ifdef KELPA_LZMA
+             "xz",
+#endif
+#ifdef KELPA_BZIP2
+             "bz2",
+#endif
+         }) {
+        SCOPED_TRACE(name);
+        std::ifstream stream(seeds + "plain." + name, std::ios::binary);
+        std::string const packed{std::istreambuf_iterator<char>(stream), {}}; // two streams
+        EXPECT_TRUE(sameBits(read(packed + std::string(8, '\0')).positions, positions));
+        EXPECT_TRUE(holdsAll(complaintAbout(packed.substr(0, packed.size() - 3)),
+                             {"data ends early, after", "incomplete"}));
+        std::string odd = packed;
+        char& last = odd[odd.size() - 3]; // of a checksum, or what guards it
+        last = static_cast<char>(~last);
+        EXPECT_TRUE(holdsAll(complaintAbout(odd), {"data is damaged near byte"}))
+            << complaintAbout(odd);
     }
 }
 

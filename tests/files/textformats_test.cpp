@@ -106,6 +106,55 @@ TEST_F(TextFormats, HoldAtomsInTheColumnsOfGro) {
     EXPECT_FALSE(last.cell.value().isPeriodic[0]);
 }
 
+TEST_F(TextFormats, HoldAtomsOfEveryStyleAsLammpsData) {
+    std::string const head =
+        "title\n\n2 atoms # so many\n3 atom types\n1 bonds\n-1 3 xlo xhi\n"
+        "0 4 ylo yhi\n0 4 zlo zhi\n1 0 -2 xy xz yz\n\nMasses\n\n1 12.0 # C\n2 1\n3 "
+        "16\n\n";
+    std::string const velocities = "\nBonds\n\n1 1 1 2\n\nVelocities\n\n7 4 5 6\n9 1 2 3\n";
+    struct Case {
+        char const* style;
+        char const* first;
+        char const* second;
+        char const* notes; ///< of the style that rows are told to be of; empty: none
+        std::vector<std::int64_t> types{3, 1};
+    };
+    for (Case const& c : {Case{"Atoms", "9 3 1 2 3", "7 1 0 0 0", "atomic (id type x y z)"},
+                          Case{"Atoms # atomic", "9 3 1 2 3", "7 1 0 0 0 # hydrogen", ""},
+                          Case{"Atoms # atomic", "9 3 1 2 3 0 -1 2", "7 1 0 0 0 0 0 0", ""},
+                          Case{"Atoms", "9 3 1.0 2.0 3.0 0 -1 2", "7 1 0 0 0 0 0 0", "atomic"},
+                          Case{"Atoms # charge", "9 3 1 1 2 3", "7 1 1 0 0 0", ""},
+                          Case{"Atoms", "9 8 3 1 2 3", "7 8 1 0 0 0", "molecular"},
+                          Case{"Atoms", "9 3 0 1 2 3", "7 1 1 0 0 0", "charge"},
+                          Case{"Atoms", "9 8 3 -0.8 1 2 3", "7 8 1 0.4 0 0 0", "full"},
+                          Case{"Atoms # hybrid", "9 3 1 2 3 0.5 8", "7 1 0 0 0 0.5 8", ""},
+                          Case{"Atoms # sphere", "9 3 0.5 1 1 2 3", "7 1 0.5 1 0 0 0", ""}}) {
+        std::string const text = head + c.style + "\n\n" + c.first + "\n" + c.second + "\n";
+        SCOPED_TRACE(text);
+        ParticleSet const set = read(text + velocities);
+        EXPECT_EQ(set.format, "LAMMPS data");
+        EXPECT_TRUE(same(set.positions.at(0), {1, 2, 3}) && same(set.positions.at(1), {0, 0, 0}));
+        EXPECT_TRUE(same(set.velocities.at(0), {1, 2, 3}) && same(set.velocities[1], {4, 5, 6}));
+        EXPECT_EQ(set.types, c.types);
+        EXPECT_EQ(set.ids, (std::vector<std::int64_t>{9, 7}));
+        EXPECT_EQ(set.images.empty(), std::string(c.first).find("0 -1 2") == std::string::npos);
+        EXPECT_EQ(set.notes.size(), *c.notes == '\0' ? 0U : 1U);
+        EXPECT_TRUE(set.notes.empty() || holdsAll(set.notes[0], {c.notes}));
+        EXPECT_EQ(set.radii.empty(), std::string(c.style) != "Atoms # sphere");
+        EXPECT_EQ(set.cell.value().edges[2], (std::array<double, 3>{0, -2, 4}));
+    }
+    std::string const atoms = head + "Atoms # atomic\n\n9 3 1 2 3\n";
+    EXPECT_TRUE(holdsAll(complaintAbout(atoms + "\n7 1 0 0 0\n"),
+                         {"a:19: the section Atoms ends after 1 of 2 rows"}));
+    EXPECT_TRUE(
+        holdsAll(complaintAbout(atoms + "7 1 0 x 0\n"), {"a:20: 'x' where a number for 'y'"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(atoms + "7 1 0 0 0\n\nVelocities\n\n8 1 1 1\n"),
+                         {"a:24: an atom's id, which Atoms has"}));
+    EXPECT_TRUE(
+        holdsAll(complaintAbout(head + "Atoms\n\n1 one 2 3\n"), {"no style that is known"}));
+    EXPECT_TRUE(holdsAll(complaintAbout(head), {"no section Atoms"}));
+}
+
 TEST_F(TextFormats, SayWhereTheyAreDamagedAndWhichFramesAreGood) {
     std::string const good = frame(0, cube, "x y z", rest);
     struct Case {

@@ -5,6 +5,8 @@
 #include "tool/commands/saveparticles.h"
 #include "tool/report/phases.h"
 
+#include <fmt/format.h>
+
 namespace kelpatool {
 
 namespace {
@@ -23,6 +25,12 @@ int runConvert(Options const& options) {
     checkWritable(options.output);
     ParticleSet particles = readParticles(options.particles.files[0], options, false);
     keepRadii(particles);
+    if (particles.cell)
+        particles.leftOut.emplace_back("the cell");
+    if (!particles.leftOut.empty())
+        noteTo(options.run)(
+            fmt::format("{}: left out, since particles as PLY have no place for it: {}",
+                        particles.name, fmt::join(particles.leftOut, ", ")));
     saveParticles(options, particles);
     return 0;
 }

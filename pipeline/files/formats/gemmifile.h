@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -48,7 +49,10 @@ class CifTable {
     virtual std::string text(std::size_t row, std::size_t column) = 0;
 };
 
-/// The first block of a CIF file.
+/// An operation of symmetry on fractions of a cell's edges: three factors and an offset a row.
+using CifOperation = std::array<std::array<double, 4>, 3>;
+
+/// The blocks of a CIF file, of which one at a time is asked: the first, at the beginning.
 class CifFile {
   public:
     /// Throws `CifError`.
@@ -57,7 +61,14 @@ class CifFile {
     CifFile(CifFile const&) = delete;
     CifFile& operator=(CifFile const&) = delete;
 
-    bool hasBlock() const;
+    bool hasBlock() const { return blocks() > 0; }
+    std::size_t blocks() const;
+    /// From now on this block is asked.
+    void turnTo(std::size_t block) { current = block; }
+    std::string blockName() const;
+    /// The operations of the block's symmetry: those that it lists, else those of the group that it
+    /// names; none when it does neither in a way that is known.
+    std::vector<CifOperation> symmetry();
     /// The table of these tags of a category, such as "_atom_site."; with a '?' before those that
     /// may be missing, of which the first is none. Must not outlive the file.
     std::unique_ptr<CifTable> find(std::string const& category,
@@ -66,6 +77,7 @@ class CifFile {
   private:
     struct Document;
     std::unique_ptr<Document> document;
+    std::size_t current = 0;
 };
 
 } // namespace kelpatool

@@ -177,6 +177,7 @@ std::vector<Column> columnsOf(Element const& vertex, Encoding encoding) {
                                       ? storedFromText(property.name, property.type)
                                       : property.type;
         columns.push_back({property.name, property.typeName, property.type, stored, offset});
+        columns.back().isText = stored != property.type; // whole numbers, parsed to doubles
         offset += scalarBytes(stored);
     }
     return columns;
@@ -361,6 +362,17 @@ void readTextRows(InputFile& file, Element const& vertex, std::vector<Column> co
     }
 }
 
+/// Lists what a file holds that is no column of particles.
+void tellWhatIsLeft(Header const& header, Element const& vertex, ParticleSet& particles) {
+    for (Property const& property : vertex.properties)
+        if (property.listLength)
+            particles.leftOut.push_back("list " + quoted(property.name));
+    for (Element const& element : header.elements)
+        if (&element != &vertex)
+            particles.leftOut.push_back(
+                fmt::format("{} elements {}", element.count, quoted(element.name)));
+}
+
 /// Notes what follows the last row of a file's last element, though the header promises no more.
 void noteTheRest(InputFile& file, Element const& vertex, bool isText, ParticleSet& particles) {
     if (isText) {
@@ -396,6 +408,7 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options) {
                            chooseUses(file, columns, plyNames, options, particles),
                            options.summarise);
 
+    tellWhatIsLeft(header, vertex, particles);
     for (std::size_t index = 0; index < vertexIndex; ++index) {
         if (isText)
             skipText(file, header.elements[index]);

@@ -11,6 +11,7 @@ namespace kelpatool {
 ParticleSet readPly(InputFile& file, ReadOptions const& options);
 ParticleSet readXyz(InputFile& file, ReadOptions const& options);
 ParticleSet readLammps(InputFile& file, ReadOptions const& options);
+ParticleSet readLammpsData(InputFile& file, ReadOptions const& options);
 ParticleSet readGro(InputFile& file, ReadOptions const& options);
 ParticleSet readBgeo(InputFile& file, ReadOptions const& options);
 ParticleSet readPdb(InputFile& file, ReadOptions const& options);

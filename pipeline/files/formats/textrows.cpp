@@ -39,6 +39,8 @@ struct RowParser {
     }
 
     void parse(std::string_view line, char* row) {
+        if (layout.comment != 0)
+            line = line.substr(0, line.find(layout.comment));
         auto column = layout.columns.begin();
         for (std::size_t index = 0; index < kinds.size(); ++index) {
             std::string_view const word = nextWord(line);
@@ -74,17 +76,21 @@ std::vector<WordKind> kindsRead(RowLayout const& layout, std::vector<ColumnUse> 
 
 void RowLayout::addWord(std::string name, std::string_view type, WordKind kind) {
     words.push_back(kind);
-    if (kind == WordKind::text)
+    if (kind == WordKind::text) {
+        texts.push_back(std::move(name));
         return;
+    }
     ScalarType const stored =
         kind == WordKind::element ? ScalarType::uint8 : storedFromText(name, ScalarType::float64);
     columns.push_back({std::move(name), std::string(type), ScalarType::float64, stored, rowBytes});
+    columns.back().isText = true;
     rowBytes += scalarBytes(stored);
 }
 
 void RowLayout::addDerived(std::string name) {
     columns.push_back({std::move(name), {}, ScalarType::float64, ScalarType::float64, rowBytes});
     columns.back().isDerived = true;
+    columns.back().isText = true;
     rowBytes += scalarBytes(ScalarType::float64);
 }
 
@@ -139,6 +145,8 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
                   ColumnNames const& names, ReadOptions const& options, ParticleSet& particles,
                   std::function<void(char* row)> const& derive) {
     std::vector<ColumnUse> const uses = chooseUses(file, layout.columns, names, options, particles);
+    for (std::string const& text : layout.texts)
+        particles.leftOut.push_back("text " + quoted(text));
     bool const readsAll = options.summarise || derive;
     RowParser parser{file, frame, layout, readsAll ? layout.words : kindsRead(layout, uses),
                      ElementReader(particles.unknownElements)};

@@ -12,8 +12,10 @@ enum class WordKind : std::uint8_t { number, logical, element, text };
 /// The words of a row, and the columns in which those that are no text are kept.
 struct RowLayout {
     std::vector<WordKind> words;
-    std::vector<Column> columns; ///< in the order of the words; behind them those derived
+    std::vector<Column> columns;    ///< in the order of the words; behind them those derived
+    std::vector<std::string> texts; ///< names of the words that are text
     std::size_t rowBytes = 0;
+    char comment = 0;         ///< what starts a comment at the end of a row; 0: none has any
     bool mayHaveMore = false; ///< words behind those listed are usual, and nothing to note
 
     void addWord(std::string name, std::string_view type, WordKind kind);

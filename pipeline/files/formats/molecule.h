@@ -1,0 +1,81 @@
+// Atoms as the formats of molecules and crystals share them, on their way to particles.
+#pragma once
+
+#include "pipeline/files/formats/assembly.h"
+#include "pipeline/files/inputfile.h"
+#include "pipeline/files/particleset.h"
+#include "pipeline/files/readoptions.h"
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kelpatool {
+
+/// An atom as `RowConverter` sees it.
+struct AtomRow {
+    double x = 0.0, y = 0.0, z = 0.0;
+    std::int32_t serial = 0; ///< of a crystal: which of the sites it is a copy of
+    float occupancy = 1.0F;
+    float bFactor = 0.0F;
+    std::int32_t residue = 0;
+    std::int32_t chain = 0; ///< counted from 0 in the order of the file
+    std::int32_t copy = 0;  ///< of the assembly, or by which operation of a crystal
+    std::uint8_t element = 0;
+};
+
+/// What atoms stand for, and so which numbers they have.
+enum class AtomKind { molecule, assembly, crystal };
+
+/// The atoms of one model of a file.
+struct Molecule {
+    std::vector<AtomRow> atoms;
+    std::vector<std::string> chains; ///< names, by `AtomRow::chain`
+    std::vector<std::string> unknownElements;
+    std::vector<Assembly> assemblies;
+    std::optional<PeriodicCell> cell;
+
+    /// The number of a chain, which gets one if it is new.
+    std::int32_t indexOfChain(std::string const& name);
+
+  private:
+    std::map<std::string, std::int32_t> chainIndices;
+};
+
+/// Tells which of an atom's alternate locations is the first.
+class AlternateFilter {
+  public:
+    /// Whether an atom is to be kept. `place` names chain and number of its residue; the atoms of a
+    /// place come one after the other. Without an alternate location every atom is.
+    bool keeps(std::string const& place, std::string const& residue, std::string const& atom,
+               bool isAlternate) {
+        if (place != currentPlace) {
+            currentPlace = place;
+            firstResidue = residue; // a place may even hold one residue or another
+            seen.clear();
+        }
+        return !isAlternate || (residue == firstResidue && seen.insert(atom).second);
+    }
+
+  private:
+    std::string currentPlace;
+    std::string firstResidue;
+    std::set<std::string> seen;
+};
+
+/// The cell that a file of crystals tells of by the lengths of its edges and the angles between
+/// them in degrees; nothing where it stands for none, such as the unit cube of structures in
+/// solution.
+std::optional<PeriodicCell> cellOfAngles(std::array<double, 3> const& lengths,
+                                         std::array<double, 3> const& degrees);
+
+/// Makes particles of the molecule, or of the assembly that `options` ask for. Empties it.
+ParticleSet makeParticles(InputFile& file, Molecule& molecule, AtomKind kind,
+                          ReadOptions const& options, std::string_view format);
+
+} // namespace kelpatool
