@@ -1,9 +1,9 @@
 #include "bench/comparison.h"
 
+#include "kelpa/host/pieces.h"
 #include "kelpa/spheretree/kernelvariant.h"
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <chrono>
 #include <cinttypes>
@@ -12,7 +12,6 @@
 #include <functional>
 #include <limits>
 #include <stdexcept>
-#include <thread>
 
 namespace kelpabench {
 
@@ -31,20 +30,13 @@ std::vector<SceneRecipe> Settings::recipes() const {
 void traceOnThreads(int threads, Kernel const& kernel, Form form, std::size_t method,
                     std::span<Ray const> rays, std::span<Found> found) {
     constexpr std::size_t pieceLength = 16 * listLength;
-    std::atomic<std::size_t> next = 0;
-    auto const work = [&] {
-        for (;;) {
-            std::size_t const begin = next.fetch_add(pieceLength, std::memory_order_relaxed);
-            if (begin >= rays.size())
-                return;
-            std::size_t const count = std::min(pieceLength, rays.size() - begin);
-            kernel.trace(form, method, rays.subspan(begin, count), found.subspan(begin, count));
-        }
-    };
-    std::vector<std::jthread> helpers;
-    for (int i = 1; i < threads; ++i)
-        helpers.emplace_back(work);
-    work();
+    Kelpa::doPieces((rays.size() + pieceLength - 1) / pieceLength, threads,
+                    [&](std::size_t piece, Kelpa::GoOn const&) {
+                        std::size_t const begin = piece * pieceLength;
+                        std::size_t const count = std::min(pieceLength, rays.size() - begin);
+                        kernel.trace(form, method, rays.subspan(begin, count),
+                                     found.subspan(begin, count));
+                    });
 }
 
 namespace {

@@ -1,14 +1,12 @@
 #include "pipeline/picture/render.h"
 
+#include "kelpa/host/pieces.h"
+
 #include "pipeline/files/srgb.h"
 #include "pipeline/picture/vector.h"
 
 #include <algorithm>
 #include <atomic>
-#include <exception>
-#include <mutex>
-#include <system_error>
-#include <thread>
 
 namespace kelpatool {
 
@@ -102,7 +100,7 @@ std::size_t Picture::tileCount() const {
     return static_cast<std::size_t>(columns) * static_cast<std::size_t>(rows);
 }
 
-void Picture::renderTile(std::size_t tile, Image& image, GoOn const& goOn) const {
+void Picture::renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn) const {
     auto const column = static_cast<int>(tile % static_cast<std::size_t>(columns));
     auto const row = static_cast<int>(tile / static_cast<std::size_t>(columns));
     kelpatool::renderTile(plan, (firstColumn + column) * tileWidth, (firstRow + row) * tileWidth,
@@ -115,41 +113,17 @@ Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& 
     Image image = picture.emptyImage();
     std::size_t const tiles = picture.tileCount();
 
-    std::atomic<std::size_t> nextTile = 0;
-    std::atomic<std::size_t> tilesDone = 0;
-    std::mutex failureMutex;
-    std::exception_ptr failure;
-    GoOn const goOn = [&] {
+    std::atomic<std::size_t> done = 0;
+    auto const renderTile = [&](std::size_t tile, Kelpa::GoOn const& goOn) {
+        picture.renderTile(tile, image, goOn);
+        ++done;
+    };
+    auto const watch = [&] {
         if (progress)
-            progress(static_cast<double>(tilesDone) / static_cast<double>(tiles), 0);
+            progress(static_cast<double>(done) / static_cast<double>(tiles), 0);
         return true; // it throws to stop
     };
-    auto const work = [&] {
-        try {
-            for (std::size_t tile = nextTile++; tile < tiles; tile = nextTile++) {
-                picture.renderTile(tile, image, goOn);
-                ++tilesDone;
-                goOn();
-            }
-        } catch (...) {
-            std::lock_guard const hold(failureMutex);
-            if (failure == nullptr)
-                failure = std::current_exception();
-            nextTile = tiles; // the others need not go on
-        }
-    };
-    {
-        std::vector<std::jthread> helpers;
-        try {
-            for (std::size_t i = 1; i < std::min(static_cast<std::size_t>(threads), tiles); ++i)
-                helpers.emplace_back(work);
-        } catch (std::system_error const&) {
-            // The system grants no more threads; those at work share the tiles.
-        }
-        work();
-    }
-    if (failure != nullptr)
-        std::rethrow_exception(failure);
+    Kelpa::doPieces(tiles, threads, renderTile, watch);
     return image;
 }
 

@@ -30,7 +30,7 @@ class Picture {
     /// Every sample depends on its pixel, its number and the seed alone: tiles may be rendered in
     /// any order, and by any number of threads at once, each tile by one. The tile is left half
     /// done when `goOn`, which is asked now and then, says no.
-    void renderTile(std::size_t tile, Image& image, GoOn const& goOn = {}) const;
+    void renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn = {}) const;
 
   private:
     ImageOptions options;

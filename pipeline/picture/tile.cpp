@@ -73,7 +73,7 @@ std::size_t gatherPixels(PicturePlan const& plan, int left, int top, Image& imag
 
 } // namespace
 
-void renderTile(PicturePlan const& plan, int left, int top, Image& image, GoOn const& goOn) {
+void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa::GoOn const& goOn) {
     TilePixel pixels[pixelsPerTile];
     std::size_t const count = gatherPixels(plan, left, top, image, pixels);
     if (count == 0)

@@ -2,6 +2,7 @@
 // A small square of a picture, and what all of them have in common.
 
 #include "kelpa/foundation/vector.h"
+#include "kelpa/host/pieces.h"
 
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/footprint.h"
@@ -12,16 +13,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <vector>
 
 namespace kelpatool {
 
 constexpr int tileWidth = 8; ///< pixels
 constexpr std::size_t pixelsPerTile = std::size_t{tileWidth} * tileWidth;
-
-/// Whether work is to go on; empty: it is.
-using GoOn = std::function<bool()>;
 
 /// What all tiles of a picture need to know.
 struct PicturePlan {
@@ -50,6 +47,6 @@ struct TilePixel {
 
 /// Renders the tile whose upper left pixel is given, as far as it lies in the part that `image`
 /// holds; leaves it half done when `goOn` says no.
-void renderTile(PicturePlan const& plan, int left, int top, Image& image, GoOn const& goOn);
+void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa::GoOn const& goOn);
 
 } // namespace kelpatool

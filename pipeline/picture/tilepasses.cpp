@@ -26,7 +26,7 @@ constexpr unsigned directionKinds = 24;
 
 } // namespace
 
-void TilePasses::add(std::uint32_t first, std::uint32_t count, GoOn const& goOn) {
+void TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn) {
     firstSample = first;
     sampleCount = count;
     shootCameraRays();
@@ -132,7 +132,7 @@ void TilePasses::finishSurfaces() {
 }
 
 /// Asks how much of the sky each surface sees.
-void TilePasses::findSky(GoOn const& goOn) {
+void TilePasses::findSky(Kelpa::GoOn const& goOn) {
     if (surfaces.count == 0)
         return;
     auto const rays = static_cast<std::uint32_t>(plan.light.occlusionRays);

@@ -26,7 +26,7 @@ class TilePasses {
 
     /// Adds the light of samples `first` to `first` + `count` - 1 to every pixel; incompletely when
     /// `goOn` says no.
-    void add(std::uint32_t first, std::uint32_t count, GoOn const& goOn);
+    void add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn);
 
     /// Fills the image's further channels from the first samples of the last pass.
     void storeFirstHits(Image& image) const;
@@ -72,7 +72,7 @@ class TilePasses {
     void traceCameraRays(std::size_t firstSlot, std::size_t count);
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
-    void findSky(GoOn const& goOn);
+    void findSky(Kelpa::GoOn const& goOn);
     void makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount);
     void orderSkyRays(std::uint32_t rayCount);
     void traceSkyRays(std::size_t total);
