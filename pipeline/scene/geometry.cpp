@@ -2,76 +2,174 @@
 
 #include "kelpa/particleprimitives/particleprimitives.h"
 
+#include <algorithm>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
 namespace kelpatool {
 
 namespace {
 
-/// The primitive of one tree behind the scene's interface.
+Kelpa::ParticleDataWithPrimitive recordOf(Kelpa::StaticSphereTree const&, System& system,
+                                          Kelpa::GenericPrimitive* primitive, std::int32_t offset) {
+    return {&system.first, primitive, offset, system.first.positions, system.first.radii};
+}
+Kelpa::MovingParticleDataWithPrimitive recordOf(Kelpa::MovingSphereTree const&, System& system,
+                                                Kelpa::GenericPrimitive* primitive,
+                                                std::int32_t offset) {
+    return {&system.first,
+            &*system.second,
+            primitive,
+            offset,
+            system.first.positions,
+            system.second->positions,
+            system.first.radii,
+            system.second->radii,
+            static_cast<float>(system.first.sampleTime),
+            static_cast<float>(system.second->sampleTime)};
+}
+
+void usePacks(Kelpa::StaticSphereTree& tree, bool isPacked) {
+    tree.packLeaves = isPacked ? 1 : 0;
+}
+void usePacks(Kelpa::MovingSphereTree& tree, bool isPacked) {
+    tree.packSpheres = isPacked ? 1 : 0;
+}
+
+Bounds wideBox(Kelpa::Vector const& min, Kelpa::Vector const& max) {
+    return {wide(min), wide(max)};
+}
+
+Bounds boxOf(Kelpa::StaticParticlePrimitive& primitive) {
+    Kelpa::StaticBox box;
+    primitive.getBBox(box);
+    return wideBox(box.pmin, box.pmax);
+}
+Bounds boxOf(Kelpa::MovingParticlePrimitive& primitive) {
+    Kelpa::MovingBox box;
+    primitive.getBBox(box);
+    return wideBox(box.bounds.min, box.bounds.max);
+}
+
+std::optional<Bounds> motionOf(Kelpa::StaticParticlePrimitive&) {
+    return std::nullopt;
+}
+std::optional<Bounds> motionOf(Kelpa::MovingParticlePrimitive& primitive) {
+    Kelpa::MovingBox box;
+    primitive.getBBox(box);
+    return wideBox(box.motion.min, box.motion.max);
+}
+
+std::optional<TreeStatistics::Leaves> leavesOf(Kelpa::StaticSphereTree const& tree) {
+    auto const perLeaf = [&tree](std::int64_t total) {
+        return tree.statNumLeaves > 0
+                   ? static_cast<double>(total) / static_cast<double>(tree.statNumLeaves)
+                   : 0.0;
+    };
+    return TreeStatistics::Leaves{tree.statNumLeaves, perLeaf(tree.statDepthSum),
+                                  perLeaf(tree.leafSpheres.getCount()),
+                                  wideBox(tree.bbox.min, tree.bbox.max)};
+}
+std::optional<TreeStatistics::Leaves> leavesOf(Kelpa::MovingSphereTree const&) {
+    return std::nullopt;
+}
+
 template <class Primitive> class PrimitiveGeometry final : public Geometry {
   public:
-    PrimitiveGeometry(Kelpa::ParticleData* first, Kelpa::ParticleData* second, bool movingBounds)
-        : primitive(0, first, second, true), staticBounds(movingBounds ? 0 : 1) {}
+    explicit PrimitiveGeometry(std::vector<System> theSystems)
+        : systems(std::move(theSystems)), primitive(0, nullptr, nullptr, true) {}
 
     void build(Kelpa::ProgressCallback& progress, Kelpa::ThreadManager* manager,
-               TreeOptions const& options) override {
-        auto const& tree = *primitive.tree;
-        primitive.build(&progress, manager, options.maxDepth.value_or(tree.maxDepth),
-                        options.minNodeSize, options.leafSizeFactor.value_or(tree.leafSizeFactor),
-                        staticBounds);
-    }
+               TreeOptions const& options) override;
     int intersect(Kelpa::RSRay& ray) override { return primitive.intersect(ray); }
     bool bunchIntersect(Kelpa::RayBunchExtParams const& rays, Kelpa::RayBunchCommonResult& hits,
                         double* tMins, double* tMaxs, unsigned char const* lanes,
                         unsigned long numLanes) override {
         return primitive.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);
     }
-    std::uint64_t memory() override {
-        return primitive.getMemUsage() + primitive.tree->getPackedMemUsage();
+    std::optional<Bounds> bounds() override {
+        return primitive.tree->numSpheres > 0 ? std::optional(boxOf(primitive)) : std::nullopt;
     }
-    std::int32_t sphereCount() const override { return primitive.tree->numSpheres; }
-    Bounds bounds() override;
-    std::optional<Bounds> motionBounds() override;
+    std::optional<Bounds> motionBounds() override {
+        bool const isTold = hasMovingBounds && primitive.tree->numSpheres > 0;
+        return isTold ? motionOf(primitive) : std::nullopt;
+    }
+    TreeStatistics statistics() override;
 
   private:
+    void registerSystems();
+
+    std::vector<System> systems;
     Primitive primitive;
-    int staticBounds;
+    bool hasMovingBounds = false;
 };
 
-template <> Bounds PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::bounds() {
-    Kelpa::StaticBox box;
-    primitive.getBBox(box);
-    return {wide(box.pmin), wide(box.pmax)};
+/// Enters the systems into the tree's own table instead of through the primitive, which knows one:
+/// so each gets its own range of reported indices, by which hits and skipped particles name one
+/// particle of one system.
+template <class Primitive> void PrimitiveGeometry<Primitive>::registerSystems() {
+    auto const hasParticles = [](System const& system) { return system.first.numParticles > 0; };
+    bool const isAlone = std::count_if(systems.begin(), systems.end(), hasParticles) == 1;
+    auto& records = primitive.tree->particleSystems;
+    for (System& system : systems) {
+        if (!hasParticles(system))
+            continue;
+        if (isAlone)
+            primitive.baseIndex = system.base;
+        records.setCount(records.count + 1, 0);
+        records.elements[records.count - 1] =
+            recordOf(*primitive.tree, system, &primitive, isAlone ? -1 : system.base);
+    }
 }
 
-template <>
-std::optional<Bounds> PrimitiveGeometry<Kelpa::StaticParticlePrimitive>::motionBounds() {
-    return std::nullopt;
+template <class Primitive>
+void PrimitiveGeometry<Primitive>::build(Kelpa::ProgressCallback& progress,
+                                         Kelpa::ThreadManager* manager,
+                                         TreeOptions const& options) {
+    auto& tree = *primitive.tree;
+    tree.maxDepth = options.maxDepth.value_or(tree.maxDepth);
+    tree.minNodeSize = options.minNodeSize;
+    tree.leafSizeFactor = options.leafSizeFactor.value_or(tree.leafSizeFactor);
+    usePacks(tree, options.isPacked);
+    hasMovingBounds = options.hasMovingBounds;
+    if (tree.particleSystems.count == 0)
+        registerSystems();
+    SphereTreePrimitiveTemplate_callBuild(&tree, nullptr, nullptr, &progress, manager,
+                                          hasMovingBounds ? 0 : 1, &primitive);
 }
 
-template <> Bounds PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::bounds() {
-    Kelpa::MovingBox box;
-    primitive.getBBox(box);
-    return {wide(box.bounds.min), wide(box.bounds.max)};
-}
-
-template <>
-std::optional<Bounds> PrimitiveGeometry<Kelpa::MovingParticlePrimitive>::motionBounds() {
-    if (staticBounds != 0)
-        return std::nullopt;
-    Kelpa::MovingBox box;
-    primitive.getBBox(box);
-    return Bounds{wide(box.motion.min), wide(box.motion.max)};
+template <class Primitive> TreeStatistics PrimitiveGeometry<Primitive>::statistics() {
+    auto& tree = *primitive.tree;
+    TreeStatistics result;
+    result.isMoving = std::is_same_v<Primitive, Kelpa::MovingParticlePrimitive>;
+    result.systems = tree.particleSystems.count;
+    for (System const& system : systems)
+        result.particles += system.first.numParticles;
+    result.used = tree.numSpheres;
+    result.nodes = tree.nodes.getCount();
+    result.leafEntries = tree.leafSpheres.getCount();
+    result.maxDepth = tree.statMaxDepth;
+    result.treeBytes = primitive.getMemUsage();
+    result.packedBytes = tree.getPackedMemUsage();
+    result.totalBytes = tree.getTotalMemUsage();
+    result.peakBytes = tree.getPeakMemUsage();
+    result.leaves = leavesOf(tree);
+    return result;
 }
 
 } // namespace
 
-std::unique_ptr<Geometry> makeGeometry(Kelpa::ParticleData* first, Kelpa::ParticleData* second,
-                                       bool movingBounds) {
-    if (second != nullptr)
-        return std::make_unique<PrimitiveGeometry<Kelpa::MovingParticlePrimitive>>(first, second,
-                                                                                   movingBounds);
-    return std::make_unique<PrimitiveGeometry<Kelpa::StaticParticlePrimitive>>(first, nullptr,
-                                                                               false);
+std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems) {
+    bool const isMoving = !systems.empty() && systems.front().second.has_value();
+    for (System const& system : systems)
+        if (system.second.has_value() != isMoving)
+            throw std::invalid_argument(
+                "of some particle systems alone there is a second snapshot");
+    if (isMoving)
+        return std::make_unique<PrimitiveGeometry<Kelpa::MovingParticlePrimitive>>(
+            std::move(systems));
+    return std::make_unique<PrimitiveGeometry<Kelpa::StaticParticlePrimitive>>(std::move(systems));
 }
 
 } // namespace kelpatool

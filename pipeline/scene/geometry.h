@@ -1,4 +1,4 @@
-// What rays ask.
+// What rays ask: a tree over one particle system or over many.
 #pragma once
 
 #include "kelpa/foundation/hosttypes.h"
@@ -8,16 +8,60 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace kelpatool {
 
-struct TreeOptions {
-    std::optional<int> maxDepth; ///< unset: the tree's own
-    std::optional<float> leafSizeFactor;
-    float minNodeSize = 0.0F;
+/// One particle system as trees take it. Whoever owns its arrays, a `ParticleSystem` or Python,
+/// keeps them where and as they are for as long as a geometry asks about them.
+struct System {
+    Kelpa::ParticleData first;
+    std::optional<Kelpa::ParticleData> second; ///< of moving particles
+    std::int32_t base = 0;                     ///< reported index of particle 0, at least 0
 };
 
-/// What rays ask: the still or the moving primitive, whichever the scene has.
+/// How a tree is built; what is unset is left to the tree.
+struct TreeOptions {
+    std::optional<int> maxDepth;
+    std::optional<float> leafSizeFactor;
+    float minNodeSize = 0.0F;
+    bool isPacked = true;         ///< keep the copies that queries test many at a time
+    bool hasMovingBounds = false; ///< report how the bounds of moving particles move
+};
+
+/// Figures of a tree that is built.
+struct TreeStatistics {
+    bool isMoving = false;
+    std::int64_t systems = 0;   ///< that hold particles
+    std::int64_t particles = 0; ///< in all systems
+    std::int64_t used = 0;      ///< of these, taken by the tree
+    std::int64_t nodes = 0;
+    std::int64_t leafEntries = 0;
+    std::int64_t maxDepth = 0;
+    std::uint64_t treeBytes = 0;   ///< of nodes, leaves and spheres
+    std::uint64_t packedBytes = 0; ///< of packed leaves
+    std::uint64_t totalBytes = 0;  ///< of all that the tree holds
+    std::uint64_t peakBytes = 0;   ///< the most that it and its build held at a time
+
+    /// Of the tree with its packed leaves.
+    double bytesPerSphere() const {
+        return static_cast<double>(treeBytes + packedBytes) / static_cast<double>(used);
+    }
+
+    /// Of still particles alone, as moving ones have none of these counted.
+    struct Leaves {
+        std::int64_t count = 0;
+        double averageDepth = 0.0;
+        double averageEntries = 0.0;
+        Bounds box{}; ///< in which the tree lies
+    };
+    std::optional<Leaves> leaves;
+};
+
+/// The still or the moving primitive over particle systems, whichever they need.
+///
+/// Built once; then everything else may be asked from any number of threads. Hits name particles
+/// by their system's base index and their place in it.
 class Geometry {
   public:
     Geometry() = default;
@@ -25,24 +69,27 @@ class Geometry {
     Geometry& operator=(Geometry const&) = delete;
     virtual ~Geometry() = default;
 
+    /// `manager` may be null: then the calling thread does it all. Throws `Kelpa::ExceptionMsg`
+    /// when memory runs out.
     virtual void build(Kelpa::ProgressCallback& progress, Kelpa::ThreadManager* manager,
                        TreeOptions const& options) = 0;
+
+    /// Finds the closest hit of a ray.
     virtual int intersect(Kelpa::RSRay& ray) = 0;
+    /// Finds the closest hits of up to 64 rays; see `Bunch`.
     virtual bool bunchIntersect(Kelpa::RayBunchExtParams const& rays,
                                 Kelpa::RayBunchCommonResult& hits, double* tMins, double* tMaxs,
                                 unsigned char const* lanes, unsigned long numLanes) = 0;
-    virtual std::uint64_t memory() = 0;
-    /// Spheres that the tree took.
-    virtual std::int32_t sphereCount() const = 0;
-    /// The primitive's bounds, in the scene's coordinates.
-    virtual Bounds bounds() = 0;
-    /// The box of the particles' motion, when the primitive was to report moving bounds.
+
+    /// The primitive's bounds; nothing when no particle is usable.
+    virtual std::optional<Bounds> bounds() = 0;
+    /// How far the bounds move, when the tree was built to report that.
     virtual std::optional<Bounds> motionBounds() = 0;
+    virtual TreeStatistics statistics() = 0;
 };
 
-/// The primitive of one snapshot, or of two between which its particles move, once built.
-/// `movingBounds` has it report the bounds of their motion as well. The snapshots must outlive it.
-std::unique_ptr<Geometry> makeGeometry(Kelpa::ParticleData* first, Kelpa::ParticleData* second,
-                                       bool movingBounds);
+/// A geometry over `systems`, whose ranges of reported indices are disjoint. Moving when the first
+/// one has a second snapshot; then all of them have. Throws `std::invalid_argument` otherwise.
+std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems);
 
 } // namespace kelpatool

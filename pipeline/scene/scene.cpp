@@ -379,8 +379,10 @@ Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet 
         scene.second = std::make_unique<Kelpa::ParticleSystem>(
             std::move(ways.positions1), std::move(ways.radii1), std::vector<Vector>{}, type, 1.0);
     }
-    scene.geometry = makeGeometry(scene.first->data(), isMoving ? scene.second->data() : nullptr,
-                                  options.motion.movingBounds);
+    System system{*scene.first->data(), std::nullopt};
+    if (isMoving)
+        system.second = *scene.second->data();
+    scene.geometry = makeGeometry({system});
     return scene;
 }
 

@@ -30,7 +30,6 @@ struct MotionOptions {
     std::array<double, 2> times = {0.0, 1.0};     ///< when the two snapshots were taken
     std::optional<std::array<double, 2>> shutter; ///< in the unit of `times`
     std::optional<double> dt; ///< the file's unit of time per unit of the shutter
-    bool movingBounds = false;
 };
 
 struct ColorOptions {

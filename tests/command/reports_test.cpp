@@ -28,6 +28,18 @@ TEST_F(Command, CountsAndTimesForOtherPrograms) {
     std::string const json = read("s.json");
     EXPECT_EQ(countOf(json, "\"cameraRays\": 400"), 3U) << json;
     EXPECT_EQ(countOf(json, "\"numberOfTreeNodes\": "), 1U) << json;
+    // Other programs read these names.
+    std::regex const key("\"([a-zA-Z]+)\":");
+    std::string keys;
+    for (std::sregex_iterator at(json.begin(), json.end(), key), end; at != end; ++at)
+        keys += (*at)[1].str() + " ";
+    std::string const ofPicture = "file width height cameraRays renderSeconds writeSeconds ";
+    EXPECT_EQ(keys, "version threads peakMegabytes scenes file spheres skipped notFinite "
+                    "notPositive motion mean largest readSeconds buildSeconds tree bytes "
+                    "boundingBox min max numberOfParticleSystems totalNumberOfSpheresStored "
+                    "maxTreeDepth averageTreeDepth numberOfTreeNodes numberOfLeafSpheres "
+                    "numberOfTreeLeafs averageSpheresLeaf pictures " +
+                        ofPicture + ofPicture + ofPicture);
     Answer const printed =
         run({"render", "--stats", "c.ply", "--size", "9x9", "-o", "a.ppm", "-q"});
     EXPECT_TRUE(contains(printed.err, "Number of tree nodes: ")) << printed.err;

@@ -1,4 +1,5 @@
 #include "kelpa/host/consoleprogress.h"
+#include "kelpa/host/pieces.h"
 
 #include "pipeline/picture/framing.h"
 #include "pipeline/picture/sampling.h"
@@ -15,10 +16,8 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <mutex>
+#include <memory>
 #include <numbers>
-#include <system_error>
-#include <thread>
 
 namespace kelpatool {
 
@@ -113,7 +112,7 @@ Rays bouncedRays(Scene& scene, Rays const& camera) {
 
 /// Rays along lines through two points of the bounds, from outside.
 Rays randomRays(Scene& scene, int count) {
-    Bounds const bounds = scene.geometry->bounds();
+    Bounds const bounds = scene.geometry->bounds().value_or(Bounds{});
     Vec const size = bounds.max - bounds.min;
     double const outside = bounds.diagonal();
     Rays rays;
@@ -152,14 +151,13 @@ void traceList(Geometry& geometry, Bunch& bunch, Rays const& rays, std::size_t b
 
 /// Traces all rays once, the threads sharing them evenly; the seconds that took.
 double traceAll(Geometry& geometry, Rays const& rays, bool inLists, int threads) {
-    auto const part = [&](int thread) {
-        std::size_t const lists = (rays.size() + lanesPerBunch - 1) / lanesPerBunch;
-        auto const share = [&](int t) {
-            return lists * static_cast<std::size_t>(t) / static_cast<std::size_t>(threads);
-        };
+    std::size_t const lists = (rays.size() + lanesPerBunch - 1) / lanesPerBunch;
+    auto const shares = static_cast<std::size_t>(threads);
+    auto const traceShare = [&](std::size_t share, Kelpa::GoOn const& goOn) {
         auto const bunch = std::make_unique<Bunch>();
-        for (std::size_t list = share(thread); list < share(thread + 1); ++list) {
-            if (Kelpa::InterruptScope::interrupted())
+        for (std::size_t list = lists * share / shares; list < lists * (share + 1) / shares;
+             ++list) {
+            if (!goOn())
                 return;
             std::size_t const begin = list * lanesPerBunch;
             std::size_t const end = std::min(begin + lanesPerBunch, rays.size());
@@ -170,18 +168,8 @@ double traceAll(Geometry& geometry, Rays const& rays, bool inLists, int threads)
         }
     };
     Stopwatch const time;
-    {
-        std::vector<std::jthread> helpers;
-        int started = 1;
-        try {
-            for (; started < threads; ++started)
-                helpers.emplace_back(part, started);
-        } catch (std::system_error const&) {
-            for (; started < threads; ++started) // not granted: done here
-                part(started);
-        }
-        part(0);
-    }
+    Kelpa::doPieces(shares, threads, traceShare,
+                    [] { return !Kelpa::InterruptScope::interrupted(); });
     double const seconds = time.seconds();
     throwIfInterrupted();
     return seconds;
@@ -234,10 +222,10 @@ void measure(Options const& options, ParticleSet const& particles, char const* m
         buildScene(scene, quiet, report);
         seconds.push_back(time.seconds());
     }
-    auto const spheres = static_cast<double>(scene.geometry->sphereCount());
+    TreeStatistics const tree = scene.geometry->statistics();
+    auto const spheres = static_cast<double>(tree.used);
     fmt::print("{:<7} {:<8} {:>6} million spheres/s, {:.3f} s, {:.0f} bytes a sphere\n", motion,
-               "build", rate(spheres, median(seconds)), median(seconds),
-               static_cast<double>(scene.geometry->memory()) / spheres);
+               "build", rate(spheres, median(seconds)), median(seconds), tree.bytesPerSphere());
     finishStandardOutput();
     Rays const camera = cameraRays(scene, options.benchRays);
     measureRays(scene, motion, "camera", camera, options);

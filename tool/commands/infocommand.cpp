@@ -40,13 +40,6 @@ std::string boundsText(Bounds const& bounds) {
                        max.x, max.y, max.z);
 }
 
-std::string jsonBounds(Bounds const& bounds) {
-    auto const& [min, max] = bounds;
-    return fmt::format("{{\"min\": [{}, {}, {}], \"max\": [{}, {}, {}]}}", jsonNumber(min.x),
-                       jsonNumber(min.y), jsonNumber(min.z), jsonNumber(max.x), jsonNumber(max.y),
-                       jsonNumber(max.z));
-}
-
 void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
                  std::string const& file, BuildReport const& report) {
     fmt::print("{}: {}, {} particles\n", printable(baseName(file)), particles.format,
@@ -63,7 +56,8 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
     }
     fmt::print("  radius: min {:.6g}, median {:.6g}, max {:.6g}\n", radii.min, radii.median,
                radii.max);
-    fmt::print("  bounds: {}\n", boundsText(inFile(scene.geometry->bounds(), scene.origin)));
+    fmt::print("  bounds: {}\n",
+               boundsText(inFile(scene.geometry->bounds().value_or(Bounds{}), scene.origin)));
     if (auto const motion = scene.geometry->motionBounds())
         fmt::print("  bounds of the motion: {}\n", boundsText(*motion));
     if (scene.second != nullptr)
@@ -72,7 +66,7 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
     fmt::print("  skipped: {} not finite, {} with radius 0 or less\n",
                withCommas(scene.rejected.notFinite), withCommas(scene.rejected.notPositive));
     fmt::print("  tree: {:.1f} bytes a sphere with packed leaves\n",
-               static_cast<double>(scene.geometry->memory()) / scene.geometry->sphereCount());
+               scene.geometry->statistics().bytesPerSphere());
     if (scene.origin.x != 0.0 || scene.origin.y != 0.0 || scene.origin.z != 0.0)
         fmt::print("  tree's coordinates: as from ({:.7g}, {:.7g}, {:.7g})\n", scene.origin.x,
                    scene.origin.y, scene.origin.z);
@@ -81,30 +75,34 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
 }
 
 void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
-                 std::string const& file, BuildReport const& report) {
-    fmt::print("{{\n  \"file\": {},\n  \"format\": {},\n  \"particles\": {},\n  \"frames\": {},\n",
-               jsonText(baseName(file)), jsonText(particles.format), particles.positions.size(),
-               particles.frameCount);
-    fmt::print("  \"columns\": [");
-    for (std::size_t i = 0; i < particles.columns.size(); ++i) {
-        AttributeSummary const& column = particles.columns[i];
-        fmt::print(
-            "{}\n    {{\"name\": {}, \"type\": {}, \"min\": {}, \"max\": {}, \"notFinite\": {}}}",
-            i > 0 ? "," : "", jsonText(column.name), jsonText(column.type), jsonNumber(column.min),
-            jsonNumber(column.max), column.notFinite);
-    }
-    fmt::print("\n  ],\n  \"radius\": {{\"min\": {}, \"median\": {}, \"max\": {}}},\n",
-               jsonNumber(radii.min), jsonNumber(radii.median), jsonNumber(radii.max));
-    fmt::print("  \"bounds\": {},\n", jsonBounds(inFile(scene.geometry->bounds(), scene.origin)));
+                 std::string const& file, BuildReport const&) {
+    std::vector<Json> columns;
+    for (AttributeSummary const& column : particles.columns)
+        columns.push_back(JsonObject()
+                              .add("name", column.name)
+                              .add("type", column.type)
+                              .add("min", column.min)
+                              .add("max", column.max)
+                              .add("notFinite", column.notFinite)
+                              .onOneLine());
+    JsonObject json;
+    json.add("file", baseName(file))
+        .add("format", particles.format)
+        .add("particles", particles.positions.size())
+        .add("frames", particles.frameCount)
+        .add("columns", jsonList(columns, 2))
+        .add("radius", JsonObject()
+                           .add("min", radii.min)
+                           .add("median", radii.median)
+                           .add("max", radii.max)
+                           .onOneLine())
+        .add("bounds", jsonOf(inFile(scene.geometry->bounds().value_or(Bounds{}), scene.origin)));
     if (auto const motion = scene.geometry->motionBounds())
-        fmt::print("  \"motionBounds\": {},\n", jsonBounds(*motion));
-    fmt::print("  \"motion\": {{\"mean\": {}, \"largest\": {}}},\n", jsonNumber(scene.meanStep),
-               jsonNumber(scene.largestStep));
-    fmt::print("  \"skipped\": {{\"notFinite\": {}, \"notPositive\": {}}},\n",
-               scene.rejected.notFinite, scene.rejected.notPositive);
-    std::string const tree = jsonTreeReport(report.statisticsLines);
-    fmt::print("  \"tree\": {{\"bytes\": {}{}{}}}\n}}", scene.geometry->memory(),
-               tree.empty() ? "" : ", ", tree);
+        json.add("motionBounds", jsonOf(*motion));
+    json.add("motion", jsonOfMotion(scene))
+        .add("skipped", jsonOf(scene.rejected))
+        .add("tree", jsonOf(scene.geometry->statistics()));
+    fmt::print("{}", json.onLines(0).text);
 }
 
 /// Tells about one file, after `separator` and once it has been read.

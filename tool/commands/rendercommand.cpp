@@ -102,7 +102,7 @@ BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics, 
     buildScene(built.scene, options, report);
     built.buildSeconds = buildTime.seconds();
     statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
-                        built.buildSeconds, report.statisticsLines);
+                        built.buildSeconds);
     return built;
 }
 
@@ -127,7 +127,7 @@ void renderPicture(BuiltScene& built, Camera const& camera, Options const& optio
     if (!options.run.quiet)
         say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
             output, width, height,
-            withCommas(static_cast<std::uint64_t>(built.scene.geometry->sphereCount())),
+            withCommas(static_cast<std::uint64_t>(built.scene.geometry->statistics().used)),
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
 }
 

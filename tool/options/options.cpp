@@ -183,7 +183,8 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
         ->group("Tree");
 }
 
-void addMotionOptions(CLI::App& app, MotionOptions& motion) {
+void addMotionOptions(CLI::App& app, Options& options) {
+    MotionOptions& motion = options.scene.motion;
     app.add_option(
            "--motion", motion.motion,
            "Where particles move: along their velocities, to the frame after, or to the snapshot "
@@ -206,7 +207,7 @@ void addMotionOptions(CLI::App& app, MotionOptions& motion) {
            "effects 1/24 (one frame)")
         ->transform(between(-1e30, 1e30))
         ->group("Motion");
-    addChoice(app, "--bounds", motion.movingBounds, {{"static", false}, {"moving", true}},
+    addChoice(app, "--bounds", options.tree.hasMovingBounds, {{"static", false}, {"moving", true}},
               "Bounds that the moving tree reports")
         ->group("Motion");
 }
@@ -391,7 +392,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
               "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; the "
               "output numbers them: img.####.png")
         ->excludes(render->get_option("--frame"));
-    addMotionOptions(*render, options.scene.motion);
+    addMotionOptions(*render, options);
     addPictureOptions(*render, options);
     addTreeOptions(*render, options.tree);
     addRunOptions(*render, options.run);
@@ -399,7 +400,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     auto* const info = app.add_subcommand("info", "Tell what a particle file holds");
     info->add_option("FILE", options.particles.files, "Particle files")->required();
     addParticleOptions(*info, options);
-    addMotionOptions(*info, options.scene.motion);
+    addMotionOptions(*info, options);
     info->add_flag("--json", options.json, "As JSON");
     addTreeOptions(*info, options.tree);
     addRunOptions(*info, options.run);
@@ -415,7 +416,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         app.add_subcommand("bench", "Measure builds and rays with a file's particles");
     bench->add_option("FILE", options.particles.files, "Particle file")->required();
     addParticleOptions(*bench, options);
-    addMotionOptions(*bench, options.scene.motion);
+    addMotionOptions(*bench, options);
     bench->add_option("--runs", options.benchRuns, "Runs, of which the median counts; default: 5")
         ->transform(between(1, 1000));
     bench->add_option("--rays", options.benchRays, "Rays of each kind; default: 200000")

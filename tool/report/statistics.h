@@ -1,8 +1,9 @@
+// What runs of the command took, for other programs.
 #pragma once
 
 #include "pipeline/scene/scene.h"
 
-#include "tool/options/options.h"
+#include "tool/report/json.h"
 
 #include <cstdint>
 #include <string>
@@ -23,9 +24,9 @@ struct PictureStatistics {
 /// What a run of `kelpa render` took, gathered as it goes.
 class RenderStatistics {
   public:
-    /// A scene is built: the pictures that follow are of it. `reportLines` is what the build said.
+    /// A scene is built: the pictures that follow are of it.
     void addScene(std::string const& file, Scene const& scene, double readSeconds,
-                  double buildSeconds, std::vector<std::string> const& reportLines);
+                  double buildSeconds);
     void addPicture(PictureStatistics const& picture);
 
     /// As JSON: {"version", "threads", "peakMegabytes", "scenes": [{"file", "spheres", "skipped",
@@ -35,13 +36,22 @@ class RenderStatistics {
 
   private:
     struct SceneEntry {
-        std::string json; ///< its members, but for the pictures
+        JsonObject members; ///< all but the pictures
         std::vector<PictureStatistics> pictures;
     };
     std::vector<SceneEntry> scenes;
 };
 
-/// A build's report as members of a JSON object: "Max tree depth: 15" is "maxTreeDepth": 15.
-std::string jsonTreeReport(std::vector<std::string> const& reportLines);
+/// {"min": [x, y, z], "max": [x, y, z]}
+Json jsonOf(Bounds const& bounds);
+
+/// A tree's figures, which `kelpa info` and `--stats` tell alike.
+Json jsonOf(TreeStatistics const& tree);
+
+/// How many particles were left out, and why.
+Json jsonOf(Rejected const& rejected);
+
+/// How far particles move.
+Json jsonOfMotion(Scene const& scene);
 
 } // namespace kelpatool
