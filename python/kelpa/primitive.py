@@ -176,7 +176,8 @@ class Primitive:
     @property
     def statistics(self) -> dict[str, Any]:
         """What the build made: `particles` given, `used` and `left_out`, `nodes`, `leaf_entries`,
-        `max_depth`, `tree_bytes`, `packed_bytes`, `build_seconds`."""
+        `max_depth`, `tree_bytes`, `packed_bytes`, `peak_bytes` (while it was built),
+        `build_seconds`."""
         found = self._tree.statistics()
         found["left_out"] = found["particles"] - found["used"]
         return found

@@ -182,6 +182,7 @@ template <class Primitive> Statistics PrimitiveGeometry<Primitive>::statistics()
     result.maxDepth = tree.statMaxDepth;
     result.treeBytes = primitive.getMemUsage();
     result.packedBytes = tree.getPackedMemUsage();
+    result.peakBytes = tree.getPeakMemUsage();
     return result;
 }
 

@@ -88,6 +88,7 @@ struct Statistics {
     std::int64_t maxDepth = 0;
     std::uint64_t treeBytes = 0;
     std::uint64_t packedBytes = 0;
+    std::uint64_t peakBytes = 0; ///< the most while it was built
 };
 
 /// A box, and how fast its two corners move.

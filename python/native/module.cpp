@@ -152,6 +152,7 @@ class Tree {
         result["max_depth"] = s.maxDepth;
         result["tree_bytes"] = s.treeBytes;
         result["packed_bytes"] = s.packedBytes;
+        result["peak_bytes"] = s.peakBytes;
         result["build_seconds"] = buildSeconds;
         return result;
     }

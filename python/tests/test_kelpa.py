@@ -166,6 +166,7 @@ class Particles(unittest.TestCase):
         self.assertEqual(primitive.intersect([0, 0, 0], [0, 0, 1]).index[0], 0)
         np.testing.assert_allclose(primitive.bounds, [[-1, -1, 4], [1, 1, 6]], atol=2e-3)
         self.assertGreater(primitive.memory, 0)
+        self.assertGreater(primitive.statistics["peak_bytes"], primitive.memory)
         for empty in (kelpa.Primitive([]), kelpa.build(np.empty((0, 3)), 1)):
             self.assertIsNone(empty.bounds)
             self.assertFalse(empty.intersect([0, 0, 0], [0, 0, 1]).mask.any())

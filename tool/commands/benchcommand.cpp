@@ -224,8 +224,10 @@ void measure(Options const& options, ParticleSet const& particles, char const* m
     }
     TreeStatistics const tree = scene.geometry->statistics();
     auto const spheres = static_cast<double>(tree.used);
-    fmt::print("{:<7} {:<8} {:>6} million spheres/s, {:.3f} s, {:.0f} bytes a sphere\n", motion,
-               "build", rate(spheres, median(seconds)), median(seconds), tree.bytesPerSphere());
+    fmt::print("{:<7} {:<8} {:>6} million spheres/s, {:.3f} s, {:.0f} bytes a sphere, {:.0f} while "
+               "built\n",
+               motion, "build", rate(spheres, median(seconds)), median(seconds),
+               tree.bytesPerSphere(), static_cast<double>(tree.peakBytes) / spheres);
     finishStandardOutput();
     Rays const camera = cameraRays(scene, options.benchRays);
     measureRays(scene, motion, "camera", camera, options);
