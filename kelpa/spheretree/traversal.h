@@ -42,11 +42,18 @@ class AxisRays {
                {ray.origin[1], static_cast<double>(ray.invDir.y)},
                {ray.origin[2], static_cast<double>(ray.invDir.z)},
                {}},
-          backwards(ray.dirSign[0] | ray.dirSign[1] << 1 | ray.dirSign[2] << 2) {}
+          backwards(ray.dirSign[0] | ray.dirSign[1] << 1 | ray.dirSign[2] << 2),
+          nearOffsets(static_cast<std::uint64_t>(backwards) * 0x0010001000100010U) {}
 
     /// Which child of a node split on an axis the ray meets first. From a register: the address of
     /// the next node waits for it.
     int nearChild(int axis) const { return (backwards >> axis) & 1; }
+
+    /// Where in a pair of nodes of 16 bytes, to which the link of an inner node leads, the child
+    /// lies that the ray meets first: 0 or 16. The address of the next node waits for it, so the
+    /// link is shifted by as it is: its low 4 bits are the axis, and what the shift takes of the
+    /// bits above are multiples of 16, after which the same bits come again.
+    std::uint64_t nearOffset(std::uint64_t link) const { return nearOffsets >> (link & 63U) & 16U; }
 
     /// As the function of the same name.
     double planeParameter(int axis, float position) const {
@@ -61,8 +68,9 @@ class AxisRays {
     struct {
         double origin;
         double invDir;
-    } axes[4];     // one more, so that any kind of node is an index
-    int backwards; // bit per axis
+    } axes[4];                 // one more, so that any kind of node is an index
+    int backwards;             // bit per axis
+    std::uint64_t nearOffsets; // the same, from bit 4 on, four times
 };
 
 /// Keeps the branch around it from becoming arithmetic: the processor then guesses the next node
@@ -84,6 +92,35 @@ class AxisRays {
     return !(fromStart * fromEnd > 0.0F);
 }
 
+/// A ray's interval, which tells with one comparison on which side of most planes it lies.
+///
+/// What `isBehind` or `isBefore` says, `crossesPlane` says too: such planes are at least 5e-19 away
+/// from both ends, so that the product of the distances, in single precision, is above 0.
+class CrossedInterval {
+  public:
+    [[gnu::always_inline]] CrossedInterval(double from, double to) : tMin(from), tMax(to) {
+        bool const isOrdered = from <= to; // else one comparison tells nothing
+        below = isOrdered ? from - margin : -__builtin_inf();
+        above = isOrdered ? to + margin : __builtin_inf();
+    }
+
+    [[gnu::always_inline]] bool isBehind(double tSplit) const { return tSplit < below; }
+    [[gnu::always_inline]] bool isBefore(double tSplit) const { return tSplit > above; }
+    [[gnu::always_inline]] bool isCrossedAt(double tSplit) const {
+        return crossesPlane(tSplit, tMin, tMax);
+    }
+    /// Keeps what lies before a plane that crosses it.
+    [[gnu::always_inline]] void endAt(double tSplit) { *this = CrossedInterval(tMin, tSplit); }
+
+    double tMin;
+    double tMax;
+
+  private:
+    static constexpr double margin = 1e-18;
+    double below;
+    double above;
+};
+
 /// Whether rays run so much the same way that the processor guesses one's steps from another's, as
 /// those from a camera do. A guess at that from three of them; only the speed depends on it.
 template <class Ray> [[gnu::always_inline]] inline bool areTogether(std::span<Ray*> rays) {
@@ -97,32 +134,38 @@ template <class Ray> [[gnu::always_inline]] inline bool areTogether(std::span<Ra
     return isAlongFirst(rays[rays.size() / 2]->dir) && isAlongFirst(rays[rays.size() - 1]->dir);
 }
 
-/// Children that wait while the nearer ones are visited, nearest on top.
+/// A node and the part of a ray that is inside it.
+template <class Node> struct Span {
+    Node const* node;
+    double tMin;
+    double tMax;
+};
+
+/// Children that wait while the nearer ones are visited, nearest on top, in a room of the caller's.
 ///
 /// Those on the stack belong to distinct inner nodes of one path, so as many entries suffice as
 /// that path has inner nodes. Lives on the call stack; a query allocates nothing.
-template <class Node, int Capacity> class PostponedChildren {
+template <class Node> class PostponedChildren {
   public:
-    struct Entry {
-        Node const* node;
-        double tMin;
-        double tMax;
-    };
+    /// Filled as it is used, not before; one more takes what is not wanted on top of a full stack.
+    template <int Capacity> using Room = Span<Node>[Capacity + 1];
 
-    bool isEmpty() const { return used == 0; }
-    void push(Node const* node, double tMin, double tMax) { entries[used++] = {node, tMin, tMax}; }
+    explicit PostponedChildren(Span<Node>* emptyRoom) : bottom(emptyRoom), top(emptyRoom) {}
+
+    bool isEmpty() const { return top == bottom; }
+    void push(Node const* node, double tMin, double tMax) { *top++ = {node, tMin, tMax}; }
     /// Pushes or not, without a branch.
     [[gnu::always_inline]] void pushIf(std::uint64_t isWanted, Node const* node, double tMin,
                                        double tMax) {
-        entries[used] = {node, tMin, tMax};
-        used += static_cast<int>(isWanted);
+        *top = {node, tMin, tMax};
+        top += isWanted;
     }
-    Entry const& pop() { return entries[--used]; }
+    Span<Node> const& pop() { return *--top; }
 
   private:
-    // Filled as it is used, not before; one more takes what is not wanted on top of a full stack.
-    Entry entries[Capacity + 1];
-    int used = 0;
+    // Apart from the room, so that it stays in registers.
+    Span<Node>* bottom;
+    Span<Node>* top;
 };
 
 /// Inner levels that a traversal is prepared for in ordinary trees; deeper ones take a larger

@@ -256,7 +256,8 @@ template <int Capacity> bool findClosestWith(Tree const& tree, MBSphereRay& ray)
     AxisRays const axes(ray);
     LeafVisitor leaves(tree, ray);
     double const time = static_cast<double>(ray.rayTime);
-    PostponedChildren<MBSphereNode, Capacity> postponed;
+    PostponedChildren<MBSphereNode>::Room<Capacity> room;
+    PostponedChildren<MBSphereNode> postponed(room);
     MBSphereNode const* node = tree.root;
     double tMin = ray.tMin;
     double tMax = ray.tMax;
@@ -353,7 +354,8 @@ class Traveller {
     double tMin;
     double tMax;
     LeafVisitor leaves;
-    PostponedChildren<MBSphereNode, usualInnerLevels> postponed;
+    PostponedChildren<MBSphereNode>::Room<usualInnerLevels> room;
+    PostponedChildren<MBSphereNode> postponed{room};
 };
 
 /// Whether rays start so near each other that what one reads of a tree is at hand for the next. A

@@ -49,7 +49,7 @@ static_assert(sizeof(SDLeafSphere) == 4);
 
 /// One tree node. A leaf keeps a count and its run of entries, an inner node a plane and its pair
 /// of children: first the lower side of the plane, then the upper. A new node is an empty leaf.
-template <class Sphere> struct SDSphereNode {
+template <class Sphere> struct alignas(16) SDSphereNode {
     static constexpr int leafKind = 3; ///< kind of a link from a leaf
 
     union {

@@ -176,31 +176,40 @@ class LeafVisitor {
     Vector center;              ///< its centre
 };
 
+/// The node of a pair that lies `offset` bytes behind the first.
+[[gnu::always_inline]] inline Node const* nodeAt(std::uint64_t link, std::uint64_t offset) {
+    return reinterpret_cast<Node const*>((link & ~std::uint64_t{3}) + offset);
+}
+
 template <int Capacity> bool findClosestWith(Tree const& tree, SDSphereRay& ray) {
+    constexpr std::uint64_t otherChild = sizeof(Node); // what tells the two offsets apart
     AxisRays const axes(ray);
     LeafVisitor leaves(tree, ray);
-    PostponedChildren<Node, Capacity> postponed;
+    PostponedChildren<Node>::Room<Capacity> room;
+    PostponedChildren<Node> postponed(room);
     Node const* node = tree.root;
-    double tMin = ray.tMin;
-    double tMax = ray.tMax;
+    CrossedInterval interval(ray.tMin, ray.tMax);
     for (;;) {
-        while (!node->isLeaf()) {
-            int const axis = node->kind();
-            int const nearChild = axes.nearChild(axis);
-            Node const* const children = node->children();
-            double const tSplit = axes.planeParameter(axis, node->splitPos);
-            if (crossesPlane(tSplit, tMin, tMax)) {
-                postponed.push(children + (1 - nearChild), tSplit, tMax);
-                tMax = tSplit;
-                node = children + nearChild;
-            } else if (tSplit < tMin) {
-                node = children + (1 - nearChild); // all of it lies behind the plane ...
+        std::uint64_t link = node->link;
+        while (linkKind(link) != Node::leafKind) {
+            std::uint64_t const nearChild = axes.nearOffset(link);
+            double const tSplit = axes.planeParameter(linkKind(link), node->splitPos);
+            if (interval.isBehind(tSplit)) { // all of it lies behind the plane ...
+                node = nodeAt(link, nearChild ^ otherChild);
                 keepAsBranch();
+            } else if (interval.isBefore(tSplit)) { // ... or before it
+                node = nodeAt(link, nearChild);
+                keepAsBranch();
+            } else if (interval.isCrossedAt(tSplit)) {
+                postponed.push(nodeAt(link, nearChild ^ otherChild), tSplit, interval.tMax);
+                interval.endAt(tSplit);
+                node = nodeAt(link, nearChild);
             } else {
-                node = children + nearChild; // ... or before it
+                node = nodeAt(link, tSplit < interval.tMin ? nearChild ^ otherChild : nearChild);
             }
+            link = node->link;
         }
-        leaves.visit(*node, LeafInterval::widened(ray, tMin, tMax));
+        leaves.visit(*node, LeafInterval::widened(ray, interval.tMin, interval.tMax));
         if (postponed.isEmpty())
             return leaves.finish();
         // What waits deeper in the stack starts even later.
@@ -208,8 +217,7 @@ template <int Capacity> bool findClosestWith(Tree const& tree, SDSphereRay& ray)
         if (!(next.tMin <= ray.hit->t))
             return leaves.finish();
         node = next.node;
-        tMin = next.tMin;
-        tMax = next.tMax;
+        interval = CrossedInterval(next.tMin, next.tMax);
     }
 }
 
@@ -267,7 +275,8 @@ class Traveller {
     double tMin;
     double tMax;
     LeafVisitor leaves;
-    PostponedChildren<Node, usualInnerLevels> postponed;
+    PostponedChildren<Node>::Room<usualInnerLevels> room;
+    PostponedChildren<Node> postponed{room};
 };
 
 } // namespace
