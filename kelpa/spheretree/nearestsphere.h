@@ -15,12 +15,17 @@ namespace {
 /// The smallest single-precision number that is not below `value`. Without a branch: which way the
 /// rounding goes is a coin's toss.
 [[gnu::always_inline]] inline float roundedUp(double value) {
+#if defined(__AVX512F__)
+    return _mm_cvtss_f32(_mm_cvt_roundsd_ss(_mm_setzero_ps(), _mm_set_sd(value),
+                                            _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC));
+#else
     float const nearest = static_cast<float>(value);
     // The bits of positive floats are in their order, those of negative ones against it.
     auto const bits = __builtin_bit_cast(std::int32_t, nearest);
     std::int32_t const sign = bits >> 31; // 0 or -1
     std::int32_t const isBelow = static_cast<double>(nearest) < value ? 1 : 0;
     return __builtin_bit_cast(float, bits + ((isBelow ^ sign) - sign));
+#endif
 }
 
 [[gnu::always_inline]] inline float roundedDown(double value) {
@@ -48,8 +53,95 @@ struct HitWindow {
     float end; ///< lowered to every hit
 };
 
+inline constexpr std::uint32_t allLanes = 0xFFFFU >> (16 - Lanes::count);
+
+/// What the test of a group of spheres knows before the root.
+struct FirstHalf {
+    Lanes::Floats tClosest;
+    Lanes::Floats h;        ///< squared distance of the ray from the centre, less squared radius
+    std::uint32_t possible; ///< lanes that the ray's line hits
+};
+
+/// For some `lanes` of the group of spheres that begins with `first`.
+[[gnu::always_inline]] inline FirstHalf firstHalf(SphereProbe const& ray,
+                                                  SphereArrays const& spheres, std::int32_t first,
+                                                  std::uint32_t lanes) {
+    using Floats = Lanes::Floats;
+    Floats const dirX = Lanes::all(ray.dir.x);
+    Floats const dirY = Lanes::all(ray.dir.y);
+    Floats const dirZ = Lanes::all(ray.dir.z);
+    Floats const x = Lanes::load(spheres.x + first) - Lanes::all(ray.origin.x);
+    Floats const y = Lanes::load(spheres.y + first) - Lanes::all(ray.origin.y);
+    Floats const z = Lanes::load(spheres.z + first) - Lanes::all(ray.origin.z);
+    Floats const radius =
+        spheres.radiusStep == 0 ? Lanes::all(spheres.radii[0]) : Lanes::load(spheres.radii + first);
+    Floats const tClosest = ((x * dirX + y * dirY) + z * dirZ) / Lanes::all(ray.squaredLength);
+    Floats const ex = dirX * tClosest - x;
+    Floats const ey = dirY * tClosest - y;
+    Floats const ez = dirZ * tClosest - z;
+    Floats const h = ((ex * ex + ey * ey) + ez * ez) - radius * radius;
+    return {tClosest, h, lanes & ~Lanes::isGreater(h, Lanes::all(0.0F))};
+}
+
+/// Hits of a group: when, and which lanes those are.
+struct GroupHits {
+    Lanes::Floats t; ///< infinite where there is none
+    std::uint32_t lanes;
+};
+
+/// What is left to do for the possible lanes, of which there must be one.
+[[gnu::always_inline]] inline GroupHits secondHalf(SphereProbe const& ray, FirstHalf const& group,
+                                                   HitWindow const& window) {
+    using Floats = Lanes::Floats;
+    std::uint32_t possible = group.possible;
+    // No root is taken of what is passed: hosts may trap invalid operations.
+    Floats const halfChord = Lanes::rootIn(possible, -group.h / Lanes::all(ray.squaredLength));
+    Floats const entry = group.tClosest - halfChord;
+    Floats const exit = group.tClosest + halfChord;
+    Floats const end = Lanes::all(window.end);
+    possible &= ~Lanes::isAtLeast(entry, end);
+    std::uint32_t const entered = possible & Lanes::isAtLeast(entry, Lanes::all(window.entryFrom));
+    std::uint32_t const left = possible & ~entered &
+                               Lanes::isGreater(exit, Lanes::all(window.exitAfter)) &
+                               Lanes::isGreater(end, exit);
+    std::uint32_t const hits = entered | left;
+    return {Lanes::select(hits, Lanes::select(entered, entry, exit), Lanes::all(__builtin_inff())),
+            hits};
+}
+
 /// In which order spheres at the same distance are preferred.
 enum class TieOrder { first, last };
+
+/// `nearestSphere`, group by group.
+template <TieOrder order>
+[[gnu::noinline]] inline std::int32_t
+nearestInOrder(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count,
+               std::int32_t excluded, HitWindow& window) {
+    std::int32_t nearest = -1;
+    std::int32_t const packs = (count + Lanes::count - 1) / Lanes::count;
+    for (std::int32_t asked = 0; asked < packs; ++asked) {
+        std::int32_t const first =
+            (order == TieOrder::first ? asked : packs - 1 - asked) * Lanes::count;
+        std::uint32_t lanes = allLanes;
+        if (count - first < Lanes::count)
+            lanes >>= Lanes::count - (count - first);
+        if (static_cast<std::uint32_t>(excluded - first) < Lanes::count)
+            lanes &= ~(1U << (excluded - first));
+        FirstHalf const group = firstHalf(ray, spheres, first, lanes);
+        if (group.possible == 0)
+            continue;
+        GroupHits const hits = secondHalf(ray, group, window);
+        if (hits.lanes == 0)
+            continue;
+        std::uint32_t const best =
+            hits.lanes & Lanes::isEqual(hits.t, Lanes::all(Lanes::lowest(hits.t)));
+        std::int32_t const lane =
+            order == TieOrder::first ? __builtin_ctz(best) : 31 - __builtin_clz(best);
+        nearest = first + lane;
+        window.end = Lanes::at(hits.t, lane);
+    }
+    return nearest;
+}
 
 /// The sphere among `spheres` 0 to `count` - 1, but for `excluded` (-1: none), that the ray hits
 /// first, or -1. Lowers the window's end to the hit. With an end that is not a number it depends on
@@ -62,58 +154,29 @@ template <TieOrder order>
 [[gnu::always_inline]] inline std::int32_t
 nearestSphere(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count,
               std::int32_t excluded, HitWindow& window) {
-    using Floats = Lanes::Floats;
-    constexpr std::uint32_t allLanes = 0xFFFFU >> (16 - Lanes::count);
-    Floats const dirX = Lanes::all(ray.dir.x);
-    Floats const dirY = Lanes::all(ray.dir.y);
-    Floats const dirZ = Lanes::all(ray.dir.z);
-    Floats const squaredLength = Lanes::all(ray.squaredLength);
-    Floats const none = Lanes::all(0.0F);
-    std::int32_t nearest = -1;
-    std::int32_t const packs = (count + Lanes::count - 1) / Lanes::count;
-    for (std::int32_t asked = 0; asked < packs; ++asked) {
-        std::int32_t const first =
-            (order == TieOrder::first ? asked : packs - 1 - asked) * Lanes::count;
-        Floats const x = Lanes::load(spheres.x + first) - Lanes::all(ray.origin.x);
-        Floats const y = Lanes::load(spheres.y + first) - Lanes::all(ray.origin.y);
-        Floats const z = Lanes::load(spheres.z + first) - Lanes::all(ray.origin.z);
-        Floats const radius = spheres.radiusStep == 0 ? Lanes::all(spheres.radii[0])
-                                                      : Lanes::load(spheres.radii + first);
-        Floats const tClosest = ((x * dirX + y * dirY) + z * dirZ) / squaredLength;
-        Floats const ex = dirX * tClosest - x;
-        Floats const ey = dirY * tClosest - y;
-        Floats const ez = dirZ * tClosest - z;
-        Floats const h = ((ex * ex + ey * ey) + ez * ez) - radius * radius;
-        std::uint32_t possible = allLanes & ~Lanes::isGreater(h, none);
-        if (count - first < Lanes::count)
-            possible &= allLanes >> (Lanes::count - (count - first));
-        if (static_cast<std::uint32_t>(excluded - first) < Lanes::count)
-            possible &= ~(1U << (excluded - first));
-        if (possible == 0)
-            continue;
-        // No root is taken of what is passed: hosts may trap invalid operations.
-        Floats const halfChord = Lanes::rootIn(possible, -h / squaredLength);
-        Floats const entry = tClosest - halfChord;
-        Floats const exit = tClosest + halfChord;
-        Floats const end = Lanes::all(window.end);
-        possible &= ~Lanes::isAtLeast(entry, end);
-        std::uint32_t const entered =
-            possible & Lanes::isAtLeast(entry, Lanes::all(window.entryFrom));
-        std::uint32_t const left = possible & ~entered &
-                                   Lanes::isGreater(exit, Lanes::all(window.exitAfter)) &
-                                   Lanes::isGreater(end, exit);
-        std::uint32_t const hits = entered | left;
-        if (hits == 0)
-            continue;
-        Floats const t =
-            Lanes::select(hits, Lanes::select(entered, entry, exit), Lanes::all(__builtin_inff()));
-        std::uint32_t const best = hits & Lanes::isEqual(t, Lanes::all(Lanes::lowest(t)));
-        std::int32_t const lane =
-            order == TieOrder::first ? __builtin_ctz(best) : 31 - __builtin_clz(best);
-        nearest = first + lane;
-        window.end = Lanes::at(t, lane);
-    }
-    return nearest;
+    if (count <= Lanes::count || count > 2 * Lanes::count || excluded >= 0)
+        return nearestInOrder<order>(ray, spheres, count, excluded, window);
+    // Most leaves: both groups side by side, and one second half for both where no two of the
+    // possible spheres are on the same lane.
+    FirstHalf const low = firstHalf(ray, spheres, 0, allLanes);
+    FirstHalf const high =
+        firstHalf(ray, spheres, Lanes::count, allLanes >> (2 * Lanes::count - count));
+    std::uint32_t const possible = low.possible | high.possible;
+    if (possible == 0)
+        return -1;
+    if ((low.possible & high.possible) != 0) [[unlikely]]
+        return nearestInOrder<order>(ray, spheres, count, excluded, window);
+    FirstHalf const both{Lanes::select(high.possible, high.tClosest, low.tClosest),
+                         Lanes::select(high.possible, high.h, low.h), possible};
+    GroupHits const hits = secondHalf(ray, both, window);
+    if (hits.lanes == 0)
+        return -1;
+    float const t = Lanes::lowest(hits.t);
+    std::uint32_t const best = hits.lanes & Lanes::isEqual(hits.t, Lanes::all(t));
+    if ((best & (best - 1)) != 0) [[unlikely]] // then the order decides
+        return nearestInOrder<order>(ray, spheres, count, excluded, window);
+    window.end = t;
+    return __builtin_ctz(best) + ((best & high.possible) != 0 ? Lanes::count : 0);
 }
 
 } // namespace
