@@ -84,11 +84,12 @@ template <class Primitive> class Ours final : public Kernel {
     }
 
     void findHits(std::span<Ray const> rays, std::span<Found> found) const {
-        Kelpa::RayBunchExtParams params{};
-        Kelpa::RayBunchCommonResult result{};
-        double tMins[listLength] = {};
-        double tMaxs[listLength] = {};
-        unsigned char lanes[listLength] = {};
+        // Kept from call to call, as a renderer keeps its bunches; only what is read is set.
+        static thread_local Kelpa::RayBunchExtParams params;
+        static thread_local Kelpa::RayBunchCommonResult result;
+        static thread_local double tMins[listLength];
+        static thread_local double tMaxs[listLength];
+        static thread_local unsigned char lanes[listLength];
         for (std::size_t i = 0; i < rays.size(); ++i) {
             params.originX[i] = static_cast<double>(rays[i].origin.x);
             params.originY[i] = static_cast<double>(rays[i].origin.y);
@@ -98,8 +99,10 @@ template <class Primitive> class Ours final : public Kernel {
             params.dirZ[i] = rays[i].dir.z;
             params.time[i] = rays[i].time;
             params.skipIndex[i] = rays[i].skip;
+            tMins[i] = 0.0;
             tMaxs[i] = farAway;
             lanes[i] = static_cast<unsigned char>(i);
+            result.hit[i] = 0;
             result.hitT[i] = farAway;
         }
         result.noHits = true;

@@ -21,44 +21,54 @@ namespace Kelpa {
     return {to.x - from.x, to.y - from.y, to.z - from.z};
 }
 
-/// `intersectSphere`, inline.
+/// `intersectSphere`, inline, on what it needs of a ray: its origin in the precision of particle
+/// arithmetic, and its interval, whose end a hit lowers.
 ///
 /// The centre is reduced to the closest approach first and the discriminant taken there, not as
 /// b * b - a * c at the origin: far from small spheres that difference would cancel (E. Haines, J.
 /// Guenther, T. Akenine-Moeller, "Precision Improvements for Ray/Sphere Intersection", Ray Tracing
 /// Gems, 2019, ch. 7).
-[[gnu::always_inline]] inline int hitSphere(Vector const& center, float radius, IRay& ray,
-                                            bool sameSphere) {
-    Vector const toCenter = fromTo(singleOrigin(ray), center);
-    float const b = dot(toCenter, ray.dir);
+[[gnu::always_inline]] inline bool hitSphere(Vector const& center, float radius,
+                                             Vector const& origin, Vector const& dir, double tMin,
+                                             double& tMax, bool sameSphere) {
+    Vector const toCenter = fromTo(origin, center);
+    float const b = dot(toCenter, dir);
     // Not `b < 0`: a NaN must miss, too.
     if (sameSphere && !(b >= 0.0F))
-        return 0;
+        return false;
 
-    float const a = dot(ray.dir, ray.dir);
+    float const a = dot(dir, dir);
     float const tClosest = b / a;
-    Vector const offset = {ray.dir.x * tClosest - toCenter.x, ray.dir.y * tClosest - toCenter.y,
-                           ray.dir.z * tClosest - toCenter.z};
+    Vector const offset = {dir.x * tClosest - toCenter.x, dir.y * tClosest - toCenter.y,
+                           dir.z * tClosest - toCenter.z};
     float const h = dot(offset, offset) - radius * radius;
     if (h > 0.0F)
-        return 0;
+        return false;
 
     // A NaN that came this far fails every comparison below, and so misses.
     float const halfChord = std::sqrt(-h / a);
     double const entry = static_cast<double>(tClosest - halfChord);
     double const exit = static_cast<double>(tClosest + halfChord);
     if (!sameSphere) {
-        if (entry >= ray.tMax)
-            return 0;
-        if (entry >= ray.tMin) {
-            ray.tMax = entry;
-            return 1;
+        if (entry >= tMax)
+            return false;
+        if (entry >= tMin) {
+            tMax = entry;
+            return true;
         }
     }
-    if (!(ray.tMin < exit && exit < ray.tMax))
-        return 0;
-    ray.tMax = exit;
-    return 1;
+    if (!(tMin < exit && exit < tMax))
+        return false;
+    tMax = exit;
+    return true;
+}
+
+/// `intersectSphere`, inline.
+[[gnu::always_inline]] inline int hitSphere(Vector const& center, float radius, IRay& ray,
+                                            bool sameSphere) {
+    return hitSphere(center, radius, singleOrigin(ray), ray.dir, ray.tMin, ray.tMax, sameSphere)
+               ? 1
+               : 0;
 }
 
 /// `intersectPoint`, inline.

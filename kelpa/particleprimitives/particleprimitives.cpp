@@ -8,11 +8,7 @@ namespace Kelpa {
 
 namespace {
 
-// Indices are added and subtracted in 32 bits and wrap.
-std::int32_t wrappedSum(std::int32_t a, std::int32_t b) {
-    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
-}
-
+// Indices are subtracted in 32 bits and wrap.
 std::int32_t localSkipIndex(std::int64_t skipIndex, std::int32_t baseIndex) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(skipIndex) -
                                      static_cast<std::uint32_t>(baseIndex));
@@ -21,7 +17,7 @@ std::int32_t localSkipIndex(std::int64_t skipIndex, std::int32_t baseIndex) {
 /// The index under which a hit is reported.
 template <class Tree>
 std::int64_t reportedIndex(Tree const& tree, ClosestHit const& hit, std::int32_t baseIndex) {
-    return wrappedSum(tree.singleSystem == 1 ? baseIndex : hit.indexOffset, hit.particleIndex);
+    return reportedNumber(tree.singleSystem, hit.particleIndex, hit.indexOffset, baseIndex);
 }
 
 /// Registers a system and builds the tree. If that fails the system is forgotten again, so that a
@@ -46,6 +42,174 @@ double roundedToSingle(double value) {
     float const volatile rounded = static_cast<float>(value);
     return static_cast<double>(rounded);
 }
+
+/// Where in [tMin, tMax] a ray is asked about: one interval alone in a tree, the other in a shared.
+struct Interval {
+    double tMin;
+    double tMax;
+
+    Interval(RSRay const& ray, bool alone)
+        : tMin(alone ? ray.intervalMin : ray.clipMin), tMax(alone ? ray.intervalMax
+                                                            : ray.clipMax < ray.hitT ? ray.clipMax
+                                                                                     : ray.hitT) {}
+};
+
+/// Lanes of a list, from one position on, up to the first that is there for the second time.
+class DistinctLanes {
+  public:
+    DistinctLanes(unsigned char const* fromHere, unsigned long most) : lanes(fromHere) {
+        std::uint64_t listed = 0;
+        for (; count < most && count < longestRun; ++count) {
+            std::uint64_t const bit = std::uint64_t{1} << (lanes[count] % 64U);
+            if ((listed & bit) != 0)
+                break;
+            listed |= bit;
+        }
+        // Nothing between, nothing twice: what is as long as it is wide and rises.
+        for (unsigned k = 1; k < count; ++k)
+            consecutive &= lanes[k] == lanes[k - 1] + 1;
+    }
+
+    unsigned size() const { return count; }
+    unsigned char operator[](unsigned k) const { return lanes[k]; }
+    bool areConsecutive() const { return consecutive; }
+
+  private:
+    unsigned char const* lanes;
+    unsigned count = 0;
+    bool consecutive = true;
+};
+
+/// A copy of some lanes, one behind the other.
+struct GatheredLanes {
+    GatheredLanes(RayBunchExtParams const& from, double const* fromMins,
+                  DistinctLanes const& lanes) {
+        for (unsigned k = 0; k < lanes.size(); ++k) {
+            unsigned char const i = lanes[k];
+            rays.originX[k] = from.originX[i];
+            rays.originY[k] = from.originY[i];
+            rays.originZ[k] = from.originZ[i];
+            rays.dirX[k] = from.dirX[i];
+            rays.dirY[k] = from.dirY[i];
+            rays.dirZ[k] = from.dirZ[i];
+            rays.time[k] = from.time[i];
+            rays.skipIndex[k] = from.skipIndex[i];
+            tMins[k] = fromMins[i];
+        }
+    }
+
+    RayBunchExtParams rays;
+    double tMins[longestRun];
+};
+
+void copyHit(PrimitiveIntersections const& from, unsigned k, PrimitiveIntersections& to,
+             unsigned char lane) {
+    to.hit[lane] = from.hit[k];
+    to.hitPrimitive[lane] = from.hitPrimitive[k];
+    to.hitT[lane] = from.hitT[k];
+    to.hitIndex[lane] = from.hitIndex[k];
+    to.hitNormalX[lane] = from.hitNormalX[k];
+    to.hitNormalY[lane] = from.hitNormalY[k];
+    to.hitNormalZ[lane] = from.hitNormalZ[k];
+    to.hitLocalIndex[lane] = from.hitLocalIndex[k];
+}
+
+/// Lanes of a bunch that a tree is asked about, with the ends of their intervals by position.
+template <class Tree> class BunchPart {
+  public:
+    BunchPart(Tree const& askedTree, std::int32_t base, RayBunchExtParams const& params,
+              double const* starts, DistinctLanes const& distinct)
+        : tree(askedTree), baseIndex(base), rays(params), tMins(starts), lanes(distinct) {}
+
+    double tMaxs[longestRun]; ///< to be filled in before anything is asked
+
+    /// Enters the closest hits; true if there are any.
+    bool intersect(PrimitiveIntersections& result) const {
+        if (lanes.areConsecutive()) {
+            auto const found =
+                TreeQuery<Tree>::closestHits(tree, run(rays, tMins, lanes[0]), result);
+            return found ? *found != 0 : intersectOneByOne(result);
+        }
+        GatheredLanes const gathered(rays, tMins, lanes);
+        PrimitiveIntersections hits;
+        auto const found =
+            TreeQuery<Tree>::closestHits(tree, run(gathered.rays, gathered.tMins, 0), hits);
+        if (!found)
+            return intersectOneByOne(result);
+        for (unsigned k = 0; k < lanes.size(); ++k)
+            if ((*found >> k & 1U) != 0)
+                copyHit(hits, k, result, lanes[k]);
+        return *found != 0;
+    }
+
+    /// A bit for every position whose ray hits anything.
+    std::uint64_t occlusions() const {
+        if (lanes.areConsecutive()) {
+            auto const found = TreeQuery<Tree>::occlusions(tree, run(rays, tMins, lanes[0]));
+            return found ? *found : occlusionsOneByOne();
+        }
+        GatheredLanes const gathered(rays, tMins, lanes);
+        auto const found = TreeQuery<Tree>::occlusions(tree, run(gathered.rays, gathered.tMins, 0));
+        return found ? *found : occlusionsOneByOne();
+    }
+
+  private:
+    using List = typename TreeQuery<Tree>::List;
+
+    RayRun run(RayBunchExtParams const& params, double const* starts, unsigned first) const {
+        return {params, starts, tMaxs, first, lanes.size(), baseIndex};
+    }
+
+    void addAll(List& list) const {
+        for (unsigned k = 0; k < lanes.size(); ++k) {
+            unsigned char const i = lanes[k];
+            TraceRay const ray{{roundedToSingle(rays.originX[i]), roundedToSingle(rays.originY[i]),
+                                roundedToSingle(rays.originZ[i])},
+                               {rays.dirX[i], rays.dirY[i], rays.dirZ[i]}};
+            list.add(ray, tMins[i], tMaxs[k], rays.time[i],
+                     localSkipIndex(rays.skipIndex[i], baseIndex));
+        }
+    }
+
+    bool intersectOneByOne(PrimitiveIntersections& result) const {
+        List list;
+        addAll(list);
+        list.ask(tree);
+        bool anyHit = false;
+        for (unsigned k = 0; k < lanes.size(); ++k) {
+            ClosestHit const hit = list.closestHit(tree, k);
+            if (hit.code == 0)
+                continue;
+            unsigned char const i = lanes[k];
+            result.hit[i] = static_cast<unsigned char>(hit.code);
+            result.hitPrimitive[i] = hit.primitive;
+            result.hitT[i] = hit.t;
+            result.hitIndex[i] = reportedIndex(tree, hit, baseIndex);
+            result.hitNormalX[i] = hit.normal.x;
+            result.hitNormalY[i] = hit.normal.y;
+            result.hitNormalZ[i] = hit.normal.z;
+            result.hitLocalIndex[i] = hit.particleIndex;
+            anyHit = true;
+        }
+        return anyHit;
+    }
+
+    std::uint64_t occlusionsOneByOne() const {
+        List list;
+        addAll(list);
+        list.askWhetherOccluded(tree);
+        std::uint64_t occluded = 0;
+        for (unsigned k = 0; k < lanes.size(); ++k)
+            occluded |= (list.isOccluded(k) ? std::uint64_t{1} : 0) << k;
+        return occluded;
+    }
+
+    Tree const& tree;
+    std::int32_t baseIndex;
+    RayBunchExtParams const& rays;
+    double const* tMins; ///< by lane
+    DistinctLanes const& lanes;
+};
 
 } // namespace
 
@@ -140,10 +304,8 @@ template <class Base, class Tree, class B>
 int SphereTreePrimitiveTemplate<Base, Tree, B>::intersect(RSRay& ray) {
     if (!TreeQuery<Tree>::isWorthAsking(*tree))
         return 0;
-    bool const alone = tree->singleSystem == 1;
-    double const tMin = alone ? ray.intervalMin : ray.clipMin;
-    double const tMax = alone ? ray.intervalMax : ray.clipMax < ray.hitT ? ray.clipMax : ray.hitT;
-    ClosestHit const hit = TreeQuery<Tree>::closestHit(*tree, ray, tMin, tMax, ray.time,
+    Interval const asked(ray, tree->singleSystem == 1);
+    ClosestHit const hit = TreeQuery<Tree>::closestHit(*tree, ray, asked.tMin, asked.tMax, ray.time,
                                                        localSkipIndex(ray.skipIndex, baseIndex));
     if (hit.code == 0)
         return 0;
@@ -165,46 +327,46 @@ bool SphereTreePrimitiveTemplate<Base, Tree, B>::bunchIntersect(RayBunchExtParam
         return false;
     bool anyHit = false;
     for (unsigned long j = 0; j < numLanes;) {
-        // As many at a time as are distinct: a lane listed twice starts from its own first result.
-        std::uint64_t listed = 0;
-        typename TreeQuery<Tree>::List list;
-        unsigned char lane[longestList];
-        std::size_t count = 0;
-        for (; j < numLanes && !list.isFull(); ++j) {
-            unsigned char const i = lanes[j];
-            std::uint64_t const bit = std::uint64_t{1} << (i % 64U);
-            if ((listed & bit) != 0)
-                break;
-            listed |= bit;
-            lane[count++] = i;
-            TraceRay const ray{{roundedToSingle(params.originX[i]),
-                                roundedToSingle(params.originY[i]),
-                                roundedToSingle(params.originZ[i])},
-                               {params.dirX[i], params.dirY[i], params.dirZ[i]}};
-            double const tMax = result.hitT[i] < tMaxs[j] ? result.hitT[i] : tMaxs[j];
-            list.add(ray, tMins[i], tMax, params.time[i],
-                     localSkipIndex(params.skipIndex[i], baseIndex));
+        // A lane listed twice starts from its own first result.
+        DistinctLanes const distinct(lanes + j, numLanes - j);
+        BunchPart<Tree> part(*tree, baseIndex, params, tMins, distinct);
+        for (unsigned k = 0; k < distinct.size(); ++k, ++j) {
+            double const hitT = result.hitT[distinct[k]];
+            part.tMaxs[k] = hitT < tMaxs[j] ? hitT : tMaxs[j];
         }
-        list.ask(*tree);
-        for (std::size_t k = 0; k < count; ++k) {
-            ClosestHit const hit = list.closestHit(*tree, k);
-            if (hit.code == 0)
-                continue;
-            unsigned char const i = lane[k];
-            result.hit[i] = static_cast<unsigned char>(hit.code);
-            result.hitPrimitive[i] = hit.primitive;
-            result.hitT[i] = hit.t;
-            result.hitIndex[i] = reportedIndex(*tree, hit, baseIndex);
-            result.hitNormalX[i] = hit.normal.x;
-            result.hitNormalY[i] = hit.normal.y;
-            result.hitNormalZ[i] = hit.normal.z;
-            result.hitLocalIndex[i] = hit.particleIndex;
-            anyHit = true;
-        }
+        anyHit |= part.intersect(result);
     }
     if (anyHit)
         result.noHits = false;
     return anyHit;
+}
+
+template <class Base, class Tree, class B>
+bool SphereTreePrimitiveTemplate<Base, Tree, B>::isOccluded(RSRay const& ray) const {
+    if (!TreeQuery<Tree>::isWorthAsking(*tree))
+        return false;
+    Interval const asked(ray, tree->singleSystem == 1);
+    return TreeQuery<Tree>::isOccluded(*tree, ray, asked.tMin, asked.tMax, ray.time,
+                                       localSkipIndex(ray.skipIndex, baseIndex));
+}
+
+template <class Base, class Tree, class B>
+std::uint64_t SphereTreePrimitiveTemplate<Base, Tree, B>::bunchOccluded(
+    RayBunchExtParams const& params, double const* tMins, double const* tMaxs,
+    unsigned char const* lanes, unsigned long numLanes) const {
+    if (!TreeQuery<Tree>::isWorthAsking(*tree))
+        return 0;
+    std::uint64_t occluded = 0;
+    for (unsigned long j = 0; j < numLanes;) {
+        DistinctLanes const distinct(lanes + j, numLanes - j);
+        BunchPart<Tree> part(*tree, baseIndex, params, tMins, distinct);
+        for (unsigned k = 0; k < distinct.size(); ++k, ++j)
+            part.tMaxs[k] = tMaxs[j];
+        std::uint64_t const found = part.occlusions();
+        for (unsigned k = 0; k < distinct.size(); ++k)
+            occluded |= (found >> k & 1U) << distinct[k];
+    }
+    return occluded;
 }
 
 template class SphereTreePrimitiveTemplate<BunchPrimitive<StaticBox>, StaticSphereTree, StaticBox>;

@@ -93,6 +93,21 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
                         double* tMins, double* tMaxs, unsigned char const* lanes,
                         unsigned long numLanes) override;
 
+    // Beyond what the host's interface asks for: no entries of its tables.
+
+    /// Whether anything is hit: true exactly when `intersect` would find a hit for this ray. It
+    /// ends at the first one, whether or not that is the closest, which is all that a shadow ray
+    /// needs.
+    bool isOccluded(RSRay const& ray) const;
+
+    /// `isOccluded` for a list of up to 64 rays: bit i of the answer tells about lane i. `tMins` is
+    /// indexed by lane, `tMaxs` by position in `lanes`; no entry of a result ends a search, and
+    /// origins are rounded to single precision, both as if `bunchIntersect` were asked with results
+    /// that lie infinitely far away. A lane that is listed twice is occluded if either ray is.
+    std::uint64_t bunchOccluded(RayBunchExtParams const& params, double const* tMins,
+                                double const* tMaxs, unsigned char const* lanes,
+                                unsigned long numLanes) const;
+
     /// The colour of particle `index` (of the first snapshot), or black when the system has not
     /// exactly one colour per particle. `index` must be below the number of particles.
     Vector getColor(int const& index) const;

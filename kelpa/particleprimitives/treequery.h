@@ -6,20 +6,20 @@
 #include "kelpa/foundation/table.h"
 #include "kelpa/particleprimitives/bounds.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/rayrun.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
+#include "kelpa/spheretree/static/sdtraversal.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace Kelpa {
 
 /// What the primitives need of a tree; one specialisation per tree.
 template <class Tree> struct TreeQuery;
-
-/// The most rays that one call asks about.
-inline constexpr std::size_t longestList = 64;
 
 /// The closest hit of one ray, wherever it then is written.
 struct ClosestHit {
@@ -82,6 +82,27 @@ template <> struct TreeQuery<StaticSphereTree> {
         return described(tree, tree.intersectNode(query), hit);
     }
 
+    static bool isOccluded(StaticSphereTree const& tree, TraceRay const& ray, double tMin,
+                           double tMax, float, std::int32_t skipIndex) {
+        if (tree.root == nullptr)
+            return false;
+        SDSphereHit hit{searchEnd(tMax), nullptr, {}};
+        SDSphereRay query{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit};
+        return tree.isOccluded(query);
+    }
+
+    /// Asks about all rays of a run on one walk if that pays, else asks nothing; see
+    /// `findClosestTogether`.
+    static std::optional<std::uint64_t> closestHits(StaticSphereTree const& tree, RayRun const& run,
+                                                    PrimitiveIntersections& result) {
+        return findClosestTogether(tree, run, result);
+    }
+    /// The same without the hits.
+    static std::optional<std::uint64_t> occlusions(StaticSphereTree const& tree,
+                                                   RayRun const& run) {
+        return findAnyTogether(tree, run);
+    }
+
     /// Rays that are asked about in one go.
     class List {
       public:
@@ -98,15 +119,21 @@ template <> struct TreeQuery<StaticSphereTree> {
             if (tree.root != nullptr)
                 tree.intersectMany(queries, codes);
         }
+        void askWhetherOccluded(StaticSphereTree const& tree) {
+            if (tree.root != nullptr)
+                tree.areOccluded(queries, codes);
+        }
+        /// What `isOccluded` returns for the ray that was added as number `i`.
+        bool isOccluded(std::size_t i) const { return codes[i] != 0; }
         /// What `closestHit` returns for the ray that was added as number `i`.
         ClosestHit closestHit(StaticSphereTree const& tree, std::size_t i) {
             return described(tree, codes[i], hits[i]);
         }
 
       private:
-        FixedList<SDSphereHit, longestList> hits;
-        FixedList<SDSphereRay, longestList> queries;
-        int codes[longestList] = {};
+        FixedList<SDSphereHit, longestRun> hits;
+        FixedList<SDSphereRay, longestRun> queries;
+        int codes[longestRun] = {};
     };
 
   private:
@@ -172,6 +199,23 @@ template <> struct TreeQuery<MovingSphereTree> {
         return described(tree, tree.intersectNode(query), hit);
     }
 
+    static bool isOccluded(MovingSphereTree const& tree, TraceRay const& ray, double tMin,
+                           double tMax, float time, std::int32_t skipIndex) {
+        if (tree.root == nullptr || !isCovered(tree, time))
+            return false;
+        MBSphereHit hit{searchEnd(tMax), nullptr, {}};
+        MBSphereRay query{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit, time};
+        return tree.isOccluded(query);
+    }
+
+    static std::optional<std::uint64_t> closestHits(MovingSphereTree const&, RayRun const&,
+                                                    PrimitiveIntersections&) {
+        return {};
+    }
+    static std::optional<std::uint64_t> occlusions(MovingSphereTree const&, RayRun const&) {
+        return {};
+    }
+
     /// Rays that are asked about in one go.
     class List {
       public:
@@ -186,26 +230,38 @@ template <> struct TreeQuery<MovingSphereTree> {
             });
         }
         void ask(MovingSphereTree const& tree) {
-            if (tree.root == nullptr)
-                return;
-            // Rays between others at times that the snapshots do not span are left out.
-            for (std::size_t begin = 0; begin < queries.size();) {
-                std::size_t end = begin;
-                while (end < queries.size() && isCovered(tree, queries[end].rayTime))
-                    ++end;
-                tree.intersectMany({&queries[begin], end - begin}, codes + begin);
-                begin = end + 1;
-            }
+            askCovered(tree, [&tree](std::span<MBSphereRay> rays, int* answers) {
+                tree.intersectMany(rays, answers);
+            });
         }
+        void askWhetherOccluded(MovingSphereTree const& tree) {
+            askCovered(tree, [&tree](std::span<MBSphereRay> rays, int* answers) {
+                tree.areOccluded(rays, answers);
+            });
+        }
+        bool isOccluded(std::size_t i) const { return codes[i] != 0; }
         /// What `closestHit` returns for the ray that was added as number `i`.
         ClosestHit closestHit(MovingSphereTree const& tree, std::size_t i) {
             return described(tree, codes[i], hits[i]);
         }
 
       private:
-        FixedList<MBSphereHit, longestList> hits;
-        FixedList<MBSphereRay, longestList> queries;
-        int codes[longestList] = {};
+        /// Rays between others at times that the snapshots do not span are left out.
+        template <class AskMany> void askCovered(MovingSphereTree const& tree, AskMany askMany) {
+            if (tree.root == nullptr)
+                return;
+            for (std::size_t begin = 0; begin < queries.size();) {
+                std::size_t end = begin;
+                while (end < queries.size() && isCovered(tree, queries[end].rayTime))
+                    ++end;
+                askMany({&queries[begin], end - begin}, codes + begin);
+                begin = end + 1;
+            }
+        }
+
+        FixedList<MBSphereHit, longestRun> hits;
+        FixedList<MBSphereRay, longestRun> queries;
+        int codes[longestRun] = {};
     };
 
   private:

@@ -9,6 +9,15 @@ enum class KernelVariant { scalar, sse2, avx2, avx512 };
 
 inline constexpr int kernelVariants = 4;
 
+/// The addresses of what the variants define under one name, each in the namespace of its own.
+#if defined(__x86_64__)
+#define KELPA_OF_ALL_VARIANTS(name)                                                                \
+    { &scalar::name, &sse2::name, &avx2::name, &avx512::name }
+#else
+#define KELPA_OF_ALL_VARIANTS(name)                                                                \
+    { &scalar::name }
+#endif
+
 /// Whether the compiler has made the variant and this processor runs it.
 bool hasVariant(KernelVariant variant);
 

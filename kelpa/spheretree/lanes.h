@@ -5,6 +5,9 @@
 // one float per sphere. Every kind computes the same bits; arithmetic operators work lane by lane,
 // comparisons answer with a bit per lane and are false where a NaN takes part.
 //
+// Where a vector has 8 floats or more, lanes also stand for rays; `Doubles` holds their parameters.
+// `lower` and `higher` answer with the second operand where a NaN takes part.
+//
 // Nothing here may become a symbol that other sources share, or the linker could pick a version
 // that the processor at hand cannot run: so all is forced inline or unnamed.
 
@@ -60,6 +63,68 @@ struct Lanes {
         __m128 const pair = _mm_min_ps(values, _mm_movehl_ps(values, values));
         return _mm_cvtss_f32(_mm_min_ss(pair, _mm_movehdup_ps(pair)));
     }
+    KELPA_INLINE void storeIn(std::uint32_t lanes, float* to, Floats values) {
+        _mm512_mask_storeu_ps(to, static_cast<__mmask16>(lanes), values);
+    }
+    KELPA_INLINE Floats lower(Floats a, Floats b) { return _mm512_maskz_min_ps(0xFFFF, a, b); }
+    KELPA_INLINE Floats higher(Floats a, Floats b) { return _mm512_maskz_max_ps(0xFFFF, a, b); }
+    KELPA_INLINE std::uint32_t isNegative(Floats values) {
+        return _mm512_movepi32_mask(_mm512_castps_si512(values));
+    }
+    KELPA_INLINE std::uint32_t isEqual(std::int32_t const* numbers, std::int32_t number) {
+        return _mm512_cmpeq_epi32_mask(_mm512_loadu_si512(numbers), _mm512_set1_epi32(number));
+    }
+};
+
+/// A double for each lane of `Lanes`, in two vectors.
+struct Doubles {
+    __m512d low, high;
+
+    KELPA_INLINE Doubles load(double const* at) {
+        return {_mm512_loadu_pd(at), _mm512_loadu_pd(at + 8)};
+    }
+    KELPA_INLINE Doubles all(double value) {
+        return {_mm512_set1_pd(value), _mm512_set1_pd(value)};
+    }
+    KELPA_INLINE Doubles of(__m512 floats) {
+        __m512d const pairs = _mm512_castps_pd(floats);
+        __m256 const low = _mm256_castpd_ps(_mm512_maskz_extractf64x4_pd(0xF, pairs, 0));
+        __m256 const high = _mm256_castpd_ps(_mm512_maskz_extractf64x4_pd(0xF, pairs, 1));
+        return {_mm512_maskz_cvtps_pd(0xFF, low), _mm512_maskz_cvtps_pd(0xFF, high)};
+    }
+    KELPA_INLINE std::uint32_t isLess(Doubles a, Doubles b) {
+        return joined(_mm512_cmp_pd_mask(a.low, b.low, _CMP_LT_OQ),
+                      _mm512_cmp_pd_mask(a.high, b.high, _CMP_LT_OQ));
+    }
+    KELPA_INLINE std::uint32_t isAtMost(Doubles a, Doubles b) {
+        return joined(_mm512_cmp_pd_mask(a.low, b.low, _CMP_LE_OQ),
+                      _mm512_cmp_pd_mask(a.high, b.high, _CMP_LE_OQ));
+    }
+    KELPA_INLINE Doubles select(std::uint32_t lanes, Doubles ifSet, Doubles ifClear) {
+        return {_mm512_mask_mov_pd(ifClear.low, static_cast<__mmask8>(lanes), ifSet.low),
+                _mm512_mask_mov_pd(ifClear.high, static_cast<__mmask8>(lanes >> 8), ifSet.high)};
+    }
+    KELPA_INLINE void storeIn(std::uint32_t lanes, double* to, Doubles values) {
+        _mm512_mask_storeu_pd(to, static_cast<__mmask8>(lanes), values.low);
+        _mm512_mask_storeu_pd(to + 8, static_cast<__mmask8>(lanes >> 8), values.high);
+    }
+    KELPA_INLINE __m512 rounded(Doubles a) {
+        return joined(_mm512_maskz_cvtpd_ps(0xFF, a.low), _mm512_maskz_cvtpd_ps(0xFF, a.high));
+    }
+    KELPA_INLINE __m512 roundedUp(Doubles a) {
+        constexpr int up = _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC;
+        return joined(_mm512_maskz_cvt_roundpd_ps(0xFF, a.low, up),
+                      _mm512_maskz_cvt_roundpd_ps(0xFF, a.high, up));
+    }
+
+  private:
+    KELPA_INLINE std::uint32_t joined(__mmask8 low, __mmask8 high) {
+        return static_cast<std::uint32_t>(low) | static_cast<std::uint32_t>(high) << 8;
+    }
+    KELPA_INLINE __m512 joined(__m256 low, __m256 high) {
+        return _mm512_castpd_ps(_mm512_maskz_insertf64x4(
+            0xFF, _mm512_castps_pd(_mm512_castps256_ps512(low)), _mm256_castps_pd(high), 1));
+    }
 };
 
 #elif defined(__AVX2__)
@@ -94,6 +159,16 @@ struct Lanes {
     KELPA_INLINE float at(Floats values, std::int32_t lane) {
         return _mm256_cvtss_f32(_mm256_permutevar8x32_ps(values, _mm256_set1_epi32(lane)));
     }
+    KELPA_INLINE void storeIn(std::uint32_t lanes, float* to, Floats values) {
+        _mm256_maskstore_ps(to, _mm256_castps_si256(where(lanes)), values);
+    }
+    KELPA_INLINE Floats lower(Floats a, Floats b) { return _mm256_min_ps(a, b); }
+    KELPA_INLINE Floats higher(Floats a, Floats b) { return _mm256_max_ps(a, b); }
+    KELPA_INLINE std::uint32_t isNegative(Floats values) { return bits(values); }
+    KELPA_INLINE std::uint32_t isEqual(std::int32_t const* numbers, std::int32_t number) {
+        __m256i const loaded = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(numbers));
+        return bits(_mm256_castsi256_ps(_mm256_cmpeq_epi32(loaded, _mm256_set1_epi32(number))));
+    }
 
   private:
     KELPA_INLINE std::uint32_t bits(Floats mask) {
@@ -103,6 +178,68 @@ struct Lanes {
         __m256i const laneBits = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
         __m256i const set = _mm256_and_si256(_mm256_set1_epi32(static_cast<int>(lanes)), laneBits);
         return _mm256_castsi256_ps(_mm256_cmpeq_epi32(set, laneBits));
+    }
+};
+
+/// A double for each lane of `Lanes`, in two vectors.
+struct Doubles {
+    __m256d low, high;
+
+    KELPA_INLINE Doubles load(double const* at) {
+        return {_mm256_loadu_pd(at), _mm256_loadu_pd(at + 4)};
+    }
+    KELPA_INLINE Doubles all(double value) {
+        return {_mm256_set1_pd(value), _mm256_set1_pd(value)};
+    }
+    KELPA_INLINE Doubles of(__m256 floats) {
+        return {_mm256_cvtps_pd(_mm256_castps256_ps128(floats)),
+                _mm256_cvtps_pd(_mm256_extractf128_ps(floats, 1))};
+    }
+    KELPA_INLINE std::uint32_t isLess(Doubles a, Doubles b) {
+        return bits(_mm256_cmp_pd(a.low, b.low, _CMP_LT_OQ),
+                    _mm256_cmp_pd(a.high, b.high, _CMP_LT_OQ));
+    }
+    KELPA_INLINE std::uint32_t isAtMost(Doubles a, Doubles b) {
+        return bits(_mm256_cmp_pd(a.low, b.low, _CMP_LE_OQ),
+                    _mm256_cmp_pd(a.high, b.high, _CMP_LE_OQ));
+    }
+    KELPA_INLINE Doubles select(std::uint32_t lanes, Doubles ifSet, Doubles ifClear) {
+        return {_mm256_blendv_pd(ifClear.low, ifSet.low, _mm256_castsi256_pd(where(lanes))),
+                _mm256_blendv_pd(ifClear.high, ifSet.high, _mm256_castsi256_pd(where(lanes >> 4)))};
+    }
+    KELPA_INLINE void storeIn(std::uint32_t lanes, double* to, Doubles values) {
+        _mm256_maskstore_pd(to, where(lanes), values.low);
+        _mm256_maskstore_pd(to + 4, where(lanes >> 4), values.high);
+    }
+    KELPA_INLINE __m256 rounded(Doubles a) {
+        return _mm256_set_m128(_mm256_cvtpd_ps(a.high), _mm256_cvtpd_ps(a.low));
+    }
+    /// As the function of the same name.
+    KELPA_INLINE __m256 roundedUp(Doubles a) {
+        __m256 const nearest = rounded(a);
+        Doubles const wide = of(nearest);
+        __m256i const isBelow =
+            narrowed(_mm256_castpd_si256(_mm256_cmp_pd(wide.low, a.low, _CMP_LT_OQ)),
+                     _mm256_castpd_si256(_mm256_cmp_pd(wide.high, a.high, _CMP_LT_OQ)));
+        __m256i const bits = _mm256_castps_si256(nearest);
+        __m256i const up = _mm256_or_si256(_mm256_srai_epi32(bits, 31), _mm256_set1_epi32(1));
+        return _mm256_castsi256_ps(_mm256_add_epi32(bits, _mm256_and_si256(isBelow, up)));
+    }
+
+  private:
+    KELPA_INLINE std::uint32_t bits(__m256d low, __m256d high) {
+        return static_cast<std::uint32_t>(_mm256_movemask_pd(low) | _mm256_movemask_pd(high) << 4);
+    }
+    KELPA_INLINE __m256i where(std::uint32_t lanes) {
+        __m256i const laneBits = _mm256_setr_epi64x(1, 2, 4, 8);
+        __m256i const set = _mm256_and_si256(_mm256_set1_epi64x(lanes), laneBits);
+        return _mm256_cmpeq_epi64(set, laneBits);
+    }
+    /// The lower half of each number.
+    KELPA_INLINE __m256i narrowed(__m256i low, __m256i high) {
+        __m256i const even = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
+        return _mm256_permute2x128_si256(_mm256_permutevar8x32_epi32(low, even),
+                                         _mm256_permutevar8x32_epi32(high, even), 0x20);
     }
 };
 
@@ -164,6 +301,23 @@ struct Lanes {
     KELPA_INLINE float lowest(Floats value) { return value; }
     KELPA_INLINE float at(Floats value, std::int32_t) { return value; }
 };
+
+#endif
+
+#if defined(__AVX2__)
+
+[[gnu::always_inline]] inline Doubles operator+(Doubles a, Doubles b) {
+    return {a.low + b.low, a.high + b.high};
+}
+[[gnu::always_inline]] inline Doubles operator-(Doubles a, Doubles b) {
+    return {a.low - b.low, a.high - b.high};
+}
+[[gnu::always_inline]] inline Doubles operator*(Doubles a, Doubles b) {
+    return {a.low * b.low, a.high * b.high};
+}
+[[gnu::always_inline]] inline Doubles operator-(Doubles a) {
+    return {-a.low, -a.high};
+}
 
 #endif
 

@@ -35,7 +35,9 @@ namespace {
 /// What sphere tests need of a ray, in the precision of particle arithmetic.
 struct SphereProbe {
     [[gnu::always_inline]] explicit SphereProbe(IRay const& ray)
-        : origin(singleOrigin(ray)), dir(ray.dir), squaredLength(dot(ray.dir, ray.dir)) {}
+        : SphereProbe(singleOrigin(ray), ray.dir, dot(ray.dir, ray.dir)) {}
+    [[gnu::always_inline]] SphereProbe(Vector const& from, Vector const& along, float squared)
+        : origin(from), dir(along), squaredLength(squared) {}
 
     Vector origin;
     Vector dir;
@@ -112,7 +114,13 @@ struct GroupHits {
 /// In which order spheres at the same distance are preferred.
 enum class TieOrder { first, last };
 
-/// `nearestSphere`, group by group.
+/// The sphere among `spheres` 0 to `count` - 1, but for `excluded` (-1: none), that the ray hits
+/// first, or -1. Lowers the window's end to the hit. With an end that is not a number it depends on
+/// `Lanes` which hit that is.
+///
+/// Takes the steps of `hitSphere` for every sphere, in its order, so that it finds the same
+/// numbers. There each hit lowers the ray's end and so must be nearer than those before it; that is
+/// the nearest of all, and of equally near ones the first that is asked.
 template <TieOrder order>
 [[gnu::noinline]] inline std::int32_t
 nearestInOrder(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count,
@@ -143,21 +151,15 @@ nearestInOrder(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t
     return nearest;
 }
 
-/// The sphere among `spheres` 0 to `count` - 1, but for `excluded` (-1: none), that the ray hits
-/// first, or -1. Lowers the window's end to the hit. With an end that is not a number it depends on
-/// `Lanes` which hit that is.
-///
-/// Takes the steps of `hitSphere` for every sphere, in its order, so that it finds the same
-/// numbers. There each hit lowers the ray's end and so must be nearer than those before it; that is
-/// the nearest of all, and of equally near ones the first that is asked.
+/// `nearestInOrder` without an excluded sphere, faster for leaves as most are: both groups side by
+/// side, and one second half for both where no two of the possible spheres are on the same lane.
 template <TieOrder order>
-[[gnu::always_inline]] inline std::int32_t
-nearestSphere(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count,
-              std::int32_t excluded, HitWindow& window) {
-    if (count <= Lanes::count || count > 2 * Lanes::count || excluded >= 0)
+[[gnu::always_inline]] inline std::int32_t nearestSphere(SphereProbe const& ray,
+                                                         SphereArrays const& spheres,
+                                                         std::int32_t count, HitWindow& window) {
+    constexpr std::int32_t excluded = -1;
+    if (count <= Lanes::count || count > 2 * Lanes::count)
         return nearestInOrder<order>(ray, spheres, count, excluded, window);
-    // Most leaves: both groups side by side, and one second half for both where no two of the
-    // possible spheres are on the same lane.
     FirstHalf const low = firstHalf(ray, spheres, 0, allLanes);
     FirstHalf const high =
         firstHalf(ray, spheres, Lanes::count, allLanes >> (2 * Lanes::count - count));
@@ -177,6 +179,54 @@ nearestSphere(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t 
         return nearestInOrder<order>(ray, spheres, count, excluded, window);
     window.end = t;
     return __builtin_ctz(best) + ((best & high.possible) != 0 ? Lanes::count : 0);
+}
+
+/// The nearest hit in a leaf: of which of its spheres, or -1, and when.
+struct LeafHit {
+    std::int32_t k;
+    double t;
+};
+
+/// `nearestInLeaf` for a ray that meets the sphere `origin` first, on which it starts. As far as it
+/// meets no other before, it leaves that sphere.
+template <TieOrder order, class IsOrigin>
+[[gnu::noinline]] inline LeafHit
+nearestBesideOrigin(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count,
+                    double tMin, double tMax, std::int32_t origin, IsOrigin const& isOrigin) {
+    HitWindow window(tMin, tMax);
+    std::int32_t const other = nearestInOrder<order>(ray, spheres, count, origin, window);
+    auto const isHit = [&](std::int32_t k, bool isLeft) {
+        return hitSphere(spheres.center(k), spheres.radius(k), ray.origin, ray.dir, tMin, tMax,
+                         isLeft);
+    };
+    if (other < 0 || !isOrigin(other)) {
+        auto const t = static_cast<double>(window.end);
+        bool const comesFirst = order == TieOrder::first ? origin < other : origin > other;
+        if (isHit(origin, true) && (other < 0 || tMax < t || (tMax == t && comesFirst)))
+            return {origin, tMax};
+        return {other, t};
+    }
+    // One by one: particles of different systems may have the number on which the ray starts.
+    std::int32_t nearest = -1;
+    for (std::int32_t asked = 0; asked < count; ++asked) {
+        std::int32_t const k = order == TieOrder::first ? asked : count - 1 - asked;
+        if (isHit(k, isOrigin(k)))
+            nearest = k;
+    }
+    return {nearest, tMax};
+}
+
+/// The hit that asking a leaf's spheres one by one finds, where of equally near ones the first that
+/// is asked stays; `isOrigin(k)` tells whether the ray starts on sphere `k`.
+template <TieOrder order, class IsOrigin>
+[[gnu::always_inline]] inline LeafHit
+nearestInLeaf(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count, double tMin,
+              double tMax, IsOrigin const& isOrigin) {
+    HitWindow window(tMin, tMax);
+    std::int32_t const k = nearestSphere<order>(ray, spheres, count, window);
+    if (k < 0 || !isOrigin(k)) [[likely]]
+        return {k, static_cast<double>(window.end)};
+    return nearestBesideOrigin<order>(ray, spheres, count, tMin, tMax, k, isOrigin);
 }
 
 } // namespace

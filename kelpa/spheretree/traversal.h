@@ -16,6 +16,8 @@ namespace Kelpa {
            static_cast<double>(ray.invDir[axis]);
 }
 
+inline constexpr double grazing = 1.0000009536743164; ///< 1 + 2^-20, see `clipToBox`
+
 /// Narrows the ray's interval to the part inside the box; false when nothing is left of it.
 ///
 /// A parameter that is not a number narrows nothing. A ray that misses the box by less than 2^-20
@@ -30,7 +32,6 @@ namespace Kelpa {
         ray.tMin = entry > ray.tMin ? entry : ray.tMin;
         ray.tMax = exit < ray.tMax ? exit : ray.tMax;
     }
-    constexpr double grazing = 1.0000009536743164; // 1 + 2^-20
     return !(ray.tMax * grazing < ray.tMin);
 }
 
@@ -43,11 +44,16 @@ class AxisRays {
                {ray.origin[2], static_cast<double>(ray.invDir.z)},
                {}},
           backwards(ray.dirSign[0] | ray.dirSign[1] << 1 | ray.dirSign[2] << 2),
+          nearBits(static_cast<std::uint64_t>(backwards) * 0x1111111111111111U),
           nearOffsets(static_cast<std::uint64_t>(backwards) * 0x0010001000100010U) {}
 
     /// Which child of a node split on an axis the ray meets first. From a register: the address of
     /// the next node waits for it.
     int nearChild(int axis) const { return (backwards >> axis) & 1; }
+
+    /// The same for the axis that the link of an inner node tells, of nodes on multiples of 4: the
+    /// link is shifted by as it is, and every 4 bits are the same.
+    std::uint64_t nearChildBy(std::uint64_t link) const { return nearBits >> (link & 63U) & 1U; }
 
     /// Where in a pair of nodes of 16 bytes, to which the link of an inner node leads, the child
     /// lies that the ray meets first: 0 or 16. The address of the next node waits for it, so the
@@ -70,6 +76,7 @@ class AxisRays {
         double invDir;
     } axes[4];                 // one more, so that any kind of node is an index
     int backwards;             // bit per axis
+    std::uint64_t nearBits;    // the same, sixteen times
     std::uint64_t nearOffsets; // the same, from bit 4 on, four times
 };
 
@@ -106,9 +113,6 @@ class CrossedInterval {
 
     [[gnu::always_inline]] bool isBehind(double tSplit) const { return tSplit < below; }
     [[gnu::always_inline]] bool isBefore(double tSplit) const { return tSplit > above; }
-    [[gnu::always_inline]] bool isCrossedAt(double tSplit) const {
-        return crossesPlane(tSplit, tMin, tMax);
-    }
     /// Keeps what lies before a plane that crosses it.
     [[gnu::always_inline]] void endAt(double tSplit) { *this = CrossedInterval(tMin, tSplit); }
 
@@ -121,17 +125,17 @@ class CrossedInterval {
     double above;
 };
 
+/// Whether two directions, of any lengths, differ by less than 18 degrees.
+[[gnu::always_inline]] inline bool areAlong(Vector const& a, Vector const& b) {
+    float const cosine = dot(a, b);
+    return cosine > 0.0F && cosine * cosine > 0.9F * dot(a, a) * dot(b, b);
+}
+
 /// Whether rays run so much the same way that the processor guesses one's steps from another's, as
 /// those from a camera do. A guess at that from three of them; only the speed depends on it.
 template <class Ray> [[gnu::always_inline]] inline bool areTogether(std::span<Ray*> rays) {
-    if (rays.empty())
-        return true;
-    Vector const& first = rays[0]->dir;
-    auto const isAlongFirst = [&](Vector const& dir) {
-        float const cosine = dot(first, dir);
-        return cosine > 0.0F && cosine * cosine > 0.9F * dot(first, first) * dot(dir, dir);
-    };
-    return isAlongFirst(rays[rays.size() / 2]->dir) && isAlongFirst(rays[rays.size() - 1]->dir);
+    return rays.empty() || (areAlong(rays[0]->dir, rays[rays.size() / 2]->dir) &&
+                            areAlong(rays[0]->dir, rays[rays.size() - 1]->dir));
 }
 
 /// A node and the part of a ray that is inside it.
@@ -180,6 +184,17 @@ skipNumber(std::int32_t singleSystem, std::int32_t particleIndex, std::int32_t i
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(indexOffset) +
                                      static_cast<std::uint32_t>(particleIndex));
 }
+
+/// The number under which a hit is reported, in the same way.
+[[gnu::always_inline]] inline std::int32_t reportedNumber(std::int32_t singleSystem,
+                                                          std::int32_t particleIndex,
+                                                          std::int32_t indexOffset,
+                                                          std::int32_t baseIndex) {
+    return skipNumber(0, particleIndex, singleSystem == 1 ? baseIndex : indexOffset);
+}
+
+/// What a query wants to know of a ray: the closest hit, or whether there is any.
+enum class Goal { closest, any };
 
 /// How the particles of a system are hit; any other number means not at all.
 enum class ParticleType : std::int32_t { sphere = 0, point = 1 };

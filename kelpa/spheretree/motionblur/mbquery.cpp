@@ -8,20 +8,10 @@ namespace Kelpa {
 
 namespace {
 
-#if defined(__x86_64__)
-constexpr MBFindClosest* findClosestBy[kernelVariants] = {scalar::findClosest, sse2::findClosest,
-                                                          avx2::findClosest, avx512::findClosest};
-#else
-constexpr MBFindClosest* findClosestBy[kernelVariants] = {scalar::findClosest};
-#endif
-
-#if defined(__x86_64__)
-constexpr MBFindClosestOfMany* findClosestOfManyBy[kernelVariants] = {
-    scalar::findClosestOfMany, sse2::findClosestOfMany, avx2::findClosestOfMany,
-    avx512::findClosestOfMany};
-#else
-constexpr MBFindClosestOfMany* findClosestOfManyBy[kernelVariants] = {scalar::findClosestOfMany};
-#endif
+MBQueries const& queries() {
+    static constexpr MBQueries const* byVariant[kernelVariants] = KELPA_OF_ALL_VARIANTS(mbQueries);
+    return *byVariant[static_cast<int>(chosenVariant())];
+}
 
 /// What a query answers for the hit that it has found for a ray.
 int codeOf(MBTree const& tree, MBSphereRay const& ray) {
@@ -35,21 +25,36 @@ template <class Sphere, int NodeBlock, int LeafBlock>
 int MBSphereTree<Sphere, NodeBlock, LeafBlock>::intersectNode(MBSphereRay& ray) const {
     if (!clipToBox(ray, rootBox.box))
         return 0;
-    return findClosestBy[static_cast<int>(chosenVariant())](*this, ray) ? codeOf(*this, ray) : 0;
+    return queries().findClosest(*this, ray) ? codeOf(*this, ray) : 0;
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+bool MBSphereTree<Sphere, NodeBlock, LeafBlock>::isOccluded(MBSphereRay& ray) const {
+    return clipToBox(ray, rootBox.box) && queries().findAny(*this, ray);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
 void MBSphereTree<Sphere, NodeBlock, LeafBlock>::intersectMany(std::span<MBSphereRay> rays,
                                                                int* codes) const {
-    auto* const findMany = findClosestOfManyBy[static_cast<int>(chosenVariant())];
     intersectInBox(
         rootBox.box, rays, codes,
-        [&](std::span<MBSphereRay*> inBox, bool* found) { findMany(*this, inBox, found); },
+        [this](auto inBox, bool* found) { queries().findClosestOfMany(*this, inBox, found); },
         [this](auto const& ray) { return codeOf(*this, ray); });
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void MBSphereTree<Sphere, NodeBlock, LeafBlock>::areOccluded(std::span<MBSphereRay> rays,
+                                                             int* occluded) const {
+    intersectInBox(
+        rootBox.box, rays, occluded,
+        [this](auto inBox, bool* found) { queries().findAnyOfMany(*this, inBox, found); },
+        [](auto const&) { return 1; });
 }
 
 template void MBSphereTree<MBSphere, 20000, 20000>::intersectMany(std::span<MBSphereRay>,
                                                                   int*) const;
 template int MBSphereTree<MBSphere, 20000, 20000>::intersectNode(MBSphereRay&) const;
+template void MBSphereTree<MBSphere, 20000, 20000>::areOccluded(std::span<MBSphereRay>, int*) const;
+template bool MBSphereTree<MBSphere, 20000, 20000>::isOccluded(MBSphereRay&) const;
 
 } // namespace Kelpa

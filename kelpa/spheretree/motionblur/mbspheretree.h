@@ -118,6 +118,14 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// returns for `rays[i]`. Faster than one by one, since rays wait for memory at the same time.
     void intersectMany(std::span<MBSphereRay> rays, int* codes) const;
 
+    /// Whether a ray hits anything: whether `intersectNode` would find a hit. Ends at the first
+    /// one, which need not be the closest, and tells nothing of it; what is then in `ray` and its
+    /// hit record is of no use.
+    bool isOccluded(MBSphereRay& ray) const;
+
+    /// `isOccluded` for several rays: `occluded[i]` becomes 1 if `rays[i]` hits anything, else 0.
+    void areOccluded(std::span<MBSphereRay> rays, int* occluded) const;
+
     /// Where in `particleSystems` and where in that system a sphere of this tree is found. As the
     /// sphere says; in trees over one system without a fetch from memory, if that can be.
     std::uint32_t systemOf(Sphere const& sphere) const {

@@ -1,0 +1,304 @@
+// How rays that go together are led through a static tree on one walk. Compiled once for each kind
+// of processor whose vectors hold 8 floats or more, with `KELPA_VARIANT` as its name.
+
+#include "kelpa/spheretree/raybeam.h"
+#include "kelpa/spheretree/raylanes.h"
+#include "kelpa/spheretree/static/sdwalk.h"
+
+#include <cstdint>
+
+namespace Kelpa::KELPA_VARIANT {
+
+namespace {
+
+/// A group of rays on their walk. Every ray takes the steps that `visitLeaves` takes with it, on
+/// the same numbers; the group passes each node once for all of them.
+template <Goal goal> class Packet {
+  public:
+    Packet(Tree const& searchedTree, RayLanes& loadedRays, LaneHits& hitsOfRays)
+        : tree(searchedTree), rays(loadedRays), hits(hitsOfRays) {}
+
+    [[gnu::always_inline]] void walk(LaneGroup const& group) {
+        RayBeam const groupBeam(rays, group.lanes);
+        beam = &groupBeam;
+        backwards = group.backwards;
+        all = group.lanes;
+        finished = 0;
+        used = 0;
+        mayStartOnSphere = tree.singleSystem != 1 || hasStart(group.lanes);
+        Part part{tree.root, group.lanes, group.tMin, group.tMax};
+        do {
+            descend(part);
+            if (__builtin_popcount(part.lanes) == 1)
+                visitAlone(part);
+            else
+                visitLeaf(part);
+        } while (resume(part));
+    }
+
+  private:
+    using Floats = Lanes::Floats;
+    static constexpr unsigned width = RayLanes::width;
+    static constexpr std::int32_t mostGroups = 16; ///< of a leaf's spheres, for `visitSpheres`
+
+    /// A node and the parts of some rays that are inside it.
+    struct Part {
+        Node const* node;
+        std::uint32_t lanes;
+        Doubles tMin, tMax;
+    };
+
+    bool hasStart(std::uint32_t lanes) const {
+        for (std::uint32_t left = lanes; left != 0; left &= left - 1)
+            if (rays.skip[__builtin_ctz(left)] >= 0)
+                return true;
+        return false;
+    }
+
+    /// Goes down to a leaf, or to where one ray is left: it is faster without the others' lanes.
+    [[gnu::always_inline]] void descend(Part& part) {
+        while (!part.node->isLeaf() && (part.lanes & (part.lanes - 1)) != 0) {
+            int const axis = part.node->kind();
+            std::uint32_t const nearChild = backwards >> axis & 1U;
+            Node const* const children = part.node->children();
+            Doubles const tSplit = (Doubles::all(static_cast<double>(part.node->splitPos)) -
+                                    Doubles::load(rays.wideOrigin[axis])) *
+                                   Doubles::load(rays.invDir[axis]);
+            // As `crossesPlane`, whose product says it all.
+            Floats const fromStart = Doubles::rounded(tSplit - part.tMin);
+            Floats const fromEnd = Doubles::rounded(tSplit - part.tMax);
+            std::uint32_t const oneSided =
+                part.lanes & Lanes::isGreater(fromStart * fromEnd, Lanes::all(0.0F));
+            std::uint32_t const crossing = part.lanes & ~oneSided;
+            std::uint32_t const passing = oneSided & Doubles::isLess(tSplit, part.tMin);
+            if ((crossing | passing) == 0) {
+                part.node = children + nearChild;
+            } else if (passing == part.lanes) {
+                part.node = children + (1 - nearChild);
+            } else {
+                postpone(children + (1 - nearChild), crossing, passing, tSplit, part);
+                part.tMax = Doubles::select(crossing, tSplit, part.tMax);
+                part.lanes &= ~passing;
+                part.node = children + nearChild;
+            }
+        }
+    }
+
+    [[gnu::always_inline]] void postpone(Node const* node, std::uint32_t crossing,
+                                         std::uint32_t passing, Doubles tSplit, Part const& part) {
+        Waiting& entry = waiting[used++];
+        entry.node = node;
+        entry.crossing = crossing;
+        entry.passing = passing;
+        Doubles::storeIn(allLanes, entry.tMin, Doubles::select(crossing, tSplit, part.tMin));
+        Doubles::storeIn(allLanes, entry.tMax, part.tMax);
+    }
+
+    /// Takes what waits nearest for a ray that is not finished; false when there is nothing.
+    [[gnu::always_inline]] bool resume(Part& part) {
+        do {
+            if (used == 0 || finished == all)
+                return false;
+            Waiting const& entry = waiting[--used];
+            // What waits deeper in the stack starts even later. Rays that pass only this side had
+            // no choice, and are not asked.
+            part.tMin = Doubles::load(entry.tMin);
+            std::uint32_t const asked = entry.crossing & ~finished;
+            finished |= asked & ~Doubles::isAtMost(part.tMin, Doubles::load(rays.nearest));
+            part.lanes = (entry.crossing | entry.passing) & ~finished;
+            part.tMax = Doubles::load(entry.tMax);
+            part.node = entry.node;
+        } while (part.lanes == 0);
+        return true;
+    }
+
+    [[gnu::always_inline]] void visitLeaf(Part const& part) {
+        std::int32_t const count = part.node->numLeafSpheres;
+        if (count == 0)
+            return;
+        // As `LeafInterval::widened`.
+        Doubles const slack = Doubles::all(1e-5);
+        Doubles const start = Doubles::load(rays.tMin);
+        Doubles const nearest = Doubles::load(rays.nearest);
+        Doubles from = Doubles::all(0.99999) * part.tMin - slack;
+        Doubles to = Doubles::all(1.00001) * part.tMax + slack;
+        from = Doubles::select(Doubles::isLess(from, start), start, from);
+        to = Doubles::select(Doubles::isLess(to, nearest), to, nearest);
+
+        SphereArrays const packed =
+            openPack(tree.packedLeaves, LeafPack{part.node->packWord}, count);
+        std::uint32_t asked[mostGroups];
+        std::int32_t const groups = (count + Lanes::count - 1) / Lanes::count;
+        if (groups > mostGroups) {
+            visitRayByRay(part, packed, from, to);
+            return;
+        }
+        std::int32_t const numAsked = chooseSpheres(packed, count, asked);
+        // A ray that tests a group of spheres takes half as long again as a sphere that tests a
+        // group of rays.
+        if (2 * numAsked > 3 * __builtin_popcount(part.lanes) * groups)
+            visitRayByRay(part, packed, from, to);
+        else if (numAsked > 0)
+            mayStartOnSphere ? visitSpheres<true>(part, packed, asked, groups, from, to)
+                             : visitSpheres<false>(part, packed, asked, groups, from, to);
+    }
+
+    /// Tells, group by group, which spheres the rays may meet; returns how many.
+    [[gnu::always_inline]] std::int32_t
+    chooseSpheres(SphereArrays const& packed, std::int32_t count, std::uint32_t* asked) const {
+        std::int32_t numAsked = 0;
+        for (std::int32_t first = 0; first < count; first += Lanes::count) {
+            std::uint32_t chosen = beam->isNarrow() ? beam->mayMeet(packed, first) : allLanes;
+            if (count - first < Lanes::count)
+                chosen &= allLanes >> (Lanes::count - (count - first));
+            *asked++ = chosen;
+            numAsked += __builtin_popcount(chosen);
+        }
+        return numAsked;
+    }
+
+    /// Has every chosen sphere test all rays, in the order in which one ray asks them.
+    template <bool mayStart>
+    [[gnu::always_inline]] void visitSpheres(Part const& part, SphereArrays const& packed,
+                                             std::uint32_t const* asked, std::int32_t groups,
+                                             Doubles from, Doubles to) {
+        LaneProbes const probes(rays);
+        LaneWindows windows(from, to);
+        std::uint32_t lanes = part.lanes;
+        std::uint32_t hitHere = 0;
+        for (std::int32_t group = groups; group-- > 0;)
+            for (std::uint32_t left = asked[group]; left != 0;) {
+                int const top = 31 - __builtin_clz(left);
+                left ^= 1U << top;
+                std::int32_t const k = Lanes::count * group + top;
+                std::uint32_t starting = 0;
+                if constexpr (mayStart)
+                    starting = startingOn(part.node->leafSpheres()[k]);
+                std::uint32_t const hit =
+                    windows.test(probes, packed.center(k), packed.radius(k), lanes, starting);
+                if (hit == 0)
+                    continue;
+                hitHere |= hit;
+                if constexpr (goal == Goal::any)
+                    lanes &= ~hit;
+                else
+                    hits.setAll(hit, part.node->leafSpheres()[k].sphereIndex, packed.center(k));
+            }
+        if constexpr (goal == Goal::any)
+            finishWithHit(hitHere);
+        else
+            Doubles::storeIn(hitHere, rays.nearest, Doubles::of(windows.end));
+    }
+
+    /// Lanes whose rays start on a sphere.
+    [[gnu::always_inline]] std::uint32_t startingOn(SDLeafSphere const& entry) const {
+        return Lanes::isEqual(rays.skip, skipNumberOf(tree, entry));
+    }
+
+    [[gnu::always_inline]] void visitRayByRay(Part const& part, SphereArrays const& packed,
+                                              Doubles from, Doubles to) {
+        alignas(64) double tMin[width];
+        alignas(64) double tMax[width];
+        Doubles::storeIn(allLanes, tMin, from);
+        Doubles::storeIn(allLanes, tMax, to);
+        for (std::uint32_t left = part.lanes; left != 0; left &= left - 1) {
+            auto const i = static_cast<unsigned>(__builtin_ctz(left));
+            visitWith(i, *part.node, packed, tMin[i], tMax[i]);
+        }
+    }
+
+    [[gnu::always_inline]] void visitWith(unsigned i, Node const& leaf, SphereArrays const& packed,
+                                          double tMin, double tMax) {
+        LeafHit const hit = nearestInLeaf<TieOrder::last>(
+            rays.probe(i), packed, leaf.numLeafSpheres, tMin, tMax, [&](std::int32_t k) {
+                return mayStartOnSphere &&
+                       skipNumberOf(tree, leaf.leafSpheres()[k]) == rays.skip[i];
+            });
+        if (hit.k < 0)
+            return;
+        if constexpr (goal == Goal::any) {
+            finishWithHit(1U << i);
+        } else {
+            rays.nearest[i] = hit.t;
+            hits.set(i, leaf.leafSpheres()[hit.k].sphereIndex, packed.center(hit.k));
+        }
+    }
+
+    /// Leads the only ray of a part through all of the subtree.
+    [[gnu::noinline]] void visitAlone(Part const& part) {
+        alignas(64) double tMin[width];
+        alignas(64) double tMax[width];
+        Doubles::storeIn(allLanes, tMin, part.tMin);
+        Doubles::storeIn(allLanes, tMax, part.tMax);
+        auto const i = static_cast<unsigned>(__builtin_ctz(part.lanes));
+        SDSphereHit hit{rays.nearest[i], nullptr, {}};
+        SDSphereRay ray{IRay(rays.traceRay(i), tMin[i], tMax[i]), rays.skip[i], rays.tMin[i],
+                        rays.tMax[i], &hit};
+        LeafVisitor<goal> leaves(tree, ray);
+        if (visitLeaves<goal, usualInnerLevels>(ray, leaves, {part.node, tMin[i], tMax[i]}))
+            finished |= part.lanes;
+        if (!leaves.hasFound())
+            return;
+        if constexpr (goal == Goal::any) {
+            finishWithHit(part.lanes);
+        } else {
+            rays.nearest[i] = hit.t;
+            hits.set(i, static_cast<std::uint32_t>(leaves.nearestSphere() - tree.spheres),
+                     leaves.nearestCenter());
+        }
+    }
+
+    void finishWithHit(std::uint32_t lanes) {
+        hits.lanes |= lanes;
+        finished |= lanes;
+    }
+
+    using Waiting = WaitingLanes<Node>;
+
+    Tree const& tree;
+    RayLanes& rays;
+    LaneHits& hits;
+    RayBeam const* beam = nullptr;
+    std::uint32_t backwards = 0; ///< bit per axis
+    std::uint32_t all = 0;       ///< lanes of the group
+    std::uint32_t finished = 0;  ///< those of them that need not go on
+    bool mayStartOnSphere = false;
+    int used = 0;
+    Waiting waiting[usualInnerLevels];
+};
+
+template <Goal goal, class Report>
+[[gnu::always_inline]] inline std::uint64_t walkAll(Tree const& tree, RayRun const& run,
+                                                    Report const& report) {
+    std::uint64_t found = 0;
+    for (unsigned at = 0; at < run.count; at += RayLanes::width) {
+        RayLanes rays;
+        LaneHits hits;
+        Packet<goal> packet(tree, rays, hits);
+        for (std::uint32_t left = rays.load(run, at); left != 0;) {
+            LaneGroup const group = LaneGroup::takeFrom(left, rays, tree.bbox);
+            if (group.lanes != 0)
+                packet.walk(group);
+        }
+        found |= std::uint64_t{hits.lanes} << at;
+        if (hits.lanes != 0)
+            report(rays, hits, run.first + at);
+    }
+    return found;
+}
+
+} // namespace
+
+std::uint64_t findClosestTogether(SDTree const& tree, RayRun const& run,
+                                  PrimitiveIntersections& result) {
+    return walkAll<Goal::closest>(
+        tree, run, [&](RayLanes const& rays, LaneHits const& hits, unsigned firstLane) {
+            hits.report(tree, rays, run.baseIndex, firstLane, result);
+        });
+}
+
+std::uint64_t findAnyTogether(SDTree const& tree, RayRun const& run) {
+    return walkAll<Goal::any>(tree, run, [](RayLanes const&, LaneHits const&, unsigned) {});
+}
+
+} // namespace Kelpa::KELPA_VARIANT
