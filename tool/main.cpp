@@ -7,6 +7,7 @@
 #include "pipeline/files/progress.h"
 
 #include "tool/commands/commands.h"
+#include "tool/options/hints.h"
 #include "tool/options/options.h"
 #include "tool/process/interruptwatch.h"
 #include "tool/process/standardstreams.h"
@@ -77,7 +78,7 @@ int main(int argc, char** argv) {
     } catch (std::invalid_argument const& error) {
         return complain(wrongUsage, error.what());
     } catch (kelpatool::InputError const& error) {
-        return complain(unusableInput, error.what());
+        return complain(unusableInput, (error.what() + kelpatool::hintText(error.hint)).c_str());
     } catch (kelpatool::OutputError const& error) {
         return complain(unwritableOutput, error.what());
     } catch (kelpatool::Interrupted const&) {

@@ -2,13 +2,45 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace kelpatool {
+
+/// What the user could ask for instead. Texts do not say how: the command names its options, a
+/// module the names of arguments.
+struct Hint {
+    enum class To {
+        nothing,
+        nameFormat,       ///< if the file is of one that can be read
+        askNoAssembly,    ///< the file describes none
+        askElsewhere,     ///< for assemblies: other formats have them
+        readEarlierFrame, ///< `frame` or one before
+        moveByVelocity,   ///< was asked for, in vain
+        standStill,
+        setRadius,
+        setRange,
+    };
+    To to = To::nothing;
+    int frame = 0;
+};
+
+/// Something to tell the user, and what could be asked for instead.
+struct Remark {
+    std::string text;
+    Hint hint;
+
+    Remark(std::string told, Hint wayOn = {})
+        : text(std::move(told)), hint(wayOn) {} // a text is one
+};
 
 /// Input that cannot be used: the text says which file, where, what was found and the way on.
 class InputError : public std::runtime_error {
   public:
-    using std::runtime_error::runtime_error;
+    explicit InputError(std::string const& text, Hint wayOn = {})
+        : std::runtime_error(text), hint(wayOn) {}
+
+    Hint const hint;
 };
 
 /// A frame that a file does not have.

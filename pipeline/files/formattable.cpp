@@ -152,7 +152,7 @@ FileFormat const& findFormat(InputFile& file, std::string const& wanted) {
     for (FileFormat const& format : formats)
         if (format.hasSuffixOf(path))
             return format;
-    file.fail("starts with {}, which is neither {}; if it is one of them, name it with --format",
+    file.fail({Hint::To::nameFormat}, "starts with {}, which is neither {}",
               quoted(head.substr(0, std::min<std::size_t>(head.find_first_of("\r\n"), 40))),
               listFormats(&FileFormat::title, "nor"));
 }

@@ -143,7 +143,8 @@ std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options
         return std::nullopt;
     } catch (InputError const& error) {
         throw InputError(
-            fmt::format("{} (read as the snapshot after frame {})", error.what(), frame));
+            fmt::format("{} (read as the snapshot after frame {})", error.what(), frame),
+            error.hint);
     }
 }
 

@@ -62,13 +62,25 @@ class InputFile {
     /// Throws an `InputError` that starts with the file's name.
     template <class... Values>
     [[noreturn]] void fail(fmt::format_string<Values...> text, Values&&... values) const {
-        throw InputError(filePath + ": " + fmt::format(text, std::forward<Values>(values)...));
+        fail(Hint{}, text, std::forward<Values>(values)...);
+    }
+    template <class... Values>
+    [[noreturn]] void fail(Hint hint, fmt::format_string<Values...> text,
+                           Values&&... values) const {
+        throw InputError(filePath + ": " + fmt::format(text, std::forward<Values>(values)...),
+                         hint);
     }
     /// The same with the number of the current line.
     template <class... Values>
     [[noreturn]] void failHere(fmt::format_string<Values...> text, Values&&... values) const {
+        failHere(Hint{}, text, std::forward<Values>(values)...);
+    }
+    template <class... Values>
+    [[noreturn]] void failHere(Hint hint, fmt::format_string<Values...> text,
+                               Values&&... values) const {
         throw InputError(fmt::format("{}:{}: ", filePath, linesTaken) +
-                         fmt::format(text, std::forward<Values>(values)...));
+                             fmt::format(text, std::forward<Values>(values)...),
+                         hint);
     }
 
     std::uint64_t particles = 0; ///< kept by the reader, told to the progress

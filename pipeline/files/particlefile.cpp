@@ -38,7 +38,7 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
                   format.wayOn.empty() ? "it is not read. Export or convert it to PLY"
                                        : format.wayOn);
     if (!options.assembly.empty() && !format.hasAssemblies)
-        file.fail("{} has no assemblies; --assembly is for PDB and mmCIF", format.title);
+        file.fail({Hint::To::askElsewhere}, "{} has no assemblies", format.title);
     try {
         ParticleSet particles = format.read(file, options);
         if (!file.packing().empty())

@@ -2,6 +2,7 @@
 
 #include "kelpa/foundation/vector.h"
 
+#include "pipeline/files/errors.h"
 #include "pipeline/files/scalartype.h"
 
 #include <array>
@@ -71,7 +72,7 @@ struct ParticleSet {
     std::vector<AttributeSummary> columns;    ///< filled when asked for
     std::vector<std::string> unknownElements; ///< symbols that are in no table
     std::vector<std::string> leftOut; ///< what the file holds besides, such as "list 'links'"
-    std::vector<std::string> notes;   ///< what the user should know, a line each
+    std::vector<Remark> notes;        ///< what the user should know, a line each
     int frame = 0;                    ///< which of them, or of the files of a sequence, this is
     int frameCount = 1; ///< frames in the file, as far as the reader had to count them
     /// How many frames' time after the one that it was read to follow it was taken: more than 1

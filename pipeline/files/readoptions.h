@@ -15,9 +15,9 @@ struct ReadOptions {
     std::string assembly{}; ///< the biological assembly to build; empty: what the file holds
     std::string radiusFrom{}; ///< the column to take radii from; empty: the format's own names
     std::vector<std::string> attributes{}; ///< further columns to keep, by name
-    bool allAttributes = false;            ///< keep every column, every digit of it: `ParticleSet::typed`
-    bool summarise = false;                ///< fill `ParticleSet::columns`
-    bool forMotion = false;                ///< prefer positions that do not jump at a cell's faces
+    bool allAttributes = false; ///< keep every column, every digit of it: `ParticleSet::typed`
+    bool summarise = false;     ///< fill `ParticleSet::columns`
+    bool forMotion = false;     ///< prefer positions that do not jump at a cell's faces
     bool findOnly = false; ///< of a file of many frames, look for the frame and read no particles
     PhaseProgress progress{}; ///< may be empty
 };

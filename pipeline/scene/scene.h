@@ -5,38 +5,18 @@
 
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/progress.h"
+#include "pipeline/scene/appearance.h"
 #include "pipeline/scene/geometry.h"
+#include "pipeline/scene/ways.h"
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace kelpatool {
-
-/// How large particles are, where neither the file nor its elements tell.
-struct RadiusOptions {
-    std::optional<float> radius; ///< of all
-    float scale = 1.0F;
-    bool covalent = false; ///< radii by element: covalent instead of van der Waals
-};
-
-/// How particles move between two snapshots, or along their velocities.
-struct MotionOptions {
-    std::string motion = "none"; ///< "none", "velocity", "next" or the second snapshot's file
-    std::array<double, 2> times = {0.0, 1.0};     ///< when the two snapshots were taken
-    std::optional<std::array<double, 2>> shutter; ///< in the unit of `times`
-    std::optional<double> dt; ///< the file's unit of time per unit of the shutter
-};
-
-struct ColorOptions {
-    std::optional<Kelpa::Vector> color; ///< linear
-    std::string colorBy;
-    std::optional<std::array<float, 2>> range;
-};
 
 /// How particles become a scene.
 struct SceneOptions {
@@ -52,6 +32,13 @@ struct Rejected {
     std::uint64_t notPositive = 0; ///< the radius is zero or negative (or below 1e-15)
 
     std::uint64_t total() const { return notFinite + notPositive; }
+};
+
+/// What a film keeps from its first frame, so that its pictures do not flicker. It counts like what
+/// was asked for.
+struct Kept {
+    std::optional<float> radius;                    ///< of all, before scaling
+    std::optional<std::array<float, 2>> colorRange; ///< of the column to colour by
 };
 
 /// Particles ready to be rendered.
@@ -71,23 +58,17 @@ struct Scene {
     char upAxis = 'z';
     double largestStep = 0.0; ///< between the snapshots, as far as the shutter is open
     double meanStep = 0.0;
-    std::optional<float> spacingRadius; ///< before scaling, if the radius of all was chosen by it
-    std::string colorColumn;            ///< the column that gives the colours, if any
+    Kept chosen;             ///< what a film is to keep of it; the radius, if spacing told it
+    std::string colorColumn; ///< the column that gives the colours, if any
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
     std::vector<float> framedRadii;
 };
 
-/// Says a note to the user; swallows it when the run is quiet.
-using Note = std::function<void(std::string const&)>;
-
-/// Chooses radii and colours, matches snapshots, and makes the particle systems. The tree is not
-/// built. Throws `InputError` when the particles cannot be used, and what `progress` throws.
+/// Chooses radii and colours, matches particles with the snapshot that they go to, if any, and
+/// makes the particle systems. The tree is not built. Throws `InputError` when the particles cannot
+/// be used, and what `progress` throws.
 Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet const* second,
-                Note const& note, PhaseProgress const& progress);
-
-/// The radii that a scene of these particles would have, and where they come from.
-std::vector<float> chooseRadii(RadiusOptions const& options, ParticleSet const& particles,
-                               Note const& note, PhaseProgress const& progress);
+                Kept const& kept, Note const& note, PhaseProgress const& progress);
 
 } // namespace kelpatool

@@ -109,9 +109,9 @@ TEST_F(Molecules, AreFramesWhereAFileHoldsSeveralModels) {
     EXPECT_NEAR(cell.edges[2][2], 30.0 * std::sqrt(0.75), 1e-9);
     // Lines of other frames are damaged, not those of this one.
     EXPECT_TRUE(
-        holdsAll(read(models.substr(0, models.size() - 12), {.summarise = true}).notes.at(0),
+        holdsAll(read(models.substr(0, models.size() - 12), {.summarise = true}).notes.at(0).text,
                  {"model 2 ends after 3 atoms without an ENDMDL"}));
-    EXPECT_TRUE(holdsAll(read("\n# x\n" + cif.substr(0, cif.size() - 10)).notes.at(0),
+    EXPECT_TRUE(holdsAll(read("\n# x\n" + cif.substr(0, cif.size() - 10)).notes.at(0).text,
                          {":13: the file ends here, behind a row"}));
 }
 
@@ -156,10 +156,10 @@ TEST_F(Molecules, FillTheCellOfACrystal) {
     EXPECT_NEAR(mirror.positions[0].x, 10 * 0.25 - 6 * 0.5 * 0.5, 1e-5);
     EXPECT_NEAR(mirror.positions[1].y, 8 * (1 - 0.333), 1e-5);
     EXPECT_NEAR(mirror.positions[4].z, 6 * 0.8 * std::sqrt(0.75), 1e-5);
-    EXPECT_TRUE(holdsAll(mirror.notes.at(0), {"1 sites without a place"}));
+    EXPECT_TRUE(holdsAll(mirror.notes.at(0).text, {"1 sites without a place"}));
 
-    EXPECT_TRUE(
-        holdsAll(read("data_y\n" + cube + sites + "H1 H 0 0 0\n").notes.at(0), {"no symmetry"}));
+    EXPECT_TRUE(holdsAll(read("data_y\n" + cube + sites + "H1 H 0 0 0\n").notes.at(0).text,
+                         {"no symmetry"}));
     EXPECT_TRUE(
         holdsAll(complaintAbout("data_y\n" + sites + "H1 H 0 0 0\n"), {"fractions of a cell"}));
     EXPECT_TRUE(holdsAll(complaintAbout(salt, {.assembly = "1"}), {"has no assemblies"}));

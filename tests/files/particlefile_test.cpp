@@ -292,9 +292,10 @@ TEST_F(ParticleFiles, NoteWhatFollowsThatTheirHeaderDoesNotPromise) {
         std::string(12, '\0');
     for (std::string const& exact : {text, text + "\n \n", binary, gzip(binary)})
         EXPECT_TRUE(read(exact).notes.empty());
-    EXPECT_TRUE(holdsAll(read(text + "\n4 5 6\n").notes.at(0), {":10: rows go on behind the 1"}));
+    EXPECT_TRUE(
+        holdsAll(read(text + "\n4 5 6\n").notes.at(0).text, {":10: rows go on behind the 1"}));
     for (std::string const& longer : {binary + "0123456789ab", gzip(binary + "0123456789ab")})
-        EXPECT_TRUE(holdsAll(read(longer).notes.at(0), {": 12 bytes follow the 1 vertices"}));
+        EXPECT_TRUE(holdsAll(read(longer).notes.at(0).text, {": 12 bytes follow the 1 vertices"}));
 }
 
 TEST_F(ParticleFiles, KeepEveryDigitWhenAllColumnsAreAskedFor) {
@@ -485,12 +486,12 @@ TEST_F(ParticleFiles, HoldFramesAsXyz) {
     ParticleSet const summary = read(cut, {.summarise = true});
     EXPECT_EQ(summary.frameCount, 2);
     ASSERT_EQ(summary.notes.size(), 1U);
-    EXPECT_TRUE(holdsAll(summary.notes[0], {"frame 2 ends after 2 of 3 rows"}));
+    EXPECT_TRUE(holdsAll(summary.notes[0].text, {"frame 2 ends after 2 of 3 rows"}));
     EXPECT_EQ(read(frame(0, 1) + frame(1, 2), {.summarise = true}).frameCount, 2);
 
     // Words beyond the columns that were listed are worth a note; where none were, they are usual.
     EXPECT_TRUE(read("2\n\nC 1 2 3\nC 1 2 3 0.5\n").notes.empty());
-    EXPECT_TRUE(holdsAll(read("2\nProperties=pos:R:3\n1 2 3\n1 2 3 0.5\n").notes.at(0),
+    EXPECT_TRUE(holdsAll(read("2\nProperties=pos:R:3\n1 2 3\n1 2 3 0.5\n").notes.at(0).text,
                          {":4: a row of frame 0 with more words than its 3 columns; 1 such rows"}));
 
     struct Case {

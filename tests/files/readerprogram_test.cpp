@@ -74,7 +74,7 @@ TEST_F(ReaderPrograms, SendColumnsOfEveryTypeAndRows) {
     ASSERT_EQ(particles.positions.size(), 2U);
     EXPECT_TRUE(same(particles.positions[1], {1, 2, 3}));
     EXPECT_EQ(particles.columns.at(3).max, 18446744073709551615.0);
-    EXPECT_TRUE(holdsAll(particles.notes.at(0), {"a: half\\x1b read"}));
+    EXPECT_TRUE(holdsAll(particles.notes.at(0).text, {"a: half\\x1b read"}));
 }
 
 TEST_F(ReaderPrograms, AreBlamedInOneLineWhateverTheyDo) {

@@ -83,9 +83,8 @@ using kelpatool::ParticleSet;
 Image render(Options options, ParticleSet const& particles, ParticleSet const* second,
              int threads = 1) {
     options.particles.files = {"first"};
-    options.scene.motion.motion = second != nullptr ? "second" : "none";
     auto const ignore = [](auto const&...) {};
-    kelpatool::Scene scene = makeScene(options.scene, particles, second, ignore, ignore);
+    kelpatool::Scene scene = makeScene(options.scene, particles, second, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
     auto const camera =
@@ -208,7 +207,7 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     Options options;
     options.image = allChannels(50, 41, 18); // more samples than are taken at once
     auto const ignore = [](auto const&...) {};
-    kelpatool::Scene scene = makeScene(options.scene, particles, nullptr, ignore, ignore);
+    kelpatool::Scene scene = makeScene(options.scene, particles, nullptr, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
     auto const pictureFrom = [&](char const* view) {

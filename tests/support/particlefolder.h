@@ -4,6 +4,8 @@
 #include "pipeline/files/errors.h"
 #include "pipeline/files/particlefile.h"
 
+#include "tool/options/hints.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -42,7 +44,7 @@ class ParticleFiles : public testing::Test {
         try {
             readParticleFile(path, options);
         } catch (InputError const& error) {
-            std::string text = error.what();
+            std::string text = error.what() + kelpatool::hintText(error.hint);
             std::size_t const at = text.find(folder.string() + "/");
             return at == 0 ? text.substr(folder.string().size() + 1) : text;
         }

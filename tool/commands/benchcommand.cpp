@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <memory>
 #include <numbers>
+#include <utility>
 
 namespace kelpatool {
 
@@ -245,15 +246,15 @@ int runBench(Options const& given) {
     fmt::print("{}: {} particles, {} thread{}, median of {} run{}\n", printable(baseName(file)),
                withCommas(particles.positions.size()), threads, threads == 1 ? "" : "s",
                options.benchRuns, options.benchRuns == 1 ? "" : "s");
-    options.scene.motion.motion = "none";
+    Motion motion = std::exchange(options.scene.motion.motion, Still{});
     measure(options, particles, "still");
-    options.scene.motion.motion = given.scene.motion.motion;
-    if (options.scene.motion.motion == "none" && !particles.velocities.empty())
-        options.scene.motion.motion = "velocity";
-    if (options.scene.motion.motion != "none")
+    if (!isMoving(motion) && !particles.velocities.empty())
+        motion = AlongVelocities{};
+    options.scene.motion.motion = motion;
+    if (isMoving(motion))
         measure(options, particles, "moving");
     else
-        noteTo(options.run)("no velocities in the file; --motion FILE measures moving particles");
+        noteTo(options.run)({"no velocities in the file; --motion FILE measures moving particles"});
     finishStandardOutput();
     return 0;
 }

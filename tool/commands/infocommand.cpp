@@ -1,6 +1,7 @@
 #include "pipeline/files/errors.h"
 
 #include "tool/commands/commands.h"
+#include "tool/options/hints.h"
 #include "tool/process/standardstreams.h"
 #include "tool/report/json.h"
 #include "tool/report/phases.h"
@@ -109,7 +110,7 @@ void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary
 void tellAbout(Options options, std::string const& file, char const* separator) {
     options.particles.files = {file};
     // The whole way between the snapshots.
-    if (hasSecondFile(options) && !options.scene.motion.shutter)
+    if (hasSecondSnapshot(options.scene.motion.motion) && !options.scene.motion.shutter)
         options.scene.motion.shutter = options.scene.motion.times;
     ParticleSet particles = readParticles(file, options, true);
     Scene scene = readyScene(options, particles);
@@ -136,7 +137,7 @@ int runInfo(Options const& options) {
                 if (files.size() == 1)
                     throw;
                 // The others may be good, and a list stays one.
-                say("kelpa: {}\n", error.what());
+                say("kelpa: {}{}\n", error.what(), hintText(error.hint));
                 exitCode = 3;
             }
         }

@@ -49,9 +49,9 @@ void noteOutliers(Scene const& scene, Note const& note) {
     constexpr double little = 0.05;
     if (part > 0.0 && part < little) {
         Vec const centre = inFile(most, scene.origin).centre();
-        note(fmt::format("a few far particles take up the picture; --look-at {:.9g},{:.9g},{:.9g} "
-                         "--zoom {:.3g} shows the others",
-                         centre.x, centre.y, centre.z, 0.8 / part));
+        note({fmt::format("a few far particles take up the picture; --look-at {:.9g},{:.9g},{:.9g} "
+                          "--zoom {:.3g} shows the others",
+                          centre.x, centre.y, centre.z, 0.8 / part)});
     }
 }
 
@@ -163,13 +163,24 @@ void renderOneFrame(Options const& options, RenderStatistics& statistics) {
                       numberedName(options.output, picture), statistics);
 }
 
+/// What the pictures of a film have in common, chosen for the first one.
+struct Film {
+    Camera camera;
+    Vec origin; ///< of the scene that the camera was placed in
+    Kept kept;
+
+    Camera cameraIn(Scene const& scene) const {
+        Camera here = camera;
+        here.eye = here.eye + origin - scene.origin;
+        return here;
+    }
+};
+
 /// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
 /// that, the camera's place, the radius and the range of a colour map, must not change on the way.
-void renderFrames(Options const& given, RenderStatistics& statistics) {
-    Options options = given;
+void renderFrames(Options const& options, RenderStatistics& statistics) {
     SnapshotReader reader(options, options.particles.files[0]);
-    std::optional<Camera> camera;
-    Vec origin{};
+    std::optional<Film> film;
     std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
     FrameNumbers const frames = reader.framesIn(options.particles.frames);
     for (auto frame = frames.after(std::nullopt); frame; frame = frames.after(frame)) {
@@ -177,19 +188,14 @@ void renderFrames(Options const& given, RenderStatistics& statistics) {
             ParticleSet particles =
                 ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
             ahead = reader.readSecond(particles);
-            return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr);
+            return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr,
+                              film ? film->kept : Kept{});
         });
         Scene const& scene = built.scene;
-        if (!camera) {
-            camera = cameraFor(scene, options);
-            origin = scene.origin;
-            if (scene.spacingRadius)
-                options.scene.radius.radius = scene.spacingRadius;
-            options.scene.color.range = scene.colorRange;
-        }
-        Camera here = *camera;
-        here.eye = here.eye + origin - scene.origin;
-        renderPicture(built, here, options, numberedName(options.output, *frame), statistics);
+        if (!film)
+            film = {cameraFor(scene, options), scene.origin, scene.chosen};
+        renderPicture(built, film->cameraIn(scene), options, numberedName(options.output, *frame),
+                      statistics);
     }
 }
 

@@ -8,14 +8,12 @@ namespace kelpatool {
 
 namespace {
 
-bool hasSecondSnapshot(MotionOptions const& motion) {
-    return motion.motion != "none" && motion.motion != "velocity";
-}
-
 /// Refuses options that would have no effect on what was asked for.
 void checkEffects(GivenOption const& isGiven, Options const& options) {
-    bool const isMoving = options.scene.motion.motion != "none";
-    bool const hasVelocity = options.scene.motion.motion == "velocity";
+    Motion const& motion = options.scene.motion.motion;
+    bool const moves = isMoving(motion);
+    bool const hasVelocity = std::holds_alternative<AlongVelocities>(motion);
+    bool const isNext = std::holds_alternative<ToNextFrame>(motion);
     bool const isFlat = options.light.shade == LightOptions::Shade::flat;
     bool const hasOcclusion = options.light.shade == LightOptions::Shade::ao;
     struct Rule {
@@ -24,11 +22,11 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         char const* needs;
     };
     Rule const rules[] = {
-        {"--shutter", isMoving, "motion: --motion velocity, next or FILE"},
-        {"--bounds", isMoving, "motion: --motion velocity, next or FILE"},
+        {"--shutter", moves, "motion: --motion velocity, next or FILE"},
+        {"--bounds", moves, "motion: --motion velocity, next or FILE"},
         {"--dt", hasVelocity, "--motion velocity"},
-        {"--times", isMoving && !hasVelocity, "a second snapshot: --motion next or FILE"},
-        {"--strict", !options.particles.frames.empty() || options.scene.motion.motion == "next",
+        {"--times", moves && !hasVelocity, "a second snapshot: --motion next or FILE"},
+        {"--strict", !options.particles.frames.empty() || isNext,
          "frames of a sequence: --frames A:B or --motion next"},
         {"--shadows", !isFlat, "light: --shade ao or lit"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
@@ -78,20 +76,20 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
     checkFileCount(isGiven, options);
     MotionOptions& motion = options.scene.motion;
     if (options.command == Options::Command::render && particles.files.size() == 2) {
-        if (motion.motion != "none")
+        if (isMoving(motion.motion))
             throw UsageError("two files are two snapshots already; leave --motion out");
-        motion.motion = particles.files[1];
+        motion.motion = ToFile{particles.files[1]};
         particles.files.pop_back();
     }
+    auto const* const file = std::get_if<ToFile>(&motion.motion);
     std::error_code ignored;
-    if (isGiven("--motion") && hasSecondSnapshot(motion) && motion.motion != "next" &&
-        motion.motion.find_first_of("./{") == std::string::npos &&
-        !std::filesystem::exists(motion.motion, ignored))
+    if (isGiven("--motion") && file != nullptr &&
+        file->path.find_first_of("./{") == std::string::npos &&
+        !std::filesystem::exists(file->path, ignored))
         throw UsageError(fmt::format("--motion: '{}' is none of none, velocity and next, and there "
                                      "is no such file",
-                                     motion.motion));
-    bool const isNext = motion.motion == "next";
-    if (!particles.frames.empty() && hasSecondSnapshot(motion) && !isNext)
+                                     file->path));
+    if (!particles.frames.empty() && file != nullptr)
         throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
     if (!particles.frames.empty() && options.camera.turntable > 0)
         throw UsageError("--frames and --turntable both make many pictures; use one of them");

@@ -183,13 +183,22 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
         ->group("Tree");
 }
 
+Motion parseMotion(std::string const& text) {
+    if (text == "none")
+        return Still{};
+    if (text == "velocity")
+        return AlongVelocities{};
+    if (text == "next")
+        return ToNextFrame{};
+    return ToFile{text};
+}
+
 void addMotionOptions(CLI::App& app, Options& options) {
     MotionOptions& motion = options.scene.motion;
-    app.add_option(
-           "--motion", motion.motion,
-           "Where particles move: along their velocities, to the frame after, or to the snapshot "
-           "in another file; default: none")
-        ->type_name("none|velocity|next|FILE")
+    addParsed(
+        app, "--motion", "none|velocity|next|FILE", motion.motion, parseMotion,
+        "Where particles move: along their velocities, to the frame after, or to the snapshot "
+        "in another file; default: none")
         ->group("Motion");
     app.add_option("--times", motion.times, "When the two snapshots were taken")
         ->type_name("T0 T1")

@@ -5,6 +5,7 @@
 
 #include "pipeline/files/errors.h"
 
+#include "tool/options/hints.h"
 #include "tool/process/standardstreams.h"
 
 #include <fmt/format.h>
@@ -29,8 +30,10 @@ std::string baseName(std::string const& path) {
 
 Note noteTo(RunOptions const& run) {
     if (run.quiet)
-        return [](std::string const&) {};
-    return [](std::string const& text) { say("kelpa: note: {}\n", text); };
+        return [](Remark const&) {};
+    return [](Remark const& remark) {
+        say("kelpa: note: {}{}\n", remark.text, hintText(remark.hint));
+    };
 }
 
 void throwIfInterrupted() {
@@ -72,7 +75,7 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     read.assembly = options.particles.assembly;
     read.allAttributes = options.command == Options::Command::convert;
     read.radiusFrom = options.particles.radiusFrom;
-    read.forMotion = hasSecondFile(options);
+    read.forMotion = hasSecondSnapshot(options.scene.motion.motion);
     read.progress = progress;
     if (!options.scene.color.colorBy.empty())
         read.attributes.push_back(options.scene.color.colorBy);
@@ -95,7 +98,7 @@ FrameNumbers SnapshotReader::framesIn(std::vector<FrameRange> const& ranges) {
 void SnapshotReader::noteGap(std::string const& what, std::string const& wayOn) const {
     if (options.particles.strict)
         throw InputError(what);
-    noteTo(options.run)(what + wayOn);
+    noteTo(options.run)({what + wayOn});
 }
 
 ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
@@ -104,17 +107,18 @@ ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
         read.summarise = summarise;
         return source.read(frame, read);
     });
-    for (std::string const& text : particles.notes)
-        noteTo(options.run)(text);
+    for (Remark const& remark : particles.notes)
+        noteTo(options.run)(remark);
     nameElements(particles, options.particles.elements, particles.name);
     return particles;
 }
 
 std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) {
-    if (!hasSecondFile(options))
+    Motion const& motion = options.scene.motion.motion;
+    if (!hasSecondSnapshot(motion))
         return std::nullopt;
-    if (options.scene.motion.motion != "next")
-        return readParticles(options.scene.motion.motion, options, false);
+    if (auto const* const file = std::get_if<ToFile>(&motion))
+        return readParticles(file->path, options, false);
     std::optional<ParticleSet> second =
         withProgress("read", options.run, [&](PhaseProgress const& progress) {
             return source.readAfter(first.frame, readOptions(progress));
@@ -127,16 +131,12 @@ std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) 
         nameElements(*second, options.particles.elements, second->name);
     else
         noteTo(options.run)(
-            fmt::format("no frame follows {}: its particles stand still", first.name));
+            {fmt::format("no frame follows {}: its particles stand still", first.name)});
     return second;
 }
 
 ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
     return SnapshotReader(options, path).read(options.particles.frame, summarise);
-}
-
-bool hasSecondFile(Options const& options) {
-    return options.scene.motion.motion != "none" && options.scene.motion.motion != "velocity";
 }
 
 Scene readyScene(Options const& options, ParticleSet particles) {
@@ -145,16 +145,17 @@ Scene readyScene(Options const& options, ParticleSet particles) {
     return readyScene(options, std::move(particles), second ? &*second : nullptr);
 }
 
-Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second) {
+Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second,
+                 Kept const& kept) {
     // What there is to note must not run into the line of the display.
-    std::vector<std::string> notes;
+    std::vector<Remark> notes;
     Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
         return makeScene(
-            options.scene, std::move(particles), second,
-            [&notes](std::string const& text) { notes.push_back(text); }, progress);
+            options.scene, std::move(particles), second, kept,
+            [&notes](Remark const& remark) { notes.push_back(remark); }, progress);
     });
-    for (std::string const& text : notes)
-        noteTo(options.run)(text);
+    for (Remark const& remark : notes)
+        noteTo(options.run)(remark);
     return scene;
 }
 

@@ -78,13 +78,12 @@ class SnapshotReader {
 /// collects what `kelpa info` shows of the columns.
 ParticleSet readParticles(std::string const& path, Options const& options, bool summarise);
 
-/// Whether the motion comes from a second snapshot.
-bool hasSecondFile(Options const& options);
-
 /// Makes the scene of a file, and of the second snapshot if there is one.
 Scene readyScene(Options const& options, ParticleSet particles);
-/// The same with a second snapshot that has been read, or null.
-Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second);
+/// The same with a second snapshot that has been read, or null, and what earlier frames of a film
+/// leave to it.
+Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second,
+                 Kept const& kept = {});
 
 /// Collects what a build says.
 class BuildReport final : public Kelpa::ProgressCallback {

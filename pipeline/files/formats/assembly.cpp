@@ -83,7 +83,7 @@ Assembly const& findAssembly(InputFile const& file, std::vector<Assembly> const&
         present += " " + assembly.name;
     }
     if (present.empty())
-        file.fail("describes no assembly; leave --assembly away");
+        file.fail({Hint::To::askNoAssembly}, "describes no assembly");
     file.fail("no assembly {}; it has{}", quoted(name), present);
 }
 

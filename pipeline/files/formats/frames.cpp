@@ -54,7 +54,7 @@ ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const&
         try {
             skipFrames(file, format, allFrames);
         } catch (InputError const& error) {
-            particles.notes.emplace_back(error.what());
+            particles.notes.push_back({error.what(), error.hint});
         }
         particles.frameCount = file.frames;
     } else {

@@ -128,11 +128,11 @@ bool GroFrames::begin(InputFile& file, int index) {
         return false;
     frame = {index, 0, fmt::format("frame {}", index)};
     if (!line)
-        file.failHere("{} ends before its number of atoms{}", frame.name, frame.wayOn());
+        file.failHere(frame.wayOn(), "{} ends before its number of atoms", frame.name);
     std::string_view words = *line;
     if (!parseNumber(nextWord(words), frame.rows) || !nextWord(words).empty())
-        file.failHere("{} where the number of atoms of {} belongs{}", quoted(*line), frame.name,
-                      frame.wayOn());
+        file.failHere(frame.wayOn(), "{} where the number of atoms of {} belongs", quoted(*line),
+                      frame.name);
     return true;
 }
 
@@ -169,8 +169,8 @@ void GroFrames::parseRow(InputFile const& file, RowLayout const& layout, std::st
     std::string_view const numberField = trimmed(part(line, 3 * fieldWidth, fieldWidth));
     std::int64_t number = 0;
     if (!parseNumber(numberField, number))
-        file.failHere("{} where the atom's number belongs, in columns 16 to 20{}",
-                      quoted(numberField), frame.wayOn());
+        file.failHere(frame.wayOn(), "{} where the atom's number belongs, in columns 16 to 20",
+                      quoted(numberField));
     if (number < lastNumber && lastNumber == 99999)
         atomBase += 100000;
     lastNumber = number;
@@ -183,9 +183,9 @@ void GroFrames::parseRow(InputFile const& file, RowLayout const& layout, std::st
         double value = 0.0;
         // Some atoms of a frame may lack velocities; they rest.
         if (!parseNumber(field, value) && !(i >= 3 && field.empty()))
-            file.failHere("{} where a number for {} belongs, in columns {} to {}{}", quoted(field),
-                          quoted(column.name), numbersBegin + i * width + 1,
-                          numbersBegin + (i + 1) * width, frame.wayOn());
+            file.failHere(frame.wayOn(), "{} where a number for {} belongs, in columns {} to {}",
+                          quoted(field), quoted(column.name), numbersBegin + i * width + 1,
+                          numbersBegin + (i + 1) * width);
         std::memcpy(row + column.offset, &value, sizeof value);
     }
 }
@@ -195,7 +195,7 @@ void GroFrames::readBox(InputFile& file, ParticleSet& particles) const {
     std::optional<std::string_view> const line = file.nextLine();
     if (!line) {
         particles.notes.push_back(
-            fmt::format("{}: {} ends without its box", file.path(), frame.name));
+            {fmt::format("{}: {} ends without its box", file.path(), frame.name)});
         return;
     }
     // Of edges a, b and c: ax by cz, then ay az bx bz cx cy.
@@ -208,8 +208,8 @@ void GroFrames::readBox(InputFile& file, ParticleSet& particles) const {
         if (word.empty() && i >= 3)
             break;
         if (!parseNumber(word, cell.edges[order[i][0]][order[i][1]]))
-            file.failHere("{} where the box of {} belongs{}", quoted(*line), frame.name,
-                          frame.wayOn());
+            file.failHere(frame.wayOn(), "{} where the box of {} belongs", quoted(*line),
+                          frame.name);
     }
     for (std::size_t edge = 0; edge < 3; ++edge)
         cell.isPeriodic[edge] = cell.edges[edge][edge] > 0.0; // a box of zeros stands for none
@@ -249,7 +249,7 @@ ParticleSet GroFrames::read(InputFile& file, ReadOptions const& options) {
     }
     if (virtualSites > 0)
         particles.notes.push_back(
-            fmt::format("{} virtual sites (MW, LP) are no atoms and left out", virtualSites));
+            {fmt::format("{} virtual sites (MW, LP) are no atoms and left out", virtualSites)});
     readBox(file, particles);
     return particles;
 }

@@ -99,7 +99,7 @@ class LammpsFrames final : public FrameFormat {
 std::string_view LammpsFrames::itemLine(InputFile& file, std::string_view what) {
     std::optional<std::string_view> const line = file.nextLine();
     if (!line)
-        file.failHere("{} ends before {}{}", frame.name, what, frame.wayOn());
+        file.failHere(frame.wayOn(), "{} ends before {}", frame.name, what);
     return *line;
 }
 
@@ -108,8 +108,8 @@ void LammpsFrames::readStep(InputFile& file) {
     std::string_view words = line;
     std::int64_t step = 0;
     if (!parseNumber(nextWord(words), step))
-        file.failHere("{} where the time step of {} belongs{}", quoted(line), frame.name,
-                      frame.wayOn());
+        file.failHere(frame.wayOn(), "{} where the time step of {} belongs", quoted(line),
+                      frame.name);
     frame.name = fmt::format("frame at step {}", step);
 }
 
@@ -117,8 +117,8 @@ void LammpsFrames::readCount(InputFile& file) {
     std::string_view const line = itemLine(file, "its number of atoms");
     std::string_view words = line;
     if (!parseNumber(nextWord(words), frame.rows) || !nextWord(words).empty())
-        file.failHere("{} where the number of atoms of {} belongs{}", quoted(line), frame.name,
-                      frame.wayOn());
+        file.failHere(frame.wayOn(), "{} where the number of atoms of {} belongs", quoted(line),
+                      frame.name);
     hasCount = true;
 }
 
@@ -144,8 +144,8 @@ void LammpsFrames::readBox(InputFile& file, std::string_view flags) {
         std::string_view words = line;
         for (std::size_t i = 0; i < numbers; ++i)
             if (!parseNumber(nextWord(words), bounds[i]))
-                file.failHere("{} where {} bounds of the box of {} belong{}", quoted(line), numbers,
-                              frame.name, frame.wayOn());
+                file.failHere(frame.wayOn(), "{} where {} bounds of the box of {} belong",
+                              quoted(line), numbers, frame.name);
     }
     cell = cellOf(lines, isTilted, isGeneral);
     cell->isPeriodic = periodic;
@@ -175,8 +175,9 @@ bool LammpsFrames::begin(InputFile& file, int index) {
     for (;;) {
         std::string_view item = itemLine(file, "its rows");
         if (!item.starts_with(itemMark))
-            file.failHere("{} where {} belongs, as after as many rows as {} promises{}",
-                          quoted(item), quoted(itemMark), frame.name, frame.wayOn());
+            file.failHere(frame.wayOn(),
+                          "{} where {} belongs, as after as many rows as {} promises", quoted(item),
+                          quoted(itemMark), frame.name);
         item.remove_prefix(itemMark.size());
         item.remove_prefix(std::min(item.size(), item.find_first_not_of(' ')));
         if (item.starts_with("TIMESTEP")) {
@@ -198,7 +199,7 @@ bool LammpsFrames::begin(InputFile& file, int index) {
         }
     }
     if (!hasCount)
-        file.failHere("rows of {} before the item NUMBER OF ATOMS{}", frame.name, frame.wayOn());
+        file.failHere(frame.wayOn(), "rows of {} before the item NUMBER OF ATOMS", frame.name);
     return true;
 }
 
@@ -279,8 +280,9 @@ ParticleSet LammpsFrames::read(InputFile& file, ReadOptions const& options) {
     std::function<void(char*)> derive;
     if (isScaled) {
         if (!cell)
-            file.failHere("{} of {} are fractions of a box, and the item BOX BOUNDS is missing{}",
-                          from->source, frame.name, frame.wayOn());
+            file.failHere(frame.wayOn(),
+                          "{} of {} are fractions of a box, and the item BOX BOUNDS is missing",
+                          from->source, frame.name);
         derive = Unscaler(layout, *from, isWrapped ? wrapped : unwrapped, *cell);
     }
     ParticleSet particles;

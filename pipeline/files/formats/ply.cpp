@@ -378,14 +378,14 @@ void noteTheRest(InputFile& file, Element const& vertex, bool isText, ParticleSe
     if (isText) {
         if (nextTextRow(file))
             particles.notes.push_back(
-                fmt::format("{}:{}: rows go on behind the {} vertices that the header promises; "
-                            "they are left out",
-                            file.path(), file.lineNumber(), vertex.count));
+                {fmt::format("{}:{}: rows go on behind the {} vertices that the header promises; "
+                             "they are left out",
+                             file.path(), file.lineNumber(), vertex.count)});
     } else if (std::uint64_t const bytes = file.skip(~std::uint64_t{0}); bytes > 0) {
         particles.notes.push_back(
-            fmt::format("{}: {} bytes follow the {} vertices that the header promises; they are "
-                        "left out",
-                        file.path(), bytes, vertex.count));
+            {fmt::format("{}: {} bytes follow the {} vertices that the header promises; they are "
+                         "left out",
+                         file.path(), bytes, vertex.count)});
     }
 }
 

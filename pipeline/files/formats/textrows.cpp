@@ -45,11 +45,11 @@ struct RowParser {
         for (std::size_t index = 0; index < kinds.size(); ++index) {
             std::string_view const word = nextWord(line);
             if (word.empty())
-                file.failHere("a row of {} with {} of {} columns{}", frame.name, index,
-                              kinds.size(), frame.wayOn());
+                file.failHere(frame.wayOn(), "a row of {} with {} of {} columns", frame.name, index,
+                              kinds.size());
             if (kinds[index] != WordKind::text && !store(*column, kinds[index], word, row))
-                file.failHere("{} where a number for {} belongs{}", quoted(word),
-                              quoted(column->name), frame.wayOn());
+                file.failHere(frame.wayOn(), "{} where a number for {} belongs", quoted(word),
+                              quoted(column->name));
             column += layout.words[index] == WordKind::text ? 0 : 1;
         }
         if (!layout.mayHaveMore && !nextWord(line).empty() && ++longRows == 1)
@@ -100,12 +100,12 @@ Column const* RowLayout::find(std::string_view name) const {
     return found == columns.end() ? nullptr : &*found;
 }
 
-std::string TextFrame::wayOn() const {
-    return index > 0 ? fmt::format("; use --frame {} or an earlier one", index - 1) : std::string();
+Hint TextFrame::wayOn() const {
+    return index > 0 ? Hint{Hint::To::readEarlierFrame, index - 1} : Hint{};
 }
 
 void failEarlyEnd(InputFile const& file, TextFrame const& frame, std::uint64_t rowsHeld) {
-    file.failHere("{} ends after {} of {} rows{}", frame.name, rowsHeld, frame.rows, frame.wayOn());
+    file.failHere(frame.wayOn(), "{} ends after {} of {} rows", frame.name, rowsHeld, frame.rows);
 }
 
 std::string_view nextTextRow(InputFile& file, TextFrame const& frame, std::uint64_t rowsHeld) {
@@ -168,10 +168,10 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
         file.particles += count;
     }
     if (parser.longRows > 0)
-        particles.notes.push_back(fmt::format(
+        particles.notes.push_back({fmt::format(
             "{}:{}: a row of {} with more words than its {} columns; {} such rows, of which the "
             "first words count",
-            file.path(), parser.firstLongRow, frame.name, layout.words.size(), parser.longRows));
+            file.path(), parser.firstLongRow, frame.name, layout.words.size(), parser.longRows)});
 }
 
 } // namespace kelpatool

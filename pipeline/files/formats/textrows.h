@@ -33,7 +33,7 @@ struct TextFrame {
     std::string_view nextFrameStarts{}; ///< no row starts so, but the next frame; may be empty
 
     /// How a message goes on when the frames before this one are whole.
-    std::string wayOn() const;
+    Hint wayOn() const;
 };
 
 [[noreturn]] void failEarlyEnd(InputFile const& file, TextFrame const& frame,

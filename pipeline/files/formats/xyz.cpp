@@ -190,8 +190,8 @@ bool XyzFrames::begin(InputFile& file, int index) {
     std::string_view words = *line;
     std::string_view const count = nextWord(words);
     if (!parseNumber(count, frame.rows) || !nextWord(words).empty())
-        file.failHere("{} where the number of atoms of {} belongs{}", quoted(*line), frame.name,
-                      frame.wayOn());
+        file.failHere(frame.wayOn(), "{} where the number of atoms of {} belongs", quoted(*line),
+                      frame.name);
     std::optional<std::string_view> const second = file.nextLine();
     if (!second)
         failEarlyEnd(file, frame, 0);

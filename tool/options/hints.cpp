@@ -1,0 +1,31 @@
+#include "tool/options/hints.h"
+
+#include <fmt/format.h>
+
+namespace kelpatool {
+
+std::string hintText(Hint const& hint) {
+    switch (hint.to) {
+    case Hint::To::nothing:
+        return "";
+    case Hint::To::nameFormat:
+        return "; if it is one of them, name it with --format";
+    case Hint::To::askNoAssembly:
+        return "; leave --assembly away";
+    case Hint::To::askElsewhere:
+        return "; --assembly is for PDB and mmCIF";
+    case Hint::To::readEarlierFrame:
+        return fmt::format("; use --frame {} or an earlier one", hint.frame);
+    case Hint::To::moveByVelocity:
+        return " for --motion velocity";
+    case Hint::To::standStill:
+        return "; use --motion none";
+    case Hint::To::setRadius:
+        return "; set --radius";
+    case Hint::To::setRange:
+        return "; set --range";
+    }
+    return "";
+}
+
+} // namespace kelpatool
