@@ -72,6 +72,10 @@ bool isLammpsData(std::string_view head) {
     return hasAtoms && hasBox;
 }
 
+bool isXtc(std::string_view head) {
+    return startsWith<0, 0, 7, '\xcb'>(head) || startsWith<0, 0, 7, '\xe7'>(head);
+}
+
 bool isPdb(std::string_view head) {
     constexpr std::string_view records[] = {"HEADER ", "ATOM  ",  "HETATM", "CRYST1",
                                             "REMARK ", "MODEL  ", "COMPND "};
@@ -100,6 +104,9 @@ constexpr FileFormat formats[] = {
     {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
     {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, readLammps},
     {"lammps-data", "LAMMPS data", ".data .lmp", isLammpsData, readLammpsData},
+    {"dcd", "DCD", ".dcd", isDcd, readDcd},
+    {"xtc", "XTC", ".xtc", isXtc, readXtc},
+    {"trr", "TRR", ".trr", startsWith<0, 0, 7, '\xc9'>, readTrr},
     {"bgeo", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, readBgeo},
     {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr, newBgeo},
     {"", "the packed BGEO of newer Houdini", ".bgeo.sc", startsWith<'s', 'c', 'f', '1'>, nullptr,

@@ -111,6 +111,17 @@ FrameRange FrameSource::resolve(FrameRange const& range) const {
 }
 
 ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions options) {
+    if (options.topology.empty())
+        return readPlaces(frame, std::move(options));
+    if (!topology)
+        topology.emplace(options.topology, options.progress);
+    ParticleSet particles = readPlaces(frame, topology->forTrajectory(options));
+    topology->giveTo(particles, options);
+    return particles;
+}
+
+/// The same as the file or the sequence itself tells it.
+ParticleSet FrameSource::readPlaces(std::optional<int> frame, ReadOptions options) {
     if (sequence.empty()) {
         options.frame = frame.value_or(0);
         ParticleSet particles = file.read(options);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "pipeline/files/particlefile.h"
+#include "pipeline/files/topology.h"
 
 #include <cstdint>
 #include <map>
@@ -54,6 +55,7 @@ class FrameSource {
     std::vector<int> missingIn(std::vector<FrameRange> const& ranges) const;
 
   private:
+    ParticleSet readPlaces(std::optional<int> frame, ReadOptions options);
     int resolve(std::optional<int> frame) const;
     std::vector<FrameRange> framesInSequence(std::vector<FrameRange> const& ranges) const;
     std::vector<FrameRange> framesInFile(std::vector<FrameRange> ranges, ReadOptions options) const;
@@ -63,6 +65,7 @@ class FrameSource {
     std::string path;
     std::map<int, std::string> sequence; ///< files by number; empty: `file` holds all frames
     ParticleFile file;
+    std::optional<Topology> topology; ///< read when a frame first needs it
 };
 
 } // namespace kelpatool

@@ -104,6 +104,10 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
         "--frame", particles.frame,
         "Frame of the file, or the number of a file of a sequence, such as cache.{}.ply; "
         "negative: from the end; default: the first");
+    app.add_option("--topology", particles.topology,
+                   "File that names the particles of a trajectory such as XTC: PDB, GRO, CIF, "
+                   "LAMMPS data")
+        ->type_name("FILE");
     app.add_option("--assembly", particles.assembly,
                    "Build this biological assembly of a PDB or mmCIF file, such as 1");
     addParsed(app, "--elements", "O,H", particles.elements, parseElements,

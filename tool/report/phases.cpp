@@ -73,6 +73,7 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     ReadOptions read;
     read.format = options.particles.format;
     read.assembly = options.particles.assembly;
+    read.topology = options.particles.topology;
     read.allAttributes = options.command == Options::Command::convert;
     read.radiusFrom = options.particles.radiusFrom;
     read.forMotion = hasSecondSnapshot(options.scene.motion.motion);

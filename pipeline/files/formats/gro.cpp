@@ -158,6 +158,7 @@ RowLayout GroFrames::layoutOf() const {
     constexpr std::string_view names[] = {"x", "y", "z", "vx", "vy", "vz"};
     RowLayout layout;
     layout.addWord("id", "integer", WordKind::number);
+    layout.addWord("residue", "integer", WordKind::number);
     for (std::size_t i = 0; i < numberCount; ++i)
         layout.addWord(std::string(names[i]), "real", WordKind::number);
     layout.addDerived("element");
@@ -177,9 +178,14 @@ void GroFrames::parseRow(InputFile const& file, RowLayout const& layout, std::st
     number += atomBase;
     std::memcpy(row + layout.columns[0].offset, &number, sizeof number);
 
+    // Residues are told, not needed: what is no number there is 0.
+    double residue = 0.0;
+    parseNumber(trimmed(part(line, 0, fieldWidth)), residue);
+    std::memcpy(row + layout.columns[1].offset, &residue, sizeof residue);
+
     for (std::size_t i = 0; i < numberCount; ++i) {
         std::string_view const field = trimmed(part(line, numbersBegin + i * width, width));
-        Column const& column = layout.columns[1 + i];
+        Column const& column = layout.columns[2 + i];
         double value = 0.0;
         // Some atoms of a frame may lack velocities; they rest.
         if (!parseNumber(field, value) && !(i >= 3 && field.empty()))

@@ -6,12 +6,18 @@
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/readoptions.h"
 
+#include <string_view>
+
 namespace kelpatool {
 
 ParticleSet readPly(InputFile& file, ReadOptions const& options);
 ParticleSet readXyz(InputFile& file, ReadOptions const& options);
 ParticleSet readLammps(InputFile& file, ReadOptions const& options);
 ParticleSet readLammpsData(InputFile& file, ReadOptions const& options);
+ParticleSet readDcd(InputFile& file, ReadOptions const& options);
+bool isDcd(std::string_view head); ///< whether these are its first bytes
+ParticleSet readXtc(InputFile& file, ReadOptions const& options);
+ParticleSet readTrr(InputFile& file, ReadOptions const& options);
 ParticleSet readGro(InputFile& file, ReadOptions const& options);
 ParticleSet readBgeo(InputFile& file, ReadOptions const& options);
 ParticleSet readPdb(InputFile& file, ReadOptions const& options);
