@@ -7,6 +7,13 @@
 namespace Kelpa {
 
 /// What every tree can do. The order of the operations is part of the interface.
+///
+/// However hostile the particles and the parameters are, a tree stays within three limits; what is
+/// left to build when one is reached becomes leaves, and the tree answers right, but slowly:
+/// - 64 nodes a sphere, or 2^23 in all if that is more;
+/// - 256 leaf entries a sphere, or 2^26 in all if that is more;
+/// - beyond level 128, where no ordinary tree comes, as many records parted as leaf entries
+/// allowed.
 class GeomTreeBase {
   public:
     virtual ~GeomTreeBase() = default;

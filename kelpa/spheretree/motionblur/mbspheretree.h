@@ -85,13 +85,11 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// beyond single precision.
     /// Not to be called on one of the manager's workers unless another is free to take the job
     /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
-    /// abort leaves a valid tree over part of the particles. Beyond 64 nodes or 256 leaf entries a
-    /// sphere, or 2^23 and 2^26 if that is more, nothing is split; nor once nodes beyond level 128
-    /// had as many records as that many entries. Throws `ExceptionMsg` when
-    /// memory runs out on any thread, when there are more particles, nodes or leaf entries than
-    /// 2^31 - 1, or when a leaf would need more than 2^23 - 1 entries (of that many spheres in one
-    /// place before the work begins); whatever is thrown, all jobs have ended by then, and the tree
-    /// is empty and can be built again.
+    /// abort leaves a valid tree over part of the particles. How large a tree may grow, says
+    /// `GeomTreeBase`. Throws `ExceptionMsg` when memory runs out on any thread, when there are
+    /// more particles, nodes or leaf entries than 2^31 - 1, or when a leaf would need more than
+    /// 2^23 - 1 entries (of that many spheres in one place before the work begins); whatever is
+    /// thrown, all jobs have ended by then, and the tree is empty and can be built again.
     void build(ProgressCallback* progress, ThreadManager* manager, int staticBounds);
 
     /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`

@@ -77,12 +77,10 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// `multiThreaded` set, the work is done on the manager's threads while this one waits.
     /// Not to be called on one of the manager's workers unless another is free to take the job
     /// (pass null there, or use a pool that lets waiting workers help, as `ThreadPool` does). An
-    /// abort leaves a valid tree over part of the particles. Beyond 64 nodes or 256 leaf entries a
-    /// sphere, or 2^23 and 2^26 if that is more, nothing is split; nor once nodes beyond level 128
-    /// had as many records as that many entries. Throws `ExceptionMsg` when
-    /// memory runs out on any thread, or when there are more particles, nodes or leaf entries than
-    /// 2^31 - 1; whatever is thrown, all jobs have ended by then, and the tree is empty and can be
-    /// built again.
+    /// abort leaves a valid tree over part of the particles. How large a tree may grow, says
+    /// `GeomTreeBase`. Throws `ExceptionMsg` when memory runs out on any thread, or when there are
+    /// more particles, nodes or leaf entries than 2^31 - 1; whatever is thrown, all jobs have ended
+    /// by then, and the tree is empty and can be built again.
     virtual void build(ProgressCallback* progress, ThreadManager* manager);
 
     /// Turns `node`, an empty leaf that covers `box`, into the subtree over the first `count`
