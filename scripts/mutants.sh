@@ -40,17 +40,20 @@ def entries():
 def pattern(code):
     return r"\s*".join(re.escape(word) for word in re.split(r"\s+", code))
 
-edits = {}
+edits, stale = {}, []
 for number, (line, file, before, part, behind, changed) in enumerate(entries(), 1):
     found = list(re.finditer(f"{pattern(before)}({pattern(part)}){pattern(behind)}",
                              texts[file].decode()))
     if len(found) != 1:
-        fail(line, f"{file} has this code {len(found)} times")
+        stale.append(f"{faults}:{line}: {file} has this code {len(found)} times")
+        continue
     begin, end = found[0].span(1)
     guarded = (f"if (mutant({number})) {{ {changed} }} else {{ {part} }}" if part.endswith(";")
                else f"(mutant({number}) ? ({changed}) : ({part}))")
     edits.setdefault(file, []).append((begin, end, guarded))
     print(f"{number}\t{file}: {part} -> {changed or 'nothing'}")
+if stale: # the library has changed, and the list has not
+    sys.exit("\n".join(stale))
 for file, changes in edits.items():
     text = texts[file].decode()
     for begin, end, guarded in sorted(changes, reverse=True):
