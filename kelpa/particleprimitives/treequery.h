@@ -6,6 +6,7 @@
 #include "kelpa/foundation/table.h"
 #include "kelpa/particleprimitives/bounds.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/motionblur/mbtraversal.h"
 #include "kelpa/spheretree/rayrun.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/static/sdtraversal.h"
@@ -208,12 +209,13 @@ template <> struct TreeQuery<MovingSphereTree> {
         return tree.isOccluded(query);
     }
 
-    static std::optional<std::uint64_t> closestHits(MovingSphereTree const&, RayRun const&,
-                                                    PrimitiveIntersections&) {
-        return {};
+    static std::optional<std::uint64_t> closestHits(MovingSphereTree const& tree, RayRun const& run,
+                                                    PrimitiveIntersections& result) {
+        return findClosestTogether(tree, run, result);
     }
-    static std::optional<std::uint64_t> occlusions(MovingSphereTree const&, RayRun const&) {
-        return {};
+    static std::optional<std::uint64_t> occlusions(MovingSphereTree const& tree,
+                                                   RayRun const& run) {
+        return findAnyTogether(tree, run);
     }
 
     /// Rays that are asked about in one go.

@@ -31,6 +31,7 @@ struct RayLanes {
     alignas(64) double tMax[width];    ///< see `tMin`
     alignas(64) double nearest[width]; ///< the nearest hit so far, else the end of the search
     std::uint32_t backwards[3];        ///< lanes whose direction has its sign bit set, by axis
+    bool mayStart; ///< whether a ray may start on a particle of a tree that numbers them from 0
 
     /// Takes up to `width` rays of a run from the `at`-th on and returns their lanes. The others
     /// repeat the last, so that nothing is computed with that no ray holds.
@@ -125,9 +126,13 @@ struct RayLanes {
         store(squaredLength, (components[0] * components[0] + components[1] * components[1]) +
                                  components[2] * components[2]);
         store(time, Lanes::load(from.time));
-        for (unsigned k = 0; k < width; ++k)
+        std::int32_t allSkips = -1;
+        for (unsigned k = 0; k < width; ++k) {
             skip[k] = static_cast<std::int32_t>(static_cast<std::uint32_t>(from.skip[k]) -
                                                 static_cast<std::uint32_t>(baseIndex));
+            allSkips &= skip[k];
+        }
+        mayStart = allSkips >= 0; // unless all are negative
         store(tMin, Doubles::load(from.tMin));
         Doubles const end = Doubles::load(from.tMax);
         store(tMax, end);
@@ -154,6 +159,20 @@ struct LaneProbes {
     Floats squaredLength;
 };
 
+/// A sphere as each ray sees it.
+struct SphereLanes {
+    using Floats = Lanes::Floats;
+
+    [[gnu::always_inline]] SphereLanes(Vector const& center, float radius)
+        : x(Lanes::all(center.x)), y(Lanes::all(center.y)), z(Lanes::all(center.z)),
+          squaredRadius(Lanes::all(radius * radius)) {}
+    [[gnu::always_inline]] SphereLanes(Floats ofX, Floats ofY, Floats ofZ, Floats radius)
+        : x(ofX), y(ofY), z(ofZ), squaredRadius(radius * radius) {}
+
+    Floats x, y, z; ///< of its centre
+    Floats squaredRadius;
+};
+
 /// `HitWindow` for all rays.
 struct LaneWindows {
     using Floats = Lanes::Floats;
@@ -164,19 +183,18 @@ struct LaneWindows {
 
     /// Takes the steps of `hitSphere` for the rays of some lanes, of which those `starting` start
     /// on the sphere, and returns those that hit it. Their windows end there.
-    [[gnu::always_inline]] std::uint32_t test(LaneProbes const& ray, Vector const& center,
-                                              float radius, std::uint32_t lanes,
-                                              std::uint32_t starting) {
+    [[gnu::always_inline]] std::uint32_t test(LaneProbes const& ray, SphereLanes const& sphere,
+                                              std::uint32_t lanes, std::uint32_t starting) {
         Floats const none = Lanes::all(0.0F);
-        Floats const x = Lanes::all(center.x) - ray.origin[0];
-        Floats const y = Lanes::all(center.y) - ray.origin[1];
-        Floats const z = Lanes::all(center.z) - ray.origin[2];
+        Floats const x = sphere.x - ray.origin[0];
+        Floats const y = sphere.y - ray.origin[1];
+        Floats const z = sphere.z - ray.origin[2];
         Floats const b = (x * ray.dir[0] + y * ray.dir[1]) + z * ray.dir[2];
         Floats const tClosest = b / ray.squaredLength;
         Floats const ex = ray.dir[0] * tClosest - x;
         Floats const ey = ray.dir[1] * tClosest - y;
         Floats const ez = ray.dir[2] * tClosest - z;
-        Floats const h = ((ex * ex + ey * ey) + ez * ez) - Lanes::all(radius * radius);
+        Floats const h = ((ex * ex + ey * ey) + ez * ez) - sphere.squaredRadius;
         std::uint32_t possible = lanes & ~Lanes::isGreater(h, none);
         if (starting != 0)
             possible &= ~starting | Lanes::isAtLeast(b, none);
@@ -238,15 +256,6 @@ struct LaneGroup {
     }
 };
 
-/// A node that waits for some lanes, with the parts of their rays that are inside it.
-template <class Node> struct alignas(64) WaitingLanes {
-    double tMin[RayLanes::width];
-    double tMax[RayLanes::width];
-    Node const* node;
-    std::uint32_t crossing; ///< lanes that meet it behind the other side of their plane
-    std::uint32_t passing;  ///< lanes that meet only this side
-};
-
 /// What rays have hit, by lane; when, `RayLanes::nearest` tells.
 struct LaneHits {
     std::uint32_t lanes = 0;
@@ -261,11 +270,12 @@ struct LaneHits {
     }
 
     [[gnu::always_inline]] void setAll(std::uint32_t which, std::uint32_t sphereIndex,
-                                       Vector const& sphereCenter) {
+                                       SphereLanes const& sphere) {
         lanes |= which;
         Lanes::storeIn(which, sphereBits, Lanes::all(__builtin_bit_cast(float, sphereIndex)));
-        for (int axis = 0; axis < 3; ++axis)
-            Lanes::storeIn(which, center[axis], Lanes::all(sphereCenter[axis]));
+        Lanes::storeIn(which, center[0], sphere.x);
+        Lanes::storeIn(which, center[1], sphere.y);
+        Lanes::storeIn(which, center[2], sphere.z);
     }
 
     /// Enters the hits into the lanes of `result` from `firstLane` on.

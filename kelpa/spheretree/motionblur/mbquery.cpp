@@ -19,6 +19,13 @@ int codeOf(MBTree const& tree, MBSphereRay const& ray) {
     return hitCode(system.particles0->particleType);
 }
 
+/// Whether one walk for all rays of a run is possible and likely to pay.
+bool canWalkTogether(MBTree const& tree, RayRun const& run) {
+    return queries().findAnyTogether != nullptr && tree.root != nullptr &&
+           tree.packedSpheres != nullptr && tree.statMaxDepth <= usualInnerLevels &&
+           run.count > 1 && areTogether(run);
+}
+
 } // namespace
 
 template <class Sphere, int NodeBlock, int LeafBlock>
@@ -56,5 +63,18 @@ template void MBSphereTree<MBSphere, 20000, 20000>::intersectMany(std::span<MBSp
 template int MBSphereTree<MBSphere, 20000, 20000>::intersectNode(MBSphereRay&) const;
 template void MBSphereTree<MBSphere, 20000, 20000>::areOccluded(std::span<MBSphereRay>, int*) const;
 template bool MBSphereTree<MBSphere, 20000, 20000>::isOccluded(MBSphereRay&) const;
+
+std::optional<std::uint64_t> findClosestTogether(MBTree const& tree, RayRun const& run,
+                                                 PrimitiveIntersections& result) {
+    if (!canWalkTogether(tree, run))
+        return {};
+    return queries().findClosestTogether(tree, run, result);
+}
+
+std::optional<std::uint64_t> findAnyTogether(MBTree const& tree, RayRun const& run) {
+    if (!canWalkTogether(tree, run))
+        return {};
+    return queries().findAnyTogether(tree, run);
+}
 
 } // namespace Kelpa

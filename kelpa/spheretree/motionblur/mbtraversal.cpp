@@ -111,7 +111,18 @@ template <Goal goal> void findMany(Tree const& tree, std::span<MBSphereRay*> ray
 
 } // namespace
 
-constinit MBQueries const mbQueries = {find<Goal::closest>, find<Goal::any>,
-                                       findMany<Goal::closest>, findMany<Goal::any>};
+// Defined in a source of its own, for processors that it is compiled for.
+#if defined(KELPA_PACKETS)
+std::uint64_t findClosestTogether(MBTree const& tree, RayRun const& run,
+                                  PrimitiveIntersections& result);
+std::uint64_t findAnyTogether(MBTree const& tree, RayRun const& run);
+#else
+constexpr decltype(MBQueries::findClosestTogether) findClosestTogether = nullptr;
+constexpr decltype(MBQueries::findAnyTogether) findAnyTogether = nullptr;
+#endif
+
+constinit MBQueries const mbQueries = {find<Goal::closest>,     find<Goal::any>,
+                                       findMany<Goal::closest>, findMany<Goal::any>,
+                                       findClosestTogether,     findAnyTogether};
 
 } // namespace Kelpa::KELPA_VARIANT

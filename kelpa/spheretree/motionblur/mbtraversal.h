@@ -2,14 +2,17 @@
 // Internal: the moving tree's queries, once for each kind of processor.
 
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/rayrun.h"
 
+#include <cstdint>
+#include <optional>
 #include <span>
 
 namespace Kelpa {
 
 using MBTree = MBSphereTree<MBSphere, 20000, 20000>;
 
-/// What can be asked of a tree, of rays that are already clipped to its box.
+/// What can be asked of a tree. Single rays are already clipped to its box.
 struct MBQueries {
     /// Visits the leaves that a ray passes at its time, front to back, until none can hold a nearer
     /// hit. Fills in the ray's hit record and returns true if there is one.
@@ -22,6 +25,14 @@ struct MBQueries {
     void (*findClosestOfMany)(MBTree const& tree, std::span<MBSphereRay*> rays, bool* found);
     /// See `findClosestOfMany`.
     void (*findAnyOfMany)(MBTree const& tree, std::span<MBSphereRay*> rays, bool* found);
+
+    /// Finds what `findClosest` finds for every ray of a run, on one walk for all that go together,
+    /// in a tree with packed spheres that is no deeper than usual. Enters the hits into `result`
+    /// and returns a bit for each. Null where vectors are too short for it to pay.
+    std::uint64_t (*findClosestTogether)(MBTree const& tree, RayRun const& run,
+                                         PrimitiveIntersections& result);
+    /// Returns the same bits.
+    std::uint64_t (*findAnyTogether)(MBTree const& tree, RayRun const& run);
 };
 
 namespace scalar {
@@ -36,5 +47,12 @@ extern MBQueries const mbQueries;
 namespace avx512 {
 extern MBQueries const mbQueries;
 }
+
+/// Asks about all rays of a run on one walk if that pays; else asks nothing and returns nothing.
+/// The bits of those that hit something, and the hits in `result`.
+std::optional<std::uint64_t> findClosestTogether(MBTree const& tree, RayRun const& run,
+                                                 PrimitiveIntersections& result);
+/// The same without the hits.
+std::optional<std::uint64_t> findAnyTogether(MBTree const& tree, RayRun const& run);
 
 } // namespace Kelpa

@@ -1,6 +1,7 @@
 // How rays that go together are led through a static tree on one walk. Compiled once for each kind
 // of processor whose vectors hold 8 floats or more, with `KELPA_VARIANT` as its name.
 
+#include "kelpa/spheretree/packetwalk.h"
 #include "kelpa/spheretree/raybeam.h"
 #include "kelpa/spheretree/raylanes.h"
 #include "kelpa/spheretree/static/sdwalk.h"
@@ -15,49 +16,37 @@ namespace {
 /// the same numbers; the group passes each node once for all of them.
 template <Goal goal> class Packet {
   public:
-    Packet(Tree const& searchedTree, RayLanes& loadedRays, LaneHits& hitsOfRays)
-        : tree(searchedTree), rays(loadedRays), hits(hitsOfRays) {}
+    Packet(Tree const& searchedTree, RayLanes& lanesOfRays, LaneHits& hitsOfRays)
+        : tree(searchedTree), rays(lanesOfRays), hits(hitsOfRays) {}
+
+    std::uint32_t loadFrom(RayRun const& run, unsigned at) { return rays.load(run, at); }
 
     [[gnu::always_inline]] void walk(LaneGroup const& group) {
         RayBeam const groupBeam(rays, group.lanes);
         beam = &groupBeam;
         backwards = group.backwards;
-        all = group.lanes;
-        finished = 0;
-        used = 0;
-        mayStartOnSphere = tree.singleSystem != 1 || hasStart(group.lanes);
-        Part part{tree.root, group.lanes, group.tMin, group.tMax};
+        mayStartOnSphere = tree.singleSystem != 1 || rays.mayStart;
+        Part part = nodes.begin(tree.root, group);
         do {
             descend(part);
-            if (__builtin_popcount(part.lanes) == 1)
+            if (part.isAlone())
                 visitAlone(part);
             else
                 visitLeaf(part);
-        } while (resume(part));
+        } while (nodes.resume(part, [this](Doubles tMin) {
+            return ~Doubles::isAtMost(tMin, Doubles::load(rays.nearest));
+        }));
     }
 
   private:
     using Floats = Lanes::Floats;
+    using Part = LanePart<Node>;
     static constexpr unsigned width = RayLanes::width;
     static constexpr std::int32_t mostGroups = 16; ///< of a leaf's spheres, for `visitSpheres`
 
-    /// A node and the parts of some rays that are inside it.
-    struct Part {
-        Node const* node;
-        std::uint32_t lanes;
-        Doubles tMin, tMax;
-    };
-
-    bool hasStart(std::uint32_t lanes) const {
-        for (std::uint32_t left = lanes; left != 0; left &= left - 1)
-            if (rays.skip[__builtin_ctz(left)] >= 0)
-                return true;
-        return false;
-    }
-
-    /// Goes down to a leaf, or to where one ray is left: it is faster without the others' lanes.
+    /// Goes down to a leaf, or to where one ray is left.
     [[gnu::always_inline]] void descend(Part& part) {
-        while (!part.node->isLeaf() && (part.lanes & (part.lanes - 1)) != 0) {
+        while (!part.node->isLeaf() && !part.isAlone()) {
             int const axis = part.node->kind();
             std::uint32_t const nearChild = backwards >> axis & 1U;
             Node const* const children = part.node->children();
@@ -76,40 +65,12 @@ template <Goal goal> class Packet {
             } else if (passing == part.lanes) {
                 part.node = children + (1 - nearChild);
             } else {
-                postpone(children + (1 - nearChild), crossing, passing, tSplit, part);
+                nodes.postpone(children + (1 - nearChild), crossing, passing, tSplit, part);
                 part.tMax = Doubles::select(crossing, tSplit, part.tMax);
                 part.lanes &= ~passing;
                 part.node = children + nearChild;
             }
         }
-    }
-
-    [[gnu::always_inline]] void postpone(Node const* node, std::uint32_t crossing,
-                                         std::uint32_t passing, Doubles tSplit, Part const& part) {
-        Waiting& entry = waiting[used++];
-        entry.node = node;
-        entry.crossing = crossing;
-        entry.passing = passing;
-        Doubles::storeIn(allLanes, entry.tMin, Doubles::select(crossing, tSplit, part.tMin));
-        Doubles::storeIn(allLanes, entry.tMax, part.tMax);
-    }
-
-    /// Takes what waits nearest for a ray that is not finished; false when there is nothing.
-    [[gnu::always_inline]] bool resume(Part& part) {
-        do {
-            if (used == 0 || finished == all)
-                return false;
-            Waiting const& entry = waiting[--used];
-            // What waits deeper in the stack starts even later. Rays that pass only this side had
-            // no choice, and are not asked.
-            part.tMin = Doubles::load(entry.tMin);
-            std::uint32_t const asked = entry.crossing & ~finished;
-            finished |= asked & ~Doubles::isAtMost(part.tMin, Doubles::load(rays.nearest));
-            part.lanes = (entry.crossing | entry.passing) & ~finished;
-            part.tMax = Doubles::load(entry.tMax);
-            part.node = entry.node;
-        } while (part.lanes == 0);
-        return true;
     }
 
     [[gnu::always_inline]] void visitLeaf(Part const& part) {
@@ -174,15 +135,15 @@ template <Goal goal> class Packet {
                 std::uint32_t starting = 0;
                 if constexpr (mayStart)
                     starting = startingOn(part.node->leafSpheres()[k]);
-                std::uint32_t const hit =
-                    windows.test(probes, packed.center(k), packed.radius(k), lanes, starting);
+                SphereLanes const sphere(packed.center(k), packed.radius(k));
+                std::uint32_t const hit = windows.test(probes, sphere, lanes, starting);
                 if (hit == 0)
                     continue;
                 hitHere |= hit;
                 if constexpr (goal == Goal::any)
                     lanes &= ~hit;
                 else
-                    hits.setAll(hit, part.node->leafSpheres()[k].sphereIndex, packed.center(k));
+                    hits.setAll(hit, part.node->leafSpheres()[k].sphereIndex, sphere);
             }
         if constexpr (goal == Goal::any)
             finishWithHit(hitHere);
@@ -236,7 +197,7 @@ template <Goal goal> class Packet {
                         rays.tMax[i], &hit};
         LeafVisitor<goal> leaves(tree, ray);
         if (visitLeaves<goal, usualInnerLevels>(ray, leaves, {part.node, tMin[i], tMax[i]}))
-            finished |= part.lanes;
+            nodes.finish(part.lanes);
         if (!leaves.hasFound())
             return;
         if constexpr (goal == Goal::any) {
@@ -250,55 +211,31 @@ template <Goal goal> class Packet {
 
     void finishWithHit(std::uint32_t lanes) {
         hits.lanes |= lanes;
-        finished |= lanes;
+        nodes.finish(lanes);
     }
-
-    using Waiting = WaitingLanes<Node>;
 
     Tree const& tree;
     RayLanes& rays;
     LaneHits& hits;
     RayBeam const* beam = nullptr;
     std::uint32_t backwards = 0; ///< bit per axis
-    std::uint32_t all = 0;       ///< lanes of the group
-    std::uint32_t finished = 0;  ///< those of them that need not go on
     bool mayStartOnSphere = false;
-    int used = 0;
-    Waiting waiting[usualInnerLevels];
+    PacketWalk<Node> nodes;
 };
-
-template <Goal goal, class Report>
-[[gnu::always_inline]] inline std::uint64_t walkAll(Tree const& tree, RayRun const& run,
-                                                    Report const& report) {
-    std::uint64_t found = 0;
-    for (unsigned at = 0; at < run.count; at += RayLanes::width) {
-        RayLanes rays;
-        LaneHits hits;
-        Packet<goal> packet(tree, rays, hits);
-        for (std::uint32_t left = rays.load(run, at); left != 0;) {
-            LaneGroup const group = LaneGroup::takeFrom(left, rays, tree.bbox);
-            if (group.lanes != 0)
-                packet.walk(group);
-        }
-        found |= std::uint64_t{hits.lanes} << at;
-        if (hits.lanes != 0)
-            report(rays, hits, run.first + at);
-    }
-    return found;
-}
 
 } // namespace
 
 std::uint64_t findClosestTogether(SDTree const& tree, RayRun const& run,
                                   PrimitiveIntersections& result) {
-    return walkAll<Goal::closest>(
-        tree, run, [&](RayLanes const& rays, LaneHits const& hits, unsigned firstLane) {
+    return walkAll<Packet<Goal::closest>>(
+        tree, tree.bbox, run, [&](RayLanes const& rays, LaneHits const& hits, unsigned firstLane) {
             hits.report(tree, rays, run.baseIndex, firstLane, result);
         });
 }
 
 std::uint64_t findAnyTogether(SDTree const& tree, RayRun const& run) {
-    return walkAll<Goal::any>(tree, run, [](RayLanes const&, LaneHits const&, unsigned) {});
+    return walkAll<Packet<Goal::any>>(tree, tree.bbox, run,
+                                      [](RayLanes const&, LaneHits const&, unsigned) {});
 }
 
 } // namespace Kelpa::KELPA_VARIANT

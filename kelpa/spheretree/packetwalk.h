@@ -1,0 +1,113 @@
+#pragma once
+// Internal: what both trees do alike with a group of rays on one walk.
+
+#include "kelpa/spheretree/lanes.h"
+#include "kelpa/spheretree/raylanes.h"
+#include "kelpa/spheretree/traversal.h"
+
+#include <cstdint>
+
+namespace Kelpa {
+
+namespace {
+
+/// A node and the parts of some rays that are inside it.
+template <class Node> struct LanePart {
+    Node const* node;
+    std::uint32_t lanes;
+    std::uint32_t crossing; ///< those that have crossed the plane on its other side
+    Doubles tMin, tMax;
+
+    /// Whether a single ray is left: it is faster without the others' lanes.
+    bool isAlone() const { return (lanes & (lanes - 1)) == 0; }
+};
+
+/// The state of a walk: which rays are finished, and the nodes that wait for the others.
+///
+/// As with `PostponedChildren`, those that wait belong to distinct inner nodes of one path.
+template <class Node> class PacketWalk {
+  public:
+    using Part = LanePart<Node>;
+
+    /// Begins a walk with all rays of a group at a tree's root.
+    [[gnu::always_inline]] Part begin(Node const* root, LaneGroup const& group) {
+        all = group.lanes;
+        finished = 0;
+        used = 0;
+        return {root, group.lanes, 0, group.tMin, group.tMax};
+    }
+
+    void finish(std::uint32_t lanes) { finished |= lanes; }
+
+    /// Lets a node wait for the rays that are `crossing` the plane between it and the part's, at
+    /// `tSplit`, and for those that are `passing` the part's node and meet only this one.
+    [[gnu::always_inline]] void postpone(Node const* node, std::uint32_t crossing,
+                                         std::uint32_t passing, Doubles tSplit, Part const& part) {
+        Waiting& entry = waiting[used++];
+        entry.node = node;
+        entry.crossing = crossing;
+        entry.passing = passing;
+        Doubles::storeIn(allLanes, entry.tMin, Doubles::select(crossing, tSplit, part.tMin));
+        Doubles::storeIn(allLanes, entry.tMax, part.tMax);
+    }
+
+    /// Takes what waits nearest for a ray that is not finished; false when there is nothing.
+    /// `isOver` tells the lanes to which what begins at some parameters is of no use; what waits
+    /// deeper in the stack starts even later. Rays that passed by the other side had no choice, and
+    /// are not asked.
+    template <class IsOver> [[gnu::always_inline]] bool resume(Part& part, IsOver const& isOver) {
+        do {
+            if (used == 0 || finished == all)
+                return false;
+            Waiting const& entry = waiting[--used];
+            part.tMin = Doubles::load(entry.tMin);
+            finished |= entry.crossing & ~finished & isOver(part.tMin);
+            part.lanes = (entry.crossing | entry.passing) & ~finished;
+            part.crossing = entry.crossing;
+            part.tMax = Doubles::load(entry.tMax);
+            part.node = entry.node;
+        } while (part.lanes == 0);
+        return true;
+    }
+
+  private:
+    struct alignas(64) Waiting {
+        double tMin[RayLanes::width];
+        double tMax[RayLanes::width];
+        Node const* node;
+        std::uint32_t crossing;
+        std::uint32_t passing;
+    };
+
+    std::uint32_t all = 0;      ///< lanes of the group
+    std::uint32_t finished = 0; ///< those of them that need not go on
+    int used = 0;
+    Waiting waiting[usualInnerLevels];
+};
+
+/// Leads all rays of a run through a tree, group by group, and returns a bit for each that hits
+/// something. `report(rays, hits, firstLane)` is told what those of some lanes have hit.
+template <class Packet, class Tree, class Report>
+[[gnu::always_inline]] inline std::uint64_t walkAll(Tree const& tree, Box const& box,
+                                                    RayRun const& run, Report const& report) {
+    std::uint64_t found = 0;
+    RayLanes rays;
+    LaneHits hits;
+    Packet packet(tree, rays, hits);
+    for (unsigned at = 0; at < run.count; at += RayLanes::width) {
+        hits.lanes = 0;
+        for (std::uint32_t left = packet.loadFrom(run, at); left != 0;) {
+            LaneGroup const group = LaneGroup::takeFrom(left, rays, box);
+            if (group.lanes != 0)
+                packet.walk(group);
+        }
+        found |= std::uint64_t{hits.lanes} << at;
+        if (hits.lanes != 0)
+            report(rays, hits, run.first + at);
+    }
+    return found;
+}
+
+} // namespace
+
+} // namespace Kelpa
