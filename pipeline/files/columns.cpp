@@ -259,6 +259,20 @@ void RowConverter::summarise(std::size_t column, char const* rows, std::size_t c
     });
 }
 
+void readRows(InputFile& file, std::uint64_t count, std::size_t rowBytes, bool swapBytes,
+              RowConverter& converter, std::function<bool(char* row)> const& fill) {
+    constexpr std::uint64_t rowsAtOnce = 256;
+    std::vector<char> rows(static_cast<std::size_t>(rowsAtOnce) * rowBytes);
+    while (file.particles < count) {
+        std::size_t kept = 0;
+        for (std::uint64_t left = std::min(rowsAtOnce, count - file.particles); left > 0; --left) {
+            kept += fill(rows.data() + kept * rowBytes) ? 1 : 0;
+            ++file.particles;
+        }
+        converter.append(rows.data(), kept, rowBytes, swapBytes);
+    }
+}
+
 std::size_t plausibleRows(InputFile const& file, std::uint64_t promised, std::size_t rowBytes) {
     constexpr std::uint64_t usualCompression = 4;
     std::uint64_t const bytes = file.bytesLeft().value_or(usualCompression * file.sizeOnDisk());

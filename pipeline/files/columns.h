@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -77,6 +78,11 @@ class RowConverter {
     std::vector<char> swapped;
     std::size_t converted = 0;
 };
+
+/// Fills so many rows one by one and appends them in blocks that stay in the cache. `fill` gives
+/// false for a row that is no particle; `InputFile::particles` counts those behind it.
+void readRows(InputFile& file, std::uint64_t count, std::size_t rowBytes, bool swapBytes,
+              RowConverter& converter, std::function<bool(char* row)> const& fill);
 
 /// How many rows may be reserved at once on a header's word: no more than the file could hold,
 /// with plenty of room for compression.

@@ -233,26 +233,17 @@ ParticleSet GroFrames::read(InputFile& file, ReadOptions const& options) {
                            options.summarise);
     converter.reserve(plausibleRows(file, frame.rows, numbersBegin + 3 * width));
 
-    constexpr std::size_t rowsAtOnce = 256;
-    std::vector<char> rows(rowsAtOnce * layout.rowBytes);
     AtomNames names(particles.unknownElements);
     std::uint64_t virtualSites = 0;
-    while (file.particles < frame.rows) {
-        std::uint64_t const behind = file.particles;
-        std::uint64_t const count = std::min<std::uint64_t>(rowsAtOnce, frame.rows - behind);
-        std::size_t kept = 0;
-        for (; file.particles < behind + count; ++file.particles) {
-            std::string_view const line = nextTextRow(file, frame, file.particles);
-            char* const row = rows.data() + kept * layout.rowBytes;
-            parseRow(file, layout, line, row);
-            std::optional<std::uint8_t> const element = names.elementIn(line);
-            double const number = element.value_or(std::uint8_t{0});
-            std::memcpy(row + layout.columns.back().offset, &number, sizeof number);
-            kept += element ? 1 : 0;
-        }
-        converter.append(rows.data(), kept, layout.rowBytes, false);
-        virtualSites += count - kept;
-    }
+    readRows(file, frame.rows, layout.rowBytes, false, converter, [&](char* row) {
+        std::string_view const line = nextTextRow(file, frame, file.particles);
+        parseRow(file, layout, line, row);
+        std::optional<std::uint8_t> const element = names.elementIn(line);
+        double const number = element.value_or(std::uint8_t{0});
+        std::memcpy(row + layout.columns.back().offset, &number, sizeof number);
+        virtualSites += element ? 0 : 1;
+        return element.has_value();
+    });
     if (virtualSites > 0)
         particles.notes.push_back(
             {fmt::format("{} virtual sites (MW, LP) are no atoms and left out", virtualSites)});

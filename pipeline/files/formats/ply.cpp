@@ -1,5 +1,6 @@
 #include "pipeline/files/columnuses.h"
 #include "pipeline/files/formats/frames.h"
+#include "pipeline/files/formats/plyheader.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/textvalues.h"
@@ -17,39 +18,6 @@ namespace kelpatool {
 
 namespace {
 
-enum class Encoding { ascii, littleEndian, bigEndian };
-
-struct Property {
-    std::string name;
-    std::string typeName;
-    ScalarType type;                      ///< of the value, or of a list's entries
-    std::optional<ScalarType> listLength; ///< the type of a list's length; empty: one value
-};
-
-struct Element {
-    std::string name;
-    std::uint64_t count = 0;
-    std::vector<Property> properties;
-
-    bool hasLists() const {
-        return std::any_of(properties.begin(), properties.end(), [](Property const& property) {
-            return property.listLength.has_value();
-        });
-    }
-    /// Bytes of a binary row, its lists left out.
-    std::size_t rowBytes() const {
-        std::size_t bytes = 0;
-        for (Property const& property : properties)
-            bytes += property.listLength ? 0 : scalarBytes(property.type);
-        return bytes;
-    }
-};
-
-struct Header {
-    Encoding encoding = Encoding::ascii;
-    std::vector<Element> elements;
-};
-
 constexpr VectorColumns positionNames[] = {{"x y z", {"x", "y", "z"}}};
 constexpr VectorColumns colorNames[] = {
     {"red green blue", {"red", "green", "blue"}},
@@ -59,104 +27,7 @@ constexpr VectorColumns velocityNames[] = {{"vx vy vz", {"vx", "vy", "vz"}}};
 constexpr ColumnNames plyNames = {"property", positionNames, colorNames, velocityNames, "element",
                                   {},         "type"};
 
-// The header ---------------------------------------------------------------------------------
-
-ScalarType scalarType(InputFile const& file, std::string_view name) {
-    struct Name {
-        std::string_view text;
-        ScalarType type;
-    };
-    static constexpr Name names[] = {
-        {"char", ScalarType::int8},      {"int8", ScalarType::int8},
-        {"uchar", ScalarType::uint8},    {"uint8", ScalarType::uint8},
-        {"short", ScalarType::int16},    {"int16", ScalarType::int16},
-        {"ushort", ScalarType::uint16},  {"uint16", ScalarType::uint16},
-        {"int", ScalarType::int32},      {"int32", ScalarType::int32},
-        {"uint", ScalarType::uint32},    {"uint32", ScalarType::uint32},
-        {"long", ScalarType::int64},     {"int64", ScalarType::int64},
-        {"ulong", ScalarType::uint64},   {"uint64", ScalarType::uint64},
-        {"float", ScalarType::float32},  {"float32", ScalarType::float32},
-        {"double", ScalarType::float64}, {"float64", ScalarType::float64},
-    };
-    for (Name const& known : names)
-        if (known.text == name)
-            return known.type;
-    file.failHere("no PLY type {}", quoted(name));
-}
-
-Encoding encodingOf(InputFile const& file, std::string_view name) {
-    if (name == "ascii")
-        return Encoding::ascii;
-    if (name == "binary_little_endian")
-        return Encoding::littleEndian;
-    if (name == "binary_big_endian")
-        return Encoding::bigEndian;
-    file.failHere("no PLY format {}; it is ascii, binary_little_endian or binary_big_endian",
-                  quoted(name));
-}
-
-Element parseElement(InputFile const& file, std::string_view line) {
-    Element element;
-    element.name = nextWord(line);
-    std::string_view const count = nextWord(line);
-    if (element.name.empty() || !parseNumber(count, element.count))
-        file.failHere("{} where the number of elements {} belongs", quoted(count),
-                      quoted(element.name));
-    return element;
-}
-
-Property parseProperty(InputFile const& file, std::string_view line) {
-    Property property;
-    std::string_view type = nextWord(line);
-    if (type == "list") {
-        property.listLength = scalarType(file, nextWord(line));
-        if (isFloating(*property.listLength))
-            file.failHere("a list cannot be counted in floating-point numbers");
-        type = nextWord(line);
-    }
-    property.type = scalarType(file, type);
-    property.typeName = type;
-    property.name = nextWord(line);
-    if (property.name.empty())
-        file.failHere("a property without a name");
-    return property;
-}
-
-Header readHeader(InputFile& file) {
-    constexpr std::size_t mostProperties = 1000;
-    Header header;
-    bool knowsEncoding = false;
-    std::size_t propertyCount = 0;
-    if (file.nextLine() != "ply")
-        file.failHere("a PLY file starts with a line that says ply");
-    while (std::optional<std::string_view> line = file.nextLine()) {
-        std::string_view const keyword = nextWord(*line);
-        if (keyword == "end_header") {
-            if (!knowsEncoding)
-                file.fail("the header names no format");
-            return header;
-        }
-        if (keyword == "format") {
-            header.encoding = encodingOf(file, nextWord(*line));
-            knowsEncoding = true;
-        } else if (keyword == "element") {
-            header.elements.push_back(parseElement(file, *line));
-        } else if (keyword == "property") {
-            if (header.elements.empty())
-                file.failHere("a property before the first element");
-            if (++propertyCount > mostProperties)
-                file.failHere("more than {} properties", mostProperties);
-            header.elements.back().properties.push_back(parseProperty(file, *line));
-        } else if (keyword != "comment" && keyword != "obj_info" && !keyword.empty()) {
-            file.failHere("{} in the header; format, element, property, comment or end_header "
-                          "belong there",
-                          quoted(keyword));
-        }
-    }
-    file.fail("the header does not end: no line says end_header");
-}
-
-std::size_t findVertices(InputFile const& file, Header const& header) {
+std::size_t findVertices(InputFile const& file, PlyHeader const& header) {
     std::string present;
     for (std::size_t index = 0; index < header.elements.size(); ++index) {
         if (header.elements[index].name == "vertex")
@@ -167,13 +38,13 @@ std::size_t findVertices(InputFile const& file, Header const& header) {
 }
 
 /// The columns of the vertices as `RowConverter` will see them: lists left out, text parsed.
-std::vector<Column> columnsOf(Element const& vertex, Encoding encoding) {
+std::vector<Column> columnsOf(PlyElement const& vertex, PlyEncoding encoding) {
     std::vector<Column> columns;
     std::size_t offset = 0;
-    for (Property const& property : vertex.properties) {
+    for (PlyProperty const& property : vertex.properties) {
         if (property.listLength)
             continue;
-        ScalarType const stored = encoding == Encoding::ascii
+        ScalarType const stored = encoding == PlyEncoding::ascii
                                       ? storedFromText(property.name, property.type)
                                       : property.type;
         columns.push_back({property.name, property.typeName, property.type, stored, offset});
@@ -189,7 +60,7 @@ std::size_t rowBytesOf(std::vector<Column> const& columns) {
 
 // Binary rows --------------------------------------------------------------------------------
 
-[[noreturn]] void failShort(InputFile const& file, Element const& element,
+[[noreturn]] void failShort(InputFile const& file, PlyElement const& element,
                             std::uint64_t bytesHeld) {
     std::uint64_t const rowBytes = element.rowBytes();
     std::string distance;
@@ -205,13 +76,13 @@ std::size_t rowBytesOf(std::vector<Column> const& columns) {
 }
 
 /// Refuses a count that the rest of a plain file cannot hold, before anything is made for it.
-void checkPromise(InputFile const& file, Element const& element) {
+void checkPromise(InputFile const& file, PlyElement const& element) {
     std::optional<std::uint64_t> const left = file.bytesLeft();
     if (left && element.count > *left / element.rowBytes())
         failShort(file, element, *left);
 }
 
-void readFixedRows(InputFile& file, Element const& vertex, bool swapBytes,
+void readFixedRows(InputFile& file, PlyElement const& vertex, bool swapBytes,
                    RowConverter& converter) {
     std::size_t const rowBytes = vertex.rowBytes();
     while (file.particles < vertex.count) {
@@ -235,8 +106,8 @@ std::uint64_t wholeNumber(char const* bytes, std::size_t size, bool bigEndian) {
 
 /// Reads one row that may hold lists, which are skipped; the rest goes to `row`, one value behind
 /// the other. False when the file ends before the row does.
-bool gatherRow(InputFile& file, Element const& element, bool bigEndian, char* row) {
-    for (Property const& property : element.properties) {
+bool gatherRow(InputFile& file, PlyElement const& element, bool bigEndian, char* row) {
+    for (PlyProperty const& property : element.properties) {
         std::size_t const size = scalarBytes(property.listLength.value_or(property.type));
         std::string_view const window = file.peek(size);
         if (window.size() < size)
@@ -258,24 +129,17 @@ bool gatherRow(InputFile& file, Element const& element, bool bigEndian, char* ro
     return true;
 }
 
-void gatherRows(InputFile& file, Element const& vertex, bool bigEndian, bool swapBytes,
+void gatherRows(InputFile& file, PlyElement const& vertex, bool bigEndian, bool swapBytes,
                 RowConverter& converter) {
-    constexpr std::size_t rowsAtOnce = 256;
-    std::size_t const rowBytes = vertex.rowBytes();
-    std::vector<char> rows(rowsAtOnce * rowBytes);
-    while (file.particles < vertex.count) {
-        std::size_t const count = static_cast<std::size_t>(
-            std::min<std::uint64_t>(rowsAtOnce, vertex.count - file.particles));
-        for (std::size_t row = 0; row < count; ++row)
-            if (!gatherRow(file, vertex, bigEndian, rows.data() + row * rowBytes))
-                file.fail("header promises {} vertices, the file ends inside number {}",
-                          vertex.count, file.particles + row + 1);
-        converter.append(rows.data(), count, rowBytes, swapBytes);
-        file.particles += count;
-    }
+    readRows(file, vertex.count, vertex.rowBytes(), swapBytes, converter, [&](char* row) {
+        if (!gatherRow(file, vertex, bigEndian, row))
+            file.fail("header promises {} vertices, the file ends inside number {}", vertex.count,
+                      file.particles + 1);
+        return true;
+    });
 }
 
-void skipBinary(InputFile& file, Element const& element, bool bigEndian) {
+void skipBinary(InputFile& file, PlyElement const& element, bool bigEndian) {
     std::uint64_t const rowBytes = element.rowBytes();
     if (!element.hasLists()) {
         if (rowBytes > 0 && (element.count > ~std::uint64_t{0} / rowBytes ||
@@ -301,7 +165,7 @@ std::optional<std::string_view> nextTextRow(InputFile& file) {
     return line;
 }
 
-void skipText(InputFile& file, Element const& element) {
+void skipText(InputFile& file, PlyElement const& element) {
     if (element.properties.empty())
         return;
     for (std::uint64_t row = 0; row < element.count; ++row)
@@ -321,10 +185,10 @@ bool skipTextList(std::string_view& line) {
     return true;
 }
 
-void parseTextRow(InputFile const& file, Element const& vertex, std::vector<Column> const& columns,
-                  std::string_view line, char* row) {
+void parseTextRow(InputFile const& file, PlyElement const& vertex,
+                  std::vector<Column> const& columns, std::string_view line, char* row) {
     auto column = columns.begin();
-    for (Property const& property : vertex.properties) {
+    for (PlyProperty const& property : vertex.properties) {
         if (property.listLength) {
             if (!skipTextList(line))
                 file.failHere("the list {} is incomplete", quoted(property.name));
@@ -342,39 +206,31 @@ void parseTextRow(InputFile const& file, Element const& vertex, std::vector<Colu
                       vertex.properties.size());
 }
 
-void readTextRows(InputFile& file, Element const& vertex, std::vector<Column> const& columns,
+void readTextRows(InputFile& file, PlyElement const& vertex, std::vector<Column> const& columns,
                   RowConverter& converter) {
-    constexpr std::size_t rowsAtOnce = 256;
-    std::size_t const rowBytes = rowBytesOf(columns);
-    std::vector<char> rows(rowsAtOnce * rowBytes);
-    while (file.particles < vertex.count) {
-        std::size_t const count = static_cast<std::size_t>(
-            std::min<std::uint64_t>(rowsAtOnce, vertex.count - file.particles));
-        for (std::size_t row = 0; row < count; ++row) {
-            std::optional<std::string_view> const line = nextTextRow(file);
-            if (!line)
-                file.fail("header promises {} vertices, the file holds {}", vertex.count,
-                          file.particles + row);
-            parseTextRow(file, vertex, columns, *line, rows.data() + row * rowBytes);
-        }
-        converter.append(rows.data(), count, rowBytes, false);
-        file.particles += count;
-    }
+    readRows(file, vertex.count, rowBytesOf(columns), false, converter, [&](char* row) {
+        std::optional<std::string_view> const line = nextTextRow(file);
+        if (!line)
+            file.fail("header promises {} vertices, the file holds {}", vertex.count,
+                      file.particles);
+        parseTextRow(file, vertex, columns, *line, row);
+        return true;
+    });
 }
 
 /// Lists what a file holds that is no column of particles.
-void tellWhatIsLeft(Header const& header, Element const& vertex, ParticleSet& particles) {
-    for (Property const& property : vertex.properties)
+void tellWhatIsLeft(PlyHeader const& header, PlyElement const& vertex, ParticleSet& particles) {
+    for (PlyProperty const& property : vertex.properties)
         if (property.listLength)
             particles.leftOut.push_back("list " + quoted(property.name));
-    for (Element const& element : header.elements)
+    for (PlyElement const& element : header.elements)
         if (&element != &vertex)
             particles.leftOut.push_back(
                 fmt::format("{} elements {}", element.count, quoted(element.name)));
 }
 
 /// Notes what follows the last row of a file's last element, though the header promises no more.
-void noteTheRest(InputFile& file, Element const& vertex, bool isText, ParticleSet& particles) {
+void noteTheRest(InputFile& file, PlyElement const& vertex, bool isText, ParticleSet& particles) {
     if (isText) {
         if (nextTextRow(file))
             particles.notes.push_back(
@@ -392,12 +248,12 @@ void noteTheRest(InputFile& file, Element const& vertex, bool isText, ParticleSe
 } // namespace
 
 ParticleSet readPly(InputFile& file, ReadOptions const& options) {
-    Header const header = readHeader(file);
+    PlyHeader const header = readPlyHeader(file);
     requireOnlyFrame(file, options, "a PLY file");
     std::size_t const vertexIndex = findVertices(file, header);
-    Element const& vertex = header.elements[vertexIndex];
-    bool const isText = header.encoding == Encoding::ascii;
-    bool const bigEndian = header.encoding == Encoding::bigEndian;
+    PlyElement const& vertex = header.elements[vertexIndex];
+    bool const isText = header.encoding == PlyEncoding::ascii;
+    bool const bigEndian = header.encoding == PlyEncoding::bigEndian;
 
     ParticleSet particles;
     particles.format = isText      ? "PLY ascii"

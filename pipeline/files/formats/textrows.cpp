@@ -153,20 +153,12 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
     RowConverter converter(particles, layout.columns, uses, options.summarise);
     converter.reserve(plausibleRows(file, frame.rows, 2 * layout.words.size()));
 
-    constexpr std::size_t rowsAtOnce = 256;
-    std::vector<char> rows(rowsAtOnce * layout.rowBytes);
-    while (file.particles < frame.rows) {
-        std::size_t const count = static_cast<std::size_t>(
-            std::min<std::uint64_t>(rowsAtOnce, frame.rows - file.particles));
-        for (std::size_t index = 0; index < count; ++index) {
-            char* const row = rows.data() + index * layout.rowBytes;
-            parser.parse(nextTextRow(file, frame, file.particles + index), row);
-            if (derive)
-                derive(row);
-        }
-        converter.append(rows.data(), count, layout.rowBytes, false);
-        file.particles += count;
-    }
+    readRows(file, frame.rows, layout.rowBytes, false, converter, [&](char* row) {
+        parser.parse(nextTextRow(file, frame, file.particles), row);
+        if (derive)
+            derive(row);
+        return true;
+    });
     if (parser.longRows > 0)
         particles.notes.push_back({fmt::format(
             "{}:{}: a row of {} with more words than its {} columns; {} such rows, of which the "
