@@ -111,7 +111,7 @@ TEST_F(Molecules, AreFramesWhereAFileHoldsSeveralModels) {
     EXPECT_TRUE(
         holdsAll(read(models.substr(0, models.size() - 12), {.summarise = true}).notes.at(0).text,
                  {"model 2 ends after 3 atoms without an ENDMDL"}));
-    EXPECT_TRUE(holdsAll(read("\n# x\n" + cif.substr(0, cif.size() - 10)).notes.at(0).text,
+    EXPECT_TRUE(holdsAll(read("\n#\n" + cif.substr(0, cif.size() - 10)).notes.at(0).text,
                          {":13: the file ends here, behind a row"}));
 }
 

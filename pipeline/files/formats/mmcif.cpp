@@ -170,7 +170,10 @@ std::vector<Assembly> takeAssemblies(InputFile const& file, CifFile& cif,
 /// The line behind which a file ends whose tables end with # elsewhere; 0: it ends with one too.
 std::size_t lineOfCut(std::string_view text) {
     std::size_t const end = text.find_last_not_of(" \t\r\n");
-    if (end == std::string_view::npos || text.find("\n#") == std::string_view::npos)
+    bool const endsTables = text.find("\n#\n") != std::string_view::npos ||
+                            text.find("\n# \n") != std::string_view::npos ||
+                            text.find("\n#\r\n") != std::string_view::npos;
+    if (end == std::string_view::npos || !endsTables)
         return 0;
     std::size_t const lastLine = text.rfind('\n', end) + 1;
     if (text[lastLine] == '#')
@@ -205,7 +208,7 @@ ParticleSet readMmCif(InputFile& file, ReadOptions const& options) {
     try {
         CifFile cif(text);
         ParticleSet particles = readAtoms(file, cif, options);
-        if (std::size_t const line = lineOfCut(text); line > 0)
+        if (std::size_t const line = lineOfCut(text); line > 0 && particles.format == "mmCIF")
             particles.notes.push_back(fmt::format(
                 "{}:{}: the file ends here, behind a row and without the # that ends its "
                 "other tables; it may be incomplete",
