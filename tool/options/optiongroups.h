@@ -1,0 +1,31 @@
+// What the commands' options say, group by group; internal to the command line.
+#pragma once
+
+#include "tool/options/options.h"
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
+
+namespace kelpatool {
+
+void addRunOptions(CLI::App& app, RunOptions& run);
+/// What to read of a file; gives the option for the column of radii.
+CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles);
+void addParticleOptions(CLI::App& app, Options& options);
+void addTreeOptions(CLI::App& app, TreeOptions& tree);
+void addMotionOptions(CLI::App& app, Options& options);
+void addColorOptions(CLI::App& app, ColorOptions& color);
+void addCameraOptions(CLI::App& app, CameraOptions& camera);
+void addImageOptions(CLI::App& app, ImageOptions& image);
+void addLightOptions(CLI::App& app, LightOptions& light);
+void addPictureRunOptions(CLI::App& app, Options& options);
+
+/// Ranges between commas.
+std::vector<FrameRange> parseFrameRanges(std::string const& text);
+
+} // namespace kelpatool
