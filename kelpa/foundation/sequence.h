@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/sharedcounters.h"
@@ -7,26 +8,49 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <new>
 #include <span>
+#include <type_traits>
 
 namespace Kelpa {
 
-/// Where sequences get their memory: array `new` for elements, `new` for block records.
+/// Where sequences get their memory: `new` for block records, array `new` for elements, or a pool
+/// for runs of exactly its blocks' size.
 ///
-/// Both answer null when there is no memory. An element type with a default constructor is
+/// All answer null when there is no memory. An element type with a default constructor is
 /// constructed in every slot; one without is left uninitialised.
 template <class T> struct DefaultAllocator {
+    static_assert(std::is_trivially_destructible_v<T>); // a pool's blocks end without a word
+
     /// Memory for `count` elements, at least 1; null when there is none.
-    static T* newElements(std::int32_t count) {
-        return new (std::nothrow) T[static_cast<std::size_t>(count)];
+    T* newElements(std::int32_t count) const {
+        auto const n = static_cast<std::size_t>(count);
+        if (!isPooled(count))
+            return new (std::nothrow) T[n];
+        auto* const elements = static_cast<T*>(pool->take());
+        if (elements != nullptr)
+            std::uninitialized_default_construct_n(elements, n);
+        return elements;
     }
-    /// Releases what `newElements` returned; null is allowed.
-    static void freeElements(T* elements) { delete[] elements; }
+    /// Releases what `newElements` returned for as many elements.
+    void freeElements(T* elements, std::int32_t count) const {
+        if (isPooled(count))
+            pool->giveBack(elements);
+        else
+            delete[] elements;
+    }
     /// Uninitialised memory for a block's record; null when there is none.
     static void* newBlockRecord(std::size_t bytes) { return ::operator new(bytes, std::nothrow); }
     /// Releases what `newBlockRecord` returned.
     static void freeBlockRecord(void* record) { ::operator delete(record); }
+
+    BlockPool* pool = nullptr; ///< only set while there are no blocks, and outlives them
+
+  private:
+    bool isPooled(std::int32_t count) const {
+        return pool != nullptr && static_cast<std::size_t>(count) * sizeof(T) == pool->blockBytes();
+    }
 };
 
 // `_SequenceBlock` and `_Sequence` keep the names that hosts know them by, although the language
@@ -36,9 +60,9 @@ template <class T> struct DefaultAllocator {
 template <class T, bool flag, class Alloc> struct _SequenceBlock {
     /// Makes a block with room for `slots` elements, linked to nothing; throws `ExceptionMsg` when
     /// memory runs out.
-    explicit _SequenceBlock(int slots)
+    explicit _SequenceBlock(int slots, Alloc const& allocator = {})
         : next(nullptr), prev(nullptr), count(0), capacity(slots),
-          elements(Alloc::newElements(slots)) {
+          elements(allocator.newElements(slots)) {
         if (elements == nullptr)
             throwOutOfMemory();
     }
@@ -84,6 +108,8 @@ class _Sequence {
   public:
     /// What the chain is made of.
     using Block = _SequenceBlock<T, flag, Alloc>;
+    /// Bytes of the elements of an ordinary block.
+    static constexpr std::size_t blockBytes = sizeof(T) * static_cast<std::size_t>(BlockSize);
 
     /// An empty sequence; no memory is taken.
     _Sequence() = default;
@@ -174,6 +200,45 @@ class _Sequence {
         count -= n;
     }
 
+    /// Removes a block's elements and releases it; neither an iteration nor the last element may be
+    /// in it.
+    void releaseBlock(Block* block) {
+        (block->prev != nullptr ? block->prev->next : first) = block->next;
+        if (block->next != nullptr)
+            block->next->prev = block->prev;
+        count -= block->count;
+        memUsage -= bytesOf(*block);
+        destroy(block);
+    }
+
+    /// Removes a block's elements, and releases it if others are to have its memory: see
+    /// `releaseBlock`.
+    void retireBlock(Block* block) {
+        if (allocator.pool != nullptr && allocator.pool->isRecycled())
+            return releaseBlock(block);
+        count -= block->count;
+        block->count = 0;
+    }
+
+    /// Releases the empty blocks behind the one that receives the next append, except the first: an
+    /// end that moves to and fro between two blocks would need it again and again.
+    void releaseSpareBlocks() {
+        while (current != nullptr && current->next != nullptr && current->next->next != nullptr)
+            releaseBlock(current->next->next);
+    }
+
+    /// Leaves of one block the first `kept` elements, and nothing of what follows it.
+    void cutBehind(Block* block, std::int32_t kept) {
+        for (Block* next = block->next; next != nullptr;) {
+            Block* const behind = next;
+            next = next->next;
+            retireBlock(behind);
+        }
+        current = block;
+        count -= block->count - kept;
+        block->count = kept;
+    }
+
     /// Empties the sequence and keeps its blocks, so that appending starts over in them.
     void clear() {
         for (Block* block = first; block != nullptr; block = block->next)
@@ -189,9 +254,7 @@ class _Sequence {
         while (first != nullptr) {
             Block* const block = first;
             first = block->next;
-            Alloc::freeElements(block->elements);
-            block->~Block();
-            Alloc::freeBlockRecord(block);
+            destroy(block);
         }
         current = nullptr;
         iterBlock = nullptr;
@@ -223,6 +286,7 @@ class _Sequence {
     std::int32_t blockSize = BlockSize; ///< slots of a block, unless a run needs more
     std::uint64_t memUsage = 0;         ///< bytes, as `getMemUsage` tells
     mutable FastCriticalSection lock;   ///< taken by the locked form only
+    Alloc allocator;                    ///< see there
 
   private:
     // Blocks passed over on the way are not revisited. The search ends on the last block of the
@@ -243,15 +307,25 @@ class _Sequence {
             throwOutOfMemory();
         Block* block = nullptr;
         try {
-            block = new (record) Block(slots);
+            block = new (record) Block(slots, allocator);
         } catch (...) {
             Alloc::freeBlockRecord(record);
             throw;
         }
         block->prev = current;
         (current != nullptr ? current->next : first) = block;
-        memUsage += static_cast<std::uint64_t>(slots) * sizeof(T) + sizeof(Block);
+        memUsage += bytesOf(*block);
         return block;
+    }
+
+    static std::uint64_t bytesOf(Block const& block) {
+        return static_cast<std::uint64_t>(block.capacity) * sizeof(T) + sizeof(Block);
+    }
+
+    void destroy(Block* block) {
+        allocator.freeElements(block->elements, block->capacity);
+        block->~Block();
+        Alloc::freeBlockRecord(block);
     }
 };
 
@@ -292,6 +366,11 @@ template <class SequenceType> class SequenceCursor {
 
     /// Passes over as many elements, all from one `rest`.
     void skip(std::size_t elements) { at += elements; }
+
+    /// The block that the next elements lie in, or the one that they ended in; null at the end.
+    auto* currentBlock() const { return block; }
+    /// How many elements of that block lie behind the cursor.
+    std::int32_t passedInBlock() const { return static_cast<std::int32_t>(at - block->elements); }
 
   private:
     typename SequenceType::Block* block;

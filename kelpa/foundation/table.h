@@ -2,6 +2,7 @@
 
 #include "kelpa/foundation/exceptionmsg.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <new>
@@ -64,8 +65,7 @@ template <class T, int Step> class Table {
         T* const grown = new (std::nothrow) T[static_cast<std::size_t>(newCapacity)];
         if (grown == nullptr)
             throwOutOfMemory();
-        for (std::int32_t i = 0; i < count; ++i)
-            grown[i] = elements[i];
+        std::copy_n(elements, count, grown);
         delete[] elements;
         elements = grown;
         capacity = newCapacity;

@@ -1,6 +1,7 @@
 #pragma once
 // Internal: the protocol by which a build hands subtrees to other threads and learns of their end.
 
+#include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/lock.h"
@@ -102,33 +103,20 @@ template <ThreadedBuild Tree> class JobResources {
     }
     JobResources(JobResources const&) = delete;
     JobResources& operator=(JobResources const&) = delete;
+    // Under the lock, so that the worker that ended last has let go of it.
     ~JobResources() {
-        std::int64_t counted = 0;
-        std::uint64_t const freed = close(counted);
-        // Records grow while jobs run, which is not counted at once.
-        addBuildBytes(tree, -counted);
-        notePeak(tree, freed);
-    }
-
-  private:
-    /// Returns the bytes of the threads' records, and adds up those that are counted. Under the
-    /// lock, so that the worker that ended last has let go of it.
-    std::uint64_t close(std::int64_t& counted) {
         LockScope const scope(tree.threadLock);
         if (hasDoneEvent(tree))
             uniCloseHandle(tree.doneEvent);
         tree.doneEvent = nullptr;
-        std::uint64_t bytes = 0;
         for (std::int32_t i = 0; i < tree.numThreads; ++i) {
-            bytes += tree.threads[i].data.getMemUsage();
-            counted += std::exchange(tree.threads[i].countedBytes, 0);
             tree.threads[i].data.freeData();
             tree.threads[i].tree = nullptr;
             tree.threads[i].progress = nullptr;
         }
-        return bytes;
     }
 
+  private:
     Tree& tree;
 };
 
@@ -176,19 +164,12 @@ template <ThreadedBuild Tree> void rethrowFirstFailure(Tree& tree) {
         std::rethrow_exception(std::exchange(tree.failure, nullptr));
 }
 
-/// Counts what a job's records have grown by as held for the build.
-template <class Job> void countRecords(Job& job) {
-    auto const bytes = static_cast<std::int64_t>(job.data.getMemUsage());
-    addBuildBytes(*job.tree, bytes - std::exchange(job.countedBytes, bytes));
-}
-
 /// What a build thread's `proc` does: its subtree, then its end. No exception passes; the first
 /// stays with the tree.
 template <class Job> void runSubtreeJob(Job& job) {
     if (job.tree == nullptr)
         return;
     try {
-        countRecords(job);
         job.tree->buildNode(job.node, job.box, job.data, job.data.getCount(), job.depth,
                             job.progress, &job.data, job.level);
     } catch (...) {
@@ -203,10 +184,24 @@ template <class Tree> void releaseThreads(Tree& tree) {
     tree.threads = nullptr;
 }
 
-/// Makes `count` idle build threads for a build that reports to `progress`, which may be null.
+/// Releases the build threads at the end of its scope, exceptions included: what they hold of the
+/// build must not outlive it.
+template <class Tree> class ThreadsScope {
+  public:
+    explicit ThreadsScope(Tree& owner) : tree(owner) {}
+    ThreadsScope(ThreadsScope const&) = delete;
+    ThreadsScope& operator=(ThreadsScope const&) = delete;
+    ~ThreadsScope() { releaseThreads(tree); }
+
+  private:
+    Tree& tree;
+};
+
+/// Makes `count` idle build threads for a build that reports to `progress`, which may be null, and
+/// whose records come from `recordPool`.
 template <ThreadedBuild Tree>
 void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
-                   ProgressCallback& report) {
+                   ProgressCallback& report, BlockPool& recordPool) {
     using Thread = std::remove_pointer_t<decltype(tree.threads)>;
     tree.failure = nullptr;
     tree.numThreads = count;
@@ -217,6 +212,7 @@ void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
     for (std::int32_t i = 0; i < count; ++i) {
         tree.threads[i].tree = &tree;
         tree.threads[i].progress = progress;
+        tree.threads[i].data.allocator.pool = &recordPool;
     }
 }
 

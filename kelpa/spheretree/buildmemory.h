@@ -1,6 +1,7 @@
 #pragma once
 // Internal: what a tree and its build hold of memory, and the most of it at a time.
 
+#include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/sharedcounters.h"
 
 #include <cstddef>
@@ -47,5 +48,32 @@ template <class Tree> class CountedBytes {
     Tree& tree;
     std::int64_t const bytes;
 };
+
+/// Trees of fewer spheres get their memory block by block: a slab would be mostly empty.
+inline constexpr std::int32_t fewestPooled = 1 << 17;
+
+/// Has the nodes and entries of a large tree lie in slabs. Before the first node is made.
+/// Records live for a short time, and a build's threads share them: they gain from slabs earlier.
+inline constexpr std::int32_t fewestRecycled = 1 << 16;
+
+/// Where a build's records come from.
+template <class Tree> BlockPool::Source recordSource(Tree const& tree) {
+    return tree.numSpheres >= fewestRecycled ? BlockPool::Source::slabs : BlockPool::Source::heap;
+}
+
+template <class Tree> void usePools(Tree& tree) {
+    bool const isLarge = tree.numSpheres >= fewestPooled;
+    tree.nodes.allocator.pool = isLarge ? &tree.nodePool : nullptr;
+    tree.leafSpheres.allocator.pool = isLarge ? &tree.entryPool : nullptr;
+}
+
+/// Releases nodes and entries.
+template <class Tree> void releaseNodes(Tree& tree) {
+    tree.nodes.freeData();
+    tree.leafSpheres.freeData();
+    tree.root = nullptr;
+    tree.nodePool.release();
+    tree.entryPool.release();
+}
 
 } // namespace Kelpa

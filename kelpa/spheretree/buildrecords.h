@@ -54,14 +54,17 @@ inline constexpr Sides bothSides = lowerSide | upperSide; ///< the plane cuts it
 
 /// Parts the first `count` records of `data` between the two sides of a split.
 ///
-/// Lower records move to the front of `data`, in order; upper records go to the end of another
-/// sequence, which may be `data` itself.
+/// Lower records move to the front of `data`, in order, and are all that is left there in the end;
+/// upper records go to the end of another sequence. Blocks that are read and not needed any more
+/// are retired on the way: with a pool both sides together take hardly more memory than the whole.
 template <BuildRecord Record, int BlockSize> class Partition {
   public:
     using Records = SequenceST<Record, BlockSize>;
 
     Partition(Records& data, std::int32_t count, Records& upperRecords)
-        : source(data), lowerEnd(data), upperSequence(upperRecords), left(count) {}
+        : parting(data), source(data), lowerEnd(data), upperSequence(upperRecords), left(count) {
+        assert(&data != &upperRecords);
+    }
 
     /// Parts the next few records; returns how many, 0 at the end.
     ///
@@ -70,8 +73,10 @@ template <BuildRecord Record, int BlockSize> class Partition {
     /// which says which of them are to be kept.
     template <class SidesOfRecord, class Announce, class Cut>
     std::int32_t partNext(SidesOfRecord sides, Announce announce, Cut cut) {
-        std::span<Record> const records = source.rest();
-        if (left == 0 || records.empty())
+        if (left == 0)
+            return 0;
+        std::span<Record> const records = unreadRecords();
+        if (records.empty())
             return 0;
         std::span<Record> const lower = lowerEnd.rest();
         std::span<Record> const upper = upperSequence.freeSlots();
@@ -120,6 +125,8 @@ template <BuildRecord Record, int BlockSize> class Partition {
         left -= static_cast<std::int32_t>(length);
         lowerCount += static_cast<std::int32_t>(numLower);
         upperCount += static_cast<std::int32_t>(numUpper);
+        if (left == 0)
+            parting.cutBehind(lowerEnd.currentBlock(), lowerEnd.passedInBlock());
         return static_cast<std::int32_t>(length);
     }
 
@@ -138,6 +145,20 @@ template <BuildRecord Record, int BlockSize> class Partition {
         Sides kept;
     };
 
+    /// The next records in one block. Retires the blocks that were read before them, except where
+    /// the lower records end: they are the next that upper records get.
+    std::span<Record> unreadRecords() {
+        auto* block = source.currentBlock();
+        std::span<Record> const records = source.rest();
+        while (!records.empty() && block != source.currentBlock()) {
+            auto* const readBlock = block;
+            block = block->next;
+            if (readBlock != lowerEnd.currentBlock())
+                parting.retireBlock(readBlock);
+        }
+        return records;
+    }
+
     /// Takes out the records that are not kept on a side; returns how many are left.
     static std::size_t closeGaps(std::span<Record> records, std::span<CutRecord const> cuts,
                                  std::uint16_t CutRecord::*place, Sides side) {
@@ -155,6 +176,7 @@ template <BuildRecord Record, int BlockSize> class Partition {
         return to;
     }
 
+    Records& parting;
     SequenceCursor<Records> source;
     SequenceCursor<Records> lowerEnd;
     Records& upperSequence;
@@ -163,22 +185,23 @@ template <BuildRecord Record, int BlockSize> class Partition {
     CutRecord cutRecords[longestStretch];
 };
 
-/// Moves the last `count` records of `scratch` to the front of `data`, the last one first, and
-/// shows each to `visit`.
+/// Fills `data` with the last `count` records of another sequence, the last one first, and shows
+/// each to `visit`. They are removed there.
 template <BuildRecord Record, int BlockSize, class Visit>
 void moveBack(SequenceST<Record, BlockSize>& data, SequenceST<Record, BlockSize>& scratch,
               std::int32_t count, Visit visit) {
-    SequenceCursor front(data);
+    data.clear();
     for (auto left = static_cast<std::size_t>(count); left > 0;) {
-        std::span<Record> const to = front.rest();
         std::span<Record const> const from = scratch.lastInBlock();
+        scratch.releaseSpareBlocks(); // the next that `data` gets
+        std::span<Record> const to = data.freeSlots();
         std::size_t const length = std::min({left, to.size(), from.size()});
         for (std::size_t i = 0; i < length; ++i) {
             to[i] = from[from.size() - 1 - i];
             visit(to[i]);
         }
-        front.skip(length);
         assert(length > 0); // what was moved to scratch lies there, behind the rest
+        data.useSlots(static_cast<std::int32_t>(length));
         scratch.removeLast(static_cast<std::int32_t>(length));
         left -= length;
     }
@@ -203,7 +226,7 @@ StoredRun<Entry> storeRun(Sequence<Entry, LeafBlock>& leaves, SequenceST<Record,
 }
 
 /// An upper child whose subtree waits until its lower sibling's is built; its records lie at the
-/// end of the scratch sequence.
+/// end of those that wait.
 template <class Node, class Region> struct PostponedSubtree {
     Node* node;
     Region region;
@@ -220,7 +243,7 @@ template <class Node, class Region> struct PostponedSubtree {
 /// upper one waits in a list on the heap. So a deep tree needs no deep call stack, which worker
 /// threads of a host may not have.
 template <class Subtree, class Records, class Aborted, class BuildOneNode, class Visit>
-void buildSubtree(Subtree current, Records& data, Records& scratch, Aborted& isAborted,
+void buildSubtree(Subtree current, Records& data, Records& waiting, Aborted& isAborted,
                   BuildOneNode buildOneNode, Visit visit) {
     std::vector<Subtree> postponed;
     for (;;) {
@@ -233,7 +256,7 @@ void buildSubtree(Subtree current, Records& data, Records& scratch, Aborted& isA
             current = postponed.back();
             postponed.pop_back();
         } while (isAborted());
-        moveBack(data, scratch, current.count, visit);
+        moveBack(data, waiting, current.count, visit);
     }
 }
 

@@ -1,5 +1,9 @@
 #include "kelpa/spheretree/spaceorder.h"
 
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
 namespace Kelpa {
 
 // A byte at a time, the last one first; each pass keeps the order of the one before.
@@ -17,6 +21,17 @@ void SpaceOrder::sort(OptionalArray<KeyedPoint>& points, OptionalArray<KeyedPoin
             spare[ends[byte][points[i].cell >> 8 * byte & 0xFFU]++] = points[i];
         std::swap(points, spare);
     }
+}
+
+void SpaceOrder::keepNumbers(OptionalArray<KeyedPoint> points, std::uint32_t count) {
+    void* const memory = points.release();
+    auto* const bytes = static_cast<char*>(memory);
+    for (std::size_t i = 0; i < count; ++i)
+        std::memcpy(bytes + i * sizeof(std::uint32_t),
+                    bytes + i * sizeof(KeyedPoint) + offsetof(KeyedPoint, number),
+                    sizeof(std::uint32_t));
+    void* const shrunk = std::realloc(memory, count * sizeof(std::uint32_t));
+    numbers.reset(static_cast<std::uint32_t*>(shrunk != nullptr ? shrunk : memory));
 }
 
 } // namespace Kelpa

@@ -40,12 +40,12 @@ class SpaceOrder {
         for (std::uint32_t i = 0; i < count; ++i)
             points[i] = {grid.cellOf(quadAt(i)), i};
         sort(points, spare, count);
-        numbers = std::move(points);
+        keepNumbers(std::move(points), count);
     }
 
     bool isEmpty() const { return numbers == nullptr; }
     /// The number of the point at a place in the order.
-    std::uint32_t operator[](std::uint32_t place) const { return numbers[place].number; }
+    std::uint32_t operator[](std::uint32_t place) const { return numbers[place]; }
 
   private:
     static constexpr int cellsPerAxis = 256;
@@ -56,7 +56,8 @@ class SpaceOrder {
     };
 
   public:
-    static constexpr std::size_t bytesEach = sizeof(KeyedPoint); ///< that an order keeps per point
+    static constexpr std::size_t bytesEach =
+        sizeof(std::uint32_t); ///< that an order keeps per point
 
   private:
     /// The cells that the points' bounds are cut into.
@@ -87,7 +88,10 @@ class SpaceOrder {
     static void sort(OptionalArray<KeyedPoint>& points, OptionalArray<KeyedPoint>& spare,
                      std::uint32_t count);
 
-    OptionalArray<KeyedPoint> numbers;
+    /// Moves the points' numbers together, and keeps no memory for more.
+    void keepNumbers(OptionalArray<KeyedPoint> points, std::uint32_t count);
+
+    OptionalArray<std::uint32_t> numbers;
 };
 
 } // namespace Kelpa

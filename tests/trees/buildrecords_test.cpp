@@ -37,9 +37,11 @@ TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
         SCOPED_TRACE(seed);
         Random random(seed);
         bool const losesParts = seed % 3 == 0;
+        BlockPool pool(Records::blockBytes);
         Records data;
-        Records other;
-        Records& upperRecords = seed % 2 == 0 ? data : other;
+        Records upperRecords;
+        if (seed % 2 == 0)
+            data.allocator.pool = upperRecords.allocator.pool = &pool;
         std::int32_t const count = 100 + random.below(2000);
         for (std::int32_t k = 0; k < count; ++k) {
             float const low = random.unit();
@@ -79,13 +81,19 @@ TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
         EXPECT_GT(announced, 0U);
         EXPECT_EQ(parts.lowerCount, static_cast<std::int32_t>(lower.size()));
         ASSERT_EQ(parts.upperCount, static_cast<std::int32_t>(upper.size()));
-        EXPECT_EQ(contentOf(data, parts.lowerCount), lower);
+        EXPECT_EQ(contentOf(data, count), lower);
+        auto const blocks = (data.getMemUsage() + upperRecords.getMemUsage()) / Records::blockBytes;
+        if (seed % 2 == 0) { // each side's last one is not full
+            EXPECT_LE(blocks, (lower.size() + upper.size()) / 300 + 2);
+        }
         EXPECT_EQ(seenLower, lower);
         std::vector<Part> shown;
         moveBack(data, upperRecords, parts.upperCount,
                  [&shown](Part const& part) { shown.push_back(part); });
-        EXPECT_EQ(shown, contentOf(data, parts.upperCount));
-        EXPECT_EQ(contentOf(data, parts.upperCount), std::vector(upper.rbegin(), upper.rend()));
+        EXPECT_EQ(shown, contentOf(data, count));
+        EXPECT_EQ(shown, std::vector(upper.rbegin(), upper.rend()));
+        EXPECT_EQ(upperRecords.getCount(), 0);
+        EXPECT_LE(upperRecords.getMemUsage(), 2 * (Records::blockBytes + sizeof(Records::Block)));
     }
 }
 

@@ -191,9 +191,7 @@ template <class Tree> void releaseTree(Tree& tree) {
     tree.spheres = nullptr;
     tree.numSpheres = 0;
     writeShared(tree.numParticles, 0);
-    tree.nodes.freeData();
-    tree.leafSpheres.freeData();
-    tree.root = nullptr;
+    releaseNodes(tree);
     std::free(tree.packedSpheres);
     tree.packedSpheres = nullptr;
     tree.packedFloats = 0;
@@ -299,24 +297,28 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     if (tree.numSpheres == 0)
         return;
 
+    usePools(tree);
     tree.root = tree.nodes.newElement();
     *tree.root = {};
     tree.threadManager = manager;
     // Without a manager there is one job, which runs where the build was called.
     bool const isThreaded = tree.multiThreaded != 0 && manager != nullptr;
-    createThreads(tree, isThreaded ? std::max(getNumProcessors(), 1) : 1, progress, report);
+    BlockPool pool(MBSphereRecords::blockBytes, recordSource(tree), &tree.buildBytes);
+    ThreadsScope<Tree> const threads(tree);
+    createThreads(tree, isThreaded ? std::max(getNumProcessors(), 1) : 1, progress, report, pool);
     tree.numRunning = 0;
     MBSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     makeRecords(tree, records);
-    countRecords(tree.threads[0]);
+    notePeak(tree);
     findBounds(tree, staticBounds);
     widenByMargin(tree.rootBox.box);
     runJobs(tree, tree.rootBox, 0, report);
+    notePeak(tree);
+    pool.release(); // the packs may have the memory
     if (tree.packSpheres != 0 && tree.wasAborted == 0 && canPack(tree))
         packSpheres(tree);
     printStatistics(tree, report);
-    releaseThreads(tree);
 }
 
 } // namespace

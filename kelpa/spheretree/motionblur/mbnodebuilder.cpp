@@ -18,25 +18,52 @@ namespace Kelpa {
 
 namespace {
 
-/// A node's records as its frame sees them, one span per record, in their order. Kept from node to
-/// node for its memory.
+/// A node's records as its frame sees them, one span per record, in their order. Those of a large
+/// node are not kept: at the root they would take more than half of what the records take, and
+/// making them again is no slower than reading them from memory.
 class Spans {
   public:
-    /// Room for `count` spans; what is written there counts once `keep` says how much it is.
-    FrameSpan* room(std::int32_t count) {
-        if (spans.size() < static_cast<std::size_t>(count))
-            spans.resize(static_cast<std::size_t>(count));
-        return spans.data();
-    }
-    void keep(std::int32_t count) { kept = static_cast<std::size_t>(count); }
+    static constexpr std::int32_t mostKept = 1 << 16;
 
+    /// Sees all records in the frame of `velocity` and shows the spans to `visit`, with the
+    /// records.
+    template <class Visit>
+    void make(MBSphereRecords& data, std::int32_t count, Vector const& velocity, Visit visit) {
+        frame = Quad{velocity.x, velocity.y, velocity.z, 0.0F};
+        isKept = count <= mostKept;
+        if (isKept && spans.size() < static_cast<std::size_t>(count))
+            spans.resize(static_cast<std::size_t>(count));
+        if (!isKept) {
+            visitRecords(data, count,
+                         [&](MBSphereData const& record) { visit(of(record), record); });
+            return;
+        }
+        FrameSpan* next = spans.data();
+        kept = static_cast<std::size_t>(visitRecords(data, count, [&](MBSphereData const& record) {
+            FrameSpan const span = of(record);
+            *next++ = span;
+            visit(span, record);
+        }));
+    }
+
+    /// Shows the spans of the same records once more.
+    template <class Visit>
+    void visit(MBSphereRecords& data, std::int32_t count, Visit visit) const {
+        if (!isKept)
+            visitRecords(data, count, [&](MBSphereData const& record) { visit(of(record)); });
+        else
+            std::for_each_n(spans.begin(), kept, visit);
+    }
+
+    bool areKept() const { return isKept; }
     FrameSpan const& operator[](std::size_t i) const { return spans[i]; }
-    FrameSpan const* begin() const { return spans.data(); }
-    FrameSpan const* end() const { return spans.data() + kept; }
+    FrameSpan of(MBSphereData const& record) const { return spanInFrame(record.bbox, frame); }
 
   private:
     std::vector<FrameSpan> spans; // never shrinks: growing writes to what is written again
     std::size_t kept = 0;
+    Quad frame = {};
+    bool isKept = false;
 };
 
 /// The sum of a node's velocities, which is made along the way, as its records are put in place.
@@ -64,18 +91,14 @@ struct NodeMeasure {
 
 /// Measures the records, and sees all of them in the frame of `velocity`.
 NodeMeasure measureRecords(MBSphereRecords& data, int count, Vector const& velocity, Spans& spans) {
-    Quad const frame = {velocity.x, velocity.y, velocity.z, 0.0F};
     Quad lowest = splat(Box::empty().min.x);
     Quad highest = splat(Box::empty().max.x);
     float smallestRadius = 1e18F;
-    FrameSpan* next = spans.room(count);
-    spans.keep(visitRecords(data, count, [&](MBSphereData const& record) {
-        FrameSpan const span = spanInFrame(record.bbox, frame);
-        *next++ = span;
+    spans.make(data, count, velocity, [&](FrameSpan const& span, MBSphereData const& record) {
         lowest = smaller(span.lower, lowest);
         highest = larger(span.upper, highest);
         smallestRadius = record.radius < smallestRadius ? record.radius : smallestRadius;
-    }));
+    });
     return {{lowest, highest}, smallestRadius};
 }
 
@@ -89,16 +112,17 @@ bool isSmall(Box const& box, float smallestRadius, float minNodeSize) {
     return squaredDiagonal < smallest * smallest;
 }
 
-CandidatePlanes countSides(FrameSpan const& spheres, Spans const& spans, int level) {
+CandidatePlanes countSides(FrameSpan const& spheres, MBSphereRecords& data, int count,
+                           Spans const& spans, int level) {
     Quad const f = splitFractions(level);
     NearestBounds nearest{(1.0F - f) * spheres.lower + f * spheres.upper};
-    for (FrameSpan const& span : spans)
-        nearest.offer(span.lower, span.upper);
+    spans.visit(data, count,
+                [&nearest](FrameSpan const& span) { nearest.offer(span.lower, span.upper); });
     CandidatePlanes planes{{nearest.centre}, {nearest.position}};
-    for (FrameSpan const& span : spans) {
+    spans.visit(data, count, [&planes](FrameSpan const& span) {
         planes.centre.add(span.lower, span.upper);
         planes.bound.add(span.lower, span.upper);
-    }
+    });
     return planes;
 }
 
@@ -169,7 +193,7 @@ NodeDecision decideSplit(Tree const& tree, Subtree const& node, Vector const& ve
         spheres.lower[axis] = std::max(spheres.lower[axis], decision.region.box.min[axis]);
         spheres.upper[axis] = std::min(spheres.upper[axis], decision.region.box.max[axis]);
     }
-    CandidatePlanes const planes = countSides(spheres, spans, node.level);
+    CandidatePlanes const planes = countSides(spheres, data, node.count, spans, node.level);
     SplitChoice const split =
         chooseSplit(spheres, extents, planes, decision.region, node.count, node.depth);
     if (split.found() &&
@@ -188,17 +212,18 @@ void putInFrame(MBSphereData& record, FrameSpan const& span, Vector const& veloc
 }
 
 /// Parts a node's records between the two sides of its split, cutting those that straddle it; false
-/// when the build was aborted on the way.
-bool partRecords(SplitChoice const& split, Vector const& velocity, Spans const& spans,
+/// when the build was aborted on the way. `spanOf(i, record)` is the span of record number i.
+template <class SpanOf>
+bool partRecords(SplitChoice const& split, Vector const& velocity, SpanOf spanOf,
                  Partition<MBSphereData, 20000>& parts, VelocitySum& lowerVelocities,
                  AbortQuestion& isAborted) {
     int const axis = split.axis;
-    auto const sides = [&](std::size_t i, MBSphereData const&) {
-        FrameSpan const& span = spans[i];
+    auto const sides = [&](std::size_t i, MBSphereData const& record) {
+        FrameSpan const& span = spanOf(i, record);
         return sidesOf(floatAt(&span.lower, axis), floatAt(&span.upper, axis), split.position);
     };
     auto const cut = [&](std::size_t i, MBSphereData& lower, MBSphereData& upper) {
-        putInFrame(lower, spans[i], velocity);
+        putInFrame(lower, spanOf(i, lower), velocity);
         upper.bbox = lower.bbox;
         lower.bbox.upper(axis) = split.position;
         upper.bbox.lower(axis) = split.position;
@@ -218,7 +243,7 @@ bool partRecords(SplitChoice const& split, Vector const& velocity, Spans const& 
 /// its lower child, `velocities` become that one's, and its upper one is postponed or with another
 /// thread.
 template <class Tree, class Subtree>
-bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereRecords& scratch,
+bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereRecords& waiting,
                   VelocitySum& velocities, Spans& spans, std::vector<Subtree>& postponed,
                   AbortQuestion& isAborted) {
     VelocitySum const sum = std::exchange(velocities, {});
@@ -248,8 +273,15 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
 
     MBSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
-    Partition parts(data, current.count, helper != nullptr ? helper->data : scratch);
-    if (!partRecords(split, velocity, spans, parts, velocities, isAborted))
+    Partition parts(data, current.count, helper != nullptr ? helper->data : waiting);
+    auto const part = [&](auto spanOf) {
+        return partRecords(split, velocity, spanOf, parts, velocities, isAborted);
+    };
+    bool const isParted =
+        spans.areKept()
+            ? part([&](std::size_t i, auto const&) -> FrameSpan const& { return spans[i]; })
+            : part([&](std::size_t, auto const& record) { return spans.of(record); });
+    if (!isParted)
         return false;
     lower.count = parts.lowerCount;
     upper.count = parts.upperCount;
@@ -288,21 +320,23 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
                                                            int depth, ProgressCallback* progress,
                                                            MBSphereRecords* scratch, int level) {
     AbortQuestion isAborted(progress, wasAborted);
+    MBSphereRecords ownScratch;
+    ownScratch.allocator = data.allocator;
+    MBSphereRecords& waiting = scratch == &data ? ownScratch : *scratch;
     Spans spans;
-    CountedBytes const spanBytes(*this,
-                                 sizeof(FrameSpan) * static_cast<std::size_t>(std::max(count, 0)));
-    std::uint64_t const recordBytes = data.getMemUsage();
+    CountedBytes const spanBytes(
+        *this, sizeof(FrameSpan) * static_cast<std::size_t>(std::clamp(count, 0, Spans::mostKept)));
     VelocitySum velocities;
     auto const addVelocity = [&velocities](MBSphereData const& record) { velocities.add(record); };
     visitRecords(data, count, addVelocity);
     buildSubtree(
-        PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, *scratch, isAborted,
+        PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, waiting, isAborted,
         [&](auto& current, auto& postponed) {
-            return buildOneNode(*this, current, data, *scratch, velocities, spans, postponed,
+            return buildOneNode(*this, current, data, waiting, velocities, spans, postponed,
                                 isAborted);
         },
         addVelocity);
-    notePeak(*this, data.getMemUsage() - recordBytes); // what they grew by, beside the spans
+    notePeak(*this); // beside the spans
 }
 
 template void MBSphereTree<MBSphere, 20000, 20000>::storeSpheres(Node*, MBSphereRecords&, int);

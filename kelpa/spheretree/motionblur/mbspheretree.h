@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
@@ -41,8 +42,7 @@ class MBSphereBuildThread final : public UnwaitingProcedure {
     MBSphereNode* node = nullptr;         ///< the subtree's root
     std::int32_t depth = 0;               ///< of `node`, as in `buildNode`
     std::int32_t level = 0;               ///< of `node`, as in `buildNode`
-    std::thread::id endedOn;       ///< where the last job ended; under the tree's `threadLock`
-    std::int64_t countedBytes = 0; ///< of `data`, in the tree's `buildBytes`
+    std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
 };
 
 /// A tree over moving spheres that splits space and time. Every node moves with the mean velocity
@@ -96,7 +96,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// records of `data`.
     ///
     /// `depth` counts the splits above that separated spheres, `level` all of them; both from 1.
-    /// `scratch` receives records that wait for their turn and may be `data` itself. Whatever the
+    /// `scratch` receives records that wait for their turn behind those that it holds; where it is
+    /// `data` itself they wait elsewhere. `data` holds nothing of use afterwards. Whatever the
     /// parameters, a subtree ends at level 1024.
     void buildNode(Node* node, TimeBox const& box, MBSphereRecords& data, int count, int depth,
                    ProgressCallback* progress, MBSphereRecords* scratch, int level);
@@ -182,6 +183,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Spheres whose snapshots cover no part of the shutter, or run backwards. With one of them the
     /// tree is split no further beyond 32 leaf entries and 4 nodes a sphere (and 2^23 and 2^20).
     std::int32_t numOutsideShutter = 0;
+    BlockPool nodePool{sizeof(Node) * NodeBlock}; ///< what the nodes of a large tree lie in
+    BlockPool entryPool{sizeof(MBLeafSphere) * LeafBlock}; ///< see `nodePool`
     /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
     alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
     std::int64_t buildBytes = 0;             ///< held for the running build alone; 0 outside

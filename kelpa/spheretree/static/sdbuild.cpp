@@ -73,9 +73,7 @@ template <class Tree> void releaseTree(Tree& tree) {
     tree.spheres = nullptr;
     tree.numSpheres = 0;
     writeShared(tree.totalParticles, 0);
-    tree.nodes.freeData();
-    tree.leafSpheres.freeData();
-    tree.root = nullptr;
+    releaseNodes(tree);
     std::free(tree.packedLeaves);
     tree.packedLeaves = nullptr;
     tree.packedFloats = 0;
@@ -99,31 +97,31 @@ template <class Tree> void allocateSpheres(Tree& tree) {
 }
 
 template <class Tree>
-void buildThreaded(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* progress,
-                   ProgressCallback& report) {
-    createThreads(tree, std::max(getNumProcessors(), 1), progress, report);
+void buildThreaded(Tree& tree, OrderedSpheres<Tree>& ordered, BlockPool& recordPool,
+                   ProgressCallback* progress, ProgressCallback& report) {
+    createThreads(tree, std::max(getNumProcessors(), 1), progress, report, recordPool);
     SDSphereRecords& records = claimRootRecords(tree, report);
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
-    countRecords(tree.threads[0]);
+    notePeak(tree);
     ordered.forgetNames();
     widenByMargin(tree.bbox);
     runJobs(tree, tree.bbox, 1, report);
 }
 
 template <class Tree>
-void buildHere(Tree& tree, OrderedSpheres<Tree>& ordered, ProgressCallback* progress,
-               ProgressCallback& report) {
+void buildHere(Tree& tree, OrderedSpheres<Tree>& ordered, BlockPool& recordPool,
+               ProgressCallback* progress, ProgressCallback& report) {
     SDSphereRecords records;
+    records.allocator.pool = &recordPool;
     report.info(0, progressLevel, "Initializing sphere build data.\n");
     AbortQuestion isAborted(progress, tree.wasAborted);
     makeRecords(tree, ordered, records, isAborted);
-    notePeak(tree, records.getMemUsage());
+    notePeak(tree);
     ordered.forgetNames();
     widenByMargin(tree.bbox);
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
-    notePeak(tree, records.getMemUsage());
 }
 
 template <class Tree> bool holdsOnlySpheres(Tree const& tree) {
@@ -248,6 +246,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
     tree.wasAborted = 0;
     tree.deepRecords = 0;
     tree.peakBytes = 0;
+    usePools(tree);
     tree.root = tree.nodes.newElement();
     *tree.root = {};
     tree.bbox = Box::empty();
@@ -257,16 +256,19 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
     tree.numRunning = 0;
     tree.threadManager = manager;
     OrderedSpheres ordered(tree);
+    BlockPool records(SDSphereRecords::blockBytes, recordSource(tree), &tree.buildBytes);
+    ThreadsScope<Tree> const threads(tree);
     if (manager != nullptr && tree.multiThreaded != 0)
-        buildThreaded(tree, ordered, progress, report);
+        buildThreaded(tree, ordered, records, progress, report);
     else
-        buildHere(tree, ordered, progress, report);
+        buildHere(tree, ordered, records, progress, report);
+    notePeak(tree);
+    records.release(); // the packs may have the memory
     bool const isPacked = tree.packLeaves != 0 && tree.wasAborted == 0 && holdsOnlySpheres(tree) &&
                           packLeaves(tree, ordered);
     if (!isPacked)
         ordered.nameAllByIndex();
     printStatistics(tree, report);
-    releaseThreads(tree);
 }
 
 } // namespace

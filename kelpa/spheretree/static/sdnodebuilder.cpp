@@ -222,7 +222,7 @@ SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& 
 /// Builds one node. True when it was split: `current` is then its lower child, and its upper one is
 /// postponed or with another thread.
 template <class Tree, class Subtree>
-bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereRecords& scratch,
+bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereRecords& waiting,
                   std::vector<Subtree>& postponed, AbortQuestion& isAborted) {
     raiseShared(tree.statMaxDepth, current.depth);
     if (current.count < 1 || isAborted())
@@ -247,7 +247,7 @@ bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereR
 
     SDSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
-    Partition parts(data, current.count, helper != nullptr ? helper->data : scratch);
+    Partition parts(data, current.count, helper != nullptr ? helper->data : waiting);
     if (!partRecords(tree, split, current.count, parts, isAborted))
         return false;
     lower.count = parts.lowerCount;
@@ -285,10 +285,13 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const
                                                            int depth, ProgressCallback* progress,
                                                            SDSphereRecords* scratch, int level) {
     AbortQuestion isAborted(progress, wasAborted);
+    SDSphereRecords ownScratch;
+    ownScratch.allocator = data.allocator;
+    SDSphereRecords& waiting = scratch == &data ? ownScratch : *scratch;
     buildSubtree(
-        PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, *scratch, isAborted,
+        PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, waiting, isAborted,
         [&](auto& current, auto& postponed) {
-            return buildOneNode(*this, current, data, *scratch, postponed, isAborted);
+            return buildOneNode(*this, current, data, waiting, postponed, isAborted);
         },
         [](SDSphereData const&) {});
 }

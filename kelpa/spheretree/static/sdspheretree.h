@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
@@ -40,8 +41,7 @@ class SDSphereBuildThread final : public UnwaitingProcedure {
     SDSphereNode<SDSphere>* node = nullptr; ///< the subtree's root
     std::int32_t depth = 0;                 ///< of `node`, as in `buildNode`
     std::int32_t level = 0;                 ///< of `node`, as in `buildNode`
-    std::thread::id endedOn;       ///< where the last job ended; under the tree's `threadLock`
-    std::int64_t countedBytes = 0; ///< of `data`, in the tree's `buildBytes`
+    std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
 };
 
 /// A kd-tree over spheres: a sphere that a plane cuts is found on both of its sides.
@@ -87,7 +87,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// records of `data`.
     ///
     /// `depth` counts the splits above that separated spheres, `level` all of them; both from 1.
-    /// `scratch` receives records that wait for their turn and may be `data` itself. Whatever the
+    /// `scratch` receives records that wait for their turn behind those that it holds; where it is
+    /// `data` itself they wait elsewhere. `data` holds nothing of use afterwards. Whatever the
     /// parameters, a subtree ends at level 1024.
     void buildNode(Node* node, Box const& box, SDSphereRecords& data, int count, int depth,
                    ProgressCallback* progress, SDSphereRecords* scratch, int level);
@@ -202,6 +203,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     OrderedSphere const* orderedSpheres = nullptr; ///< exist only during a build; null: in no order
     float* packedLeaves = nullptr;                 ///< owned; null: not packed
     std::uint64_t packedFloats = 0;                ///< length of `packedLeaves`
+    BlockPool nodePool{sizeof(Node) * NodeBlock};  ///< what the nodes of a large tree lie in
+    BlockPool entryPool{sizeof(SDLeafSphere) * LeafBlock}; ///< see `nodePool`
     /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
     alignas(8) std::int64_t deepRecords = 0; // atomic on every processor
     std::int64_t buildBytes = 0;             ///< held for the running build alone; 0 outside
