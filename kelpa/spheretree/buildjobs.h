@@ -18,6 +18,7 @@
 #include <thread>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace Kelpa {
 
@@ -74,6 +75,20 @@ template <ThreadedBuild Tree> void startJob(Tree& tree, ThreadProcedure& job) {
     }
     if (!isHandedOver)
         job.proc(nullptr);
+}
+
+/// Starts a claimed thread, which has the records, on a subtree; without one the subtree waits.
+template <class Thread, class Subtree>
+void handOffOrPostpone(Thread* helper, Subtree const& subtree, std::vector<Subtree>& postponed) {
+    if (helper == nullptr) {
+        postponed.push_back(subtree);
+        return;
+    }
+    helper->box = subtree.region;
+    helper->node = subtree.node;
+    helper->depth = subtree.depth;
+    helper->level = subtree.level;
+    helper->start();
 }
 
 /// Whether jobs run on other threads, so that their end is an event. Its handle may be null all the
@@ -254,6 +269,20 @@ void runJobs(Tree& tree, Region const& region, unsigned int manualReset, Progres
         report.info(0, progressLevel, "Releasing thread resources.\n");
     }
     rethrowFirstFailure(tree);
+}
+
+/// Calls `build`, and `abandon` where that throws: of a build that failed nothing is left. Memory
+/// that the standard library could not get is told in the one way that hosts know.
+template <class Build, class Abandon> void buildGuarded(Build build, Abandon abandon) {
+    try {
+        build();
+    } catch (std::bad_alloc const&) {
+        abandon();
+        throwOutOfMemory();
+    } catch (...) {
+        abandon();
+        throw;
+    }
 }
 
 } // namespace Kelpa

@@ -362,15 +362,8 @@ template <class Sphere, int NodeBlock, int LeafBlock>
 void MBSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progress,
                                                        ThreadManager* manager, int staticBounds) {
     releaseTree(*this);
-    try {
-        buildAnew(*this, progress, manager, staticBounds);
-    } catch (std::bad_alloc const&) {
-        abandonBuild(*this);
-        throwOutOfMemory();
-    } catch (...) {
-        abandonBuild(*this);
-        throw;
-    }
+    buildGuarded([&] { buildAnew(*this, progress, manager, staticBounds); },
+                 [&] { abandonBuild(*this); });
 }
 
 template class MBSphereTree<MBSphere, 20000, 20000>;

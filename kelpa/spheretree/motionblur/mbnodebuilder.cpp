@@ -286,15 +286,7 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
     lower.count = parts.lowerCount;
     upper.count = parts.upperCount;
 
-    if (helper == nullptr) {
-        postponed.push_back(upper);
-    } else {
-        helper->box = upper.region;
-        helper->node = upper.node;
-        helper->depth = upper.depth;
-        helper->level = upper.level;
-        helper->start();
-    }
+    handOffOrPostpone(helper, upper, postponed);
     current = lower;
     return true;
 }

@@ -312,15 +312,7 @@ template <class Sphere, int NodeBlock, int LeafBlock>
 void SDSphereTree<Sphere, NodeBlock, LeafBlock>::build(ProgressCallback* progress,
                                                        ThreadManager* manager) {
     releaseTree(*this);
-    try {
-        buildAnew(*this, progress, manager);
-    } catch (std::bad_alloc const&) {
-        abandonBuild(*this);
-        throwOutOfMemory();
-    } catch (...) {
-        abandonBuild(*this);
-        throw;
-    }
+    buildGuarded([&] { buildAnew(*this, progress, manager); }, [&] { abandonBuild(*this); });
 }
 
 template class SDSphereTree<SDSphere, 20000, 20000>;
