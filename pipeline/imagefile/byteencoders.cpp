@@ -58,16 +58,16 @@ unsigned char coverageCode(float alpha) {
 std::string rowBytes(Image const& image, int row, bool withAlpha) {
     static CodeFinder const finder;
     auto const width = static_cast<std::size_t>(image.cropX1 - image.cropX0);
-    std::string bytes;
-    bytes.reserve(width * (withAlpha ? 4 : 3));
+    std::string bytes(width * (withAlpha ? 4 : 3), '\0');
+    char* next = bytes.data();
     std::size_t const first = static_cast<std::size_t>(row) * width;
     for (std::size_t pixel = first; pixel < first + width; ++pixel) {
         float const alpha = image.alpha[pixel];
         float const gain = withAlpha && alpha > 0.0F ? 1.0F / alpha : 1.0F;
         for (std::size_t channel = 0; channel < 3; ++channel)
-            bytes += static_cast<char>(finder.code(image.rgb[(3 * pixel) + channel] * gain));
+            *next++ = static_cast<char>(finder.code(image.rgb[(3 * pixel) + channel] * gain));
         if (withAlpha)
-            bytes += static_cast<char>(coverageCode(alpha));
+            *next++ = static_cast<char>(coverageCode(alpha));
     }
     return bytes;
 }

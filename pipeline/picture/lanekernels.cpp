@@ -106,14 +106,13 @@ KELPA_INLINE void aroundNormalsLoop(std::size_t count, Pointers3<float const> no
     }
 }
 
-KELPA_INLINE void pointsOnRaysLoop(std::size_t count, Pointers3<double const> origin,
-                                   Pointers3<float const> dir, double const* t,
-                                   Pointers3<double> place) {
+KELPA_INLINE void goAlongLoop(std::size_t count, Pointers3<float const> dir, double const* t,
+                              Pointers3<double> place) {
     KELPA_INDEPENDENT
     for (std::size_t i = 0; i < count; ++i) {
-        place.x[i] = origin.x[i] + t[i] * static_cast<double>(dir.x[i]);
-        place.y[i] = origin.y[i] + t[i] * static_cast<double>(dir.y[i]);
-        place.z[i] = origin.z[i] + t[i] * static_cast<double>(dir.z[i]);
+        place.x[i] += t[i] * static_cast<double>(dir.x[i]);
+        place.y[i] += t[i] * static_cast<double>(dir.y[i]);
+        place.z[i] += t[i] * static_cast<double>(dir.z[i]);
     }
 }
 
@@ -251,10 +250,9 @@ KELPA_INLINE void findBlocksLoop(Camera const& camera, CellGrid const& grid, std
                                    Points2 pattern, Pointers3<float> dir) {                        \
         aroundNormalsLoop(count, normal, pattern, dir);                                            \
     }                                                                                              \
-    __VA_ARGS__ void pointsOnRays(std::size_t count, Pointers3<double const> origin,               \
-                                  Pointers3<float const> dir, double const* t,                     \
-                                  Pointers3<double> place) {                                       \
-        pointsOnRaysLoop(count, origin, dir, t, place);                                            \
+    __VA_ARGS__ void goAlong(std::size_t count, Pointers3<float const> dir, double const* t,       \
+                             Pointers3<double> place) {                                            \
+        goAlongLoop(count, dir, t, place);                                                         \
     }                                                                                              \
     __VA_ARGS__ void normalise(std::size_t count, Lighting const& light, Pointers3<float> normal,  \
                                float* cosine) {                                                    \
@@ -270,7 +268,7 @@ KELPA_INLINE void findBlocksLoop(Camera const& camera, CellGrid const& grid, std
                                 Vector const* centers, float const* radii, CellBlocks blocks) {    \
         findBlocksLoop(camera, grid, count, centers, radii, blocks);                               \
     }                                                                                              \
-    constexpr LaneKernels kernels = {cameraRays, aroundNormals, pointsOnRays,                      \
+    constexpr LaneKernels kernels = {cameraRays, aroundNormals, goAlong,                           \
                                      normalise,  shade,         findBlocks};                       \
     }
 

@@ -71,9 +71,9 @@ struct LaneKernels {
     /// distribution.
     void (*aroundNormals)(std::size_t count, Pointers3<float const> normal, Points2 pattern,
                           Pointers3<float> dir);
-    /// Points at parameter `t` of rays.
-    void (*pointsOnRays)(std::size_t count, Pointers3<double const> origin,
-                         Pointers3<float const> dir, double const* t, Pointers3<double> place);
+    /// Moves places along directions, to parameter `t`.
+    void (*goAlong)(std::size_t count, Pointers3<float const> dir, double const* t,
+                    Pointers3<double> place);
     /// Makes the length of vectors 1 and tells how squarely the key light falls onto what has these
     /// normals.
     void (*normalise)(std::size_t count, Lighting const& light, Pointers3<float> normal,

@@ -49,15 +49,12 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
     auto const [left, top, right, bottom] = partOf(image);
     auto const samples = static_cast<std::uint32_t>(image.samples);
     std::vector<Vector> const backgrounds = backgroundRows(image);
-    return {scene,
-            camera,
-            makeLighting(light, camera, scene),
-            samples,
-            image.seed,
-            Strata(samples),
-            Footprint(scene, camera, left, top, right, bottom),
-            backgrounds,
-            emptyPixels(backgrounds, image.samples)};
+    Lighting const lighting = makeLighting(light, camera, scene);
+    return {scene,           camera,
+            lighting,        lighting.hasKey || image.hasAovs(),
+            samples,         image.seed,
+            Strata(samples), Footprint(scene, camera, left, top, right, bottom),
+            backgrounds,     emptyPixels(backgrounds, image.samples)};
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "pipeline/picture/tilepasses.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <span>
 
@@ -12,14 +13,20 @@ namespace {
 
 using Kelpa::Vector;
 
-/// Every other bit of a number: along the curve that these number, pixels near in number are near
-/// in the picture (G. M. Morton, 1966).
-int everyOtherBit(unsigned number) {
-    unsigned bits = 0;
-    for (unsigned bit = 0; bit < 8; ++bit)
-        bits |= ((number >> (2 * bit)) & 1U) << bit;
-    return static_cast<int>(bits);
-}
+/// Where a tile's pixels lie in it, in an order in which those near in number are near in the
+/// picture (G. M. Morton, 1966): column and row are every other bit of the number.
+struct Place {
+    std::uint8_t x, y;
+};
+constexpr std::array<Place, pixelsPerTile> placesInTile = [] {
+    std::array<Place, pixelsPerTile> places{};
+    for (unsigned number = 0; number < pixelsPerTile; ++number)
+        for (unsigned bit = 0; bit < 8; ++bit) {
+            places[number].x |= static_cast<std::uint8_t>((number >> (2 * bit) & 1U) << bit);
+            places[number].y |= static_cast<std::uint8_t>((number >> (2 * bit + 1) & 1U) << bit);
+        }
+    return places;
+}();
 
 void storePixel(Image& image, std::size_t index, Vector const& light, float coverage) {
     for (int channel = 0; channel < 3; ++channel)
@@ -46,9 +53,9 @@ std::size_t gatherPixels(PicturePlan const& plan, int left, int top, Image& imag
                          TilePixel (&pixels)[pixelsPerTile]) {
     std::size_t count = 0;
     auto const width = static_cast<std::size_t>(image.cropX1 - image.cropX0);
-    for (unsigned number = 0; number < pixelsPerTile; ++number) {
-        int const x = left + everyOtherBit(number);
-        int const y = top + everyOtherBit(number >> 1U);
+    for (Place const& place : placesInTile) {
+        int const x = left + place.x;
+        int const y = top + place.y;
         if (x < image.cropX0 || x >= image.cropX1 || y < image.cropY0 || y >= image.cropY1)
             continue;
         std::size_t const index = static_cast<std::size_t>(y - image.cropY0) * width +

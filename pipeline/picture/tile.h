@@ -17,7 +17,9 @@
 
 namespace kelpatool {
 
-constexpr int tileWidth = 8; ///< pixels
+// Wide enough for many rays into the sky that go the same way, small enough for what is known of
+// all samples to stay near the processor.
+constexpr int tileWidth = 16; ///< pixels
 constexpr std::size_t pixelsPerTile = std::size_t{tileWidth} * tileWidth;
 
 /// What all tiles of a picture need to know.
@@ -25,6 +27,7 @@ struct PicturePlan {
     Scene const& scene;
     Camera camera;
     Lighting light;
+    bool needsPlaces;      ///< of what is hit: for light, or for channels that tell them
     std::uint32_t samples; ///< camera rays of a pixel
     std::uint64_t seed;
     Strata strata; ///< of the times of a pixel's samples

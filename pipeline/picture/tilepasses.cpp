@@ -14,15 +14,25 @@ using Kelpa::Vector;
 constexpr std::int64_t noParticle = -1; // skips nothing: the scene's base index is 0
 constexpr double endless = 1e30;
 
-/// A number for the directions that share their signs and their longest component.
+// Directions are told apart by their octant and by a grid over it.
+constexpr unsigned gridBits = 4;
+constexpr unsigned directionKinds = 8U << (2 * gridBits);
+
+// So few rays into the sky at a time that all of a bunch go about the same way.
+constexpr std::size_t skyRaysAtOnce = 16;
+
+/// A number for the directions that lie near one another; within an octant it follows Morton's
+/// curve over where they meet the plane |x| + |y| + |z| = 1.
 unsigned directionKind(float x, float y, float z) {
-    unsigned const signs = (x < 0.0F ? 1U : 0U) | (y < 0.0F ? 2U : 0U) | (z < 0.0F ? 4U : 0U);
-    float const along[3] = {std::abs(x), std::abs(y), std::abs(z)};
-    unsigned const longest =
-        along[0] > along[1] ? (along[0] > along[2] ? 0U : 2U) : (along[1] > along[2] ? 1U : 2U);
-    return 3 * signs + longest;
+    constexpr unsigned end = 1U << gridBits;
+    unsigned kind = (x < 0.0F ? 1U : 0U) | (y < 0.0F ? 2U : 0U) | (z < 0.0F ? 4U : 0U);
+    float const scale = static_cast<float>(end) / (std::abs(x) + std::abs(y) + std::abs(z));
+    unsigned const u = std::min(static_cast<unsigned>(std::abs(x) * scale), end - 1);
+    unsigned const v = std::min(static_cast<unsigned>(std::abs(y) * scale), end - 1);
+    for (unsigned bit = gridBits; bit-- > 0;)
+        kind = kind << 2U | (u >> bit & 1U) << 1U | (v >> bit & 1U);
+    return kind;
 }
-constexpr unsigned directionKinds = 24;
 
 } // namespace
 
@@ -50,6 +60,8 @@ void TilePasses::shootCameraRays() {
         bunch.rays.skipIndex[lane] = noParticle;
         bunch.rays.time[lane] = 0.5F; // of particles that stand still
     }
+    for (std::uint32_t sample = 0; sample < sampleCount; ++sample)
+        lensSteps[sample] = PixelSamples::step(firstSample + sample);
     std::size_t const slots = pixels.size() * sampleCount;
     for (std::size_t slot = 0; slot < slots; slot += lanesPerBunch)
         traceCameraRays(slot, std::min<std::size_t>(lanesPerBunch, slots - slot));
@@ -67,16 +79,15 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
         pixelOf[lane] = static_cast<std::uint16_t>(pixel);
         sampleOf[lane] = static_cast<std::uint16_t>(sample);
         TilePixel const& seen = pixels[pixel];
-        auto const index = firstSample + static_cast<std::uint32_t>(sample);
-        Sample2 const step = PixelSamples::step(index);
+        Sample2 const& step = lensSteps[sample];
         corner[0][lane] = seen.x;
         corner[1][lane] = seen.y;
         pattern[0][lane] = plan.samples == 1 ? 0.5 : seen.lens.x + step.x;
         pattern[1][lane] = plan.samples == 1 ? 0.5 : seen.lens.y + step.y;
         // Never exactly at the ends of the shutter: see `intersect`.
         if (plan.scene.second != nullptr)
-            bunch.rays.time[lane] = static_cast<float>(
-                std::clamp(plan.strata.at(seen.samples, index), 1e-6, 1.0 - 1e-6));
+            bunch.rays.time[lane] = static_cast<float>(std::clamp(
+                plan.strata.at(seen.samples, firstSample + sampleOf[lane]), 1e-6, 1.0 - 1e-6));
         bunch.hits.hitT[lane] = endless;
         bunch.hits.hit[lane] = 0;
         if (++sample == sampleCount) {
@@ -102,9 +113,11 @@ void TilePasses::addSurface(std::uint16_t pixel, std::uint16_t sample, std::size
     surfaces.pixel[i] = pixel;
     surfaces.sample[i] = sample;
     surfaces.particle[i] = hits.hitLocalIndex[lane];
-    surfaces.origin.x[i] = rays.originX[lane];
-    surfaces.origin.y[i] = rays.originY[lane];
-    surfaces.origin.z[i] = rays.originZ[lane];
+    if (!plan.needsPlaces)
+        return;
+    surfaces.place.x[i] = rays.originX[lane];
+    surfaces.place.y[i] = rays.originY[lane];
+    surfaces.place.z[i] = rays.originZ[lane];
     surfaces.dir.x[i] = rays.dirX[lane];
     surfaces.dir.y[i] = rays.dirY[lane];
     surfaces.dir.z[i] = rays.dirZ[lane];
@@ -117,8 +130,6 @@ void TilePasses::addSurface(std::uint16_t pixel, std::uint16_t sample, std::size
 
 /// Finds all that light needs to know of the surfaces.
 void TilePasses::finishSurfaces() {
-    kernels.pointsOnRays(surfaces.count, surfaces.origin, surfaces.dir, surfaces.t, surfaces.place);
-    kernels.normalise(surfaces.count, plan.light, surfaces.normal, surfaces.cosine);
     Scene const& scene = plan.scene;
     for (std::size_t i = 0; i < surfaces.count; ++i) {
         auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
@@ -126,6 +137,13 @@ void TilePasses::finishSurfaces() {
         surfaces.color.x[i] = color.x;
         surfaces.color.y[i] = color.y;
         surfaces.color.z[i] = color.z;
+    }
+    if (!plan.needsPlaces)
+        return;
+    kernels.goAlong(surfaces.count, surfaces.dir, surfaces.t, surfaces.place);
+    kernels.normalise(surfaces.count, plan.light, surfaces.normal, surfaces.cosine);
+    for (std::size_t i = 0; i < surfaces.count; ++i) {
+        auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
         surfaces.clearance[i] = 1e-3 * static_cast<double>(scene.first->radii[particle]);
         surfaces.open[i] = plan.light.occlusionRays == 0 ? 1.0F : 0.0F;
     }
@@ -171,11 +189,11 @@ void TilePasses::makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount) {
 
 /// Sorts the rays by kinds of directions; within a kind they follow the surfaces.
 void TilePasses::orderSkyRays(std::uint32_t rayCount) {
-    std::uint8_t kinds[mostSkyRays];
+    std::uint16_t kinds[mostSkyRays];
     std::size_t next[directionKinds + 1] = {};
     std::size_t const total = rayCount * surfaces.count;
     for (std::size_t ray = 0; ray < total; ++ray) {
-        kinds[ray] = static_cast<std::uint8_t>(
+        kinds[ray] = static_cast<std::uint16_t>(
             directionKind(skyRays.dir.x[ray], skyRays.dir.y[ray], skyRays.dir.z[ray]));
         ++next[kinds[ray] + 1U];
     }
@@ -189,8 +207,8 @@ void TilePasses::orderSkyRays(std::uint32_t rayCount) {
 
 void TilePasses::traceSkyRays(std::size_t total) {
     double const distance = plan.light.occlusionDistance;
-    for (std::size_t begin = 0; begin < total; begin += lanesPerBunch) {
-        std::size_t const end = std::min<std::size_t>(begin + lanesPerBunch, total);
+    for (std::size_t begin = 0; begin < total; begin += skyRaysAtOnce) {
+        std::size_t const end = std::min(begin + skyRaysAtOnce, total);
         bunch.clear();
         for (std::size_t i = begin; i < end; ++i) {
             auto const [ray, surface] = skyRays.order[i];

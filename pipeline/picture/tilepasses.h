@@ -41,11 +41,10 @@ class TilePasses {
         std::uint16_t pixel[mostSurfaces];
         std::uint16_t sample[mostSurfaces]; ///< of the pass
         std::int32_t particle[mostSurfaces];
-        Lanes3<double, mostSurfaces> origin; ///< of the camera ray
         Lanes3<float, mostSurfaces> dir;
         double t[mostSurfaces];
         float time[mostSurfaces];
-        Lanes3<double, mostSurfaces> place;
+        Lanes3<double, mostSurfaces> place; ///< first the camera ray's origin
         Lanes3<float, mostSurfaces> normal; ///< unit
         /// Where rays that leave begin to count. The surface's own particle they skip anyway, but
         /// not another one in the same place, as copies across a periodic border are: rounding
@@ -85,6 +84,7 @@ class TilePasses {
     LaneKernels const& kernels = laneKernels().back();
     std::uint32_t firstSample = 0; ///< of the pass
     std::uint32_t sampleCount = 0;
+    Sample2 lensSteps[mostSamples];
     Bunch bunch;
     Surfaces surfaces;
     SkyRays skyRays;

@@ -101,7 +101,8 @@ LaneResults computed(LaneKernels const& kernels, Camera const& camera, unsigned 
     light.towardsKey = random.direction();
     kernels.cameraRays(camera, most, {results.corner[0], results.corner[1]},
                        {results.pattern[0], results.pattern[1]}, results.origin, results.dir);
-    kernels.pointsOnRays(most, results.origin, results.dir, t, results.place);
+    results.place = results.origin;
+    kernels.goAlong(most, results.dir, t, results.place);
     kernels.normalise(most, light, results.normal, results.cosine);
     kernels.aroundNormals(most, results.normal, {results.pattern[0], results.pattern[1]},
                           results.around);
