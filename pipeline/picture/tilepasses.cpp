@@ -230,9 +230,9 @@ void TilePasses::findShadows() {
     std::size_t asked[lanesPerBunch];
     bunch.clear();
     auto const ask = [&] {
-        bunch.trace(*plan.scene.geometry);
+        std::uint64_t const occluded = bunch.occluded(*plan.scene.geometry);
         for (std::size_t lane = 0; lane < bunch.numLanes; ++lane)
-            surfaces.lit[asked[lane]] = bunch.hits.hit[lane] == 0 ? 1 : 0;
+            surfaces.lit[asked[lane]] = (occluded >> lane & 1U) == 0 ? 1 : 0;
         bunch.clear();
     };
     for (std::size_t i = 0; i < surfaces.count; ++i) {

@@ -38,6 +38,10 @@ struct Bunch {
         hits.hit[lane] = 0;
         lanes[numLanes++] = lane;
     }
+    /// Tells by lane which rays hit anything at all; the hits stay as they are.
+    std::uint64_t occluded(Geometry& geometry) const {
+        return numLanes > 0 ? geometry.bunchOccluded(rays, tMins, tMaxs, lanes, numLanes) : 0;
+    }
     void trace(Geometry& geometry) {
         if (numLanes > 0)
             geometry.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);

@@ -88,6 +88,11 @@ template <class Primitive> class PrimitiveGeometry final : public Geometry {
                         unsigned long numLanes) override {
         return primitive.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);
     }
+    std::uint64_t bunchOccluded(Kelpa::RayBunchExtParams const& rays, double const* tMins,
+                                double const* tMaxs, unsigned char const* lanes,
+                                unsigned long numLanes) override {
+        return primitive.bunchOccluded(rays, tMins, tMaxs, lanes, numLanes);
+    }
     std::optional<Bounds> bounds() override {
         return primitive.tree->numSpheres > 0 ? std::optional(boxOf(primitive)) : std::nullopt;
     }

@@ -80,6 +80,10 @@ class Geometry {
     virtual bool bunchIntersect(Kelpa::RayBunchExtParams const& rays,
                                 Kelpa::RayBunchCommonResult& hits, double* tMins, double* tMaxs,
                                 unsigned char const* lanes, unsigned long numLanes) = 0;
+    /// Whether rays hit anything at all: bit i of the answer tells about lane i.
+    virtual std::uint64_t bunchOccluded(Kelpa::RayBunchExtParams const& rays, double const* tMins,
+                                        double const* tMaxs, unsigned char const* lanes,
+                                        unsigned long numLanes) = 0;
 
     /// The primitive's bounds; nothing when no particle is usable.
     virtual std::optional<Bounds> bounds() = 0;
