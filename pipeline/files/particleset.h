@@ -71,6 +71,7 @@ struct ParticleSet {
     std::string colorSource; ///< the columns that `colors` came from
     std::vector<AttributeSummary> columns;    ///< filled when asked for
     std::vector<std::string> unknownElements; ///< symbols that are in no table
+    std::vector<std::size_t> virtualSites;    ///< rows of the file, rising, that are no particles
     std::vector<std::string> leftOut; ///< what the file holds besides, such as "list 'links'"
     std::vector<Remark> notes;        ///< what the user should know, a line each
     int frame = 0;                    ///< which of them, or of the files of a sequence, this is

@@ -45,6 +45,36 @@ Attribute attributeOf(TypedColumn const& column) {
     return attribute;
 }
 
+/// Takes rows of so many entries out of an array that has any.
+template <class Entry>
+void eraseRows(std::vector<Entry>& array, std::vector<std::size_t> const& rows, std::size_t width) {
+    auto next = rows.begin();
+    std::size_t kept = 0;
+    for (std::size_t at = 0; at < array.size(); ++at) {
+        while (next != rows.end() && *next < at / width)
+            ++next;
+        if (next == rows.end() || *next != at / width)
+            array[kept++] = array[at];
+    }
+    array.resize(kept);
+}
+
+/// Takes particles out of a frame.
+void eraseParticles(ParticleSet& frame, std::vector<std::size_t> const& rows) {
+    eraseRows(frame.positions, rows, 1);
+    eraseRows(frame.velocities, rows, 1);
+    eraseRows(frame.images, rows, 1);
+    eraseRows(frame.colors, rows, 1);
+    eraseRows(frame.radii, rows, 1);
+    eraseRows(frame.ids, rows, 1);
+    eraseRows(frame.elements, rows, 1);
+    eraseRows(frame.types, rows, 1);
+    for (Attribute& attribute : frame.attributes)
+        eraseRows(attribute.values, rows, 1);
+    for (TypedColumn& column : frame.typed)
+        eraseRows(column.bytes, rows, scalarBytes(column.type));
+}
+
 template <class Array> void giveIfMissing(Array& array, Array const& given) {
     if (array.empty())
         array = given;
@@ -64,6 +94,9 @@ ReadOptions Topology::forTrajectory(ReadOptions options) const {
 }
 
 void Topology::giveTo(ParticleSet& frame, ReadOptions const& options) const {
+    // A trajectory places the virtual sites as well, which the topology tells and does not hold.
+    if (frame.positions.size() == known.positions.size() + known.virtualSites.size())
+        eraseParticles(frame, known.virtualSites);
     if (frame.positions.size() != known.positions.size())
         throw InputError(fmt::format("{}: {} particles, and the topology {} tells of {}",
                                      frame.name, frame.positions.size(), path,

@@ -119,6 +119,15 @@ TEST_F(Trajectories, GetNamesFromATopology) {
         EXPECT_EQ(set.positions[0].x, frame == 0 ? 1.0F : 10.0F);
         EXPECT_EQ(set.attributes.at(0).values, (std::vector<float>{20.25F, 20.25F, 20.25F}));
     }
+    // The site of a water that only carries charge is placed, and no particle.
+    std::string const water =
+        file("water.gro", "t\n3\n    1SOL     OW    1   1.000   2.000  -3.000\n"
+                          "    1SOL     MW    2   1.000   2.000  -3.000\n"
+                          "    1SOL    HW1    3   1.000   2.000  -3.000\n   1 1 1\n");
+    ParticleSet const atoms = FrameSource(seed("little")).read(1, {.topology = water});
+    EXPECT_EQ(atoms.elements, (std::vector<std::uint8_t>{8, 1}));
+    ASSERT_EQ(atoms.positions.size(), 2U);
+    EXPECT_TRUE(same(atoms.positions[0], {10, 20, 30}) && same(atoms.positions[1], {70, 80, 90}));
     options.attributes = {"nothing"};
     EXPECT_THROW(source.read(0, options), InputError);
     FrameSource other(file("two.xyz", "2\n\nC 0 0 0\nC 1 0 0\n"));

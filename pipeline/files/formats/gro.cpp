@@ -234,19 +234,19 @@ ParticleSet GroFrames::read(InputFile& file, ReadOptions const& options) {
     converter.reserve(plausibleRows(file, frame.rows, numbersBegin + 3 * width));
 
     AtomNames names(particles.unknownElements);
-    std::uint64_t virtualSites = 0;
     readRows(file, frame.rows, layout.rowBytes, false, converter, [&](char* row) {
         std::string_view const line = nextTextRow(file, frame, file.particles);
         parseRow(file, layout, line, row);
         std::optional<std::uint8_t> const element = names.elementIn(line);
         double const number = element.value_or(std::uint8_t{0});
         std::memcpy(row + layout.columns.back().offset, &number, sizeof number);
-        virtualSites += element ? 0 : 1;
+        if (!element)
+            particles.virtualSites.push_back(static_cast<std::size_t>(file.particles));
         return element.has_value();
     });
-    if (virtualSites > 0)
-        particles.notes.push_back(
-            {fmt::format("{} virtual sites (MW, LP) are no atoms and left out", virtualSites)});
+    if (!particles.virtualSites.empty())
+        particles.notes.push_back({fmt::format(
+            "{} virtual sites (MW, LP) are no atoms and left out", particles.virtualSites.size())});
     readBox(file, particles);
     return particles;
 }
