@@ -28,8 +28,8 @@ class Picture {
     /// or which an earlier picture of the same size and channels was rendered into.
     ///
     /// Every sample depends on its pixel, its number and the seed alone: tiles may be rendered in
-    /// any order, and by any number of threads at once, each tile by one. The tile is left half
-    /// done when `goOn`, which is asked now and then, says no.
+    /// any order, and by any number of threads at once, each tile by one, with 1 MiB of stack
+    /// left. The tile is left half done when `goOn`, which is asked now and then, says no.
     void renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn = {}) const;
 
   private:

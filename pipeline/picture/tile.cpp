@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <span>
 
 namespace kelpatool {
@@ -85,7 +84,9 @@ void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa:
     std::size_t const count = gatherPixels(plan, left, top, image, pixels);
     if (count == 0)
         return;
-    auto const passes = std::make_unique<TilePasses>(plan, std::span(pixels, count));
+    // On the stack, 700 kB: where threads have taken all the memory that there is, their stacks are
+    // still theirs.
+    TilePasses passes(plan, std::span(pixels, count));
     std::uint32_t const numPasses =
         (plan.samples + TilePasses::mostSamples - 1) / TilePasses::mostSamples;
     std::uint32_t first = 0;
@@ -94,9 +95,9 @@ void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa:
             return;
         // As many in every pass, or one more.
         std::uint32_t const samples = (plan.samples - first) / (numPasses - pass);
-        passes->add(first, samples, goOn);
+        passes.add(first, samples, goOn);
         if (first == 0)
-            passes->storeFirstHits(image);
+            passes.storeFirstHits(image);
         first += samples;
     }
     for (TilePixel const& pixel : std::span(pixels, count))
