@@ -1,23 +1,15 @@
 // Runs the real command in a folder of its own and looks at what its user would see.
 
-#include "pipeline/picture/framing.h"
-#include "pipeline/scene/bounds.h"
-
-#include "tests/support/clouds.h"
 #include "tests/support/command.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
-#include <csignal>
 #include <set>
-#include <thread>
 
 namespace {
 
 using namespace kelpatest;
-using std::chrono::milliseconds;
 
 TEST_F(Command, GeneratesRendersAndTellsAboutAFile) {
     Answer const made =
@@ -244,211 +236,6 @@ TEST_F(Command, NotesWhatTheUserShouldKnow) {
     EXPECT_EQ(list.out.substr(0, 3) + list.out.substr(list.out.size() - 4), "[\n{}\n]\n");
 }
 
-TEST_F(Command, LeavesNoPartOfAFileOnAFullDisk) {
-    for (Words const& words :
-         {Words{"generate", "cloud", "--count", "100000", "-o", "c.ply"},
-          Words{"generate", "cloud", "--count", "100000", "--ascii", "-o", "c.ply"},
-          Words{"render", "g.ply", "--samples", "1", "-o", "g.ppm"},
-          Words{"render", "g.ply", "--samples", "1", "-o", "g.png"},
-          Words{"render", "g.ply", "--samples", "1", "-o", "g.exr"}}) {
-        SCOPED_TRACE(words.back());
-        write("g.ply", plyOf("x y z radius", {sphere(0, 0)}));
-        Answer const answer = run(words, 2000);
-        EXPECT_EQ(answer.code, 4);
-        EXPECT_TRUE(contains(answer.err, words.back() + ": ")) << answer.err;
-        EXPECT_EQ(others({"g.ply"}), Words{});
-    }
-    // Standard output may be full as well, at once or when more comes than its buffer holds.
-    Words const values(1000, "1");
-    std::string names = "x y z";
-    for (std::size_t i = 3; i < values.size(); ++i)
-        names += fmt::format(" column{}", i);
-    write("wide.ply", plyOf(names, {fmt::format("{}", fmt::join(values, " "))}));
-    for (char const* const words : {"info g.ply -q", "info wide.ply -q", "--help"}) {
-        int const status = inShell(fmt::format("{} >/dev/full", words));
-        EXPECT_EQ(WEXITSTATUS(status), 4) << words << read("stderr");
-    }
-}
-
-TEST_F(Command, WorksWithoutAnybodyToTell) {
-    std::string const make = "generate cloud --count 200000 --ascii -o ";
-    EXPECT_EQ(inShell(make + "told.ply"), 0);
-    for (char const* const ears : {"2>&-", "2>/dev/full", "2>&1 | true"}) {
-        SCOPED_TRACE(ears);
-        EXPECT_EQ(inShell(fmt::format("{} c.ply {}; code=$?; cmp told.ply c.ply || code=99; "
-                                      "rm c.ply; (exit $code)",
-                                      make, ears)),
-                  0);
-    }
-    EXPECT_EQ(others({"told.ply"}), Words{});
-}
-
-TEST_F(Command, MakesDoWithTheThreadsThatTheSystemGrants) {
-    write("g.ply", plyOf("x y z radius", {sphere(0, 0)}));
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer itself takes more addresses than the limit allows";
-#endif
-    // Room for the stacks of about a hundred threads.
-    int const status = inShell("render g.ply -n 4096 --samples 1 -o g.ppm", "ulimit -v 1000000");
-    EXPECT_EQ(WEXITSTATUS(status), 0) << read("stderr");
-}
-
-#if defined(__SANITIZE_THREAD__)
-constexpr bool isThreadSanitized = true;
-#else
-constexpr bool isThreadSanitized = false;
-#endif
-
-/// Whether a process has got as far as to look after SIGINT itself.
-bool catchesInterrupts(pid_t process) {
-    std::ifstream status(fmt::format("/proc/{}/status", process));
-    for (std::string line; std::getline(status, line);)
-        if (line.starts_with("SigCgt:"))
-            return (std::stoull(line.substr(7), nullptr, 16) >> (SIGINT - 1) & 1U) != 0;
-    return false;
-}
-
-TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
-    run({"generate", "cloud", "--count", "200000", "-o", "c.ply"});
-    // Without radii: their search for neighbours takes a second or more.
-    std::vector<float> coordinates(9'000'000);
-    Random random(1);
-    std::generate(coordinates.begin(), coordinates.end(), [&random] { return random.unit(); });
-    write("n.ply",
-          "ply\nformat binary_little_endian 1.0\nelement vertex 3000000\nproperty float x\n"
-          "property float y\nproperty float z\nend_header\n" +
-              std::string(reinterpret_cast<char const*>(coordinates.data()),
-                          coordinates.size() * sizeof(float)));
-    for (char const* const pipe : {"idle.ply", "mute.ply"})
-        ASSERT_EQ(mkfifo((folder / pipe).c_str(), 0600), 0);
-    int const writer = open((folder / "mute.ply").c_str(), O_RDWR | O_CLOEXEC); // writes nothing
-    struct Case {
-        Words words;
-        bool saysWhenReady; ///< prints statistics when the tree is built
-        int signal = SIGINT;
-    };
-    for (auto const& [words, saysWhenReady, signal] :
-         {Case{{"render", "c.ply", "-q", "--stats", "--samples", "4096", "-o", "c.ppm"}, true},
-          Case{{"render", "c.ply", "-q", "--samples", "4096", "-o", "c.ppm"}, false, SIGTERM},
-          Case{{"info", "n.ply", "-q"}, false}, Case{{"info", "idle.ply", "-q"}, false},
-          Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ply"}, false},
-          Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"},
-               false,
-               SIGHUP}}) {
-        SCOPED_TRACE(words.back());
-        if (isThreadSanitized && words[1] == "idle.ply")
-            continue; // it keeps the signal to itself until the pipe is opened
-        fs::remove(folder / "stderr");
-        pid_t const child = start(words);
-        for (int waits = 0; waits < 600; ++waits) {
-            if (saysWhenReady ? !read("stderr").empty() : catchesInterrupts(child))
-                break;
-            std::this_thread::sleep_for(milliseconds{100});
-        }
-        std::this_thread::sleep_for(milliseconds{150});
-        auto const begin = std::chrono::steady_clock::now();
-        kill(child, signal);
-        Answer const answer = finish(child);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin,
-                  milliseconds{isThreadSanitized ? 5000 : 1000});
-        EXPECT_EQ(answer.code, 130);
-        EXPECT_TRUE(contains(answer.err, "kelpa: interrupted\n")) << answer.err;
-        EXPECT_EQ(others({"c.ply", "n.ply", "idle.ply", "mute.ply"}), Words{});
-    }
-    close(writer);
-}
-
-// ------------------------------------------------------------- camera ----
-
-using kelpatool::Vec;
-
-double along(Kelpa::Vector const& c, Vec const& eye, Vec const& axis) {
-    return (static_cast<double>(c.x) - eye.x) * axis.x +
-           (static_cast<double>(c.y) - eye.y) * axis.y +
-           (static_cast<double>(c.z) - eye.z) * axis.z;
-}
-
-/// How far the spheres reach over the frame's sides brought in by 5 %, relative to the cloud's
-/// size: 0 when one just touches, above 0 when one is beyond.
-double excess(kelpatool::Camera const& camera, std::vector<Kelpa::Vector> const& centers,
-              std::vector<float> const& radii, double size) {
-    double const tangents[2] = {camera.tanHalfHeight * camera.width / camera.height / 1.05,
-                                camera.tanHalfHeight / 1.05};
-    double most = -1e300;
-    for (std::size_t i = 0; i < centers.size(); ++i) {
-        double const r = static_cast<double>(radii[i]);
-        double const depth = along(centers[i], camera.eye, camera.forward);
-        EXPECT_GT(depth, r) << "behind the eye, or around it";
-        for (int axis = 0; axis < 2; ++axis) {
-            double const across =
-                std::abs(along(centers[i], camera.eye, axis == 0 ? camera.right : camera.up));
-            double const t = tangents[axis];
-            most = std::max(most, camera.isParallel
-                                      ? across + r - t
-                                      : (across - depth * t) / std::sqrt(1.0 + t * t) + r);
-        }
-    }
-    return most / size;
-}
-
-TEST(Camera, FitsAllSpheresAndTouchesTheMargin) {
-    for (unsigned seed = 0; seed < 500; ++seed) {
-        SCOPED_TRACE(seed);
-        Random random(seed);
-        std::vector<Kelpa::Vector> centers;
-        std::vector<float> radii;
-        float const size = random.powerOfTwo(-10, 10);
-        Kelpa::Vector const away = random.inCube(3.0F * size);
-        for (int count = 1 + random.below(20); count > 0; --count) {
-            Kelpa::Vector const place = random.inCube(size);
-            centers.push_back({place.x + away.x, place.y + away.y, place.z + away.z});
-            radii.push_back(size * random.between(0.01F, 0.5F));
-        }
-        kelpatool::CameraOptions options;
-        char const* const views[] = {"", "front", "back", "left", "right", "top", "bottom", "iso"};
-        options.view = views[random.below(8)];
-        options.ortho = random.below(2) == 0;
-        options.fov = static_cast<double>(random.between(5.0F, 120.0F));
-        if (random.below(2) == 0)
-            options.up = random.direction();
-        char const upAxis = random.below(2) == 0 ? 'y' : 'z';
-        auto const camera =
-            kelpatool::placeCamera(options, 10 + random.below(300), 10 + random.below(300), upAxis,
-                                   centers, radii, Vec{0, 0, 0});
-        EXPECT_NEAR(excess(camera, centers, radii, static_cast<double>(size)), 0.0, 1e-9);
-        auto const middle = camera.ray(camera.width * 0.5, camera.height * 0.5);
-        EXPECT_NEAR(static_cast<double>(middle.dir.x), camera.forward.x, 1e-6);
-        EXPECT_NEAR(static_cast<double>(middle.dir.y), camera.forward.y, 1e-6);
-        // The upper left corner is up and to the left.
-        auto const corner = camera.ray(0.0, 0.0);
-        Kelpa::Vector const place = {static_cast<float>(corner.origin[0]) + size * corner.dir.x,
-                                     static_cast<float>(corner.origin[1]) + size * corner.dir.y,
-                                     static_cast<float>(corner.origin[2]) + size * corner.dir.z};
-        EXPECT_LT(along(place, camera.eye, camera.right), 0.0);
-        EXPECT_GT(along(place, camera.eye, camera.up), 0.0);
-    }
-}
-
-TEST(Camera, SeesAFlatSetFaceOn) {
-    for (int axis = 0; axis < 3; ++axis) {
-        for (char const upAxis : {'y', 'z'}) {
-            Random random(static_cast<unsigned>(axis));
-            std::vector<Kelpa::Vector> centers;
-            for (int i = 0; i < 30; ++i) {
-                centers.push_back(random.inCube(5.0F));
-                centers.back()[axis] = 2.0F;
-            }
-            std::vector<float> const radii(centers.size(), 0.1F);
-            auto const camera =
-                kelpatool::placeCamera({}, 160, 90, upAxis, centers, radii, Vec{0, 0, 0});
-            double const forward[3] = {camera.forward.x, camera.forward.y, camera.forward.z};
-            EXPECT_EQ(std::abs(forward[axis]), 1.0) << axis << upAxis;
-        }
-    }
-}
-
-} // namespace
-
 TEST_F(Command, RendersFramesOfFilesAndSequences) {
     // Particle 1 stands; particle 2 goes right by 1 from frame to frame and, wrapped, comes back.
     auto const frame = [](int step) {
@@ -512,3 +299,5 @@ TEST_F(Command, RendersFramesOfFilesAndSequences) {
         EXPECT_TRUE(contains(answer.err, text)) << answer.err;
     }
 }
+
+} // namespace
