@@ -1,3 +1,4 @@
+// Which version this is.
 #pragma once
 
 namespace kelpatool {

@@ -1,3 +1,4 @@
+// Colours by name and by code.
 #pragma once
 
 #include "kelpa/foundation/vector.h"

@@ -1,3 +1,4 @@
+// The frames of a file, or of a sequence of files.
 #pragma once
 
 #include "pipeline/files/particlefile.h"

@@ -1,3 +1,4 @@
+// The bytes of a file, plain or packed.
 #pragma once
 
 #include "pipeline/files/errors.h"

@@ -1,3 +1,4 @@
+// Numbers in file names: "####", "%04d".
 #pragma once
 
 #include <cstddef>

@@ -1,3 +1,4 @@
+// What a particle file holds.
 #pragma once
 
 #include "kelpa/foundation/vector.h"

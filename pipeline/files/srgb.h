@@ -1,3 +1,4 @@
+// Codes of light: sRGB and linear.
 #pragma once
 
 #include <array>

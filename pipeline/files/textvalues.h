@@ -1,3 +1,4 @@
+// Words and numbers in texts.
 #pragma once
 
 #include "pipeline/files/printable.h"

@@ -1,3 +1,4 @@
+// Pictures of 8 bits a channel: PNG and PPM.
 #include "pipeline/files/srgb.h"
 #include "pipeline/imagefile/encoders.h"
 

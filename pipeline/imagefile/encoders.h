@@ -1,3 +1,4 @@
+// The formats that pictures are written in.
 #pragma once
 
 #include "pipeline/files/progress.h"

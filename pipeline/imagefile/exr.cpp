@@ -1,3 +1,4 @@
+// Pictures as OpenEXR.
 #include "pipeline/imagefile/encoders.h"
 
 #include <ImfChannelList.h>

@@ -1,7 +1,7 @@
 #include "pipeline/picture/lanekernels.h"
 
 #include "pipeline/picture/sampling.h"
-#include "pipeline/picture/vector.h"
+#include "pipeline/scene/vec.h"
 
 #include <cmath>
 #include <vector>

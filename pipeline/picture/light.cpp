@@ -1,7 +1,7 @@
 #include "pipeline/picture/light.h"
 
-#include "pipeline/picture/vector.h"
 #include "pipeline/scene/bounds.h"
+#include "pipeline/scene/vec.h"
 
 #include <algorithm>
 

@@ -3,7 +3,7 @@
 #include "kelpa/host/pieces.h"
 
 #include "pipeline/files/srgb.h"
-#include "pipeline/picture/vector.h"
+#include "pipeline/scene/vec.h"
 
 #include <algorithm>
 #include <atomic>

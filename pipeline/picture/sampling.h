@@ -1,3 +1,4 @@
+// Where the samples of a pixel lie, in its area and in time.
 #pragma once
 
 #include <cmath>

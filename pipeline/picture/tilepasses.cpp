@@ -1,6 +1,6 @@
 #include "pipeline/picture/tilepasses.h"
 
-#include "pipeline/picture/vector.h"
+#include "pipeline/scene/vec.h"
 
 #include <algorithm>
 #include <cmath>

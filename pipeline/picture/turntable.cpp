@@ -1,3 +1,4 @@
+// Cameras that go once around.
 #include "pipeline/picture/framing.h"
 #include "pipeline/scene/bounds.h"
 

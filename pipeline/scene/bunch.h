@@ -1,3 +1,4 @@
+// Up to 64 rays that are asked together.
 #pragma once
 
 #include "kelpa/foundation/hosttypes.h"

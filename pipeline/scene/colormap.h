@@ -1,3 +1,4 @@
+// Colours for numbers and for kinds.
 #pragma once
 
 #include "kelpa/foundation/vector.h"

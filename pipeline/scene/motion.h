@@ -1,3 +1,4 @@
+// Which particles of two snapshots belong together, and their ways in periodic cells.
 #pragma once
 
 #include "pipeline/files/particleset.h"

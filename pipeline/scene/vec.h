@@ -1,3 +1,4 @@
+// Vectors of double and of single precision.
 #pragma once
 
 #include "kelpa/foundation/vector.h"
@@ -31,6 +32,28 @@ inline Vec unit(Vec const& v) {
 }
 inline Vec wide(Kelpa::Vector const& v) {
     return {static_cast<double>(v.x), static_cast<double>(v.y), static_cast<double>(v.z)};
+}
+
+inline Kelpa::Vector operator+(Kelpa::Vector const& a, Kelpa::Vector const& b) {
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
+}
+inline Kelpa::Vector operator*(Kelpa::Vector const& a, float s) {
+    return {a.x * s, a.y * s, a.z * s};
+}
+inline float dot(Kelpa::Vector const& a, Kelpa::Vector const& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+inline Kelpa::Vector cross(Kelpa::Vector const& a, Kelpa::Vector const& b) {
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+/// Of length 1; the zero vector stays.
+inline Kelpa::Vector unit(Kelpa::Vector const& v) {
+    float const length = std::sqrt(dot(v, v));
+    float const scale = length > 0.0F ? 1.0F / length : 1.0F;
+    return v * scale;
+}
+inline Kelpa::Vector narrow(Vec const& v) {
+    return {static_cast<float>(v.x), static_cast<float>(v.y), static_cast<float>(v.z)};
 }
 
 } // namespace kelpatool

@@ -7,8 +7,8 @@
 #include "pipeline/picture/framing.h"
 #include "pipeline/picture/lanekernels.h"
 #include "pipeline/picture/sampling.h"
-#include "pipeline/picture/vector.h"
 #include "pipeline/scene/scene.h"
+#include "pipeline/scene/vec.h"
 
 #include "tests/support/clouds.h"
 

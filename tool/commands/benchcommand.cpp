@@ -1,3 +1,4 @@
+// kelpa bench: speed of builds and rays with a file's particles.
 #include "kelpa/host/consoleprogress.h"
 #include "kelpa/host/pieces.h"
 
@@ -49,10 +50,6 @@ class RayNumbers {
 // Within the shutter, neither end included.
 float timeOf(RayNumbers& numbers) {
     return static_cast<float>(0.001 + 0.998 * numbers.next());
-}
-
-Vector narrow(Vec const& v) {
-    return {static_cast<float>(v.x), static_cast<float>(v.y), static_cast<float>(v.z)};
 }
 
 Kelpa::RSRay rayFrom(Vec const& origin, Vec const& dir, float time, std::int64_t skipIndex) {

@@ -1,3 +1,4 @@
+// The commands of kelpa.
 #pragma once
 
 #include "tool/options/options.h"

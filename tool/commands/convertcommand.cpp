@@ -1,3 +1,4 @@
+// kelpa convert: a frame of a file as PLY.
 #include "pipeline/files/elements.h"
 #include "pipeline/imagefile/imagefile.h"
 

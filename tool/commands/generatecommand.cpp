@@ -1,3 +1,4 @@
+// kelpa generate: samples of particles.
 #include "pipeline/imagefile/imagefile.h"
 #include "pipeline/samples/samples.h"
 

@@ -1,3 +1,4 @@
+// kelpa info: what files hold.
 #include "pipeline/files/errors.h"
 
 #include "tool/commands/commands.h"

@@ -1,3 +1,4 @@
+// kelpa render: pictures of frames, turns and films.
 #include "pipeline/files/numberplace.h"
 #include "pipeline/files/outputfile.h"
 #include "pipeline/imagefile/imagefile.h"

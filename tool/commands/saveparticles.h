@@ -1,3 +1,4 @@
+// What convert and generate save.
 #pragma once
 
 #include "pipeline/files/particleset.h"

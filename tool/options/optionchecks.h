@@ -1,3 +1,4 @@
+// Whether options go together.
 #pragma once
 
 #include "tool/options/options.h"

@@ -1,3 +1,4 @@
+// Forms in which options take their values.
 #pragma once
 
 // How options take their values; internal to the command line, since CLI11 is slow to compile.

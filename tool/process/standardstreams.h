@@ -1,3 +1,4 @@
+// Standard output and error, whatever they are.
 #pragma once
 
 #include "pipeline/files/printable.h"

@@ -1,3 +1,4 @@
+// The phases that commands are made of.
 #pragma once
 
 #include "kelpa/foundation/hosttypes.h"

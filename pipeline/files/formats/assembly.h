@@ -1,3 +1,4 @@
+// Biological assemblies: copies of a molecule, turned and moved.
 #pragma once
 
 #include "pipeline/files/inputfile.h"

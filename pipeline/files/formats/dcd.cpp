@@ -1,3 +1,4 @@
+// Reads DCD trajectories.
 #include "pipeline/files/columnuses.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/molecule.h"

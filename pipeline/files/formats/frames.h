@@ -1,3 +1,4 @@
+// Formats whose files hold frame after frame.
 #pragma once
 
 #include "pipeline/files/inputfile.h"

@@ -1,3 +1,4 @@
+// What readers use gemmi for.
 #pragma once
 
 #include <array>

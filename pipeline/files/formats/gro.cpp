@@ -1,3 +1,4 @@
+// Reads GRO, frame after frame.
 #include "pipeline/files/elements.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/readers.h"

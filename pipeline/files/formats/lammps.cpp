@@ -1,3 +1,4 @@
+// Reads LAMMPS dumps, frame after frame.
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"

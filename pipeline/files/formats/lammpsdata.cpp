@@ -1,3 +1,4 @@
+// Reads LAMMPS data files.
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"

@@ -1,3 +1,4 @@
+// Reads mmCIF.
 #include "pipeline/files/formats/assembly.h"
 #include "pipeline/files/formats/crystal.h"
 #include "pipeline/files/formats/gemmifile.h"

@@ -1,3 +1,4 @@
+// Reads PDB.
 #include "pipeline/files/formats/assembly.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/gemmifile.h"

@@ -1,3 +1,4 @@
+// Reads PLY, text and binary.
 #include "pipeline/files/columnuses.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/plyheader.h"

@@ -1,3 +1,4 @@
+// Rows of words, as text formats have them.
 #pragma once
 
 #include "pipeline/files/columnuses.h"

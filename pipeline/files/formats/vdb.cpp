@@ -1,3 +1,4 @@
+// Reads OpenVDB points, by a program of its own.
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/readerprogram.h"
 #include "pipeline/files/formats/readers.h"

@@ -1,3 +1,4 @@
+// Reads XTC trajectories.
 #include "pipeline/files/columnuses.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/readers.h"
