@@ -2,8 +2,6 @@
 
 #include "pipeline/files/srgb.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -105,10 +103,11 @@ Kelpa::Vector parseColor(std::string const& text) {
     if (auto const code = hasDigits ? codeOfDigits(text.substr(1)) : codeOfName(text))
         return linearOf(*code);
     throw std::invalid_argument(
-        hasDigits ? fmt::format("'{}' is not a colour of the form #rrggbb or #rgb", text)
-                  : fmt::format("'{}' is no colour; write #rrggbb, #rgb or a name that web pages "
-                                "know, such as red, steelblue or white",
-                                text));
+        "'" + text + "' " +
+        (hasDigits
+             ? "is not a colour of the form #rrggbb or #rgb"
+             : "is no colour; write #rrggbb, #rgb or a name that web pages know, such as red, "
+               "steelblue or white"));
 }
 
 } // namespace kelpatool

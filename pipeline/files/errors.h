@@ -1,6 +1,7 @@
 // What readers and writers throw.
 #pragma once
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,9 +21,12 @@ struct Hint {
         standStill,
         setRadius,
         setRange,
+        nameElements,     ///< was asked for, in vain
+        nameMoreElements, ///< than `count`
     };
     To to = To::nothing;
     int frame = 0;
+    std::size_t count = 0;
 };
 
 /// Something to tell the user, and what could be asked for instead.

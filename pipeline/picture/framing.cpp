@@ -47,6 +47,8 @@ Vec viewDirection(CameraOptions const& options, char upAxis, Bounds const& bound
         return turned({0, 1, 0}, upAxis);
     if (options.view == "bottom")
         return turned({0, -1, 0}, upAxis);
+    if (options.view.empty() && options.direction)
+        return wide(*options.direction) * -1.0;
     if (options.view.empty()) {
         switch (flatAxis(bounds)) {
         case 0:

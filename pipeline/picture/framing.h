@@ -14,6 +14,7 @@ namespace kelpatool {
 
 struct CameraOptions {
     std::string view;
+    std::optional<Kelpa::Vector> direction; ///< of sight, where there is no view
     std::optional<Kelpa::Vector> eye;
     std::optional<Kelpa::Vector> lookAt;
     std::optional<Kelpa::Vector> up;

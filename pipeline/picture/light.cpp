@@ -11,10 +11,12 @@ Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene c
     Lighting light;
     light.up = narrow(camera.up);
     // From behind the viewer's left shoulder, well above.
-    Kelpa::Vector const right = narrow(camera.right);
-    Kelpa::Vector const back = narrow(camera.forward) * -1.0F;
-    light.towardsKey = unit(right * -0.55F + light.up * 0.8F + back * 0.6F);
-    light.hasKey = options.shade != LightOptions::Shade::flat;
+    light.right = narrow(camera.right);
+    light.back = narrow(camera.forward) * -1.0F;
+    light.towardsKey = unit(light.right * -0.55F + light.up * 0.8F + light.back * 0.6F);
+    light.shade = options.shade;
+    light.hasKey =
+        options.shade == LightOptions::Shade::ao || options.shade == LightOptions::Shade::lit;
     light.hasShadows =
         light.hasKey && options.shadows.value_or(options.shade == LightOptions::Shade::ao);
     light.occlusionRays = options.shade == LightOptions::Shade::ao ? options.aoSamples : 0;

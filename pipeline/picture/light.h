@@ -17,7 +17,10 @@ struct Lighting {
     float key = 0.64F;    ///< where it falls straight onto a surface
     float sky = 0.45F;    ///< from above ...
     float ground = 0.18F; ///< ... and from below
-    bool hasKey = true;   ///< else surfaces show their colour alone
+    LightOptions::Shade shade = LightOptions::Shade::ao;
+    Kelpa::Vector right; ///< the camera's axes
+    Kelpa::Vector back;
+    bool hasKey = true;
     bool hasShadows = true;
     int occlusionRays = 0; ///< per camera ray
     double occlusionDistance = 0.0;

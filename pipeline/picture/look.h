@@ -17,13 +17,20 @@ struct ImageOptions {
     std::optional<Kelpa::Vector> background; ///< linear
     bool transparent = false;
     std::optional<std::array<int, 4>> crop;
+    std::array<double, 2> shutter = {0.0, 1.0}; ///< the part of the particles' way that is seen
     bool depth = false, normal = false, id = false, position = false;
 
     bool hasAovs() const { return depth || normal || id || position; }
 };
 
 struct LightOptions {
-    enum class Shade { ao, lit, flat };
+    enum class Shade {
+        ao,
+        lit,
+        flat,
+        headlight, ///< from the eye
+        normals,   ///< as colours, in the camera's axes
+    };
 
     Shade shade = Shade::ao;
     int aoSamples = 2;

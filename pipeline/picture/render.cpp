@@ -50,11 +50,18 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
     auto const samples = static_cast<std::uint32_t>(image.samples);
     std::vector<Vector> const backgrounds = backgroundRows(image);
     Lighting const lighting = makeLighting(light, camera, scene);
-    return {scene,           camera,
-            lighting,        lighting.hasKey || image.hasAovs(),
-            samples,         image.seed,
-            Strata(samples), Footprint(scene, camera, left, top, right, bottom),
-            backgrounds,     emptyPixels(backgrounds, image.samples)};
+    bool const showsShape = light.shade != LightOptions::Shade::flat;
+    return {scene,
+            camera,
+            lighting,
+            showsShape || image.hasAovs(),
+            samples,
+            image.seed,
+            Strata(samples),
+            image.shutter,
+            Footprint(scene, camera, left, top, right, bottom),
+            backgrounds,
+            emptyPixels(backgrounds, image.samples)};
 }
 
 } // namespace

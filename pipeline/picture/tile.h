@@ -11,6 +11,7 @@
 #include "pipeline/picture/sampling.h"
 #include "pipeline/scene/scene.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -31,6 +32,7 @@ struct PicturePlan {
     std::uint32_t samples; ///< camera rays of a pixel
     std::uint64_t seed;
     Strata strata; ///< of the times of a pixel's samples
+    std::array<double, 2> shutter;
     Footprint footprint;
     std::vector<Kelpa::Vector> backgrounds; ///< of each row of the picture
     std::vector<Kelpa::Vector> emptyPixels; ///< what they come to where all samples see them

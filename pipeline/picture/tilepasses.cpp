@@ -46,6 +46,10 @@ void TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const
         findShadows();
         kernels.shade(surfaces.count, plan.light, surfaces.normal, surfaces.dir, surfaces.cosine,
                       surfaces.open, surfaces.lit, surfaces.color);
+    } else if (plan.light.shade == LightOptions::Shade::headlight) {
+        lightFromEye();
+    } else if (plan.light.shade == LightOptions::Shade::normals) {
+        showNormals();
     }
     addToPixels();
 }
@@ -67,6 +71,13 @@ void TilePasses::shootCameraRays() {
         traceCameraRays(slot, std::min<std::size_t>(lanesPerBunch, slots - slot));
 }
 
+/// Of a place in the shutter, 0 to 1; never exactly at its ends: see `intersect`.
+float TilePasses::timeAt(double part) const {
+    auto const [opens, closes] = plan.shutter;
+    double const inside = std::clamp(part, 1e-6, 1.0 - 1e-6);
+    return static_cast<float>(opens * (1.0 - inside) + closes * inside);
+}
+
 void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
     // Of each lane, its pixel and the sample.
     std::uint16_t pixelOf[lanesPerBunch];
@@ -84,10 +95,9 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
         corner[1][lane] = seen.y;
         pattern[0][lane] = plan.samples == 1 ? 0.5 : seen.lens.x + step.x;
         pattern[1][lane] = plan.samples == 1 ? 0.5 : seen.lens.y + step.y;
-        // Never exactly at the ends of the shutter: see `intersect`.
         if (plan.scene.second != nullptr)
-            bunch.rays.time[lane] = static_cast<float>(std::clamp(
-                plan.strata.at(seen.samples, firstSample + sampleOf[lane]), 1e-6, 1.0 - 1e-6));
+            bunch.rays.time[lane] =
+                timeAt(plan.strata.at(seen.samples, firstSample + sampleOf[lane]));
         bunch.hits.hitT[lane] = endless;
         bunch.hits.hit[lane] = 0;
         if (++sample == sampleCount) {
@@ -253,6 +263,29 @@ void TilePasses::addLeavingRay(std::size_t surface, Vector const& dir, double en
               {surfaces.place.x[surface], surfaces.place.y[surface], surfaces.place.z[surface]},
               dir, surfaces.clearance[surface], end, surfaces.time[surface],
               surfaces.particle[surface]);
+}
+
+void TilePasses::lightFromEye() {
+    // Some light comes from everywhere, so that rims do not vanish before a black ground.
+    constexpr float ambient = 0.15F;
+    for (std::size_t i = 0; i < surfaces.count; ++i) {
+        Vector const normal = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};
+        Vector const dir = {surfaces.dir.x[i], surfaces.dir.y[i], surfaces.dir.z[i]};
+        float const light = ambient + (1.0F - ambient) * std::max(-dot(normal, dir), 0.0F);
+        surfaces.color.x[i] *= light;
+        surfaces.color.y[i] *= light;
+        surfaces.color.z[i] *= light;
+    }
+}
+
+/// Right is red, up is green, towards the eye is blue.
+void TilePasses::showNormals() {
+    for (std::size_t i = 0; i < surfaces.count; ++i) {
+        Vector const normal = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};
+        surfaces.color.x[i] = 0.5F + 0.5F * dot(normal, plan.light.right);
+        surfaces.color.y[i] = 0.5F + 0.5F * dot(normal, plan.light.up);
+        surfaces.color.z[i] = 0.5F + 0.5F * dot(normal, plan.light.back);
+    }
 }
 
 void TilePasses::addToPixels() {

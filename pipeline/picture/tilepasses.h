@@ -68,6 +68,7 @@ class TilePasses {
     };
 
     void shootCameraRays();
+    float timeAt(double part) const;
     void traceCameraRays(std::size_t firstSlot, std::size_t count);
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
@@ -77,6 +78,8 @@ class TilePasses {
     void traceSkyRays(std::size_t total);
     void findShadows();
     void addLeavingRay(std::size_t surface, Kelpa::Vector const& dir, double end);
+    void lightFromEye();
+    void showNormals();
     void addToPixels();
 
     PicturePlan const& plan;

@@ -28,4 +28,15 @@ double Bounds::diagonal() const {
     return std::sqrt(dot(d, d));
 }
 
+Vec originFor(Bounds const& bounds) {
+    constexpr double farOff = 4.0;
+    auto const along = [](double min, double max) {
+        double const middle = (min + max) / 2.0;
+        // A number of single precision: one of the coordinates.
+        return std::abs(middle) > farOff * (max - min) ? min : 0.0;
+    };
+    return {along(bounds.min.x, bounds.max.x), along(bounds.min.y, bounds.max.y),
+            along(bounds.min.z, bounds.max.z)};
+}
+
 } // namespace kelpatool

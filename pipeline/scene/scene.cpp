@@ -106,27 +106,6 @@ void inspect(Scene& scene, Ways const& ways) {
         scene.meanStep = steps / (static_cast<double>(scene.framedCenters.size()) / 2.0);
 }
 
-/// What to subtract from all centres: nothing, unless they lie far off compared with their extent.
-///
-/// Decided axis by axis. Where it is not zero all coordinates are within a factor of two of it, so
-/// that the differences are exact (P. Sterbenz, "Floating-Point Computation", 1974).
-Vec originFor(std::vector<Vector> const& centers) {
-    constexpr double farOff = 4.0;
-    auto const along = [&centers](auto coordinate) {
-        auto const less = [&](Vector const& a, Vector const& b) {
-            return coordinate(a) < coordinate(b);
-        };
-        auto const [low, high] = std::minmax_element(centers.begin(), centers.end(), less);
-        double const min = static_cast<double>(coordinate(*low));
-        double const max = static_cast<double>(coordinate(*high));
-        double const middle = (min + max) / 2.0;
-        // A number of single precision: one of the coordinates.
-        return std::abs(middle) > farOff * (max - min) ? min : 0.0;
-    };
-    return {along([](Vector const& v) { return v.x; }), along([](Vector const& v) { return v.y; }),
-            along([](Vector const& v) { return v.z; })};
-}
-
 void subtract(std::vector<Vector>& centers, Vec const& origin) {
     if (origin.x == 0.0 && origin.y == 0.0 && origin.z == 0.0)
         return;
@@ -178,7 +157,7 @@ void noteUsable(Scene const& scene, std::string const& file, std::size_t count, 
 
 /// Makes what trees are built over, in coordinates of the scene's own.
 void makeSystems(Scene& scene, Ways ways, bool arePoints) {
-    scene.origin = originFor(scene.framedCenters);
+    scene.origin = originFor(boundsOf(scene.framedCenters));
     subtract(scene.framedCenters, scene.origin);
     subtract(ways.positions0, scene.origin);
     subtract(ways.positions1, scene.origin);

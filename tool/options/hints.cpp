@@ -24,6 +24,10 @@ std::string hintText(Hint const& hint) {
         return "; set --radius";
     case Hint::To::setRange:
         return "; set --range";
+    case Hint::To::nameElements:
+        return " for --elements";
+    case Hint::To::nameMoreElements:
+        return fmt::format(", and --elements names {}", hint.count);
     }
     return "";
 }

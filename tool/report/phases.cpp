@@ -4,6 +4,7 @@
 #include "kelpa/host/threadpool.h"
 
 #include "pipeline/files/errors.h"
+#include "pipeline/files/nameelements.h"
 
 #include "tool/options/hints.h"
 #include "tool/process/standardstreams.h"
@@ -44,26 +45,6 @@ void throwIfInterrupted() {
 Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
     return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
 }
-
-namespace {
-
-/// Gives particles whose types are only numbered the elements that the user names.
-void nameElements(ParticleSet& particles, std::vector<std::uint8_t> const& elements,
-                  std::string const& file) {
-    if (elements.empty())
-        return;
-    if (particles.types.empty())
-        throw InputError(fmt::format("{}: has no numbered types for --elements", file));
-    particles.elements.clear();
-    for (std::int64_t const type : particles.types) {
-        if (type < 1 || type > static_cast<std::int64_t>(elements.size()))
-            throw InputError(fmt::format("{}: there is a type {}, and --elements names {}", file,
-                                         type, elements.size()));
-        particles.elements.push_back(elements[static_cast<std::size_t>(type - 1)]);
-    }
-}
-
-} // namespace
 
 SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
     : options(given), source(path) {
@@ -110,7 +91,7 @@ ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
     });
     for (Remark const& remark : particles.notes)
         noteTo(options.run)(remark);
-    nameElements(particles, options.particles.elements, particles.name);
+    nameElements(particles, options.particles.elements);
     return particles;
 }
 
@@ -129,7 +110,7 @@ std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) 
                             second->steps),
                 "; the motion is that of one");
     if (second)
-        nameElements(*second, options.particles.elements, second->name);
+        nameElements(*second, options.particles.elements);
     else
         noteTo(options.run)(
             {fmt::format("no frame follows {}: its particles stand still", first.name)});
