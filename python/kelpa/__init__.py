@@ -6,13 +6,18 @@
     cloud = kelpa.build(positions, 0.002)
     hits = cloud.intersect(origins=[0.5, 0.5, -1.0], directions=[[0, 0, 1], [0, 0.1, 1]])
     hits.t, hits.index, hits.normal, hits.type, hits.mask
-    picture = cloud.render(width=640, height=480)        # (480, 640, 4) float32
+    picture = cloud.render(width=640, height=480)        # (480, 640, 4) float32; shows itself
 
-Particles are described by `Particles`, put into a tree by `Primitive` (or both at once by `build`),
-and asked by `Primitive.intersect` and `Primitive.render`.
+    atoms = kelpa.Primitive(kelpa.read("snapshot.dump", color_by="c_pe"))
+    atoms.render(shade="ao", samples=16).save("atoms.png")
+
+Particles are described by `Particles` (which `read`, `from_ase` and others make), put into a tree
+by `Primitive` (or both at once by `build`), and asked by `Primitive.intersect` and
+`Primitive.render`.
 
 Precision. Geometry is in single precision: arrays of float32 in C order are used in place, others
-are converted to it. Far from zero, subtract an origin from positions and rays first.
+are converted to it. Particles far from zero compared with their extent are copied to where single
+precision is finer; what goes in and comes out stays in their coordinates.
 
 Threads. Builds, rays and pictures use all processors that this process may use, or `threads` of
 them, and let other Python threads run meanwhile. A primitive may be asked from several threads at
@@ -25,17 +30,21 @@ known. An exception that it raises ends the work and comes out of the call. So d
 KeyboardInterrupt.
 
 Errors. ValueError (or TypeError) says which argument cannot be used and what was expected;
-MemoryError that memory ran out.
+ReadError where in a file something is wrong; MemoryError that memory ran out.
 """
 
+from ._progress import Progress
 from .adapters import from_ase, from_dataframe, from_mdanalysis
 from .camera import Camera
+from .files import Frames, NoSuchFrame, ReadError, frames, read
+from .hits import Hits
 from .particles import Cell, Particles
-from .pictures import to_srgb
-from .primitive import Hits, Primitive, Progress, build
+from .pictures import Picture, to_srgb
+from .primitive import Primitive, build
 
 __version__ = "0.1.0"
 __all__ = [
-    "Camera", "Cell", "Hits", "Particles", "Primitive", "Progress", "build", "from_ase",
-    "from_dataframe", "from_mdanalysis", "to_srgb",
+    "Camera", "Cell", "Frames", "Hits", "NoSuchFrame", "Particles", "Picture", "Primitive",
+    "Progress", "ReadError", "build", "frames", "from_ase", "from_dataframe", "from_mdanalysis",
+    "read", "to_srgb",
 ]

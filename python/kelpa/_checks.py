@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import math
-import re
 import sys
 import warnings
 from typing import Any, Optional, Sequence, Union
@@ -170,14 +169,19 @@ def interval(name: str, value: Sequence[float]) -> tuple[float, float]:
 
 
 def color(name: str, value: Union[str, Sequence[float]]) -> tuple[float, float, float]:
-    """Linear light of "#rrggbb", or the three numbers themselves."""
+    """Linear light of a colour as people write it, or of three numbers."""
     if not isinstance(value, str):
         return triple(name, value)
-    digits = value[1:] if len(value) == 7 else "".join(2 * digit for digit in value[1:4])
-    if not re.fullmatch("#[0-9a-fA-F]{6}", "#" + digits) or value[:1] != "#":
-        raise ValueError(f"{name}: expected three numbers or a colour like '#3366cc', found {value!r}")
-    red, green, blue = _LIGHT_OF_CODE[list(bytes.fromhex(digits))].tolist()
-    return red, green, blue
+    try:
+        return _native.parse_color(value)
+    except ValueError as error:
+        raise ValueError(f"{name}: {error}") from None
+
+
+def choice(name: str, value: object, choices: Sequence[str]) -> None:
+    if value not in choices:
+        known = ", ".join(map(repr, choices[:-1]))
+        raise ValueError(f"{name}: expected {known} or {choices[-1]!r}, found {value!r}")
 
 
 def span(name: str, value: Sequence[float]) -> tuple[float, float]:
@@ -197,6 +201,20 @@ def unit(vector: NDArray[np.float64], name: str) -> NDArray[np.float64]:
     if not 0.0 < length < math.inf:
         raise ValueError(f"{name}: expected a direction, found {vector.tolist()}")
     return vector / length
+
+
+def part(
+    name: str, value: Sequence[int], width: int, height: int
+) -> tuple[int, int, int, int]:
+    """A part of a picture: x0, y0, x1, y1."""
+    numbers = list(value)
+    if len(numbers) == 4 and all(isinstance(n, (int, np.integer)) for n in numbers):
+        x0, y0, x1, y1 = map(int, numbers)
+        if 0 <= x0 < x1 <= width and 0 <= y0 < y1 <= height:
+            return x0, y0, x1, y1
+    raise ValueError(
+        f"{name}: expected x0, y0, x1, y1 within {width} x {height} pixels, found {value!r}"
+    )
 
 
 def caller_level() -> int:

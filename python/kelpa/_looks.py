@@ -79,8 +79,7 @@ def atomic_numbers(values: Optional[ArrayLike]) -> Optional[NDArray[np.uint8]]:
 def _radii(
     source: Source, wanted: Wanted, positions: NDArray[np.float32], notes: list[str]
 ) -> NDArray[np.float32]:
-    if wanted.radii not in ("vdw", "covalent"):
-        raise ValueError(f"radii: expected 'vdw' or 'covalent', found {wanted.radii!r}")
+    check.choice("radii", wanted.radii, ("vdw", "covalent"))
     if isinstance(wanted.radius, str):
         return check.scalars("radius", named(source, "radius", wanted.radius), len(positions))
     if wanted.radius is not None:
@@ -132,8 +131,7 @@ def _ways(
     source: Source, wanted: Wanted, positions: NDArray[np.float32]
 ) -> tuple[NDArray[np.float32], Optional[NDArray[np.float32]]]:
     """Where the particles are when the shutter opens and, if they move, when it closes."""
-    if wanted.motion not in ("none", "velocity"):
-        raise ValueError(f"motion: expected 'none' or 'velocity', found {wanted.motion!r}")
+    check.choice("motion", wanted.motion, ("none", "velocity"))
     if wanted.motion == "none":
         return positions, None
     given = source.velocities()

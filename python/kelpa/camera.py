@@ -3,16 +3,20 @@
 from __future__ import annotations
 
 import math
-from dataclasses import dataclass
-from typing import TYPE_CHECKING, Optional, Sequence
+from dataclasses import dataclass, field
+from fractions import Fraction
+from typing import TYPE_CHECKING, Any, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import NDArray
 
 from . import _checks as check
+from . import _native
 
 if TYPE_CHECKING:
     from .primitive import Primitive
+
+VIEWS = ("front", "back", "left", "right", "top", "bottom", "iso")
 
 
 @dataclass(frozen=True)
@@ -33,6 +37,8 @@ class Camera:
     fov: float = 35.0
     parallel_height: Optional[float] = None
 
+    _placed: Any = field(default=None, init=False, repr=False, compare=False)
+
     def __post_init__(self) -> None:
         for name in ("eye", "target", "up"):
             object.__setattr__(self, name, check.triple(name, getattr(self, name)))
@@ -42,31 +48,83 @@ class Camera:
             raise ValueError(
                 f"parallel_height: expected a positive number, found {self.parallel_height}"
             )
-        self._axes()
+        forward = check.unit(np.subtract(self.target, self.eye), "target (as seen from eye)")
+        if np.linalg.norm(np.cross(forward, check.unit(np.array(self.up), "up"))) < 1e-9:
+            raise ValueError(
+                f"up: expected a direction that is not the line of sight, found {self.up}"
+            )
+        options = _native.CameraOptions()
+        options.eye, options.look_at, options.up = self.eye, self.target, self.up
+        options.fov = self.fov
+        *axes, extent, _ = _native.orient(options)
+        is_parallel = self.parallel_height is not None
+        if self.parallel_height is not None:
+            extent = self.parallel_height / 2
+        object.__setattr__(self, "_placed", (*axes, extent, is_parallel))
 
     @classmethod
     def framing(
         cls,
         primitive: "Primitive",
-        direction: Sequence[float] = (0.6, 0.8, -0.35),
-        up: Sequence[float] = (0.0, 0.0, 1.0),
+        direction: Optional[Sequence[float]] = None,
+        up: Optional[Sequence[float]] = None,
         fov: float = 35.0,
-        aspect: float = 1.0,
+        aspect: Union[float, tuple[int, int]] = 1.0,
+        *,
+        view: Optional[str] = None,
+        target: Optional[Sequence[float]] = None,
+        ortho: bool = False,
+        zoom: float = 1.0,
     ) -> "Camera":
-        """A camera that looks along `direction` and sees all of `primitive`.
+        """A camera that sees all of `primitive`, as the command places it.
 
-        It fits the sphere around the primitive's bounds, at their ends of motion too, into a
-        picture `aspect` times as wide as high. An empty primitive is seen from somewhere.
+        All spheres just fit, with a margin of 5 %, at both ends of their motion. An empty primitive
+        is seen from somewhere.
+
+        Parameters
+        ----------
+        direction : three numbers, optional
+            Where it looks; or `view`: "front", "back", "left", "right", "top", "bottom" or "iso".
+            By default obliquely from above, on a flat set straight.
+        up : three numbers, optional
+            By default the particles' `up_axis`.
+        aspect : a number, or (width, height)
+            How much wider than high the picture is.
+        target : three numbers, optional
+            What is in the picture's middle; by default what makes all fit.
+        ortho : bool
+            Parallel rays.
+        zoom : float
+            Factor on the picture's scale.
         """
-        boxes = primitive._extent()
-        low, high = boxes if boxes is not None else (np.full(3, -1.0), np.full(3, 1.0))
-        centre = (low + high) / 2
-        radius = max(float(np.linalg.norm(high - low)) / 2, 1e-12)
-        half = math.radians(check.number("fov", fov, 1e-3, 179.0)) / 2
-        narrow = math.atan(math.tan(half) * min(check.number("aspect", aspect, 1e-3, 1e3), 1.0))
-        forward = check.unit(np.array(check.triple("direction", direction)), "direction")
-        eye = centre - forward * (radius / math.sin(narrow))
-        return cls(eye.tolist(), centre.tolist(), up, fov)
+        if view is not None:
+            check.choice("view", view, VIEWS)
+            if direction is not None:
+                raise ValueError("direction: given together with view")
+        options = _native.CameraOptions()
+        options.view = view or ""
+        if direction is not None:
+            options.direction = check.unit(np.array(check.triple("direction", direction)),
+                                           "direction").tolist()
+        options.up = None if up is None else check.triple("up", up)
+        options.look_at = None if target is None else check.triple("target", target)
+        options.up_axis = primitive.systems[0].up_axis if primitive.systems else "z"
+        options.fov = check.number("fov", fov, 1e-3, 179.0)
+        options.ortho = bool(ortho)
+        options.zoom = check.number("zoom", zoom, 1e-6, 1e6)
+        return cls._of(primitive._tree.place_camera(options, *_size(aspect)))
+
+    @classmethod
+    def _of(cls, placed: Any) -> "Camera":
+        """The camera of these axes, which it keeps to the last bit."""
+        eye, _, up, forward, extent, is_parallel = placed
+        camera = cls(
+            eye, np.add(eye, forward).tolist(), up,
+            35.0 if is_parallel else math.degrees(2 * math.atan(extent)),
+            2 * extent if is_parallel else None,
+        )
+        object.__setattr__(camera, "_placed", placed)
+        return camera
 
     def rays(self, width: int, height: int) -> tuple[NDArray[np.float32], NDArray[np.float32]]:
         """Origins and directions (of length 1) of the rays through the pixels' middles.
@@ -75,33 +133,13 @@ class Camera:
         """
         width = check.integer("width", width, 1, 65536)
         height = check.integer("height", height, 1, 65536)
-        eye, right, up, forward = self._axes()
-        extent = self._extent()
-        across = (2.0 * (np.arange(width) + 0.5) / width - 1.0) * (extent * (width / height))
-        upwards = (1.0 - 2.0 * (np.arange(height) + 0.5) / height) * extent
-        start = forward if self.parallel_height is None else eye
-        shifted = start + across[None, :, None] * right + upwards[:, None, None] * up
-        if self.parallel_height is not None:
-            directions = np.broadcast_to(forward.astype(np.float32), shifted.shape)
-            return shifted.astype(np.float32), np.ascontiguousarray(directions)
-        x, y, z = shifted[..., 0], shifted[..., 1], shifted[..., 2]
-        shifted /= np.sqrt(x * x + y * y + z * z)[..., None]
-        origins = np.broadcast_to(eye.astype(np.float32), shifted.shape)
-        return np.ascontiguousarray(origins), shifted.astype(np.float32)
+        return _native.camera_rays(self._placed, width, height)
 
-    def _extent(self) -> float:
-        if self.parallel_height is not None:
-            return self.parallel_height / 2
-        return math.tan(math.radians(self.fov) / 2)
 
-    def _axes(self) -> tuple[NDArray[np.float64], ...]:
-        """Eye, right, up and forward."""
-        eye = np.array(self.eye)
-        forward = check.unit(np.array(self.target) - eye, "target (as seen from eye)")
-        right = np.cross(forward, check.unit(np.array(self.up), "up"))
-        if np.linalg.norm(right) < 1e-9:
-            raise ValueError(
-                f"up: expected a direction that is not the line of sight, found {self.up}"
-            )
-        right = check.unit(right, "up")
-        return eye, right, np.cross(right, forward), forward
+def _size(aspect: Union[float, tuple[int, int]]) -> tuple[int, int]:
+    """A picture as much wider than high."""
+    if isinstance(aspect, tuple):
+        width, height = aspect
+        return check.integer("aspect", width, 1, 65536), check.integer("aspect", height, 1, 65536)
+    ratio = Fraction(check.number("aspect", aspect, 1e-3, 1e3)).limit_denominator(10000)
+    return ratio.numerator, ratio.denominator

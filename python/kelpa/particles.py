@@ -122,14 +122,14 @@ class Particles:
         self._set("radii1", None if positions1 is None else sizes1)
         self._set("times", check.span("times", times))
         if base_index is not None:
-            base_index = check.integer("base_index", base_index, 0, check.LARGEST - max(count - 1, 0))
+            most = check.LARGEST - max(count - 1, 0)
+            base_index = check.integer("base_index", base_index, 0, most)
         self._set("base_index", base_index)
         self._set("type", type)
         self._set("ids", None if ids is None else check.integers("ids", ids, count))
         kept = {name: check.column(name, values, count) for name, values in (columns or {}).items()}
         self._set("columns", MappingProxyType(kept))
-        if up_axis not in ("y", "z"):
-            raise ValueError(f"up_axis: expected 'y' or 'z', found {up_axis!r}")
+        check.choice("up_axis", up_axis, ("y", "z"))
         self._set("cell", cell)
         self._set("up_axis", up_axis)
         self._set("notes", tuple(notes))

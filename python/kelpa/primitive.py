@@ -4,50 +4,18 @@ from __future__ import annotations
 
 import math
 import warnings
-from dataclasses import dataclass
-from typing import Any, Callable, NoReturn, Optional, Sequence, Union
+from typing import Any, NoReturn, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _checks as check
 from . import _native
+from ._progress import Progress
 from .camera import Camera
+from .hits import Hits
 from .particles import Particles
-
-Progress = Callable[[Optional[float], str], object]
-
-
-@dataclass(frozen=True, eq=False)
-class Hits:
-    """The closest hits of rays, in arrays shaped like the rays (without their last axis).
-
-    t : (...) float32
-        Ray parameter: the hit lies at origin + t * direction. Infinity without a hit.
-    index : (...) int64
-        Index of the particle; -1 without a hit.
-    normal : (..., 3) float32
-        Not normalised: for a sphere from its centre to the hit, as long as its radius; for a point
-        against the ray; zero without a hit.
-    type : (...) uint8
-        0: no hit, 1: on a sphere, 2: on a point.
-    """
-
-    t: NDArray[np.float32]
-    index: NDArray[np.int64]
-    normal: NDArray[np.float32]
-    type: NDArray[np.uint8]
-
-    @property
-    def mask(self) -> NDArray[np.bool_]:
-        """Where there is a hit."""
-        return np.not_equal(self.type, 0)
-
-    def unit_normals(self) -> NDArray[np.float32]:
-        """The normals with length 1; zero without a hit."""
-        length = np.linalg.norm(self.normal, axis=-1, keepdims=True)
-        units: NDArray[np.float32] = self.normal / np.where(length > 0, length, np.float32(1))
-        return units
+from .pictures import Picture, make_picture
 
 
 class Primitive:
@@ -182,13 +150,6 @@ class Primitive:
         found["left_out"] = found["particles"] - found["used"]
         return found
 
-    def _extent(self) -> Optional[tuple[NDArray[np.float64], NDArray[np.float64]]]:
-        found = self._tree.bounds()
-        if found is None:
-            return None
-        boxes = [found[0].astype(np.float64), (found[0] + found[1]).astype(np.float64)]
-        return np.minimum(boxes[0][0], boxes[1][0]), np.maximum(boxes[0][1], boxes[1][1])
-
     def intersect(
         self,
         origins: ArrayLike,
@@ -273,16 +234,21 @@ class Primitive:
         *,
         samples: int = 4,
         shade: str = "headlight",
-        color: Sequence[float] = (0.26, 0.42, 0.62),
-        background: Optional[Sequence[float]] = None,
+        color: Union[str, Sequence[float]] = (0.26, 0.42, 0.62),
+        background: Union[None, str, Sequence[float]] = None,
         shutter: Sequence[float] = (0.0, 1.0),
+        aov: Union[str, Sequence[str]] = (),
+        crop: Optional[Sequence[int]] = None,
+        seed: int = 0,
+        ao_samples: int = 2,
+        ao_distance: Optional[float] = None,
+        shadows: Optional[bool] = None,
         threads: int = 0,
         progress: Optional[Progress] = None,
-    ) -> NDArray[np.float32]:
-        """Draws the particles; (height, width, 4) float32, row by row from the top left.
+    ) -> Picture:
+        """Draws the particles: the command's pixels for the same file, camera and look.
 
-        The channels are linear red, green, blue, already multiplied by the fourth: the part of the
-        pixel that particles cover, or 1 with a `background`. `to_srgb` makes it ready for a file.
+        The command's own look is `shade="ao", samples=16, background="sky"`.
 
         Parameters
         ----------
@@ -290,37 +256,71 @@ class Primitive:
             By default `Camera.framing(self)`.
         samples : int
             Per pixel, spread over its area and over the shutter; 1 is in its middle.
-        shade : "headlight", "flat" or "normals"
-            Lit from the eye, in plain colours, or normals in the camera's axes as colours.
-        color, background : three numbers
-            Linear; `color` is that of systems without colours.
+        shade : "ao", "lit", "flat", "headlight" or "normals"
+            Light with shadows and ambient occlusion, light, colour alone, lit from the eye, or
+            normals in the camera's axes as colours.
+        color, background : a colour such as "#3366cc", or three numbers of linear light
+            `color` is that of systems without colours. Without `background` the picture is
+            transparent; "sky" is the command's, from light to darker grey.
         shutter : (opens, closes)
             For moving particles: the times to blur over, within 0 to 1.
+        aov : names out of "depth", "normal", "id" and "position"
+            Further channels, in attributes of the picture.
+        crop : (x0, y0, x1, y1), optional
+            Pixels to render: from x0, y0 to before x1, y1.
+        seed : int
+            Of the sample patterns.
+        ao_samples, ao_distance, shadows
+            Occlusion rays per camera ray, how far occlusion reaches (by default 10 % of the
+            diagonal), and whether the key light throws shadows (by default with "ao").
 
+        The first picture copies the particles into the order of the renderer.
         Raises ValueError for values out of range.
         """
         width = check.integer("width", width, 1, 65536)
         height = check.integer("height", height, 1, 65536)
-        if shade not in ("headlight", "flat", "normals"):
-            raise ValueError(f"shade: expected 'headlight', 'flat' or 'normals', found {shade!r}")
+        check.choice("shade", shade, ("ao", "lit", "flat", "headlight", "normals"))
         if camera is None:
-            camera = Camera.framing(self, aspect=width / height)
+            camera = Camera.framing(self, aspect=(width, height))
         if not isinstance(camera, Camera):
             raise TypeError(f"camera: expected a kelpa.Camera, found {type(camera).__name__}")
-        return self._tree.render(
-            [axis.tolist() for axis in camera._axes()],
-            camera._extent(),
-            camera.parallel_height is not None,
-            width,
-            height,
-            shade,
-            check.integer("samples", samples, 1, 65536),
-            check.span("shutter", shutter),
-            check.triple("color", color),
-            None if background is None else check.triple("background", background),
-            check.integer("threads", threads, 0),
-            progress,
+        channels = aov.split(",") if isinstance(aov, str) else list(aov)
+        for name in channels:
+            check.choice("aov", name, ("depth", "normal", "id", "position"))
+        wish = _native.Wish()
+        wish.size = width, height
+        wish.samples = check.integer("samples", samples, 1, 65536)
+        wish.shade = shade
+        wish.color = check.color("color", color)
+        wish.transparent = background is None
+        if background is not None and not (isinstance(background, str) and background == "sky"):
+            wish.background = check.color("background", background)
+        wish.shutter = check.span("shutter", shutter)
+        wish.aov = channels
+        part = None if crop is None else check.part("crop", crop, width, height)
+        wish.crop = part
+        wish.seed = check.integer("seed", seed, 0, 2**64 - 1)
+        wish.ao_samples = check.integer("ao_samples", ao_samples, 0, 65536)
+        if ao_distance is not None:
+            wish.ao_distance = check.number("ao_distance", ao_distance, 1e-30)
+        wish.shadows = shadows
+        arrays = self._tree.render(
+            camera._placed, wish, check.integer("threads", threads, 0), progress
         )
+        if arrays.get("id") is not None:
+            arrays["id"] = self._named(arrays["id"])
+        return make_picture(arrays, (width, height), part, background is None)
+
+    def _named(self, places: NDArray[np.int64]) -> NDArray[np.int64]:
+        """Ids, where particles have them, for their places among all."""
+        if all(system.ids is None for system in self._systems):
+            return places
+        ends = np.cumsum([len(system) for system in self._systems])
+        every = np.arange(ends[-1])
+        for system, end in zip(self._systems, ends):
+            if system.ids is not None:
+                every[end - len(system):end] = system.ids
+        return np.where(places == Picture.NOTHING, places, every[places.clip(0)])
 
     def __repr__(self) -> str:
         kind = "moving" if self.is_moving else "still"

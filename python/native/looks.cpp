@@ -1,5 +1,6 @@
 #include "python/native/looks.h"
 
+#include "pipeline/files/colornames.h"
 #include "pipeline/files/elements.h"
 #include "pipeline/files/progress.h"
 #include "pipeline/files/srgb.h"
@@ -71,6 +72,14 @@ Array<float> lightOfCodes() {
     return light;
 }
 
+/// The lights from which on codes 1 to 255 are the nearest.
+Array<float> codeBorders() {
+    Array<float> borders(255);
+    for (int code = 1; code < 256; ++code)
+        borders.mutable_at(code - 1) = kelpatool::linearFromSrgb((code - 0.5) / 255.0);
+    return borders;
+}
+
 } // namespace
 
 void defineLooks(py::module_& module) {
@@ -82,6 +91,11 @@ void defineLooks(py::module_& module) {
     module.def("map_colors", &mapColors);
     module.def("map_types", &mapTypes);
     module.def("light_of_codes", &lightOfCodes);
+    module.def("code_borders", &codeBorders);
+    module.def("parse_color", [](std::string const& text) {
+        Kelpa::Vector const color = kelpatool::parseColor(text);
+        return py::make_tuple(color.x, color.y, color.z);
+    });
 }
 
 } // namespace kelpapython

@@ -172,6 +172,30 @@ void runPieces(std::size_t count, int threads, py::object const& progress, char 
     failure.rethrow();
 }
 
+void runWatched(py::object const& progress, char const* message,
+                std::function<void(kelpatool::PhaseProgress const&)> const& work) {
+    FirstFailure failure;
+    {
+        py::gil_scoped_release const unlocked;
+        auto const caller = std::this_thread::get_id();
+        auto nextLook = Clock::now() + interval;
+        auto const look = [&](double fraction, std::uint64_t) {
+            if (std::this_thread::get_id() == caller && Clock::now() >= nextLook) {
+                askPython(progress, fraction, message, failure);
+                nextLook = Clock::now() + interval;
+            }
+            if (failure.isStopped())
+                throw kelpatool::Interrupted();
+        };
+        try {
+            work(look);
+        } catch (...) {
+            failure.keep(std::current_exception());
+        }
+    }
+    failure.rethrow();
+}
+
 void runBuild(py::object const& progress,
               std::function<void(Kelpa::ProgressCallback&)> const& build) {
     FirstFailure failure;

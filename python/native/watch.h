@@ -2,6 +2,8 @@
 
 #include "kelpa/foundation/hosttypes.h"
 
+#include "pipeline/files/progress.h"
+
 #include <pybind11/pybind11.h>
 
 #include <cstddef>
@@ -12,7 +14,7 @@ namespace kelpapython {
 /// Asked between small steps of a long piece of work; false: leave it, the rest is not wanted.
 using GoOn = std::function<bool()>;
 
-// Both functions are called with the interpreter's lock, and release it while they work. Some
+// The functions are called with the interpreter's lock, and release it while they work. Some
 // twenty times a second the calling thread takes it to look for signals and to call
 // `progress(fraction, message)` (unless it is None). What these raise ends the work and leaves the
 // function.
@@ -22,6 +24,11 @@ using GoOn = std::function<bool()>;
 /// and is thrown on.
 void runPieces(std::size_t count, int threads, pybind11::object const& progress,
                char const* message, std::function<void(std::size_t, GoOn const&)> const& piece);
+
+/// Runs `work` on the calling thread; it is given what it reports to, from any thread, and what
+/// ends it by throwing.
+void runWatched(pybind11::object const& progress, char const* message,
+                std::function<void(kelpatool::PhaseProgress const&)> const& work);
 
 /// Runs `build` on a thread of its own; its messages are what `progress` is told, with None for the
 /// fraction.

@@ -1,0 +1,234 @@
+"""Particle files: read as the command reads them."""
+
+from __future__ import annotations
+
+import errno
+import os
+import re
+from typing import Any, Iterator, Optional, Sequence, Union
+
+import numpy as np
+
+from . import _checks as check
+from . import _native
+from ._looks import Color
+from .particles import Cell, Particles
+from ._progress import Progress
+
+Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+
+
+class ReadError(ValueError):
+    """A file whose particles cannot be read; says where, what was found and the way on."""
+
+
+class NoSuchFrame(ReadError, IndexError):
+    """A frame that the file or the sequence does not have."""
+
+
+def read(
+    path: Path,
+    frame: Optional[int] = None,
+    *,
+    radius: Optional[float] = None,
+    radius_from: Optional[str] = None,
+    radius_scale: float = 1.0,
+    radii: str = "vdw",
+    points: bool = False,
+    color: Color = None,
+    color_by: Optional[str] = None,
+    range: Optional[Sequence[float]] = None,
+    assembly: Optional[Union[str, int]] = None,
+    elements: Optional[Union[str, Sequence[str]]] = None,
+    format: Optional[str] = None,
+    topology: Optional[Path] = None,
+    motion: Union[str, Path] = "none",
+    times: Sequence[float] = (0.0, 1.0),
+    shutter: Optional[Sequence[float]] = None,
+    dt: Optional[float] = None,
+    columns: Optional[Sequence[str]] = None,
+    progress: Optional[Progress] = None,
+) -> Particles:
+    """Reads one frame of a particle file, in any format that the command reads, plain or gzipped.
+
+    The words are those of the command's options; what is not said is chosen as the command does,
+    and told by `Particles.notes`.
+
+    Parameters
+    ----------
+    path : str or path
+        `cache.{}.ply`, `cache.####.ply` and `cache.%04d.ply` stand for a sequence of files.
+    frame : int, optional
+        Of the file, or the number of a file of a sequence; negative: from the end.
+    radius, radius_from, radius_scale, radii : a number, a column, a factor, "vdw" or "covalent"
+        Radius of all; else from the column; else the file's own, by element, or by spacing.
+    points : bool
+        Points with a radius instead of solid spheres.
+    color, color_by, range : a colour, a column, two numbers
+        Colour of all, or the column to colour by and the values for both ends of the colour map.
+        Else the file's own colours, or by element.
+    assembly : str or int, optional
+        The biological assembly of a PDB or mmCIF file to build.
+    elements : "O,H" or a sequence of symbols, optional
+        Elements of the numbered types 1, 2 and so on.
+    format : str, optional
+        Name of the format; else told from the content.
+    topology : path, optional
+        A file that names the particles of a trajectory.
+    motion : "none", "velocity", "next" or the path of a later snapshot
+        Where the particles move while the shutter is open.
+    times, shutter, dt : two numbers, two numbers, a number
+        When the two snapshots were taken; when the shutter opens and closes; how much of the file's
+        time passes in one unit of the shutter.
+    columns : sequence of str, optional
+        The further columns to keep; by default all.
+    progress
+        See the module. Ctrl-C ends the reading.
+
+    Raises FileNotFoundError, `ReadError` for what cannot be read, `NoSuchFrame`, ValueError by the
+    name of the argument, MemoryError.
+    """
+    return frames(
+        path, radius=radius, radius_from=radius_from, radius_scale=radius_scale, radii=radii,
+        points=points, color=color, color_by=color_by, range=range, assembly=assembly,
+        elements=elements, format=format, topology=topology, motion=motion, times=times,
+        shutter=shutter, dt=dt, columns=columns,
+    ).read(frame, progress)
+
+
+def frames(path: Path, **options: Any) -> Frames:
+    """The frames of a file or of a sequence; `options` are those of `read`.
+
+        for particles in kelpa.frames("run.dump", color_by="c_pe"): ...
+
+    len() counts them. Frames that are read in rising order cost one way through the file.
+    """
+    return Frames(path, **options)
+
+
+class Frames(Sequence[Particles]):
+    """See `frames`."""
+
+    def __init__(self, path: Path, **options: Any) -> None:
+        self._path = os.fsdecode(path)
+        self._wanted = _wanted(**options)
+        self._numbers: Optional[list[int]] = None
+        if not os.path.exists(self._path) and not re.search(r"\{\}|#|%\d*d", self._path):
+            raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), self._path)
+        with _reading():
+            self._source = _native.Frames(os.fsencode(path))
+
+    def read(self, frame: Optional[int] = None, progress: Optional[Progress] = None) -> Particles:
+        """The frame of this number; negative: from the end; by default the first."""
+        if frame is not None:
+            frame = check.integer("frame", frame, -check.LARGEST)
+        with _reading():
+            found = self._source.read(frame, self._wanted, progress)
+        return _particles(found)
+
+    @property
+    def numbers(self) -> list[int]:
+        """The numbers that `read` knows the frames by: of the files of a sequence, else from 0."""
+        if self._numbers is None:
+            with _reading():
+                self._numbers = self._source.numbers(self._wanted, None)
+        return list(self._numbers)
+
+    def __len__(self) -> int:
+        return len(self.numbers)
+
+    def __getitem__(self, place: Any) -> Any:
+        chosen = self.numbers[place]
+        return [self.read(n) for n in chosen] if isinstance(place, slice) else self.read(chosen)
+
+    def __iter__(self) -> Iterator[Particles]:
+        return (self.read(number) for number in self.numbers)
+
+    def __repr__(self) -> str:
+        return f"<kelpa.Frames of {self._path!r}>"
+
+
+def _wanted(
+    *,
+    radius: Optional[float] = None,
+    radius_from: Optional[str] = None,
+    radius_scale: float = 1.0,
+    radii: str = "vdw",
+    points: bool = False,
+    color: Color = None,
+    color_by: Optional[str] = None,
+    range: Optional[Sequence[float]] = None,
+    assembly: Optional[Union[str, int]] = None,
+    elements: Optional[Union[str, Sequence[str]]] = None,
+    format: Optional[str] = None,
+    topology: Optional[Path] = None,
+    motion: Union[str, Path] = "none",
+    times: Sequence[float] = (0.0, 1.0),
+    shutter: Optional[Sequence[float]] = None,
+    dt: Optional[float] = None,
+    columns: Optional[Sequence[str]] = None,
+) -> _native.Wanted:
+    if _native.missing:
+        raise ImportError(
+            f"kelpa.read: this build of kelpa reads no files; it was made without {_native.missing}"
+        )
+    check.choice("radii", radii, ("vdw", "covalent"))
+    if format is not None:
+        check.choice("format", format, _native.format_names().split("|"))
+    if range is not None and color_by is None:
+        raise ValueError("range: given without color_by, the column that it is for")
+    if color is not None and color_by is not None:
+        raise ValueError("color: given together with color_by")
+    opens = None if shutter is None else check.interval("shutter", shutter)
+    if opens is not None and opens[1] < opens[0]:
+        raise ValueError(f"shutter: closes before it opens, {shutter!r}")
+    wanted = _native.Wanted()
+    wanted.format = format or ""
+    wanted.assembly = "" if assembly is None else str(assembly)
+    wanted.topology = b"" if topology is None else os.fsencode(topology)
+    wanted.radius_from = radius_from or ""
+    wanted.elements = _elements(elements)
+    wanted.columns = None if columns is None else list(columns)
+    wanted.radius = None if radius is None else check.number("radius", radius, 1e-15, 1e30)
+    wanted.radius_scale = check.number("radius_scale", radius_scale, 1e-15, 1e30)
+    wanted.covalent = radii == "covalent"
+    wanted.points = bool(points)
+    wanted.motion = os.fsencode(motion)
+    wanted.times = check.interval("times", times)
+    wanted.shutter = opens
+    wanted.dt = None if dt is None else check.number("dt", dt, -1e30, 1e30)
+    wanted.color = None if color is None else check.color("color", color)
+    wanted.color_by = color_by or ""
+    wanted.range = None if range is None else check.interval("range", range)
+    return wanted
+
+
+def _elements(given: Optional[Union[str, Sequence[str]]]) -> list[int]:
+    symbols = given.split(",") if isinstance(given, str) else list(given or ())
+    numbers = [_native.atomic_number(symbol) for symbol in symbols]
+    if 0 in numbers:
+        raise ValueError(f"elements: expected symbols such as 'O,H', found {given!r}")
+    return numbers
+
+
+def _particles(found: dict[str, Any]) -> Particles:
+    cell = found.pop("cell")
+    if cell is not None:
+        edges, origin, periodic = cell
+        cell = Cell(np.array(edges), np.array(origin), periodic)
+    for name in ("name", "format", "frame"):
+        del found[name]
+    return Particles(**found, cell=cell)
+
+
+class _reading:
+    """What the readers raise, as exceptions of this module."""
+
+    def __enter__(self) -> None:
+        pass
+
+    def __exit__(self, kind: object, error: Optional[BaseException], trace: object) -> None:
+        if isinstance(error, _native.NoSuchFrame):
+            raise NoSuchFrame(str(error)) from None
+        if isinstance(error, _native.ReadError):
+            raise ReadError(str(error)) from None

@@ -1,0 +1,349 @@
+#include "python/native/files.h"
+
+#include "pipeline/files/errors.h"
+#include "pipeline/files/formattable.h"
+#include "pipeline/files/framesource.h"
+#include "pipeline/files/nameelements.h"
+#include "pipeline/scene/scene.h"
+
+#include "python/native/arrays.h"
+#include "python/native/watch.h"
+
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace py = pybind11;
+
+namespace kelpapython {
+
+namespace {
+
+using kelpatool::ParticleSet;
+using kelpatool::PhaseProgress;
+
+/// What is wanted of a file, in the words of the command's options.
+struct Wanted {
+    std::string format;
+    std::string assembly;
+    std::string topology;
+    std::string radiusFrom;
+    std::vector<std::uint8_t> elements;              ///< atomic numbers of types 1, 2 and so on
+    std::optional<std::vector<std::string>> columns; ///< further ones to keep; unset: all
+    kelpatool::SceneOptions scene;
+
+    bool keeps(std::string const& column) const {
+        return !columns || std::find(columns->begin(), columns->end(), column) != columns->end();
+    }
+
+    kelpatool::ReadOptions readOptions(PhaseProgress const& progress) const {
+        kelpatool::ReadOptions read;
+        read.format = format;
+        read.assembly = assembly;
+        read.radiusFrom = radiusFrom;
+        read.allAttributes = !columns || !columns->empty();
+        if (columns)
+            read.attributes = *columns; // which refuses those that are not there
+        if (!scene.color.colorBy.empty())
+            read.attributes.push_back(scene.color.colorBy);
+        read.topology = topology;
+        read.forMotion = kelpatool::hasSecondSnapshot(scene.motion.motion);
+        read.progress = progress;
+        return read;
+    }
+};
+
+kelpatool::Motion motionOf(std::string const& word) {
+    if (word == "none")
+        return kelpatool::Still{};
+    if (word == "velocity")
+        return kelpatool::AlongVelocities{};
+    if (word == "next")
+        return kelpatool::ToNextFrame{};
+    return kelpatool::ToFile{word};
+}
+
+/// What follows a text that has this hint, with the arguments that are meant.
+std::string hintText(kelpatool::Hint const& hint) {
+    using To = kelpatool::Hint::To;
+    switch (hint.to) {
+    case To::nothing:
+        return "";
+    case To::nameFormat:
+        return "; if it is one of them, name it with format=";
+    case To::askNoAssembly:
+        return "; leave assembly= away";
+    case To::askElsewhere:
+        return "; assembly= is for PDB and mmCIF";
+    case To::readEarlierFrame:
+        return "; use frame=" + std::to_string(hint.frame) + " or an earlier one";
+    case To::moveByVelocity:
+        return " for motion=\"velocity\"";
+    case To::standStill:
+        return "; use motion=\"none\"";
+    case To::setRadius:
+        return "; set radius=";
+    case To::setRange:
+        return "; set range=";
+    case To::nameElements:
+        return " for elements=";
+    case To::nameMoreElements:
+        return ", and elements= names " + std::to_string(hint.count);
+    }
+    return "";
+}
+
+/// A particle set as a scene, and what of it no scene keeps.
+struct Snapshot {
+    kelpatool::Scene scene;
+    std::vector<kelpatool::TypedColumn> columns;
+    std::vector<Kelpa::Vector> velocities;
+    std::vector<std::uint8_t> elements;
+    std::vector<std::int64_t> types;
+    std::optional<kelpatool::PeriodicCell> cell;
+    std::vector<kelpatool::Remark> notes;
+    std::string name;
+    std::string format;
+    int frame = 0;
+};
+
+Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
+                      std::optional<ParticleSet> const& second, PhaseProgress const& progress) {
+    Snapshot result;
+    result.notes = particles.notes;
+    result.name = particles.name;
+    result.format = particles.format;
+    result.frame = particles.frame;
+    result.cell = particles.cell;
+    result.elements = particles.elements;
+    result.types = particles.types;
+    result.velocities = particles.velocities;
+    result.columns = std::move(particles.typed);
+    result.scene = kelpatool::makeScene(
+        wanted.scene, std::move(particles), second ? &*second : nullptr, {},
+        [&result](kelpatool::Remark const& note) { result.notes.push_back(note); }, progress);
+    return result;
+}
+
+/// The vector's own memory as an array of rows of `width` numbers, or flat if that is 0.
+template <class T, class Number>
+py::array ownedArray(std::vector<T>&& values, Number const*, py::ssize_t width) {
+    auto kept = std::make_unique<std::vector<T>>(std::move(values));
+    auto const count = static_cast<py::ssize_t>(kept->size());
+    auto const* const data = reinterpret_cast<Number const*>(kept->data());
+    py::capsule const owner(kept.release(),
+                            [](void* p) { delete static_cast<std::vector<T>*>(p); });
+    if (width == 0)
+        return py::array_t<Number>(count, data, owner);
+    return py::array_t<Number>({count, width}, data, owner);
+}
+template <class T> py::array ownedArray(std::vector<T>&& values) {
+    return ownedArray(std::move(values), static_cast<T const*>(nullptr), 0);
+}
+py::array ownedArray(std::vector<Kelpa::Vector>&& values) {
+    return ownedArray(std::move(values), static_cast<float const*>(nullptr), 3);
+}
+
+py::array ownedArray(kelpatool::TypedColumn&& column) {
+    static constexpr char const* names[] = {"int8",   "uint8", "int16",  "uint16",  "int32",
+                                            "uint32", "int64", "uint64", "float32", "float64"};
+    auto const bytes = static_cast<py::ssize_t>(scalarBytes(column.type));
+    py::array const kept = ownedArray(std::move(column.bytes));
+    py::dtype const type(std::string(names[static_cast<int>(column.type)]));
+    return py::array(type, {kept.size() / bytes}, {bytes}, kept.data(), kept);
+}
+
+/// Positions and radii of a system, which stays alive with them. What a scene has subtracted from
+/// the positions is added again, which is exact.
+std::pair<py::array, py::array> systemArrays(std::unique_ptr<Kelpa::ParticleSystem> system,
+                                             kelpatool::Vec const& origin) {
+    Kelpa::ParticleSystem* const kept = system.release();
+    py::capsule const owner(kept, [](void* p) { delete static_cast<Kelpa::ParticleSystem*>(p); });
+    auto const count = static_cast<py::ssize_t>(kept->radii.size());
+    py::array const radii = py::array_t<float>(count, kept->radii.data(), owner);
+    if (origin.x == 0.0 && origin.y == 0.0 && origin.z == 0.0)
+        return {py::array_t<float>({count, py::ssize_t{3}},
+                                   reinterpret_cast<float const*>(kept->positions.data()), owner),
+                radii};
+    std::vector<Kelpa::Vector> positions = kept->positions;
+    for (Kelpa::Vector& p : positions)
+        p = {static_cast<float>(static_cast<double>(p.x) + origin.x),
+             static_cast<float>(static_cast<double>(p.y) + origin.y),
+             static_cast<float>(static_cast<double>(p.z) + origin.z)};
+    return {ownedArray(std::move(positions)), radii};
+}
+
+py::object cellOf(std::optional<kelpatool::PeriodicCell> const& cell) {
+    if (!cell)
+        return py::none();
+    return py::make_tuple(cell->edges, cell->origin, py::tuple(py::cast(cell->isPeriodic)));
+}
+
+/// In names of `Particles`, as far as it has them.
+py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
+    kelpatool::Scene& scene = snapshot.scene;
+    auto const count = scene.first->positions.size();
+    py::dict result;
+    bool const isMoving = scene.second != nullptr;
+    auto const [positions, radii] = systemArrays(std::move(scene.first), scene.origin);
+    result["positions"] = positions;
+    result["radii"] = radii;
+    if (isMoving) {
+        auto const [positions1, radii1] = systemArrays(std::move(scene.second), scene.origin);
+        result["positions1"] = positions1;
+        result["radii1"] = radii1;
+    }
+    if (scene.colors.empty() && wanted.scene.color.color)
+        scene.colors.assign(count, *wanted.scene.color.color);
+    if (!scene.colors.empty())
+        result["colors"] = ownedArray(std::move(scene.colors));
+    if (!scene.ids.empty())
+        result["ids"] = ownedArray(std::move(scene.ids));
+    py::dict columns;
+    // Particles that only a second snapshot has stand behind the first one's and are in no column.
+    auto const keep = [&](char const* name, auto& values) {
+        if (!values.empty() && values.size() == count)
+            columns[name] = ownedArray(std::move(values));
+    };
+    for (kelpatool::TypedColumn& column : snapshot.columns)
+        if (wanted.keeps(column.name) && column.bytes.size() == count * scalarBytes(column.type))
+            columns[column.name.c_str()] = ownedArray(std::move(column));
+    keep("velocity", snapshot.velocities);
+    keep("element", snapshot.elements);
+    keep("type", snapshot.types);
+    if (wanted.scene.points)
+        result["type"] = "point";
+    result["columns"] = columns;
+    result["cell"] = cellOf(snapshot.cell);
+    result["up_axis"] = std::string(1, scene.upAxis);
+    std::vector<std::string> notes;
+    for (kelpatool::Remark const& note : snapshot.notes)
+        notes.push_back(note.text + hintText(note.hint));
+    result["notes"] = notes;
+    result["name"] = snapshot.name;
+    result["format"] = snapshot.format;
+    result["frame"] = snapshot.frame;
+    return result;
+}
+
+/// The frames of a file or of a sequence. Safe from several threads, which wait for each other.
+class Frames {
+  public:
+    explicit Frames(std::string const& path) : source(path) {}
+
+    std::vector<int> numbers(Wanted const& wanted, py::object const& progress) {
+        std::vector<int> result;
+        runWatched(progress, "Counting frames", [&](PhaseProgress const& report) {
+            std::lock_guard const hold(mutex);
+            kelpatool::FrameNumbers const found =
+                source.framesIn({{0, -1, 1}}, wanted.readOptions(report));
+            for (auto frame = found.after(std::nullopt); frame; frame = found.after(frame))
+                result.push_back(*frame);
+        });
+        return result;
+    }
+
+    py::dict read(std::optional<int> frame, Wanted const& wanted, py::object const& progress) {
+        std::optional<Snapshot> snapshot;
+        runWatched(progress, "Reading", [&](PhaseProgress const& report) {
+            std::lock_guard const hold(mutex);
+            ParticleSet first = source.read(frame, wanted.readOptions(report));
+            kelpatool::nameElements(first, wanted.elements);
+            std::optional<ParticleSet> const second = readSecond(first, wanted, report);
+            snapshot = makeSnapshot(wanted, std::move(first), second, report);
+        });
+        return dictOf(std::move(*snapshot), wanted);
+    }
+
+  private:
+    std::optional<ParticleSet> readSecond(ParticleSet& first, Wanted const& wanted,
+                                          PhaseProgress const& report) {
+        kelpatool::Motion const& motion = wanted.scene.motion.motion;
+        if (!kelpatool::hasSecondSnapshot(motion))
+            return std::nullopt;
+        auto const* const file = std::get_if<kelpatool::ToFile>(&motion);
+        std::optional<ParticleSet> second =
+            file != nullptr
+                ? kelpatool::FrameSource(file->path).read(std::nullopt, wanted.readOptions(report))
+                : source.readAfter(first.frame, wanted.readOptions(report));
+        if (second)
+            kelpatool::nameElements(*second, wanted.elements);
+        else
+            first.notes.emplace_back("no frame follows " + first.name +
+                                     ": its particles stand still");
+        return second;
+    }
+
+    std::mutex mutex;
+    kelpatool::FrameSource source;
+};
+
+} // namespace
+
+void defineFiles(py::module_& module) {
+    static py::exception<kelpatool::InputError> const readError(module, "ReadError",
+                                                                PyExc_ValueError);
+    static py::exception<kelpatool::NoSuchFrame> const noSuchFrame(module, "NoSuchFrame",
+                                                                   readError.ptr());
+    py::register_exception_translator([](std::exception_ptr thrown) {
+        try {
+            if (thrown)
+                std::rethrow_exception(thrown);
+        } catch (kelpatool::NoSuchFrame const& error) {
+            PyErr_SetString(noSuchFrame.ptr(), (error.what() + hintText(error.hint)).c_str());
+        } catch (kelpatool::InputError const& error) {
+            PyErr_SetString(readError.ptr(), (error.what() + hintText(error.hint)).c_str());
+        }
+    });
+    module.def("format_names", &kelpatool::formatNames);
+    py::class_<Wanted>(module, "Wanted")
+        .def(py::init<>())
+        .def_readwrite("format", &Wanted::format)
+        .def_readwrite("assembly", &Wanted::assembly)
+        .def_readwrite("topology", &Wanted::topology)
+        .def_readwrite("radius_from", &Wanted::radiusFrom)
+        .def_readwrite("elements", &Wanted::elements)
+        .def_readwrite("columns", &Wanted::columns)
+        .def_property(
+            "radius", nullptr,
+            [](Wanted& w, std::optional<float> radius) { w.scene.radius.radius = radius; })
+        .def_property("radius_scale", nullptr,
+                      [](Wanted& w, float scale) { w.scene.radius.scale = scale; })
+        .def_property("covalent", nullptr,
+                      [](Wanted& w, bool covalent) { w.scene.radius.covalent = covalent; })
+        .def_property("points", nullptr, [](Wanted& w, bool points) { w.scene.points = points; })
+        .def_property(
+            "motion", nullptr,
+            [](Wanted& w, std::string const& motion) { w.scene.motion.motion = motionOf(motion); })
+        .def_property("times", nullptr,
+                      [](Wanted& w, std::array<double, 2> times) { w.scene.motion.times = times; })
+        .def_property("shutter", nullptr,
+                      [](Wanted& w, std::optional<std::array<double, 2>> shutter) {
+                          w.scene.motion.shutter = shutter;
+                      })
+        .def_property("dt", nullptr,
+                      [](Wanted& w, std::optional<double> dt) { w.scene.motion.dt = dt; })
+        .def_property("color", nullptr,
+                      [](Wanted& w, std::optional<std::array<float, 3>> color) {
+                          w.scene.color.color.reset();
+                          if (color)
+                              w.scene.color.color = {(*color)[0], (*color)[1], (*color)[2]};
+                      })
+        .def_property("color_by", nullptr,
+                      [](Wanted& w, std::string const& name) { w.scene.color.colorBy = name; })
+        .def_property("range", nullptr, [](Wanted& w, std::optional<std::array<float, 2>> range) {
+            w.scene.color.range = range;
+        });
+    py::class_<Frames>(module, "Frames")
+        .def(py::init<std::string const&>())
+        .def("numbers", &Frames::numbers)
+        .def("read", &Frames::read);
+}
+
+} // namespace kelpapython

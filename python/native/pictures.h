@@ -1,0 +1,39 @@
+#pragma once
+// Cameras, pictures and their files, as kelpa/camera.py and kelpa/pictures.py use them.
+
+#include "pipeline/picture/camera.h"
+#include "pipeline/picture/framing.h"
+#include "pipeline/picture/image.h"
+#include "pipeline/picture/look.h"
+
+#include <pybind11/pybind11.h>
+
+#include <array>
+#include <optional>
+#include <tuple>
+
+namespace kelpapython {
+
+using Triple = std::array<double, 3>;
+
+/// Eye, right, up, forward, tangent or height (see `kelpatool::Camera`), and whether it is
+/// parallel.
+using Placed = std::tuple<Triple, Triple, Triple, Triple, double, bool>;
+
+kelpatool::Camera cameraOf(Placed const& placed, int width, int height,
+                           kelpatool::Vec const& origin);
+Placed placedOf(kelpatool::Camera const& camera, kelpatool::Vec const& origin);
+
+/// All that `Primitive.render` is told but for the camera.
+struct Wish {
+    kelpatool::ImageOptions image;
+    kelpatool::LightOptions light;
+    Kelpa::Vector color; ///< of particles without colours; linear
+};
+
+/// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id` and `position`.
+pybind11::dict arraysOf(kelpatool::Image const& image, bool isTransparent);
+
+void definePictures(pybind11::module_& module);
+
+} // namespace kelpapython

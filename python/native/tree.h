@@ -1,0 +1,71 @@
+#pragma once
+// A tree over arrays of Python, as kelpa/primitive.py uses it.
+
+#include "pipeline/scene/scene.h"
+
+#include "python/native/arrays.h"
+#include "python/native/pictures.h"
+
+#include <pybind11/pybind11.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace kelpapython {
+
+/// One particle system as Python gives it.
+struct Arrays {
+    Array<float> positions;
+    Array<float> radii;
+    std::optional<Array<float>> colors;
+    std::optional<Array<float>> positions1;
+    std::optional<Array<float>> radii1;
+    double time0;
+    double time1;
+    std::int32_t type;
+    std::int32_t base;
+};
+
+/// A tree over arrays that it keeps alive. What callers give has been checked and converted.
+///
+/// Particles far from zero compared with their extent are moved to an origin near them, which costs
+/// a copy of their positions; what goes in and out is in the coordinates of the arrays.
+class Tree {
+  public:
+    Tree(std::vector<Arrays> given, kelpatool::TreeOptions const& options, int threads,
+         pybind11::object const& progress);
+
+    pybind11::tuple intersect(std::size_t count, Array<float> const& origins,
+                              Array<float> const& directions, Array<double> const& tMins,
+                              Array<double> const& tMaxs, Array<float> const& times,
+                              Array<std::int64_t> const& skips, bool useLists, int threads,
+                              pybind11::object const& progress);
+
+    Placed placeCamera(kelpatool::CameraOptions const& options, int width, int height);
+    pybind11::dict render(Placed const& camera, Wish const& wish, int threads,
+                          pybind11::object const& progress);
+
+    pybind11::object bounds();
+    pybind11::dict statistics();
+
+  private:
+    void moveToOrigin();
+    /// Under `sceneMutex`; `color` is that of particles without colours.
+    kelpatool::Scene const& sceneIn(Kelpa::Vector const& color);
+
+    std::vector<Arrays> arrays;
+    std::vector<kelpatool::System> systems;
+    std::vector<std::vector<Kelpa::Vector>> moved; ///< positions of systems far from zero
+    kelpatool::Vec origin{};
+    std::unique_ptr<kelpatool::Geometry> geometry;
+    double buildSeconds = 0.0;
+    std::recursive_mutex sceneMutex;       ///< recursive: `progress` may ask for pictures
+    std::optional<kelpatool::Scene> scene; ///< for pictures; made for the first
+};
+
+void defineTree(pybind11::module_& module);
+
+} // namespace kelpapython

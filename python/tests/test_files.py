@@ -1,0 +1,201 @@
+import copy
+import os
+import pickle
+import signal
+import subprocess
+import tempfile
+import threading
+import unittest
+from pathlib import Path
+
+import numpy as np
+
+import kelpa
+
+F = np.float32
+COMMAND = os.environ.get("KELPA_COMMAND")
+
+WATER = """3
+Lattice="4 0 0 0 5 0 0 0 6" Properties=species:S:1:pos:R:3:velo:R:3:charge:R:1 pbc="T T F"
+O {0}.0 0.0 0.0 1 0 0 -0.8
+H {0}.5 0.5 0.0 0 1 0 0.4
+H {0}.5 -0.5 0.0 0 0 1 0.4
+"""
+
+
+def by_command(*arguments):
+    if not COMMAND:
+        raise unittest.SkipTest("needs the command, whose path is in KELPA_COMMAND")
+    subprocess.run([COMMAND, *map(str, arguments)], check=True, capture_output=True)
+
+
+class WithFolder(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.water = self.folder / "water.xyz"
+        self.water.write_text("".join(WATER.format(i) for i in range(4)))
+
+
+@unittest.skipIf(kelpa._native.missing, "this build reads no files")
+class Files(WithFolder):
+    def test_are_particles_with_their_columns(self):
+        water = kelpa.read(self.water)
+        np.testing.assert_array_equal(water.positions, F([[0, 0, 0], [0.5, 0.5, 0], [0.5, -0.5, 0]]))
+        np.testing.assert_allclose(water.radii, [1.52, 1.10, 1.10])
+        np.testing.assert_array_equal(water.colors[1], [1, 1, 1])
+        np.testing.assert_allclose(water.columns["charge"], [-0.8, 0.4, 0.4], rtol=1e-6)
+        np.testing.assert_array_equal(water.columns["element"], [8, 1, 1])
+        np.testing.assert_array_equal(water.columns["velocity"], np.eye(3))
+        np.testing.assert_array_equal(water.cell.edges, np.diag([4, 5, 6]))
+        self.assertEqual(water.cell.periodic, (True, True, False))
+        self.assertIn("van der Waals radii by element", water.notes)
+        np.testing.assert_array_equal(copy.deepcopy(water).columns["charge"], water.columns["charge"])
+        small = kelpa.read(self.water, -1, radius=0.25, color="red", columns=[], points=True)
+        np.testing.assert_array_equal(small.radii, F([0.25] * 3))
+        np.testing.assert_array_equal(small.colors, [[1, 0, 0]] * 3)
+        self.assertEqual((small.positions[0, 0], small.type), (3, "point"))
+        self.assertNotIn("charge", small.columns)
+        moving = kelpa.read(self.water, motion="velocity", shutter=(0, 0.5), dt=2)
+        np.testing.assert_allclose(moving.positions1 - moving.positions, np.eye(3))
+        onward = kelpa.read(self.water, 1, motion="next", shutter=(0, 1))
+        np.testing.assert_allclose(onward.positions1 - onward.positions, [[1, 0, 0]] * 3)
+
+    def test_have_frames_that_are_counted_and_gone_through(self):
+        frames = kelpa.frames(self.water, radius=1)
+        self.assertEqual([p.positions[0, 0] for p in frames], [0, 1, 2, 3])
+        self.assertEqual((len(frames), frames.numbers), (4, [0, 1, 2, 3]))
+        self.assertEqual([p.positions[0, 0] for p in frames[1:3]], [1, 2])
+        for i in (2, 7):
+            (self.folder / f"cache.{i:02}.xyz").write_text(WATER.format(i))
+        sequence = kelpa.frames(self.folder / "cache.##.xyz")
+        self.assertEqual(sequence.numbers, [2, 7])
+        self.assertEqual(sequence[-1].positions[0, 0], 7)
+        with self.assertRaises(kelpa.NoSuchFrame):
+            kelpa.read(self.water, 9)
+
+    def test_that_cannot_be_read_are_refused_in_words_of_python(self):
+        garbage = self.folder / "garbage.dat"
+        garbage.write_bytes(bytes(range(256)) * 9)
+        read, water = kelpa.read, self.water
+        for call, words in (
+            (lambda: read(garbage), "garbage.dat.*format="),
+            (lambda: read(water, format="stl"), "format: .*'xyz'.*'stl'"),
+            (lambda: read(water, color_by="mass"), "mass"),
+            (lambda: read(water, columns=["mass"]), "mass"),
+            (lambda: read(water, assembly=1), "assembly= is for"),
+            (lambda: read(water, elements="O,Q"), "elements: .*'O,Q'"),
+            (lambda: read(water, elements="O,H"), "no numbered types for elements="),
+            (lambda: read(water, radius=-1), "radius: .*-1"),
+            (lambda: read(water, radii="ionic"), "radii: .*ionic"),
+            (lambda: read(water, range=(0, 1)), "range: .*color_by"),
+            (lambda: read(water, color="#12"), "color: .*#12"),
+            (lambda: read(water, motion=str(garbage)), "garbage.dat"),
+        ):
+            with self.subTest(words), self.assertRaisesRegex(ValueError, words) as raised:
+                call()
+            self.assertNotIn("--", str(raised.exception))
+        with self.assertRaises(FileNotFoundError):
+            read(self.folder / "nowhere.ply")
+
+    def test_end_with_ctrl_c(self):
+        previous = signal.signal(signal.SIGINT, signal.default_int_handler)
+        self.addCleanup(signal.signal, signal.SIGINT, previous)
+        large = self.folder / "large.xyz"
+        row = b"H 1.0 2.0 3.0\n"
+        large.write_bytes(b"4000000\n\n" + row * 4_000_000)
+        stop = threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT))
+        stop.start()
+        with self.assertRaises(KeyboardInterrupt):
+            kelpa.read(large)
+        stop.join()
+
+        def enough(part, message):
+            raise LookupError(message)
+
+        with self.assertRaisesRegex(LookupError, "Reading"):
+            kelpa.read(large, progress=enough)
+
+
+@unittest.skipIf(kelpa._native.missing, "this build writes no pictures")
+class PicturesOfFiles(WithFolder):
+    """The command and the module make the same bytes of the same file, camera and look."""
+
+    look = dict(samples=3, shade="ao", background="sky")
+
+    def check(self, path, options, particles, name="a.png", camera=None, **look):
+        by_command(
+            "render", path, "-o", self.folder / ("command." + name), "--size", "97x61",
+            "--samples", "3", "--quiet", *options,
+        )
+        primitive = kelpa.Primitive(particles)
+        if callable(camera):
+            camera = camera(primitive)
+        picture = primitive.render(camera, 97, 61, **{**self.look, **look})
+        picture.save(self.folder / ("python." + name))
+        files = [(self.folder / f"{who}.{name}").read_bytes() for who in ("command", "python")]
+        self.assertEqual(*files)
+        return picture
+
+    def sample(self, kind, count=3000):
+        path = self.folder / f"{kind}.ply"
+        by_command("generate", kind, "--count", count, "-o", path)
+        return path
+
+    def test_are_the_commands(self):
+        splash, galaxy = self.sample("splash"), self.sample("galaxy")
+        still = kelpa.read(splash)
+        self.check(splash, ["--shadows"], still)
+        self.check(splash, ["--shade", "lit", "--background", "none", "--view", "top"], still,
+                   shade="lit", background=None,
+                   camera=lambda p: kelpa.Camera.framing(p, aspect=(97, 61), view="top"))
+        self.check(galaxy, ["--shade", "flat", "--color", "#3366cc", "--ortho", "--zoom", "2"],
+                   kelpa.read(galaxy, color="#3366cc"), shade="flat",
+                   camera=lambda p: kelpa.Camera.framing(p, aspect=(97, 61), ortho=True, zoom=2))
+        self.check(splash, ["--shadows", "--eye", "3,-4,2.5", "--look-at", "0.1,0,0.3", "--fov", "50"], still,
+                   camera=kelpa.Camera((3, -4, 2.5), (0.1, 0, 0.3), fov=50))
+        self.check(splash, ["--shadows", "--motion", "velocity", "--shutter", "0:0.3"],
+                   kelpa.read(splash, motion="velocity", shutter=(0, 0.3)))
+        self.check(self.water, ["--shadows", "--frame", "2", "--radii", "covalent", "--color-by", "charge"],
+                   kelpa.read(self.water, 2, radii="covalent", color_by="charge"))
+
+    def test_are_the_commands_in_all_channels_and_far_from_zero(self):
+        path = self.folder / "far.xyz"
+        rng = np.random.default_rng(1)
+        places = rng.random((400, 3)) + [1000, -2000, 0]
+        path.write_text("400\n\n" + "".join(f"Ar {x:.6} {y:.6} {z:.6}\n" for x, y, z in places))
+        far = kelpa.read(path, radius=0.05)
+        np.testing.assert_array_equal(far.positions[:, 0], [F(f"{x:.6}") for x in places[:, 0]])
+        picture = self.check(
+            path, ["--shadows", "--radius", "0.05", "--aov", "depth,normal,id,position", "--crop", "20,10,80,50"],
+            far, name="a.exr", aov="depth,normal,id,position", crop=(20, 10, 80, 50),
+        )
+        hit = picture.id != kelpa.Picture.NOTHING
+        self.assertTrue(hit.any() and not hit.all())
+        offset = picture.position[hit] - far.positions[picture.id[hit]]
+        np.testing.assert_allclose(np.linalg.norm(offset, axis=1), 0.05, rtol=2e-2)
+        camera = kelpa.Camera.framing(kelpa.Primitive(far), aspect=(97, 61))
+        hits = kelpa.Primitive(far).intersect(*camera.rays(97, 61))
+        self.assertGreater(hits.mask.sum(), 200)
+
+    def test_show_themselves_and_travel(self):
+        picture = kelpa.Primitive(kelpa.read(self.water)).render(width=40, height=30, aov=["depth"])
+        self.assertEqual(picture.shape, (30, 40, 4))
+        self.assertEqual(picture._repr_png_()[:8], b"\x89PNG\r\n\x1a\n")
+        self.assertIsNone(picture[..., 3]._repr_png_())
+        again = pickle.loads(pickle.dumps(picture))
+        np.testing.assert_array_equal(again, picture)
+        np.testing.assert_array_equal(again.depth, picture.depth)
+        brighter = np.minimum(picture * 2, 1)
+        brighter.save(self.folder / "brighter.exr")
+        with self.assertRaisesRegex(ValueError, "a.png cannot hold depth; write an .exr"):
+            picture.save("a.png")
+        with self.assertRaisesRegex(ValueError, "jpg"):
+            np.array(picture).view(kelpa.Picture).save(self.folder / "a.jpg")
+        with self.assertRaises(OSError):
+            picture.save(self.folder / "nowhere" / "a.exr")
+
+
+if __name__ == "__main__":
+    unittest.main()
