@@ -63,7 +63,7 @@ void registerBenchmarks(Settings const& settings) {
                 ->Unit(benchmark::kMillisecond)
                 ->UseManualTime();
             for (std::size_t set = 0; set < std::size(setNames); ++set)
-                for (Form const form : allForms)
+                for (Form const form : hitForms)
                     benchmark::RegisterBenchmark(
                         ("rays/" + recipe.name() + '/' + setNames[set] +
                          (form == Form::single ? "/single" : "/lists") + onThreads)

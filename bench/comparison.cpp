@@ -65,7 +65,7 @@ struct Row {
 };
 
 void print(Row const& row) {
-    std::printf("%-24s %2d  %-22s %9.3f", row.scene.c_str(), row.threads, row.what.c_str(),
+    std::printf("%-24s %2d  %-36s %9.3f", row.scene.c_str(), row.threads, row.what.c_str(),
                 median(row.ours));
     if (!row.peers.empty())
         std::printf(" %9.3f %6.2f", median(row.peers), row.ratio());
@@ -87,7 +87,8 @@ bool agree(Found const& ours, Found const& peers) {
 class Comparison {
   public:
     Comparison(Settings const& wanted, SceneRecipe const& recipe)
-        : settings(wanted), scene(makeScene(recipe)), sets(raySets(scene, wanted.rays)),
+        : settings(wanted), scene(makeScene(recipe)),
+          sets(wanted.pictures ? pictureSets(scene, wanted.rays) : raySets(scene, wanted.rays)),
           ours(makeOurs(scene)), peer(makePeer(scene)) {}
 
     std::vector<Row> run() {
@@ -138,8 +139,8 @@ class Comparison {
         if (peer != nullptr)
             method = fastest(*peer, form, rate);
 
-        Row row = newRow(threads,
-                         set.name + (form == Form::single ? " single, M/s" : " lists, M/s"), true);
+        constexpr char const* formNames[] = {" single, M/s", " lists, M/s", " occluded, M/s"};
+        Row row = newRow(threads, set.name + formNames[static_cast<int>(form)], true);
         measure(row,
                 [&](Kernel& kernel) { return rate(kernel, &kernel == peer.get() ? method : 0); });
         if (peer != nullptr) {
@@ -242,7 +243,7 @@ class Hash {
 void comparePeers(Settings const& settings) {
     std::printf("%s; medians of %d runs in turn; a ratio above 1: ours is better\n",
                 peerName().c_str(), settings.runs);
-    std::printf("%-24s %2s  %-22s %9s %9s %6s\n", "scene", "th", "what", "ours", "peer", "ratio");
+    std::printf("%-24s %2s  %-36s %9s %9s %6s\n", "scene", "th", "what", "ours", "peer", "ratio");
     std::vector<Row> rows;
     for (SceneRecipe const& recipe : settings.recipes()) {
         std::vector<Row> ofScene = Comparison(settings, recipe).run();
@@ -258,7 +259,7 @@ namespace {
 std::vector<Found> traceAll(int threads, Kernel const& kernel, std::vector<RaySet> const& sets) {
     std::vector<Found> all;
     for (RaySet const& set : sets)
-        for (Form const form : allForms) {
+        for (Form const form : hitForms) {
             std::vector<Found> found(set.rays.size());
             traceOnThreads(threads, kernel, form, 0, set.rays, found);
             all.insert(all.end(), found.begin(), found.end());

@@ -15,7 +15,8 @@ struct Settings {
     int runs = 5;
     int rays = 65536; ///< of each kind
     std::regex filter{""};
-    std::string json; ///< where the comparison is written to; empty: nowhere
+    bool pictures = false; ///< compare by the rays of pictures
+    std::string json;      ///< where the comparison is written to; empty: nowhere
 
     /// The wanted scenes, by growing count; `filter` is looked for in their names.
     std::vector<SceneRecipe> recipes() const;

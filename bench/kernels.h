@@ -10,9 +10,11 @@
 
 namespace kelpabench {
 
-/// How rays are handed over: one by one, or in lists of 64.
-enum class Form { single, lists };
-inline constexpr Form allForms[] = {Form::single, Form::lists};
+/// How rays are handed over: one by one, in lists of 64, or in such lists only to be told whether
+/// they hit anything: then a hit is one on particle 0, at 0.
+enum class Form { single, lists, occlusion };
+inline constexpr Form hitForms[] = {Form::single, Form::lists};
+inline constexpr Form allForms[] = {Form::single, Form::lists, Form::occlusion};
 inline constexpr std::size_t listLength = 64;
 
 /// Bytes held beside the host's arrays.
@@ -69,5 +71,9 @@ inline std::string peerName() {
 
 /// Builds our kernel on one thread, then makes every kind of rays with it.
 std::vector<RaySet> raySets(Scene const& scene, int count);
+
+/// As `raySets`: about `count` rays of each of some pictures of 1280 x 720, and the shadow rays
+/// from what they hit.
+std::vector<RaySet> pictureSets(Scene const& scene, int count);
 
 } // namespace kelpabench

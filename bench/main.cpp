@@ -30,6 +30,7 @@ constexpr char const* usage =
     "  --rays 65536       of each kind\n"
     "  --filter REGEX     only scenes with such a name, as in uniform/static/100000\n"
     "  --runs 5           --peers, --fresh-builds: runs of each, of which the median counts\n"
+    "  --pictures         --peers: rays of pictures of 1280 x 720, and their shadow rays\n"
     "  --json FILE        --peers: write all runs\n";
 
 enum class Mode { benchmarks, peers, freshBuilds, oneBuild, hash, schedules, help };
@@ -96,6 +97,8 @@ CommandLine parse(int argc, char** argv) {
             settings.runs = parseCount(value());
         else if (option == "--filter")
             settings.filter = value();
+        else if (option == "--pictures")
+            settings.pictures = true;
         else if (option == "--json")
             settings.json = value();
         else if (option.starts_with("--benchmark_"))

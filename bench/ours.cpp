@@ -48,7 +48,8 @@ template <class Primitive> class Ours final : public Kernel {
     std::span<char const* const> methods(Form form) const override {
         static constexpr char const* single[] = {"intersect"};
         static constexpr char const* lists[] = {"bunchIntersect"};
-        return form == Form::single ? single : lists;
+        static constexpr char const* occlusion[] = {"bunchOccluded"};
+        return form == Form::single ? single : form == Form::lists ? lists : occlusion;
     }
 
     void trace(Form form, std::size_t, std::span<Ray const> rays,
@@ -60,7 +61,7 @@ template <class Primitive> class Ours final : public Kernel {
         }
         for (std::size_t i = 0; i < rays.size(); i += listLength) {
             std::size_t const count = std::min(listLength, rays.size() - i);
-            findHits(rays.subspan(i, count), found.subspan(i, count));
+            findHits(form, rays.subspan(i, count), found.subspan(i, count));
         }
     }
 
@@ -83,7 +84,7 @@ template <class Primitive> class Ours final : public Kernel {
         return {query.hitT, query.hitNormal, query.hitLocalIndex};
     }
 
-    void findHits(std::span<Ray const> rays, std::span<Found> found) const {
+    void findHits(Form form, std::span<Ray const> rays, std::span<Found> found) const {
         // Kept from call to call, as a renderer keeps its bunches; only what is read is set.
         static thread_local Kelpa::RayBunchExtParams params;
         static thread_local Kelpa::RayBunchCommonResult result;
@@ -104,6 +105,13 @@ template <class Primitive> class Ours final : public Kernel {
             lanes[i] = static_cast<unsigned char>(i);
             result.hit[i] = 0;
             result.hitT[i] = farAway;
+        }
+        if (form == Form::occlusion) {
+            std::uint64_t const occluded =
+                primitive->bunchOccluded(params, tMins, tMaxs, lanes, rays.size());
+            for (std::size_t i = 0; i < rays.size(); ++i)
+                found[i] = (occluded >> i & 1U) != 0 ? Found{0.0, {}, 0} : Found{};
+            return;
         }
         result.noHits = true;
         primitive->bunchIntersect(params, result, tMins, tMaxs, lanes, rays.size());
@@ -144,6 +152,30 @@ std::vector<RaySet> raySets(Scene const& scene, int count) {
     return {{"camera", std::move(camera)},
             {"bounced", std::move(bounced)},
             {"random", randomRays(count)}};
+}
+
+std::vector<RaySet> pictureSets(Scene const& scene, int count) {
+    constexpr struct {
+        char const* name;
+        double zoom;
+        int samples;
+        ListOrder order;
+    } pictures[] = {{"picture", 1.0, 1, ListOrder::pixels},
+                    {"16 samples", 1.0, 16, ListOrder::pixels},
+                    {"4 pixels x 16", 1.0, 16, ListOrder::samples},
+                    {"close-up", 3.0, 1, ListOrder::pixels}};
+    std::unique_ptr<Kernel> const ours = makeOurs(scene);
+    ours->build(1);
+    std::vector<RaySet> sets;
+    for (auto const& picture : pictures) {
+        std::vector<Ray> seen = pictureRays(picture.zoom, picture.samples, picture.order, count);
+        std::vector<Found> hits(seen.size());
+        ours->trace(Form::lists, 0, seen, hits);
+        std::vector<Ray> shadows = shadowRays(scene, seen, hits);
+        sets.push_back({picture.name, std::move(seen)});
+        sets.push_back({std::string(picture.name) + " shadow", std::move(shadows)});
+    }
+    return sets;
 }
 
 } // namespace kelpabench

@@ -78,4 +78,53 @@ std::vector<Ray> randomRays(int count) {
     return rays;
 }
 
+std::vector<Ray> pictureRays(double zoom, int samples, ListOrder order, int count) {
+    constexpr int width = 1280, height = 720, tile = 8;
+    constexpr Vector eye = {0.5F, 0.5F, -1.2F};
+    double const halfHeight = 0.41 / zoom; // of the picture, at a distance of 1
+    Random random(5);
+    std::vector<Ray> rays;
+    auto const addSample = [&](int column, int row) {
+        double const u = (column + random.unit() - 0.5 * width) / (0.5 * height) * halfHeight;
+        double const v = (0.5 * height - row - random.unit()) / (0.5 * height) * halfHeight;
+        rays.push_back({eye, normalized(u, v, 1.0), shutterTime(random), -1});
+    };
+    constexpr int tiles = width / tile * (height / tile);
+    int const wanted = std::clamp(count / (tile * tile * samples), 1, tiles);
+    for (int i = 0; i < wanted; ++i) {
+        int const number = static_cast<int>(static_cast<std::int64_t>(i) * tiles / wanted);
+        int const left = number % (width / tile) * tile;
+        int const top = number / (width / tile) * tile;
+        for (int k = 0; k < tile * tile * samples; ++k)
+            if (order == ListOrder::pixels) {
+                addSample(left + k % tile, top + k / tile % tile);
+            } else { // blocks of 2 x 2 pixels
+                int const pixel = k / samples;
+                int const block = pixel / 4;
+                addSample(left + block % 4 * 2 + pixel % 2, top + block / 4 * 2 + pixel / 2 % 2);
+            }
+    }
+    return rays;
+}
+
+std::vector<Ray> shadowRays(Scene const& scene, std::span<Ray const> rays,
+                            std::span<Found const> hits) {
+    constexpr double lift = 1.0 + 1.0 / 512.0;
+    Vector const toLight = normalized(-0.4, 0.7, -0.6);
+    std::vector<Ray> shadows;
+    for (std::size_t i = 0; i < rays.size(); ++i) {
+        Vector const& n = hits[i].normal;
+        if (!hits[i].isHit() || dot(n, toLight) <= 0.0)
+            continue;
+        std::int32_t const particle = hits[i].particle;
+        double const radius = static_cast<double>(scene.radii[static_cast<std::size_t>(particle)]);
+        Vector const normal = normalized(static_cast<double>(n.x), static_cast<double>(n.y),
+                                         static_cast<double>(n.z));
+        float const time = rays[i].time;
+        shadows.push_back(
+            {moved(scene.center(particle, time), lift * radius, normal), toLight, time, particle});
+    }
+    return shadows;
+}
+
 } // namespace kelpabench

@@ -50,4 +50,19 @@ std::vector<Ray> bouncedRays(Scene const& scene, std::span<Ray const> cameraRays
 /// `count` lines through two random points of the unit cube each, entered from outside.
 std::vector<Ray> randomRays(int count);
 
+/// How the rays of a picture are put into lists of 64.
+enum class ListOrder {
+    pixels, ///< a sample of each pixel of a tile of 8 x 8, tile by tile and sample by sample
+    samples ///< all 16 samples of each of 4 neighbouring pixels
+};
+
+/// A picture of the unit cube, 1280 x 720, seen from where all of it is in view or, with `zoom` 3,
+/// from three times as near: random samples of each pixel, of tiles chosen evenly, about `count`
+/// rays in all.
+std::vector<Ray> pictureRays(double zoom, int samples, ListOrder order, int count);
+
+/// From where `rays` hit towards one light, in the same order: from what it can shine on.
+std::vector<Ray> shadowRays(Scene const& scene, std::span<Ray const> rays,
+                            std::span<Found const> hits);
+
 } // namespace kelpabench
