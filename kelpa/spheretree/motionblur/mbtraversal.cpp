@@ -2,9 +2,9 @@
 
 #include "kelpa/spheretree/motionblur/mbtraversal.h"
 
+#include "kelpa/spheretree/interleaved.h"
 #include "kelpa/spheretree/motionblur/mbwalk.h"
 #include "kelpa/spheretree/splitchoice.h"
-#include "kelpa/spheretree/travellers.h"
 
 #include <cmath>
 #include <cstdint>
@@ -14,10 +14,10 @@ namespace Kelpa::KELPA_VARIANT {
 namespace {
 
 /// One of several rays that are on their way at the same time.
-template <Goal goal> class Traveller {
+template <Goal goal> class RayInFlight {
   public:
-    Traveller(Tree const& tree, MBSphereRay& travellingRay)
-        : ray(travellingRay), axes(ray), node(tree.root), time(static_cast<double>(ray.rayTime)),
+    RayInFlight(Tree const& tree, MBSphereRay& askedRay)
+        : ray(askedRay), axes(ray), node(tree.root), time(static_cast<double>(ray.rayTime)),
           tMin(ray.tMin), tMax(ray.tMax), leaves(tree, ray) {}
 
     /// Takes the steps of `visitLeaves` without a branch: the processor would guess it, and
@@ -106,7 +106,7 @@ template <Goal goal> void findMany(Tree const& tree, std::span<MBSphereRay*> ray
             found[i] = find<goal>(tree, *rays[i]);
         return;
     }
-    searchTogether<Traveller<goal>>(tree, rays, found);
+    searchTogether<RayInFlight<goal>>(tree, rays, found);
 }
 
 } // namespace

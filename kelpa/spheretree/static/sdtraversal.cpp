@@ -2,9 +2,9 @@
 
 #include "kelpa/spheretree/static/sdtraversal.h"
 
+#include "kelpa/spheretree/interleaved.h"
 #include "kelpa/spheretree/splitchoice.h"
 #include "kelpa/spheretree/static/sdwalk.h"
-#include "kelpa/spheretree/travellers.h"
 
 #include <cstdint>
 
@@ -13,10 +13,10 @@ namespace Kelpa::KELPA_VARIANT {
 namespace {
 
 /// One of several rays that are on their way at the same time.
-template <Goal goal> class Traveller {
+template <Goal goal> class RayInFlight {
   public:
-    Traveller(Tree const& tree, SDSphereRay& travellingRay)
-        : ray(travellingRay), axes(ray), node(tree.root), tMin(ray.tMin), tMax(ray.tMax),
+    RayInFlight(Tree const& tree, SDSphereRay& askedRay)
+        : ray(askedRay), axes(ray), node(tree.root), tMin(ray.tMin), tMax(ray.tMax),
           leaves(tree, ray) {}
 
     /// Takes the steps of `visitLeaves` without a branch: the processor would guess it, and
@@ -87,7 +87,7 @@ template <Goal goal> void findMany(Tree const& tree, std::span<SDSphereRay*> ray
             found[i] = find<goal>(tree, *rays[i]);
         return;
     }
-    searchTogether<Traveller<goal>>(tree, rays, found);
+    searchTogether<RayInFlight<goal>>(tree, rays, found);
 }
 
 } // namespace

@@ -26,7 +26,7 @@ namespace Kelpa {
                                              __builtin_bit_cast(std::uint64_t, ifClear)));
 }
 
-/// The address of child 0 or 1 of a pair. By number: where a traveller waits in an empty leaf there
+/// The address of child 0 or 1 of a pair. By number: where a ray waits in an empty leaf there
 /// is no pair, and no pointer into it may be formed, though nothing follows it.
 template <class Node>
 [[gnu::always_inline]] inline Node const* childAt(Node const* pair, std::uint64_t child) {
@@ -38,20 +38,21 @@ namespace {
 
 /// How many rays travel at a time: enough to fill the wait for memory, few enough for their states
 /// to stay near the processor.
-inline constexpr int mostTravellers = 16;
+inline constexpr int mostInFlight = 16;
 
 /// Leads rays to the end of their ways, a step of each in turn. While one waits for its node from
-/// memory, the processor works on the others; none takes notice of another.
+/// memory, the processor works on the others; none takes notice of another (O. Kocberber, B.
+/// Falsafi and B. Grot, "Asynchronous Memory Access Chaining", PVLDB 9(4), 2015, of lookups in
+/// databases).
 ///
-/// A traveller has `step()`, which goes one node down and returns 0 in a leaf, else 1;
+/// A ray in flight has `step()`, which goes one node down and returns 0 in a leaf, else 1;
 /// `prefetchLeaf()`; and `visitLeaf()`, which returns whether the ray goes on from there.
-template <class Traveller>
-[[gnu::always_inline]] inline void
-travelTogether(FixedList<Traveller, mostTravellers>& travellers) {
-    int walking[mostTravellers];
-    int atLeaf[mostTravellers];
+template <class RayInFlight>
+[[gnu::always_inline]] inline void advanceInTurn(FixedList<RayInFlight, mostInFlight>& inFlight) {
+    int walking[mostInFlight];
+    int atLeaf[mostInFlight];
     int numWalking = 0;
-    for (; numWalking < static_cast<int>(travellers.size()); ++numWalking)
+    for (; numWalking < static_cast<int>(inFlight.size()); ++numWalking)
         walking[numWalking] = numWalking;
     while (numWalking > 0) {
         int numAtLeaf = 0;
@@ -59,7 +60,7 @@ travelTogether(FixedList<Traveller, mostTravellers>& travellers) {
             int stillWalking = 0;
             for (int k = 0; k < numWalking; ++k) {
                 int const i = walking[k];
-                int const isInner = travellers[static_cast<unsigned>(i)].step();
+                int const isInner = inFlight[static_cast<unsigned>(i)].step();
                 walking[stillWalking] = i;
                 stillWalking += isInner;
                 atLeaf[numAtLeaf] = i;
@@ -68,25 +69,25 @@ travelTogether(FixedList<Traveller, mostTravellers>& travellers) {
             numWalking = stillWalking;
         }
         for (int k = 0; k < numAtLeaf; ++k)
-            travellers[static_cast<unsigned>(atLeaf[k])].prefetchLeaf();
+            inFlight[static_cast<unsigned>(atLeaf[k])].prefetchLeaf();
         for (int k = 0; k < numAtLeaf; ++k)
-            if (travellers[static_cast<unsigned>(atLeaf[k])].visitLeaf())
+            if (inFlight[static_cast<unsigned>(atLeaf[k])].visitLeaf())
                 walking[numWalking++] = atLeaf[k];
     }
 }
 
 /// Searches a tree for several rays at a time; `found[i]` tells whether `rays[i]` has hit
 /// something.
-template <class Traveller, class Tree, class Ray>
+template <class RayInFlight, class Tree, class Ray>
 [[gnu::always_inline]] inline void searchTogether(Tree const& tree, std::span<Ray*> rays,
                                                   bool* found) {
     for (std::size_t i = 0; i < rays.size();) {
-        FixedList<Traveller, mostTravellers> travellers;
-        for (std::size_t k = i; k < rays.size() && !travellers.isFull(); ++k)
-            travellers.add([&] { return Traveller(tree, *rays[k]); });
-        travelTogether(travellers);
-        for (Traveller& traveller : travellers)
-            found[i++] = traveller.finish();
+        FixedList<RayInFlight, mostInFlight> inFlight;
+        for (std::size_t k = i; k < rays.size() && !inFlight.isFull(); ++k)
+            inFlight.add([&] { return RayInFlight(tree, *rays[k]); });
+        advanceInTurn(inFlight);
+        for (RayInFlight& ray : inFlight)
+            found[i++] = ray.finish();
     }
 }
 
