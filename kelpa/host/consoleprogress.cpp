@@ -1,13 +1,17 @@
 #include "kelpa/host/consoleprogress.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 namespace Kelpa {
 
@@ -32,7 +36,27 @@ std::string withCommas(std::uint64_t number) {
     return text;
 }
 
+/// How many columns a line on stderr may fill without beginning another one.
+std::size_t terminalColumns() {
+    winsize size{};
+    bool const isKnown = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return isKnown ? size.ws_col - std::size_t{1} : std::string::npos;
+}
+
 } // namespace
+
+std::string durationText(double seconds) {
+    char text[32];
+    double const minutes = std::round(seconds / 60.0);
+    if (seconds < 99.95)
+        std::snprintf(text, sizeof text, "%.1f s", std::max(seconds, 0.0));
+    else if (minutes < 120.0)
+        std::snprintf(text, sizeof text, "%.0f min", minutes);
+    else
+        std::snprintf(text, sizeof text, "%.0f h %.0f min", std::floor(minutes / 60.0),
+                      std::fmod(minutes, 60.0));
+    return text;
+}
 
 InterruptScope::InterruptScope() {
     struct sigaction action {};
@@ -77,10 +101,11 @@ void ConsoleProgress::info(int, int level, char const* format, ...) {
     std::fputs(line, stderr);
 }
 
-ProgressLine::ProgressLine(std::string phaseName, Mode wanted)
+ProgressLine::ProgressLine(std::string phaseName, Mode wanted, Remark remarkOf)
     : name(std::move(phaseName)), mode(wanted != Mode::automatic    ? wanted
                                        : isatty(STDERR_FILENO) != 0 ? Mode::rewritten
-                                                                    : Mode::plain) {
+                                                                    : Mode::plain),
+      remark(std::move(remarkOf)) {
     if (mode == Mode::none)
         return;
     try {
@@ -118,9 +143,7 @@ void ProgressLine::tick() {
 }
 
 void ProgressLine::show(double seconds) {
-    constexpr int barWidth = 12;
     double const fraction = fractionDone.load(std::memory_order_relaxed);
-    std::uint64_t const count = countDone.load(std::memory_order_relaxed);
     int const tenths = static_cast<int>(fraction * 10.0);
     if (mode == Mode::plain) {
         // Without a fraction, a sign of life now and then.
@@ -131,26 +154,51 @@ void ProgressLine::show(double seconds) {
     }
     tenthsShown = tenths;
     hasShown = true;
+    std::string const line = mode == Mode::rewritten
+                                 ? "\r" + lineFor(seconds, terminalColumns()) + "\033[K"
+                                 : lineFor(seconds, std::string::npos) + "\n";
+    std::fputs(line.c_str(), stderr);
+}
 
-    std::string line = name;
-    line.resize(std::max<std::size_t>(line.size(), 7), ' ');
-    char text[64];
+/// What is to be shown, as much as there are columns for.
+std::string ProgressLine::lineFor(double seconds, std::size_t columns) const {
+    double const fraction = fractionDone.load(std::memory_order_relaxed);
+    std::uint64_t const count = countDone.load(std::memory_order_relaxed);
+    enum Part { phase, bar, percent, particles, time, more, partCount };
+    std::string parts[partCount];
+    parts[phase] = name;
+    parts[phase].resize(std::max<std::size_t>(name.size(), 6), ' ');
     if (fraction >= 0.0) {
-        int const filled = static_cast<int>(fraction * barWidth);
+        constexpr int barWidth = 12;
         for (int i = 0; i < barWidth; ++i)
-            line += i < filled ? '#' : '-';
+            parts[bar] += i < static_cast<int>(fraction * barWidth) ? '#' : '-';
+        parts[bar].insert(0, " ");
+        char text[16];
         std::snprintf(text, sizeof text, " %3.0f %%", fraction * 100.0);
-        line += text;
+        parts[percent] = text;
     }
     if (count > 0)
-        line += "  " + withCommas(count) + " particles";
-    if (fraction > 0.05)
-        std::snprintf(text, sizeof text, "  %.1f s left", seconds / fraction - seconds);
-    else
-        std::snprintf(text, sizeof text, "  %.1f s", seconds);
-    line += text;
-    std::fputs(mode == Mode::rewritten ? ("\r" + line + "\033[K").c_str() : (line + "\n").c_str(),
-               stderr);
+        parts[particles] = "  " + withCommas(count) + " particles";
+    constexpr double enough = 0.05; // of the work, to tell how long the rest takes
+    parts[time] = fraction > enough ? "  " + durationText(seconds / fraction - seconds) + " left"
+                                    : "  " + durationText(seconds);
+    if (std::string const text = remark ? remark() : ""; !text.empty())
+        parts[more] = "; " + text;
+
+    constexpr Part leastUseful[] = {particles, bar, more, time, percent};
+    auto const length = [&parts] {
+        std::size_t sum = 0;
+        for (std::string const& part : parts)
+            sum += part.size();
+        return sum;
+    };
+    for (Part const part : leastUseful)
+        if (length() > columns)
+            parts[part].clear();
+    std::string line;
+    for (std::string const& part : parts)
+        line += part;
+    return line.substr(0, columns);
 }
 
 } // namespace Kelpa

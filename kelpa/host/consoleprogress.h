@@ -5,7 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -51,8 +53,12 @@ class ConsoleProgress final : public ProgressCallback {
     std::atomic<bool> isStopped = false;
 };
 
+/// A time for people: "7.5 s", "12 min", "3 h 20 min". Negative ones are 0.
+std::string durationText(double seconds);
+
 /// Shows on stderr how far a phase has come: on a terminal in one line that is rewritten, otherwise
-/// in a line every tenth. Phases of less than half a second show nothing.
+/// in a line every tenth. Phases of less than half a second show nothing. On a narrow terminal less
+/// is shown, so that the line never wraps.
 ///
 /// A ticker of its own keeps the display alive while the phase's threads are busy or waiting.
 class ProgressLine {
@@ -60,8 +66,11 @@ class ProgressLine {
     /// `automatic` is `rewritten` on a terminal and `plain` elsewhere.
     enum class Mode { automatic, rewritten, plain, none };
 
+    /// What else the line shows, asked each time on a thread of its own; empty for nothing.
+    using Remark = std::function<std::string()>;
+
     /// Begins a phase; without a thread to be had there is no display.
-    ProgressLine(std::string phaseName, Mode mode);
+    ProgressLine(std::string phaseName, Mode mode, Remark remark = {});
     ProgressLine(ProgressLine const&) = delete;
     ProgressLine& operator=(ProgressLine const&) = delete;
     /// Erases a rewritten line.
@@ -74,9 +83,11 @@ class ProgressLine {
   private:
     void tick();
     void show(double seconds);
+    std::string lineFor(double seconds, std::size_t columns) const;
 
     std::string const name;
     Mode const mode;
+    Remark const remark;
     std::chrono::steady_clock::time_point const begin = std::chrono::steady_clock::now();
     std::atomic<double> fractionDone = -1.0; ///< below 0: not known
     std::atomic<std::uint64_t> countDone = 0;

@@ -3,6 +3,7 @@
 #include "kelpa/host/pieces.h"
 
 #include "pipeline/files/srgb.h"
+#include "pipeline/picture/tileorder.h"
 #include "pipeline/scene/vec.h"
 
 #include <algorithm>
@@ -117,9 +118,10 @@ Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& 
     Image image = picture.emptyImage();
     std::size_t const tiles = picture.tileCount();
 
+    TileOrder const order(tiles);
     std::atomic<std::size_t> done = 0;
-    auto const renderTile = [&](std::size_t tile, Kelpa::GoOn const& goOn) {
-        picture.renderTile(tile, image, goOn);
+    auto const renderTile = [&](std::size_t turn, Kelpa::GoOn const& goOn) {
+        picture.renderTile(order.tileAt(turn), image, goOn);
         ++done;
     };
     auto const watch = [&] {

@@ -7,6 +7,7 @@
 #include "tests/support/clouds.h"
 
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +15,9 @@
 #include <csignal>
 #include <functional>
 #include <future>
+#include <regex>
 #include <stdexcept>
+#include <string>
 
 using namespace Kelpa;
 using kelpatest::Random;
@@ -284,6 +287,47 @@ TEST(Snapshots, ArePutInOrderAndIntoTheShutter) {
     });
     EXPECT_EQ(told.find("[ParticleSystem] The sample time 24 lies outside the shutter"), 0U);
     EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << "once";
+}
+
+/// What a line on a terminal of that many columns shows, without what erases it.
+std::vector<std::string> shownOn(unsigned short columns, double fraction) {
+    int terminal = -1;
+    int screen = -1;
+    winsize const size{24, columns, 0, 0};
+    EXPECT_EQ(openpty(&terminal, &screen, nullptr, nullptr, &size), 0);
+    int const before = dup(STDERR_FILENO);
+    dup2(screen, STDERR_FILENO);
+    {
+        ProgressLine line("render", ProgressLine::Mode::automatic,
+                          [] { return "frame 3 of 240, 12 min left"; });
+        line.update(fraction, 1234567);
+        std::this_thread::sleep_for(milliseconds{750});
+    }
+    dup2(before, STDERR_FILENO);
+    char bytes[4096];
+    auto const count = read(terminal, bytes, sizeof bytes);
+    for (int const opened : {before, screen, terminal})
+        close(opened);
+    std::string const all(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    std::vector<std::string> lines;
+    std::regex const line("\r([^\r\x1b]+)");
+    for (std::sregex_iterator at(all.begin(), all.end(), line), end; at != end; ++at)
+        lines.push_back((*at)[1]);
+    EXPECT_FALSE(lines.empty()) << all;
+    return lines;
+}
+
+TEST(ProgressLine, ShowsLessOnNarrowTerminalsAndNeverWraps) {
+    for (unsigned short const columns : std::initializer_list<unsigned short>{60, 40, 20, 5}) {
+        for (std::string const& line : shownOn(columns, 0.5)) {
+            EXPECT_LT(line.size(), columns) << line;
+            EXPECT_EQ(line.find("frame 3 of 240, 12 min left") != std::string::npos, columns >= 60);
+            EXPECT_EQ(line.find("50 %") != std::string::npos, columns >= 20) << line;
+            EXPECT_EQ(line.substr(0, 4), "rend");
+        }
+    }
+    EXPECT_EQ(durationText(-1) + durationText(99.9) + durationText(100), "0.0 s99.9 s2 min");
+    EXPECT_EQ(durationText(7140) + durationText(7199 * 60), "119 min119 h 59 min");
 }
 
 TEST(ParticleSystem, ShowsItsOwnArraysAndNullWhereItHasNone) {

@@ -3,6 +3,7 @@
 #include "pipeline/files/numberplace.h"
 #include "pipeline/picture/framing.h"
 #include "pipeline/picture/render.h"
+#include "pipeline/picture/tileorder.h"
 #include "pipeline/samples/samples.h"
 #include "pipeline/scene/scene.h"
 
@@ -14,7 +15,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <map>
+#include <numeric>
+#include <set>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -235,6 +241,48 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     EXPECT_EQ(image.id, expected.id);
     EXPECT_EQ(image.normal, expected.normal);
     EXPECT_EQ(image.position, expected.position);
+}
+
+/// The largest factor between a part of the tiles, from a fifth on, and its part of their cost.
+double mostMisled(std::size_t columns, std::size_t rows,
+                  std::function<double(double x, double y)> const& costAt) {
+    kelpatool::TileOrder const order(columns * rows);
+    std::set<std::size_t> seen;
+    std::vector<double> costs;
+    for (std::size_t turn = 0; turn < columns * rows; ++turn) {
+        std::size_t const tile = order.tileAt(turn);
+        EXPECT_TRUE(seen.insert(tile).second && tile < columns * rows);
+        costs.push_back(costAt(static_cast<double>(tile % columns) / static_cast<double>(columns),
+                               static_cast<double>(tile / columns) / static_cast<double>(rows)));
+    }
+    double const all = std::accumulate(costs.begin(), costs.end(), 0.0);
+    double sum = 0.0;
+    double most = 1.0;
+    for (std::size_t done = 1; done <= costs.size(); ++done) {
+        sum += costs[done - 1];
+        double const ratio =
+            sum / all * static_cast<double>(costs.size()) / static_cast<double>(done);
+        if (5 * done >= costs.size())
+            most = std::max({most, ratio, 1.0 / ratio});
+    }
+    return most;
+}
+
+TEST(Tiles, AreDealtOutSoThatEachPartOfThemTakesItsPartOfTheTime) {
+    for (auto const& [columns, rows] : std::vector<std::pair<std::size_t, std::size_t>>{
+             {160, 90}, {240, 135}, {120, 68}, {80, 80}, {64, 512}, {16, 1}, {7, 3}, {1, 1}}) {
+        SCOPED_TRACE(columns);
+        bool const isLarge = columns * rows > 5000;
+        auto const floorBelow = [](double, double y) { return y < 0.6 ? 0.1 : 1.0; };
+        auto const ball = [](double x, double y) {
+            return std::hypot(x - 0.5, y - 0.5) < 0.3 ? 1.0 : 0.05;
+        };
+        auto const ramp = [](double x, double y) { return x * x + y; };
+        for (double const misled :
+             {mostMisled(columns, rows, floorBelow), mostMisled(columns, rows, ball),
+              mostMisled(columns, rows, ramp)})
+            EXPECT_LT(misled, isLarge ? 1.15 : 1e9);
+    }
 }
 
 } // namespace

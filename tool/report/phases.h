@@ -11,7 +11,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kelpatool {
@@ -44,9 +46,11 @@ void throwIfInterrupted();
 Kelpa::ProgressLine::Mode displayMode(RunOptions const& run);
 
 /// Runs a phase with a progress display of its own, which the phase feeds and which stops it.
+/// `remark` gives what the display adds.
 template <class Phase>
-auto withProgress(std::string const& name, RunOptions const& run, Phase phase) {
-    Kelpa::ProgressLine line(name, displayMode(run));
+auto withProgress(std::string const& name, RunOptions const& run, Phase phase,
+                  std::function<std::string()> remark = {}) {
+    Kelpa::ProgressLine line(name, displayMode(run), std::move(remark));
     return phase([&line](double fraction, std::uint64_t particles) {
         line.update(fraction, particles);
         throwIfInterrupted();

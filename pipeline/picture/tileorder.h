@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <numeric>
+
+namespace kelpatool {
+
+/// The order in which a picture's tiles are dealt out: as evenly over the picture as if each came
+/// from anywhere, so that after any part of them about that part of the time has passed. Sky at the
+/// top, a floor at the bottom: in rows the first half told nothing about the second.
+///
+/// Runs of neighbours stay together, for what one tile loads its neighbour needs.
+class TileOrder {
+  public:
+    explicit TileOrder(std::size_t tiles) : runs(tiles / runLength) {
+        // A step of the golden section leaves gaps of nearly one size however often it is made
+        // (V. Sós, "On the distribution mod 1 of the sequence n alpha", 1958).
+        constexpr double goldenSection = 0.6180339887498949;
+        step = static_cast<std::size_t>(static_cast<double>(runs) * goldenSection) + 1;
+        while (runs > 0 && std::gcd(step, runs) != 1)
+            ++step;
+    }
+
+    /// The tile that comes in turn `turn`; each tile has one turn.
+    std::size_t tileAt(std::size_t turn) const {
+        std::size_t const run = turn / runLength;
+        if (run >= runs) // the few that fill no run
+            return turn;
+        return run * step % runs * runLength + turn % runLength;
+    }
+
+  private:
+    static constexpr std::size_t runLength = 16;
+
+    std::size_t runs;
+    std::size_t step = 1; ///< shares no factor with `runs`
+};
+
+} // namespace kelpatool
