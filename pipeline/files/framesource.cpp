@@ -75,6 +75,13 @@ std::map<int, std::string> filesOf(std::string const& path) {
 
 } // namespace
 
+std::vector<std::string> filesNamed(std::string const& path) {
+    std::vector<std::string> files;
+    for (auto const& [number, file] : filesOf(path))
+        files.push_back(file);
+    return files.empty() ? std::vector{path} : files;
+}
+
 std::optional<int> FrameNumbers::after(std::optional<int> frame) const {
     std::optional<int> next;
     for (auto const& [first, last, step] : ranges) {
@@ -85,6 +92,17 @@ std::optional<int> FrameNumbers::after(std::optional<int> frame) const {
             next = static_cast<int>(at);
     }
     return next;
+}
+
+std::uint64_t FrameNumbers::count() const {
+    if (ranges.size() == 1) {
+        auto const [first, last, step] = ranges[0];
+        return static_cast<std::uint64_t>((static_cast<std::int64_t>(last) - first) / step + 1);
+    }
+    std::uint64_t frames = 0;
+    for (auto frame = after(std::nullopt); frame; frame = after(frame))
+        ++frames;
+    return frames;
 }
 
 FrameSource::FrameSource(std::string const& given)

@@ -29,10 +29,14 @@ class FrameNumbers {
 
     /// The least of them, beyond `frame` if there is one; nothing behind the last.
     std::optional<int> after(std::optional<int> frame) const;
+    std::uint64_t count() const;
 
   private:
     std::vector<FrameRange> ranges;
 };
+
+/// The files that a path stands for, as `FrameSource` takes it: one, or those of a sequence.
+std::vector<std::string> filesNamed(std::string const& path);
 
 /// The frames of one file, or of a sequence: a path with `{}`, `####` or `%04d` in its file name,
 /// unless a file has this very name, stands for all files that have a whole number there, and the

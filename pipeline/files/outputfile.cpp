@@ -31,16 +31,6 @@ constexpr std::size_t flushBytes = 8 * 1024 * 1024; // so that no wait for the d
 std::mutex existingMutex;
 int existing = 0; // under `existingMutex`
 
-/// Where a path leads when all links are followed, whether or not there is a file.
-std::string destinationOf(std::string const& path) {
-    fs::path place = path;
-    std::error_code error;
-    constexpr int manyLinks = 40; // as many as the system follows
-    for (int i = 0; i < manyLinks && fs::is_symlink(fs::symlink_status(place, error)); ++i)
-        place = place.parent_path() / fs::read_symlink(place, error);
-    return place.string();
-}
-
 /// A name in the same folder that tells whose it is, cut where the folder takes no longer ones.
 std::string temporaryName(std::string const& target, int attempt) {
     fs::path const folder = fs::path(target).parent_path();
@@ -180,6 +170,15 @@ void OutputFile::check(std::string const& path) {
         access(path.c_str(), W_OK) == 0)
         return;
     OutputFile const attempt(path);
+}
+
+std::string OutputFile::destinationOf(std::string const& path) {
+    fs::path place = path;
+    std::error_code error;
+    constexpr int manyLinks = 40; // as many as the system follows
+    for (int i = 0; i < manyLinks && fs::is_symlink(fs::symlink_status(place, error)); ++i)
+        place = place.parent_path() / fs::read_symlink(place, error);
+    return place.string();
 }
 
 void OutputFile::resolve() {

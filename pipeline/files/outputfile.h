@@ -36,6 +36,9 @@ class OutputFile {
     /// Throws when a file of this name could not be created. Changes nothing.
     static void check(std::string const& path);
 
+    /// Where a path leads when all links are followed, whether or not there is a file.
+    static std::string destinationOf(std::string const& path);
+
     /// Calls `end`, which may end the process, unless one of these exists: its temporary file
     /// would be left behind. None comes to be during the call.
     static void ifNoneExists(std::function<void()> const& end);

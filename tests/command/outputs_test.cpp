@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -71,13 +72,62 @@ TEST_F(Outputs, MayHaveNamesAsLongAsTheFolderTakes) {
     EXPECT_EQ(others({"v.ply"}).size(), 6U);
 }
 
-TEST_F(Outputs, AreFinishedUnderSignalsThatTheShellLetsIgnore) {
-    int const status = inShell(
-        "render v.ply -q -o p.ppm --size 99x99 --samples 400 -n 1 & sleep 0.3; kill -HUP $!; "
-        "kill -INT $!; wait $!",
-        "trap '' HUP INT");
-    EXPECT_EQ(WEXITSTATUS(status), 0) << read("stderr");
+TEST_F(Outputs, AreFinishedUnderSignalsThatAreToBeIgnored) {
+    for (int const signal : {SIGHUP, SIGINT}) // as nohup asks, and scripts for background jobs
+        std::signal(signal, SIG_IGN);
+    pid_t const child =
+        start({"render", "v.ply", "-q", "-o", "p.ppm", "--size", "99x99", "--samples", "400"});
+    std::this_thread::sleep_for(std::chrono::milliseconds{300});
+    for (int const signal : {SIGHUP, SIGINT}) {
+        kill(child, signal);
+        std::signal(signal, SIG_DFL);
+    }
+    EXPECT_EQ(finish(child).code, 0);
     EXPECT_EQ(others({"v.ply"}), Words{"p.ppm"});
+}
+
+TEST_F(Outputs, NeverGoWhereInputsOrOtherOutputsAre) {
+    std::string const particles = read("v.ply");
+    for (char const* const name : {"s.0.ply", "s.1.ply", "other.ply"})
+        write(name, particles);
+    fs::create_symlink("v.ply", folder / "link.ppm");
+    fs::create_hard_link(folder / "v.ply", folder / "hard.ppm");
+    fs::create_hard_link(folder / "s.1.ply", folder / "p1.ppm");
+    fs::create_symlink("f1.ppm", folder / "f0.ppm");
+    fs::create_directory(folder / "sub");
+    Words const known = others({});
+    auto const refusal = [&](Words words) {
+        Answer const answer = run(words);
+        EXPECT_EQ(answer.code, 2) << answer.err;
+        for (char const* const name : {"v.ply", "s.0.ply", "s.1.ply", "other.ply"})
+            EXPECT_EQ(read(name), particles) << name;
+        return answer.err;
+    };
+    auto const refusalToRender = [&](Words words) {
+        Words const usual = {"--size", "9x9", "--samples", "1", "-q"};
+        words.insert(words.begin(), "render");
+        words.insert(words.end(), usual.begin(), usual.end());
+        return refusal(words);
+    };
+    std::string const over = ": would be written over while it is read; write elsewhere\n";
+    for (std::string const name : {"link.ppm", "hard.ppm"})
+        EXPECT_EQ(refusalToRender({"v.ply", "-o", name}), "kelpa: " + name + over);
+    EXPECT_EQ(refusalToRender({"v.ply", "-o", "a.ppm", "--stats=sub/../v.ply"}),
+              "kelpa: sub/../v.ply" + over);
+    EXPECT_EQ(refusalToRender({"v.ply", "other.ply", "-o", "a.ppm", "--stats=other.ply"}),
+              "kelpa: other.ply" + over);
+    EXPECT_EQ(refusalToRender({"s.{}.ply", "-o", "a.ppm", "--stats=s.1.ply"}),
+              "kelpa: s.1.ply" + over);
+    EXPECT_EQ(refusalToRender({"v.ply", "-o", "a.ppm", "--stats=sub/../a.ppm"}),
+              "kelpa: a.ppm: would be written twice; name two files\n");
+    EXPECT_EQ(refusal({"convert", "v.ply", "-o", "./v.ply"}), "kelpa: ./v.ply" + over);
+    EXPECT_EQ(others(known), Words{});
+    // Numbered pictures are compared when their turn comes.
+    EXPECT_EQ(refusalToRender({"s.{}.ply", "--frames", ":", "-o", "p#.ppm"}),
+              "kelpa: p1.ppm" + over);
+    EXPECT_TRUE(contains(refusalToRender({"s.{}.ply", "--frames", ":", "-o", "f#.ppm"}),
+                         "f1.ppm: would be written twice"));
+    EXPECT_EQ(renderTo("d.ppm", {"--stats=/dev/null"}, "v.ply").code, 0);
 }
 
 } // namespace

@@ -1,9 +1,9 @@
 // kelpa convert: a frame of a file as PLY.
 #include "pipeline/files/elements.h"
-#include "pipeline/imagefile/imagefile.h"
 
 #include "tool/commands/commands.h"
 #include "tool/commands/saveparticles.h"
+#include "tool/commands/writtenfiles.h"
 #include "tool/report/phases.h"
 
 #include <fmt/format.h>
@@ -23,7 +23,7 @@ void keepRadii(ParticleSet& particles) {
 } // namespace
 
 int runConvert(Options const& options) {
-    checkWritable(options.output);
+    WrittenFiles(options).add(options.output);
     ParticleSet particles = readParticles(options.particles.files[0], options, false);
     keepRadii(particles);
     if (particles.cell)

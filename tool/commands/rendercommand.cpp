@@ -7,7 +7,9 @@
 #include "pipeline/scene/bounds.h"
 
 #include "tool/commands/commands.h"
+#include "tool/commands/writtenfiles.h"
 #include "tool/process/standardstreams.h"
+#include "tool/report/filmprogress.h"
 #include "tool/report/phases.h"
 #include "tool/report/statistics.h"
 
@@ -79,8 +81,6 @@ void checkOutput(Options const& options) {
                                      baseName(options.output)));
     bool const isNumbered = options.camera.turntable > 0 || !options.particles.frames.empty();
     checkWritable((isNumbered ? numberedName : nameOfOne)(options.output, 0));
-    if (!options.run.statsFile.empty())
-        OutputFile::check(options.run.statsFile);
 }
 
 /// A scene with its tree, and how long they took.
@@ -90,9 +90,36 @@ struct BuiltScene {
     double buildSeconds = 0.0;
 };
 
+/// One run of the command: the pictures, and what is told about them.
+class Rendering {
+  public:
+    /// `given` must outlive it.
+    explicit Rendering(Options const& given);
+
+    void renderOneFrame();
+    void renderFrames();
+    void writeStatistics();
+
+  private:
+    template <class Read> BuiltScene makeBuiltScene(Read read);
+    void renderPicture(BuiltScene& built, Camera const& camera, std::string const& output);
+    Camera cameraFor(Scene const& scene, int picture = 0) const;
+
+    Options const& options;
+    WrittenFiles files;
+    RenderStatistics statistics;
+    FilmProgress series;
+};
+
+Rendering::Rendering(Options const& given) : options(given), files(given) {
+    if (!options.run.statsFile.empty())
+        files.add(options.run.statsFile);
+    if (!hasNumberPlace(options.output)) // others are added when their number is known
+        files.add(options.output);
+}
+
 /// Reads what `read` makes a scene of, and builds its tree.
-template <class Read>
-BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics, Read read) {
+template <class Read> BuiltScene Rendering::makeBuiltScene(Read read) {
     BuiltScene built;
     Stopwatch const readTime;
     built.scene = read();
@@ -107,33 +134,38 @@ BuiltScene makeBuiltScene(Options const& options, RenderStatistics& statistics, 
     return built;
 }
 
-void renderPicture(BuiltScene& built, Camera const& camera, Options const& options,
-                   std::string const& output, RenderStatistics& statistics) {
+void Rendering::renderPicture(BuiltScene& built, Camera const& camera, std::string const& output) {
+    if (output != options.output)
+        files.add(output);
     Stopwatch const renderTime;
-    Image const image = withProgress("render", options.run, [&](PhaseProgress const& progress) {
+    auto const render = [&](PhaseProgress const& progress) {
         return renderImage(built.scene, camera, options.image, options.light,
                            threadCount(options.run), progress);
-    });
+    };
+    Image const image =
+        withProgress("render", options.run, render, [this] { return series.text(); });
     throwIfInterrupted();
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
     withProgress("write", options.run, [&](PhaseProgress const& progress) {
         writeImage(output, image, options.image.transparent, progress);
     });
+    series.finishPicture();
     int const width = image.cropX1 - image.cropX0;
     int const height = image.cropY1 - image.cropY0;
     statistics.addPicture({output, width, height,
                            image.alpha.size() * static_cast<std::size_t>(options.image.samples),
                            renderSeconds, writeTime.seconds()});
     if (!options.run.quiet)
-        say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB\n",
+        say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB{}\n",
             output, width, height,
             withCommas(static_cast<std::uint64_t>(built.scene.geometry->statistics().used)),
-            built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes());
+            built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes(),
+            series.remark());
 }
 
 /// The camera of a picture, one of a turn or the only one.
-Camera cameraFor(Scene const& scene, Options const& options, int picture = 0) {
+Camera Rendering::cameraFor(Scene const& scene, int picture) const {
     auto const place = [&](auto const& placing, auto... which) {
         return placing(options.camera, which..., options.image.width, options.image.height,
                        scene.upAxis, scene.framedCenters, scene.framedRadii, scene.origin);
@@ -146,9 +178,9 @@ Camera cameraFor(Scene const& scene, Options const& options, int picture = 0) {
 }
 
 /// Renders one frame, or the pictures of a turn around it.
-void renderOneFrame(Options const& options, RenderStatistics& statistics) {
+void Rendering::renderOneFrame() {
     int frame = 0;
-    BuiltScene built = makeBuiltScene(options, statistics, [&options, &frame] {
+    BuiltScene built = makeBuiltScene([this, &frame] {
         ParticleSet particles = readParticles(options.particles.files[0], options, false);
         frame = particles.frame;
         return readyScene(options, std::move(particles));
@@ -157,11 +189,10 @@ void renderOneFrame(Options const& options, RenderStatistics& statistics) {
     if (!options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
     if (options.camera.turntable == 0)
-        renderPicture(built, cameraFor(scene, options), options, nameOfOne(options.output, frame),
-                      statistics);
+        renderPicture(built, cameraFor(scene), nameOfOne(options.output, frame));
+    series.begin(static_cast<std::uint64_t>(options.camera.turntable), "picture");
     for (int picture = 0; picture < options.camera.turntable; ++picture)
-        renderPicture(built, cameraFor(scene, options, picture), options,
-                      numberedName(options.output, picture), statistics);
+        renderPicture(built, cameraFor(scene, picture), numberedName(options.output, picture));
 }
 
 /// What the pictures of a film have in common, chosen for the first one.
@@ -179,13 +210,14 @@ struct Film {
 
 /// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
 /// that, the camera's place, the radius and the range of a colour map, must not change on the way.
-void renderFrames(Options const& options, RenderStatistics& statistics) {
+void Rendering::renderFrames() {
     SnapshotReader reader(options, options.particles.files[0]);
     std::optional<Film> film;
     std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
     FrameNumbers const frames = reader.framesIn(options.particles.frames);
+    series.begin(frames.count(), "frame");
     for (auto frame = frames.after(std::nullopt); frame; frame = frames.after(frame)) {
-        BuiltScene built = makeBuiltScene(options, statistics, [&] {
+        BuiltScene built = makeBuiltScene([&] {
             ParticleSet particles =
                 ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
             ahead = reader.readSecond(particles);
@@ -194,26 +226,29 @@ void renderFrames(Options const& options, RenderStatistics& statistics) {
         });
         Scene const& scene = built.scene;
         if (!film)
-            film = {cameraFor(scene, options), scene.origin, scene.chosen};
-        renderPicture(built, film->cameraIn(scene), options, numberedName(options.output, *frame),
-                      statistics);
+            film = {cameraFor(scene), scene.origin, scene.chosen};
+        renderPicture(built, film->cameraIn(scene), numberedName(options.output, *frame));
     }
+}
+
+void Rendering::writeStatistics() {
+    if (options.run.statsFile.empty())
+        return;
+    OutputFile file(options.run.statsFile, throwIfInterrupted);
+    file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));
+    file.commit();
 }
 
 } // namespace
 
 int runRender(Options const& options) {
     checkOutput(options);
-    RenderStatistics statistics;
+    Rendering rendering(options);
     if (!options.particles.frames.empty())
-        renderFrames(options, statistics);
+        rendering.renderFrames();
     else
-        renderOneFrame(options, statistics);
-    if (!options.run.statsFile.empty()) {
-        OutputFile file(options.run.statsFile, throwIfInterrupted);
-        file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));
-        file.commit();
-    }
+        rendering.renderOneFrame();
+    rendering.writeStatistics();
     return 0;
 }
 

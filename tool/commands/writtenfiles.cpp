@@ -3,17 +3,17 @@
 #include "pipeline/files/framesource.h"
 #include "pipeline/files/outputfile.h"
 
-#include "tool/report/phases.h"
-
 #include <fmt/format.h>
 #include <sys/stat.h>
+
+#include <variant>
 
 namespace kelpatool {
 
 WrittenFiles::WrittenFiles(Options const& options) {
     std::vector<std::string> given = options.particles.files;
-    if (hasSecondFile(options) && options.motion.motion != "next")
-        given.push_back(options.motion.motion);
+    if (auto const* const second = std::get_if<ToFile>(&options.scene.motion.motion))
+        given.push_back(second->path);
     for (std::string const& path : given)
         for (std::string const& file : filesNamed(path))
             if (auto const identity = identityOf(file))
