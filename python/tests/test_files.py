@@ -146,18 +146,18 @@ class PicturesOfFiles(WithFolder):
     def test_are_the_commands(self):
         splash, galaxy = self.sample("splash"), self.sample("galaxy")
         still = kelpa.read(splash)
-        self.check(splash, ["--shadows"], still)
+        self.check(splash, [], still)
         self.check(splash, ["--shade", "lit", "--background", "none", "--view", "top"], still,
                    shade="lit", background=None,
                    camera=lambda p: kelpa.Camera.framing(p, aspect=(97, 61), view="top"))
         self.check(galaxy, ["--shade", "flat", "--color", "#3366cc", "--ortho", "--zoom", "2"],
                    kelpa.read(galaxy, color="#3366cc"), shade="flat",
                    camera=lambda p: kelpa.Camera.framing(p, aspect=(97, 61), ortho=True, zoom=2))
-        self.check(splash, ["--shadows", "--eye", "3,-4,2.5", "--look-at", "0.1,0,0.3", "--fov", "50"], still,
+        self.check(splash, ["--eye", "3,-4,2.5", "--look-at", "0.1,0,0.3", "--fov", "50"], still,
                    camera=kelpa.Camera((3, -4, 2.5), (0.1, 0, 0.3), fov=50))
-        self.check(splash, ["--shadows", "--motion", "velocity", "--shutter", "0:0.3"],
+        self.check(splash, ["--motion", "velocity", "--shutter", "0:0.3"],
                    kelpa.read(splash, motion="velocity", shutter=(0, 0.3)))
-        self.check(self.water, ["--shadows", "--frame", "2", "--radii", "covalent", "--color-by", "charge"],
+        self.check(self.water, ["--frame", "2", "--radii", "covalent", "--color-by", "charge"],
                    kelpa.read(self.water, 2, radii="covalent", color_by="charge"))
 
     def test_are_the_commands_in_all_channels_and_far_from_zero(self):
@@ -168,7 +168,7 @@ class PicturesOfFiles(WithFolder):
         far = kelpa.read(path, radius=0.05)
         np.testing.assert_array_equal(far.positions[:, 0], [F(f"{x:.6}") for x in places[:, 0]])
         picture = self.check(
-            path, ["--shadows", "--radius", "0.05", "--aov", "depth,normal,id,position", "--crop", "20,10,80,50"],
+            path, ["--radius", "0.05", "--aov", "depth,normal,id,position", "--crop", "20,10,80,50"],
             far, name="a.exr", aov="depth,normal,id,position", crop=(20, 10, 80, 50),
         )
         hit = picture.id != kelpa.Picture.NOTHING

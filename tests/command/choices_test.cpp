@@ -40,6 +40,26 @@ TEST_F(Choices, ColourFewValuesApartAndTellTheRange) {
     EXPECT_TRUE(contains(read("stderr"), "heat from -1 to 1.5\n")) << read("stderr");
 }
 
+TEST_F(Choices, OfShadowsAreMadeByTheShadeUnlessWritten) {
+    // The nearer sphere stands between the light, which comes over the left shoulder, and the
+    // other.
+    write("pair.ply", plyOf("x y z radius", {"0 0 0 1", "-0.7 -1.5 1 0.5"}));
+    auto const bytes = [&](Words words) {
+        words.insert(words.begin(), {"pair.ply", "--view", "front"});
+        return render(words).bytes;
+    };
+    std::string const shadowed = bytes({"--shadows"});
+    std::string const bare = bytes({"--no-shadows"});
+    EXPECT_NE(shadowed, bare);
+    EXPECT_EQ(bytes({}), shadowed);
+    EXPECT_EQ(bytes({"--shade", "ao"}), shadowed);
+    EXPECT_EQ(bytes({"--shadows", "--no-shadows"}), bare) << "the last word counts";
+    EXPECT_EQ(bytes({"--no-shadows", "--shadows"}), shadowed) << "the last word counts";
+    std::string const lit = bytes({"--shade", "lit"});
+    EXPECT_NE(bytes({"--shade", "lit", "--shadows"}), lit);
+    EXPECT_EQ(bytes({"--shade", "lit", "--no-shadows"}), lit);
+}
+
 TEST_F(Choices, AreTakenAsPeopleTypeThem) {
     Picture const plain = renderRow({"--color", "#ff6347", "--background", "#ffffff"});
     EXPECT_EQ(colorOf(plain, 1), "\xff\x63\x47");

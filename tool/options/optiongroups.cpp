@@ -340,8 +340,11 @@ void addLightOptions(CLI::App& app, LightOptions& light) {
                    "How far occlusion reaches; default: 10 % of the diagonal")
         ->transform(between(1e-30, 1e30))
         ->group("Light");
-    app.add_flag("--shadows,!--no-shadows", light.shadows,
-                 "Shadows of the key light; default: with --shade ao")
+    // Bound to the optional itself, the parser would count in it: from a "no" that nobody wrote.
+    app.add_flag_function(
+           "--shadows,!--no-shadows", [&light](std::int64_t said) { light.shadows = said > 0; },
+           "Shadows of the key light; default: with --shade ao")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
         ->group("Light");
 }
 
