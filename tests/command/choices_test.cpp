@@ -41,8 +41,7 @@ TEST_F(Choices, ColourFewValuesApartAndTellTheRange) {
 }
 
 TEST_F(Choices, OfShadowsAreMadeByTheShadeUnlessWritten) {
-    // The nearer sphere stands between the light, which comes over the left shoulder, and the
-    // other.
+    // The nearer sphere stands in the light, which comes over the left shoulder.
     write("pair.ply", plyOf("x y z radius", {"0 0 0 1", "-0.7 -1.5 1 0.5"}));
     auto const bytes = [&](Words words) {
         words.insert(words.begin(), {"pair.ply", "--view", "front"});
