@@ -12,11 +12,17 @@ namespace Kelpa {
 
 namespace {
 
-/// A widening tube around some rays: at every parameter t, none is farther from the middle one than
-/// a shift and |t| times a spread.
+/// A widening tube around some rays: at every parameter t of the middle one, none is farther from
+/// it than a shift and |t| times a spread.
 ///
-/// Let L be the length of the middle direction, A the shift, B the spread and r the radius of a
-/// sphere that one of the rays meets at t'. Then its centre is within r + A + |t'| B of the middle
+/// Rays may start far behind one another, as those from a surface towards a light do: what counts
+/// is how far their origins lie aside of the middle line. One that starts a aside of its point at s
+/// has come at its own parameter u to within a + |u| B of the middle ray's at u + s, where B is the
+/// spread of the directions; as |u| <= |u + s| + |s|, the shift A is the largest a, and B times the
+/// largest |s|.
+///
+/// Let L be the length of the middle direction and r the radius of a sphere that one of the rays
+/// meets where the middle one is at t'. Then its centre is within r + A + |t'| B of the middle
 /// ray's point at t', and so of the middle line, and where that line comes closest to it, at t,
 /// |t'| <= (|t| + (r + A) / L) / (1 - B / L). With s = B / (L - B) the distance from the line is at
 /// most (r + A) (1 + s) + |t| L s. Margins of 2^-19 of all lengths, 32 roundings, and 1e-4 of the
@@ -26,29 +32,38 @@ class RayBeam {
     RayBeam(RayLanes const& rays, std::uint32_t lanes) {
         int const first = __builtin_ctz(lanes);
         int const last = 31 - __builtin_clz(lanes);
-        Floats spread = Lanes::all(0.0F);
-        Floats shift = spread;
+        Floats const none = Lanes::all(0.0F);
+        Floats spread = none;
+        Floats along = none;
+        Floats shifted[3];
         float squaredLength = 0.0F;
         float fromZero = 0.0F;
         for (int axis = 0; axis < 3; ++axis) {
             dir[axis] = 0.5F * (rays.dir[axis][first] + rays.dir[axis][last]);
             origin[axis] = 0.5F * (rays.origin[axis][first] + rays.origin[axis][last]);
             Floats const turned = Lanes::load(rays.dir[axis]) - Lanes::all(dir[axis]);
-            Floats const shifted = Lanes::load(rays.origin[axis]) - Lanes::all(origin[axis]);
+            shifted[axis] = Lanes::load(rays.origin[axis]) - Lanes::all(origin[axis]);
             spread = spread + turned * turned;
-            shift = shift + shifted * shifted;
+            along = along + shifted[axis] * Lanes::all(dir[axis]);
             squaredLength += dir[axis] * dir[axis];
             fromZero += std::fabs(origin[axis]);
         }
+        inverseSquare = 1.0F / squaredLength;
+        along = along * Lanes::all(inverseSquare);
+        Floats aside = none;
+        for (int axis = 0; axis < 3; ++axis) {
+            Floats const rest = shifted[axis] - along * Lanes::all(dir[axis]);
+            aside = aside + rest * rest;
+        }
         float const length = std::sqrt(squaredLength);
         float const b = widestIn(lanes, spread) + margin * length;
-        float const a = widestIn(lanes, shift) + margin * fromZero;
+        float const a =
+            widestIn(lanes, aside) + margin * fromZero + b * widestIn(lanes, along * along);
         // False where something is not a number or infinite, too.
         narrow = b < 0.25F * length && a < 1e18F && length < 1e18F;
         if (!narrow)
             return;
         float const s = b / (length - b);
-        inverseSquare = 1.0F / squaredLength;
         perRadius = (1.0F + s) * slack;
         constant = a * perRadius;
         perParameter = (s * slack + margin) * length;
