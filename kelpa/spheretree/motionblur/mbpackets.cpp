@@ -45,13 +45,18 @@ template <Goal goal> class Packet {
         group.lanes &= ~endless;
         if (group.lanes == 0)
             return;
-        Part part = nodes.begin(tree.root, group);
+        Part part = nodes.begin(tree.root, rays, group);
         do {
             descend(part);
             if (part.isAlone())
                 visitAlone(part);
             else
                 visitLeaf(part);
+            nodes.count(part.lanes);
+            if (nodes.haveParted()) {
+                leadRestAlone();
+                return;
+            }
         } while (resume(part));
     }
 
@@ -196,6 +201,24 @@ template <Goal goal> class Packet {
         auto const i = static_cast<unsigned>(__builtin_ctz(part.lanes));
         withRay(i, [&](MBSphereRay& ray, LeafVisitor<goal>& leaves) {
             return visitLeaves<goal, usualInnerLevels>(ray, leaves, {part.node, tMin[i], tMax[i]});
+        });
+    }
+
+    /// Leads every ray that is not finished alone through what waits for it.
+    [[gnu::noinline]] void leadRestAlone() {
+        nodes.leadRest([this](unsigned i, auto const& nextFor) {
+            withRay(i, [&](MBSphereRay& ray, LeafVisitor<goal>& leaves) {
+                for (WaitingSpan<Node> next; nextFor(next);) {
+                    double const nearest = ray.hitRecord->hitT;
+                    if (next.isCrossing && next.span.tMin > nearest)
+                        return true;
+                    if (next.isCrossing && !(next.span.tMax < nearest))
+                        next.span.tMax = nearest;
+                    if (visitLeaves<goal, usualInnerLevels>(ray, leaves, next.span))
+                        return true;
+                }
+                return true;
+            });
         });
     }
 

@@ -26,13 +26,18 @@ template <Goal goal> class Packet {
         beam = &groupBeam;
         backwards = group.backwards;
         mayStartOnSphere = tree.singleSystem != 1 || rays.mayStart;
-        Part part = nodes.begin(tree.root, group);
+        Part part = nodes.begin(tree.root, rays, group);
         do {
             descend(part);
             if (part.isAlone())
                 visitAlone(part);
             else
                 visitLeaf(part);
+            nodes.count(part.lanes);
+            if (nodes.haveParted()) {
+                leadRestAlone();
+                return;
+            }
         } while (nodes.resume(part, [this](Doubles tMin) {
             return ~Doubles::isAtMost(tMin, Doubles::load(rays.nearest));
         }));
@@ -192,16 +197,39 @@ template <Goal goal> class Packet {
         Doubles::storeIn(allLanes, tMin, part.tMin);
         Doubles::storeIn(allLanes, tMax, part.tMax);
         auto const i = static_cast<unsigned>(__builtin_ctz(part.lanes));
+        withRay(i, [&](SDSphereRay& ray, LeafVisitor<goal>& leaves) {
+            return visitLeaves<goal, usualInnerLevels>(ray, leaves, {part.node, tMin[i], tMax[i]});
+        });
+    }
+
+    /// Leads every ray that is not finished alone through what waits for it.
+    [[gnu::noinline]] void leadRestAlone() {
+        nodes.leadRest([this](unsigned i, auto const& nextFor) {
+            withRay(i, [&](SDSphereRay& ray, LeafVisitor<goal>& leaves) {
+                for (WaitingSpan<Node> next; nextFor(next);) {
+                    if (next.isCrossing && !(next.span.tMin <= ray.hit->t))
+                        return true;
+                    if (visitLeaves<goal, usualInnerLevels>(ray, leaves, next.span))
+                        return true;
+                }
+                return true;
+            });
+        });
+    }
+
+    /// Has `search` do something with the ray of a lane alone, and keeps what it has hit and, if
+    /// `search` says so, that it is finished.
+    template <class Search> [[gnu::always_inline]] void withRay(unsigned i, Search const& search) {
         SDSphereHit hit{rays.nearest[i], nullptr, {}};
-        SDSphereRay ray{IRay(rays.traceRay(i), tMin[i], tMax[i]), rays.skip[i], rays.tMin[i],
-                        rays.tMax[i], &hit};
+        SDSphereRay ray{IRay(rays.traceRay(i), rays.tMin[i], rays.tMax[i]), rays.skip[i],
+                        rays.tMin[i], rays.tMax[i], &hit};
         LeafVisitor<goal> leaves(tree, ray);
-        if (visitLeaves<goal, usualInnerLevels>(ray, leaves, {part.node, tMin[i], tMax[i]}))
-            nodes.finish(part.lanes);
+        if (search(ray, leaves))
+            nodes.finish(1U << i);
         if (!leaves.hasFound())
             return;
         if constexpr (goal == Goal::any) {
-            finishWithHit(part.lanes);
+            finishWithHit(1U << i);
         } else {
             rays.nearest[i] = hit.t;
             hits.set(i, static_cast<std::uint32_t>(leaves.nearestSphere() - tree.spheres),
