@@ -2,13 +2,22 @@
 // Internal: what a tree and its build hold of memory, and the most of it at a time.
 
 #include "kelpa/foundation/blockpool.h"
+#include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/sharedcounters.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 
 namespace Kelpa {
+
+/// A total of particles as the trees keep it. More than it can say is more than fits in memory.
+inline std::int32_t checkedTotal(std::int64_t particles) {
+    if (particles > std::numeric_limits<std::int32_t>::max())
+        throwOutOfMemory();
+    return static_cast<std::int32_t>(particles);
+}
 
 /// Bytes of all that the tree holds; while it is built, of what it is built with, too.
 template <class Tree> std::uint64_t heldBytes(Tree const& tree) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kelpa/foundation/hosttypes.h"
+#include "kelpa/foundation/usableparticles.h"
 
 #include "pipeline/scene/bounds.h"
 
@@ -19,6 +20,12 @@ struct System {
     std::optional<Kelpa::ParticleData> second; ///< of moving particles
     std::int32_t base = 0;                     ///< reported index of particle 0, at least 0
 };
+
+/// Whether a tree takes the particle.
+inline bool isUsable(System const& system, std::int32_t index) {
+    return system.second ? isUsable(system.first, *system.second, index)
+                         : isUsable(system.first, index);
+}
 
 /// How a tree is built; what is unset is left to the tree.
 struct TreeOptions {

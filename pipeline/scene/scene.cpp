@@ -18,11 +18,9 @@ namespace {
 
 using Kelpa::Vector;
 
-constexpr float smallestRadius = 1e-15F; // what trees take
-
-bool isFinite(Vector const& v) {
-    return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
-}
+// What trees know of when snapshots are taken: the shutter opens and closes with them.
+constexpr double firstTime = 0.0;
+constexpr double secondTime = 1.0;
 
 double distance(Vector const& a, Vector const& b) {
     double const x = static_cast<double>(a.x) - static_cast<double>(b.x);
@@ -77,30 +75,45 @@ Ways findWays(Scene& scene, SceneOptions const& options, ParticleSet& particles,
     return {std::move(particles.positions), {}, std::move(radii), {}};
 }
 
-/// Tells apart why particles are left out, by the rules of the trees, and collects the others for
-/// framing, each at both ends of its way.
+Kelpa::ParticleData snapshotOf(std::vector<Vector> const& positions,
+                               std::vector<float> const& radii, double time) {
+    return {time,
+            0,
+            positions.data(),
+            static_cast<std::int32_t>(positions.size()),
+            radii.data(),
+            static_cast<std::int32_t>(radii.size()),
+            nullptr,
+            0};
+}
+
+/// Counts the particles that trees leave out, by reason, and collects the others for framing, each
+/// at both ends of its way.
 void inspect(Scene& scene, Ways const& ways) {
     auto const& p1 = ways.positions1.empty() ? ways.positions0 : ways.positions1;
     auto const& r1 = ways.radii1.empty() ? ways.radii0 : ways.radii1;
+    System system{snapshotOf(ways.positions0, ways.radii0, firstTime), std::nullopt};
+    if (!ways.positions1.empty())
+        system.second = snapshotOf(p1, r1, secondTime);
     double steps = 0.0;
     for (std::size_t i = 0; i < ways.positions0.size(); ++i) {
         float const r0 = ways.radii0[i];
-        if (!isFinite(ways.positions0[i]) || !isFinite(p1[i]) || !std::isfinite(r0) ||
-            !std::isfinite(r1[i])) {
-            ++scene.rejected.notFinite;
-        } else if (r0 < smallestRadius || r1[i] < smallestRadius) {
-            ++scene.rejected.notPositive;
-        } else {
-            scene.framedCenters.push_back(ways.positions0[i]);
-            scene.framedRadii.push_back(r0);
-            if (ways.positions1.empty())
-                continue;
-            scene.framedCenters.push_back(p1[i]);
-            scene.framedRadii.push_back(r1[i]);
-            double const step = distance(ways.positions0[i], p1[i]);
-            steps += step;
-            scene.largestStep = std::max(scene.largestStep, step);
+        if (!isUsable(system, static_cast<std::int32_t>(i))) {
+            bool const hasFiniteEnds = isFinite(ways.positions0[i]) && isFinite(p1[i]) &&
+                                       std::isfinite(r0) && std::isfinite(r1[i]);
+            bool const hasRadii = Kelpa::isUsableRadius(r0) && Kelpa::isUsableRadius(r1[i]);
+            ++(hasFiniteEnds && !hasRadii ? scene.rejected.notPositive : scene.rejected.notFinite);
+            continue;
         }
+        scene.framedCenters.push_back(ways.positions0[i]);
+        scene.framedRadii.push_back(r0);
+        if (ways.positions1.empty())
+            continue;
+        scene.framedCenters.push_back(p1[i]);
+        scene.framedRadii.push_back(r1[i]);
+        double const step = distance(ways.positions0[i], p1[i]);
+        steps += step;
+        scene.largestStep = std::max(scene.largestStep, step);
     }
     if (!scene.framedCenters.empty())
         scene.meanStep = steps / (static_cast<double>(scene.framedCenters.size()) / 2.0);
@@ -164,11 +177,12 @@ void makeSystems(Scene& scene, Ways ways, bool arePoints) {
     std::int32_t const type = arePoints ? 1 : 0;
     bool const isMoving = !ways.positions1.empty();
     scene.first = std::make_unique<Kelpa::ParticleSystem>(
-        std::move(ways.positions0), std::move(ways.radii0), std::vector<Vector>{}, type, 0.0);
+        std::move(ways.positions0), std::move(ways.radii0), std::vector<Vector>{}, type, firstTime);
     System system{*scene.first->data(), std::nullopt};
     if (isMoving) {
         scene.second = std::make_unique<Kelpa::ParticleSystem>(
-            std::move(ways.positions1), std::move(ways.radii1), std::vector<Vector>{}, type, 1.0);
+            std::move(ways.positions1), std::move(ways.radii1), std::vector<Vector>{}, type,
+            secondTime);
         system.second = *scene.second->data();
     }
     scene.geometry = makeGeometry({system});

@@ -28,7 +28,7 @@ struct SceneOptions {
 
 /// Particles left out, by reason.
 struct Rejected {
-    std::uint64_t notFinite = 0;   ///< a centre, or a radius, is no finite number
+    std::uint64_t notFinite = 0;   ///< a centre, a radius or how they change is no finite number
     std::uint64_t notPositive = 0; ///< the radius is zero or negative (or below 1e-15)
 
     std::uint64_t total() const { return notFinite + notPositive; }

@@ -1,7 +1,6 @@
 #include "python/native/scene.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -11,10 +10,6 @@ namespace kelpapython {
 namespace {
 
 using Kelpa::Vector;
-
-bool isFinite(Vector const& v) {
-    return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
-}
 
 /// A tree over several systems, asked as if they were one: reported indices become the places of
 /// particles in the scene, and back.
@@ -101,16 +96,6 @@ class FlatGeometry final : public kelpatool::Geometry {
     std::vector<Range> byBase;
     bool isSame = false;
 };
-
-/// Whether trees take the particle.
-bool isUsable(System const& system, std::int32_t index) {
-    constexpr float smallestRadius = 1e-15F; // what trees take
-    auto const isFit = [index](Kelpa::ParticleData const& data) {
-        return isFinite(data.positions[index]) && std::isfinite(data.radii[index]) &&
-               data.radii[index] >= smallestRadius;
-    };
-    return isFit(system.first) && (!system.second || isFit(*system.second));
-}
 
 /// Calls `visit(center, radius)` for all usable particles, of moving ones for both snapshots.
 template <class Visit> void forEachUsable(std::vector<System> const& systems, Visit const& visit) {

@@ -207,6 +207,26 @@ TEST(Tiles, RenderedApartOnAnyThreadsMakeTheWholeBitForBit) {
     }
 }
 
+TEST(Scenes, CountAndFrameWhatTreesTake) {
+    // The last one's places are finite, and the way between them is not.
+    ParticleSet first;
+    first.positions = {{0, 0, 0}, {1, 2, 3}, {-3e38F, 0, 0}};
+    first.radii = {0.5F, 0.25F, 1};
+    ParticleSet second = first;
+    second.positions[2].x = 3e38F;
+    auto const ignore = [](auto const&...) {};
+    kelpatool::SceneOptions options;
+    options.motion.shutter = {0.0, 1.0};
+    kelpatool::Scene const scene = makeScene(options, first, &second, {}, ignore, ignore);
+    kelpatest::RecordingProgress progress;
+    scene.geometry->build(progress, nullptr, {});
+    EXPECT_EQ(scene.geometry->statistics().used, 2);
+    EXPECT_EQ(scene.rejected.notFinite, 1U);
+    EXPECT_EQ(scene.rejected.notPositive, 0U);
+    EXPECT_EQ(scene.framedRadii, (std::vector<float>{0.5F, 0.5F, 0.25F, 0.25F}));
+    EXPECT_EQ(kelpatool::boundsOf(scene.framedCenters).diagonal(), std::sqrt(14.0));
+}
+
 TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     ParticleSet const particles =
         kelpatool::generateParticles("splash", 3000, 5, [](auto const&...) {});

@@ -1,5 +1,6 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/optionalarray.h"
+#include "kelpa/foundation/usableparticles.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
@@ -7,7 +8,6 @@
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/motionblur/timeboxkernels.h"
 #include "kelpa/spheretree/traversal.h"
-#include "kelpa/spheretree/usableparticles.h"
 
 #include <algorithm>
 #include <cmath>
@@ -32,45 +32,38 @@ std::int32_t particleCount(MovingParticleDataWithPrimitive const& system) {
     return std::max(system.particles0->numParticles, 0);
 }
 
-/// Steps per unit of time from the first snapshot to the second. Two snapshots at one time are no
-/// motion: the particles stand where the first has them.
 float ratePerTime(MovingParticleDataWithPrimitive const& system) {
-    return system.time1 == system.time0 ? 0.0F : 1.0F / (system.time1 - system.time0);
+    return Kelpa::ratePerTime(system.time0, system.time1);
 }
 
 Vector velocityOf(MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
-    float const rate = ratePerTime(system);
-    Vector const& p0 = system.positions0[i];
-    Vector const& p1 = system.positions1[i];
-    return {(p1.x - p0.x) * rate, (p1.y - p0.y) * rate, (p1.z - p0.z) * rate};
+    return velocityBetween(system.positions0[i], system.positions1[i], ratePerTime(system));
 }
 
 float radiusRateOf(MovingParticleDataWithPrimitive const& system, std::uint32_t i) {
     return (system.radii1[i] - system.radii0[i]) * ratePerTime(system);
 }
 
-bool isUsable(ParticleData const& snapshot, Vector const* positions, float const* radii,
-              std::int32_t index) {
-    return index < snapshot.numParticles && index < snapshot.numRadii &&
-           isUsableRadius(radii[index]) && isFinite(positions[index]);
-}
-
-/// Whether a record's particle can be placed: both snapshots have it, it is of use in both, and so
-/// is what happens between them.
-bool isUsable(MovingParticleDataWithPrimitive const& system, std::int32_t index) {
-    auto const i = static_cast<std::uint32_t>(index);
-    return std::isfinite(system.time0) && std::isfinite(system.time1) &&
-           isUsable(*system.particles0, system.positions0, system.radii0, index) &&
-           isUsable(*system.particles1, system.positions1, system.radii1, index) &&
-           isFinite(velocityOf(system, i)) && std::isfinite(radiusRateOf(system, i));
+/// A snapshot with the arrays and the time that the record has.
+ParticleData snapshotOf(ParticleData const& data, Vector const* positions, float const* radii,
+                        float time) {
+    ParticleData snapshot = data;
+    snapshot.sampleTime = static_cast<double>(time);
+    snapshot.positions = positions;
+    snapshot.radii = radii;
+    return snapshot;
 }
 
 template <class Tree> void gatherSpheres(Tree& tree) {
     for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
         auto const& system = tree.particleSystems.elements[s];
+        ParticleData const first =
+            snapshotOf(*system.particles0, system.positions0, system.radii0, system.time0);
+        ParticleData const second =
+            snapshotOf(*system.particles1, system.positions1, system.radii1, system.time1);
         std::int32_t const count = particleCount(system);
         for (std::int32_t i = 0; i < count; ++i)
-            if (isUsable(system, i))
+            if (isUsable(first, second, i))
                 tree.spheres[tree.numSpheres++] = MBSphere::of(i, s);
     }
 }

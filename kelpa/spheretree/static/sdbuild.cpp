@@ -1,5 +1,6 @@
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/optionalarray.h"
+#include "kelpa/foundation/usableparticles.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildmemory.h"
 #include "kelpa/spheretree/buildprogress.h"
@@ -8,7 +9,6 @@
 #include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/traversal.h"
-#include "kelpa/spheretree/usableparticles.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -31,18 +31,21 @@ std::int32_t particleCount(ParticleDataWithPrimitive const& system) {
     return std::max(system.particles->numParticles, 0);
 }
 
-/// Whether a record's particle can be placed: it has a centre and a radius, and both are of use.
-bool isUsable(ParticleDataWithPrimitive const& system, std::int32_t index) {
-    return index < particleCount(system) && index < system.particles->numRadii &&
-           isUsableRadius(system.radii[index]) && isFinite(system.positions[index]);
+/// The record's snapshot, with the arrays that the record has.
+ParticleData snapshotOf(ParticleDataWithPrimitive const& system) {
+    ParticleData snapshot = *system.particles;
+    snapshot.positions = system.positions;
+    snapshot.radii = system.radii;
+    return snapshot;
 }
 
 template <class Tree> void gatherSpheres(Tree& tree) {
     for (std::int32_t s = 0; s < tree.particleSystems.count; ++s) {
         ParticleDataWithPrimitive const& system = tree.particleSystems.elements[s];
+        ParticleData const snapshot = snapshotOf(system);
         std::int32_t const count = particleCount(system);
         for (std::int32_t i = 0; i < count; ++i)
-            if (isUsable(system, i))
+            if (isUsable(snapshot, i))
                 tree.spheres[tree.numSpheres++] = SDSphere::of(i, s);
     }
 }
