@@ -167,6 +167,60 @@ TEST_F(Molecules, FillTheCellOfACrystal) {
                          {"a: ", "oops"}));
 }
 
+TEST_F(Molecules, DrawOneAtomWhereSitesOfACrystalMeet) {
+    // Boron nitride whose sites are listed with their images, one across the cell's border; an
+    // alloy with copper or more often iron at a place; with a number of atoms as chemists count.
+    std::string const cell =
+        "data_x\n_cell_length_a 2.51\n_cell_length_b 2.51\n_cell_length_c 6.69\n"
+        "_cell_angle_alpha 90\n_cell_angle_beta 90\n_cell_angle_gamma 120\n";
+    std::string const sites = "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n"
+                              "_atom_site_fract_z\n_atom_site_occupancy\n";
+    ParticleSet const nitride = read(cell + "_space_group_IT_number 194\n" + sites +
+                                     "N1 0 0 0 1\nN2 0.999 0.001 0.5 1\nB1 0.33333 0.66667 0.1 1\n"
+                                     "B2 0.66667 0.33333 0.6 1\n");
+    EXPECT_EQ(nitride.elements, (std::vector<std::uint8_t>{7, 7, 5, 5, 5, 5}));
+    EXPECT_TRUE(holdsAll(nitride.notes.at(0).text, {"2 sites are images of others"}));
+
+    ParticleSet const alloy = read(cell + "_symmetry_space_group_name_H-M 'P 1'\n" + sites +
+                                       "Pt 0 0 0 1\nCu 0.5 0.5 0.5 0.4\nFe 0.5 0.5 0.501 0.6\n"
+                                       "Ni 0.2 0 0 0.5\nCo 0.2 0 0 0.5\n",
+                                   {.attributes = {"site"}});
+    EXPECT_EQ(alloy.elements, (std::vector<std::uint8_t>{78, 26, 28}));
+    EXPECT_EQ(alloy.attributes[0].values, (std::vector<float>{1, 3, 4}));
+    EXPECT_TRUE(holdsAll(alloy.notes.at(0).text, {"2 sites share", "left out: 'Co', 'Cu'"}));
+}
+
+TEST_F(Molecules, TakeTheSettingOfACrystalsGroup) {
+    // Magnesite in its rhombohedron has 10 atoms, by the group's name and by its number; silicon
+    // has 8, with the origin where Hall's symbol or a letter puts it.
+    auto const atomsOf = [&](std::string const& length, std::string const& angle,
+                             std::string const& group, std::string const& sites) {
+        std::string text = "data_x\n" + group + "\n";
+        for (char const* const edge : {"a", "b", "c"})
+            text += "_cell_length_" + std::string(edge) + " " + length + "\n";
+        for (char const* const corner : {"alpha", "beta", "gamma"})
+            text += "_cell_angle_" + std::string(corner) + " " + angle + "\n";
+        return read(text +
+                    "loop_\n_atom_site_label\n_atom_site_fract_x\n_atom_site_fract_y\n"
+                    "_atom_site_fract_z\n" +
+                    sites)
+            .positions.size();
+    };
+    std::string const magnesite = "Mg 0 0 0\nC 0.25 0.25 0.25\nO 0.5276 -0.0276 0.25\n";
+    for (char const* const group :
+         {"_symmetry_space_group_name_H-M 'R -3 c'", "_space_group_IT_number 167",
+          "_symmetry_space_group_name_H-M 'R -3 c R'",
+          "_space_group_name_Hall '-R 3 2\"c'\n_space_group_IT_number 167"})
+        EXPECT_EQ(atomsOf("5.67", "48.2", group, magnesite), 10U) << group;
+
+    std::string const named = "_symmetry_space_group_name_H-M 'F d -3 m";
+    for (std::string const& group :
+         {named + "'\n_symmetry_space_group_name_Hall '-F 4vw 2vw 3'", named + " Z'",
+          named + " :2'\n_symmetry_space_group_name_Hall 'no symbol'"})
+        EXPECT_EQ(atomsOf("5.43", "90", group, "Si 0.125 0.125 0.125\n"), 8U) << group;
+    EXPECT_EQ(atomsOf("5.43", "90", named + " S'", "Si 0 0 0\n"), 8U);
+}
+
 TEST_F(Molecules, BuildAssembliesOfPdb) {
     // Two parts with chains of their own; numbers with and without the usual blanks.
     std::string const remarks = "REMARK 350 BIOMOLECULE: 1\n"

@@ -76,17 +76,65 @@ CifOperation operationOf(gemmi::Op const& op) {
     return operation;
 }
 
-gemmi::SpaceGroup const* groupOf(gemmi::cif::Block& block) {
+std::vector<CifOperation> operationsOf(gemmi::GroupOps const& group) {
+    std::vector<CifOperation> operations;
+    for (gemmi::Op const& op : group)
+        operations.push_back(operationOf(op));
+    return operations;
+}
+
+/// The angles that tell the two settings apart that a group named R has.
+struct CellAngles {
+    explicit CellAngles(gemmi::cif::Block& block) {
+        if (std::string const* const angle = block.find_value("_cell_angle_alpha"))
+            alpha = gemmi::cif::as_number(*angle, 0.0);
+        if (std::string const* const angle = block.find_value("_cell_angle_gamma"))
+            gamma = gemmi::cif::as_number(*angle, 0.0);
+    }
+    /// The cell of a rhombohedron, where that of the hexagonal setting has 90 and 120 degrees.
+    bool areRhombohedral() const { return gamma < 1.125 * alpha; }
+
+    double alpha = 0.0, gamma = 0.0;
+};
+
+/// A group's name as gemmi knows it: others mark the setting by a last letter without a colon.
+std::string withMarkedSetting(std::string name) {
+    std::size_t const last = name.size() - 1;
+    std::string const settings = "H:HR:RS:1Z:2"; // the letter, and what gemmi has for it
+    std::size_t const mark =
+        name.size() > 2 && name[last - 1] == ' ' ? settings.find(name[last]) : std::string::npos;
+    return mark == std::string::npos || mark % 3 != 0
+               ? name
+               : name.substr(0, last - 1) + settings.substr(mark + 1, 2);
+}
+
+/// By Hall's symbol, which leaves no choice of setting and origin open.
+std::vector<CifOperation> operationsByHall(gemmi::cif::Block& block, CellAngles const& angles) {
+    for (char const* const tag : {"_space_group_name_Hall", "_symmetry_space_group_name_Hall"}) {
+        std::string const* const value = block.find_value(tag);
+        std::string const symbol = value != nullptr ? gemmi::cif::as_string(*value) : "";
+        // R is the lattice of the hexagonal setting, and is written for the other by mistake.
+        bool const isOther = angles.areRhombohedral() && symbol.find_first_of("Rr") < 2;
+        try {
+            if (!symbol.empty() && !isOther)
+                return operationsOf(gemmi::symops_from_hall(symbol.c_str()));
+        } catch (std::runtime_error const&) { // the group's name or number may tell
+        }
+    }
+    return {};
+}
+
+gemmi::SpaceGroup const* groupOf(gemmi::cif::Block& block, CellAngles const& angles) {
     for (char const* const tag : {"_space_group_name_H-M_alt", "_symmetry_space_group_name_H-M"})
         if (std::string const* const name = block.find_value(tag))
-            if (auto const* const group =
-                    gemmi::find_spacegroup_by_name(gemmi::cif::as_string(*name)))
+            if (auto const* const group = gemmi::find_spacegroup_by_name(
+                    withMarkedSetting(gemmi::cif::as_string(*name)), angles.alpha, angles.gamma))
                 return group;
     for (char const* const tag : {"_space_group_IT_number", "_symmetry_Int_Tables_number"})
         if (std::string const* const number = block.find_value(tag))
             if (auto const* const group =
                     gemmi::find_spacegroup_by_number(gemmi::cif::as_int(*number, 0)))
-                return group;
+                return gemmi::find_spacegroup_by_name(group->hm, angles.alpha, angles.gamma);
     return nullptr;
 }
 
@@ -107,9 +155,11 @@ std::vector<CifOperation> CifFile::symmetry() {
         if (!operations.empty())
             return operations;
     }
-    if (gemmi::SpaceGroup const* const group = groupOf(block))
-        for (gemmi::Op const& op : group->operations())
-            operations.push_back(operationOf(op));
+    CellAngles const angles(block);
+    operations = operationsByHall(block, angles);
+    if (operations.empty())
+        if (gemmi::SpaceGroup const* const group = groupOf(block, angles))
+            operations = operationsOf(group->operations());
     return operations;
 }
 

@@ -68,7 +68,8 @@ class CifFile {
     void turnTo(std::size_t block) { current = block; }
     std::string blockName() const;
     /// The operations of the block's symmetry: those that it lists, else those of the group that it
-    /// names; none when it does neither in a way that is known.
+    /// tells by Hall's symbol, name or number, in the setting of its cell's angles where the name
+    /// leaves that open; none when it does neither in a way that is known.
     std::vector<CifOperation> symmetry();
     /// The table of these tags of a category, such as "_atom_site."; with a '?' before those that
     /// may be missing, of which the first is none. Must not outlive the file.
