@@ -13,11 +13,15 @@ namespace kelpatool {
 
 namespace {
 
-/// A whole number for an id; NaN and what no 64-bit number can hold become -1.
-template <class Number> std::int64_t idOf(Number value) {
+/// A whole number for an id; NaN and what no 64-bit number can hold become -1. Counts those, and
+/// numbers that lose a fraction, in `unfit`.
+template <class Number> std::int64_t idOf(Number value, std::uint64_t& unfit) {
     if constexpr (std::is_floating_point_v<Number>) {
         constexpr Number limit = 9223372036854775808.0; // 2^63, exact in both types
-        return value >= -limit && value < limit ? static_cast<std::int64_t>(value) : -1;
+        bool const isHeld = value >= -limit && value < limit;
+        std::int64_t const whole = isHeld ? static_cast<std::int64_t>(value) : -1;
+        unfit += isHeld && static_cast<Number>(whole) == value ? 0 : 1;
+        return whole;
     } else {
         return static_cast<std::int64_t>(value);
     }
@@ -77,7 +81,7 @@ ScalarType storedFromText(std::string_view name, ScalarType declared) {
     return declared == ScalarType::float32 ? ScalarType::float32 : ScalarType::float64;
 }
 
-bool storeWord(Column const& column, std::string_view word, char* row) {
+bool storeWord(Column const& column, std::string_view word, char* row, std::uint64_t& unfitIds) {
     auto const store = [&](auto number) {
         std::memcpy(row + column.offset, &number, sizeof number);
         return true;
@@ -86,7 +90,7 @@ bool storeWord(Column const& column, std::string_view word, char* row) {
         if (parseNumber(word, whole))
             return store(whole);
         double number = 0.0; // such as 1e3
-        return parseNumber(word, number) && store(static_cast<Whole>(idOf(number)));
+        return parseNumber(word, number) && store(static_cast<Whole>(idOf(number, unfitIds)));
     };
     if (column.stored == ScalarType::int64)
         return storeWhole(std::int64_t{});
@@ -206,13 +210,13 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
                                     &particles.attributes[use.part].values[converted],
                                     sizeof(float), asIs);
     case Target::id:
-        return convertColumn<std::int64_t>(column.stored, from, rowBytes, count,
-                                           &particles.ids[converted], sizeof(std::int64_t),
-                                           [](auto number) { return idOf(number); });
+        return convertColumn<std::int64_t>(
+            column.stored, from, rowBytes, count, &particles.ids[converted], sizeof(std::int64_t),
+            [&](auto number) { return idOf(number, particles.unfitIds); });
     case Target::type:
-        return convertColumn<std::int64_t>(column.stored, from, rowBytes, count,
-                                           &particles.types[converted], sizeof(std::int64_t),
-                                           [](auto number) { return idOf(number); });
+        return convertColumn<std::int64_t>(
+            column.stored, from, rowBytes, count, &particles.types[converted], sizeof(std::int64_t),
+            [&](auto number) { return idOf(number, particles.unfitIds); });
     case Target::typed:
         return keep(use, from, count, rowBytes);
     case Target::element:

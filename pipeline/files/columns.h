@@ -29,8 +29,9 @@ struct Column {
 /// The type in which a text reader stores a column: one that keeps every digit.
 ScalarType storedFromText(std::string_view name, ScalarType declared);
 
-/// Parses a word into a row; false when it is no number.
-bool storeWord(Column const& column, std::string_view word, char* row);
+/// Parses a word into a row; false when it is no number. Counts those that a whole column cannot
+/// hold as they are in `unfitIds`.
+bool storeWord(Column const& column, std::string_view word, char* row, std::uint64_t& unfitIds);
 
 enum class Target : std::uint8_t {
     position,

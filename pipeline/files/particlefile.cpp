@@ -43,6 +43,11 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
         ParticleSet particles = format.read(file, options);
         if (!file.packing().empty())
             particles.format += fmt::format(", {}", file.packing());
+        if (particles.unfitIds > 0)
+            particles.notes.push_back(fmt::format(
+                "{}: {} ids or types are no whole numbers of 64 bits; fractions are cut off, and "
+                "what cannot be held is -1",
+                path, particles.unfitIds));
         open = std::move(current);
         return particles;
     } catch (InputError const&) {

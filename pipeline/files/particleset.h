@@ -72,10 +72,11 @@ struct ParticleSet {
     std::string colorSource; ///< the columns that `colors` came from
     std::vector<AttributeSummary> columns;    ///< filled when asked for
     std::vector<std::string> unknownElements; ///< symbols that are in no table
-    std::vector<std::size_t> virtualSites;    ///< rows of the file, rising, that are no particles
-    std::vector<std::string> leftOut; ///< what the file holds besides, such as "list 'links'"
-    std::vector<Remark> notes;        ///< what the user should know, a line each
-    int frame = 0;                    ///< which of them, or of the files of a sequence, this is
+    std::uint64_t unfitIds = 0; ///< ids and types cut to whole numbers, or to -1 as beyond 64 bits
+    std::vector<std::size_t> virtualSites; ///< rows of the file, rising, that are no particles
+    std::vector<std::string> leftOut;      ///< what the file holds besides, such as "list 'links'"
+    std::vector<Remark> notes;             ///< what the user should know, a line each
+    int frame = 0;      ///< which of them, or of the files of a sequence, this is
     int frameCount = 1; ///< frames in the file, as far as the reader had to count them
     /// How many frames' time after the one that it was read to follow it was taken: more than 1
     /// where files of a sequence are missing in between.

@@ -237,6 +237,20 @@ TEST_F(ParticleFiles, NoteWhatFollowsThatTheirHeaderDoesNotPromise) {
         EXPECT_TRUE(holdsAll(read(longer).notes.at(0).text, {": 12 bytes follow the 1 vertices"}));
 }
 
+TEST_F(ParticleFiles, NoteIdsThatAreNoWholeNumbers) {
+    std::string const rows = "0 0 0 7\n0 0 0 1e3\n0 0 0 nan\n0 0 0 1e30\n0 0 0 2.5\n";
+    std::string const ply = "ply\nformat ascii 1.0\nelement vertex 5\nproperty float x\nproperty "
+                            "float y\nproperty float z\nproperty float id\nend_header\n";
+    std::string const dump = "ITEM: TIMESTEP\n0\nITEM: NUMBER OF ATOMS\n5\nITEM: BOX BOUNDS pp pp "
+                             "pp\n0 1\n0 1\n0 1\nITEM: ATOMS x y z id\n";
+    for (std::string const& header : {ply, dump}) {
+        ParticleSet const set = readParticleFile(file("a", header + rows));
+        EXPECT_EQ(set.ids, (std::vector<std::int64_t>{7, 1000, -1, -1, 2}));
+        ASSERT_FALSE(set.notes.empty());
+        EXPECT_TRUE(holdsAll(set.notes.back().text, {"a: 3 ids or types are no whole numbers"}));
+    }
+}
+
 TEST_F(ParticleFiles, KeepEveryDigitWhenAllColumnsAreAskedFor) {
     std::string const text =
         "ply\nformat ascii 1.0\nelement vertex 2\nproperty double x\nproperty float y\n"

@@ -187,7 +187,8 @@ bool skipTextList(std::string_view& line) {
 }
 
 void parseTextRow(InputFile const& file, PlyElement const& vertex,
-                  std::vector<Column> const& columns, std::string_view line, char* row) {
+                  std::vector<Column> const& columns, std::string_view line, char* row,
+                  std::uint64_t& unfitIds) {
     auto column = columns.begin();
     for (PlyProperty const& property : vertex.properties) {
         if (property.listLength) {
@@ -198,7 +199,7 @@ void parseTextRow(InputFile const& file, PlyElement const& vertex,
         std::string_view const word = nextWord(line);
         if (word.empty())
             file.failHere("the line ends where a number for {} belongs", quoted(property.name));
-        if (!storeWord(*column, word, row))
+        if (!storeWord(*column, word, row, unfitIds))
             file.failHere("{} where a number for {} belongs", quoted(word), quoted(property.name));
         ++column;
     }
@@ -208,13 +209,13 @@ void parseTextRow(InputFile const& file, PlyElement const& vertex,
 }
 
 void readTextRows(InputFile& file, PlyElement const& vertex, std::vector<Column> const& columns,
-                  RowConverter& converter) {
+                  RowConverter& converter, std::uint64_t& unfitIds) {
     readRows(file, vertex.count, rowBytesOf(columns), false, converter, [&](char* row) {
         std::optional<std::string_view> const line = nextTextRow(file);
         if (!line)
             file.fail("header promises {} vertices, the file holds {}", vertex.count,
                       file.particles);
-        parseTextRow(file, vertex, columns, *line, row);
+        parseTextRow(file, vertex, columns, *line, row, unfitIds);
         return true;
     });
 }
@@ -279,7 +280,7 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options) {
     std::size_t const leastRow = isText ? 2 * columns.size() : vertex.rowBytes();
     converter.reserve(plausibleRows(file, vertex.count, leastRow));
     if (isText)
-        readTextRows(file, vertex, columns, converter);
+        readTextRows(file, vertex, columns, converter, particles.unfitIds);
     else if (vertex.hasLists())
         gatherRows(file, vertex, bigEndian, swapBytes, converter);
     else

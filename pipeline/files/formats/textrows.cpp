@@ -23,6 +23,7 @@ struct RowParser {
     RowLayout const& layout;
     std::vector<WordKind> kinds; ///< those of the layout, with text for what nobody uses
     ElementReader elements;
+    std::uint64_t& unfitIds;
     std::uint64_t longRows = 0; ///< with more words than columns
     std::uint64_t firstLongRow = 0;
 
@@ -33,7 +34,7 @@ struct RowParser {
             return true;
         }
         if (kind != WordKind::element)
-            return storeWord(column, word, row);
+            return storeWord(column, word, row, unfitIds);
         row[column.offset] = static_cast<char>(elements.read(word));
         return true;
     }
@@ -148,8 +149,12 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
     for (std::string const& text : layout.texts)
         particles.leftOut.push_back("text " + quoted(text));
     bool const readsAll = options.summarise || derive;
-    RowParser parser{file, frame, layout, readsAll ? layout.words : kindsRead(layout, uses),
-                     ElementReader(particles.unknownElements)};
+    RowParser parser{file,
+                     frame,
+                     layout,
+                     readsAll ? layout.words : kindsRead(layout, uses),
+                     ElementReader(particles.unknownElements),
+                     particles.unfitIds};
     RowConverter converter(particles, layout.columns, uses, options.summarise);
     converter.reserve(plausibleRows(file, frame.rows, 2 * layout.words.size()));
 
