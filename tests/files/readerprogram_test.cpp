@@ -38,12 +38,14 @@ class ReaderPrograms : public ParticleFiles {
   protected:
     /// Reads a file with a program that is a script; returns what is wrong.
     std::string hear(std::string const& script, ParticleSet& particles,
-                     ReadOptions const& options = {}) const {
+                     ReadOptions const& options = {},
+                     std::chrono::milliseconds patience = ReaderProgram{}.patience) const {
         std::string const program = file("reader", "#!/bin/sh\n" + script);
         chmod(program.c_str(), 0700);
         InputFile input(file("a", "content"), options.progress);
         try {
-            readByProgram(input, {program, "Library", "get it"}, names, options, particles);
+            readByProgram(input, {program, "Library", "get it", patience}, names, options,
+                          particles);
         } catch (InputError const& error) {
             return error.what();
         }
@@ -106,6 +108,15 @@ TEST_F(ReaderPrograms, EndWhenNobodyWaitsForThemAnyMore) {
     };
     ParticleSet ignored;
     EXPECT_THROW(hear(hello + "exec sleep 100", ignored, options), Interrupted);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(ReaderPrograms, AreEndedWhenTheySayNothing) {
+    ParticleSet ignored;
+    std::string const complaint =
+        hear(hello + columns + "exec sleep 100", ignored, {}, std::chrono::milliseconds(100));
+    EXPECT_TRUE(holdsAll(complaint, {"a: ", "has said nothing for"}));
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }

@@ -157,15 +157,26 @@ class RunningReader {
     }
 
     void read(void* to, std::size_t count) {
-        constexpr int look = 50; // milliseconds
+        // Looks are counted, not the time: whoever stops the command stops the program as well.
+        constexpr std::chrono::milliseconds look(50);
+        std::chrono::milliseconds const patience =
+            program.patience + std::chrono::seconds(file.sizeOnDisk() / (256 * 1024));
+        std::chrono::milliseconds silence(0);
         char* at = static_cast<char*>(to);
         while (count > 0) {
             pollfd waiting{pipe.ends[0], POLLIN, 0};
-            int const ready = poll(&waiting, 1, look);
+            int const ready = poll(&waiting, 1, static_cast<int>(look.count()));
             if (progress)
                 progress(0.0, file.particles);
-            if (ready < 1)
+            if (ready < 1) {
+                silence += ready == 0 ? look : look.zero();
+                if (silence > patience)
+                    file.fail(
+                        "{} has said nothing for {} s and is ended; is it stuck, or the disk?",
+                        program.name, silence.count() / 1000);
                 continue;
+            }
+            silence = silence.zero();
             ssize_t const got = ::read(pipe.ends[0], at, count);
             if (got < 0 && errno == EINTR)
                 continue;

@@ -3,6 +3,7 @@
 
 #include "pipeline/files/columnuses.h"
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,9 @@ struct ReaderProgram {
     std::string_view name;    ///< of its file, such as "kelpa-read-vdb"
     std::string_view library; ///< that does the work
     std::string_view wayOn;   ///< how to get the program
+    /// How long it may say nothing, beside 4 s a MiB of the file: four times the processor time
+    /// that it may take, for disks that are slow and machines that are busy.
+    std::chrono::milliseconds patience = std::chrono::minutes(4);
 };
 
 /// Where the program is: beside the one that runs, where both were built, or where both are
