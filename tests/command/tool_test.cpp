@@ -95,6 +95,67 @@ TEST_F(Command, MatchesSnapshotsByIdAndMovesAlongVelocities) {
     EXPECT_LT(different, static_cast<int>(still.bytes.size()) / 200);
 }
 
+/// What the command refuses, how it ends, and what it says.
+struct Refusal {
+    Words words; ///< after "render -o picture.ppm", unless they start with a command
+    int code;
+    Words says;
+};
+
+Refusal const refusals[] = {
+    {{"none.ply"}, 3, {"none.ply"}},
+    {{"empty.ply"}, 3, {"empty.ply", "empty"}},
+    {{"truncated.ply"}, 3, {"truncated.ply", "3"}},
+    {{"words.ply"}, 3, {"words.ply", "three"}},
+    {{"useless.ply"}, 3, {"useless.ply", "no usable particle", "1 not finite", "2 with"}},
+    {{"folder.ppm"}, 3, {"folder.ppm"}},
+    {{"good.ply", "--radius-from", "raduis"}, 3, {"raduis", "x y z radius"}},
+    {{"good.ply", "--color-by", "heat"}, 3, {"heat"}},
+    {{"good.ply", "--frame", "7"}, 3, {"good.ply", "frame"}},
+    {{"good.ply", "fewer.ply"}, 3, {"good.ply", "fewer.ply", "no ids"}},
+    {{"good.ply", "--motion", "velocity"}, 3, {"good.ply", "velocities"}},
+    {{"info", "none.ply"}, 3, {"none.ply"}},
+    {{"good.ply", "--shiny"}, 2, {"--shiny"}},
+    {{"good.ply", "--radius", "1", "--radius-from", "x"}, 2, {"--radius-from", "--radius"}},
+    {{"good.ply", "fewer.ply", "--motion", "velocity"}, 2, {"two files", "--motion"}},
+    {{"good.ply", "--radius", "-1"}, 2, {"--radius"}},
+    {{"good.ply", "--size", "70"}, 2, {"70", "WIDTHxHEIGHT"}},
+    {{"good.ply", "--crop", "0,0,9999,5"}, 2, {"--crop", "1280x720"}},
+    {{"good.ply", "--eye", "0,0,0", "--look-at", "0,0,0"}, 2, {"--eye", "same point"}},
+    {{"good.ply", "--eye", "1,nan,2"}, 2, {"not finite"}},
+    {{"good.ply", "--fov", "nan"}, 2, {"--fov", "finite"}},
+    {{"good.ply", "fewer.ply", "--times", "0", "nan"}, 2, {"--times", "finite"}},
+    {{"good.ply", "--up", "0,0,0"}, 2, {"--up"}},
+    {{"good.ply", "--color", "reed"}, 2, {"--color", "reed", "#rrggbb"}},
+    {{"good.ply", "--shade", "dim"}, 2, {"--shade", "dim", "ao, lit, flat"}},
+    {{"good.ply", "--shade", "lit", "--ao-samples", "3"}, 2, {"--ao-samples", "--shade ao"}},
+    {{"good.ply", "--dt", "3"}, 2, {"--dt", "--motion velocity"}},
+    {{"good.ply", "--range", "0:1"}, 2, {"--range", "--color-by"}},
+    {{"good.ply", "--background", "none"}, 2, {"picture.ppm", "transparency"}},
+    {{"good.ply", "--aov", "depth"}, 2, {"picture.ppm", "PPM cannot hold --aov depth"}},
+    {{"--aov", "depth,id", "good.ply"}, 2, {"picture.ppm", "--aov depth,id"}},
+    {{"--aov", "depth,z", "good.ply"}, 2, {"--aov", "'z'"}},
+    {{"--shutter", "0:1", "good.ply"}, 2, {"--shutter needs motion"}},
+    {{"good.ply", "fewer.ply", "good.ply"}, 2, {"3 files", "'cache.{}.ply'"}},
+    {{"good.ply", "--motion", "vel"}, 2, {"'vel'", "no such file"}},
+    {{"good.ply", "--stats", "s.json"}, 2, {"--stats=s.json"}},
+    {{"-"}, 3, {"/dev/stdin"}},
+    {{"good.ply", "--elements", "Si"}, 3, {"good.ply", "no numbered types"}},
+    {{"good.ply", "--elements", "O,Xy"}, 2, {"'Xy' is no element"}},
+    {{"convert", "good.ply", "-o", "good.bgeo"}, 2, {"good.bgeo", ".ply only"}},
+    {{"convert", "good.ply", "fewer.ply", "-o", "a.ply"}, 2, {"2 files; convert takes one"}},
+    {{"generate", "cloud", "-o", "fog.bgeo"}, 2, {"fog.bgeo", ".ply only"}},
+    {{"render", "good.ply", "-o", "picture.png", "--aov", "id"}, 2, {"picture.png", ".exr"}},
+    {{"render", "good.ply", "-o", "picture.jpg"}, 2, {"jpg", "png"}},
+    {{"render", "good.ply"}, 2, {"--output"}},
+    {{"generate", "fog", "-o", "fog.ply"}, 2, {"fog", "splash"}},
+    {{}, 2, {"FILE"}},
+    {{"render", "good.ply", "-o", "absent/picture.ppm"}, 4, {"absent", "no folder"}},
+    {{"render", "good.ply", "-o", "good.ply/picture.ppm"}, 4, {"good.ply/picture.ppm"}},
+    {{"render", "good.ply", "-o", "folder.ppm"}, 4, {"folder.ppm"}},
+    {{"generate", "cloud", "--count", "9", "-o", "absent/c.ply"}, 4, {"absent", "no folder"}},
+};
+
 TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
     std::string const good = plyOf("x y z radius", {sphere(0, 0), sphere(1, 0), sphere(2, 0)});
     write("good.ply", good);
@@ -106,65 +167,7 @@ TEST_F(Command, RefusesWhatItCannotUseInOneLineAndLeavesNothing) {
     fs::create_directory(folder / "folder.ppm");
     Words const known = others({});
 
-    struct Case {
-        Words words; ///< after "render -o picture.ppm", unless they start with a command
-        int code;
-        Words says;
-    };
-    Case const cases[] = {
-        {{"none.ply"}, 3, {"none.ply"}},
-        {{"empty.ply"}, 3, {"empty.ply", "empty"}},
-        {{"truncated.ply"}, 3, {"truncated.ply", "3"}},
-        {{"words.ply"}, 3, {"words.ply", "three"}},
-        {{"useless.ply"}, 3, {"useless.ply", "no usable particle", "1 not finite", "2 with"}},
-        {{"folder.ppm"}, 3, {"folder.ppm"}},
-        {{"good.ply", "--radius-from", "raduis"}, 3, {"raduis", "x y z radius"}},
-        {{"good.ply", "--color-by", "heat"}, 3, {"heat"}},
-        {{"good.ply", "--frame", "7"}, 3, {"good.ply", "frame"}},
-        {{"good.ply", "fewer.ply"}, 3, {"good.ply", "fewer.ply", "no ids"}},
-        {{"good.ply", "--motion", "velocity"}, 3, {"good.ply", "velocities"}},
-        {{"info", "none.ply"}, 3, {"none.ply"}},
-        {{"good.ply", "--shiny"}, 2, {"--shiny"}},
-        {{"good.ply", "--radius", "1", "--radius-from", "x"}, 2, {"--radius-from", "--radius"}},
-        {{"good.ply", "fewer.ply", "--motion", "velocity"}, 2, {"two files", "--motion"}},
-        {{"good.ply", "--radius", "-1"}, 2, {"--radius"}},
-        {{"good.ply", "--size", "70"}, 2, {"70", "WIDTHxHEIGHT"}},
-        {{"good.ply", "--crop", "0,0,9999,5"}, 2, {"--crop", "1280x720"}},
-        {{"good.ply", "--eye", "0,0,0", "--look-at", "0,0,0"}, 2, {"--eye", "same point"}},
-        {{"good.ply", "--eye", "1,nan,2"}, 2, {"not finite"}},
-        {{"good.ply", "--fov", "nan"}, 2, {"--fov", "finite"}},
-        {{"good.ply", "fewer.ply", "--times", "0", "nan"}, 2, {"--times", "finite"}},
-        {{"good.ply", "--up", "0,0,0"}, 2, {"--up"}},
-        {{"good.ply", "--color", "reed"}, 2, {"--color", "reed", "#rrggbb"}},
-        {{"good.ply", "--shade", "dim"}, 2, {"--shade", "dim", "ao, lit, flat"}},
-        {{"good.ply", "--shade", "lit", "--ao-samples", "3"}, 2, {"--ao-samples", "--shade ao"}},
-        {{"good.ply", "--dt", "3"}, 2, {"--dt", "--motion velocity"}},
-        {{"good.ply", "--range", "0:1"}, 2, {"--range", "--color-by"}},
-        {{"good.ply", "--background", "none"}, 2, {"picture.ppm", "transparency"}},
-        {{"good.ply", "--aov", "depth"}, 2, {"picture.ppm", "PPM cannot hold --aov depth"}},
-        {{"--aov", "depth,id", "good.ply"}, 2, {"picture.ppm", "--aov depth,id"}},
-        {{"--aov", "depth,z", "good.ply"}, 2, {"--aov", "'z'"}},
-        {{"--shutter", "0:1", "good.ply"}, 2, {"--shutter needs motion"}},
-        {{"good.ply", "fewer.ply", "good.ply"}, 2, {"3 files", "'cache.{}.ply'"}},
-        {{"good.ply", "--motion", "vel"}, 2, {"'vel'", "no such file"}},
-        {{"good.ply", "--stats", "s.json"}, 2, {"--stats=s.json"}},
-        {{"-"}, 3, {"/dev/stdin"}},
-        {{"good.ply", "--elements", "Si"}, 3, {"good.ply", "no numbered types"}},
-        {{"good.ply", "--elements", "O,Xy"}, 2, {"'Xy' is no element"}},
-        {{"convert", "good.ply", "-o", "good.bgeo"}, 2, {"good.bgeo", ".ply only"}},
-        {{"convert", "good.ply", "fewer.ply", "-o", "a.ply"}, 2, {"2 files; convert takes one"}},
-        {{"generate", "cloud", "-o", "fog.bgeo"}, 2, {"fog.bgeo", ".ply only"}},
-        {{"render", "good.ply", "-o", "picture.png", "--aov", "id"}, 2, {"picture.png", ".exr"}},
-        {{"render", "good.ply", "-o", "picture.jpg"}, 2, {"jpg", "png"}},
-        {{"render", "good.ply"}, 2, {"--output"}},
-        {{"generate", "fog", "-o", "fog.ply"}, 2, {"fog", "splash"}},
-        {{}, 2, {"FILE"}},
-        {{"render", "good.ply", "-o", "absent/picture.ppm"}, 4, {"absent", "no folder"}},
-        {{"render", "good.ply", "-o", "good.ply/picture.ppm"}, 4, {"good.ply/picture.ppm"}},
-        {{"render", "good.ply", "-o", "folder.ppm"}, 4, {"folder.ppm"}},
-        {{"generate", "cloud", "--count", "9", "-o", "absent/c.ply"}, 4, {"absent", "no folder"}},
-    };
-    for (Case const& bad : cases) {
+    for (Refusal const& bad : refusals) {
         Words words = bad.words;
         bool const isWhole =
             !words.empty() &&
@@ -236,28 +239,38 @@ TEST_F(Command, NotesWhatTheUserShouldKnow) {
     EXPECT_EQ(list.out.substr(0, 3) + list.out.substr(list.out.size() - 4), "[\n{}\n]\n");
 }
 
-TEST_F(Command, RendersFramesOfFilesAndSequences) {
-    // Particle 1 stands; particle 2 goes right by 1 from frame to frame and, wrapped, comes back.
-    auto const frame = [](int step) {
+/// Five frames in one file, and four of them as a sequence. Particle 1 stands; particle 2 goes
+/// right by 1 from frame to frame and, wrapped, comes back.
+class Frames : public Command {
+  protected:
+    static std::string frame(int step) {
         return fmt::format("ITEM: TIMESTEP\n{}\nITEM: NUMBER OF ATOMS\n2\nITEM: BOX BOUNDS\n0 4\n"
                            "0 4\n0 4\nITEM: ATOMS id x y z\n{}",
                            step,
                            step % 2 == 0 ? fmt::format("1 0 0 0\n2 {} 1 1\n", step % 4)
                                          : fmt::format("2 {} 1 1\n1 0 0 0\n", step % 4));
-    };
-    std::string all;
-    for (int step : {0, 1, 2, 3, 4}) {
-        all += frame(step);
-        if (step != 2)
-            write(fmt::format("cache.{:03}.dump", 3 * step), frame(step));
     }
-    write("all.dump", all);
-    Words const small = {"--size", "20x10", "--samples", "1", "--reproducible"};
-    auto const renderFrames = [&](Words words) {
+
+    void SetUp() override {
+        Command::SetUp();
+        std::string all;
+        for (int step : {0, 1, 2, 3, 4}) {
+            all += frame(step);
+            if (step != 2)
+                write(fmt::format("cache.{:03}.dump", 3 * step), frame(step));
+        }
+        write("all.dump", all);
+    }
+
+    Answer renderFrames(Words words) {
+        Words const small = {"--size", "20x10", "--samples", "1", "--reproducible"};
         words.insert(words.begin(), "render");
         words.insert(words.end(), small.begin(), small.end());
         return run(words);
-    };
+    }
+};
+
+TEST_F(Frames, AreRenderedFromFilesAndSequences) {
     Answer const inFile =
         renderFrames({"all.dump", "--frames", "2:-1:2", "--motion", "next", "-o", "img.##.ppm"});
     EXPECT_EQ(inFile.code, 0) << inFile.err;
@@ -282,7 +295,9 @@ TEST_F(Command, RendersFramesOfFilesAndSequences) {
                          "cache.{}.dump: no files for frames 6; "));
     EXPECT_EQ(read("seq3.ppm").size(), read("one.ppm").size());
     EXPECT_EQ(read("seq0.ppm") + read("seq6.ppm") + read("seq12.ppm"), "");
+}
 
+TEST_F(Frames, AreRefusedWhereTheyAreNone) {
     for (auto const& [words, code, text] : std::vector<std::tuple<Words, int, std::string>>{
              {{"cache.{}.dump", "--frame", "6"}, 3, "no frame 6; it has 4 from 0 to 12"},
              {{"nothing.{}.ply"}, 3, "nothing.{}.ply: no file has a number in place of {}"},

@@ -11,8 +11,15 @@ namespace {
 using namespace kelpatest;
 using namespace kelpatool;
 
-TEST_F(ParticleFiles, HoldParticlesAsBgeo) {
-    constexpr int count = 20000; // more than fit one block
+constexpr int count = 20000; // more than fit one block
+
+/// A file's header and its points.
+struct Bgeo {
+    std::string header, points;
+    std::string whole() const { return header + points + "primitives are not looked at"; }
+};
+
+Bgeo makeBgeo() {
     auto const attribute = [](Encoder& to, std::string const& name, int size, int type) {
         to.add(static_cast<std::uint16_t>(name.size())).bytes += name;
         to.add(static_cast<std::uint16_t>(size)).add(type);
@@ -45,7 +52,11 @@ TEST_F(ParticleFiles, HoldParticlesAsBgeo) {
             .add(1.0F)
             .add(0.0F)
             .add(16777217 + i);
-    std::string const bytes = header.bytes + rows.bytes + "primitives are not looked at";
+    return {header.bytes, rows.bytes};
+}
+
+TEST_F(ParticleFiles, HoldParticlesAsBgeo) {
+    std::string const bytes = makeBgeo().whole();
     for (std::string const& file : {bytes, gzip(bytes)}) {
         ParticleSet const particles = read(file, {.attributes = {"kind"}, .summarise = true});
         ASSERT_EQ(particles.positions.size(), count);
@@ -59,11 +70,16 @@ TEST_F(ParticleFiles, HoldParticlesAsBgeo) {
         EXPECT_EQ(particles.columns.size(), 13U);
         EXPECT_EQ(particles.upAxis, 'y');
     }
-    // Cut anywhere, it is refused; and so is a count that nothing stands behind.
-    std::size_t const whole = header.bytes.size() + rows.bytes.size();
-    for (std::size_t cut = 6; cut < whole; cut += cut < header.bytes.size() ? 1 : 99991)
+}
+
+// Cut anywhere, or with a count that nothing stands behind.
+TEST_F(ParticleFiles, RefuseBgeoThatIsNotWhole) {
+    Bgeo const file = makeBgeo();
+    std::string const bytes = file.whole();
+    std::size_t const whole = file.header.size() + file.points.size();
+    for (std::size_t cut = 6; cut < whole; cut += cut < file.header.size() ? 1 : 99991)
         EXPECT_TRUE(holdsAll(complaintAbout(bytes.substr(0, cut)), {"it is incomplete"})) << cut;
-    EXPECT_TRUE(holdsAll(complaintAbout(header.bytes),
+    EXPECT_TRUE(holdsAll(complaintAbout(file.header),
                          {"promises 20000 points of 56 bytes, the file holds 0"}));
     std::string odd = bytes;
     odd[8] = 4;

@@ -21,12 +21,87 @@ namespace {
 using namespace kelpatest;
 using namespace kelpatool;
 
+struct Encoding {
+    char const* name;
+    bool isText, isBig, hasLists;
+    char const* title;
+};
+
+constexpr int rowCount = 30000; // many more than fit one block
+
+/// A header with every type, under both of its names where it has two.
+std::string headerOfAllTypes(Encoding const& encoding) {
+    return std::string("ply\r\nformat ") + encoding.name +
+           " 1.0\r\ncomment end_header is not here\r\nobj_info nor here\r\n"
+           "element camera 2\r\nproperty double focus\r\nelement face 2\r\n"
+           "property list uchar int corners\r\nproperty list short float32 weights\r\n"
+           "property char side\r\nelement vertex " +
+           std::to_string(rowCount) +
+           "\r\nproperty short x\r\nproperty float y\r\nproperty float64 z\r\n" +
+           (encoding.hasLists ? "property list uint8 ushort links\r\n" : "") +
+           "property uint16 width\r\nproperty uchar red\r\nproperty uint8 green\r\n"
+           "property uchar blue\r\nproperty int8 vx\r\nproperty int16 vy\r\n"
+           "property int vz\r\nproperty uint id\r\nproperty uint64 stamp\r\n"
+           "element tail 70\r\nproperty float unread\r\nend_header\r\n";
+}
+
+std::string rowsOfAllTypes(Encoding const& encoding) {
+    Encoder rows{encoding.isText, encoding.isBig};
+    rows.add(0.5).endRow().add(0.25).endRow();
+    for (int face = 0; face < 2; ++face)
+        rows.add(std::uint8_t{2})
+            .add(std::int32_t{7})
+            .add(std::int32_t{8})
+            .add(std::int16_t{1})
+            .add(0.5F)
+            .add(std::int8_t{-1})
+            .endRow();
+    for (int i = 0; i < rowCount; ++i) {
+        rows.add(static_cast<std::int16_t>(-i)).add(0.5F * static_cast<float>(i)).add(0.125 * i);
+        if (encoding.hasLists) {
+            rows.add(static_cast<std::uint8_t>(i % 3));
+            for (int link = 0; link < i % 3; ++link)
+                rows.add(std::uint16_t{65535});
+        }
+        rows.add(static_cast<std::uint16_t>(i))
+            .add(std::uint8_t{0})
+            .add(std::uint8_t{188})
+            .add(std::uint8_t{255})
+            .add(std::int8_t{-128})
+            .add(std::int16_t{-300})
+            .add(std::int32_t{-70000})
+            .add(4294967295U - static_cast<std::uint32_t>(i))
+            .add(std::uint64_t{1} << 40)
+            .endRow();
+    }
+    for (int i = 0; i < 70; ++i)
+        rows.add(1e30F).endRow();
+    return rows.bytes;
+}
+
+void expectAllTypes(ParticleSet const& set, Encoding const& encoding) {
+    EXPECT_TRUE(set.format.starts_with(encoding.title)) << set.format;
+    ASSERT_EQ(set.positions.size(), std::size_t{rowCount});
+    for (std::size_t i = 0; i < rowCount; i += 1 + i / 7) {
+        float const n = static_cast<float>(i);
+        ASSERT_TRUE(same(set.positions[i], {-n, 0.5F * n, 0.125F * n})) << i;
+        ASSERT_EQ(set.radii[i], 0.5F * n);
+        ASSERT_EQ(set.ids[i], 4294967295 - static_cast<std::int64_t>(i));
+    }
+    EXPECT_EQ(set.radiusSource, "width / 2");
+    EXPECT_EQ(set.colors.back().x, 0.0F);
+    EXPECT_NEAR(set.colors.back().y, 0.5029F,
+                1e-4F); // IEC 61966-2-1: 188 is half the light
+    EXPECT_EQ(set.colors.back().z, 1.0F);
+    EXPECT_TRUE(same(set.velocities.back(), {-128.0F, -300.0F, -70000.0F}));
+    EXPECT_EQ(set.attributes.at(0).values.back(), 0x1p40F);
+    EXPECT_EQ(set.columns.at(0).min, 1.0 - rowCount);
+    EXPECT_EQ(set.columns.at(1).type, "float");
+    EXPECT_EQ(set.columns.at(10).min, 4294967296.0 - rowCount);
+    EXPECT_EQ(set.columns.at(10).max, 4294967295.0);
+}
+
 TEST_F(ParticleFiles, HoldTheSameInEveryPlyEncoding) {
-    struct Encoding {
-        char const* name;
-        bool isText, isBig, hasLists;
-        char const* title;
-    };
     for (Encoding const& encoding :
          {Encoding{"ascii", true, false, true, "PLY ascii"},
           Encoding{"binary_little_endian", false, false, true, "PLY binary little-endian"},
@@ -34,78 +109,9 @@ TEST_F(ParticleFiles, HoldTheSameInEveryPlyEncoding) {
           Encoding{"binary_big_endian", false, true, false, "PLY binary big-endian"},
           Encoding{"binary_big_endian", false, true, true, "PLY binary big-endian"}}) {
         SCOPED_TRACE(std::string(encoding.title) + (encoding.hasLists ? " with lists" : ""));
-        // Every type, under both of its names where it has two; many more rows than fit one block.
-        constexpr int count = 30000;
-        std::string const header =
-            std::string("ply\r\nformat ") + encoding.name +
-            " 1.0\r\ncomment end_header is not here\r\nobj_info nor here\r\n"
-            "element camera 2\r\nproperty double focus\r\nelement face 2\r\n"
-            "property list uchar int corners\r\nproperty list short float32 weights\r\n"
-            "property char side\r\nelement vertex " +
-            std::to_string(count) +
-            "\r\nproperty short x\r\nproperty float y\r\nproperty float64 z\r\n" +
-            (encoding.hasLists ? "property list uint8 ushort links\r\n" : "") +
-            "property uint16 width\r\nproperty uchar red\r\nproperty uint8 green\r\n"
-            "property uchar blue\r\nproperty int8 vx\r\nproperty int16 vy\r\n"
-            "property int vz\r\nproperty uint id\r\nproperty uint64 stamp\r\n"
-            "element tail 70\r\nproperty float unread\r\nend_header\r\n";
-        Encoder rows{encoding.isText, encoding.isBig};
-        rows.add(0.5).endRow().add(0.25).endRow();
-        for (int face = 0; face < 2; ++face)
-            rows.add(std::uint8_t{2})
-                .add(std::int32_t{7})
-                .add(std::int32_t{8})
-                .add(std::int16_t{1})
-                .add(0.5F)
-                .add(std::int8_t{-1})
-                .endRow();
-        for (int i = 0; i < count; ++i) {
-            rows.add(static_cast<std::int16_t>(-i))
-                .add(0.5F * static_cast<float>(i))
-                .add(0.125 * i);
-            if (encoding.hasLists) {
-                rows.add(static_cast<std::uint8_t>(i % 3));
-                for (int link = 0; link < i % 3; ++link)
-                    rows.add(std::uint16_t{65535});
-            }
-            rows.add(static_cast<std::uint16_t>(i))
-                .add(std::uint8_t{0})
-                .add(std::uint8_t{188})
-                .add(std::uint8_t{255})
-                .add(std::int8_t{-128})
-                .add(std::int16_t{-300})
-                .add(std::int32_t{-70000})
-                .add(4294967295U - static_cast<std::uint32_t>(i))
-                .add(std::uint64_t{1} << 40)
-                .endRow();
-        }
-        for (int i = 0; i < 70; ++i)
-            rows.add(1e30F).endRow();
-        for (std::string const& bytes : {header + rows.bytes, gzip(header + rows.bytes)}) {
-            ReadOptions options;
-            options.attributes = {"stamp"};
-            options.summarise = true;
-            ParticleSet const set = read(bytes, options);
-            EXPECT_TRUE(set.format.starts_with(encoding.title)) << set.format;
-            ASSERT_EQ(set.positions.size(), std::size_t{count});
-            for (std::size_t i = 0; i < count; i += 1 + i / 7) {
-                float const n = static_cast<float>(i);
-                ASSERT_TRUE(same(set.positions[i], {-n, 0.5F * n, 0.125F * n})) << i;
-                ASSERT_EQ(set.radii[i], 0.5F * n);
-                ASSERT_EQ(set.ids[i], 4294967295 - static_cast<std::int64_t>(i));
-            }
-            EXPECT_EQ(set.radiusSource, "width / 2");
-            EXPECT_EQ(set.colors.back().x, 0.0F);
-            EXPECT_NEAR(set.colors.back().y, 0.5029F,
-                        1e-4F); // IEC 61966-2-1: 188 is half the light
-            EXPECT_EQ(set.colors.back().z, 1.0F);
-            EXPECT_TRUE(same(set.velocities.back(), {-128.0F, -300.0F, -70000.0F}));
-            EXPECT_EQ(set.attributes.at(0).values.back(), 0x1p40F);
-            EXPECT_EQ(set.columns.at(0).min, 1.0 - count);
-            EXPECT_EQ(set.columns.at(1).type, "float");
-            EXPECT_EQ(set.columns.at(10).min, 4294967296.0 - count);
-            EXPECT_EQ(set.columns.at(10).max, 4294967295.0);
-        }
+        std::string const whole = headerOfAllTypes(encoding) + rowsOfAllTypes(encoding);
+        for (std::string const& bytes : {whole, gzip(whole)})
+            expectAllTypes(read(bytes, {.attributes = {"stamp"}, .summarise = true}), encoding);
     }
 }
 
@@ -218,6 +224,9 @@ TEST_F(ParticleFiles, SayWhatIsWrongWithThem) {
         std::string const text = complaintAbout(c.bytes, c.options);
         EXPECT_TRUE(holdsAll(text, c.words)) << text << "\ninstead of " << c.words[0];
     }
+}
+
+TEST_F(ParticleFiles, AreFilesThatCanBeOpened) {
     EXPECT_TRUE(
         holdsAll(complaint("/nowhere/b.ply"), {"/nowhere/b.ply: cannot be opened: No such"}));
     EXPECT_TRUE(holdsAll(complaint(folder.string()), {"is a folder, not a particle file"}));

@@ -41,8 +41,10 @@ TEST_F(ParticleFiles, HoldAtomsAsXyz) {
     EXPECT_EQ(extended.attributes[1].values, (std::vector<float>{2.0F, 3.0F}));
     EXPECT_EQ(extended.attributes[2].values, (std::vector<float>{1.0F, 0.0F}));
     EXPECT_EQ(read("1\nProperties=pos:R:3:numbers:I:1\n1 2 3 79\n").elements.at(0), 79);
+}
 
-    // Keys in any case and spacing; what a value quotes is no key.
+// What a value quotes is no key.
+TEST_F(ParticleFiles, HoldKeysOfXyzInAnyCaseAndSpacing) {
     for (char const* const comment :
          {"\tproperties=id:I:1:pos:R:3\tlattice='9 0 0 0 8 0 0 0 7'\tPBC=\"T F T\"",
           "old=\"Properties=species:S:1:pos:R:3 Lattice=\\\"1 0 0\\\"\" PROPERTIES = "
@@ -56,7 +58,9 @@ TEST_F(ParticleFiles, HoldAtomsAsXyz) {
         EXPECT_EQ(set.cell->edges[1][1], 8.0);
         EXPECT_EQ(set.cell->isPeriodic, (std::array<bool, 3>{true, false, true})) << comment;
     }
+}
 
+TEST(Elements, AreKnownByTheirSymbols) {
     for (auto const& [symbol, number] : {std::pair{"H", 1},
                                          {"cl", 17},
                                          {"NA", 11},

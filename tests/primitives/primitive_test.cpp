@@ -1,3 +1,4 @@
+// Primitives as a host sees them: hits, numbers, bounds, bunches.
 #include "kelpa/particleprimitives/particleprimitives.h"
 
 #include "tests/support/allocationfailure.h"
@@ -230,6 +231,18 @@ std::unique_ptr<RayBunchCommonResult> freshResult() {
     return result;
 }
 
+void expectHit(RayBunchCommonResult& expected, std::size_t lane, int code, RSRay const& ray) {
+    expected.noHits = false;
+    expected.hit[lane] = static_cast<unsigned char>(code);
+    expected.hitT[lane] = ray.hitT;
+    expected.hitPrimitive[lane] = ray.hitPrimitive;
+    expected.hitIndex[lane] = ray.hitIndex;
+    expected.hitLocalIndex[lane] = ray.hitLocalIndex;
+    expected.hitNormalX[lane] = ray.hitNormal.x;
+    expected.hitNormalY[lane] = ray.hitNormal.y;
+    expected.hitNormalZ[lane] = ray.hitNormal.z;
+}
+
 TEST(Bunches, GiveEveryListedRayItsOwnHitAndTouchNothingElse) {
     for (CloudKind const& kind : cloudKinds) {
         SCOPED_TRACE(kind.name);
@@ -271,15 +284,7 @@ TEST(Bunches, GiveEveryListedRayItsOwnHitAndTouchNothingElse) {
                     continue;
                 ++hits;
                 anyHit = true;
-                expected->noHits = false;
-                expected->hit[lane] = static_cast<unsigned char>(code);
-                expected->hitT[lane] = ray.hitT;
-                expected->hitPrimitive[lane] = ray.hitPrimitive;
-                expected->hitIndex[lane] = ray.hitIndex;
-                expected->hitLocalIndex[lane] = ray.hitLocalIndex;
-                expected->hitNormalX[lane] = ray.hitNormal.x;
-                expected->hitNormalY[lane] = ray.hitNormal.y;
-                expected->hitNormalZ[lane] = ray.hitNormal.z;
+                expectHit(*expected, static_cast<std::size_t>(lane), code, ray);
             }
             forEachVariant([&] {
                 auto const answer = std::make_unique<RayBunchCommonResult>();

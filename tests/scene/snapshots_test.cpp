@@ -23,6 +23,33 @@ TEST(Snapshots, FindEachParticleAPartnerOfItsOwn) {
     EXPECT_EQ(findPartners(set({2, 2}, 2), set({2, 2}, 2)), (Indices{0, 1}));
 }
 
+double distance(Kelpa::Vector const& from, double const (&to)[3]) {
+    return std::hypot(to[0] - static_cast<double>(from.x), to[1] - static_cast<double>(from.y),
+                      to[2] - static_cast<double>(from.z));
+}
+
+/// The judge asks every image there is.
+double nearestImage(Kelpa::Vector const& from, Kelpa::Vector const& to, PeriodicCell const& cell) {
+    double nearest = INFINITY;
+    int const reach = 8;
+    for (int a = -reach; a <= reach; ++a)
+        for (int b = -reach; b <= reach; ++b)
+            for (int c = -reach; c <= reach; ++c) {
+                int const n[3] = {a, b, c};
+                double place[3] = {static_cast<double>(to.x), static_cast<double>(to.y),
+                                   static_cast<double>(to.z)};
+                bool isReached = true;
+                for (std::size_t i = 0; i < 3; ++i) {
+                    isReached = isReached && (n[i] == 0 || cell.isPeriodic[i]);
+                    for (std::size_t axis = 0; axis < 3; ++axis)
+                        place[axis] += n[i] * cell.edges[i][axis];
+                }
+                if (isReached)
+                    nearest = std::min(nearest, distance(from, place));
+            }
+    return nearest;
+}
+
 TEST(Snapshots, GoToTheNearestImageInAnyCell) {
     std::mt19937 random(11);
     std::uniform_real_distribution<float> unit(-1.0F, 1.0F);
@@ -43,33 +70,12 @@ TEST(Snapshots, GoToTheNearestImageInAnyCell) {
         second.cell = cell;
         Kelpa::Vector const from = first.positions[0];
         Kelpa::Vector const to = second.positions[0];
-        auto const distance = [&](double x, double y, double z) {
-            return std::hypot(x - static_cast<double>(from.x), y - static_cast<double>(from.y),
-                              z - static_cast<double>(from.z));
-        };
-        // The judge asks every image there is.
-        double nearest = INFINITY;
-        int const reach = 8;
-        for (int a = -reach; a <= reach; ++a)
-            for (int b = -reach; b <= reach; ++b)
-                for (int c = -reach; c <= reach; ++c) {
-                    int const n[3] = {a, b, c};
-                    double place[3] = {static_cast<double>(to.x), static_cast<double>(to.y),
-                                       static_cast<double>(to.z)};
-                    bool isReached = true;
-                    for (std::size_t i = 0; i < 3; ++i) {
-                        isReached = isReached && (n[i] == 0 || cell.isPeriodic[i]);
-                        for (std::size_t axis = 0; axis < 3; ++axis)
-                            place[axis] += n[i] * cell.edges[i][axis];
-                    }
-                    if (isReached)
-                        nearest = std::min(nearest, distance(place[0], place[1], place[2]));
-                }
+        double const nearest = nearestImage(from, to, cell);
         PeriodicWays ways(first, second);
         Kelpa::Vector const end = ways.end(0, 0);
-        EXPECT_NEAR(distance(static_cast<double>(end.x), static_cast<double>(end.y),
-                             static_cast<double>(end.z)),
-                    nearest, 1e-5);
+        double const place[3] = {static_cast<double>(end.x), static_cast<double>(end.y),
+                                 static_cast<double>(end.z)};
+        EXPECT_NEAR(distance(from, place), nearest, 1e-5);
         EXPECT_EQ(ways.crossingCount(), end.x == to.x && end.y == to.y && end.z == to.z ? 0U : 1U);
 
         Kelpa::Vector const inside = wrapped(second.positions, cell)[0];

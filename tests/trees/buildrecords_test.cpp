@@ -1,3 +1,4 @@
+// How builds part records.
 #include "kelpa/spheretree/buildrecords.h"
 #include "kelpa/spheretree/spaceorder.h"
 #include "kelpa/spheretree/static/sdleafpacks.h"
@@ -31,6 +32,15 @@ std::vector<Part> contentOf(Records& records, std::int32_t count) {
     return content;
 }
 
+constexpr float plane = 0.5F;
+
+void fill(Records& data, std::int32_t count, Random& random) {
+    for (std::int32_t k = 0; k < count; ++k) {
+        float const low = random.unit();
+        *data.newElement() = {static_cast<std::uint32_t>(k), low, low + 0.3F * random.unit()};
+    }
+}
+
 // Blocks end at other places on either side, stretches at others again.
 TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
     for (std::uint64_t seed = 0; seed < 60; ++seed) {
@@ -43,13 +53,9 @@ TEST(Partitions, PartRecordsAsPlainListsWouldBe) {
         if (seed % 2 == 0)
             data.allocator.pool = upperRecords.allocator.pool = &pool;
         std::int32_t const count = 100 + random.below(2000);
-        for (std::int32_t k = 0; k < count; ++k) {
-            float const low = random.unit();
-            *data.newElement() = {static_cast<std::uint32_t>(k), low, low + 0.3F * random.unit()};
-        }
+        fill(data, count, random);
         std::vector<Part> lower;
         std::vector<Part> upper;
-        auto const plane = 0.5F;
         auto const keptOf = [losesParts](std::uint32_t index) {
             return losesParts ? index % 4 : bothSides;
         };
