@@ -68,13 +68,6 @@ constexpr NamedColor namedColors[] = {
 };
 // clang-format on
 
-Kelpa::Vector linearOf(int code) {
-    auto const part = [code](int shift) {
-        return linearOfCode()[static_cast<std::size_t>(code >> shift & 0xff)];
-    };
-    return {part(16), part(8), part(0)};
-}
-
 std::optional<int> codeOfDigits(std::string_view digits) {
     int code = 0;
     auto const [rest, error] =
@@ -101,7 +94,7 @@ std::optional<int> codeOfName(std::string name) {
 Kelpa::Vector parseColor(std::string const& text) {
     bool const hasDigits = text.starts_with('#');
     if (auto const code = hasDigits ? codeOfDigits(text.substr(1)) : codeOfName(text))
-        return linearOf(*code);
+        return linearOfHex(*code);
     throw std::invalid_argument(
         "'" + text + "' " +
         (hasDigits

@@ -67,10 +67,6 @@ bool isKnown(std::uint8_t atomicNumber) {
     return atomicNumber >= 1 && atomicNumber <= elementCount;
 }
 
-float linearOfByte(int color, int shift) {
-    return linearOfCode()[static_cast<std::size_t>((color >> shift) & 0xff)];
-}
-
 } // namespace
 
 std::uint8_t atomicNumberOf(std::string_view symbol) {
@@ -106,7 +102,7 @@ float elementRadius(std::uint8_t atomicNumber, bool covalent) {
 
 Kelpa::Vector elementColor(std::uint8_t atomicNumber) {
     int const color = isKnown(atomicNumber) ? elements[atomicNumber - 1].color : unknownColor;
-    return {linearOfByte(color, 16), linearOfByte(color, 8), linearOfByte(color, 0)};
+    return linearOfHex(color);
 }
 
 } // namespace kelpatool

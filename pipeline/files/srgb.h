@@ -1,7 +1,10 @@
 // Codes of light: sRGB and linear.
 #pragma once
 
+#include "kelpa/foundation/vector.h"
+
 #include <array>
+#include <cstddef>
 
 namespace kelpatool {
 
@@ -31,6 +34,14 @@ inline std::array<float, 256> const& linearOfCode() {
         return values;
     }();
     return table;
+}
+
+/// Linear light of a colour written as 0xrrggbb.
+inline Kelpa::Vector linearOfHex(int code) {
+    auto const part = [code](int shift) {
+        return linearOfCode()[static_cast<std::size_t>(code >> shift & 0xff)];
+    };
+    return {part(16), part(8), part(0)};
 }
 
 } // namespace kelpatool

@@ -33,35 +33,43 @@ int flatAxis(Bounds const& bounds) {
     return others == 2 && extents[thinnest] <= 1e-3 * widest ? thinnest : -1;
 }
 
-/// From what is looked at towards the eye.
-Vec viewDirection(CameraOptions const& options, char upAxis, Bounds const& bounds) {
-    if (options.view == "front")
+/// Towards the eye of whoever looks at one of the sides.
+Vec directionOf(View view, char upAxis) {
+    switch (view) {
+    case View::front:
         return turned({0, 0, 1}, upAxis);
-    if (options.view == "back")
+    case View::back:
         return turned({0, 0, -1}, upAxis);
-    if (options.view == "right")
-        return {1, 0, 0};
-    if (options.view == "left")
+    case View::left:
         return {-1, 0, 0};
-    if (options.view == "top")
+    case View::right:
+        return {1, 0, 0};
+    case View::top:
         return turned({0, 1, 0}, upAxis);
-    if (options.view == "bottom")
+    case View::bottom:
         return turned({0, -1, 0}, upAxis);
-    if (options.view.empty() && options.direction)
-        return wide(*options.direction) * -1.0;
-    if (options.view.empty()) {
-        switch (flatAxis(bounds)) {
-        case 0:
-            return {1, 0, 0};
-        case 1:
-            return upAxis == 'y' ? Vec{0, 1, 0} : Vec{0, -1, 0};
-        case 2:
-            return {0, 0, 1};
-        default:
-            break;
-        }
+    case View::iso:
+        break;
     }
     return turned({1, 0.6, 0.8}, upAxis);
+}
+
+/// From what is looked at towards the eye.
+Vec viewDirection(CameraOptions const& options, char upAxis, Bounds const& bounds) {
+    if (options.view)
+        return directionOf(*options.view, upAxis);
+    if (options.direction)
+        return wide(*options.direction) * -1.0;
+    switch (flatAxis(bounds)) {
+    case 0:
+        return {1, 0, 0};
+    case 1:
+        return upAxis == 'y' ? Vec{0, 1, 0} : Vec{0, -1, 0};
+    case 2:
+        return {0, 0, 1};
+    default:
+        return directionOf(View::iso, upAxis);
+    }
 }
 
 void orient(Camera& camera, Vec const& towardsEye, Vec wantedUp) {

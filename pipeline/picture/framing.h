@@ -8,12 +8,18 @@
 
 #include <optional>
 #include <span>
-#include <string>
+#include <utility>
 
 namespace kelpatool {
 
+/// Sides from which particles are seen.
+enum class View { front, back, left, right, top, bottom, iso };
+inline constexpr std::pair<char const*, View> viewNames[] = {
+    {"front", View::front}, {"back", View::back},     {"left", View::left}, {"right", View::right},
+    {"top", View::top},     {"bottom", View::bottom}, {"iso", View::iso}};
+
 struct CameraOptions {
-    std::string view;
+    std::optional<View> view;
     std::optional<Kelpa::Vector> direction; ///< of sight, where there is no view
     std::optional<Kelpa::Vector> eye;
     std::optional<Kelpa::Vector> lookAt;

@@ -33,8 +33,8 @@ Camera placeTurntable(CameraOptions const& given, int picture, int width, int he
                       std::span<Kelpa::Vector const> centers, std::span<float const> radii,
                       Vec const& origin) {
     CameraOptions options = given;
-    if (!options.eye && options.view.empty())
-        options.view = "iso"; // face on, a flat set would only spin
+    if (!options.eye && !options.view)
+        options.view = View::iso; // face on, a flat set would only spin
     Camera camera = placeCamera(options, width, height, upAxis, centers, radii, origin);
     Vec const target = options.lookAt ? wide(*options.lookAt) - origin : boundsOf(centers).centre();
 

@@ -83,10 +83,7 @@ std::vector<Kelpa::Vector> mapTypes(std::vector<std::int64_t> const& types) {
                                                    0x8f6bb0, 0x8c6550, 0xd98bb8, 0x8a8a8a,
                                                    0xb8b04a, 0x4fb0b8};
     std::array<Kelpa::Vector, colorCount> palette{};
-    for (std::size_t i = 0; i < colorCount; ++i)
-        palette[i] = {linearOfCode()[static_cast<std::size_t>(codes[i] >> 16 & 0xff)],
-                      linearOfCode()[static_cast<std::size_t>(codes[i] >> 8 & 0xff)],
-                      linearOfCode()[static_cast<std::size_t>(codes[i] & 0xff)]};
+    std::transform(codes.begin(), codes.end(), palette.begin(), linearOfHex);
     std::vector<Kelpa::Vector> colors(types.size());
     // Unsigned, so that no type, however odd, has a negative place.
     std::transform(types.begin(), types.end(), colors.begin(), [&palette](std::int64_t type) {

@@ -102,7 +102,8 @@ class Camera:
             if direction is not None:
                 raise ValueError("direction: given together with view")
         options = _native.CameraOptions()
-        options.view = view or ""
+        if view is not None:
+            options.view = view
         if direction is not None:
             options.direction = check.unit(np.array(check.triple("direction", direction)),
                                            "direction").tolist()

@@ -191,7 +191,12 @@ void defineCamera(py::module_& module) {
     using Options = kelpatool::CameraOptions;
     py::class_<Options>(module, "CameraOptions")
         .def(py::init<>())
-        .def_readwrite("view", &Options::view)
+        .def_property("view", nullptr,
+                      [](Options& o, std::string const& name) {
+                          for (auto const& [known, view] : kelpatool::viewNames)
+                              if (name == known)
+                                  o.view = view;
+                      })
         .def_readwrite("fov", &Options::fov)
         .def_readwrite("ortho", &Options::ortho)
         .def_readwrite("zoom", &Options::zoom)

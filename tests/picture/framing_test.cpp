@@ -59,8 +59,8 @@ TEST(Camera, FitsAllSpheresAndTouchesTheMargin) {
             radii.push_back(size * random.between(0.01F, 0.5F));
         }
         kelpatool::CameraOptions options;
-        char const* const views[] = {"", "front", "back", "left", "right", "top", "bottom", "iso"};
-        options.view = views[random.below(8)];
+        if (int const side = random.below(8); side > 0)
+            options.view = kelpatool::viewNames[side - 1].second;
         options.ortho = random.below(2) == 0;
         options.fov = static_cast<double>(random.between(5.0F, 120.0F));
         if (random.below(2) == 0)

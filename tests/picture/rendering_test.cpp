@@ -48,7 +48,8 @@ TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
         kelpatool::CameraOptions options;
         options.turntable = 12;
         options.ortho = seed % 2 == 1;
-        options.view = seed % 3 == 0 ? "top" : "";
+        if (seed % 3 == 0)
+            options.view = kelpatool::View::top;
         Vec const centre = kelpatool::boundsOf(centers).centre();
         double narrowest = 1e30; // how far the spheres stay from the frame, over all pictures
         Vec const first =
@@ -236,7 +237,7 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     kelpatool::Scene scene = makeScene(options.scene, particles, nullptr, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
-    auto const pictureFrom = [&](char const* view) {
+    auto const pictureFrom = [&](kelpatool::View view) {
         options.camera.view = view;
         auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters,
                                         scene.framedRadii, scene.origin);
@@ -246,8 +247,8 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
         for (std::size_t i = 0; i < picture.tileCount(); ++i)
             picture.renderTile((first + 5 * i) % picture.tileCount(), image);
     };
-    kelpatool::Picture const top = pictureFrom("top");
-    kelpatool::Picture const front = pictureFrom("front");
+    kelpatool::Picture const top = pictureFrom(kelpatool::View::top);
+    kelpatool::Picture const front = pictureFrom(kelpatool::View::front);
     ASSERT_NE(front.tileCount() % 5, 0U);
     Image image = top.emptyImage();
     Image expected = image;

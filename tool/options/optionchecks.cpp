@@ -103,7 +103,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                   0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
         throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
                                      options.image.width, options.image.height));
-    if (options.camera.eye && !options.camera.view.empty())
+    if (options.camera.eye && options.camera.view)
         throw UsageError("--eye and --view both place the camera; use one of them");
 }
 

@@ -10,6 +10,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <iterator>
+#include <optional>
 #include <sstream>
 
 namespace kelpatool {
@@ -238,9 +240,8 @@ namespace {
 
 /// Where the camera is, and what it looks at.
 void addPlaceOptions(CLI::App& app, CameraOptions& camera) {
-    std::vector<std::pair<std::string, std::string>> views;
-    for (char const* const view : {"front", "back", "left", "right", "top", "bottom", "iso"})
-        views.emplace_back(view, view);
+    std::vector<std::pair<std::string, std::optional<View>>> const views(std::begin(viewNames),
+                                                                         std::end(viewNames));
     addChoice(app, "--view", camera.view, views, "Where the particles, framed, are seen from")
         ->group("Camera");
     addParsed(app, "--eye", "X,Y,Z", camera.eye, parseVector, "Where the camera is")

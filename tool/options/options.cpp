@@ -117,6 +117,7 @@ CLI::App* addConvert(CLI::App& app, Options& options) {
     convert->add_option("-o,--output", options.output, "File: .ply")->required();
     convert->add_flag("--ascii", options.ascii, "As text");
     addRunOptions(*convert, options.run);
+    convert->callback([&options] { options.particles.keepsAllColumns = true; });
     return convert;
 }
 

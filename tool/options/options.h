@@ -33,6 +33,7 @@ struct ParticleOptions {
     std::string assembly;               ///< empty: none
     std::vector<std::uint8_t> elements; ///< atomic numbers of types 1, 2 and so on; empty: as read
     std::string radiusFrom;             ///< the column of radii; empty: the format's own
+    bool keepsAllColumns = false;       ///< not only those with a use here: they are written again
 };
 
 struct RunOptions {

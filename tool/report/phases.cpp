@@ -55,7 +55,7 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     read.format = options.particles.format;
     read.assembly = options.particles.assembly;
     read.topology = options.particles.topology;
-    read.allAttributes = options.command == Options::Command::convert;
+    read.allAttributes = options.particles.keepsAllColumns;
     read.radiusFrom = options.particles.radiusFrom;
     read.forMotion = hasSecondSnapshot(options.scene.motion.motion);
     read.progress = progress;
