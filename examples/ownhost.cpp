@@ -102,8 +102,7 @@ class Progress final : public Kelpa::ProgressCallback {
 
     void info(int, int level, char const* format, ...) override
         __attribute__((format(printf, 4, 5))) {
-        constexpr int progressLevel = 30000; // statistics have 20000
-        if (level < progressLevel)
+        if (level < Kelpa::progressLevel) // statistics, which nobody asked for
             return;
         va_list values;
         va_start(values, format);

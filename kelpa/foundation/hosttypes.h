@@ -1,4 +1,5 @@
 #pragma once
+// What library and host exchange: rays, particles, threads and progress.
 
 #include "kelpa/foundation/vector.h"
 
@@ -106,6 +107,13 @@ class ThreadManager {
     ~ThreadManager() = default;
 };
 
+/// How loud a message of a build is.
+enum MessageLevel {
+    statisticsLevel =
+        20000,            ///< a line of the statistics; of these only the first ends in a newline
+    progressLevel = 30000 ///< a line of progress, which ends in a newline
+};
+
 /// Where a build reports to and asks whether to go on.
 ///
 /// Never destroyed through this interface.
@@ -120,8 +128,7 @@ class ProgressCallback {
 
     /// Takes a message, formatted as `printf` does; called only on the thread that builds.
     ///
-    /// `kind` is 0. `level` is 30000 for progress lines, which end in a newline, and 20000 for
-    /// statistics lines, of which only the first does.
+    /// `kind` is 0, `level` a `MessageLevel`.
     virtual void info(int kind, int level, char const* format, ...)
         __attribute__((format(printf, 4, 5))) = 0;
 

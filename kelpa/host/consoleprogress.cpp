@@ -1,3 +1,4 @@
+// Words a build's progress for people, and notes signals.
 #include "kelpa/host/consoleprogress.h"
 
 #include <sys/ioctl.h>
@@ -28,14 +29,6 @@ void noteSignal(int) {
     wasInterrupted.store(true, std::memory_order_relaxed);
 }
 
-/// 140097 as "140,097".
-std::string withCommas(std::uint64_t number) {
-    std::string text = std::to_string(number);
-    for (auto at = static_cast<std::ptrdiff_t>(text.size()) - 3; at > 0; at -= 3)
-        text.insert(static_cast<std::size_t>(at), ",");
-    return text;
-}
-
 /// How many columns a line on stderr may fill without beginning another one.
 std::size_t terminalColumns() {
     winsize size{};
@@ -44,6 +37,13 @@ std::size_t terminalColumns() {
 }
 
 } // namespace
+
+std::string withCommas(std::uint64_t number) {
+    std::string text = std::to_string(number);
+    for (auto at = static_cast<std::ptrdiff_t>(text.size()) - 3; at > 0; at -= 3)
+        text.insert(static_cast<std::size_t>(at), ",");
+    return text;
+}
 
 std::string durationText(double seconds) {
     char text[32];
@@ -85,7 +85,6 @@ std::int32_t ConsoleProgress::getAbort() {
 }
 
 void ConsoleProgress::info(int, int level, char const* format, ...) {
-    constexpr int statisticsLevel = 20000; // and below; progress lines lie above
     Verbosity const needed =
         level > statisticsLevel ? Verbosity::everything : Verbosity::statistics;
     if (verbosity < needed)

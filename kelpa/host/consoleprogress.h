@@ -1,4 +1,5 @@
 #pragma once
+// Progress on the standard error, and Ctrl-C heard in time.
 
 #include "kelpa/foundation/hosttypes.h"
 
@@ -13,6 +14,9 @@
 #include <thread>
 
 namespace Kelpa {
+
+/// 140097 as "140,097".
+std::string withCommas(std::uint64_t number);
 
 /// Answers Ctrl-C (SIGINT), SIGTERM and a terminal that is closed (SIGHUP), while one exists, by
 /// setting a flag; a second Ctrl-C within the same scope ends the process as it would have without.

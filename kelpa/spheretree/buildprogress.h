@@ -9,9 +9,6 @@
 
 namespace Kelpa {
 
-inline constexpr int progressLevel = 30000;
-inline constexpr int statisticsLevel = 20000;
-
 /// Stands in for a callback that the host did not give: says nothing and never aborts.
 class SilentProgress final : public ProgressCallback {
   public:

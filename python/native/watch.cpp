@@ -1,3 +1,4 @@
+// Lets Python look for signals and hear of progress while native code works.
 #include "python/native/watch.h"
 
 #include "kelpa/foundation/platform.h"
@@ -84,8 +85,7 @@ class BuildMessages final : public Kelpa::ProgressCallback {
 
     void info(int, int level, char const* format, ...) override
         __attribute__((format(printf, 4, 5))) {
-        constexpr int progressLevel = 30000; // the rest is statistics
-        if (level < progressLevel)
+        if (level < Kelpa::progressLevel) // statistics
             return;
         char line[512];
         va_list values;

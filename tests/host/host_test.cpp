@@ -1,3 +1,4 @@
+// What hosts may take ready-made: threads, progress, particles.
 #include "kelpa/host/consoleprogress.h"
 #include "kelpa/host/particlesystem.h"
 #include "kelpa/host/snapshots.h"
@@ -202,8 +203,8 @@ TEST(ConsoleProgress, PrintsWhatWasAskedForInWholeLines) {
     auto const said = [](Verbosity verbosity) {
         return stderrOf([verbosity] {
             ConsoleProgress progress(verbosity);
-            progress.info(0, 30000, "step %d\n", 1);
-            progress.info(0, 20000, "depth %d", 2);
+            progress.info(0, progressLevel, "step %d\n", 1);
+            progress.info(0, statisticsLevel, "depth %d", 2);
         });
     };
     EXPECT_EQ(said(Verbosity::quiet), "");

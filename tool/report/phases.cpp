@@ -18,13 +18,6 @@
 
 namespace kelpatool {
 
-std::string withCommas(std::uint64_t number) {
-    std::string text = fmt::format("{}", number);
-    for (std::size_t at = text.size(); at > 3; at -= 3)
-        text.insert(at - 3, 1, ',');
-    return text;
-}
-
 std::string baseName(std::string const& path) {
     return std::filesystem::path(path).filename().string();
 }
@@ -157,8 +150,7 @@ void BuildReport::info(int kind, int level, char const* format, ...) {
     std::string line = text;
     while (!line.empty() && line.back() == '\n')
         line.pop_back();
-    constexpr int statistics = 20000;
-    if (level == statistics)
+    if (level == Kelpa::statisticsLevel)
         statisticsLines.push_back(line);
 }
 

@@ -31,8 +31,7 @@ class Stopwatch {
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 };
 
-/// 218901 as "218,901".
-std::string withCommas(std::uint64_t number);
+using Kelpa::withCommas;
 
 /// A path's last part.
 std::string baseName(std::string const& path);
