@@ -1,3 +1,4 @@
+// Builds and rays as cases of Google Benchmark.
 #include "bench/benchmarks.h"
 
 #include <benchmark/benchmark.h>

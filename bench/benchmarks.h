@@ -1,4 +1,5 @@
 #pragma once
+// Builds and rays as cases of Google Benchmark.
 
 #include "bench/comparison.h"
 

@@ -1,3 +1,4 @@
+// Measures in turns, so that both libraries meet the same machine, and prints tables.
 #include "bench/comparison.h"
 
 #include "kelpa/host/pieces.h"

@@ -1,4 +1,5 @@
 #pragma once
+// Tables: both libraries build the same scenes and answer the same rays, in one run.
 
 #include "bench/kernels.h"
 

@@ -1,3 +1,4 @@
+// This library as one that is measured.
 #include "kelpa/host/threadpool.h"
 #include "kelpa/particleprimitives/particleprimitives.h"
 

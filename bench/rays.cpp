@@ -1,3 +1,4 @@
+// Makes rays, and compares answers.
 #include "bench/rays.h"
 
 #include <algorithm>

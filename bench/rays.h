@@ -1,4 +1,5 @@
 #pragma once
+// The rays that are measured, and the digest of their answers.
 
 #include "kelpa/foundation/vector.h"
 

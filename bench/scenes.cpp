@@ -1,3 +1,4 @@
+// Makes spheres.
 #include "bench/scenes.h"
 
 #include <numbers>

@@ -1,4 +1,5 @@
 #pragma once
+// The spheres that are measured, made from numbers alone.
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,3 +1,4 @@
+// Keeps blocks that were given back, and where their memory comes from.
 #include "kelpa/foundation/blockpool.h"
 
 #include "kelpa/foundation/pages.h"

@@ -1,4 +1,5 @@
 #pragma once
+// Blocks of memory that builds use again and again.
 
 #include "kelpa/foundation/lock.h"
 

@@ -1,3 +1,4 @@
+// Keeps a message without asking for memory.
 #include "kelpa/foundation/exceptionmsg.h"
 
 #include <cstdarg>

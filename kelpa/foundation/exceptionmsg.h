@@ -1,4 +1,5 @@
 #pragma once
+// The one exception that hosts must expect.
 
 #include "kelpa/foundation/language.h"
 

@@ -1,3 +1,4 @@
+// Prepares rays, and tests them with boxes and single particles.
 #include "kelpa/foundation/iray.h"
 
 #include "kelpa/foundation/hitkernels.h"

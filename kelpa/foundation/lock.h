@@ -1,4 +1,5 @@
 #pragma once
+// Locks for work so short that waiting awake is cheapest.
 
 #include "kelpa/foundation/language.h"
 

@@ -1,3 +1,4 @@
+// Asks the system for aligned memory in huge pages.
 #include "kelpa/foundation/optionalarray.h"
 
 #if __has_include(<sys/mman.h>)

@@ -1,3 +1,4 @@
+// Maps memory, and gives it back.
 #include "kelpa/foundation/pages.h"
 
 #if __has_include(<sys/mman.h>)

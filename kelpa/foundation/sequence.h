@@ -1,4 +1,5 @@
 #pragma once
+// Sequences that grow by blocks, so that elements stay where they are.
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"

@@ -1,4 +1,5 @@
 #pragma once
+// Arrays of plain records that grow in steps.
 
 #include "kelpa/foundation/exceptionmsg.h"
 

@@ -1,3 +1,4 @@
+// Widens boxes by a margin for rounding.
 #include "kelpa/foundation/vector.h"
 
 #include <cmath>

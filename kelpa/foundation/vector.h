@@ -1,4 +1,5 @@
 #pragma once
+// Vectors of three numbers, and boxes of two vectors.
 
 #include "kelpa/foundation/language.h"
 

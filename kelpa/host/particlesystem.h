@@ -1,4 +1,5 @@
 #pragma once
+// Particles in arrays of their own, as builds want them.
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/platform.h"

@@ -1,3 +1,4 @@
+// Shares pieces of work among threads, and keeps the first failure.
 #include "kelpa/host/pieces.h"
 
 #include "kelpa/foundation/platform.h"

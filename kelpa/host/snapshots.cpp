@@ -1,3 +1,4 @@
+// Turns times of snapshots into parts of the shutter's.
 #include "kelpa/host/snapshots.h"
 
 #include <cmath>

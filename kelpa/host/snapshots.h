@@ -1,4 +1,5 @@
 #pragma once
+// Puts two snapshots into the order and the times that moving trees want.
 
 #include "kelpa/foundation/hosttypes.h"
 

@@ -1,3 +1,4 @@
+// Runs a build's jobs in their order on threads that wait for them.
 #include "kelpa/host/threadpool.h"
 
 #include "kelpa/foundation/platform.h"

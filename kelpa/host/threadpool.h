@@ -1,4 +1,5 @@
 #pragma once
+// A thread manager for hosts that have none.
 
 #include "kelpa/foundation/hosttypes.h"
 

@@ -1,4 +1,5 @@
 #pragma once
+// Bounds of primitives that stand still and that move.
 
 #include "kelpa/foundation/vector.h"
 

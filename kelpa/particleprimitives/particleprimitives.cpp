@@ -1,3 +1,4 @@
+// Hands the host's rays to trees, and hits back in the host's records.
 #include "kelpa/particleprimitives/particleprimitives.h"
 
 #include "kelpa/particleprimitives/treequery.h"

@@ -1,4 +1,5 @@
 #pragma once
+// The base classes through which a host sees a primitive.
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/vector.h"

@@ -1,4 +1,5 @@
 #pragma once
+// The interface of every tree.
 
 #include "kelpa/foundation/hosttypes.h"
 

@@ -1,3 +1,4 @@
+// Asks the processor once which traversals it can run.
 #include "kelpa/spheretree/kernelvariant.h"
 
 #include <atomic>

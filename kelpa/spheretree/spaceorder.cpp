@@ -1,3 +1,4 @@
+// Numbers points by the cells of a grid along a curve.
 #include "kelpa/spheretree/spaceorder.h"
 
 #include <cstddef>

@@ -1,13 +1,12 @@
 #pragma once
+// An address and a kind of two bits in one word. What a link leads to lies on a multiple of 4, so
+// the low two bits of its address are free.
 
 #include "kelpa/foundation/language.h"
 
 #include <cstdint>
 
 namespace Kelpa {
-
-// An address and a kind of two bits in one word. What a link leads to lies on a multiple of 4, so
-// the low two bits of its address are free.
 
 /// `target`, a multiple of 4 or null, with a `kind` from 0 to 3.
 inline std::uint64_t makeLink(void const* target, int kind) {

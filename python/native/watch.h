@@ -1,4 +1,5 @@
 #pragma once
+// Long work under the interpreter: signals, progress, and its lock given away.
 
 #include "kelpa/foundation/hosttypes.h"
 

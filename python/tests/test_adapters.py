@@ -1,3 +1,5 @@
+"""Objects that analysts already have, as particles."""
+
 import importlib
 import unittest
 import warnings

@@ -1,3 +1,5 @@
+"""Files read from Python, and their pictures beside the command's."""
+
 import copy
 import os
 import pickle

@@ -1,3 +1,5 @@
+"""Primitives, rays, cameras and pictures of arrays."""
+
 import copy
 import gc
 import itertools

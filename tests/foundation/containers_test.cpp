@@ -1,3 +1,4 @@
+// Sequences and tables.
 #include "kelpa/foundation/sequence.h"
 #include "kelpa/foundation/table.h"
 

@@ -1,3 +1,4 @@
+// One ray against one box, sphere or point.
 #include "kelpa/foundation/iray.h"
 
 #include "tests/support/clouds.h"

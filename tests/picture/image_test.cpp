@@ -1,3 +1,4 @@
+// Image files.
 #include "pipeline/files/errors.h"
 #include "pipeline/imagefile/imagefile.h"
 

@@ -1,4 +1,5 @@
 #pragma once
+// Memory that runs out when a test says so.
 
 #include <limits>
 

@@ -1,4 +1,5 @@
 #pragma once
+// Every kind of traversal that this processor can run, one after the other.
 
 #include "kelpa/spheretree/kernelvariant.h"
 

@@ -1,3 +1,4 @@
+// Builds on many threads.
 #include "tests/support/allocationfailure.h"
 #include "tests/support/movingscene.h"
 #include "tests/support/testhost.h"

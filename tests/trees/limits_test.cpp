@@ -1,3 +1,4 @@
+// Trees under parameters and particles that no host should give.
 #include "kelpa/spheretree/motionblur/crowd.h"
 #include "kelpa/spheretree/splitchoice.h"
 

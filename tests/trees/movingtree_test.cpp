@@ -1,4 +1,4 @@
-
+// Moving trees beside the judge, and their builds under every mishap.
 #include "tests/support/allocationfailure.h"
 #include "tests/support/movingscene.h"
 #include "tests/support/testhost.h"

@@ -1,3 +1,4 @@
+// Still trees beside the judge, and their builds under every mishap.
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 #include "kelpa/spheretree/traversal.h"

@@ -1,3 +1,4 @@
+// Builds moving trees: takes the usable particles, starts the jobs, packs the leaves.
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/foundation/usableparticles.h"

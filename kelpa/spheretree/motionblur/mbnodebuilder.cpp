@@ -1,3 +1,4 @@
+// Parts the spheres of one node of a moving tree, in space or in time, until leaves are left.
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildmemory.h"

@@ -1,3 +1,4 @@
+// Hands queries of moving trees to this processor's traversal.
 #include "kelpa/spheretree/intersectmany.h"
 #include "kelpa/spheretree/kernelvariant.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"

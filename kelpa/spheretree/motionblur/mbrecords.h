@@ -1,4 +1,5 @@
 #pragma once
+// Records of moving trees: spheres, nodes, leaf entries, and what a build moves about.
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/iray.h"

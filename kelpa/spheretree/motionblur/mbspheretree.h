@@ -1,4 +1,5 @@
 #pragma once
+// The tree over particles that move.
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/hosttypes.h"

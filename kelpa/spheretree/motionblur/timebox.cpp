@@ -1,3 +1,4 @@
+// Costs, cuts and frames of boxes that move.
 #include "kelpa/spheretree/motionblur/timebox.h"
 
 #include "kelpa/spheretree/motionblur/timeboxkernels.h"

@@ -1,4 +1,5 @@
 #pragma once
+// Boxes that move at constant velocity.
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,3 +1,4 @@
+// Parts the spheres of one node of a still tree until leaves are left.
 #include "kelpa/spheretree/buildjobs.h"
 #include "kelpa/spheretree/buildprogress.h"
 #include "kelpa/spheretree/buildrecords.h"

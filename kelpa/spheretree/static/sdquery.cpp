@@ -1,3 +1,4 @@
+// Hands queries of still trees to this processor's traversal.
 #include "kelpa/spheretree/intersectmany.h"
 #include "kelpa/spheretree/kernelvariant.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
