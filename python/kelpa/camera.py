@@ -48,7 +48,9 @@ class Camera:
             raise ValueError(
                 f"parallel_height: expected a positive number, found {self.parallel_height}"
             )
-        forward = check.unit(np.subtract(self.target, self.eye), "target (as seen from eye)")
+        # In single precision, in which the camera is placed.
+        line = np.subtract(np.float32(self.target), np.float32(self.eye), dtype=np.float64)
+        forward = check.unit(line, "target (as seen from eye)")
         if np.linalg.norm(np.cross(forward, check.unit(np.array(self.up), "up"))) < 1e-9:
             raise ValueError(
                 f"up: expected a direction that is not the line of sight, found {self.up}"
@@ -119,8 +121,9 @@ class Camera:
     def _of(cls, placed: Any) -> "Camera":
         """The camera of these axes, which it keeps to the last bit."""
         eye, _, up, forward, extent, is_parallel = placed
+        away = max(1.0, *map(abs, eye))  # so that far from zero the target is not rounded to the eye
         camera = cls(
-            eye, np.add(eye, forward).tolist(), up,
+            eye, np.add(eye, np.multiply(away, forward)).tolist(), up,
             35.0 if is_parallel else math.degrees(2 * math.atan(extent)),
             2 * extent if is_parallel else None,
         )

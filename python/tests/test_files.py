@@ -180,6 +180,11 @@ class PicturesOfFiles(WithFolder):
         camera = kelpa.Camera.framing(kelpa.Primitive(far), aspect=(97, 61))
         hits = kelpa.Primitive(far).intersect(*camera.rays(97, 61))
         self.assertGreater(hits.mask.sum(), 200)
+        large = kelpa.Particles(far.positions * F(1e6), far.radii * F(1e6))
+        seen = kelpa.Camera.framing(kelpa.Primitive(large), aspect=(97, 61))
+        np.testing.assert_allclose(seen.eye, np.multiply(camera.eye, 1e6), rtol=1e-3)
+        again = kelpa.Camera(seen.eye, seen.target, fov=seen.fov)
+        self.assertGreater(kelpa.Primitive(large).intersect(*again.rays(97, 61)).mask.sum(), 200)
 
     def test_show_themselves_and_travel(self):
         picture = kelpa.Primitive(kelpa.read(self.water)).render(width=40, height=30, aov=["depth"])

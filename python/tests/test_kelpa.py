@@ -250,6 +250,7 @@ class Particles(unittest.TestCase):
             (lambda: draw(shutter=(0, 2)), "shutter: .*2"),
             (lambda: draw(background=[1, 1]), "background: "),
             (lambda: kelpa.Camera((0, 0, 0)), "target"),
+            (lambda: kelpa.Camera((1e9, 0, 0), (1e9 + 1, 0, 0)), "target"),
             (lambda: kelpa.Camera((0, 0, 1)), "up: "),
             (lambda: kelpa.Camera((1, 0, 0), fov=180), "fov: .*180"),
             (lambda: kelpa.to_srgb(p[:, :2]), "picture: .*10, 2"),
