@@ -178,6 +178,23 @@ def color(name: str, value: Union[str, Sequence[float]]) -> tuple[float, float, 
         raise ValueError(f"{name}: {error}") from None
 
 
+def text(name: str, value: Optional[str]) -> str:
+    """A word, or nothing for None."""
+    if value is not None and not isinstance(value, str):
+        raise TypeError(f"{name}: expected a str, found {value!r}")
+    return value or ""
+
+
+def names(name: str, value: Sequence[str]) -> list[str]:
+    """Several words; one by itself is not meant to be taken apart into letters."""
+    if isinstance(value, str):
+        return [value]
+    try:
+        return [text(name, one) for one in value]
+    except TypeError:
+        raise TypeError(f"{name}: expected names, found {value!r}") from None
+
+
 def choice(name: str, value: object, choices: Sequence[str]) -> None:
     if value not in choices:
         known = ", ".join(map(repr, choices[:-1]))

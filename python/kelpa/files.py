@@ -186,9 +186,9 @@ def _wanted(
     wanted.format = format or ""
     wanted.assembly = "" if assembly is None else str(assembly)
     wanted.topology = b"" if topology is None else os.fsencode(topology)
-    wanted.radius_from = radius_from or ""
+    wanted.radius_from = check.text("radius_from", radius_from)
     wanted.elements = _elements(elements)
-    wanted.columns = None if columns is None else list(columns)
+    wanted.columns = None if columns is None else check.names("columns", columns)
     wanted.radius = None if radius is None else check.number("radius", radius, 1e-15, 1e30)
     wanted.radius_scale = check.number("radius_scale", radius_scale, 1e-15, 1e30)
     wanted.covalent = radii == "covalent"
@@ -198,13 +198,13 @@ def _wanted(
     wanted.shutter = opens
     wanted.dt = None if dt is None else check.number("dt", dt, -1e30, 1e30)
     wanted.color = None if color is None else check.color("color", color)
-    wanted.color_by = color_by or ""
+    wanted.color_by = check.text("color_by", color_by)
     wanted.range = None if range is None else check.interval("range", range)
     return wanted
 
 
 def _elements(given: Optional[Union[str, Sequence[str]]]) -> list[int]:
-    symbols = given.split(",") if isinstance(given, str) else list(given or ())
+    symbols = given.split(",") if isinstance(given, str) else check.names("elements", given or ())
     numbers = [_native.atomic_number(symbol) for symbol in symbols]
     if 0 in numbers:
         raise ValueError(f"elements: expected symbols such as 'O,H', found {given!r}")

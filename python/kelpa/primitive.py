@@ -303,7 +303,9 @@ class Primitive:
         wish.ao_samples = check.integer("ao_samples", ao_samples, 0, 65536)
         if ao_distance is not None:
             wish.ao_distance = check.number("ao_distance", ao_distance, 1e-30)
-        wish.shadows = shadows
+        if shadows is not None:
+            check.choice("shadows", shadows, (True, False))
+            wish.shadows = bool(shadows)
         arrays = self._tree.render(
             camera._placed, wish, check.integer("threads", threads, 0), progress
         )

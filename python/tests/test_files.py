@@ -98,6 +98,10 @@ class Files(WithFolder):
             with self.subTest(words), self.assertRaisesRegex(ValueError, words) as raised:
                 call()
             self.assertNotIn("--", str(raised.exception))
+        for name in ("color_by", "radius_from", "columns", "elements"):
+            with self.assertRaisesRegex(TypeError, f"^{name}: .*found 3"):
+                read(water, **{name: 3})
+        self.assertIn("charge", read(water, columns="charge").columns)
         with self.assertRaises(FileNotFoundError):
             read(self.folder / "nowhere.ply")
 
