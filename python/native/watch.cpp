@@ -1,17 +1,12 @@
 // Lets Python look for signals and hear of progress while native code works.
 #include "python/native/watch.h"
 
-#include "kelpa/foundation/platform.h"
-#include "kelpa/host/threadpool.h"
-
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -66,14 +61,14 @@ void askPython(py::object const& progress, Fraction const& fraction, std::string
     }
 }
 
-/// A pool's share of the pieces.
-class Helper final : public Kelpa::ThreadProcedure {
+/// Says when the interpreter is to be asked again.
+class Pace {
   public:
-    explicit Helper(std::function<void()> const& share) : work(share) {}
-    void proc(void*) override { work(); }
+    bool isTime() const { return Clock::now() >= next; }
+    void restart() { next = Clock::now() + interval; } // after what may have taken long itself
 
   private:
-    std::function<void()> const& work;
+    Clock::time_point next = Clock::now() + interval;
 };
 
 /// Passes a build's messages on to the thread that waits for it, and the wish to stop back.
@@ -126,47 +121,26 @@ class BuildMessages final : public Kelpa::ProgressCallback {
 
 void runPieces(std::size_t count, int threads, py::object const& progress, char const* message,
                std::function<void(std::size_t, GoOn const&)> const& piece) {
-    FirstFailure failure;
-    std::atomic<std::size_t> next = 0;
+    FirstFailure failure; // of Python; `doPieces` throws those of pieces itself
     std::atomic<std::size_t> done = 0;
-    auto const takePieces = [&](GoOn const& goOn) {
-        try {
-            for (std::size_t i = next++; i < count && goOn(); i = next++) {
-                piece(i, goOn);
-                ++done;
-            }
-        } catch (...) {
-            failure.keep(std::current_exception());
-        }
-    };
-    std::function<void()> const help = [&] { takePieces([&] { return !failure.isStopped(); }); };
-    auto nextLook = Clock::now() + interval;
+    Pace pace;
     GoOn const look = [&] {
-        if (Clock::now() >= nextLook) {
+        if (pace.isTime()) {
             auto const part = static_cast<double>(done) / static_cast<double>(count);
             askPython(progress, part, message, failure);
-            nextLook = Clock::now() + interval;
+            pace.restart();
         }
         return !failure.isStopped();
+    };
+    auto const countedPiece = [&](std::size_t i, GoOn const& goOn) {
+        piece(i, goOn);
+        ++done;
     };
 
     {
         py::gil_scoped_release const unlocked;
-        Helper helper(help);
-        // A pool for each call: one that outlived it would have no threads left after a fork.
-        std::unique_ptr<Kelpa::ThreadPool> pool;
-        std::size_t const wanted =
-            static_cast<std::size_t>(threads > 0 ? threads : Kelpa::getNumProcessors());
-        std::size_t const helpers = std::min(wanted, count) - std::min(count, std::size_t{1});
-        if (helpers > 0) {
-            pool = std::make_unique<Kelpa::ThreadPool>(static_cast<int>(helpers));
-            // A pool without threads would do all the work here, unwatched.
-            for (int i = 0; i < pool->size(); ++i)
-                pool->runThread(&helper, nullptr);
-        }
-        takePieces(look);
-        pool.reset(); // waits for what the helpers still do
-        if (count > 0 && !failure.isStopped())
+        bool const isDone = Kelpa::doPieces(count, threads, countedPiece, look);
+        if (isDone && count > 0)
             askPython(progress, 1.0, message, failure);
     }
     failure.rethrow();
@@ -178,11 +152,11 @@ void runWatched(py::object const& progress, char const* message,
     {
         py::gil_scoped_release const unlocked;
         auto const caller = std::this_thread::get_id();
-        auto nextLook = Clock::now() + interval;
+        Pace pace;
         auto const look = [&](double fraction, std::uint64_t) {
-            if (std::this_thread::get_id() == caller && Clock::now() >= nextLook) {
+            if (std::this_thread::get_id() == caller && pace.isTime()) {
                 askPython(progress, fraction, message, failure);
-                nextLook = Clock::now() + interval;
+                pace.restart();
             }
             if (failure.isStopped())
                 throw kelpatool::Interrupted();

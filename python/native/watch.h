@@ -2,6 +2,7 @@
 // Long work under the interpreter: signals, progress, and its lock given away.
 
 #include "kelpa/foundation/hosttypes.h"
+#include "kelpa/host/pieces.h"
 
 #include "pipeline/files/progress.h"
 
@@ -12,8 +13,7 @@
 
 namespace kelpapython {
 
-/// Asked between small steps of a long piece of work; false: leave it, the rest is not wanted.
-using GoOn = std::function<bool()>;
+using Kelpa::GoOn;
 
 // The functions are called with the interpreter's lock, and release it while they work. Some
 // twenty times a second the calling thread takes it to look for signals and to call
