@@ -5,6 +5,7 @@
 #include "pipeline/files/framesource.h"
 #include "pipeline/files/nameelements.h"
 #include "pipeline/scene/scene.h"
+#include "pipeline/scene/secondsnapshot.h"
 
 #include "python/native/arrays.h"
 #include "python/native/watch.h"
@@ -253,33 +254,20 @@ class Frames {
         std::optional<Snapshot> snapshot;
         runWatched(progress, "Reading", [&](PhaseProgress const& report) {
             std::lock_guard const hold(mutex);
-            ParticleSet first = source.read(frame, wanted.readOptions(report));
+            kelpatool::ReadOptions const options = wanted.readOptions(report);
+            ParticleSet first = source.read(frame, options);
             kelpatool::nameElements(first, wanted.elements);
-            std::optional<ParticleSet> const second = readSecond(first, wanted, report);
-            snapshot = makeSnapshot(wanted, std::move(first), second, report);
+            kelpatool::SecondSnapshot const second = kelpatool::readSecond(
+                wanted.scene.motion.motion, source, first, frame, wanted.elements, options);
+            if (!second.gap.empty())
+                first.notes.emplace_back(second.gap + "; the motion is that of one");
+            first.notes.insert(first.notes.end(), second.notes.begin(), second.notes.end());
+            snapshot = makeSnapshot(wanted, std::move(first), second.particles, report);
         });
         return dictOf(std::move(*snapshot), wanted);
     }
 
   private:
-    std::optional<ParticleSet> readSecond(ParticleSet& first, Wanted const& wanted,
-                                          PhaseProgress const& report) {
-        kelpatool::Motion const& motion = wanted.scene.motion.motion;
-        if (!kelpatool::hasSecondSnapshot(motion))
-            return std::nullopt;
-        auto const* const file = std::get_if<kelpatool::ToFile>(&motion);
-        std::optional<ParticleSet> second =
-            file != nullptr
-                ? kelpatool::FrameSource(file->path).read(std::nullopt, wanted.readOptions(report))
-                : source.readAfter(first.frame, wanted.readOptions(report));
-        if (second)
-            kelpatool::nameElements(*second, wanted.elements);
-        else
-            first.notes.emplace_back("no frame follows " + first.name +
-                                     ": its particles stand still");
-        return second;
-    }
-
     std::mutex mutex;
     kelpatool::FrameSource source;
 };

@@ -74,6 +74,11 @@ class Files(WithFolder):
         sequence = kelpa.frames(self.folder / "cache.##.xyz")
         self.assertEqual(sequence.numbers, [2, 7])
         self.assertEqual(sequence[-1].positions[0, 0], 7)
+        gap = kelpa.read(self.folder / "cache.##.xyz", 2, motion="next")
+        self.assertIn("after 5 frames' time; the motion is that of one", " ".join(gap.notes))
+        still = kelpa.read(self.water, 3, motion="next")
+        self.assertIn("no frame follows", still.notes[0])
+        self.assertFalse(still.is_moving)
         with self.assertRaises(kelpa.NoSuchFrame):
             kelpa.read(self.water, 9)
 
@@ -149,6 +154,11 @@ class PicturesOfFiles(WithFolder):
         by_command("generate", kind, "--count", count, "-o", path)
         return path
 
+    def later(self):
+        path = self.folder / "later.xyz"
+        path.write_text("".join(WATER.format(i) for i in (0, 3)))
+        return path
+
     def test_are_the_commands(self):
         splash, galaxy = self.sample("splash"), self.sample("galaxy")
         still = kelpa.read(splash)
@@ -165,6 +175,8 @@ class PicturesOfFiles(WithFolder):
                    kelpa.read(splash, motion="velocity", shutter=(0, 0.3)))
         self.check(self.water, ["--frame", "2", "--radii", "covalent", "--color-by", "charge"],
                    kelpa.read(self.water, 2, radii="covalent", color_by="charge"))
+        self.check(self.water, ["--shadows", "--frame", "1", "--motion", later := self.later()],
+                   kelpa.read(self.water, 1, motion=later))
 
     def test_are_the_commands_in_all_channels_and_far_from_zero(self):
         path = self.folder / "far.xyz"

@@ -5,6 +5,7 @@
 
 #include "pipeline/files/errors.h"
 #include "pipeline/files/nameelements.h"
+#include "pipeline/scene/secondsnapshot.h"
 
 #include "tool/options/hints.h"
 #include "tool/process/standardstreams.h"
@@ -92,22 +93,15 @@ std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) 
     Motion const& motion = options.scene.motion.motion;
     if (!hasSecondSnapshot(motion))
         return std::nullopt;
-    if (auto const* const file = std::get_if<ToFile>(&motion))
-        return readParticles(file->path, options, false);
-    std::optional<ParticleSet> second =
-        withProgress("read", options.run, [&](PhaseProgress const& progress) {
-            return source.readAfter(first.frame, readOptions(progress));
-        });
-    if (second && second->steps > 1.0)
-        noteGap(fmt::format("{} follows {} after {:.6g} frames' time", second->name, first.name,
-                            second->steps),
-                "; the motion is that of one");
-    if (second)
-        nameElements(*second, options.particles.elements);
-    else
-        noteTo(options.run)(
-            {fmt::format("no frame follows {}: its particles stand still", first.name)});
-    return second;
+    SecondSnapshot second = withProgress("read", options.run, [&](PhaseProgress const& progress) {
+        return kelpatool::readSecond(motion, source, first, options.particles.frame,
+                                     options.particles.elements, readOptions(progress));
+    });
+    if (!second.gap.empty())
+        noteGap(second.gap, "; the motion is that of one");
+    for (Remark const& remark : second.notes)
+        noteTo(options.run)(remark);
+    return std::move(second.particles);
 }
 
 ParticleSet readParticles(std::string const& path, Options const& options, bool summarise) {
