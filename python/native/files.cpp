@@ -104,6 +104,7 @@ std::string hintText(kelpatool::Hint const& hint) {
 struct Snapshot {
     kelpatool::Scene scene;
     std::vector<kelpatool::TypedColumn> columns;
+    std::vector<kelpatool::Attribute> attributes; ///< further columns, which were asked for by name
     std::vector<Kelpa::Vector> velocities;
     std::vector<std::uint8_t> elements;
     std::vector<std::int64_t> types;
@@ -126,6 +127,7 @@ Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
     result.types = particles.types;
     result.velocities = particles.velocities;
     result.columns = std::move(particles.typed);
+    result.attributes = particles.attributes;
     result.scene = kelpatool::makeScene(
         wanted.scene, std::move(particles), second ? &*second : nullptr, {},
         [&result](kelpatool::Remark const& note) { result.notes.push_back(note); }, progress);
@@ -215,6 +217,9 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
     for (kelpatool::TypedColumn& column : snapshot.columns)
         if (wanted.keeps(column.name) && column.bytes.size() == count * scalarBytes(column.type))
             columns[column.name.c_str()] = ownedArray(std::move(column));
+    for (kelpatool::Attribute& attribute : snapshot.attributes)
+        if (wanted.keeps(attribute.name))
+            keep(attribute.name.c_str(), attribute.values);
     keep("velocity", snapshot.velocities);
     keep("element", snapshot.elements);
     keep("type", snapshot.types);

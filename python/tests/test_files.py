@@ -106,7 +106,9 @@ class Files(WithFolder):
         for name in ("color_by", "radius_from", "columns", "elements"):
             with self.assertRaisesRegex(TypeError, f"^{name}: .*found 3"):
                 read(water, **{name: 3})
-        self.assertIn("charge", read(water, columns="charge").columns)
+        for asked in ({"columns": "charge"}, {"columns": ["charge"]}, {"color_by": "charge"}):
+            charges = read(water, **asked).columns["charge"]
+            np.testing.assert_allclose(charges, [-0.8, 0.4, 0.4], rtol=1e-6)
         with self.assertRaises(FileNotFoundError):
             read(self.folder / "nowhere.ply")
 
