@@ -191,7 +191,10 @@ class RunningReader {
             file.fail("{} ends before it reads; is what it needs installed, and is there memory "
                       "for it?",
                       program.name);
-        file.fail("{} ends while it reads this file; it is damaged or incomplete", program.library);
+        // A library's failure tells no reason; a bound such as that of `ulimit -v` ends it alike.
+        file.fail("{} ends while it reads this file; it is damaged or incomplete, or there is too "
+                  "little memory for it",
+                  program.library);
     }
 
     InputFile& file;
