@@ -74,6 +74,7 @@ class Files(WithFolder):
         sequence = kelpa.frames(self.folder / "cache.##.xyz")
         self.assertEqual(sequence.numbers, [2, 7])
         self.assertEqual(sequence[-1].positions[0, 0], 7)
+        (self.folder / "cache.08.xyz").write_text(WATER.format(8))  # steps of one, then
         gap = kelpa.read(self.folder / "cache.##.xyz", 2, motion="next")
         self.assertIn("after 5 frames' time; the motion is that of one", " ".join(gap.notes))
         still = kelpa.read(self.water, 3, motion="next")

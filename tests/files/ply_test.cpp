@@ -253,7 +253,7 @@ TEST_F(ParticleFiles, NoteIdsThatAreNoWholeNumbers) {
     std::string const dump = "ITEM: TIMESTEP\n0\nITEM: NUMBER OF ATOMS\n5\nITEM: BOX BOUNDS pp pp "
                              "pp\n0 1\n0 1\n0 1\nITEM: ATOMS x y z id\n";
     for (std::string const& header : {ply, dump}) {
-        ParticleSet const set = readParticleFile(file("a", header + rows));
+        ParticleSet const set = readParticleFile(file("a", header + rows), {});
         EXPECT_EQ(set.ids, (std::vector<std::int64_t>{7, 1000, -1, -1, 2}));
         ASSERT_FALSE(set.notes.empty());
         EXPECT_TRUE(holdsAll(set.notes.back().text, {"a: 3 ids or types are no whole numbers"}));

@@ -46,6 +46,8 @@ TEST(MovingTrees, OfWhatStandsAnswerLikeStillTrees) {
         RSRay a = moving.makeRay(query), b = still.makeRay(query);
         int const code = still.owner.intersect(b);
         ASSERT_EQ(moving.owner.intersect(a), code) << i;
+        if (code == 0)
+            continue; // a miss leaves what was there
         ASSERT_EQ(a.hitT, b.hitT) << i;
         ASSERT_EQ(a.hitIndex, b.hitIndex) << i;
         hits += code;
