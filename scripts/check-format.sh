@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks that clang-format 14 would change no source and that none is longer than 400 lines.
+# Checks that clang-format 14 would change no source.
 # `check-format.sh --fix` has it change them.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -19,10 +19,5 @@ fi
 sources=$(git ls-files '*.h' '*.cpp' 2>/dev/null || true)
 if [[ -z "$sources" ]]; then
     sources=$(find bench examples kelpa pipeline python tests tool -name '*.h' -o -name '*.cpp')
-fi
-long=$(xargs -d '\n' wc -l <<<"$sources" | awk '$1 > 400 && $2 != "total" {print "  " $2 ": " $1 " lines"}')
-if [[ -n "$long" ]]; then
-    printf 'check-format.sh: more than 400 lines; part these files:\n%s\n' "$long" >&2
-    exit 1
 fi
 xargs -d '\n' "$formatter" "${mode[@]}" <<<"$sources"
