@@ -204,7 +204,7 @@ template <Goal goal> class Packet {
 
     /// Leads every ray that is not finished alone through what waits for it.
     [[gnu::noinline]] void leadRestAlone() {
-        nodes.leadRest([this](unsigned i, auto const& nextFor) {
+        nodes.leadRest([&](unsigned i, auto const& nextFor) {
             withRay(i, [&](SDSphereRay& ray, LeafVisitor<goal>& leaves) {
                 for (WaitingSpan<Node> next; nextFor(next);) {
                     if (next.isCrossing && !(next.span.tMin <= ray.hit->t))
