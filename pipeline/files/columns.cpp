@@ -158,6 +158,8 @@ void RowConverter::reserve(std::size_t count) {
 
 void RowConverter::append(char const* rows, std::size_t count, std::size_t rowBytes,
                           bool swapBytes) {
+    if (count == 0)
+        return; // no rows may come without an address that columns could be offset from
     if (swapBytes) {
         swapped.assign(rows, rows + count * rowBytes);
         for (Column const& column : columns)
@@ -183,8 +185,6 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
                              &array[converted][static_cast<int>(use.part)], sizeof(Kelpa::Vector),
                              conversion);
     };
-    if (count == 0)
-        return;
     switch (use.target) {
     case Target::position:
         return toVectors(particles.positions, asIs);
