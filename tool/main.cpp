@@ -20,6 +20,9 @@
 #include <new>
 #include <stdexcept>
 
+using namespace pipeline;
+using namespace pipeline::tool;
+
 namespace {
 
 enum ExitCode {
@@ -31,18 +34,18 @@ enum ExitCode {
     interrupted = 130
 };
 
-int run(kelpatool::Options const& options) {
+int runCommand(Options const& options) {
     switch (options.command) {
-    case kelpatool::Options::Command::render:
-        return kelpatool::runRender(options);
-    case kelpatool::Options::Command::info:
-        return kelpatool::runInfo(options);
-    case kelpatool::Options::Command::convert:
-        return kelpatool::runConvert(options);
-    case kelpatool::Options::Command::generate:
-        return kelpatool::runGenerate(options);
-    case kelpatool::Options::Command::bench:
-        return kelpatool::runBench(options);
+    case Options::Command::render:
+        return runRender(options);
+    case Options::Command::info:
+        return runInfo(options);
+    case Options::Command::convert:
+        return runConvert(options);
+    case Options::Command::generate:
+        return runGenerate(options);
+    case Options::Command::bench:
+        return runBench(options);
     default:
         return wrongUsage;
     }
@@ -59,29 +62,29 @@ char const* withoutNames(char const* text) {
 }
 
 int complain(ExitCode code, char const* text) {
-    kelpatool::say("kelpa: {}\n", text);
+    say("kelpa: {}\n", text);
     return code;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    kelpatool::secureStandardStreams();
+    secureStandardStreams();
     // A file that may grow no further is reported like a full disk, not by a signal.
     std::signal(SIGXFSZ, SIG_IGN);
     Kelpa::InterruptScope const interrupts;
     try {
-        kelpatool::InterruptWatch const watch;
+        InterruptWatch const watch;
         int exitCode = done;
-        auto const options = kelpatool::parseOptions(argc, argv, exitCode);
-        return options ? run(*options) : exitCode;
+        auto const options = parseOptions(argc, argv, exitCode);
+        return options ? runCommand(*options) : exitCode;
     } catch (std::invalid_argument const& error) {
         return complain(wrongUsage, error.what());
-    } catch (kelpatool::InputError const& error) {
-        return complain(unusableInput, (error.what() + kelpatool::hintText(error.hint)).c_str());
-    } catch (kelpatool::OutputError const& error) {
+    } catch (InputError const& error) {
+        return complain(unusableInput, (error.what() + hintText(error.hint)).c_str());
+    } catch (OutputError const& error) {
         return complain(unwritableOutput, error.what());
-    } catch (kelpatool::Interrupted const&) {
+    } catch (Interrupted const&) {
         return complain(interrupted, "interrupted");
     } catch (Kelpa::ExceptionMsg const& error) {
         return complain(failed, withoutNames(error.what()));

@@ -1,8 +1,8 @@
 // Which version this is.
 #pragma once
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 constexpr char const* version = "0.1.0";
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -103,4 +103,4 @@ Kelpa::Vector parseColor(std::string const& text) {
                "steelblue or white"));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

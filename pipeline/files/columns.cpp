@@ -9,7 +9,7 @@
 #include <cstring>
 #include <type_traits>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -284,4 +284,4 @@ std::size_t plausibleRows(InputFile const& file, std::uint64_t promised, std::si
     return static_cast<std::size_t>(std::min<std::uint64_t>(promised, most));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

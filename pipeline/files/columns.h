@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// One number that every row of a file holds.
 struct Column {
@@ -89,4 +89,4 @@ void readRows(InputFile& file, std::uint64_t count, std::size_t rowBytes, bool s
 /// with plenty of room for compression.
 std::size_t plausibleRows(InputFile const& file, std::uint64_t promised, std::size_t rowBytes);
 
-} // namespace kelpatool
+} // namespace pipeline

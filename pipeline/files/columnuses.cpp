@@ -7,7 +7,7 @@
 #include <iterator>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -177,4 +177,4 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
     return std::move(chooser.uses);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Three columns that make a vector, and how messages call them.
 struct VectorColumns {
@@ -34,4 +34,4 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
                                   ColumnNames const& names, ReadOptions const& options,
                                   ParticleSet& particles);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cctype>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -105,4 +105,4 @@ Kelpa::Vector elementColor(std::uint8_t atomicNumber) {
     return linearOfHex(color);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

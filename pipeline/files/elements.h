@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The atomic number of a symbol as files write it: "Si", "SI", "si", and with an index or a charge
 /// behind it, "H12" or "Fe3+". D and T are hydrogen. 0 when it is none.
@@ -18,4 +18,4 @@ float elementRadius(std::uint8_t atomicNumber, bool covalent);
 /// The usual colour of an element, linear RGB.
 Kelpa::Vector elementColor(std::uint8_t atomicNumber);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// What the user could ask for instead. Texts do not say how: the command names its options, a
 /// module the names of arguments.
@@ -59,4 +59,4 @@ class OutputError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

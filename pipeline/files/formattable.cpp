@@ -8,7 +8,7 @@
 #include <iterator>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -172,4 +172,4 @@ std::string formatNames() {
     return fmt::format("{}", fmt::join(allFormats(&FileFormat::name), "|"));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A format that can be told from others. To add one, write `read` and a line in `formats`, in this
 /// header's source.
@@ -32,4 +32,4 @@ std::string readableFormats();
 /// The same by the names that `ReadOptions::format` knows: "ply|xyz|gro".
 std::string formatNames();
 
-} // namespace kelpatool
+} // namespace pipeline

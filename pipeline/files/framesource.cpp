@@ -13,7 +13,7 @@
 #include <limits>
 #include <system_error>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -258,4 +258,4 @@ std::vector<int> FrameSource::missingIn(std::vector<FrameRange> const& ranges) c
     return missing;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Frames from `first` to `last`, both included, every `step`-th; negative: counted from the end.
 struct FrameRange {
@@ -73,4 +73,4 @@ class FrameSource {
     std::optional<Topology> topology; ///< read when a frame first needs it
 };
 
-} // namespace kelpatool
+} // namespace pipeline

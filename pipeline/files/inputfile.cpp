@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -247,4 +247,4 @@ std::size_t InputFile::unpackSome(char* to, std::size_t space) {
     return space - out.size();
 }
 
-} // namespace kelpatool
+} // namespace pipeline

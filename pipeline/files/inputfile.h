@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 class FrameFormat;
 
@@ -118,4 +118,4 @@ class InputFile {
     bool ended = false;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 void nameElements(ParticleSet& particles, std::vector<std::uint8_t> const& elements) {
     if (elements.empty())
@@ -21,4 +21,4 @@ void nameElements(ParticleSet& particles, std::vector<std::uint8_t> const& eleme
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

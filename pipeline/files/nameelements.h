@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Gives particles of types 1, 2 and so on the elements of these atomic numbers; none: leaves the
 /// particles as they are. Throws `InputError` when there are no types, or more than elements.
 void nameElements(ParticleSet& particles, std::vector<std::uint8_t> const& elements);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <regex>
 #include <stdexcept>
 
-namespace kelpatool {
+namespace pipeline {
 
 NumberPlace findNumberPlace(std::string const& path) {
     // "50%done.png" has none.
@@ -55,4 +55,4 @@ std::string numberedName(std::string const& path, std::int64_t number) {
     return numbered;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

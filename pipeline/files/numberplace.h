@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The part of a path that a number takes, and how many digits that has at least.
 struct NumberPlace {
@@ -32,4 +32,4 @@ std::string numberedName(std::string const& path, std::int64_t number);
 /// `#` stands for itself.
 std::string nameOfOne(std::string const& path, std::int64_t number);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace fs = std::filesystem;
 
@@ -262,4 +262,4 @@ void OutputFile::fail(int error) const {
         fmt::format("{}: cannot be written: {}", path, std::generic_category().message(error)));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

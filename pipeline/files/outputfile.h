@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A file that appears under its name only when it is whole.
 ///
@@ -75,4 +75,4 @@ class OutputFile {
     std::size_t unflushed = 0; ///< bytes since the last wait for the disk
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 
 // From a path to a particle set: opened, told which format it is, and read.
 
-namespace kelpatool {
+namespace pipeline {
 
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options) {
     return ParticleFile(path).read(options);
@@ -56,4 +56,4 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

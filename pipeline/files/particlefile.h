@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Reads one frame of a particle file, plain or gzipped. Throws `InputError`.
 ParticleSet readParticleFile(std::string const& path, ReadOptions const& options);
@@ -30,4 +30,4 @@ class ParticleFile {
     std::unique_ptr<Open> open; ///< null: not yet, or after a failure
 };
 
-} // namespace kelpatool
+} // namespace pipeline

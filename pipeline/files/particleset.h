@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// One named column of a particle file: a number per particle.
 struct Attribute {
@@ -84,4 +84,4 @@ struct ParticleSet {
     char upAxis = 'z'; ///< 'y' for formats from film effects
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -15,7 +15,7 @@
 #include <iterator>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -268,4 +268,4 @@ void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
     file.commit();
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,11 +6,11 @@
 
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Writes positions and whatever else the set has as a PLY file, under a temporary name until it is
 /// whole. Throws `OutputError`.
 void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
               PhaseProgress const& progress);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -89,4 +89,4 @@ std::string oneLine(std::string_view text) {
     return printable(line);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

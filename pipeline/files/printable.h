@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The length in bytes of the character that `text` starts with; 0 where that is no UTF-8.
 std::size_t characterLength(std::string_view text);
@@ -27,4 +27,4 @@ std::string quoted(std::string_view word);
 /// What somebody else says in a message of ours: one printable line, not too long.
 std::string oneLine(std::string_view text);
 
-} // namespace kelpatool
+} // namespace pipeline

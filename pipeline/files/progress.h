@@ -5,7 +5,7 @@
 #include <functional>
 #include <stdexcept>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Ctrl-C, noticed by whatever polls.
 class Interrupted : public std::runtime_error {
@@ -22,4 +22,4 @@ using PhaseProgress = std::function<void(double fraction, std::uint64_t particle
 /// Asked by work that waits and cannot tell how far it is; throws `Interrupted` like the above.
 using StopCheck = std::function<void()>;
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// What to read of a file.
 struct ReadOptions {
@@ -23,4 +23,4 @@ struct ReadOptions {
     PhaseProgress progress{}; ///< may be empty
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kelpatool {
+namespace pipeline {
 
 enum class ScalarType : std::uint8_t {
     int8,
@@ -54,4 +54,4 @@ template <class Operation> void withType(ScalarType type, Operation operation) {
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <array>
 #include <cstddef>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Decodes an sRGB value of 0 to 1 into linear light (IEC 61966-2-1).
 ///
@@ -44,4 +44,4 @@ inline Kelpa::Vector linearOfHex(int code) {
     return {part(16), part(8), part(0)};
 }
 
-} // namespace kelpatool
+} // namespace pipeline

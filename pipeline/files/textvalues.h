@@ -10,7 +10,7 @@
 #include <string_view>
 #include <type_traits>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Cuts the next word, up to a blank, off the front of a line; empty when there is none.
 inline std::string_view nextWord(std::string_view& line) {
@@ -42,4 +42,4 @@ template <class Number> bool parseNumber(std::string_view word, Number& number) 
     return error == std::errc{};
 }
 
-} // namespace kelpatool
+} // namespace pipeline

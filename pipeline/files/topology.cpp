@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -117,4 +117,4 @@ void Topology::giveTo(ParticleSet& frame, ReadOptions const& options) const {
             frame.typed.push_back(column);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Elements, types, ids, radii and columns of the particles that trajectories such as DCD only
 /// place.
@@ -27,4 +27,4 @@ class Topology {
     ParticleSet known;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -16,7 +16,7 @@
 #include <new>
 #include <stdexcept>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -204,4 +204,4 @@ std::string_view withoutPacking(std::string_view path) {
     return path;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Unpacks one stream after the other.
 class Unpacking {
@@ -34,4 +34,4 @@ constexpr std::size_t longestPackingMagic = 10;
 /// A path without the suffix of a packing.
 std::string_view withoutPacking(std::string_view path);
 
-} // namespace kelpatool
+} // namespace pipeline

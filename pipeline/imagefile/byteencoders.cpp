@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -190,4 +190,4 @@ void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,
     sink(png.bytes);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

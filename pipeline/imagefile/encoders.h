@@ -7,7 +7,7 @@
 #include <functional>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Takes the bytes of a picture file, some at a time.
 using ByteSink = std::function<void(std::string_view)>;
@@ -24,4 +24,4 @@ void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,
 void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
                PhaseProgress const& progress);
 
-} // namespace kelpatool
+} // namespace pipeline

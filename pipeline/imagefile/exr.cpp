@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -143,4 +143,4 @@ void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

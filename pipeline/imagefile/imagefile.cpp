@@ -13,7 +13,7 @@
 #include <optional>
 #include <stdexcept>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -83,4 +83,4 @@ void writeImage(std::string const& path, Image const& image, bool withAlpha,
     file->commit();
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 enum class ImageFormat { png, exr, ppm };
 
@@ -30,4 +30,4 @@ void checkWritable(std::string const& path);
 void writeImage(std::string const& path, Image const& image, bool withAlpha,
                 PhaseProgress const& progress);
 
-} // namespace kelpatool
+} // namespace pipeline

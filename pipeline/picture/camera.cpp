@@ -1,6 +1,6 @@
 #include "pipeline/picture/camera.h"
 
-namespace kelpatool {
+namespace pipeline {
 
 Kelpa::TraceRay Camera::ray(double pixelX, double pixelY) const {
     Vec const from = isParallel ? parallelOrigin(pixelX, pixelY) : eye;
@@ -10,4 +10,4 @@ Kelpa::TraceRay Camera::ray(double pixelX, double pixelY) const {
         {static_cast<float>(along.x), static_cast<float>(along.y), static_cast<float>(along.z)}};
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 
 #include "pipeline/scene/vec.h"
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A pinhole or parallel camera: the rays of a picture.
 ///
@@ -45,4 +45,4 @@ struct Camera {
     }
 };
 
-} // namespace kelpatool
+} // namespace pipeline

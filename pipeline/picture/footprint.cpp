@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -117,4 +117,4 @@ void Footprint::mark(Scene const& scene, Camera const& camera, Marks& marks) con
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The cells of a part of a picture that the scene's particles reach into, each held to be as large
 /// as the square around it. Rays through any other cell meet nothing, and need not be asked.
@@ -36,4 +36,4 @@ class Footprint {
     std::vector<char> reached; ///< row by row
 };
 
-} // namespace kelpatool
+} // namespace pipeline

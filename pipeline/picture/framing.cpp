@@ -8,7 +8,7 @@
 #include <numbers>
 #include <stdexcept>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -193,4 +193,4 @@ Camera placeCamera(CameraOptions const& options, int width, int height, char upA
     return camera;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -10,7 +10,7 @@
 #include <span>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Sides from which particles are seen.
 enum class View { front, back, left, right, top, bottom, iso };
@@ -54,4 +54,4 @@ Camera placeTurntable(CameraOptions const& options, int picture, int width, int 
                       std::span<Kelpa::Vector const> centers, std::span<float const> radii,
                       Vec const& origin);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include <limits>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// What a picture's `id` holds where no particle is: a number that none has, whose low half is that
 /// of -1.
@@ -29,4 +29,4 @@ struct Image {
     std::vector<std::int64_t> id;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -17,7 +17,7 @@
 #define KELPA_INDEPENDENT _Pragma("GCC ivdep")
 #endif
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -295,4 +295,4 @@ std::span<LaneKernels const> laneKernels() {
     return found;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <span>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Up to so many vectors, coordinate by coordinate.
 template <class Number, std::size_t most> struct Lanes3 {
@@ -91,4 +91,4 @@ struct LaneKernels {
 /// For the plainest to the widest processors that this one is among; the last is the best.
 std::span<LaneKernels const> laneKernels();
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-namespace kelpatool {
+namespace pipeline {
 
 Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene) {
     Lighting light;
@@ -27,4 +27,4 @@ Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene c
     return light;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,7 +7,7 @@
 #include "pipeline/picture/look.h"
 #include "pipeline/scene/scene.h"
 
-namespace kelpatool {
+namespace pipeline {
 
 struct Lighting {
     Kelpa::Vector towardsKey; ///< unit
@@ -28,4 +28,4 @@ struct Lighting {
 
 Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene);
 
-} // namespace kelpatool
+} // namespace pipeline

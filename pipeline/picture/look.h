@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <optional>
 
-namespace kelpatool {
+namespace pipeline {
 
 struct ImageOptions {
     int width = 1280;
@@ -38,4 +38,4 @@ struct LightOptions {
     std::optional<bool> shadows; ///< unset: with ambient occlusion only
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <atomic>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -108,8 +108,8 @@ std::size_t Picture::tileCount() const {
 void Picture::renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn) const {
     auto const column = static_cast<int>(tile % static_cast<std::size_t>(columns));
     auto const row = static_cast<int>(tile / static_cast<std::size_t>(columns));
-    kelpatool::renderTile(plan, (firstColumn + column) * tileWidth, (firstRow + row) * tileWidth,
-                          image, goOn);
+    pipeline::renderTile(plan, (firstColumn + column) * tileWidth, (firstRow + row) * tileWidth,
+                         image, goOn);
 }
 
 Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& options,
@@ -133,4 +133,4 @@ Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& 
     return image;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -8,7 +8,7 @@
 #include "pipeline/picture/tile.h"
 #include "pipeline/scene/scene.h"
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A picture to be rendered, tile by tile: by the command, a viewer, or one of many machines.
 ///
@@ -48,4 +48,4 @@ class Picture {
 Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& frame,
                   LightOptions const& look, int threads, PhaseProgress const& progress);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <numeric>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A well mixed 32-bit number for a number (M. Jarzynski and M. Olano, "Hash Functions for GPU
 /// Rendering", JCGT 9(3), 2020: pcg).
@@ -84,4 +84,4 @@ class Strata {
     std::uint32_t stride;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <array>
 #include <span>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -104,4 +104,4 @@ void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa:
         storePixel(image, pixel.index, pixel.light, pixel.coverage);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 // Wide enough for many rays into the sky that go the same way, small enough for what is known of
 // all samples to stay near the processor.
@@ -54,4 +54,4 @@ struct TilePixel {
 /// holds; leaves it half done when `goOn` says no.
 void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa::GoOn const& goOn);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <numeric>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The order in which a picture's tiles are dealt out: as evenly over the picture as if each came
 /// from anywhere, so that after any part of them about that part of the time has passed. Sky at the
@@ -36,4 +36,4 @@ class TileOrder {
     std::size_t step = 1; ///< shares no factor with `runs`
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -335,4 +335,4 @@ void TilePasses::storeFirstHits(Image& image) const {
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <span>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Takes samples of a tile's pixels, pass by pass.
 ///
@@ -93,4 +93,4 @@ class TilePasses {
     SkyRays skyRays;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <numbers>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -65,4 +65,4 @@ Camera placeTurntable(CameraOptions const& given, int picture, int width, int he
     return camera;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <new>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -92,4 +92,4 @@ int runReader(
     _exit(0);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A file that cannot be used, in words for the user.
 class ReaderProblem : public std::runtime_error {
@@ -39,4 +39,4 @@ struct ReaderInput {
 int runReader(
     std::function<void(ReaderInput const& input, ReaderSender const& sender)> const& read);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -17,13 +17,13 @@
 
 namespace {
 
-using kelpatool::ReaderInput;
-using kelpatool::ReaderProblem;
-using kelpatool::ReaderSender;
-using kelpatool::ScalarType;
 using openvdb::points::AttributeArray;
 using openvdb::points::AttributeHandle;
 using openvdb::points::PointDataGrid;
+using pipeline::ReaderInput;
+using pipeline::ReaderProblem;
+using pipeline::ReaderSender;
+using pipeline::ScalarType;
 using Leaf = PointDataGrid::TreeType::LeafNodeType;
 
 constexpr std::size_t mostColumns = 1000;
@@ -135,13 +135,13 @@ PointDataGrid::Ptr readGrid(std::string const& path, ReaderSender const& sender)
     PointDataGrid::Ptr points;
     for (auto name = file.beginName(); name != file.endName(); ++name) {
         openvdb::GridBase::Ptr const grid = file.readGridMetadata(name.gridName());
-        present += fmt::format(" {} ({})", kelpatool::quoted(name.gridName()), grid->type());
+        present += fmt::format(" {} ({})", pipeline::quoted(name.gridName()), grid->type());
         if (!grid->isType<PointDataGrid>())
             continue;
         if (points != nullptr)
             sender.note(fmt::format("grid {} is not read: {} comes first",
-                                    kelpatool::quoted(name.gridName()),
-                                    kelpatool::quoted(points->getName())));
+                                    pipeline::quoted(name.gridName()),
+                                    pipeline::quoted(points->getName())));
         else
             points = openvdb::gridPtrCast<PointDataGrid>(file.readGrid(name.gridName()));
     }
@@ -185,8 +185,7 @@ std::vector<ReadAttribute> chooseAttributes(Leaf const& leaf, ReaderSender const
             columns += attribute.numbers();
         } else if (!leaf.constAttributeArray(position).isHidden() && attribute.type == nullptr) {
             sender.note(fmt::format("attribute {} is not read: it is of type {}",
-                                    kelpatool::quoted(attribute.name),
-                                    kelpatool::quoted(typeName)));
+                                    pipeline::quoted(attribute.name), pipeline::quoted(typeName)));
         }
     }
     return attributes;
@@ -264,5 +263,5 @@ void readPoints(ReaderInput const& input, ReaderSender const& sender) {
 } // namespace
 
 int main() {
-    return kelpatool::runReader(readPoints);
+    return pipeline::runReader(readPoints);
 }

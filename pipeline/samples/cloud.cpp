@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-namespace kelpatool::samples {
+namespace pipeline::samples {
 
 namespace {
 
@@ -152,4 +152,4 @@ void makeCloud(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
     });
 }
 
-} // namespace kelpatool::samples
+} // namespace pipeline::samples

@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-namespace kelpatool::samples {
+namespace pipeline::samples {
 
 namespace {
 
@@ -227,4 +227,4 @@ void makeCrystal(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
     }
 }
 
-} // namespace kelpatool::samples
+} // namespace pipeline::samples

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kelpatool::samples {
+namespace pipeline::samples {
 
 namespace {
 
@@ -104,4 +104,4 @@ void makeGalaxy(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
                [=](std::uint64_t i) { return galaxyStar(seed, i, meanRadius); });
 }
 
-} // namespace kelpatool::samples
+} // namespace pipeline::samples

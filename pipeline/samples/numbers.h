@@ -11,7 +11,7 @@
 #include <cmath>
 #include <cstdint>
 
-namespace kelpatool::samples {
+namespace pipeline::samples {
 
 struct Point {
     double x = 0.0, y = 0.0, z = 0.0;
@@ -133,4 +133,4 @@ class Random {
     std::uint64_t state;
 };
 
-} // namespace kelpatool::samples
+} // namespace pipeline::samples

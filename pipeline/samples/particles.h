@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 
-namespace kelpatool::samples {
+namespace pipeline::samples {
 
 /// An sRGB colour, 0 to 255 each.
 using Color = Point;
@@ -71,4 +71,4 @@ void makeCrystal(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
 void makeCloud(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
                PhaseProgress const& progress);
 
-} // namespace kelpatool::samples
+} // namespace pipeline::samples

@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -52,4 +52,4 @@ ParticleSet generateParticles(std::string const& kind, std::uint64_t count, std:
     throw std::invalid_argument("no sample '" + kind + "'");
 }
 
-} // namespace kelpatool
+} // namespace pipeline

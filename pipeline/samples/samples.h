@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// One of the project's own samples: "galaxy", "splash", "crystal" or "cloud". The same kind, count
 /// and seed give the same bits on every machine. Throws `std::invalid_argument` for another kind.
@@ -18,4 +18,4 @@ ParticleSet generateParticles(std::string const& kind, std::uint64_t count, std:
 /// The kinds that `generateParticles` knows.
 std::vector<std::string> const& sampleKinds();
 
-} // namespace kelpatool
+} // namespace pipeline

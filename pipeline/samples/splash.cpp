@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstdint>
 
-namespace kelpatool::samples {
+namespace pipeline::samples {
 
 namespace {
 
@@ -127,4 +127,4 @@ void makeSplash(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
     });
 }
 
-} // namespace kelpatool::samples
+} // namespace pipeline::samples

@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 
-namespace kelpatool {
+namespace pipeline {
 
 std::vector<float> chooseRadii(RadiusOptions const& options, ParticleSet const& particles,
                                Note const& note, PhaseProgress const& progress) {
@@ -84,4 +84,4 @@ std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet
     return colors;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// How large particles are, where neither the file nor its elements tell.
 struct RadiusOptions {
@@ -50,4 +50,4 @@ Attribute const* coloredColumn(ColorOptions const& options, ParticleSet const& p
 std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet const& particles,
                                         std::optional<std::array<float, 2>> const& range);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <limits>
 
-namespace kelpatool {
+namespace pipeline {
 
 Bounds boundsOf(std::span<Kelpa::Vector const> centers) {
     constexpr double far = std::numeric_limits<double>::infinity();
@@ -39,4 +39,4 @@ Vec originFor(Bounds const& bounds) {
             along(bounds.min.z, bounds.max.z)};
 }
 
-} // namespace kelpatool
+} // namespace pipeline

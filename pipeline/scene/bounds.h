@@ -7,7 +7,7 @@
 
 #include <span>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The smallest box around points, in double precision.
 struct Bounds {
@@ -28,4 +28,4 @@ Bounds boundsOf(std::span<Kelpa::Vector const> points);
 /// that the differences are exact (P. Sterbenz, "Floating-Point Computation", 1974).
 Vec originFor(Bounds const& bounds);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 
 #include "pipeline/scene/geometry.h"
 
-namespace kelpatool {
+namespace pipeline {
 
 constexpr int lanesPerBunch = 64;
 
@@ -49,4 +49,4 @@ struct Bunch {
     }
 };
 
-} // namespace kelpatool
+} // namespace pipeline

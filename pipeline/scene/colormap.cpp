@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstddef>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -92,4 +92,4 @@ std::vector<Kelpa::Vector> mapTypes(std::vector<std::int64_t> const& types) {
     return colors;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

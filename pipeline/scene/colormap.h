@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Colours for numbers, in linear light: from dark blue for the range's lower end over green to
 /// yellow for its upper one. Without a range, from the 1st to the 99th percentile of the finite
@@ -23,4 +23,4 @@ std::array<float, 2> usualRange(std::vector<float> const& values);
 /// for 1, and over again after the tenth.
 std::vector<Kelpa::Vector> mapTypes(std::vector<std::int64_t> const& types);
 
-} // namespace kelpatool
+} // namespace pipeline

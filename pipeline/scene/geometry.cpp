@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -177,4 +177,4 @@ std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems) {
     return std::make_unique<PrimitiveGeometry<Kelpa::StaticParticlePrimitive>>(std::move(systems));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -11,7 +11,7 @@
 #include <optional>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// One particle system as trees take it. Whoever owns its arrays, a `ParticleSystem` or Python,
 /// keeps them where and as they are for as long as a geometry asks about them.
@@ -103,4 +103,4 @@ class Geometry {
 /// one has a second snapshot; then all of them have. Throws `std::invalid_argument` otherwise.
 std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -183,4 +183,4 @@ std::vector<Vector> wrapped(std::vector<Vector> const& positions, PeriodicCell c
     return inside;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// For each particle of the first snapshot the index of its partner in the second, or -1: the one
 /// with the same id, else that in the same row. Of several with one id each has another partner.
@@ -48,4 +48,4 @@ class PeriodicWays {
     std::uint64_t crossings = 0;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

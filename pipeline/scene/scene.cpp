@@ -12,7 +12,7 @@
 #include <cmath>
 #include <limits>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -211,4 +211,4 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     return scene;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// How particles become a scene.
 struct SceneOptions {
@@ -71,4 +71,4 @@ struct Scene {
 Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet const* second,
                 Kept const& kept, Note const& note, PhaseProgress const& progress);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-namespace kelpatool {
+namespace pipeline {
 
 SecondSnapshot readSecond(Motion const& motion, FrameSource& source, ParticleSet const& first,
                           std::optional<int> frame, std::vector<std::uint8_t> const& elements,
@@ -29,4 +29,4 @@ SecondSnapshot readSecond(Motion const& motion, FrameSource& source, ParticleSet
     return second;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

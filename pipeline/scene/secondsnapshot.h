@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// The second snapshot of a motion, and what there is to tell of it.
 struct SecondSnapshot {
@@ -28,4 +28,4 @@ SecondSnapshot readSecond(Motion const& motion, FrameSource& source, ParticleSet
                           std::optional<int> frame, std::vector<std::uint8_t> const& elements,
                           ReadOptions const& options);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -11,7 +11,7 @@
 // file, then more, then all: so balls are small before the many points come, and most points fall
 // outside all of them.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -328,4 +328,4 @@ float radiusFromSpacing(std::vector<Kelpa::Vector> const& positions,
         std::min(radius, static_cast<double>(std::numeric_limits<float>::max())));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,11 +7,11 @@
 
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Half the median distance from a particle to its sixth nearest neighbour, over a sample of the
 /// finite particles: the radius for files that have none. 0 when all particles coincide or there is
 /// only one.
 float radiusFromSpacing(std::vector<Kelpa::Vector> const& positions, PhaseProgress const& progress);
 
-} // namespace kelpatool
+} // namespace pipeline

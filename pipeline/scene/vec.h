@@ -5,7 +5,7 @@
 
 #include <cmath>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// Three doubles: directions and places of the camera, where single precision would show.
 struct Vec {
@@ -56,4 +56,4 @@ inline Kelpa::Vector narrow(Vec const& v) {
     return {static_cast<float>(v.x), static_cast<float>(v.y), static_cast<float>(v.z)};
 }
 
-} // namespace kelpatool
+} // namespace pipeline

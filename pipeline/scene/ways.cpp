@@ -7,7 +7,7 @@
 
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -152,4 +152,4 @@ Ways placeAtShutter(std::vector<Way> const& ways, MotionOptions const& options, 
     }
     return placed;
 }
-} // namespace kelpatool
+} // namespace pipeline

@@ -15,7 +15,7 @@
 #include <variant>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 struct Still {};
 struct AlongVelocities {};
@@ -84,4 +84,4 @@ Match matchSnapshots(RadiusOptions const& options, ParticleSet const& first,
 /// time after the first.
 Ways placeAtShutter(std::vector<Way> const& ways, MotionOptions const& options, double steps);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -26,8 +26,8 @@ namespace kelpapython {
 
 namespace {
 
-using kelpatool::ParticleSet;
-using kelpatool::PhaseProgress;
+using pipeline::ParticleSet;
+using pipeline::PhaseProgress;
 
 /// What is wanted of a file, in the words of the command's options.
 struct Wanted {
@@ -37,14 +37,14 @@ struct Wanted {
     std::string radiusFrom;
     std::vector<std::uint8_t> elements;              ///< atomic numbers of types 1, 2 and so on
     std::optional<std::vector<std::string>> columns; ///< further ones to keep; unset: all
-    kelpatool::SceneOptions scene;
+    pipeline::SceneOptions scene;
 
     bool keeps(std::string const& column) const {
         return !columns || std::find(columns->begin(), columns->end(), column) != columns->end();
     }
 
-    kelpatool::ReadOptions readOptions(PhaseProgress const& progress) const {
-        kelpatool::ReadOptions read;
+    pipeline::ReadOptions readOptions(PhaseProgress const& progress) const {
+        pipeline::ReadOptions read;
         read.format = format;
         read.assembly = assembly;
         read.radiusFrom = radiusFrom;
@@ -54,25 +54,25 @@ struct Wanted {
         if (!scene.color.colorBy.empty())
             read.attributes.push_back(scene.color.colorBy);
         read.topology = topology;
-        read.forMotion = kelpatool::hasSecondSnapshot(scene.motion.motion);
+        read.forMotion = pipeline::hasSecondSnapshot(scene.motion.motion);
         read.progress = progress;
         return read;
     }
 };
 
-kelpatool::Motion motionOf(std::string const& word) {
+pipeline::Motion motionOf(std::string const& word) {
     if (word == "none")
-        return kelpatool::Still{};
+        return pipeline::Still{};
     if (word == "velocity")
-        return kelpatool::AlongVelocities{};
+        return pipeline::AlongVelocities{};
     if (word == "next")
-        return kelpatool::ToNextFrame{};
-    return kelpatool::ToFile{word};
+        return pipeline::ToNextFrame{};
+    return pipeline::ToFile{word};
 }
 
 /// What follows a text that has this hint, with the arguments that are meant.
-std::string hintText(kelpatool::Hint const& hint) {
-    using To = kelpatool::Hint::To;
+std::string hintText(pipeline::Hint const& hint) {
+    using To = pipeline::Hint::To;
     switch (hint.to) {
     case To::nothing:
         return "";
@@ -102,14 +102,14 @@ std::string hintText(kelpatool::Hint const& hint) {
 
 /// A particle set as a scene, and what of it no scene keeps.
 struct Snapshot {
-    kelpatool::Scene scene;
-    std::vector<kelpatool::TypedColumn> columns;
-    std::vector<kelpatool::Attribute> attributes; ///< further columns, which were asked for by name
+    pipeline::Scene scene;
+    std::vector<pipeline::TypedColumn> columns;
+    std::vector<pipeline::Attribute> attributes; ///< further columns, which were asked for by name
     std::vector<Kelpa::Vector> velocities;
     std::vector<std::uint8_t> elements;
     std::vector<std::int64_t> types;
-    std::optional<kelpatool::PeriodicCell> cell;
-    std::vector<kelpatool::Remark> notes;
+    std::optional<pipeline::PeriodicCell> cell;
+    std::vector<pipeline::Remark> notes;
     std::string name;
     std::string format;
     int frame = 0;
@@ -128,9 +128,9 @@ Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
     result.velocities = particles.velocities;
     result.columns = std::move(particles.typed);
     result.attributes = particles.attributes;
-    result.scene = kelpatool::makeScene(
+    result.scene = pipeline::makeScene(
         wanted.scene, std::move(particles), second ? &*second : nullptr, {},
-        [&result](kelpatool::Remark const& note) { result.notes.push_back(note); }, progress);
+        [&result](pipeline::Remark const& note) { result.notes.push_back(note); }, progress);
     return result;
 }
 
@@ -153,7 +153,7 @@ py::array ownedArray(std::vector<Kelpa::Vector>&& values) {
     return ownedArray(std::move(values), static_cast<float const*>(nullptr), 3);
 }
 
-py::array ownedArray(kelpatool::TypedColumn&& column) {
+py::array ownedArray(pipeline::TypedColumn&& column) {
     static constexpr char const* names[] = {"int8",   "uint8", "int16",  "uint16",  "int32",
                                             "uint32", "int64", "uint64", "float32", "float64"};
     auto const bytes = static_cast<py::ssize_t>(scalarBytes(column.type));
@@ -165,7 +165,7 @@ py::array ownedArray(kelpatool::TypedColumn&& column) {
 /// Positions and radii of a system, which stays alive with them. What a scene has subtracted from
 /// the positions is added again, which is exact.
 std::pair<py::array, py::array> systemArrays(std::unique_ptr<Kelpa::ParticleSystem> system,
-                                             kelpatool::Vec const& origin) {
+                                             pipeline::Vec const& origin) {
     Kelpa::ParticleSystem* const kept = system.release();
     py::capsule const owner(kept, [](void* p) { delete static_cast<Kelpa::ParticleSystem*>(p); });
     auto const count = static_cast<py::ssize_t>(kept->radii.size());
@@ -182,7 +182,7 @@ std::pair<py::array, py::array> systemArrays(std::unique_ptr<Kelpa::ParticleSyst
     return {ownedArray(std::move(positions)), radii};
 }
 
-py::object cellOf(std::optional<kelpatool::PeriodicCell> const& cell) {
+py::object cellOf(std::optional<pipeline::PeriodicCell> const& cell) {
     if (!cell)
         return py::none();
     return py::make_tuple(cell->edges, cell->origin, py::tuple(py::cast(cell->isPeriodic)));
@@ -190,7 +190,7 @@ py::object cellOf(std::optional<kelpatool::PeriodicCell> const& cell) {
 
 /// In names of `Particles`, as far as it has them.
 py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
-    kelpatool::Scene& scene = snapshot.scene;
+    pipeline::Scene& scene = snapshot.scene;
     auto const count = scene.first->positions.size();
     py::dict result;
     bool const isMoving = scene.second != nullptr;
@@ -214,10 +214,10 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
         if (!values.empty() && values.size() == count)
             columns[name] = ownedArray(std::move(values));
     };
-    for (kelpatool::TypedColumn& column : snapshot.columns)
+    for (pipeline::TypedColumn& column : snapshot.columns)
         if (wanted.keeps(column.name) && column.bytes.size() == count * scalarBytes(column.type))
             columns[column.name.c_str()] = ownedArray(std::move(column));
-    for (kelpatool::Attribute& attribute : snapshot.attributes)
+    for (pipeline::Attribute& attribute : snapshot.attributes)
         if (wanted.keeps(attribute.name))
             keep(attribute.name.c_str(), attribute.values);
     keep("velocity", snapshot.velocities);
@@ -229,7 +229,7 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
     result["cell"] = cellOf(snapshot.cell);
     result["up_axis"] = std::string(1, scene.upAxis);
     std::vector<std::string> notes;
-    for (kelpatool::Remark const& note : snapshot.notes)
+    for (pipeline::Remark const& note : snapshot.notes)
         notes.push_back(note.text + hintText(note.hint));
     result["notes"] = notes;
     result["name"] = snapshot.name;
@@ -247,7 +247,7 @@ class Frames {
         std::vector<int> result;
         runWatched(progress, "Counting frames", [&](PhaseProgress const& report) {
             std::lock_guard const hold(mutex);
-            kelpatool::FrameNumbers const found =
+            pipeline::FrameNumbers const found =
                 source.framesIn({{0, -1, 1}}, wanted.readOptions(report));
             for (auto frame = found.after(std::nullopt); frame; frame = found.after(frame))
                 result.push_back(*frame);
@@ -259,10 +259,10 @@ class Frames {
         std::optional<Snapshot> snapshot;
         runWatched(progress, "Reading", [&](PhaseProgress const& report) {
             std::lock_guard const hold(mutex);
-            kelpatool::ReadOptions const options = wanted.readOptions(report);
+            pipeline::ReadOptions const options = wanted.readOptions(report);
             ParticleSet first = source.read(frame, options);
-            kelpatool::nameElements(first, wanted.elements);
-            kelpatool::SecondSnapshot const second = kelpatool::readSecond(
+            pipeline::nameElements(first, wanted.elements);
+            pipeline::SecondSnapshot const second = pipeline::readSecond(
                 wanted.scene.motion.motion, source, first, frame, wanted.elements, options);
             if (!second.gap.empty())
                 first.notes.emplace_back(second.gap + "; the motion is that of one");
@@ -274,27 +274,27 @@ class Frames {
 
   private:
     std::mutex mutex;
-    kelpatool::FrameSource source;
+    pipeline::FrameSource source;
 };
 
 } // namespace
 
 void defineFiles(py::module_& module) {
-    static py::exception<kelpatool::InputError> const readError(module, "ReadError",
-                                                                PyExc_ValueError);
-    static py::exception<kelpatool::NoSuchFrame> const noSuchFrame(module, "NoSuchFrame",
-                                                                   readError.ptr());
+    static py::exception<pipeline::InputError> const readError(module, "ReadError",
+                                                               PyExc_ValueError);
+    static py::exception<pipeline::NoSuchFrame> const noSuchFrame(module, "NoSuchFrame",
+                                                                  readError.ptr());
     py::register_exception_translator([](std::exception_ptr thrown) {
         try {
             if (thrown)
                 std::rethrow_exception(thrown);
-        } catch (kelpatool::NoSuchFrame const& error) {
+        } catch (pipeline::NoSuchFrame const& error) {
             PyErr_SetString(noSuchFrame.ptr(), (error.what() + hintText(error.hint)).c_str());
-        } catch (kelpatool::InputError const& error) {
+        } catch (pipeline::InputError const& error) {
             PyErr_SetString(readError.ptr(), (error.what() + hintText(error.hint)).c_str());
         }
     });
-    module.def("format_names", &kelpatool::formatNames);
+    module.def("format_names", &pipeline::formatNames);
     py::class_<Wanted>(module, "Wanted")
         .def(py::init<>())
         .def_readwrite("format", &Wanted::format)

@@ -40,35 +40,35 @@ Array<float> arrayOf(std::vector<Kelpa::Vector> const& vectors) {
 Array<float> elementRadii(bool covalent) {
     Array<float> radii(elementCount);
     for (py::ssize_t i = 0; i < elementCount; ++i)
-        radii.mutable_at(i) = kelpatool::elementRadius(static_cast<std::uint8_t>(i), covalent);
+        radii.mutable_at(i) = pipeline::elementRadius(static_cast<std::uint8_t>(i), covalent);
     return radii;
 }
 
 Array<float> elementColors() {
     std::vector<Kelpa::Vector> colors;
     for (py::ssize_t i = 0; i < elementCount; ++i)
-        colors.push_back(kelpatool::elementColor(static_cast<std::uint8_t>(i)));
+        colors.push_back(pipeline::elementColor(static_cast<std::uint8_t>(i)));
     return arrayOf(colors);
 }
 
 float radiusFromSpacing(Array<float> const& positions) {
     Kelpa::Vector const* const begin = vectorsOf(positions);
-    return kelpatool::radiusFromSpacing({begin, begin + positions.shape(0)},
-                                        [](double, std::uint64_t) {});
+    return pipeline::radiusFromSpacing({begin, begin + positions.shape(0)},
+                                       [](double, std::uint64_t) {});
 }
 
 Array<float> mapColors(Array<float> const& values,
                        std::optional<std::array<float, 2>> const& range) {
-    return arrayOf(kelpatool::mapColors(vectorOf(values), range));
+    return arrayOf(pipeline::mapColors(vectorOf(values), range));
 }
 
 Array<float> mapTypes(Array<std::int64_t> const& types) {
-    return arrayOf(kelpatool::mapTypes(vectorOf(types)));
+    return arrayOf(pipeline::mapTypes(vectorOf(types)));
 }
 
 Array<float> lightOfCodes() {
     Array<float> light(256);
-    std::copy_n(kelpatool::linearOfCode().begin(), 256, light.mutable_data());
+    std::copy_n(pipeline::linearOfCode().begin(), 256, light.mutable_data());
     return light;
 }
 
@@ -76,7 +76,7 @@ Array<float> lightOfCodes() {
 Array<float> codeBorders() {
     Array<float> borders(255);
     for (int code = 1; code < 256; ++code)
-        borders.mutable_at(code - 1) = kelpatool::linearFromSrgb((code - 0.5) / 255.0);
+        borders.mutable_at(code - 1) = pipeline::linearFromSrgb((code - 0.5) / 255.0);
     return borders;
 }
 
@@ -84,7 +84,7 @@ Array<float> codeBorders() {
 
 void defineLooks(py::module_& module) {
     module.def("atomic_number",
-               [](std::string const& symbol) { return kelpatool::atomicNumberOf(symbol); });
+               [](std::string const& symbol) { return pipeline::atomicNumberOf(symbol); });
     module.def("element_radii", &elementRadii);
     module.def("element_colors", &elementColors);
     module.def("radius_from_spacing", &radiusFromSpacing);
@@ -93,7 +93,7 @@ void defineLooks(py::module_& module) {
     module.def("light_of_codes", &lightOfCodes);
     module.def("code_borders", &codeBorders);
     module.def("parse_color", [](std::string const& text) {
-        Kelpa::Vector const color = kelpatool::parseColor(text);
+        Kelpa::Vector const color = pipeline::parseColor(text);
         return py::make_tuple(color.x, color.y, color.z);
     });
 }

@@ -21,7 +21,7 @@ namespace kelpapython {
 
 namespace {
 
-using kelpatool::Vec;
+using pipeline::Vec;
 
 Triple tripleOf(Vec const& v) {
     return {v.x, v.y, v.z};
@@ -38,7 +38,7 @@ std::optional<Kelpa::Vector> vectorOf(std::optional<Triple> const& t) {
 
 /// An array of the picture's rows, with `width` numbers in a pixel, or one if that is 0.
 template <class T>
-Array<T> channel(kelpatool::Image const& image, std::vector<T> const& values, py::ssize_t width) {
+Array<T> channel(pipeline::Image const& image, std::vector<T> const& values, py::ssize_t width) {
     std::vector<py::ssize_t> shape = {image.cropY1 - image.cropY0, image.cropX1 - image.cropX0};
     if (width > 0)
         shape.push_back(width);
@@ -48,15 +48,14 @@ Array<T> channel(kelpatool::Image const& image, std::vector<T> const& values, py
 }
 
 /// The camera of one who says where it is and what it looks at.
-Placed orient(kelpatool::CameraOptions const& options) {
+Placed orient(pipeline::CameraOptions const& options) {
     Kelpa::Vector const somewhere = {0.0F, 0.0F, 0.0F};
     float const size = 1.0F;
-    return placedOf(kelpatool::placeCamera(options, 1, 1, 'z', {&somewhere, 1}, {&size, 1}, {}),
-                    {});
+    return placedOf(pipeline::placeCamera(options, 1, 1, 'z', {&somewhere, 1}, {&size, 1}, {}), {});
 }
 
 py::tuple cameraRays(Placed const& placed, int width, int height) {
-    kelpatool::Camera const camera = cameraOf(placed, width, height, {});
+    pipeline::Camera const camera = cameraOf(placed, width, height, {});
     Array<float> origins({height, width, 3});
     Array<float> directions({height, width, 3});
     float* origin = origins.mutable_data();
@@ -79,12 +78,12 @@ template <class T> std::vector<T> valuesOf(std::optional<Array<T>> const& array)
 }
 
 /// `arraysOf` the other way round. `part` is that of the picture of `size` which the arrays hold.
-kelpatool::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const& part,
-                         Array<float> const& rgba, std::optional<Array<float>> const& depth,
-                         std::optional<Array<float>> const& normal,
-                         std::optional<Array<std::int64_t>> const& id,
-                         std::optional<Array<float>> const& position) {
-    kelpatool::Image image;
+pipeline::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const& part,
+                        Array<float> const& rgba, std::optional<Array<float>> const& depth,
+                        std::optional<Array<float>> const& normal,
+                        std::optional<Array<std::int64_t>> const& id,
+                        std::optional<Array<float>> const& position) {
+    pipeline::Image image;
     std::tie(image.width, image.height) = std::pair(size[0], size[1]);
     image.cropX0 = part[0];
     image.cropY0 = part[1];
@@ -103,16 +102,16 @@ kelpatool::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> cons
 }
 
 void defineFiles(py::module_& module) {
-    py::class_<kelpatool::Image>(module, "Image").def(py::init(&imageOf));
-    module.def("save_picture", [](std::string const& path, kelpatool::Image const& image,
+    py::class_<pipeline::Image>(module, "Image").def(py::init(&imageOf));
+    module.def("save_picture", [](std::string const& path, pipeline::Image const& image,
                                   bool withAlpha, py::object const& progress) {
-        runWatched(progress, "Writing", [&](kelpatool::PhaseProgress const& report) {
-            kelpatool::writeImage(path, image, withAlpha, report);
+        runWatched(progress, "Writing", [&](pipeline::PhaseProgress const& report) {
+            pipeline::writeImage(path, image, withAlpha, report);
         });
     });
-    module.def("png_of", [](kelpatool::Image const& image, bool withAlpha) {
+    module.def("png_of", [](pipeline::Image const& image, bool withAlpha) {
         std::string bytes;
-        kelpatool::encodePng(
+        pipeline::encodePng(
             image, withAlpha, [&bytes](std::string_view some) { bytes += some; },
             [](double, std::uint64_t) {});
         return py::bytes(bytes);
@@ -121,7 +120,7 @@ void defineFiles(py::module_& module) {
         try {
             if (thrown)
                 std::rethrow_exception(thrown);
-        } catch (kelpatool::OutputError const& error) {
+        } catch (pipeline::OutputError const& error) {
             PyErr_SetString(PyExc_OSError, error.what());
         }
     });
@@ -134,8 +133,8 @@ void defineFiles(py::module_&) {
 
 #endif
 
-kelpatool::LightOptions::Shade shadeOf(std::string const& name) {
-    using Shade = kelpatool::LightOptions::Shade;
+pipeline::LightOptions::Shade shadeOf(std::string const& name) {
+    using Shade = pipeline::LightOptions::Shade;
     return name == "ao"          ? Shade::ao
            : name == "lit"       ? Shade::lit
            : name == "headlight" ? Shade::headlight
@@ -188,12 +187,12 @@ void defineWish(py::module_& module) {
 }
 
 void defineCamera(py::module_& module) {
-    using Options = kelpatool::CameraOptions;
+    using Options = pipeline::CameraOptions;
     py::class_<Options>(module, "CameraOptions")
         .def(py::init<>())
         .def_property("view", nullptr,
                       [](Options& o, std::string const& name) {
-                          for (auto const& [known, view] : kelpatool::viewNames)
+                          for (auto const& [known, view] : pipeline::viewNames)
                               if (name == known)
                                   o.view = view;
                       })
@@ -217,18 +216,18 @@ void defineCamera(py::module_& module) {
 
 } // namespace
 
-kelpatool::Camera cameraOf(Placed const& placed, int width, int height, Vec const& origin) {
+pipeline::Camera cameraOf(Placed const& placed, int width, int height, Vec const& origin) {
     auto const& [eye, right, up, forward, extent, isParallel] = placed;
     return {vecOf(eye) - origin, vecOf(right), vecOf(up), vecOf(forward), extent,
             isParallel,          width,        height};
 }
 
-Placed placedOf(kelpatool::Camera const& camera, Vec const& origin) {
+Placed placedOf(pipeline::Camera const& camera, Vec const& origin) {
     return {tripleOf(camera.eye + origin), tripleOf(camera.right), tripleOf(camera.up),
             tripleOf(camera.forward),      camera.tanHalfHeight,   camera.isParallel};
 }
 
-py::dict arraysOf(kelpatool::Image const& image, bool isTransparent) {
+py::dict arraysOf(pipeline::Image const& image, bool isTransparent) {
     py::dict arrays;
     Array<float> rgba({image.cropY1 - image.cropY0, image.cropX1 - image.cropX0, 4});
     float* pixel = rgba.mutable_data();

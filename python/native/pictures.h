@@ -16,23 +16,22 @@ namespace kelpapython {
 
 using Triple = std::array<double, 3>;
 
-/// Eye, right, up, forward, tangent or height (see `kelpatool::Camera`), and whether it is
+/// Eye, right, up, forward, tangent or height (see `pipeline::Camera`), and whether it is
 /// parallel.
 using Placed = std::tuple<Triple, Triple, Triple, Triple, double, bool>;
 
-kelpatool::Camera cameraOf(Placed const& placed, int width, int height,
-                           kelpatool::Vec const& origin);
-Placed placedOf(kelpatool::Camera const& camera, kelpatool::Vec const& origin);
+pipeline::Camera cameraOf(Placed const& placed, int width, int height, pipeline::Vec const& origin);
+Placed placedOf(pipeline::Camera const& camera, pipeline::Vec const& origin);
 
 /// All that `Primitive.render` is told but for the camera.
 struct Wish {
-    kelpatool::ImageOptions image;
-    kelpatool::LightOptions light;
+    pipeline::ImageOptions image;
+    pipeline::LightOptions light;
     Kelpa::Vector color; ///< of particles without colours; linear
 };
 
 /// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id` and `position`.
-pybind11::dict arraysOf(kelpatool::Image const& image, bool isTransparent);
+pybind11::dict arraysOf(pipeline::Image const& image, bool isTransparent);
 
 void definePictures(pybind11::module_& module);
 

@@ -31,7 +31,7 @@ void storeMiss(Hits const& hits, std::size_t ray) {
     hits.types[ray] = 0;
 }
 
-void closestHit(kelpatool::Geometry& geometry, Rays const& rays, std::size_t i, Hits const& hits) {
+void closestHit(pipeline::Geometry& geometry, Rays const& rays, std::size_t i, Hits const& hits) {
     Kelpa::RSRay ray{};
     moveOrigin(rays, i, ray.origin);
     ray.dir = rays.directions[i];
@@ -50,17 +50,17 @@ void closestHit(kelpatool::Geometry& geometry, Rays const& rays, std::size_t i, 
 
 } // namespace
 
-void closestHits(kelpatool::Geometry& geometry, Rays const& rays, std::size_t begin,
-                 std::size_t end, bool useLists, Hits const& hits) {
+void closestHits(pipeline::Geometry& geometry, Rays const& rays, std::size_t begin, std::size_t end,
+                 bool useLists, Hits const& hits) {
     if (!useLists) {
         for (std::size_t i = begin; i < end; ++i)
             closestHit(geometry, rays, i, hits);
         return;
     }
-    kelpatool::Bunch bunch;
-    for (std::size_t first = begin; first < end; first += kelpatool::lanesPerBunch) {
+    pipeline::Bunch bunch;
+    for (std::size_t first = begin; first < end; first += pipeline::lanesPerBunch) {
         bunch.clear();
-        for (std::size_t i = first; i < std::min(first + kelpatool::lanesPerBunch, end); ++i) {
+        for (std::size_t i = first; i < std::min(first + pipeline::lanesPerBunch, end); ++i) {
             double origin[3];
             moveOrigin(rays, i, origin);
             bunch.add(static_cast<unsigned char>(i - first), origin, rays.directions[i],

@@ -41,7 +41,7 @@ struct Hits {
 };
 
 /// Finds the closest hits of rays [begin, end), through lists or ray by ray: the same hits.
-void closestHits(kelpatool::Geometry& geometry, Rays const& rays, std::size_t begin,
-                 std::size_t end, bool useLists, Hits const& hits);
+void closestHits(pipeline::Geometry& geometry, Rays const& rays, std::size_t begin, std::size_t end,
+                 bool useLists, Hits const& hits);
 
 } // namespace kelpapython

@@ -13,9 +13,9 @@ using Kelpa::Vector;
 
 /// A tree over several systems, asked as if they were one: reported indices become the places of
 /// particles in the scene, and back.
-class FlatGeometry final : public kelpatool::Geometry {
+class FlatGeometry final : public pipeline::Geometry {
   public:
-    FlatGeometry(kelpatool::Geometry& asked, std::vector<System> const& systems) : geometry(asked) {
+    FlatGeometry(pipeline::Geometry& asked, std::vector<System> const& systems) : geometry(asked) {
         std::int64_t first = 0;
         for (System const& system : systems) {
             if (system.first.numParticles > 0)
@@ -51,11 +51,11 @@ class FlatGeometry final : public kelpatool::Geometry {
 
     // What else scenes are asked for, pictures do not ask.
     void build(Kelpa::ProgressCallback&, Kelpa::ThreadManager*,
-               kelpatool::TreeOptions const&) override {}
+               pipeline::TreeOptions const&) override {}
     int intersect(Kelpa::RSRay& ray) override { return geometry.intersect(ray); }
-    std::optional<kelpatool::Bounds> bounds() override { return geometry.bounds(); }
-    std::optional<kelpatool::Bounds> motionBounds() override { return geometry.motionBounds(); }
-    kelpatool::TreeStatistics statistics() override { return geometry.statistics(); }
+    std::optional<pipeline::Bounds> bounds() override { return geometry.bounds(); }
+    std::optional<pipeline::Bounds> motionBounds() override { return geometry.motionBounds(); }
+    pipeline::TreeStatistics statistics() override { return geometry.statistics(); }
 
   private:
     struct Range {
@@ -91,7 +91,7 @@ class FlatGeometry final : public kelpatool::Geometry {
         return static_cast<std::int32_t>((behind - 1)->first + (index - (behind - 1)->base));
     }
 
-    kelpatool::Geometry& geometry;
+    pipeline::Geometry& geometry;
     std::vector<Range> ranges; ///< in the order of the scene
     std::vector<Range> byBase;
     bool isSame = false;
@@ -121,10 +121,10 @@ std::unique_ptr<Kelpa::ParticleSystem> joined(std::vector<System> const& systems
 
 } // namespace
 
-kelpatool::Vec originOf(std::vector<System> const& systems) {
-    std::optional<kelpatool::Bounds> bounds;
+pipeline::Vec originOf(std::vector<System> const& systems) {
+    std::optional<pipeline::Bounds> bounds;
     forEachUsable(systems, [&bounds](Vector const& center, float) {
-        kelpatool::Vec const c = kelpatool::wide(center);
+        pipeline::Vec const c = pipeline::wide(center);
         if (!bounds)
             bounds = {c, c};
         bounds->min = {std::min(bounds->min.x, c.x), std::min(bounds->min.y, c.y),
@@ -132,12 +132,12 @@ kelpatool::Vec originOf(std::vector<System> const& systems) {
         bounds->max = {std::max(bounds->max.x, c.x), std::max(bounds->max.y, c.y),
                        std::max(bounds->max.z, c.z)};
     });
-    return bounds ? kelpatool::originFor(*bounds) : kelpatool::Vec{};
+    return bounds ? pipeline::originFor(*bounds) : pipeline::Vec{};
 }
 
-kelpatool::Scene makeScene(kelpatool::Geometry& geometry, std::vector<System> const& systems,
-                           kelpatool::Vec const& origin) {
-    kelpatool::Scene scene;
+pipeline::Scene makeScene(pipeline::Geometry& geometry, std::vector<System> const& systems,
+                          pipeline::Vec const& origin) {
+    pipeline::Scene scene;
     scene.first = joined(systems, false);
     if (!systems.empty() && systems[0].second)
         scene.second = joined(systems, true);
@@ -154,7 +154,7 @@ kelpatool::Scene makeScene(kelpatool::Geometry& geometry, std::vector<System> co
     return scene;
 }
 
-void setColor(kelpatool::Scene& scene, std::vector<System> const& systems, Vector const& color) {
+void setColor(pipeline::Scene& scene, std::vector<System> const& systems, Vector const& color) {
     bool const isSame = color.x == scene.color.x && color.y == scene.color.y &&
                         color.z == scene.color.z && !scene.colors.empty();
     auto const hasColors = [](System const& s) { return s.first.numColors > 0; };

@@ -7,18 +7,18 @@
 
 namespace kelpapython {
 
-using kelpatool::System;
+using pipeline::System;
 
 /// What to subtract from all centres, so that those that lie far from zero keep their precision.
-kelpatool::Vec originOf(std::vector<System> const& systems);
+pipeline::Vec originOf(std::vector<System> const& systems);
 
 /// The systems one behind the other, as one: particles are numbered through. `geometry` is built
 /// over `systems`; both must outlive the scene.
-kelpatool::Scene makeScene(kelpatool::Geometry& geometry, std::vector<System> const& systems,
-                           kelpatool::Vec const& origin);
+pipeline::Scene makeScene(pipeline::Geometry& geometry, std::vector<System> const& systems,
+                          pipeline::Vec const& origin);
 
 /// Gives particles that have no colour of their own this one.
-void setColor(kelpatool::Scene& scene, std::vector<System> const& systems,
+void setColor(pipeline::Scene& scene, std::vector<System> const& systems,
               Kelpa::Vector const& color);
 
 } // namespace kelpapython

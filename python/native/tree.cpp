@@ -49,7 +49,7 @@ PerRay<Kelpa::Vector> perRayVector(Array<float> const& values, std::size_t rays)
     return {vectorsOf(values), static_cast<std::size_t>(values.size()) != 3 * rays};
 }
 
-bool isZero(kelpatool::Vec const& v) {
+bool isZero(pipeline::Vec const& v) {
     return v.x == 0.0 && v.y == 0.0 && v.z == 0.0;
 }
 
@@ -63,7 +63,7 @@ float rounded(double value, double direction) {
 
 } // namespace
 
-Tree::Tree(std::vector<Arrays> given, kelpatool::TreeOptions const& options, int threads,
+Tree::Tree(std::vector<Arrays> given, pipeline::TreeOptions const& options, int threads,
            py::object const& progress)
     : arrays(std::move(given)) {
     for (Arrays const& one : arrays)
@@ -71,7 +71,7 @@ Tree::Tree(std::vector<Arrays> given, kelpatool::TreeOptions const& options, int
     auto const begin = std::chrono::steady_clock::now();
     runBuild(progress, [&](Kelpa::ProgressCallback& report) {
         moveToOrigin();
-        geometry = kelpatool::makeGeometry(systems);
+        geometry = pipeline::makeGeometry(systems);
         std::unique_ptr<Kelpa::ThreadPool> pool;
         if (threads != 1)
             pool = std::make_unique<Kelpa::ThreadPool>(threads);
@@ -125,27 +125,27 @@ py::tuple Tree::intersect(std::size_t count, Array<float> const& origins,
     return py::make_tuple(t, indices, normals, types);
 }
 
-kelpatool::Scene const& Tree::sceneIn(Kelpa::Vector const& color) {
+pipeline::Scene const& Tree::sceneIn(Kelpa::Vector const& color) {
     if (!scene)
         scene = makeScene(*geometry, systems, origin);
     setColor(*scene, systems, color);
     return *scene;
 }
 
-Placed Tree::placeCamera(kelpatool::CameraOptions const& options, int width, int height) {
+Placed Tree::placeCamera(pipeline::CameraOptions const& options, int width, int height) {
     py::gil_scoped_release const unlocked;
     std::lock_guard const hold(sceneMutex);
-    kelpatool::Scene const& framed = sceneIn(scene ? scene->color : Kelpa::Vector{});
-    return placedOf(kelpatool::placeCamera(options, width, height, 'z', framed.framedCenters,
-                                           framed.framedRadii, origin),
+    pipeline::Scene const& framed = sceneIn(scene ? scene->color : Kelpa::Vector{});
+    return placedOf(pipeline::placeCamera(options, width, height, 'z', framed.framedCenters,
+                                          framed.framedRadii, origin),
                     origin);
 }
 
 py::dict Tree::render(Placed const& camera, Wish const& wish, int threads,
                       py::object const& progress) {
     std::unique_lock hold(sceneMutex, std::defer_lock);
-    std::optional<kelpatool::Picture> picture;
-    kelpatool::Image image;
+    std::optional<pipeline::Picture> picture;
+    pipeline::Image image;
     {
         py::gil_scoped_release const unlocked; // whoever has the scene may want the interpreter
         hold.lock();
@@ -160,10 +160,10 @@ py::dict Tree::render(Placed const& camera, Wish const& wish, int threads,
 }
 
 py::object Tree::bounds() {
-    std::optional<kelpatool::Bounds> const found = geometry->bounds();
+    std::optional<pipeline::Bounds> const found = geometry->bounds();
     if (!found)
         return py::none();
-    auto const corners = [](kelpatool::Vec const& low, kelpatool::Vec const& high) {
+    auto const corners = [](pipeline::Vec const& low, pipeline::Vec const& high) {
         Array<float> both({py::ssize_t{2}, py::ssize_t{3}});
         double const inf = std::numeric_limits<double>::infinity();
         float const values[] = {rounded(low.x, -inf), rounded(low.y, -inf), rounded(low.z, -inf),
@@ -171,13 +171,13 @@ py::object Tree::bounds() {
         std::copy(values, values + 6, both.mutable_data());
         return both;
     };
-    kelpatool::Bounds const motion = geometry->motionBounds().value_or(kelpatool::Bounds{});
+    pipeline::Bounds const motion = geometry->motionBounds().value_or(pipeline::Bounds{});
     return py::make_tuple(corners(found->min + origin, found->max + origin),
                           corners(motion.min, motion.max));
 }
 
 py::dict Tree::statistics() {
-    kelpatool::TreeStatistics const s = geometry->statistics();
+    pipeline::TreeStatistics const s = geometry->statistics();
     py::dict result;
     result["particles"] = s.particles;
     result["used"] = s.used;
@@ -206,7 +206,7 @@ std::unique_ptr<Tree> makeTree(std::vector<SystemTuple> const& tuples, std::opti
         arrays.push_back(std::apply([](auto const&... parts) { return Arrays{parts...}; }, tuple));
     return std::make_unique<Tree>(
         std::move(arrays),
-        kelpatool::TreeOptions{maxDepth, leafSizeFactor, minNodeSize, isPacked, hasMovingBounds},
+        pipeline::TreeOptions{maxDepth, leafSizeFactor, minNodeSize, isPacked, hasMovingBounds},
         threads, progress);
 }
 

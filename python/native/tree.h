@@ -35,7 +35,7 @@ struct Arrays {
 /// a copy of their positions; what goes in and out is in the coordinates of the arrays.
 class Tree {
   public:
-    Tree(std::vector<Arrays> given, kelpatool::TreeOptions const& options, int threads,
+    Tree(std::vector<Arrays> given, pipeline::TreeOptions const& options, int threads,
          pybind11::object const& progress);
 
     pybind11::tuple intersect(std::size_t count, Array<float> const& origins,
@@ -44,7 +44,7 @@ class Tree {
                               Array<std::int64_t> const& skips, bool useLists, int threads,
                               pybind11::object const& progress);
 
-    Placed placeCamera(kelpatool::CameraOptions const& options, int width, int height);
+    Placed placeCamera(pipeline::CameraOptions const& options, int width, int height);
     pybind11::dict render(Placed const& camera, Wish const& wish, int threads,
                           pybind11::object const& progress);
 
@@ -54,16 +54,16 @@ class Tree {
   private:
     void moveToOrigin();
     /// Under `sceneMutex`; `color` is that of particles without colours.
-    kelpatool::Scene const& sceneIn(Kelpa::Vector const& color);
+    pipeline::Scene const& sceneIn(Kelpa::Vector const& color);
 
     std::vector<Arrays> arrays;
-    std::vector<kelpatool::System> systems;
+    std::vector<pipeline::System> systems;
     std::vector<std::vector<Kelpa::Vector>> moved; ///< positions of systems far from zero
-    kelpatool::Vec origin{};
-    std::unique_ptr<kelpatool::Geometry> geometry;
+    pipeline::Vec origin{};
+    std::unique_ptr<pipeline::Geometry> geometry;
     double buildSeconds = 0.0;
-    std::recursive_mutex sceneMutex;       ///< recursive: `progress` may ask for pictures
-    std::optional<kelpatool::Scene> scene; ///< for pictures; made for the first
+    std::recursive_mutex sceneMutex;      ///< recursive: `progress` may ask for pictures
+    std::optional<pipeline::Scene> scene; ///< for pictures; made for the first
 };
 
 void defineTree(pybind11::module_& module);

@@ -147,7 +147,7 @@ void runPieces(std::size_t count, int threads, py::object const& progress, char 
 }
 
 void runWatched(py::object const& progress, char const* message,
-                std::function<void(kelpatool::PhaseProgress const&)> const& work) {
+                std::function<void(pipeline::PhaseProgress const&)> const& work) {
     FirstFailure failure;
     {
         py::gil_scoped_release const unlocked;
@@ -159,7 +159,7 @@ void runWatched(py::object const& progress, char const* message,
                 pace.restart();
             }
             if (failure.isStopped())
-                throw kelpatool::Interrupted();
+                throw pipeline::Interrupted();
         };
         try {
             work(look);

@@ -29,7 +29,7 @@ void runPieces(std::size_t count, int threads, pybind11::object const& progress,
 /// Runs `work` on the calling thread; it is given what it reports to, from any thread, and what
 /// ends it by throwing.
 void runWatched(pybind11::object const& progress, char const* message,
-                std::function<void(kelpatool::PhaseProgress const&)> const& work);
+                std::function<void(pipeline::PhaseProgress const&)> const& work);
 
 /// Runs `build` on a thread of its own; its messages are what `progress` is told, with None for the
 /// fraction.

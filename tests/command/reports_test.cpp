@@ -122,7 +122,7 @@ TEST_F(Command, IsNotSteeredByWhatFilesAreCalledOrHold) {
         Answer const answer = run(words);
         for (std::string const& text : {answer.out, answer.err, read("s.json")}) {
             EXPECT_EQ(text.find('\033'), std::string::npos) << text;
-            EXPECT_EQ(kelpatool::printable(text, true), text);
+            EXPECT_EQ(pipeline::printable(text, true), text);
         }
     }
     EXPECT_TRUE(contains(run({"info", name}).out, "\\x1b]0;owned\\x07\\xc3\u00e9"));

@@ -9,7 +9,7 @@
 namespace {
 
 using namespace kelpatest;
-using namespace kelpatool;
+using namespace pipeline;
 
 constexpr int count = 20000; // more than fit one block
 

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstdio>
 
-using namespace kelpatool;
+using namespace pipeline;
 using namespace kelpatest;
 
 namespace {

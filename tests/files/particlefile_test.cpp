@@ -18,7 +18,7 @@
 namespace {
 
 using namespace kelpatest;
-using namespace kelpatool;
+using namespace pipeline;
 
 TEST_F(ParticleFiles, AreUnpackedToTheLastByte) {
     std::string rows;

@@ -19,7 +19,7 @@
 namespace {
 
 using namespace kelpatest;
-using namespace kelpatool;
+using namespace pipeline;
 
 struct Encoding {
     char const* name;

@@ -10,7 +10,7 @@
 
 #include <cerrno>
 
-using namespace kelpatool;
+using namespace pipeline;
 using namespace kelpatest;
 
 namespace {

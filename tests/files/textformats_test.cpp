@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-using namespace kelpatool;
+using namespace pipeline;
 using namespace kelpatest;
 
 namespace {

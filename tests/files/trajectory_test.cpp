@@ -7,7 +7,7 @@
 #include <cmath>
 #include <iterator>
 
-using namespace kelpatool;
+using namespace pipeline;
 using namespace kelpatest;
 
 namespace {

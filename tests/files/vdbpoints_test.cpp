@@ -6,7 +6,7 @@
 #include <iterator>
 #include <map>
 
-using namespace kelpatool;
+using namespace pipeline;
 using namespace kelpatest;
 
 namespace {

@@ -11,7 +11,7 @@
 namespace {
 
 using namespace kelpatest;
-using namespace kelpatool;
+using namespace pipeline;
 
 TEST_F(ParticleFiles, HoldAtomsAsXyz) {
     ParticleSet const plain =

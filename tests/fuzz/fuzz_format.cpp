@@ -30,14 +30,14 @@ class MemoryFile {
 };
 
 void readFrame(std::string const& path, int frame, bool summarise, std::string const& assembly) {
-    kelpatool::ReadOptions options;
+    pipeline::ReadOptions options;
     options.format = KELPA_FUZZ_FORMAT;
     options.frame = frame;
     options.summarise = summarise;
     options.assembly = assembly;
     try {
-        kelpatool::readParticleFile(path, options);
-    } catch (kelpatool::InputError const&) {
+        pipeline::readParticleFile(path, options);
+    } catch (pipeline::InputError const&) {
         // What most inputs deserve.
     }
 }

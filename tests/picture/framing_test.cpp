@@ -14,7 +14,7 @@ namespace {
 
 using kelpatest::Random;
 
-using kelpatool::Vec;
+using pipeline::Vec;
 
 double along(Kelpa::Vector const& c, Vec const& eye, Vec const& axis) {
     return (static_cast<double>(c.x) - eye.x) * axis.x +
@@ -24,7 +24,7 @@ double along(Kelpa::Vector const& c, Vec const& eye, Vec const& axis) {
 
 /// How far the spheres reach over the frame's sides brought in by 5 %, relative to the cloud's
 /// size: 0 when one just touches, above 0 when one is beyond.
-double excess(kelpatool::Camera const& camera, std::vector<Kelpa::Vector> const& centers,
+double excess(pipeline::Camera const& camera, std::vector<Kelpa::Vector> const& centers,
               std::vector<float> const& radii, double size) {
     double const tangents[2] = {camera.tanHalfHeight * camera.width / camera.height / 1.05,
                                 camera.tanHalfHeight / 1.05};
@@ -58,17 +58,17 @@ TEST(Camera, FitsAllSpheresAndTouchesTheMargin) {
             centers.push_back({place.x + away.x, place.y + away.y, place.z + away.z});
             radii.push_back(size * random.between(0.01F, 0.5F));
         }
-        kelpatool::CameraOptions options;
+        pipeline::CameraOptions options;
         if (int const side = random.below(8); side > 0)
-            options.view = kelpatool::viewNames[side - 1].second;
+            options.view = pipeline::viewNames[side - 1].second;
         options.ortho = random.below(2) == 0;
         options.fov = static_cast<double>(random.between(5.0F, 120.0F));
         if (random.below(2) == 0)
             options.up = random.direction();
         char const upAxis = random.below(2) == 0 ? 'y' : 'z';
         auto const camera =
-            kelpatool::placeCamera(options, 10 + random.below(300), 10 + random.below(300), upAxis,
-                                   centers, radii, Vec{0, 0, 0});
+            pipeline::placeCamera(options, 10 + random.below(300), 10 + random.below(300), upAxis,
+                                  centers, radii, Vec{0, 0, 0});
         EXPECT_NEAR(excess(camera, centers, radii, static_cast<double>(size)), 0.0, 1e-9);
         auto const middle = camera.ray(camera.width * 0.5, camera.height * 0.5);
         EXPECT_NEAR(static_cast<double>(middle.dir.x), camera.forward.x, 1e-6);
@@ -94,7 +94,7 @@ TEST(Camera, SeesAFlatSetFaceOn) {
             }
             std::vector<float> const radii(centers.size(), 0.1F);
             auto const camera =
-                kelpatool::placeCamera({}, 160, 90, upAxis, centers, radii, Vec{0, 0, 0});
+                pipeline::placeCamera({}, 160, 90, upAxis, centers, radii, Vec{0, 0, 0});
             double const forward[3] = {camera.forward.x, camera.forward.y, camera.forward.z};
             EXPECT_EQ(std::abs(forward[axis]), 1.0) << axis << upAxis;
         }

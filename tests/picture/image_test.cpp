@@ -19,7 +19,7 @@
 #include <fstream>
 #include <iterator>
 
-using namespace kelpatool;
+using namespace pipeline;
 namespace fs = std::filesystem;
 
 namespace {

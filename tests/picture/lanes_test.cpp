@@ -27,22 +27,22 @@ namespace {
 
 using Kelpa::Vector;
 using kelpatest::Random;
-using kelpatool::Camera;
-using kelpatool::CellGrid;
-using kelpatool::Footprint;
-using kelpatool::LaneKernels;
-using kelpatool::Lanes3;
-using kelpatool::Vec;
-using kelpatool::wide;
-using kelpatool::operator+;
-using kelpatool::operator*;
-using kelpatool::cross;
-using kelpatool::dot;
-using kelpatool::unit;
+using pipeline::Camera;
+using pipeline::CellGrid;
+using pipeline::Footprint;
+using pipeline::LaneKernels;
+using pipeline::Lanes3;
+using pipeline::Vec;
+using pipeline::wide;
+using pipeline::operator+;
+using pipeline::operator*;
+using pipeline::cross;
+using pipeline::dot;
+using pipeline::unit;
 
 Camera cameraAt(Vec const& eye, Vector const& lookAt, bool isParallel, double fov) {
-    kelpatool::CameraOptions options;
-    options.eye = kelpatool::narrow(eye);
+    pipeline::CameraOptions options;
+    options.eye = pipeline::narrow(eye);
     options.lookAt = lookAt;
     options.ortho = isParallel;
     options.fov = fov;
@@ -96,8 +96,8 @@ LaneResults computed(LaneKernels const& kernels, Camera const& camera, unsigned 
         results.normal.z[i] = normal.z;
         results.color.x[i] = results.color.y[i] = results.color.z[i] = random.unit();
     }
-    kelpatool::Lighting light;
-    light.up = kelpatool::narrow(camera.up);
+    pipeline::Lighting light;
+    light.up = pipeline::narrow(camera.up);
     light.towardsKey = random.direction();
     kernels.cameraRays(camera, most, {results.corner[0], results.corner[1]},
                        {results.pattern[0], results.pattern[1]}, results.origin, results.dir);
@@ -117,13 +117,13 @@ TEST(LaneKernels, AllComputeTheSameBitsAndWhatTheyAreFor) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         SCOPED_TRACE(seed);
         Camera const camera = cameraAt({3, 4, 5}, {0, 1, 0}, seed % 2 == 1, 20.0 + seed % 100);
-        LaneResults const results = computed(kelpatool::laneKernels().front(), camera, seed);
-        for (LaneKernels const& kernels : kelpatool::laneKernels())
+        LaneResults const results = computed(pipeline::laneKernels().front(), camera, seed);
+        for (LaneKernels const& kernels : pipeline::laneKernels())
             EXPECT_TRUE(computed(kernels, camera, seed) == results);
 
         for (std::size_t i = 0; i < LaneResults::most; ++i) {
-            double const x = kelpatool::fraction(results.pattern[0][i]);
-            double const y = kelpatool::fraction(results.pattern[1][i]);
+            double const x = pipeline::fraction(results.pattern[0][i]);
+            double const y = pipeline::fraction(results.pattern[1][i]);
             EXPECT_EQ(x, results.pattern[0][i] - std::floor(results.pattern[0][i]));
             auto const ray = camera.ray(results.corner[0][i] + x, results.corner[1][i] + y);
             EXPECT_EQ(results.origin.y[i], ray.origin[1]);
@@ -153,8 +153,8 @@ struct Spheres {
         to.push_back(end);
         radii.push_back(radius);
     }
-    kelpatool::Scene scene(bool isMoving) const {
-        kelpatool::Scene made;
+    pipeline::Scene scene(bool isMoving) const {
+        pipeline::Scene made;
         made.first = std::make_unique<Kelpa::ParticleSystem>(from, radii);
         if (isMoving)
             made.second = std::make_unique<Kelpa::ParticleSystem>(to, radii);

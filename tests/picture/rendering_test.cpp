@@ -25,16 +25,16 @@
 namespace {
 
 using kelpatest::Random;
-using kelpatool::numberedName;
-using kelpatool::Vec;
+using pipeline::numberedName;
+using pipeline::Vec;
 
 TEST(OutputNames, TakeTheNumberInTheirOnePlace) {
     EXPECT_EQ(numberedName("a.####.png", 7), "a.0007.png");
     EXPECT_EQ(numberedName("a%04d.exr", 123456), "a123456.exr");
     EXPECT_EQ(numberedName("%d", 0), "0");
     EXPECT_EQ(numberedName("#1/%d%/a#%b.png", 12), "#1/%d%/a12%b.png") << "a folder's name stays";
-    EXPECT_TRUE(kelpatool::hasNumberPlace("x/#.png"));
-    EXPECT_FALSE(kelpatool::hasNumberPlace("#/50%.png"));
+    EXPECT_TRUE(pipeline::hasNumberPlace("x/#.png"));
+    EXPECT_FALSE(pipeline::hasNumberPlace("#/50%.png"));
     EXPECT_THROW(numberedName("a.png", 1), std::invalid_argument);
     EXPECT_THROW(numberedName("#-%d.png", 1), std::invalid_argument);
 }
@@ -45,12 +45,12 @@ TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
         Random random(seed);
         std::vector<Kelpa::Vector> const centers = {{0, 0, 0}, {4, 0, 0}, random.inCube(1.0F)};
         std::vector<float> const radii = {0.5F, 0.5F, 0.1F};
-        kelpatool::CameraOptions options;
+        pipeline::CameraOptions options;
         options.turntable = 12;
         options.ortho = seed % 2 == 1;
         if (seed % 3 == 0)
-            options.view = kelpatool::View::top;
-        Vec const centre = kelpatool::boundsOf(centers).centre();
+            options.view = pipeline::View::top;
+        Vec const centre = pipeline::boundsOf(centers).centre();
         double narrowest = 1e30; // how far the spheres stay from the frame, over all pictures
         Vec const first =
             placeTurntable(options, 0, 160, 90, 'y', centers, radii, {0, 0, 0}).eye - centre;
@@ -65,7 +65,7 @@ TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
                             first.z * std::sin(picture * 0.5235987755982988),
                         1e-9);
             for (std::size_t i = 0; i < centers.size(); ++i) {
-                Vec const c = kelpatool::wide(centers[i]) - camera.eye;
+                Vec const c = pipeline::wide(centers[i]) - camera.eye;
                 double const tangent = camera.tanHalfHeight;
                 double const across = std::abs(dot(c, camera.up));
                 double const room =
@@ -82,16 +82,16 @@ TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
 
 // ------------------------------------------------------------ pictures ----
 
-using kelpatool::Image;
-using kelpatool::Options;
-using kelpatool::ParticleSet;
+using pipeline::Image;
+using pipeline::ParticleSet;
+using pipeline::tool::Options;
 
 /// Renders particles, on their way to `second` if there is one.
 Image render(Options options, ParticleSet const& particles, ParticleSet const* second,
              int threads = 1) {
     options.particles.files = {"first"};
     auto const ignore = [](auto const&...) {};
-    kelpatool::Scene scene = makeScene(options.scene, particles, second, {}, ignore, ignore);
+    pipeline::Scene scene = makeScene(options.scene, particles, second, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
     auto const camera =
@@ -100,8 +100,8 @@ Image render(Options options, ParticleSet const& particles, ParticleSet const* s
     return renderImage(scene, camera, options.image, options.light, threads, {});
 }
 
-kelpatool::ImageOptions allChannels(int width, int height, int samples) {
-    kelpatool::ImageOptions image;
+pipeline::ImageOptions allChannels(int width, int height, int samples) {
+    pipeline::ImageOptions image;
     image.width = width;
     image.height = height;
     image.samples = samples;
@@ -127,7 +127,7 @@ TEST(Channels, TellWhereThePixelsMiddleRayMeetsWhichParticle) {
     for (std::size_t at = 0; at < image.depth.size(); ++at) {
         ++pixelsOf[image.id[at]];
         if (image.depth[at] == 1e30F) {
-            EXPECT_EQ(image.id[at], kelpatool::idOfNothing);
+            EXPECT_EQ(image.id[at], pipeline::idOfNothing);
             EXPECT_EQ(image.alpha[at] + image.normal[3 * at], 0.0F);
             continue;
         }
@@ -137,7 +137,7 @@ TEST(Channels, TellWhereThePixelsMiddleRayMeetsWhichParticle) {
                            static_cast<double>(image.position[3 * at + 2])};
         Vec const fromEye = place - Vec{0, 0, 8};
         EXPECT_NEAR(std::sqrt(dot(fromEye, fromEye)), static_cast<double>(image.depth[at]), 1e-5);
-        Vec const out = (place - kelpatool::wide(particles.positions[i])) *
+        Vec const out = (place - pipeline::wide(particles.positions[i])) *
                         (1.0 / static_cast<double>(particles.radii[i]));
         EXPECT_NEAR(out.x, static_cast<double>(image.normal[3 * at]), 1e-5);
         EXPECT_NEAR(out.z, static_cast<double>(image.normal[3 * at + 2]), 1e-5);
@@ -170,7 +170,7 @@ void paste(Image const& part, Image& whole) {
 }
 
 TEST(Tiles, RenderedApartOnAnyThreadsMakeTheWholeBitForBit) {
-    ParticleSet still = kelpatool::generateParticles("galaxy", 4000, 5, [](auto const&...) {});
+    ParticleSet still = pipeline::generateParticles("galaxy", 4000, 5, [](auto const&...) {});
     std::copy_n(still.positions.begin(), 1000, still.positions.begin() + 1000); // ties
     still.radii.assign(still.positions.size(), 4.0F * still.radii[0]);
     ParticleSet moved = still;
@@ -216,39 +216,39 @@ TEST(Scenes, CountAndFrameWhatTreesTake) {
     ParticleSet second = first;
     second.positions[2].x = 3e38F;
     auto const ignore = [](auto const&...) {};
-    kelpatool::SceneOptions options;
+    pipeline::SceneOptions options;
     options.motion.shutter = {0.0, 1.0};
-    kelpatool::Scene const scene = makeScene(options, first, &second, {}, ignore, ignore);
+    pipeline::Scene const scene = makeScene(options, first, &second, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, {});
     EXPECT_EQ(scene.geometry->statistics().used, 2);
     EXPECT_EQ(scene.rejected.notFinite, 1U);
     EXPECT_EQ(scene.rejected.notPositive, 0U);
     EXPECT_EQ(scene.framedRadii, (std::vector<float>{0.5F, 0.5F, 0.25F, 0.25F}));
-    EXPECT_EQ(kelpatool::boundsOf(scene.framedCenters).diagonal(), std::sqrt(14.0));
+    EXPECT_EQ(pipeline::boundsOf(scene.framedCenters).diagonal(), std::sqrt(14.0));
 }
 
 TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     ParticleSet const particles =
-        kelpatool::generateParticles("splash", 3000, 5, [](auto const&...) {});
+        pipeline::generateParticles("splash", 3000, 5, [](auto const&...) {});
     Options options;
     options.image = allChannels(50, 41, 18); // more samples than are taken at once
     auto const ignore = [](auto const&...) {};
-    kelpatool::Scene scene = makeScene(options.scene, particles, nullptr, {}, ignore, ignore);
+    pipeline::Scene scene = makeScene(options.scene, particles, nullptr, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     scene.geometry->build(progress, nullptr, options.tree);
-    auto const pictureFrom = [&](kelpatool::View view) {
+    auto const pictureFrom = [&](pipeline::View view) {
         options.camera.view = view;
         auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters,
                                         scene.framedRadii, scene.origin);
-        return kelpatool::Picture(scene, camera, options.light, options.image);
+        return pipeline::Picture(scene, camera, options.light, options.image);
     };
-    auto const render = [](kelpatool::Picture const& picture, std::size_t first, Image& image) {
+    auto const render = [](pipeline::Picture const& picture, std::size_t first, Image& image) {
         for (std::size_t i = 0; i < picture.tileCount(); ++i)
             picture.renderTile((first + 5 * i) % picture.tileCount(), image);
     };
-    kelpatool::Picture const top = pictureFrom(kelpatool::View::top);
-    kelpatool::Picture const front = pictureFrom(kelpatool::View::front);
+    pipeline::Picture const top = pictureFrom(pipeline::View::top);
+    pipeline::Picture const front = pictureFrom(pipeline::View::front);
     ASSERT_NE(front.tileCount() % 5, 0U);
     Image image = top.emptyImage();
     Image expected = image;
@@ -267,7 +267,7 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
 /// The largest factor between a part of the tiles, from a fifth on, and its part of their cost.
 double mostMisled(std::size_t columns, std::size_t rows,
                   std::function<double(double x, double y)> const& costAt) {
-    kelpatool::TileOrder const order(columns * rows);
+    pipeline::TileOrder const order(columns * rows);
     std::set<std::size_t> seen;
     std::vector<double> costs;
     for (std::size_t turn = 0; turn < columns * rows; ++turn) {

@@ -13,7 +13,7 @@
 namespace {
 
 using namespace kelpatest;
-using namespace kelpatool;
+using namespace pipeline;
 
 TEST(GeneratedParticles, AreTheSameEverywhere) {
     // FNV-1a over all bits, as other compilers, optimisation levels and machines find them.

@@ -7,7 +7,7 @@
 #include <cmath>
 #include <random>
 
-using namespace kelpatool;
+using namespace pipeline;
 
 TEST(Snapshots, FindEachParticleAPartnerOfItsOwn) {
     auto const set = [](std::vector<std::int64_t> ids, std::size_t count) {

@@ -14,7 +14,7 @@
 namespace {
 
 using namespace kelpatest;
-using namespace kelpatool;
+using namespace pipeline;
 
 TEST(RadiusFromSpacing, IsHalfTheWayToTheSixthNeighbour) {
     auto const lattice = [](int n, float step) {

@@ -18,9 +18,9 @@
 namespace kelpatest {
 
 namespace fs = std::filesystem;
-using kelpatool::InputError;
-using kelpatool::ParticleSet;
-using kelpatool::ReadOptions;
+using pipeline::InputError;
+using pipeline::ParticleSet;
+using pipeline::ReadOptions;
 
 /// A folder of its own for each test, with the files that the test puts there.
 class ParticleFiles : public testing::Test {
@@ -44,7 +44,7 @@ class ParticleFiles : public testing::Test {
         try {
             readParticleFile(path, options);
         } catch (InputError const& error) {
-            std::string text = error.what() + kelpatool::hintText(error.hint);
+            std::string text = error.what() + pipeline::tool::hintText(error.hint);
             std::size_t const at = text.find(folder.string() + "/");
             return at == 0 ? text.substr(folder.string().size() + 1) : text;
         }

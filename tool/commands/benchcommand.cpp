@@ -21,7 +21,7 @@
 #include <numbers>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -256,4 +256,4 @@ int runBench(Options const& given) {
     return 0;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

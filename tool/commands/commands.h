@@ -3,7 +3,7 @@
 
 #include "tool/options/options.h"
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 // The commands. Each returns the process's exit code or throws what `main` turns into one.
 
@@ -13,4 +13,4 @@ int runConvert(Options const& options);
 int runGenerate(Options const& options);
 int runBench(Options const& options);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -8,7 +8,7 @@
 
 #include <fmt/format.h>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -36,4 +36,4 @@ int runConvert(Options const& options) {
     return 0;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

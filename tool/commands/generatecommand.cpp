@@ -6,7 +6,7 @@
 #include "tool/commands/saveparticles.h"
 #include "tool/report/phases.h"
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 int runGenerate(Options const& options) {
     checkWritable(options.output);
@@ -18,4 +18,4 @@ int runGenerate(Options const& options) {
     return 0;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

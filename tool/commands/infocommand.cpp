@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <system_error>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -152,4 +152,4 @@ int runInfo(Options const& options) {
     return exitCode;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

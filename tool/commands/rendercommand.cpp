@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -252,4 +252,4 @@ int runRender(Options const& options) {
     return 0;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -5,7 +5,7 @@
 #include "tool/process/standardstreams.h"
 #include "tool/report/phases.h"
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 void saveParticles(Options const& options, ParticleSet const& particles) {
     withProgress("write", options.run, [&](PhaseProgress const& progress) {
@@ -16,4 +16,4 @@ void saveParticles(Options const& options, ParticleSet const& particles) {
         say("wrote {}, {} particles\n", options.output, withCommas(particles.positions.size()));
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

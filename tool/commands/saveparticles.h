@@ -5,9 +5,9 @@
 
 #include "tool/options/options.h"
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// Writes particles to the command's output as PLY, with progress, and says so.
 void saveParticles(Options const& options, ParticleSet const& particles);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

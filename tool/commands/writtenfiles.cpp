@@ -8,7 +8,7 @@
 
 #include <variant>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 WrittenFiles::WrittenFiles(Options const& options) {
     std::vector<std::string> given = options.particles.files;
@@ -45,4 +45,4 @@ std::optional<WrittenFiles::Identity> WrittenFiles::identityOf(std::string const
     return counts ? std::optional(Identity{status.st_dev, status.st_ino}) : std::nullopt;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

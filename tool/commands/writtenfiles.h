@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// Keeps what a command writes apart from what it reads and from what else it writes, by what the
 /// names lead to: links of both kinds and other ways to a file count. Devices and sockets, such as
@@ -37,4 +37,4 @@ class WrittenFiles {
     std::set<std::string> names; ///< of all that were added, with links resolved
 };
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 std::string hintText(Hint const& hint) {
     switch (hint.to) {
@@ -32,4 +32,4 @@ std::string hintText(Hint const& hint) {
     return "";
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -5,9 +5,9 @@
 
 #include <string>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// What follows a text that has this hint, with the options that are meant; empty for none.
 std::string hintText(Hint const& hint);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -107,4 +107,4 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         throw UsageError("--eye and --view both place the camera; use one of them");
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

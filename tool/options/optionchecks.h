@@ -5,7 +5,7 @@
 
 #include <functional>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// Whether the command line has an option, given by its long name.
 using GivenOption = std::function<bool(char const* name)>;
@@ -14,4 +14,4 @@ using GivenOption = std::function<bool(char const* name)>;
 /// of two files a motion.
 void checkTogether(GivenOption const& isGiven, Options& options);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// A number at the start of a text, with blanks around it, and for real ones as a fraction too:
 /// 1/25. Gives what follows it, or null.
@@ -150,4 +150,4 @@ inline CLI::Validator anySeed() {
     return between(std::uint64_t{0}, std::numeric_limits<std::uint64_t>::max());
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -14,7 +14,7 @@
 #include <optional>
 #include <sstream>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -364,4 +364,4 @@ void addPictureRunOptions(CLI::App& app, Options& options) {
         ->group("Run");
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -11,7 +11,7 @@ class App;
 class Option;
 } // namespace CLI
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 void addRunOptions(CLI::App& app, RunOptions& run);
 /// What to read of a file; gives the option for the column of radii.
@@ -28,4 +28,4 @@ void addPictureRunOptions(CLI::App& app, Options& options);
 /// Ranges between commas.
 std::vector<FrameRange> parseFrameRanges(std::string const& text);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

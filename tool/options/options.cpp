@@ -14,7 +14,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -203,4 +203,4 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     return options;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

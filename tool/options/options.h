@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// Options that contradict each other or make no sense; the text says which and what to do.
 class UsageError : public std::invalid_argument {
@@ -72,4 +72,4 @@ struct Options {
 /// `exitCode` and returns nothing.
 std::optional<Options> parseOptions(int argc, char const* const* argv, int& exitCode);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

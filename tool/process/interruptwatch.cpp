@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <system_error>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -46,4 +46,4 @@ void InterruptWatch::watch(std::stop_token const& stop) {
         endUnlessWriting();
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

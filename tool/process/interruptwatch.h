@@ -6,7 +6,7 @@
 #include <stop_token>
 #include <thread>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// Ends the process, with the message and code of an interruption, when Ctrl-C was pressed and what
 /// runs in its scope has not ended for a moment.
@@ -26,4 +26,4 @@ class InterruptWatch {
     std::jthread watcher; // last, so that it ends before what it uses
 };
 
-} // namespace kelpatool
+} // namespace pipeline::tool

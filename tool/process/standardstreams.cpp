@@ -8,7 +8,7 @@
 
 #include <csignal>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 void secureStandardStreams() {
     for (int const stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -30,4 +30,4 @@ void finishStandardOutput() {
     throw OutputError("standard output cannot be written");
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 // Standard output and error as the shell hands them over: closed, full, or a pipe whose reader has
 // left.
@@ -30,4 +30,4 @@ template <class... Values> void say(fmt::format_string<Values...> text, Values&&
 /// could be written; when a pipe's reader has seen enough, the process ends as usual in that case.
 void finishStandardOutput();
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 void FilmProgress::begin(std::uint64_t pictures, std::string const& name) {
     total = pictures;
@@ -43,4 +43,4 @@ std::string FilmProgress::remark() const {
     return fmt::format("; {} {} of {}{}", unit, finished, total, timeLeft());
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

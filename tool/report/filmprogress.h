@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// How far a run of several pictures has come, and how long the others will take.
 class FilmProgress {
@@ -30,4 +30,4 @@ class FilmProgress {
     double secondsOfFinished = 0.0;
 };
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -17,7 +17,7 @@
 #include <cstdio>
 #include <filesystem>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 std::string baseName(std::string const& path) {
     return std::filesystem::path(path).filename().string();
@@ -94,8 +94,8 @@ std::optional<ParticleSet> SnapshotReader::readSecond(ParticleSet const& first) 
     if (!hasSecondSnapshot(motion))
         return std::nullopt;
     SecondSnapshot second = withProgress("read", options.run, [&](PhaseProgress const& progress) {
-        return kelpatool::readSecond(motion, source, first, options.particles.frame,
-                                     options.particles.elements, readOptions(progress));
+        return pipeline::readSecond(motion, source, first, options.particles.frame,
+                                    options.particles.elements, readOptions(progress));
     });
     if (!second.gap.empty())
         noteGap(second.gap, "; the motion is that of one");
@@ -176,4 +176,4 @@ std::uint64_t peakMegabytes() {
     return static_cast<std::uint64_t>(usage.ru_maxrss) / 1024;
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 // The phases that commands are made of, each with its progress display and its answer to Ctrl-C.
 
@@ -116,4 +116,4 @@ Bounds inFile(Bounds const& bounds, Vec const& origin);
 /// The most memory that the process had so far.
 std::uint64_t peakMegabytes();
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 namespace {
 
@@ -108,4 +108,4 @@ std::string RenderStatistics::asJson(int threads, std::uint64_t peakMegabytes) c
            "\n";
 }
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline::tool {
 
 /// What one picture took.
 struct PictureStatistics {
@@ -54,4 +54,4 @@ Json jsonOf(Rejected const& rejected);
 /// How far particles move.
 Json jsonOfMotion(Scene const& scene);
 
-} // namespace kelpatool
+} // namespace pipeline::tool

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -173,4 +173,4 @@ std::vector<Placement> parseOperators(InputFile const& file, std::string_view ex
     return products;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

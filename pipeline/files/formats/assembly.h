@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A rotation and a translation of a molecule: per axis three factors and an offset.
 struct Placement {
@@ -61,4 +61,4 @@ class AssemblyRemarks {
 std::vector<Placement> parseOperators(InputFile const& file, std::string_view expression,
                                       std::function<Placement(std::string_view name)> const& find);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -13,7 +13,7 @@
 // with their default values, and a row per point: a homogeneous position and the attributes, four
 // bytes a number. Groups and primitives stand behind the points and are left alone.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -176,4 +176,4 @@ ParticleSet readBgeo(InputFile& file, ReadOptions const& options) {
     return particles;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

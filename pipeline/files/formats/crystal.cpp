@@ -8,7 +8,7 @@
 #include <cmath>
 #include <unordered_map>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -318,4 +318,4 @@ ParticleSet readCrystal(InputFile& file, CifFile& cif, ReadOptions const& option
     return particles;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A number of CIF: with its uncertainty in brackets behind it, or not.
 template <class Number> bool parseCifNumber(std::string const& value, Number& number) {
@@ -22,4 +22,4 @@ std::optional<PeriodicCell> cellOf(CifFile& cif, std::string const& category);
 /// operations of its symmetry.
 ParticleSet readCrystal(InputFile& file, CifFile& cif, ReadOptions const& options);
 
-} // namespace kelpatool
+} // namespace pipeline

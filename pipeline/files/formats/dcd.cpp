@@ -18,7 +18,7 @@
 // titles and the number of atoms each frame has perhaps a cell and then all x, all y and all z.
 // Atoms may be fixed: then only the first frame has those.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -242,4 +242,4 @@ ParticleSet readDcd(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, *file.frameFormat, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -69,4 +69,4 @@ void requireOnlyFrame(InputFile const& file, ReadOptions const& options, std::st
             fmt::format("{}: no frame {}; {} holds one", file.path(), options.frame, what));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -5,7 +5,7 @@
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/readoptions.h"
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A format whose files hold frame after frame, as `readFrameOf` asks for them.
 class FrameFormat {
@@ -27,4 +27,4 @@ ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const&
 /// Refuses to read any frame but the only one, 0 or -1, of a file such as "a PLY file".
 void requireOnlyFrame(InputFile const& file, ReadOptions const& options, std::string_view what);
 
-} // namespace kelpatool
+} // namespace pipeline

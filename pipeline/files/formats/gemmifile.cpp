@@ -6,7 +6,7 @@
 #include <gemmi/pdb.hpp>
 #include <gemmi/symmetry.hpp>
 
-namespace kelpatool {
+namespace pipeline {
 
 void forEachPdbAtom(std::string const& records, std::function<void(PdbAtom const&)> const& take) {
     gemmi::Structure const structure = gemmi::read_pdb_string(records, "");
@@ -168,4 +168,4 @@ std::unique_ptr<CifTable> CifFile::find(std::string const& category,
     return std::make_unique<Table>(document->parsed.blocks[current].find(category, tags));
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -13,7 +13,7 @@
 // What is asked of gemmi, in words of our own. This header and its source are C++17: clang 14
 // cannot compile gemmi as C++20 with the standard library of g++.
 
-namespace kelpatool {
+namespace pipeline {
 
 /// An atom as gemmi reads it from PDB records; the texts live as long as the call that it is for.
 struct PdbAtom {
@@ -82,4 +82,4 @@ class CifFile {
     std::size_t current = 0;
 };
 
-} // namespace kelpatool
+} // namespace pipeline

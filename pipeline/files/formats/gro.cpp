@@ -15,7 +15,7 @@
 // name and number, then places in nanometres and perhaps velocities, all as wide as the distance of
 // the decimal points in the first row tells.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -259,4 +259,4 @@ ParticleSet readGro(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, frames, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

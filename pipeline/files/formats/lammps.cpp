@@ -14,7 +14,7 @@
 // of items, each a line that starts with "ITEM:" and the lines that belong to it. The item ATOMS
 // names the columns of the rows that follow; their order changes from frame to frame.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -309,4 +309,4 @@ ParticleSet readLammps(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, frames, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -13,7 +13,7 @@
 // of which Atoms and Velocities are read. What the words of an atom's row are depends on a style
 // that many files do not name; where they do not, it is told from the rows.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -258,4 +258,4 @@ ParticleSet readLammpsData(InputFile& file, ReadOptions const& options) {
     return particles;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -12,7 +12,7 @@
 // CIF: of macromolecules (mmCIF) the models are frames, of alternate locations the first is read,
 // and if asked for the whole biological assembly. Files of small molecules are crystals.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -222,4 +222,4 @@ ParticleSet readMmCif(InputFile& file, ReadOptions const& options) {
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

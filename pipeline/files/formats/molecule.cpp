@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <limits>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -167,4 +167,4 @@ ParticleSet makeParticles(InputFile& file, Molecule& molecule, AtomKind kind,
     return particles;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// An atom as `RowConverter` sees it.
 struct AtomRow {
@@ -78,4 +78,4 @@ std::optional<PeriodicCell> cellOfAngles(std::array<double, 3> const& lengths,
 ParticleSet makeParticles(InputFile& file, Molecule& molecule, AtomKind kind,
                           ReadOptions const& options, std::string_view format);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -15,7 +15,7 @@
 // damaged numbers for zeros, and assemblies are read here, because it wants them in columns that
 // real files of large viruses leave.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -205,4 +205,4 @@ ParticleSet readPdb(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, frames, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -15,7 +15,7 @@
 // their properties, then all rows of the first element, all rows of the second, and so on. Only
 // `vertex` is read; what stands before it is skipped and what stands behind it is left alone.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -291,4 +291,4 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options) {
     return particles;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -105,4 +105,4 @@ PlyHeader readPlyHeader(InputFile& file) {
     file.fail("the header does not end: no line says end_header");
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace kelpatool {
+namespace pipeline {
 
 enum class PlyEncoding { ascii, littleEndian, bigEndian };
 
@@ -48,4 +48,4 @@ struct PlyHeader {
 /// Reads the header up to the line that ends it. Refuses what is none.
 PlyHeader readPlyHeader(InputFile& file);
 
-} // namespace kelpatool
+} // namespace pipeline

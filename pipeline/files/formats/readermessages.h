@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 enum class ReaderMessage : char {
     hello = 'h',   ///< `readerGreeting`
@@ -25,4 +25,4 @@ constexpr std::string_view readerGreeting = "kelpa-reader 1";
 constexpr int readerFileDescriptor = 3;
 constexpr std::uint64_t longestReaderMessage = 16 * 1024 * 1024;
 
-} // namespace kelpatool
+} // namespace pipeline

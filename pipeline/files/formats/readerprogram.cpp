@@ -20,7 +20,7 @@
 
 extern char** environ;
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -254,4 +254,4 @@ void readByProgram(InputFile& file, ReaderProgram const& program, ColumnNames co
     }
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A program that reads a format, and what to tell those who lack it.
 struct ReaderProgram {
@@ -28,4 +28,4 @@ std::string findReaderProgram(std::string_view name);
 void readByProgram(InputFile& file, ReaderProgram const& program, ColumnNames const& names,
                    ReadOptions const& options, ParticleSet& particles);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -8,7 +8,7 @@
 
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 ParticleSet readPly(InputFile& file, ReadOptions const& options);
 ParticleSet readXyz(InputFile& file, ReadOptions const& options);
@@ -24,4 +24,4 @@ ParticleSet readPdb(InputFile& file, ReadOptions const& options);
 ParticleSet readMmCif(InputFile& file, ReadOptions const& options);
 ParticleSet readVdb(InputFile& file, ReadOptions const& options);
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <optional>
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -171,4 +171,4 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
             file.path(), parser.firstLongRow, frame.name, layout.words.size(), parser.longRows)});
 }
 
-} // namespace kelpatool
+} // namespace pipeline

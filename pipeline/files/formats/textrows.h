@@ -5,7 +5,7 @@
 
 #include <functional>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// What a word of a row is. Text is passed over.
 enum class WordKind : std::uint8_t { number, logical, element, text };
@@ -68,4 +68,4 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
                   ColumnNames const& names, ReadOptions const& options, ParticleSet& particles,
                   std::function<void(char* row)> const& derive = {});
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -13,7 +13,7 @@
 // blocks, then those blocks: the box, places in nanometres, velocities in nanometres a picosecond,
 // and others, which are passed over. A frame may lack any of them.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -168,4 +168,4 @@ ParticleSet readTrr(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, frames, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

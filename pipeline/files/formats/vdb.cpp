@@ -7,7 +7,7 @@
 // VDB points, through OpenVDB, which the program kelpa-read-vdb is linked to: the library starts
 // threads wherever it is loaded, and believes what a file says of itself.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -37,4 +37,4 @@ ParticleSet readVdb(InputFile& file, ReadOptions const& options) {
     return particles;
 }
 
-} // namespace kelpatool
+} // namespace pipeline

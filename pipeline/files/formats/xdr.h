@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace kelpatool {
+namespace pipeline {
 
 /// A number of 4 or 8 bytes at the front of some.
 template <class Number> Number xdrNumber(char const* bytes) {
@@ -34,4 +34,4 @@ template <class Number> Number takeXdrNumber(InputFile& file, std::string_view w
     return xdrNumber<Number>(takeXdr(file, sizeof(Number), what).data());
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -15,7 +15,7 @@
 // by steps (D. van der Spoel and others, GROMACS reference manual, "xtc"; F. van Hoesel's
 // coordinate packing).
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -338,4 +338,4 @@ ParticleSet readXtc(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, frames, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline

@@ -13,7 +13,7 @@
 // the columns of the rows in the comment: Properties=species:S:1:pos:R:3:..., a name, a type (S
 // text, R real, I integer, L logical) and how many columns it spans.
 
-namespace kelpatool {
+namespace pipeline {
 
 namespace {
 
@@ -224,4 +224,4 @@ ParticleSet readXyz(InputFile& file, ReadOptions const& options) {
     return readFrameOf(file, frames, options);
 }
 
-} // namespace kelpatool
+} // namespace pipeline
