@@ -105,11 +105,19 @@ std::size_t Picture::tileCount() const {
     return static_cast<std::size_t>(columns) * static_cast<std::size_t>(rows);
 }
 
-void Picture::renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn) const {
+TilePlace Picture::placeOf(std::size_t tile) const {
     auto const column = static_cast<int>(tile % static_cast<std::size_t>(columns));
     auto const row = static_cast<int>(tile / static_cast<std::size_t>(columns));
-    pipeline::renderTile(plan, (firstColumn + column) * tileWidth, (firstRow + row) * tileWidth,
-                         image, goOn);
+    return {(firstColumn + column) * tileWidth, (firstRow + row) * tileWidth};
+}
+
+void Picture::renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn) const {
+    addSamples(tile, 0, plan.samples, image, goOn);
+}
+
+bool Picture::addSamples(std::size_t tile, std::uint32_t first, std::uint32_t count, Image& image,
+                         Kelpa::GoOn const& goOn) const {
+    return pipeline::addSamples(plan, placeOf(tile), {first, count}, image, goOn);
 }
 
 Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& options,

@@ -29,10 +29,20 @@ class Picture {
     ///
     /// Every sample depends on its pixel, its number and the seed alone: tiles may be rendered in
     /// any order, and by any number of threads at once, each tile by one, with 1 MiB of stack
-    /// left. The tile is left half done when `goOn`, which is asked now and then, says no.
+    /// left. The tile is left half done when `goOn`, which is asked every few milliseconds, says
+    /// no.
     void renderTile(std::size_t tile, Image& image, Kelpa::GoOn const& goOn = {}) const;
 
+    /// Adds samples `first` to `first` + `count` - 1 of the picture's to a tile that holds the ones
+    /// before; in the end it is bit for bit what `renderTile` makes. On the way `rgb` and `alpha`
+    /// hold sums that lack the others: times all samples over those so far they are the picture as
+    /// far as it is known. Returns false where `goOn` ended the work.
+    bool addSamples(std::size_t tile, std::uint32_t first, std::uint32_t count, Image& image,
+                    Kelpa::GoOn const& goOn = {}) const;
+
   private:
+    TilePlace placeOf(std::size_t tile) const;
+
     ImageOptions options;
     PicturePlan plan;
     int firstColumn; ///< of tiles

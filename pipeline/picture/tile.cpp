@@ -33,6 +33,11 @@ void storePixel(Image& image, std::size_t index, Vector const& light, float cove
     image.alpha[index] = coverage;
 }
 
+Vector lightOf(Image const& image, std::size_t index) {
+    float const* const rgb = image.rgb.data() + 3 * index;
+    return {rgb[0], rgb[1], rgb[2]};
+}
+
 /// Empties a pixel's further channels.
 void clearChannels(Image& image, std::size_t index) {
     if (!image.depth.empty())
@@ -47,21 +52,36 @@ void clearChannels(Image& image, std::size_t index) {
     }
 }
 
+/// Adds samples that see the background to a pixel that no particle shows in.
+void addEmptySamples(PicturePlan const& plan, int row, SampleRange const& range, Image& image,
+                     std::size_t index) {
+    auto const y = static_cast<std::size_t>(row);
+    if (range.first == 0 && range.count == plan.samples)
+        return storePixel(image, index, plan.emptyPixels[y], 0.0F);
+    float const weight = 1.0F / static_cast<float>(plan.samples);
+    Vector light = range.first == 0 ? Vector{} : lightOf(image, index);
+    for (std::uint32_t sample = 0; sample < range.count; ++sample)
+        light = light + plan.backgrounds[y] * weight;
+    storePixel(image, index, light, 0.0F);
+}
+
 /// Collects the tile's pixels that particles may show in, and finishes the others.
-std::size_t gatherPixels(PicturePlan const& plan, int left, int top, Image& image,
-                         TilePixel (&pixels)[pixelsPerTile]) {
+std::size_t gatherPixels(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                         Image& image, TilePixel (&pixels)[pixelsPerTile]) {
     std::size_t count = 0;
     auto const width = static_cast<std::size_t>(image.cropX1 - image.cropX0);
+    bool const isFirst = range.first == 0;
     for (Place const& place : placesInTile) {
-        int const x = left + place.x;
-        int const y = top + place.y;
+        int const x = tile.left + place.x;
+        int const y = tile.top + place.y;
         if (x < image.cropX0 || x >= image.cropX1 || y < image.cropY0 || y >= image.cropY1)
             continue;
         std::size_t const index = static_cast<std::size_t>(y - image.cropY0) * width +
                                   static_cast<std::size_t>(x - image.cropX0);
-        clearChannels(image, index);
+        if (isFirst)
+            clearChannels(image, index);
         if (!plan.footprint.reaches(x, y)) {
-            storePixel(image, index, plan.emptyPixels[static_cast<std::size_t>(y)], 0.0F);
+            addEmptySamples(plan, y, range, image, index);
             continue;
         }
         PixelSamples const samples(x, y, plan.seed);
@@ -71,37 +91,38 @@ std::size_t gatherPixels(PicturePlan const& plan, int left, int top, Image& imag
                            samples,
                            samples.start(lensPattern),
                            samples.start(firstOcclusionPattern),
-                           {},
-                           0.0F};
+                           isFirst ? Vector{} : lightOf(image, index),
+                           isFirst ? 0.0F : image.alpha[index]};
     }
     return count;
 }
 
 } // namespace
 
-void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa::GoOn const& goOn) {
+bool addSamples(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                Image& image, Kelpa::GoOn const& goOn) {
     TilePixel pixels[pixelsPerTile];
-    std::size_t const count = gatherPixels(plan, left, top, image, pixels);
+    std::size_t const count = gatherPixels(plan, tile, range, image, pixels);
     if (count == 0)
-        return;
+        return true;
     // On the stack, 700 kB: where threads have taken all the memory that there is, their stacks are
     // still theirs.
     TilePasses passes(plan, std::span(pixels, count));
     std::uint32_t const numPasses =
-        (plan.samples + TilePasses::mostSamples - 1) / TilePasses::mostSamples;
-    std::uint32_t first = 0;
+        (range.count + TilePasses::mostSamples - 1) / TilePasses::mostSamples;
+    std::uint32_t done = 0;
     for (std::uint32_t pass = 0; pass < numPasses; ++pass) {
-        if (goOn && !goOn())
-            return;
         // As many in every pass, or one more.
-        std::uint32_t const samples = (plan.samples - first) / (numPasses - pass);
-        passes.add(first, samples, goOn);
-        if (first == 0)
+        std::uint32_t const samples = (range.count - done) / (numPasses - pass);
+        if (!passes.add(range.first + done, samples, goOn))
+            return false;
+        if (range.first + done == 0)
             passes.storeFirstHits(image);
-        first += samples;
+        done += samples;
     }
     for (TilePixel const& pixel : std::span(pixels, count))
         storePixel(image, pixel.index, pixel.light, pixel.coverage);
+    return true;
 }
 
 } // namespace pipeline

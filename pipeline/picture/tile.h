@@ -50,8 +50,21 @@ struct TilePixel {
     float coverage;
 };
 
-/// Renders the tile whose upper left pixel is given, as far as it lies in the part that `image`
-/// holds; leaves it half done when `goOn` says no.
-void renderTile(PicturePlan const& plan, int left, int top, Image& image, Kelpa::GoOn const& goOn);
+/// The upper left pixel of a tile.
+struct TilePlace {
+    int left;
+    int top;
+};
+
+/// Samples `first` to `first` + `count` - 1 of every pixel.
+struct SampleRange {
+    std::uint32_t first;
+    std::uint32_t count;
+};
+
+/// Adds samples to the tile, as far as it lies in the part that `image` holds; those before them
+/// have been added already. Returns false when `goOn` says no: the tile is then left half done.
+bool addSamples(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                Image& image, Kelpa::GoOn const& goOn);
 
 } // namespace pipeline

@@ -21,6 +21,13 @@ constexpr unsigned directionKinds = 8U << (2 * gridBits);
 // So few rays into the sky at a time that all of a bunch go about the same way.
 constexpr std::size_t skyRaysAtOnce = 16;
 
+/// Whether work that comes to ray number `ray` is to end. Asked rarely enough to cost nothing, and
+/// often enough for whoever turns a picture of millions of particles: each 4096 rays, some ms.
+bool isStopped(std::size_t ray, Kelpa::GoOn const& goOn) {
+    constexpr std::size_t raysBetween = 4096;
+    return ray % raysBetween == 0 && goOn && !goOn();
+}
+
 /// A number for the directions that lie near one another; within an octant it follows Morton's
 /// curve over where they meet the plane |x| + |y| + |z| = 1.
 unsigned directionKind(float x, float y, float z) {
@@ -36,13 +43,15 @@ unsigned directionKind(float x, float y, float z) {
 
 } // namespace
 
-void TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn) {
+bool TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn) {
     firstSample = first;
     sampleCount = count;
-    shootCameraRays();
+    if (!shootCameraRays(goOn))
+        return false;
     finishSurfaces();
     if (plan.light.hasKey) {
-        findSky(goOn);
+        if (!findSky(goOn))
+            return false;
         findShadows();
         kernels.shade(surfaces.count, plan.light, surfaces.normal, surfaces.dir, surfaces.cosine,
                       surfaces.open, surfaces.lit, surfaces.color);
@@ -52,10 +61,11 @@ void TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const
         showNormals();
     }
     addToPixels();
+    return true;
 }
 
 /// Collects what the pass's camera rays hit.
-void TilePasses::shootCameraRays() {
+bool TilePasses::shootCameraRays(Kelpa::GoOn const& goOn) {
     surfaces.count = 0;
     for (int lane = 0; lane < lanesPerBunch; ++lane) {
         bunch.lanes[lane] = static_cast<unsigned char>(lane);
@@ -67,8 +77,12 @@ void TilePasses::shootCameraRays() {
     for (std::uint32_t sample = 0; sample < sampleCount; ++sample)
         lensSteps[sample] = PixelSamples::step(firstSample + sample);
     std::size_t const slots = pixels.size() * sampleCount;
-    for (std::size_t slot = 0; slot < slots; slot += lanesPerBunch)
+    for (std::size_t slot = 0; slot < slots; slot += lanesPerBunch) {
+        if (isStopped(slot, goOn))
+            return false;
         traceCameraRays(slot, std::min<std::size_t>(lanesPerBunch, slots - slot));
+    }
+    return true;
 }
 
 /// Of a place in the shutter, 0 to 1; never exactly at its ends: see `intersect`.
@@ -160,23 +174,23 @@ void TilePasses::finishSurfaces() {
 }
 
 /// Asks how much of the sky each surface sees.
-void TilePasses::findSky(Kelpa::GoOn const& goOn) {
+bool TilePasses::findSky(Kelpa::GoOn const& goOn) {
     if (surfaces.count == 0)
-        return;
+        return true;
     auto const rays = static_cast<std::uint32_t>(plan.light.occlusionRays);
     auto const raysAtOnce = static_cast<std::uint32_t>(mostSkyRays / surfaces.count);
     float const share = 1.0F / static_cast<float>(rays);
     for (std::uint32_t first = 0; first < rays; first += raysAtOnce) {
-        if (first > 0 && goOn && !goOn()) // thousands of rays may be asked for
-            return;
         std::uint32_t const count = std::min(raysAtOnce, rays - first);
         makeSkyRays(first, count);
         orderSkyRays(count);
-        traceSkyRays(count * surfaces.count);
+        if (!traceSkyRays(count * surfaces.count, goOn))
+            return false;
         for (std::uint32_t ray = 0; ray < count; ++ray)
             for (std::size_t i = 0; i < surfaces.count; ++i)
                 surfaces.open[i] += share * skyRays.open[ray * surfaces.count + i];
     }
+    return true;
 }
 
 void TilePasses::makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount) {
@@ -215,9 +229,11 @@ void TilePasses::orderSkyRays(std::uint32_t rayCount) {
                                                  static_cast<std::uint16_t>(surface)};
 }
 
-void TilePasses::traceSkyRays(std::size_t total) {
+bool TilePasses::traceSkyRays(std::size_t total, Kelpa::GoOn const& goOn) {
     double const distance = plan.light.occlusionDistance;
     for (std::size_t begin = 0; begin < total; begin += skyRaysAtOnce) {
+        if (isStopped(begin, goOn))
+            return false;
         std::size_t const end = std::min(begin + skyRaysAtOnce, total);
         bunch.clear();
         for (std::size_t i = begin; i < end; ++i) {
@@ -233,6 +249,7 @@ void TilePasses::traceSkyRays(std::size_t total) {
                 bunch.hits.hit[lane] == 0 ? 1.0F : static_cast<float>(t * t);
         }
     }
+    return true;
 }
 
 /// Asks which surfaces the key light reaches.

@@ -24,9 +24,9 @@ class TilePasses {
     TilePasses(PicturePlan const& picturePlan, std::span<TilePixel> tilePixels)
         : plan(picturePlan), pixels(tilePixels) {}
 
-    /// Adds the light of samples `first` to `first` + `count` - 1 to every pixel; incompletely when
-    /// `goOn` says no.
-    void add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn);
+    /// Adds the light of samples `first` to `first` + `count` - 1 to every pixel. Asks `goOn` every
+    /// few thousand rays; returns false when it says no, and the pixels are then worth nothing.
+    bool add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn);
 
     /// Fills the image's further channels from the first samples of the last pass.
     void storeFirstHits(Image& image) const;
@@ -67,15 +67,15 @@ class TilePasses {
         Place order[mostSkyRays]; ///< those that go into like directions together
     };
 
-    void shootCameraRays();
+    bool shootCameraRays(Kelpa::GoOn const& goOn);
     float timeAt(double part) const;
     void traceCameraRays(std::size_t firstSlot, std::size_t count);
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
-    void findSky(Kelpa::GoOn const& goOn);
+    bool findSky(Kelpa::GoOn const& goOn);
     void makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount);
     void orderSkyRays(std::uint32_t rayCount);
-    void traceSkyRays(std::size_t total);
+    bool traceSkyRays(std::size_t total, Kelpa::GoOn const& goOn);
     void findShadows();
     void addLeavingRay(std::size_t surface, Kelpa::Vector const& dir, double end);
     void lightFromEye();

@@ -262,6 +262,24 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     EXPECT_EQ(image.id, expected.id);
     EXPECT_EQ(image.normal, expected.normal);
     EXPECT_EQ(image.position, expected.position);
+
+    // Some samples at a time, as who looks on wants them.
+    Image grown = image;
+    Image lost = image;
+    std::uint32_t first = 0;
+    std::size_t stopped = 0;
+    for (std::uint32_t const count : {1U, 1U, 5U, 11U}) {
+        for (std::size_t tile = 0; tile < front.tileCount(); ++tile) {
+            stopped += front.addSamples(tile, first, count, lost, [] { return false; }) ? 0 : 1;
+            EXPECT_TRUE(front.addSamples(tile, first, count, grown));
+        }
+        first += count;
+        EXPECT_EQ(grown.rgb == expected.rgb, first == 18) << first;
+    }
+    EXPECT_GT(stopped, 0U);
+    EXPECT_EQ(grown.alpha, expected.alpha);
+    EXPECT_EQ(grown.depth, expected.depth);
+    EXPECT_EQ(grown.id, expected.id);
 }
 
 /// The largest factor between a part of the tiles, from a fifth on, and its part of their cost.
