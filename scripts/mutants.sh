@@ -4,8 +4,8 @@
 #   scripts/mutants.sh            all of tests/mutants.txt
 #   scripts/mutants.sh 3 17       those with these numbers
 # All faults are compiled at once, each behind a guard that KELPA_MUTANT=NUMBER opens, so there is
-# one build, in build/mutants. The tests of each end at their first failure, or after four times as
-# long as they take without a fault.
+# one build, in build/mutants. The tests of each end at their first failure, or after four times the
+# processor time that they take without a fault (a lock that never opens: after twenty times as long).
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 work=$PWD/build/mutants
@@ -77,12 +77,12 @@ cmake -S "$work/source" -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DKELPA_TOOL
 cmake --build "$work/build" --target kelpa_library_tests kelpa_service_tests \
     --parallel "$(nproc)" >"$work/build.log" 2>&1 || { tail -n 30 "$work/build.log" >&2; exit 2; }
 
-# test_mutant NUMBER SECONDS: what its tests say. All write "NUMBER<tab>noticed by ..." at the end.
+# test_mutant NUMBER SECONDS: what its tests say, in so many seconds of processor time.
 test_mutant() {
     local program log=$work/log.$1
     for program in kelpa_service_tests kelpa_library_tests; do
-        KELPA_MUTANT=$1 timeout -k 5 "$2" "$work/build/tests/$program" --gtest_fail_fast \
-            --gtest_brief=1 >"$log" 2>&1 && continue
+        { (ulimit -t "$2" && KELPA_MUTANT=$1 timeout -k 5 $((5 * $2)) "$work/build/tests/$program" \
+            --gtest_fail_fast --gtest_brief=1) >"$log" 2>&1; } 2>/dev/null && continue
         local how=$? name
         name=$(sed -nE 's/^\[  FAILED  \] ([^ ,]+).*/\1/p' "$log" | head -n 1)
         [ "$how" -lt 124 ] || name="the time limit or a signal ($how)"
@@ -95,9 +95,10 @@ export -f test_mutant
 export work
 
 begin=$SECONDS
-[ "$(test_mutant 0 600)" = "$(printf '0\tMISSED\t')" ] || {
+spent=$(TIMEFORMAT='%U %S'; { time test_mutant 0 600 >"$work/sound"; } 2>&1)
+[ "$(cat "$work/sound")" = "$(printf '0\tMISSED\t')" ] || {
     cat "$work/log.0" >&2; echo "mutants: the tests fail without a fault" >&2; exit 2; }
-limit=$(((SECONDS - begin + 1) * 4))
+limit=$(awk '{ print int(4 * ($1 + $2)) + 8 }' <<<"$spent")
 if [ $# -gt 0 ]; then printf '%s\n' "$@"; else cut -f1 "$work/list"; fi |
     xargs -P "$(nproc)" -I NUMBER bash -c "test_mutant NUMBER $limit" | sort -n >"$work/results"
 join -t "$(printf '\t')" <(sort -k1,1 "$work/results") <(sort -k1,1 "$work/list") | sort -n |
