@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <span>
 #include <type_traits>
 
 namespace pipeline {
@@ -52,6 +53,19 @@ void convertColumn(ScalarType type, char const* from, std::size_t fromStep, std:
             std::memcpy(target, &result, sizeof result);
             source += fromStep;
             target += toStep;
+        }
+    });
+}
+
+/// Makes vectors longer by one of their parts, which is at right angles to those before.
+void addToLengths(Column const& column, char const* from, std::size_t rowBytes,
+                  std::span<float> lengths) {
+    withType(column.stored, [&]<class Number>(Number part) {
+        for (float& length : lengths) {
+            std::memcpy(&part, from, sizeof part);
+            length = static_cast<float>(
+                std::hypot(static_cast<double>(length), static_cast<double>(part)));
+            from += rowBytes;
         }
     });
 }
@@ -142,6 +156,7 @@ template <class Operation> void RowConverter::forEachArray(Operation operation) 
             operation(particles.types);
             break;
         case Target::attribute:
+        case Target::length:
             operation(particles.attributes[use.part].values);
             break;
         case Target::typed: // grows by bytes
@@ -209,6 +224,9 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
         return convertColumn<float>(column.stored, from, rowBytes, count,
                                     &particles.attributes[use.part].values[converted],
                                     sizeof(float), asIs);
+    case Target::length:
+        return addToLengths(column, from, rowBytes,
+                            std::span(particles.attributes[use.part].values).subspan(converted));
     case Target::id:
         return convertColumn<std::int64_t>(
             column.stored, from, rowBytes, count, &particles.ids[converted], sizeof(std::int64_t),

@@ -43,6 +43,7 @@ enum class Target : std::uint8_t {
     element,
     type,
     attribute,
+    length, ///< of a vector as an attribute, to which the column is one of its parts
     typed,
 };
 

@@ -4,7 +4,9 @@
 #include "pipeline/files/printable.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
+#include <optional>
 #include <utility>
 
 namespace pipeline {
@@ -51,6 +53,46 @@ struct UseChooser {
             present += " " + other.name;
         file.fail("no {} {}; it has{}", names.word, quoted(name),
                   present.empty() ? " none" : present);
+    }
+
+    /// Keeps a column by the name that was asked for, or the length of the vector that has it.
+    void keepAttribute(std::string const& name, ParticleSet& particles) {
+        std::size_t const place = particles.attributes.size();
+        auto const vector = has(name) ? std::nullopt : vectorNamed(name);
+        particles.attributes.push_back({name, {}});
+        if (!vector) {
+            uses.push_back({require(name), Target::attribute, place});
+            return;
+        }
+        std::string& source = particles.attributes.back().source = "length of";
+        for (std::string const& part : *vector) {
+            uses.push_back({require(part), Target::length, place});
+            source += " " + part;
+        }
+    }
+
+    /// The columns of a vector, as the programs of the field call them.
+    std::optional<std::array<std::string, 3>> vectorNamed(std::string const& name) const {
+        constexpr std::string_view endings[][3] = {
+            {".1", ".2", ".3"}, {"[1]", "[2]", "[3]"}, {"_x", "_y", "_z"}, {".x", ".y", ".z"},
+            {"x", "y", "z"},    {"_0", "_1", "_2"},    {"_1", "_2", "_3"}};
+        constexpr std::pair<std::string_view, std::string_view> letters[] = {
+            {"force", "f"},      {"forces", "f"},  {"velocity", "v"},
+            {"velocities", "v"}, {"speed", "v"},   {"normal", "n"},
+            {"normals", "n"},    {"dipole", "mu"}, {"dipoles", "mu"}};
+        std::vector<std::string> stems = {name};
+        for (auto const& [word, letter] : letters)
+            if (word == name)
+                stems.emplace_back(letter);
+        for (std::string const& stem : stems)
+            for (auto const& [first, second, third] : endings) {
+                std::array<std::string, 3> parts = {stem + std::string(first),
+                                                    stem + std::string(second),
+                                                    stem + std::string(third)};
+                if (has(parts[0]) && has(parts[1]) && has(parts[2]))
+                    return parts;
+            }
+        return std::nullopt;
     }
 
     /// Uses the first of several vectors whose three columns are there; says which, if any.
@@ -167,11 +209,8 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
         chooser.uses.push_back({chooser.find(names.element), Target::element});
     if (chooser.has(names.type))
         chooser.uses.push_back({chooser.find(names.type), Target::type});
-    for (std::string const& name : options.attributes) {
-        chooser.uses.push_back(
-            {chooser.require(name), Target::attribute, particles.attributes.size()});
-        particles.attributes.push_back({name, {}});
-    }
+    for (std::string const& name : options.attributes)
+        chooser.keepAttribute(name, particles);
     if (options.allAttributes)
         chooser.keepAll(particles);
     return std::move(chooser.uses);

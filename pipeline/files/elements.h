@@ -12,7 +12,11 @@ namespace pipeline {
 /// behind it, "H12" or "Fe3+". D and T are hydrogen. 0 when it is none.
 std::uint8_t atomicNumberOf(std::string_view symbol);
 
-/// The radius of an element in Angstrom: van der Waals or covalent; 1.70 when unknown.
+/// The symbol of an element; "?" when unknown.
+std::string_view symbolOf(std::uint8_t atomicNumber);
+
+/// The radius of an element in Angstrom: covalent, or van der Waals and of metals that of atoms in
+/// the metal; 1.70 when unknown.
 float elementRadius(std::uint8_t atomicNumber, bool covalent);
 
 /// The usual colour of an element, linear RGB.

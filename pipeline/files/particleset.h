@@ -15,10 +15,12 @@
 
 namespace pipeline {
 
-/// One named column of a particle file: a number per particle.
+/// One named column of a particle file: a number per particle. The length of a vector counts as
+/// one.
 struct Attribute {
     std::string name;
     std::vector<float> values;
+    std::string source{}; ///< of a vector: "length of fx fy fz"
 };
 
 /// A column that is kept in its own type, every digit of it.

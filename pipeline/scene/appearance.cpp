@@ -1,58 +1,101 @@
 #include "pipeline/scene/appearance.h"
 
 #include "pipeline/files/elements.h"
-#include "pipeline/scene/colormap.h"
 #include "pipeline/scene/motion.h"
 #include "pipeline/scene/spacing.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstdint>
+#include <string_view>
 
 namespace pipeline {
 
-std::vector<float> chooseRadii(RadiusOptions const& options, ParticleSet const& particles,
-                               Note const& note, PhaseProgress const& progress) {
-    std::string const& file = particles.name;
-    std::vector<float> radii;
-    if (options.radius) {
-        radii.assign(particles.positions.size(), *options.radius);
-    } else if (!particles.radii.empty()) {
-        radii = particles.radii;
+namespace {
+
+/// Says it when no particle is of a kind that something was said of.
+void noteAbsent(std::size_t count, ParticleSet const& particles, std::string const& kind,
+                Note const& note) {
+    if (count == 0 && note)
+        note(fmt::format("{}: no particle is of kind '{}'; there are {}", particles.name, kind,
+                         kindsBeside(particles, kind)));
+}
+
+/// Radii where nothing is said of the particles' kinds.
+Radii usualRadii(RadiusOptions const& options, ParticleSet const& particles, Note const& note,
+                 PhaseProgress const& progress) {
+    std::size_t const count = particles.positions.size();
+    if (options.radius)
+        return {std::vector<float>(count, *options.radius), std::nullopt};
+    if (!particles.radii.empty()) {
         note(fmt::format("radius from {}", particles.radiusSource));
-    } else if (!particles.elements.empty()) {
-        radii = elementRadii(options, particles);
-        note(fmt::format("{} radii by element", options.covalent ? "covalent" : "van der Waals"));
+        return {particles.radii, std::nullopt};
+    }
+    if (!particles.elements.empty()) {
+        note(fmt::format("{} radii by element",
+                         options.covalent.value_or(false) ? "covalent" : "van der Waals"));
         if (!particles.unknownElements.empty())
             note(fmt::format("{:.2f} for unknown elements: {}",
                              static_cast<double>(1.7F * particles.angstrom),
                              fmt::join(particles.unknownElements, " ")));
-    } else {
-        // Unwrapped, particles drift apart; how close they are shows within the cell only.
-        bool const isSpread = particles.isUnwrapped && particles.cell;
-        float const spacing =
-            isSpread ? radiusFromSpacing(wrapped(particles.positions, *particles.cell), progress)
-                     : radiusFromSpacing(particles.positions, progress);
-        float const r = spacing > 0.0F ? spacing : 1.0F;
-        radii.assign(particles.positions.size(), r);
-        note({spacing > 0.0F
-                  ? fmt::format("no radius in {}: {:.3g} for all (half the median distance to the "
-                                "6th neighbour)",
-                                file, static_cast<double>(r))
-                  : fmt::format("no radius in {} and no distances to tell one by: 1 for all", file),
-              {Hint::To::setRadius}});
+        return {elementRadii(options, particles), std::nullopt};
     }
-    for (float& r : radii)
+    // Unwrapped, particles drift apart; how close they are shows within the cell only.
+    bool const isSpread = particles.isUnwrapped && particles.cell;
+    float const spacing =
+        isSpread ? radiusFromSpacing(wrapped(particles.positions, *particles.cell), progress)
+                 : radiusFromSpacing(particles.positions, progress);
+    float const r = spacing > 0.0F ? spacing : 1.0F;
+    note({spacing > 0.0F
+              ? fmt::format("no radius in {}: {:.3g} for all (half the median distance to the "
+                            "6th neighbour)",
+                            particles.name, static_cast<double>(r))
+              : fmt::format("no radius in {} and no distances to tell one by: 1 for all",
+                            particles.name),
+          {Hint::To::setRadius}});
+    return {std::vector<float>(count, r), r};
+}
+
+} // namespace
+
+Radii chooseRadii(RadiusOptions const& options, ParticleSet const& particles, Note const& note,
+                  PhaseProgress const& progress) {
+    std::vector<float> const said = radiiOfKinds(options, particles, note);
+    bool const isAllSaid =
+        !said.empty() && std::all_of(said.begin(), said.end(), [](float r) { return r > 0.0F; });
+    Radii radii;
+    if (isAllSaid)
+        radii.all = said;
+    else
+        radii = usualRadii(options, particles, note, progress);
+    for (std::size_t i = 0; i < said.size(); ++i)
+        if (said[i] > 0.0F)
+            radii.all[i] = said[i];
+    for (float& r : radii.all)
         r *= options.scale;
     return radii;
 }
 
+std::vector<float> radiiOfKinds(RadiusOptions const& options, ParticleSet const& particles,
+                                Note const& note) {
+    if (options.ofKinds.empty())
+        return {};
+    std::vector<float> radii(particles.positions.size());
+    for (auto const& [kind, radius] : options.ofKinds)
+        noteAbsent(forEachOfKind(particles, kind, [&](std::size_t i) { radii[i] = radius; }),
+                   particles, kind, note);
+    return radii;
+}
+
 std::vector<float> elementRadii(RadiusOptions const& options, ParticleSet const& particles) {
+    bool const covalent = options.covalent.value_or(false);
     std::vector<float> radii(particles.elements.size());
     std::transform(particles.elements.begin(), particles.elements.end(), radii.begin(),
                    [&](std::uint8_t element) {
-                       return particles.angstrom * elementRadius(element, options.covalent);
+                       return particles.angstrom * elementRadius(element, covalent);
                    });
     return radii;
 }
@@ -63,8 +106,19 @@ Attribute const* coloredColumn(ColorOptions const& options, ParticleSet const& p
     return column == particles.attributes.end() ? nullptr : &*column;
 }
 
-std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet const& particles,
-                                        std::optional<std::array<float, 2>> const& range) {
+bool showsKinds(ColorOptions const& options, std::string const& column) {
+    constexpr std::array<std::string_view, 11> kinds = {
+        "type",    "element", "mol",  "molecule",  "residue", "chain",
+        "segment", "cluster", "site", "operation", "copy"};
+    return options.asKinds || (!options.map && !options.range &&
+                               std::find(kinds.begin(), kinds.end(), column) != kinds.end());
+}
+
+namespace {
+
+/// Colours where nothing is said of the particles' kinds.
+std::vector<Kelpa::Vector> usualColors(ColorOptions const& options, ParticleSet const& particles,
+                                       std::optional<std::array<float, 2>> const& range) {
     if (options.color)
         return {};
     if (!options.colorBy.empty()) {
@@ -72,7 +126,13 @@ std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet
         if (column == nullptr)
             throw InputError(
                 fmt::format("{}: no column '{}' to colour by", particles.name, options.colorBy));
-        return mapColors(column->values, range);
+        if (!showsKinds(options, column->name))
+            return mapColors(column->values, range, options.map.value_or(ColorMap()));
+        std::vector<Kelpa::Vector> colors;
+        for (float const kind : column->values)
+            colors.push_back(std::abs(kind) < 1e9F ? colorOfKind(std::lround(kind))
+                                                   : Kelpa::Vector{0.2F, 0.2F, 0.2F});
+        return colors;
     }
     if (!particles.colors.empty())
         return particles.colors;
@@ -81,6 +141,20 @@ std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet
     std::vector<Kelpa::Vector> colors(particles.elements.size());
     std::transform(particles.elements.begin(), particles.elements.end(), colors.begin(),
                    elementColor);
+    return colors;
+}
+
+} // namespace
+
+std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet const& particles,
+                                        std::optional<std::array<float, 2>> const& range,
+                                        Note const& note) {
+    std::vector<Kelpa::Vector> colors = usualColors(options, particles, range);
+    if (!options.ofKinds.empty() && colors.empty())
+        colors.assign(particles.positions.size(), options.color.value_or(defaultColor));
+    for (auto const& [kind, color] : options.ofKinds)
+        noteAbsent(forEachOfKind(particles, kind, [&](std::size_t i) { colors[i] = color; }),
+                   particles, kind, note);
     return colors;
 }
 

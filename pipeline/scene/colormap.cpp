@@ -1,36 +1,59 @@
 #include "pipeline/scene/colormap.h"
 
 #include "pipeline/files/srgb.h"
+#include "pipeline/scene/colormaptables.h"
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <stdexcept>
 
 namespace pipeline {
 
 namespace {
 
-/// The colour map viridis (S. van der Walt and N. Smith, 2015, CC0) as polynomials in sRGB, a fit
-/// by M. Zucker (CC0) that stays within 0.01 of its table of 256 entries.
-Kelpa::Vector viridis(double t) {
-    constexpr double coefficients[7][3] = {
-        {0.2777273272234177, 0.005407344544966578, 0.3340998053353061},
-        {0.1050930431085774, 1.404613529898575, 1.384590162594685},
-        {-0.3308618287255563, 0.214847559468213, 0.09509516302823659},
-        {-4.634230498983486, -5.799100973351585, -19.33244095627987},
-        {6.228269936347081, 14.17993336680509, 56.69055260068105},
-        {4.776384997670288, -13.74514537774601, -65.35303263337234},
-        {-5.435455855934631, 4.645852612178535, 26.3124352495832}};
-    double rgb[3] = {0.0, 0.0, 0.0};
-    for (int power = 6; power >= 0; --power)
-        for (int channel = 0; channel < 3; ++channel)
-            rgb[channel] = rgb[channel] * t + coefficients[power][channel];
-    return {linearFromSrgb(std::clamp(rgb[0], 0.0, 1.0)),
-            linearFromSrgb(std::clamp(rgb[1], 0.0, 1.0)),
-            linearFromSrgb(std::clamp(rgb[2], 0.0, 1.0))};
+int digitOf(char c) {
+    return c <= '9' ? c - '0' : c - 'a' + 10;
 }
 
 } // namespace
+
+ColorMap::ColorMap(std::string const& name) {
+    bool const isReversed = name.ends_with("_r");
+    std::string const plain = isReversed ? name.substr(0, name.size() - 2) : name;
+    auto const table =
+        std::ranges::find(colorMapTables, plain, [](ColorMapTable const& t) { return t.name; });
+    if (table == colorMapTables.end()) {
+        std::vector<std::string> names;
+        for (ColorMapTable const& known : colorMapTables)
+            names.emplace_back(known.name);
+        throw std::invalid_argument(fmt::format(
+            "'{}' is no colour map; there are {}, each also with _r behind it, reversed", name,
+            fmt::join(names, ", ")));
+    }
+    char const* digit = table->codes;
+    for (Kelpa::Vector& color : colors) {
+        int code = 0;
+        for (char const* const end = digit + 6; digit != end; ++digit)
+            code = 16 * code + digitOf(*digit);
+        color = linearOfHex(code);
+    }
+    if (isReversed)
+        std::reverse(colors.begin(), colors.end());
+}
+
+Kelpa::Vector ColorMap::at(double part) const {
+    return colors[static_cast<std::size_t>(std::clamp(part, 0.0, 1.0) * (entries - 1) + 0.5)];
+}
+
+std::string colorMapNames() {
+    std::string names;
+    for (ColorMapTable const& table : colorMapTables)
+        names += (names.empty() ? "" : "|") + std::string(table.name);
+    return names;
+}
 
 std::array<float, 2> usualRange(std::vector<float> const& values) {
     std::vector<float> finite;
@@ -53,14 +76,8 @@ std::array<float, 2> usualRange(std::vector<float> const& values) {
 }
 
 std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
-                                     std::optional<std::array<float, 2>> range) {
-    constexpr std::size_t entries = 256;
-    static std::array<Kelpa::Vector, entries> const table = [] {
-        std::array<Kelpa::Vector, entries> colors{};
-        for (std::size_t i = 0; i < entries; ++i)
-            colors[i] = viridis(static_cast<double>(i) / (entries - 1));
-        return colors;
-    }();
+                                     std::optional<std::array<float, 2>> range,
+                                     ColorMap const& map) {
     auto const [low, high] = range ? *range : usualRange(values);
     double const width = static_cast<double>(high) - static_cast<double>(low);
     std::vector<Kelpa::Vector> colors(values.size());
@@ -69,26 +86,31 @@ std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
             colors[i] = {0.2F, 0.2F, 0.2F};
             continue;
         }
-        double const t = width != 0.0
-                             ? (static_cast<double>(values[i]) - static_cast<double>(low)) / width
-                             : 0.5;
-        colors[i] = table[static_cast<std::size_t>(std::clamp(t, 0.0, 1.0) * (entries - 1) + 0.5)];
+        double const part =
+            width != 0.0 ? (static_cast<double>(values[i]) - static_cast<double>(low)) / width
+                         : 0.5;
+        colors[i] = map.at(part);
     }
     return colors;
 }
 
-std::vector<Kelpa::Vector> mapTypes(std::vector<std::int64_t> const& types) {
+Kelpa::Vector colorOfKind(std::int64_t kind) {
     constexpr std::size_t colorCount = 10;
     constexpr std::array<int, colorCount> codes = {0x4878a8, 0xe08a3c, 0x5fa055, 0xc8504a,
                                                    0x8f6bb0, 0x8c6550, 0xd98bb8, 0x8a8a8a,
                                                    0xb8b04a, 0x4fb0b8};
-    std::array<Kelpa::Vector, colorCount> palette{};
-    std::transform(codes.begin(), codes.end(), palette.begin(), linearOfHex);
+    static std::array<Kelpa::Vector, colorCount> const palette = [&codes] {
+        std::array<Kelpa::Vector, colorCount> colors{};
+        std::transform(codes.begin(), codes.end(), colors.begin(), linearOfHex);
+        return colors;
+    }();
+    // Unsigned, so that no kind, however odd, has a negative place.
+    return palette[(static_cast<std::uint64_t>(kind) - 1) % colorCount];
+}
+
+std::vector<Kelpa::Vector> mapTypes(std::vector<std::int64_t> const& types) {
     std::vector<Kelpa::Vector> colors(types.size());
-    // Unsigned, so that no type, however odd, has a negative place.
-    std::transform(types.begin(), types.end(), colors.begin(), [&palette](std::int64_t type) {
-        return palette[(static_cast<std::uint64_t>(type) - 1) % colorCount];
-    });
+    std::transform(types.begin(), types.end(), colors.begin(), colorOfKind);
     return colors;
 }
 

@@ -36,7 +36,7 @@ void appendNewcomers(Scene& scene, std::vector<std::size_t> const& newcomers,
         return;
     std::vector<Vector> const colors = scene.colors.empty()
                                            ? std::vector<Vector>{}
-                                           : chooseColors(options, second, scene.colorRange);
+                                           : chooseColors(options, second, scene.colorRange, {});
     for (std::size_t const k : newcomers) {
         scene.ids.push_back(second.ids[k]);
         if (!scene.colors.empty())
@@ -128,28 +128,35 @@ void subtract(std::vector<Vector>& centers, Vec const& origin) {
              static_cast<float>(static_cast<double>(c.z) - origin.z)};
 }
 
+/// Says what the colours of a column mean, and keeps it.
+void readColumn(Scene& scene, ColorOptions const& options, Attribute const& column,
+                Note const& note) {
+    scene.colorColumn = column.name;
+    std::string const source = column.source.empty() ? "" : " (" + column.source + ")";
+    if (showsKinds(options, column.name)) {
+        note(fmt::format("colours tell the kinds of {}{} apart", column.name, source));
+        return;
+    }
+    auto const& asked = options.range;
+    scene.colorRange = asked ? *asked : usualRange(column.values);
+    auto const [low, high] = *scene.colorRange;
+    note({fmt::format("colours show {}{} from {:.6g} to {:.6g}{}", column.name, source, low, high,
+                      asked ? "" : " (1st to 99th percentile)"),
+          {asked ? Hint::To::nothing : Hint::To::setRange}});
+}
+
 /// Chooses radii and colours, and tells how.
 std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet const& particles,
                          Note const& note, PhaseProgress const& progress) {
-    std::vector<float> radii = chooseRadii(options.radius, particles, note, progress);
-    bool const isBySpacing = !options.radius.radius && particles.radii.empty() &&
-                             particles.elements.empty() && !radii.empty();
-    if (isBySpacing)
-        scene.chosen.radius = radii[0] / options.radius.scale;
-    if (Attribute const* const column = coloredColumn(options.color, particles)) {
-        auto const& asked = options.color.range;
-        scene.colorRange = asked ? *asked : usualRange(column->values);
-        scene.colorColumn = column->name;
-        auto const [low, high] = *scene.colorRange;
-        note({fmt::format("colours show {} from {:.6g} to {:.6g}{}", column->name, low, high,
-                          asked ? "" : " (1st to 99th percentile)"),
-              {asked ? Hint::To::nothing : Hint::To::setRange}});
-    }
+    Radii radii = chooseRadii(options.radius, particles, note, progress);
+    scene.chosen.radius = radii.bySpacing;
+    if (Attribute const* const column = coloredColumn(options.color, particles))
+        readColumn(scene, options.color, *column, note);
     scene.chosen.colorRange = scene.colorRange;
-    scene.colors = chooseColors(options.color, particles, scene.colorRange);
+    scene.colors = chooseColors(options.color, particles, scene.colorRange, note);
     scene.color = options.color.color.value_or(defaultColor);
     scene.upAxis = particles.upAxis;
-    return radii;
+    return std::move(radii.all);
 }
 
 /// Tells which particles are left out, and how far the others move. Throws when none is left.

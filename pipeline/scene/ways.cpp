@@ -37,10 +37,13 @@ class SecondRadii {
                 ParticleSet const& secondSet)
         : options(radiusOptions), second(secondSet),
           hasRadii(!second.radii.empty() && !options.radius && !first.radii.empty()),
-          isByElement(first.radii.empty() && !options.radius && !second.elements.empty()) {}
+          isByElement(first.radii.empty() && !options.radius && !second.elements.empty()),
+          said(radiiOfKinds(options, second, {})) {}
 
     /// The radius of one that the first snapshot has as well, with `otherwise`.
     float of(std::size_t particle, float otherwise) const {
+        if (!said.empty() && said[particle] > 0.0F)
+            return said[particle] * options.scale;
         return hasRadii ? second.radii[particle] * options.scale : otherwise;
     }
     /// Those of newcomers, `usual` where nothing tells.
@@ -50,7 +53,7 @@ class SecondRadii {
                                                  : std::vector<float>{};
         std::vector<float> radii;
         for (std::size_t const k : newcomers)
-            radii.push_back(byElement.empty() ? of(k, usual) : byElement[k] * options.scale);
+            radii.push_back(of(k, byElement.empty() ? usual : byElement[k] * options.scale));
         return radii;
     }
 
@@ -59,6 +62,7 @@ class SecondRadii {
     ParticleSet const& second;
     bool hasRadii;
     bool isByElement;
+    std::vector<float> said; ///< of kinds
 };
 
 } // namespace

@@ -5,7 +5,7 @@ from __future__ import annotations
 import math
 import sys
 import warnings
-from typing import Any, Optional, Sequence, Union
+from typing import Any, Callable, Mapping, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -176,6 +176,28 @@ def color(name: str, value: Union[str, Sequence[float]]) -> tuple[float, float, 
         return _native.parse_color(value)
     except ValueError as error:
         raise ValueError(f"{name}: {error}") from None
+
+
+def color_map(name: str, value: str) -> str:
+    choices = _native.color_map_names().split("|")
+    if value != "kinds" and value.removesuffix("_r") not in choices:
+        raise ValueError(
+            f"{name}: expected kinds or one of {', '.join(choices)}, each also with _r, "
+            f"found {value!r}"
+        )
+    return value
+
+
+def kinds(
+    name: str, value: Mapping[Any, Any], parse: Callable[[str, Any], Any]
+) -> list[tuple[str, Any]]:
+    """What is said of kinds of particles: symbols of elements, numbers of types."""
+    for kind in value:
+        if not _native.is_kind_name(str(kind)):
+            raise ValueError(
+                f"{name}: expected numbers of types or symbols of elements, found {kind!r}"
+            )
+    return [(str(kind), parse(f"{name}[{kind!r}]", said)) for kind, said in value.items()]
 
 
 def text(name: str, value: Optional[str]) -> str:

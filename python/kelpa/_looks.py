@@ -14,6 +14,7 @@ from .particles import Cell, Particles
 
 Radius = Union[None, str, ArrayLike]
 Color = Union[None, str, Sequence[float]]
+Radii = Union[str, Mapping[Union[str, int], float]]
 
 
 @dataclass
@@ -42,6 +43,7 @@ class Wanted:
     points: bool
     color: Color
     color_by: Optional[str]
+    colormap: Optional[str]
     range: Optional[Sequence[float]]
     motion: str
     dt: float
@@ -111,7 +113,10 @@ def _colors(source: Source, wanted: Wanted, count: int) -> Optional[ArrayLike]:
         column = named(source, "color_by", wanted.color_by)
         values = check.scalars("color_by", column, count)
         ends = None if wanted.range is None else check.interval("range", wanted.range)
-        return _native.map_colors(values, ends)
+        name = wanted.colormap and check.color_map("colormap", wanted.colormap)
+        if name == "kinds" or (not name and not ends and _native.shows_kinds(wanted.color_by)):
+            return _native.map_types(values.astype(np.int64))
+        return _native.map_colors(values, ends, name or "viridis")
     if source.colors is not None:
         return source.colors
     if source.numbers is not None:

@@ -24,6 +24,7 @@ def from_ase(
     points: bool = False,
     color: Color = None,
     color_by: Optional[str] = None,
+    colormap: Optional[str] = None,
     range: Optional[Sequence[float]] = None,
     motion: str = "none",
     dt: float = 1.0,
@@ -46,6 +47,9 @@ def from_ase(
     color_by, range : str, and two numbers, optional
         The array to colour by, and the values for both ends of the colour map; by default the 1st
         and 99th percentile.
+    colormap : str, optional
+        viridis, magma, inferno, plasma, cividis, turbo or coolwarm, with "_r" reversed; "kinds" for
+        whole numbers without order.
     motion, dt, shutter : "none" or "velocity", a number, (opens, closes)
         Along the velocities: `dt` is the atoms' time that passes in one unit of the shutter.
 
@@ -62,7 +66,8 @@ def from_ase(
     )
     return make_particles(
         source,
-        Wanted(radius, radius_scale, radii, points, color, color_by, range, motion, dt, shutter),
+        Wanted(radius, radius_scale, radii, points, color, color_by, colormap, range, motion, dt,
+               shutter),
     )
 
 
@@ -75,6 +80,7 @@ def from_mdanalysis(
     points: bool = False,
     color: Color = None,
     color_by: Optional[str] = None,
+    colormap: Optional[str] = None,
     range: Optional[Sequence[float]] = None,
     motion: str = "none",
     dt: float = 1.0,
@@ -105,7 +111,8 @@ def from_mdanalysis(
     )
     return make_particles(
         source,
-        Wanted(radius, radius_scale, radii, points, color, color_by, range, motion, dt, shutter),
+        Wanted(radius, radius_scale, radii, points, color, color_by, colormap, range, motion, dt,
+               shutter),
     )
 
 
@@ -123,6 +130,7 @@ def from_dataframe(
     points: bool = False,
     color: Color = None,
     color_by: Optional[str] = None,
+    colormap: Optional[str] = None,
     range: Optional[Sequence[float]] = None,
     motion: str = "none",
     dt: float = 1.0,
@@ -155,7 +163,8 @@ def from_dataframe(
     )
     return make_particles(
         source,
-        Wanted(radius, radius_scale, radii, points, color, color_by, range, motion, dt, shutter),
+        Wanted(radius, radius_scale, radii, points, color, color_by, colormap, range, motion, dt,
+               shutter),
     )
 
 

@@ -5,13 +5,13 @@ from __future__ import annotations
 import errno
 import os
 import re
-from typing import Any, Iterator, Optional, Sequence, Union
+from typing import Any, Iterator, Mapping, Optional, Sequence, Union
 
 import numpy as np
 
 from . import _checks as check
 from . import _native
-from ._looks import Color
+from ._looks import Color, Radii
 from .particles import Cell, Particles
 from ._progress import Progress
 
@@ -33,10 +33,12 @@ def read(
     radius: Optional[float] = None,
     radius_from: Optional[str] = None,
     radius_scale: float = 1.0,
-    radii: str = "vdw",
+    radii: Radii = "vdw",
     points: bool = False,
     color: Color = None,
     color_by: Optional[str] = None,
+    colormap: Optional[str] = None,
+    colors: Optional[Mapping[Union[str, int], Color]] = None,
     range: Optional[Sequence[float]] = None,
     assembly: Optional[Union[str, int]] = None,
     elements: Optional[Union[str, Sequence[str]]] = None,
@@ -60,13 +62,20 @@ def read(
         `cache.{}.ply`, `cache.####.ply` and `cache.%04d.ply` stand for a sequence of files.
     frame : int, optional
         Of the file, or the number of a file of a sequence; negative: from the end.
-    radius, radius_from, radius_scale, radii : a number, a column, a factor, "vdw" or "covalent"
+    radius, radius_from, radius_scale : a number, a column, a factor
         Radius of all; else from the column; else the file's own, by element, or by spacing.
+    radii : "vdw", "covalent", or a dictionary such as {"O": 1.5, 2: 0.5}
+        Radii of the elements; or of some elements or types, whatever the others have.
     points : bool
         Points with a radius instead of solid spheres.
     color, color_by, range : a colour, a column, two numbers
         Colour of all, or the column to colour by and the values for both ends of the colour map.
-        Else the file's own colours, or by element.
+        Else the file's own colours, or by element. "forces" shows the length of fx fy fz.
+    colormap : str, optional
+        viridis, magma, inferno, plasma, cividis, turbo or coolwarm, with "_r" reversed; "kinds" for
+        whole numbers without order, as types, chains and the like are shown by themselves.
+    colors : dictionary such as {"O": "red", 2: "#c33"}, optional
+        Colours of some elements or types, whatever the others have.
     assembly : str or int, optional
         The biological assembly of a PDB or mmCIF file to build.
     elements : "O,H" or a sequence of symbols, optional
@@ -90,9 +99,9 @@ def read(
     """
     return frames(
         path, radius=radius, radius_from=radius_from, radius_scale=radius_scale, radii=radii,
-        points=points, color=color, color_by=color_by, range=range, assembly=assembly,
-        elements=elements, format=format, topology=topology, motion=motion, times=times,
-        shutter=shutter, dt=dt, columns=columns,
+        points=points, color=color, color_by=color_by, colormap=colormap, colors=colors, range=range,
+        assembly=assembly, elements=elements, format=format, topology=topology, motion=motion,
+        times=times, shutter=shutter, dt=dt, columns=columns,
     ).read(frame, progress)
 
 
@@ -153,10 +162,12 @@ def _wanted(
     radius: Optional[float] = None,
     radius_from: Optional[str] = None,
     radius_scale: float = 1.0,
-    radii: str = "vdw",
+    radii: Radii = "vdw",
     points: bool = False,
     color: Color = None,
     color_by: Optional[str] = None,
+    colormap: Optional[str] = None,
+    colors: Optional[Mapping[Union[str, int], Color]] = None,
     range: Optional[Sequence[float]] = None,
     assembly: Optional[Union[str, int]] = None,
     elements: Optional[Union[str, Sequence[str]]] = None,
@@ -172,7 +183,10 @@ def _wanted(
         raise ImportError(
             f"kelpa.read: this build of kelpa reads no files; it was made without {_native.missing}"
         )
-    check.choice("radii", radii, ("vdw", "covalent"))
+    if isinstance(radii, str):
+        check.choice("radii", radii, ("vdw", "covalent"))
+    if colormap is not None and color_by is None:
+        raise ValueError("colormap: given without color_by, the column that it is for")
     if format is not None:
         check.choice("format", format, _native.format_names().split("|"))
     if range is not None and color_by is None:
@@ -192,6 +206,7 @@ def _wanted(
     wanted.radius = None if radius is None else check.number("radius", radius, 1e-15, 1e30)
     wanted.radius_scale = check.number("radius_scale", radius_scale, 1e-15, 1e30)
     wanted.covalent = radii == "covalent"
+    wanted.radii_of_kinds = [] if isinstance(radii, str) else check.kinds("radii", radii, _radius)
     wanted.points = bool(points)
     wanted.motion = os.fsencode(motion)
     wanted.times = check.interval("times", times)
@@ -199,8 +214,14 @@ def _wanted(
     wanted.dt = None if dt is None else check.number("dt", dt, -1e30, 1e30)
     wanted.color = None if color is None else check.color("color", color)
     wanted.color_by = check.text("color_by", color_by)
+    wanted.colormap = "" if colormap is None else check.color_map("colormap", colormap)
+    wanted.colors_of_kinds = check.kinds("colors", colors or {}, check.color)
     wanted.range = None if range is None else check.interval("range", range)
     return wanted
+
+
+def _radius(name: str, value: float) -> float:
+    return check.number(name, value, 1e-15, 1e30)
 
 
 def _elements(given: Optional[Union[str, Sequence[str]]]) -> list[int]:

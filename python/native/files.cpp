@@ -310,6 +310,26 @@ void defineFiles(py::module_& module) {
                       [](Wanted& w, float scale) { w.scene.radius.scale = scale; })
         .def_property("covalent", nullptr,
                       [](Wanted& w, bool covalent) { w.scene.radius.covalent = covalent; })
+        .def_property("radii_of_kinds", nullptr,
+                      [](Wanted& w, std::vector<std::pair<std::string, float>> const& kinds) {
+                          w.scene.radius.ofKinds.clear();
+                          for (auto const& [kind, radius] : kinds)
+                              w.scene.radius.ofKinds.push_back({kind, radius});
+                      })
+        .def_property(
+            "colors_of_kinds", nullptr,
+            [](Wanted& w, std::vector<std::pair<std::string, std::array<float, 3>>> const& kinds) {
+                w.scene.color.ofKinds.clear();
+                for (auto const& [kind, color] : kinds)
+                    w.scene.color.ofKinds.push_back({kind, {color[0], color[1], color[2]}});
+            })
+        .def_property("colormap", nullptr,
+                      [](Wanted& w, std::string const& name) {
+                          w.scene.color.asKinds = name == "kinds";
+                          w.scene.color.map.reset();
+                          if (!name.empty() && name != "kinds")
+                              w.scene.color.map = pipeline::ColorMap(name);
+                      })
         .def_property("points", nullptr, [](Wanted& w, bool points) { w.scene.points = points; })
         .def_property(
             "motion", nullptr,

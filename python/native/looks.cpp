@@ -4,7 +4,7 @@
 #include "pipeline/files/elements.h"
 #include "pipeline/files/progress.h"
 #include "pipeline/files/srgb.h"
-#include "pipeline/scene/colormap.h"
+#include "pipeline/scene/appearance.h"
 #include "pipeline/scene/spacing.h"
 
 #include "python/native/arrays.h"
@@ -57,9 +57,9 @@ float radiusFromSpacing(Array<float> const& positions) {
                                        [](double, std::uint64_t) {});
 }
 
-Array<float> mapColors(Array<float> const& values,
-                       std::optional<std::array<float, 2>> const& range) {
-    return arrayOf(pipeline::mapColors(vectorOf(values), range));
+Array<float> mapColors(Array<float> const& values, std::optional<std::array<float, 2>> const& range,
+                       std::string const& name) {
+    return arrayOf(pipeline::mapColors(vectorOf(values), range, pipeline::ColorMap(name)));
 }
 
 Array<float> mapTypes(Array<std::int64_t> const& types) {
@@ -89,6 +89,10 @@ void defineLooks(py::module_& module) {
     module.def("element_colors", &elementColors);
     module.def("radius_from_spacing", &radiusFromSpacing);
     module.def("map_colors", &mapColors);
+    module.def("color_map_names", &pipeline::colorMapNames);
+    module.def("is_kind_name", &pipeline::isKindName);
+    module.def("shows_kinds",
+               [](std::string const& column) { return pipeline::showsKinds({}, column); });
     module.def("map_types", &mapTypes);
     module.def("light_of_codes", &lightOfCodes);
     module.def("code_borders", &codeBorders);

@@ -42,6 +42,17 @@ class WithFolder(unittest.TestCase):
 
 @unittest.skipIf(kelpa._native.missing, "this build reads no files")
 class Files(WithFolder):
+    def test_have_the_looks_that_are_asked_for(self):
+        water = kelpa.read(self.water, radii={"O": 1.5}, colors={"H": "lime"})
+        np.testing.assert_array_equal(water.radii, F([1.5, 1.1, 1.1]))
+        np.testing.assert_array_equal(water.colors[1], [0, 1, 0])
+        magma = kelpa.read(self.water, color_by="charge", colormap="magma_r", range=(-0.8, 0.4))
+        self.assertGreater(magma.colors[0].min(), 0.5)  # its pale end
+        self.assertIn("length of velo.x", " ".join(kelpa.read(self.water, color_by="velo").notes))
+        for option, value in (("colormap", "jet"), ("colors", {"Q": "red"}), ("radii", {"O": -1})):
+            with self.assertRaisesRegex(ValueError, option):
+                kelpa.read(self.water, color_by="charge", **{option: value})
+
     def test_are_particles_with_their_columns(self):
         water = kelpa.read(self.water)
         np.testing.assert_array_equal(water.positions, F([[0, 0, 0], [0.5, 0.5, 0], [0.5, -0.5, 0]]))

@@ -73,7 +73,7 @@ TEST(Elements, AreKnownByTheirSymbols) {
                                          {"7", 0}})
         EXPECT_EQ(atomicNumberOf(symbol), number) << symbol;
     EXPECT_EQ(elementRadius(1, false), 1.10F);
-    EXPECT_EQ(elementRadius(46, false), 2.15F);
+    EXPECT_EQ(elementRadius(46, false), 1.37F);
     EXPECT_EQ(elementRadius(46, true), 1.39F);
     EXPECT_EQ(elementRadius(0, false), 1.70F);
     EXPECT_TRUE(same(elementColor(1), {1.0F, 1.0F, 1.0F}));

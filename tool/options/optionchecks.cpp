@@ -94,6 +94,9 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
     if (!particles.frames.empty() && options.camera.turntable > 0)
         throw UsageError("--frames and --turntable both make many pictures; use one of them");
     checkEffects(isGiven, options);
+    for (char const* const other : {"--radius", "--radius-from"})
+        if (options.scene.radius.covalent && isGiven(other))
+            throw UsageError(fmt::format("--radii excludes {}", other));
     if (motion.times[0] == motion.times[1])
         throw UsageError("--times must differ");
     if (motion.shutter && (*motion.shutter)[0] > (*motion.shutter)[1])

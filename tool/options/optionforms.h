@@ -16,6 +16,7 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -144,6 +145,22 @@ template <class Number> CLI::Validator between(Number low, Number high) {
             return fmt::format("'{}' is not a {} number from {} to {}", text, kind, low, high);
         },
         "");
+}
+
+/// "O=red,2=#c33" as kinds with what `parse` makes of the words behind them.
+template <class Value, class Parse>
+std::vector<OfKind<Value>> parseKinds(std::string const& text, char const* form, Parse parse) {
+    std::vector<OfKind<Value>> kinds;
+    std::istringstream rest(text + ",");
+    for (std::string item; std::getline(rest, item, ',');) {
+        std::size_t const sign = item.find('=');
+        if (sign == std::string::npos || !isKindName(item.substr(0, sign)))
+            throw UsageError(fmt::format("'{}' is not of the form {}: the number of a type, or an "
+                                         "element's symbol, before each =",
+                                         item, form));
+        kinds.push_back({item.substr(0, sign), parse(item.substr(sign + 1))});
+    }
+    return kinds;
 }
 
 inline CLI::Validator anySeed() {

@@ -75,22 +75,48 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
         ->group("Radius");
 }
 
+namespace {
+
+float parseRadius(std::string const& text) {
+    float const radius = parseNumbers<float, 1>(text, ',', "a number")[0];
+    if (!(radius >= smallestRadius && radius <= largest))
+        throw UsageError(fmt::format("'{}' is no radius", text));
+    return radius;
+}
+
+/// A word for all elements, or radii of some kinds, or both.
+void takeRadii(std::string const& text, RadiusOptions& radii) {
+    std::size_t const comma = std::min(text.find(','), text.size());
+    std::string const first = inSmallLetters(text.substr(0, comma));
+    bool const hasWord = first == "vdw" || first == "covalent";
+    if (!hasWord && first.find('=') == std::string::npos)
+        throw UsageError(
+            fmt::format("'{}' is none of vdw, covalent, and no list such as 1=2.5,O=1.5", text));
+    if (hasWord)
+        radii.covalent = first == "covalent";
+    if (!hasWord || comma < text.size())
+        radii.ofKinds =
+            parseKinds<float>(hasWord ? text.substr(comma + 1) : text, "1=2.5,O=1.5", parseRadius);
+}
+
+} // namespace
+
 void addParticleOptions(CLI::App& app, Options& options) {
     auto* const radiusFrom = addReadOptions(app, options.particles);
     RadiusOptions& radii = options.scene.radius;
-    auto* const radius =
-        app.add_option("-r,--radius", radii.radius,
-                       "Radius of all particles; else the file's, by element, or by spacing")
-            ->transform(between(smallestRadius, largest))
-            ->excludes(radiusFrom)
-            ->group("Radius");
+    app.add_option("-r,--radius", radii.radius,
+                   "Radius of all particles; else the file's, by element, or by spacing")
+        ->transform(between(smallestRadius, largest))
+        ->excludes(radiusFrom)
+        ->group("Radius");
     app.add_option("--radius-scale", radii.scale, "Factor on all radii")
         ->transform(between(1.0F / largest, largest))
         ->group("Radius");
-    addChoice(app, "--radii", radii.covalent, {{"vdw", false}, {"covalent", true}},
-              "Element radii; default: vdw")
-        ->excludes(radius)
-        ->excludes(radiusFrom)
+    addTaken(
+        app, "--radii", "vdw|covalent|O=R,1=R",
+        [&radii](std::string const& text) { takeRadii(text, radii); },
+        "Element radii; default: vdw, van der Waals and of metals that of atoms in the metal; or "
+        "radii of some elements or types, covalent,O=1.5")
         ->group("Radius");
     app.add_flag("--points", options.scene.points, "Points with a radius instead of solid spheres")
         ->group("Radius");
@@ -188,180 +214,6 @@ void addMotionOptions(CLI::App& app, Options& options) {
     addChoice(app, "--bounds", options.tree.hasMovingBounds, {{"static", false}, {"moving", true}},
               "Bounds that the moving tree reports")
         ->group("Motion");
-}
-
-namespace {
-
-/// Takes names between commas.
-void takeChannels(std::string const& names, ImageOptions& image) {
-    std::istringstream rest(names + ",");
-    for (std::string name; std::getline(rest, name, ',');) {
-        bool* const channel = name == "depth"      ? &image.depth
-                              : name == "normal"   ? &image.normal
-                              : name == "id"       ? &image.id
-                              : name == "position" ? &image.position
-                                                   : nullptr;
-        if (channel == nullptr)
-            throw UsageError(
-                fmt::format("'{}' is none of depth, normal, id and position, with commas", name));
-        *channel = true;
-    }
-}
-
-} // namespace
-
-void addColorOptions(CLI::App& app, ColorOptions& color) {
-    auto* const one =
-        addParsed(
-            app, "--color", "COLOR", color.color, parseColorOption,
-            "Colour of all, such as #4070c0, #47c or steelblue; else the file's, or by element")
-            ->group("Colour");
-    auto* const colorBy = app.add_option("--color-by", color.colorBy, "Column to colour by")
-                              ->excludes(one)
-                              ->group("Colour");
-    addTaken(
-        app, "--colormap", "viridis",
-        [](std::string const& name) {
-            if (inSmallLetters(name) != "viridis")
-                throw UsageError(fmt::format("'{}' is no colour map; there is viridis", name));
-        },
-        "Colour map")
-        ->needs(colorBy)
-        ->group("Colour");
-    addParsed(
-        app, "--range", "A:B", color.range,
-        [](std::string const& text) { return parseNumbers<float, 2>(text, ':', "A:B"); },
-        "Values for both ends of the colour map; default: 1st to 99th percentile")
-        ->needs(colorBy)
-        ->group("Colour");
-}
-
-namespace {
-
-/// Where the camera is, and what it looks at.
-void addPlaceOptions(CLI::App& app, CameraOptions& camera) {
-    std::vector<std::pair<std::string, std::optional<View>>> const views(std::begin(viewNames),
-                                                                         std::end(viewNames));
-    addChoice(app, "--view", camera.view, views, "Where the particles, framed, are seen from")
-        ->group("Camera");
-    addParsed(app, "--eye", "X,Y,Z", camera.eye, parseVector, "Where the camera is")
-        ->group("Camera");
-    addParsed(app, "--look-at", "X,Y,Z", camera.lookAt, parseVector, "What it looks at")
-        ->group("Camera");
-    addTaken(
-        app, "--up", "y|z|X,Y,Z",
-        [&camera](std::string const& text) {
-            if (std::string const axis = inSmallLetters(text); axis == "y" || axis == "z") {
-                camera.upAxis = axis[0];
-                return;
-            }
-            camera.up = parseVector(text);
-            if (camera.up->x == 0.0F && camera.up->y == 0.0F && camera.up->z == 0.0F)
-                throw UsageError(fmt::format("{} is no direction", text));
-        },
-        "Upward axis or direction; default: the format's")
-        ->group("Camera");
-}
-
-} // namespace
-
-void addCameraOptions(CLI::App& app, CameraOptions& camera) {
-    addPlaceOptions(app, camera);
-    app.add_option("--fov", camera.fov, "Vertical angle of view, degrees; default: 35")
-        ->transform(between(0.1, 170.0))
-        ->group("Camera");
-    app.add_flag("--ortho", camera.ortho, "Parallel projection")->group("Camera");
-    app.add_option("--zoom", camera.zoom, "Factor on the picture's scale")
-        ->transform(between(1e-6, 1e6))
-        ->group("Camera");
-
-    app.add_option("--turntable", camera.turntable,
-                   "Pictures of one turn around the particles; -o turn.####.png numbers them")
-        ->transform(between(1, 1000000))
-        ->group("Camera");
-}
-
-namespace {
-
-/// Which pixels, and what of them.
-void addPixelOptions(CLI::App& app, ImageOptions& image) {
-    addParsed(
-        app, "--crop", "X0,Y0,X1,Y1", image.crop,
-        [](std::string const& text) { return parseNumbers<int, 4>(text, ',', "X0,Y0,X1,Y1"); },
-        "Pixels to render: from X0,Y0 to before X1,Y1")
-        ->group("Image");
-    addTaken(
-        app, "--aov", "depth,normal,id,position",
-        [&image](std::string const& names) { takeChannels(inSmallLetters(names), image); },
-        "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
-        "ray, 1e30 where no particle is), normal, id (with id.high the 64 bits of it), "
-        "position")
-        ->group("Image");
-}
-
-} // namespace
-
-void addImageOptions(CLI::App& app, ImageOptions& image) {
-    addTaken(
-        app, "--size", "WIDTHxHEIGHT",
-        [&image](std::string const& text) {
-            auto const size = parseNumbers<int, 2>(inSmallLetters(text), 'x', "WIDTHxHEIGHT");
-            if (size[0] < 1 || size[1] < 1 || size[0] > 65536 || size[1] > 65536)
-                throw UsageError(fmt::format("'{}' is not from 1x1 to 65536x65536", text));
-            image.width = size[0];
-            image.height = size[1];
-        },
-        "Pixels of the picture; default: 1280x720")
-        ->group("Image");
-    app.add_option("--samples", image.samples, "Camera rays per pixel; default: 16")
-        ->transform(between(1, 65536))
-        ->group("Image");
-    addTaken(
-        app, "--background", "COLOR|none",
-        [&image](std::string const& text) {
-            image.transparent = inSmallLetters(text) == "none";
-            if (!image.transparent)
-                image.background = parseColorOption(text);
-        },
-        "Colour behind the particles, or none for a transparent picture")
-        ->group("Image");
-    addPixelOptions(app, image);
-}
-
-void addLightOptions(CLI::App& app, LightOptions& light) {
-    using Shade = LightOptions::Shade;
-    addChoice<Shade>(app, "--shade", light.shade,
-                     {{"ao", Shade::ao}, {"lit", Shade::lit}, {"flat", Shade::flat}},
-                     "Light with shadows and ambient occlusion (default), light, or colour alone")
-        ->group("Light");
-    app.add_option("--ao-samples", light.aoSamples, "Occlusion rays per camera ray; default: 2")
-        ->transform(between(0, 4096))
-        ->group("Light");
-    app.add_option("--ao-distance", light.aoDistance,
-                   "How far occlusion reaches; default: 10 % of the diagonal")
-        ->transform(between(1e-30, 1e30))
-        ->group("Light");
-    // Bound to the optional itself, the parser would count in it: from a "no" that nobody wrote.
-    app.add_flag_function(
-           "--shadows,!--no-shadows", [&light](std::int64_t said) { light.shadows = said > 0; },
-           "Shadows of the key light; default: with --shade ao")
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-        ->group("Light");
-}
-
-void addPictureRunOptions(CLI::App& app, Options& options) {
-    app.add_option("--seed", options.image.seed, "Of the sample patterns")
-        ->transform(anySeed())
-        ->group("Run");
-    RunOptions& run = options.run;
-    app.add_flag("--reproducible", run.reproducible,
-                 "Build on one thread, so that every bit is the same every time")
-        ->group("Run");
-    // A flag takes a value after = only, so that it never swallows the file that follows it.
-    app.add_flag("--stats", run.statsFile,
-                 "Print the tree's statistics; with --stats=FILE.json write them and all times")
-        ->type_name("[=FILE.json]")
-        ->group("Run");
 }
 
 } // namespace pipeline::tool

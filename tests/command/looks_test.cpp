@@ -1,0 +1,92 @@
+// What the command's user says of colours and radii, and what the picture then shows.
+
+#include "tests/support/command.h"
+
+#include <cmath>
+
+namespace {
+
+using namespace kelpatest;
+
+class Looks : public Command {
+  protected:
+    /// Renders four particles in a row along x, 2 apart, with radius 0.5 and without light.
+    Picture renderRow(Words words) const {
+        write("row.xyz", "4\nProperties=species:S:1:pos:R:3:radius:R:1:mol:I:1:force:R:3\n"
+                         "O 0 0 0 .5 1 0 0 0\nH 2 0 0 .5 2 1 0 0\n"
+                         "Fe 4 0 0 .5 11 0 2 0\nO 6 0 0 .5 12 2 1 2\n");
+        Words const look = {"row.xyz", "--view", "front", "--shade", "flat"};
+        words.insert(words.begin(), look.begin(), look.end());
+        return render(words);
+    }
+    /// The pixel in the middle of one of them, as #rrggbb.
+    static std::string colorOf(Picture const& picture, int sphere) {
+        auto const x = static_cast<std::size_t>(std::lround(35.0 + (sphere - 1.5) * 19.0));
+        std::string code = "#";
+        for (std::size_t i = 0; i < 3; ++i)
+            code += fmt::format("{:02x}",
+                                static_cast<unsigned char>(picture.bytes[3 * (25 * 70 + x) + i]));
+        return code;
+    }
+    static Words colorsOf(Picture const& picture) {
+        return {colorOf(picture, 0), colorOf(picture, 1), colorOf(picture, 2), colorOf(picture, 3)};
+    }
+};
+
+TEST_F(Looks, ShowNumbersByTheMapsOfTheField) {
+    Words const byForce = {"--color-by", "force", "--range", "0:3", "--colormap"};
+    auto const with = [&](char const* map) {
+        Words words = byForce;
+        words.emplace_back(map);
+        return colorsOf(renderRow(words));
+    };
+    // matplotlib.colormaps["magma"]([0, 1/3, 2/3, 1.0]), rounded to codes
+    EXPECT_EQ(with("magma"), (Words{"#000004", "#721f81", "#f1605d", "#fcfdbf"}));
+    EXPECT_EQ(with("Magma_R"), (Words{"#fcfdbf", "#f1605d", "#721f81", "#000004"}));
+    EXPECT_EQ(with("coolwarm")[0], "#3b4cc0");
+    EXPECT_TRUE(contains(read("stderr"), "colours show force (length of force.x force.y force.z)"));
+    EXPECT_EQ(colorsOf(renderRow({"--color-by", "mol", "--colormap", "viridis"}))[0], "#440154");
+    Words const kinds = colorsOf(renderRow({"--color-by", "mol"}));
+    EXPECT_EQ(kinds[0], kinds[2]) << "the eleventh kind looks like the first";
+    EXPECT_EQ(kinds[1], kinds[3]);
+    EXPECT_NE(kinds[0], kinds[1]);
+}
+
+TEST_F(Looks, SetKindsApartFromTheOthers) {
+    EXPECT_EQ(colorsOf(renderRow({"--color", "white", "--colors", "O=red,Fe=#012"})),
+              (Words{"#ff0000", "#ffffff", "#001122", "#ff0000"}));
+    EXPECT_EQ(colorsOf(renderRow({"--colors", "h=blue,N=red"})),
+              (Words{"#ff0d0d", "#0000ff", "#e06633", "#ff0d0d"}));
+    EXPECT_TRUE(contains(read("stderr"), "no particle is of kind 'N'; there are H O Fe\n"));
+    // The file's radii but for one of them, which now reaches to its neighbours.
+    EXPECT_EQ(colorsOf(renderRow({"--radii", "O=1e-3,Fe=2.5"}))[1], "#e06633");
+    write("types.dump", "ITEM: TIMESTEP\n0\nITEM: NUMBER OF ATOMS\n2\nITEM: BOX BOUNDS\n0 9\n0 9\n"
+                        "0 9\nITEM: ATOMS id type x y z\n1 1 0 0 0\n2 7 4 0 0\n");
+    Words const typed = {"render", "types.dump", "-o", "a.ppm", "--size", "9x9"};
+    auto const told = [&](Words more) {
+        more.insert(more.begin(), typed.begin(), typed.end());
+        return run(more).err;
+    };
+    EXPECT_FALSE(contains(told({"--radii", "1=1,7=2"}), "no radius in")) << "all radii are said";
+    EXPECT_TRUE(contains(told({"--colors", "2=red"}), "no particle is of kind '2'; there are 1 7"));
+    EXPECT_TRUE(contains(told({"--colors", "O=red"}), "types.dump: has no elements for 'O'"));
+}
+
+TEST_F(Looks, ListTheNamesThereAre) {
+    for (auto const& [words, says] : std::vector<std::pair<Words, std::string>>{
+             {{"--color-by", "q", "--colormap", "jet"},
+              "'jet' is no colour map; there are viridis, magma, inferno, plasma, cividis, turbo"},
+             {{"--colors", "red"}, "--colors: 'red' is not of the form O=red,1=#c33"},
+             {{"--colors", "O=reed"}, "--colors: 'reed' is no colour"},
+             {{"--radii", "ionic"}, "'ionic' is none of vdw, covalent, and no list"},
+             {{"--radii", "O=-1"}, "--radii: '-1' is no radius"},
+             {{"--radii", "covalent", "--radius", "1"}, "--radii excludes --radius"}}) {
+        Words full = {"render", "row.xyz", "-o", "a.ppm"};
+        full.insert(full.end(), words.begin(), words.end());
+        Answer const answer = run(full);
+        EXPECT_EQ(answer.code, 2);
+        EXPECT_TRUE(contains(answer.err, says)) << answer.err;
+    }
+}
+
+} // namespace
