@@ -1,6 +1,5 @@
 // Moving scenes for tests, and every particle asked as their judge.
 #pragma once
-// Clouds that move, in trees.
 
 #include "tests/support/scene.h"
 
@@ -67,7 +66,9 @@ struct MovingScene : Scene<MovingParticlePrimitive> {
             System& now = cloud.systems.emplace_back();
             auto const t0 = static_cast<float>(first[s].data.sampleTime);
             auto const t1 = static_cast<float>(cloud.later[s].data.sampleTime);
-            float const f = (time - t0) / (t1 - t0);
+            // Of two equal times, what moves stands where it was first.
+            float const lasts = t1 == t0 ? 1.0F : t1 - t0;
+            float const f = (time - t0) / lasts;
             for (std::size_t i = 0; i < first[s].radii.size(); ++i) {
                 Vector const& a = first[s].positions[i];
                 Vector const& b = cloud.later[s].positions[i];
@@ -75,14 +76,14 @@ struct MovingScene : Scene<MovingParticlePrimitive> {
                 bool isUsable = true;
                 for (int axis = 0; axis < 3; ++axis) {
                     center[axis] = a[axis] + (b[axis] - a[axis]) * f;
-                    isUsable &= std::isfinite((b[axis] - a[axis]) / (t1 - t0));
+                    isUsable &= std::isfinite((b[axis] - a[axis]) / lasts);
                 }
                 float const r0 = first[s].radii[i];
                 float const r1 = cloud.later[s].radii[i];
-                isUsable &= r0 >= 1e-15F && r1 >= 1e-15F && std::isfinite((r1 - r0) / (t1 - t0));
+                isUsable &= r0 >= 1e-15F && r1 >= 1e-15F && std::isfinite((r1 - r0) / lasts);
                 now.add(center, isUsable ? r0 + (r1 - r0) * f : 0.0F);
             }
-            bool const isThere = t0 <= time && time <= t1;
+            bool const isThere = (time - t0) * (time - t1) <= 0.0F;
             now.data.particleType = isThere ? first[s].data.particleType : 7; // never hit
             now.seal();
         }
