@@ -1,5 +1,5 @@
-#pragma once
 // Builds and rays as cases of Google Benchmark.
+#pragma once
 
 #include "bench/comparison.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Tables: both libraries build the same scenes and answer the same rays, in one run.
+#pragma once
 
 #include "bench/kernels.h"
 

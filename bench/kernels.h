@@ -1,5 +1,5 @@
-#pragma once
 // What a library must do to be measured: build a tree, answer rays.
+#pragma once
 
 #include "bench/rays.h"
 #include "bench/scenes.h"

@@ -1,5 +1,5 @@
-#pragma once
 // The rays that are measured, and the digest of their answers.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // The spheres that are measured, made from numbers alone.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Blocks of memory that builds use again and again.
+#pragma once
 
 #include "kelpa/foundation/lock.h"
 

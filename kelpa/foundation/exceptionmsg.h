@@ -1,5 +1,5 @@
-#pragma once
 // The one exception that hosts must expect.
+#pragma once
 
 #include "kelpa/foundation/language.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: a short list on the call stack.
+#pragma once
 
 #include <cassert>
 #include <cstddef>

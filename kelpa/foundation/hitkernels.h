@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the hit tests, written once for the public functions and for both trees' leaves.
+#pragma once
 
 #include "kelpa/foundation/iray.h"
 

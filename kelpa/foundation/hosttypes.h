@@ -1,5 +1,5 @@
-#pragma once
 // What library and host exchange: rays, particles, threads and progress.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

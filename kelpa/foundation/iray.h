@@ -1,5 +1,5 @@
-#pragma once
 // A ray as trees see it, and its tests with boxes and particles.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/vector.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Locks for work so short that waiting awake is cheapest.
+#pragma once
 
 #include "kelpa/foundation/language.h"
 

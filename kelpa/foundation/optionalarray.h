@@ -1,5 +1,5 @@
-#pragma once
 // Internal: memory for what makes things faster and can be done without.
+#pragma once
 
 #include <cstddef>
 #include <cstdlib>

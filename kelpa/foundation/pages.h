@@ -1,5 +1,5 @@
-#pragma once
 // Internal: memory straight from the system, which gets all of it back.
+#pragma once
 
 #include <cstddef>
 

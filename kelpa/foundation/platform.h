@@ -1,5 +1,5 @@
-#pragma once
 // What builds ask of the system: work for threads, events, the number of processors.
+#pragma once
 
 #include "kelpa/foundation/language.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Sequences that grow by blocks, so that elements stay where they are.
+#pragma once
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: counters of a tree that several threads read and raise.
+#pragma once
 
 #include <atomic>
 #include <concepts>

@@ -1,5 +1,5 @@
-#pragma once
 // Arrays of plain records that grow in steps.
+#pragma once
 
 #include "kelpa/foundation/exceptionmsg.h"
 

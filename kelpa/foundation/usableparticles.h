@@ -1,6 +1,6 @@
-#pragma once
 // Which particles trees take. Builds ask the same questions, so a host that counts or frames its
 // particles beforehand has exactly those that can be hit.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/vector.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Vectors of three numbers, and boxes of two vectors.
+#pragma once
 
 #include "kelpa/foundation/language.h"
 

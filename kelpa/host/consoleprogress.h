@@ -1,5 +1,5 @@
-#pragma once
 // Progress on the standard error, and Ctrl-C heard in time.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Particles in arrays of their own, as builds want them.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/platform.h"

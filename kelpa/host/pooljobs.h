@@ -1,5 +1,5 @@
-#pragma once
 // Internal: how a pool's worker that waits for something helps with the jobs it may be waiting for.
+#pragma once
 
 namespace Kelpa {
 

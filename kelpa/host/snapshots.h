@@ -1,5 +1,5 @@
-#pragma once
 // Puts two snapshots into the order and the times that moving trees want.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // A thread manager for hosts that have none.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 

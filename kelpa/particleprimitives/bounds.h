@@ -1,5 +1,5 @@
-#pragma once
 // Bounds of primitives that stand still and that move.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

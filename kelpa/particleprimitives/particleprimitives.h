@@ -1,5 +1,5 @@
-#pragma once
 // Everything public: the particle primitives, the trees below them, and what they ask of a host.
+#pragma once
 
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/hosttypes.h"

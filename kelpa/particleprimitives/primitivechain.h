@@ -1,5 +1,5 @@
-#pragma once
 // The base classes through which a host sees a primitive.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/vector.h"

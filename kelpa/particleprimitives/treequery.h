@@ -1,5 +1,5 @@
-#pragma once
 // Internal: all that differs between registering with, bounding and asking the two trees.
+#pragma once
 
 #include "kelpa/foundation/fixedlist.h"
 #include "kelpa/foundation/hosttypes.h"

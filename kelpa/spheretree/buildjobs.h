@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the protocol by which a build hands subtrees to other threads and learns of their end.
+#pragma once
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: what a tree and its build hold of memory, and the most of it at a time.
+#pragma once
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"

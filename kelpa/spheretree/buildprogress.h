@@ -1,5 +1,5 @@
-#pragma once
 // Internal: how builds speak to the host's progress callback.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/sharedcounters.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: how build records are visited, parted between two sides and turned into leaves.
+#pragma once
 
 #include "kelpa/foundation/sequence.h"
 

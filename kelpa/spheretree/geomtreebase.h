@@ -1,5 +1,5 @@
-#pragma once
 // The interface of every tree.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 

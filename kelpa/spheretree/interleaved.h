@@ -1,5 +1,5 @@
-#pragma once
 // Internal: several rays on their way through a tree at the same time.
+#pragma once
 
 #include "kelpa/foundation/fixedlist.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: how a tree answers several rays at once.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 #include "kelpa/spheretree/traversal.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: for which processors the traversals exist, and which of them runs.
+#pragma once
 
 namespace Kelpa {
 

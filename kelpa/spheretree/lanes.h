@@ -1,4 +1,3 @@
-#pragma once
 // Internal: as many spheres at a time as the processor that a source is compiled for allows.
 //
 // The traversals are compiled once for each kind of processor. What differs is here: `Lanes` holds
@@ -10,6 +9,7 @@
 //
 // Nothing here may become a symbol that other sources share, or the linker could pick a version
 // that the processor at hand cannot run: so all is forced inline or unnamed.
+#pragma once
 
 #include <cstdint>
 

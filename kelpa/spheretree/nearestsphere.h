@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the nearest of many spheres, with the bits that asking them one by one would give.
+#pragma once
 
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/foundation/iray.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: what both trees do alike with a group of rays on one walk.
+#pragma once
 
 #include "kelpa/spheretree/lanes.h"
 #include "kelpa/spheretree/raylanes.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: four floats that are computed with as one, each as it would be alone.
+#pragma once
 
 #include <cstdint>
 #include <cstring>

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: what rays that go together have in common, to pass over spheres that none of them hits.
+#pragma once
 
 #include "kelpa/spheretree/lanes.h"
 #include "kelpa/spheretree/raylanes.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: as many rays of a bunch as a vector has lanes, on their way through a tree together.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/vector.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: lanes of a ray bunch that a tree is asked about in one go.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/spheretree/traversal.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: numbers points so that those with near numbers are near in space.
+#pragma once
 
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/foundation/vector.h"

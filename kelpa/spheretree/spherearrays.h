@@ -1,5 +1,5 @@
-#pragma once
 // Internal: spheres coordinate by coordinate, for tests of many at a time.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: what both builders use to decide between a leaf and a split, and between splits.
+#pragma once
 
 #include "kelpa/foundation/sharedcounters.h"
 #include "kelpa/spheretree/quad.h"

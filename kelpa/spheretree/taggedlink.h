@@ -1,6 +1,6 @@
-#pragma once
 // An address and a kind of two bits in one word. What a link leads to lies on a multiple of 4, so
 // the low two bits of its address are free.
+#pragma once
 
 #include "kelpa/foundation/language.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: what both traversals do alike on their way through a tree.
+#pragma once
 
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/foundation/iray.h"

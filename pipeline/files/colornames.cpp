@@ -1,3 +1,4 @@
+// The names of style sheets, and codes of three and six digits.
 #include "pipeline/files/colornames.h"
 
 #include "pipeline/files/srgb.h"

@@ -1,3 +1,4 @@
+// How values of every type become positions, radii, colours, ids and columns.
 #include "pipeline/files/columns.h"
 
 #include "pipeline/files/inputfile.h"

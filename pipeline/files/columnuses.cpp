@@ -1,3 +1,4 @@
+// Names that columns have in the wild, in the order of preference.
 #include "pipeline/files/columnuses.h"
 
 #include "pipeline/files/inputfile.h"

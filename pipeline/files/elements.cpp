@@ -1,3 +1,4 @@
+// The table of elements, and how names of atoms tell theirs.
 #include "pipeline/files/elements.h"
 
 #include "pipeline/files/srgb.h"

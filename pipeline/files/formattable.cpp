@@ -1,3 +1,4 @@
+// The table of formats, and how a file's first bytes and name choose one.
 #include "pipeline/files/formattable.h"
 
 #include "pipeline/files/formats/readers.h"

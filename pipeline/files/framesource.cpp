@@ -1,3 +1,4 @@
+// Frames one after the other, within a file or across files.
 #include "pipeline/files/framesource.h"
 
 #include "pipeline/files/errors.h"

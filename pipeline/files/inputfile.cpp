@@ -1,3 +1,4 @@
+// Reads, unpacks and seeks, and says what went wrong where.
 #include "pipeline/files/inputfile.h"
 
 #include "pipeline/files/unpacking.h"

@@ -1,3 +1,4 @@
+// Elements for types that a file numbers 1, 2 and so on.
 #include "pipeline/files/nameelements.h"
 
 #include "pipeline/files/errors.h"

@@ -1,3 +1,4 @@
+// Finds the place of a number in a name, and fills it.
 #include "pipeline/files/numberplace.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// A temporary name beside the final one, and what happens to it at every kind of end.
 #include "pipeline/files/outputfile.h"
 
 #include "pipeline/files/errors.h"

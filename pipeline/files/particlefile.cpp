@@ -1,3 +1,4 @@
+// Opens a file, has its format's reader read a frame, and completes what it says.
 #include "pipeline/files/particlefile.h"
 
 #include "pipeline/files/formattable.h"

@@ -1,3 +1,4 @@
+// Writes each column with the type that loses none of its digits, binary or as text.
 #include "pipeline/files/plywriter.h"
 
 #include "pipeline/files/outputfile.h"

@@ -1,3 +1,4 @@
+// What is escaped, quoted and cut.
 #include "pipeline/files/printable.h"
 
 #include <fmt/format.h>

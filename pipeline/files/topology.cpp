@@ -1,3 +1,4 @@
+// Particles taken out by name, and columns handed to frames that lack them.
 #include "pipeline/files/topology.h"
 
 #include "pipeline/files/errors.h"

@@ -1,3 +1,4 @@
+// One class for each library that unpacks.
 #include "pipeline/files/unpacking.h"
 
 #include <zlib.h>

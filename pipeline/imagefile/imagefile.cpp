@@ -1,3 +1,4 @@
+// Names tell formats, and formats what they can hold.
 #include "pipeline/imagefile/imagefile.h"
 
 #include "pipeline/files/errors.h"

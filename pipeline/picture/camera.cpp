@@ -1,3 +1,4 @@
+// Pinhole and parallel rays through points of the picture.
 #include "pipeline/picture/camera.h"
 
 namespace pipeline {

@@ -1,3 +1,4 @@
+// Counts, cell by cell of a picture, which spheres may show there.
 #include "pipeline/picture/footprint.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-#pragma once
 // Where a picture can show particles at all.
+#pragma once
 
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/lanekernels.h"

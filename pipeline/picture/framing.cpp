@@ -1,3 +1,4 @@
+// How far away the eye must be for every sphere to be seen whole.
 #include "pipeline/picture/framing.h"
 
 #include "pipeline/scene/bounds.h"

@@ -1,3 +1,4 @@
+// Arithmetic of many samples at once, the same bits as one at a time.
 #include "pipeline/picture/lanekernels.h"
 
 #include "pipeline/picture/sampling.h"

@@ -1,5 +1,5 @@
-#pragma once
 // What a picture computes for every sample, for many of them at once.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,3 +1,4 @@
+// The light that options, camera and scene ask for.
 #include "pipeline/picture/light.h"
 
 #include "pipeline/scene/bounds.h"

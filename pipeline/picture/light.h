@@ -1,5 +1,5 @@
-#pragma once
 // Light, as it falls on the whole scene.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,3 +1,4 @@
+// What all tiles share, and the image around them.
 #include "pipeline/picture/render.h"
 
 #include "kelpa/host/pieces.h"

@@ -1,3 +1,4 @@
+// Chooses the pixels of a tile that need samples, and finishes the others.
 #include "pipeline/picture/tile.h"
 
 #include "pipeline/picture/tilepasses.h"

@@ -1,5 +1,5 @@
-#pragma once
 // A small square of a picture, and what all of them have in common.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 #include "kelpa/host/pieces.h"

@@ -1,3 +1,4 @@
+// The order in which a picture's tiles are dealt out.
 #pragma once
 
 #include <cstddef>

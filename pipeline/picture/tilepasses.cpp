@@ -1,3 +1,4 @@
+// Camera rays, surfaces, sky and shadow of some samples, step by step.
 #include "pipeline/picture/tilepasses.h"
 
 #include "pipeline/scene/vec.h"

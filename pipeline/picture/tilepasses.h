@@ -1,5 +1,5 @@
-#pragma once
 // Some samples of every pixel of a tile.
+#pragma once
 
 #include "pipeline/picture/lanekernels.h"
 #include "pipeline/picture/tile.h"

@@ -1,3 +1,4 @@
+// Sends columns, notes and errors to whoever started the program.
 #include "pipeline/readers/readersender.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Which samples there are.
 #include "pipeline/samples/samples.h"
 
 #include "pipeline/samples/particles.h"

@@ -1,3 +1,4 @@
+// Radii and colours from options, columns, elements and types, in this order.
 #include "pipeline/scene/appearance.h"
 
 #include "pipeline/files/elements.h"

@@ -1,3 +1,4 @@
+// Boxes, their centres, and where numbers count from.
 #include "pipeline/scene/bounds.h"
 
 #include <algorithm>

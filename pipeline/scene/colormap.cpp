@@ -1,3 +1,4 @@
+// The colour map, the range of values that it shows, and colours for kinds.
 #include "pipeline/scene/colormap.h"
 
 #include "pipeline/files/srgb.h"

@@ -1,3 +1,4 @@
+// Still or moving trees behind one interface, their builds and their figures.
 #include "pipeline/scene/geometry.h"
 
 #include "kelpa/particleprimitives/particleprimitives.h"

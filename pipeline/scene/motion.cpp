@@ -1,3 +1,4 @@
+// Partners by id or by order, and the shorter way around a period.
 #include "pipeline/scene/motion.h"
 
 #include <algorithm>

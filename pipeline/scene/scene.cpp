@@ -1,3 +1,4 @@
+// Puts particles, their looks and their ways together, and counts what no tree takes.
 #include "pipeline/scene/scene.h"
 
 #include "pipeline/files/elements.h"

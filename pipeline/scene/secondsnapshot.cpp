@@ -1,3 +1,4 @@
+// Reads the next frame, the other file, or nothing.
 #include "pipeline/scene/secondsnapshot.h"
 
 #include "pipeline/files/nameelements.h"

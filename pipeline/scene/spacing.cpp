@@ -1,3 +1,4 @@
+// Distances from samples to their nearest neighbours among all points.
 #include "pipeline/scene/spacing.h"
 
 #include <algorithm>

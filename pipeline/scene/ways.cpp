@@ -1,3 +1,4 @@
+// Matches snapshots, adds newcomers, and stops at the shutter's ends.
 #include "pipeline/scene/ways.h"
 
 #include "pipeline/files/errors.h"

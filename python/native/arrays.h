@@ -1,5 +1,5 @@
-#pragma once
 // Arrays of numpy as the library takes them.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,3 +1,4 @@
+// Reads frames with the interpreter's lock given away, and lends their arrays to numpy.
 #include "python/native/files.h"
 
 #include "pipeline/files/errors.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Particle files in arrays of numpy, read as the command reads them.
+#pragma once
 
 #include <pybind11/pybind11.h>
 

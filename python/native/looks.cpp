@@ -1,3 +1,4 @@
+// The pipeline's radii and colours, as arrays.
 #include "python/native/looks.h"
 
 #include "pipeline/files/colornames.h"

@@ -1,5 +1,5 @@
-#pragma once
 // How particles look by what they are: elements, kinds, values of a column, distances.
+#pragma once
 
 #include <pybind11/pybind11.h>
 

@@ -1,3 +1,4 @@
+// Renders and writes pictures for Python.
 #include "python/native/pictures.h"
 
 #include "python/native/arrays.h"

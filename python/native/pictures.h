@@ -1,5 +1,5 @@
-#pragma once
 // Cameras, pictures and their files, as kelpa/camera.py and kelpa/pictures.py use them.
+#pragma once
 
 #include "pipeline/picture/camera.h"
 #include "pipeline/picture/framing.h"

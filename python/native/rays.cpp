@@ -1,3 +1,4 @@
+// Rays and hits between arrays and bunches.
 #include "python/native/rays.h"
 
 #include "pipeline/scene/bunch.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Many rays at once, in Python's arrays.
+#pragma once
 
 #include "pipeline/scene/geometry.h"
 

@@ -1,3 +1,4 @@
+// Joins the systems of a tree to one scene without building anything again.
 #include "python/native/scene.h"
 
 #include <algorithm>

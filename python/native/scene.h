@@ -1,5 +1,5 @@
-#pragma once
 // A tree's particles as the scene that pictures are made of.
+#pragma once
 
 #include "pipeline/scene/scene.h"
 

@@ -1,3 +1,4 @@
+// Builds trees over arrays where they lie, and answers for them.
 #include "python/native/tree.h"
 
 #include "kelpa/foundation/exceptionmsg.h"

@@ -1,5 +1,5 @@
-#pragma once
 // A tree over arrays of Python, as kelpa/primitive.py uses it.
+#pragma once
 
 #include "pipeline/scene/scene.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Long work under the interpreter: signals, progress, and its lock given away.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/host/pieces.h"

@@ -1,5 +1,5 @@
-#pragma once
 // The six services of a host that writes down how it is asked for them, and answers as told.
+#pragma once
 
 #include "kelpa/foundation/lock.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Why a tree's answer differs from the judge's.
+#pragma once
 
 #include "tests/support/movingscene.h"
 

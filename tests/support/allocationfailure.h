@@ -1,5 +1,5 @@
-#pragma once
 // Memory that runs out when a test says so.
+#pragma once
 
 #include <limits>
 

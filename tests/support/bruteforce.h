@@ -1,5 +1,5 @@
-#pragma once
 // The judge of everything: the closest hit, found by asking every particle.
+#pragma once
 
 #include "kelpa/foundation/iray.h"
 

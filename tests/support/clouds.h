@@ -1,5 +1,5 @@
-#pragma once
 // Seeded particle clouds, the same on every machine, from easy to hostile.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 

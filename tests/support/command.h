@@ -1,6 +1,5 @@
-#pragma once
-
 // Runs the real command in a folder of its own, for tests that look at what its user would see.
+#pragma once
 
 #include <fcntl.h>
 #include <fmt/format.h>

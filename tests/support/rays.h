@@ -1,5 +1,5 @@
-#pragma once
 // Seeded rays at clouds.
+#pragma once
 
 #include "tests/support/bruteforce.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Clouds in trees, asked through primitives, and what the answers are worth.
+#pragma once
 
 #include "kelpa/particleprimitives/particleprimitives.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Hosts for tests: progress callbacks that record and abort, thread managers of many manners.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/platform.h"

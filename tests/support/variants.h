@@ -1,5 +1,5 @@
-#pragma once
 // Every kind of traversal that this processor can run, one after the other.
+#pragma once
 
 #include "kelpa/spheretree/kernelvariant.h"
 

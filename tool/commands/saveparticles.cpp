@@ -1,3 +1,4 @@
+// Particles written, and what is told of the file.
 #include "tool/commands/saveparticles.h"
 
 #include "pipeline/files/plywriter.h"

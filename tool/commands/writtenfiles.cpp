@@ -1,3 +1,4 @@
+// Compares what names lead to, by device and number.
 #include "tool/commands/writtenfiles.h"
 
 #include "pipeline/files/framesource.h"

@@ -1,3 +1,4 @@
+// Keeps a command from writing over what it reads.
 #pragma once
 
 #include "tool/options/options.h"

@@ -1,3 +1,4 @@
+// A hint for everything that an error can ask for.
 #include "tool/options/hints.h"
 
 #include <fmt/format.h>

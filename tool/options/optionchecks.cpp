@@ -1,3 +1,4 @@
+// What excludes or needs what, and how that is said.
 #include "tool/options/optionchecks.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// Names, helps and forms of options, group by group.
 #include "tool/options/optiongroups.h"
 
 #include "pipeline/files/elements.h"

@@ -1,3 +1,4 @@
+// Which command has which groups; errors, help and version.
 #include "tool/options/options.h"
 
 #include "pipeline/files/formattable.h"

@@ -1,3 +1,4 @@
+// A thread that waits for signals and ends what does not end by itself.
 #include "tool/process/interruptwatch.h"
 
 #include "kelpa/host/consoleprogress.h"

@@ -1,3 +1,4 @@
+// Stands in for streams that are closed, and reports what could not be written.
 #include "tool/process/standardstreams.h"
 
 #include "pipeline/files/errors.h"

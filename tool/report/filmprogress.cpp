@@ -1,3 +1,4 @@
+// Frames done, and the time that those to come will take.
 #include "tool/report/filmprogress.h"
 
 #include "kelpa/host/consoleprogress.h"

@@ -1,3 +1,4 @@
+// How far a run of several pictures has come.
 #pragma once
 
 #include "tool/report/phases.h"

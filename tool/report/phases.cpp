@@ -1,3 +1,4 @@
+// Reading, making the scene and building, each with progress and notes.
 #include "tool/report/phases.h"
 
 #include "kelpa/foundation/platform.h"

@@ -1,3 +1,4 @@
+// Counts and times as JSON.
 #include "tool/report/statistics.h"
 
 #include "tool/version.h"

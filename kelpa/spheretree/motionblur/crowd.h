@@ -1,5 +1,5 @@
-#pragma once
 // Internal: finds out whether too many particles are in one place, before a build takes its time.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

@@ -1,5 +1,5 @@
-#pragma once
 // Records of moving trees: spheres, nodes, leaf entries, and what a build moves about.
+#pragma once
 
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/iray.h"

@@ -1,5 +1,5 @@
-#pragma once
 // The tree over particles that move.
+#pragma once
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/hosttypes.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the moving tree's queries, once for each kind of processor.
+#pragma once
 
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/rayrun.h"

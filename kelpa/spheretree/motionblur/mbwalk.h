@@ -1,6 +1,6 @@
-#pragma once
 // Internal: how one ray meets the leaves of a moving tree and walks from node to node; part of the
 // sources that are compiled once for each kind of processor, with `KELPA_VARIANT` as its name.
+#pragma once
 
 #include "kelpa/foundation/hitkernels.h"
 #include "kelpa/spheretree/motionblur/mbtraversal.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Internal: where between two bounds a node is split, a little off the middle.
+#pragma once
 
 #include "kelpa/spheretree/quad.h"
 #include "kelpa/spheretree/splitchoice.h"

@@ -1,5 +1,5 @@
-#pragma once
 // Boxes that move at constant velocity.
+#pragma once
 
 #include "kelpa/foundation/vector.h"
 

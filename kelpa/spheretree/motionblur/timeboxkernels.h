@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the arithmetic of moving boxes, inline for the builder's passes over its records.
+#pragma once
 
 #include "kelpa/spheretree/motionblur/timebox.h"
 #include "kelpa/spheretree/quad.h"

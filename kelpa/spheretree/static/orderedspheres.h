@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the order in memory in which a build of a still tree reads its spheres.
+#pragma once
 
 #include "kelpa/foundation/optionalarray.h"
 #include "kelpa/spheretree/buildmemory.h"

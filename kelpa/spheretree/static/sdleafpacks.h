@@ -1,5 +1,5 @@
-#pragma once
 // Internal: a copy of every leaf's spheres in the order of the leaf, for tests of many at a time.
+#pragma once
 
 #include "kelpa/spheretree/spherearrays.h"
 

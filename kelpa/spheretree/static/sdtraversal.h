@@ -1,5 +1,5 @@
-#pragma once
 // Internal: the static tree's queries, once for each kind of processor.
+#pragma once
 
 #include "kelpa/spheretree/rayrun.h"
 #include "kelpa/spheretree/static/sdspheretree.h"

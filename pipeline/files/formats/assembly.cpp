@@ -1,3 +1,4 @@
+// Chooses an assembly and makes its copies.
 #include "pipeline/files/formats/assembly.h"
 
 #include "pipeline/files/textvalues.h"

@@ -1,3 +1,4 @@
+// Sites, symmetry and images of a crystal, until a cell is full.
 #include "pipeline/files/formats/crystal.h"
 
 #include "pipeline/files/elements.h"

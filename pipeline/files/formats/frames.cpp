@@ -1,3 +1,4 @@
+// Goes to the frame that is asked for, and says when there are not so many.
 #include "pipeline/files/formats/frames.h"
 
 #include <limits>

@@ -1,3 +1,4 @@
+// The calls of gemmi: atoms of PDB files, tables of CIF, operations of space groups.
 #include "pipeline/files/formats/gemmifile.h"
 
 // The only file that includes gemmi, which takes its time to compile.

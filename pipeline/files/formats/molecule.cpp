@@ -1,3 +1,4 @@
+// Models, residues and elements of atoms, and what is told of them.
 #include "pipeline/files/formats/molecule.h"
 
 #include "pipeline/files/columnuses.h"

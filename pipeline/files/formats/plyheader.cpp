@@ -1,3 +1,4 @@
+// A header read line by line, every word of it judged.
 #include "pipeline/files/formats/plyheader.h"
 
 #include "pipeline/files/textvalues.h"

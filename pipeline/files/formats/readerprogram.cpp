@@ -1,3 +1,4 @@
+// Starts a reader, hears its answer with a time limit, and ends it.
 #include "pipeline/files/formats/readerprogram.h"
 
 #include "pipeline/files/formats/readermessages.h"

@@ -1,3 +1,4 @@
+// Splits lines into words and words into numbers, with the place of what is wrong.
 #include "pipeline/files/formats/textrows.h"
 
 #include "pipeline/files/elements.h"
