@@ -61,6 +61,7 @@ for file, changes in edits.items():
     texts[file] = text.encode()
 texts["mutant.h"] = b"""#pragma once
 #include <cstdlib>
+#include <utility>
 inline int const chosenMutant =
     std::getenv("KELPA_MUTANT") != nullptr ? std::atoi(std::getenv("KELPA_MUTANT")) : 0;
 [[gnu::always_inline]] inline bool mutant(int number) { return chosenMutant == number; }

@@ -101,10 +101,10 @@ TEST(Sequences, DoAsPlainListsDo) {
         }
     }
     Numbers numbers; // a run that does not fit leaves a gap; a long one gets a block of its length
-    for (int const n : {3, 2, 9, 1})
+    for (int const n : {3, 2, 5, 1})
         numbers.append(n);
     EXPECT_EQ(numbers.sequence.first->count, 3);
-    EXPECT_EQ(numbers.sequence.getMemUsage(), 4 * 32 + (4 + 4 + 9 + 4) * sizeof(int));
+    EXPECT_EQ(numbers.sequence.getMemUsage(), 4 * 32 + (4 + 4 + 5 + 4) * sizeof(int));
 }
 
 TEST(Sequences, AreUnchangedAndUnlockedWhenMemoryRunsOut) {

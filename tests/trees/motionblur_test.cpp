@@ -291,6 +291,7 @@ TEST(MovingTrees, FollowTheWorkedExamples) {
         EXPECT_EQ(jitter.nextUnit(), u);
     EXPECT_EQ(leafThreshold(10, 1.0F, 80), 11);
     EXPECT_EQ(leafThreshold(50, 1.0F, 80), 551);
+    EXPECT_EQ(leafThreshold(50, 1.0F, 81), 551); // half of an odd depth is rounded down
     Box box{{1, -3, 0}, {10, 2, 0.25F}};
     widenByMargin(box);
     EXPECT_EQ(box.min.y, -3.00048828125F);

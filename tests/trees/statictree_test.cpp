@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kelpatest {
@@ -166,6 +167,35 @@ TEST(StillTrees, TellMoreSystemsApartThanSixteenBitsCount) {
     }
 }
 
+// Cuts that take empty space off a node's box lie between a node and a leaf with nothing in it.
+TEST(StillTrees, CountSplitsAsDepthAndEmptyCutsOnlyAsLevels) {
+    for (CloudKind const& kind : {uniform, nested, lattice}) {
+        SCOPED_TRACE(kind.name);
+        StillScene scene(kind.make(8, 400));
+        scene.tree.build(nullptr, nullptr);
+        int deepest = 0, sum = 0, cuts = 0;
+        std::vector<std::pair<SDSphereNode<SDSphere> const*, int>> open{{scene.tree.root, 0}};
+        while (!open.empty()) {
+            auto const [node, depth] = open.back();
+            open.pop_back();
+            deepest = std::max(deepest, depth);
+            if (node->isLeaf()) {
+                sum += node->numLeafSpheres > 0 ? depth : 0;
+                continue;
+            }
+            SDSphereNode<SDSphere> const* const children = node->children();
+            bool const isCut = (children[0].isLeaf() && children[0].numLeafSpheres == 0) ||
+                               (children[1].isLeaf() && children[1].numLeafSpheres == 0);
+            cuts += isCut;
+            for (int const side : {0, 1})
+                open.push_back({children + side, depth + (isCut ? 0 : 1)});
+        }
+        EXPECT_GT(cuts, 0);
+        EXPECT_EQ(scene.tree.statMaxDepth, deepest);
+        EXPECT_EQ(scene.tree.statDepthSum, sum);
+    }
+}
+
 TEST(BuildMessages, TellEveryPhaseAndFigure) {
     std::vector<std::string> const threaded = {
         "0 30000 Creating and initializing " + std::to_string(getNumProcessors()) + " thread(s).\n",
@@ -214,12 +244,12 @@ TEST(BuildMessages, TellEveryPhaseAndFigure) {
     EXPECT_EQ(scene.tree.bbox.max.z, -1e20F);
     EXPECT_EQ(printableBytes(std::uint64_t{1} << 31), intMax);
 
-    // 1,120,000 bytes are 1.07 MB.
-    StillScene larger(uniform.make(1, 35000));
+    // 960,000 bytes are 0.92 MB.
+    StillScene larger(uniform.make(1, 30000));
     RecordingProgress counting;
     larger.tree.build(&counting, &manager);
-    EXPECT_EQ(counting.lines.at(1), "0 30000 Allocating memory for build data of 35000 spheres "
-                                    "(1120000 bytes, 1.1 MB).\n");
+    EXPECT_EQ(counting.lines.at(1), "0 30000 Allocating memory for build data of 30000 spheres "
+                                    "(960000 bytes, 0.9 MB).\n");
 }
 
 } // namespace
