@@ -23,7 +23,8 @@ xargs -d '\n' awk '
             if (indent + 0 > RLENGTH)
                 delete begin[indent]
         if (/^ *}/ && RLENGTH in begin && FNR - begin[RLENGTH] >= 60 &&
-            what[RLENGTH] !~ /^ *(template <[^>]*> )?(namespace|extern|class|struct|enum|union) /)
+            what[RLENGTH] !~ /^ *(template <[^>]*> )?(namespace|extern|class|struct|enum|union) / &&
+            what[RLENGTH] !~ / = \{+$/)
             report(begin[RLENGTH], "takes " FNR - begin[RLENGTH] + 1 " lines, more than 60")
         begin[RLENGTH] = FNR
         what[RLENGTH] = $0

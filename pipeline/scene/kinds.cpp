@@ -1,3 +1,4 @@
+// Finds the particles of a kind by what their file tells of them: types or elements.
 #include "pipeline/scene/kinds.h"
 
 #include "pipeline/files/elements.h"

@@ -278,9 +278,8 @@ class Frames {
     pipeline::FrameSource source;
 };
 
-} // namespace
-
-void defineFiles(py::module_& module) {
+/// Errors as Python's, with the way on in Python's words.
+void defineErrors(py::module_& module) {
     static py::exception<pipeline::InputError> const readError(module, "ReadError",
                                                                PyExc_ValueError);
     static py::exception<pipeline::NoSuchFrame> const noSuchFrame(module, "NoSuchFrame",
@@ -295,15 +294,12 @@ void defineFiles(py::module_& module) {
             PyErr_SetString(readError.ptr(), (error.what() + hintText(error.hint)).c_str());
         }
     });
-    module.def("format_names", &pipeline::formatNames);
-    py::class_<Wanted>(module, "Wanted")
-        .def(py::init<>())
-        .def_readwrite("format", &Wanted::format)
-        .def_readwrite("assembly", &Wanted::assembly)
-        .def_readwrite("topology", &Wanted::topology)
-        .def_readwrite("radius_from", &Wanted::radiusFrom)
-        .def_readwrite("elements", &Wanted::elements)
-        .def_readwrite("columns", &Wanted::columns)
+}
+
+using WantedClass = py::class_<Wanted>;
+
+void defineLooksWanted(WantedClass& wanted) {
+    wanted
         .def_property(
             "radius", nullptr,
             [](Wanted& w, std::optional<float> radius) { w.scene.radius.radius = radius; })
@@ -332,17 +328,6 @@ void defineFiles(py::module_& module) {
                               w.scene.color.map = pipeline::ColorMap(name);
                       })
         .def_property("points", nullptr, [](Wanted& w, bool points) { w.scene.points = points; })
-        .def_property(
-            "motion", nullptr,
-            [](Wanted& w, std::string const& motion) { w.scene.motion.motion = motionOf(motion); })
-        .def_property("times", nullptr,
-                      [](Wanted& w, std::array<double, 2> times) { w.scene.motion.times = times; })
-        .def_property("shutter", nullptr,
-                      [](Wanted& w, std::optional<std::array<double, 2>> shutter) {
-                          w.scene.motion.shutter = shutter;
-                      })
-        .def_property("dt", nullptr,
-                      [](Wanted& w, std::optional<double> dt) { w.scene.motion.dt = dt; })
         .def_property("color", nullptr,
                       [](Wanted& w, std::optional<std::array<float, 3>> color) {
                           w.scene.color.color.reset();
@@ -354,6 +339,38 @@ void defineFiles(py::module_& module) {
         .def_property("range", nullptr, [](Wanted& w, std::optional<std::array<float, 2>> range) {
             w.scene.color.range = range;
         });
+}
+
+void defineMotionWanted(WantedClass& wanted) {
+    wanted
+        .def_property(
+            "motion", nullptr,
+            [](Wanted& w, std::string const& motion) { w.scene.motion.motion = motionOf(motion); })
+        .def_property("times", nullptr,
+                      [](Wanted& w, std::array<double, 2> times) { w.scene.motion.times = times; })
+        .def_property("shutter", nullptr,
+                      [](Wanted& w, std::optional<std::array<double, 2>> shutter) {
+                          w.scene.motion.shutter = shutter;
+                      })
+        .def_property("dt", nullptr,
+                      [](Wanted& w, std::optional<double> dt) { w.scene.motion.dt = dt; });
+}
+
+} // namespace
+
+void defineFiles(py::module_& module) {
+    defineErrors(module);
+    module.def("format_names", &pipeline::formatNames);
+    WantedClass wanted(module, "Wanted");
+    wanted.def(py::init<>())
+        .def_readwrite("format", &Wanted::format)
+        .def_readwrite("assembly", &Wanted::assembly)
+        .def_readwrite("topology", &Wanted::topology)
+        .def_readwrite("radius_from", &Wanted::radiusFrom)
+        .def_readwrite("elements", &Wanted::elements)
+        .def_readwrite("columns", &Wanted::columns);
+    defineLooksWanted(wanted);
+    defineMotionWanted(wanted);
     py::class_<Frames>(module, "Frames")
         .def(py::init<std::string const&>())
         .def("numbers", &Frames::numbers)
