@@ -107,6 +107,7 @@ template <> class SequenceLock<false> {
 template <class T, int BlockSize, bool flag, bool locked, class Alloc = DefaultAllocator<T>>
 class _Sequence {
   public:
+    using Element = T;
     /// What the chain is made of.
     using Block = _SequenceBlock<T, flag, Alloc>;
     /// Bytes of the elements of an ordinary block.
@@ -151,6 +152,13 @@ class _Sequence {
         SequenceLock<locked> const scope(lock);
         current->count += n;
         writeShared(count, count + n);
+    }
+
+    /// Counts `n` elements no more, which stay in their block, wherever that is: slots that were
+    /// appended and that nobody uses.
+    void uncount(std::int32_t n) {
+        SequenceLock<locked> const scope(lock);
+        writeShared(count, count - n);
     }
 
     /// Sets the iteration to the first element.

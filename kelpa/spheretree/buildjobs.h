@@ -186,7 +186,7 @@ template <class Job> void runSubtreeJob(Job& job) {
         return;
     try {
         job.tree->buildNode(job.node, job.box, job.data, job.data.getCount(), job.depth,
-                            job.progress, &job.data, job.level);
+                            job.progress, &job.data, job.level, job.stocks);
     } catch (...) {
         keepFirstFailure(*job.tree, std::current_exception());
     }
@@ -212,6 +212,25 @@ template <class Tree> class ThreadsScope {
     Tree& tree;
 };
 
+/// What a thread takes the tree's nodes and leaf entries from. With `inPortions` they are taken
+/// many at a time: for large trees, of which a portion is little, and several threads.
+template <class Tree> typename Tree::Stocks makeStocks(Tree& tree, bool inPortions) {
+    // Each a few kilobytes, and an even part of a block.
+    constexpr std::int32_t nodes = 200;
+    constexpr std::int32_t entries = 1000;
+    using Stocks = typename Tree::Stocks;
+    return {decltype(Stocks::nodes)(tree.nodes, inPortions ? nodes : 0),
+            decltype(Stocks::entries)(tree.leafSpheres, inPortions ? entries : 0)};
+}
+
+/// Counts out of the tree what its threads have taken and not used.
+template <class Tree> void giveStocksBack(Tree& tree) {
+    for (std::int32_t i = 0; i < tree.numThreads; ++i) {
+        tree.threads[i].stocks.nodes.giveBack();
+        tree.threads[i].stocks.entries.giveBack();
+    }
+}
+
 /// Makes `count` idle build threads for a build that reports to `progress`, which may be null, and
 /// whose records come from `recordPool`.
 template <ThreadedBuild Tree>
@@ -228,6 +247,7 @@ void createThreads(Tree& tree, std::int32_t count, ProgressCallback* progress,
         tree.threads[i].tree = &tree;
         tree.threads[i].progress = progress;
         tree.threads[i].data.allocator.pool = &recordPool;
+        tree.threads[i].stocks = makeStocks(tree, count > 1 && tree.numSpheres >= fewestRecycled);
     }
 }
 
@@ -266,6 +286,7 @@ void runJobs(Tree& tree, Region const& region, unsigned int manualReset, Progres
             if (isWaiting)
                 report.info(0, progressLevel, "Waiting for thread completion.\n");
         }
+        giveStocksBack(tree);
         report.info(0, progressLevel, "Releasing thread resources.\n");
     }
     rethrowFirstFailure(tree);

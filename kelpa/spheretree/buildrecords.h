@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kelpa/foundation/sequence.h"
+#include "kelpa/foundation/stock.h"
 
 #include <algorithm>
 #include <cassert>
@@ -214,15 +215,16 @@ template <LeafEntry Entry> struct StoredRun {
 };
 
 /// Copies the sphere indices of the first `count` (at least 1) records into a new run of `leaves`.
-template <LeafEntry Entry, int LeafBlock, BuildRecord Record, int BlockSize>
-StoredRun<Entry> storeRun(Sequence<Entry, LeafBlock>& leaves, SequenceST<Record, BlockSize>& data,
-                          std::int32_t count) {
+template <class Leaves, BuildRecord Record, int BlockSize>
+requires LeafEntry<typename Leaves::Element>
+auto storeRun(Stock<Leaves>& leaves, SequenceST<Record, BlockSize>& data, std::int32_t count) {
     assert(count >= 1);
+    using Entry = typename Leaves::Element;
     Entry* const run = leaves.newElements(count);
     Entry* end = run;
     std::int32_t const copied = visitRecords(
         data, count, [&end](Record const& record) { (end++)->sphereIndex = record.sphereIndex; });
-    return {run, copied};
+    return StoredRun<Entry>{run, copied};
 }
 
 /// An upper child whose subtree waits until its lower sibling's is built; its records lie at the

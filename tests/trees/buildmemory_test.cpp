@@ -111,6 +111,19 @@ TEST(LargeBuilds, EndInOneWayWhenAnAllocationFails) {
                             nullptr);
 }
 
+template <class SceneType> void expectExactCounts(SceneType&& scene) {
+    Workers manager(2);
+    scene.tree.build(nullptr, &manager, 0, 0);
+    expectSound(scene.tree);
+    EXPECT_GT(manager.jobs, 1);
+}
+
+// Threads take nodes and entries by the hundred there, and use up not all of them.
+TEST(LargeBuilds, OnSeveralThreadsCountWhatIsInTheTree) {
+    expectExactCounts(StillScene(uniform.make(1, large)));
+    expectExactCounts(MovingScene(moved(uniform.make(1, large), Way::scattering, 1)));
+}
+
 #ifndef KELPA_SANITIZED // they need more addresses than there are memory
 
 /// Gives the process some more addresses than it has, and no more, while this lives.

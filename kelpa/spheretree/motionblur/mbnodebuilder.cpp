@@ -240,28 +240,51 @@ bool partRecords(SplitChoice const& split, Vector const& velocity, SpanOf spanOf
     return true;
 }
 
-/// Builds one node, from whose records `velocities` are. True when it was split: `current` is then
-/// its lower child, `velocities` become that one's, and its upper one is postponed or with another
-/// thread.
+/// Turns a node, whose velocity is set, into a leaf with the first `count` records.
+template <class Tree>
+void storeLeaf(typename Tree::Node& node, typename Tree::Stocks& stocks, MBSphereRecords& data,
+               int count) {
+    constexpr std::int32_t most = Tree::Node::mostLeafSpheres;
+    if (count < 1)
+        return node.becomeLeaf(nullptr, 0);
+    if (count > most)
+        throw ExceptionMsg("[MBSphereTree] A leaf of %i spheres is larger than %i; let the tree be "
+                           "deeper (maxDepth, minNodeSize)",
+                           count, most);
+    StoredRun<MBLeafSphere> const run = storeRun(stocks.entries, data, count);
+    node.becomeLeaf(run.entries, run.count);
+}
+
+/// What a subtree is built with.
+template <class Tree> struct Workplace {
+    MBSphereRecords& data;    ///< the current node's records come first
+    MBSphereRecords& waiting; ///< those of postponed nodes, at the end
+    typename Tree::Stocks& stocks;
+    AbortQuestion isAborted;
+    VelocitySum velocities = {}; ///< of the current node's records
+    Spans spans = {};
+};
+
+/// Builds one node. True when it was split: `current` is then its lower child, and its upper one is
+/// postponed or with another thread.
 template <class Tree, class Subtree>
-bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereRecords& waiting,
-                  VelocitySum& velocities, Spans& spans, std::vector<Subtree>& postponed,
-                  AbortQuestion& isAborted) {
-    VelocitySum const sum = std::exchange(velocities, {});
-    if (current.count < 1 || isAborted())
+bool buildOneNode(Tree& tree, Subtree& current, Workplace<Tree>& work,
+                  std::vector<Subtree>& postponed) {
+    VelocitySum const sum = std::exchange(work.velocities, {});
+    if (current.count < 1 || work.isAborted())
         return false;
     raiseShared(tree.statMaxDepth, current.level);
     Vector const velocity = sum.mean(current.count);
     countDeepRecords(tree, current.level, current.count);
-    NodeDecision const decision = decideSplit(tree, current, velocity, data, spans);
+    NodeDecision const decision = decideSplit(tree, current, velocity, work.data, work.spans);
     SplitChoice const& split = decision.split;
     if (!split.found()) {
         current.node->velocity = velocity;
-        tree.storeSpheres(current.node, data, current.count);
+        storeLeaf<Tree>(*current.node, work.stocks, work.data, current.count);
         return false;
     }
 
-    auto* const children = tree.nodes.newElements(2);
+    auto* const children = work.stocks.nodes.newElements(2);
     children[0] = {};
     children[1] = {};
     current.node->velocity = velocity;
@@ -274,14 +297,14 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
 
     MBSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
-    Partition parts(data, current.count, helper != nullptr ? helper->data : waiting);
+    Partition parts(work.data, current.count, helper != nullptr ? helper->data : work.waiting);
     auto const part = [&](auto spanOf) {
-        return partRecords(split, velocity, spanOf, parts, velocities, isAborted);
+        return partRecords(split, velocity, spanOf, parts, work.velocities, work.isAborted);
     };
     bool const isParted =
-        spans.areKept()
-            ? part([&](std::size_t i, auto const&) -> FrameSpan const& { return spans[i]; })
-            : part([&](std::size_t, auto const& record) { return spans.of(record); });
+        work.spans.areKept()
+            ? part([&](std::size_t i, auto const&) -> FrameSpan const& { return work.spans[i]; })
+            : part([&](std::size_t, auto const& record) { return work.spans.of(record); });
     if (!isParted)
         return false;
     lower.count = parts.lowerCount;
@@ -297,14 +320,8 @@ bool buildOneNode(Tree& tree, Subtree& current, MBSphereRecords& data, MBSphereR
 template <class Sphere, int NodeBlock, int LeafBlock>
 void MBSphereTree<Sphere, NodeBlock, LeafBlock>::storeSpheres(Node* node, MBSphereRecords& data,
                                                               int count) {
-    if (count < 1)
-        return node->becomeLeaf(nullptr, 0);
-    if (count > Node::mostLeafSpheres)
-        throw ExceptionMsg("[MBSphereTree] A leaf of %i spheres is larger than %i; let the tree be "
-                           "deeper (maxDepth, minNodeSize)",
-                           count, Node::mostLeafSpheres);
-    StoredRun<MBLeafSphere> const run = storeRun(leafSpheres, data, count);
-    node->becomeLeaf(run.entries, run.count);
+    Stocks stocks = makeStocks(*this, false);
+    storeLeaf<MBSphereTree>(*node, stocks, data, count);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
@@ -312,21 +329,29 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
                                                            MBSphereRecords& data, int count,
                                                            int depth, ProgressCallback* progress,
                                                            MBSphereRecords* scratch, int level) {
-    AbortQuestion isAborted(progress, wasAborted);
+    Stocks stocks = makeStocks(*this, false);
+    buildNode(node, box, data, count, depth, progress, scratch, level, stocks);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox const& box,
+                                                           MBSphereRecords& data, int count,
+                                                           int depth, ProgressCallback* progress,
+                                                           MBSphereRecords* scratch, int level,
+                                                           Stocks& stocks) {
     MBSphereRecords ownScratch;
     ownScratch.allocator = data.allocator;
-    MBSphereRecords& waiting = scratch == &data ? ownScratch : *scratch;
-    Spans spans;
+    Workplace<MBSphereTree> work{data, scratch == &data ? ownScratch : *scratch, stocks,
+                                 AbortQuestion(progress, wasAborted)};
     CountedBytes const spanBytes(
         *this, sizeof(FrameSpan) * static_cast<std::size_t>(std::clamp(count, 0, Spans::mostKept)));
-    VelocitySum velocities;
-    auto const addVelocity = [&velocities](MBSphereData const& record) { velocities.add(record); };
+    auto const addVelocity = [&work](MBSphereData const& record) { work.velocities.add(record); };
     visitRecords(data, count, addVelocity);
     buildSubtree(
-        PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, waiting, isAborted,
+        PostponedSubtree<Node, TimeBox>{node, box, count, depth, level}, data, work.waiting,
+        work.isAborted,
         [&](auto& current, auto& postponed) {
-            return buildOneNode(*this, current, data, waiting, velocities, spans, postponed,
-                                isAborted);
+            return buildOneNode(*this, current, work, postponed);
         },
         addVelocity);
     notePeak(*this); // beside the spans
@@ -337,5 +362,9 @@ template void MBSphereTree<MBSphere, 20000, 20000>::buildNode(Node*, TimeBox con
                                                               MBSphereRecords&, int, int,
                                                               ProgressCallback*, MBSphereRecords*,
                                                               int);
+template void MBSphereTree<MBSphere, 20000, 20000>::buildNode(Node*, TimeBox const&,
+                                                              MBSphereRecords&, int, int,
+                                                              ProgressCallback*, MBSphereRecords*,
+                                                              int, Stocks&);
 
 } // namespace Kelpa

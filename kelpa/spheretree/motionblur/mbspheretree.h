@@ -6,6 +6,7 @@
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
 #include "kelpa/foundation/sequence.h"
+#include "kelpa/foundation/stock.h"
 #include "kelpa/foundation/table.h"
 #include "kelpa/foundation/vector.h"
 #include "kelpa/spheretree/geomtreebase.h"
@@ -24,8 +25,15 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree;
 /// What a build moves about.
 using MBSphereRecords = SequenceST<MBSphereData, 20000>;
 
-/// A worker's share of a build: one subtree at a time.
-class MBSphereBuildThread final : public UnwaitingProcedure {
+/// Nodes and leaf entries for one thread that builds.
+template <int NodeBlock, int LeafBlock> struct MBSphereStocks {
+    Stock<Sequence<MBSphereNode, NodeBlock>> nodes;
+    Stock<Sequence<MBLeafSphere, LeafBlock>> entries;
+};
+
+/// A worker's share of a build: one subtree at a time. Aligned so that no two write to one line of
+/// memory, nor to two that processors fetch together.
+class alignas(128) MBSphereBuildThread final : public UnwaitingProcedure {
   public:
     /// Builds the subtree that the members below describe. A failure is kept in the tree's
     /// `failure`.
@@ -44,6 +52,7 @@ class MBSphereBuildThread final : public UnwaitingProcedure {
     std::int32_t depth = 0;               ///< of `node`, as in `buildNode`
     std::int32_t level = 0;               ///< of `node`, as in `buildNode`
     std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
+    MBSphereStocks<20000, 20000> stocks; ///< what the subtrees are made of
 };
 
 /// A tree over moving spheres that splits space and time. Every node moves with the mean velocity
@@ -63,6 +72,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
   public:
     /// What the tree is made of.
     using Node = MBSphereNode;
+    using Stocks = MBSphereStocks<NodeBlock, LeafBlock>;
 
     /// Throws `ExceptionMsg` when memory runs out.
     MBSphereTree();
@@ -102,6 +112,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// parameters, a subtree ends at level 1024.
     void buildNode(Node* node, TimeBox const& box, MBSphereRecords& data, int count, int depth,
                    ProgressCallback* progress, MBSphereRecords* scratch, int level);
+    /// The same, made of a thread's stocks.
+    void buildNode(Node* node, TimeBox const& box, MBSphereRecords& data, int count, int depth,
+                   ProgressCallback* progress, MBSphereRecords* scratch, int level, Stocks& stocks);
 
     /// Turns `node`, whose velocity is set, into a leaf with the first `count` records of `data`.
     void storeSpheres(Node* node, MBSphereRecords& data, int count);

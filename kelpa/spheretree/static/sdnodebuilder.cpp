@@ -220,22 +220,60 @@ SplitChoice decideSplit(Tree const& tree, Subtree const& node, SDSphereRecords& 
     return chooseSplit(measure, planes, node.region, node.count, node.depth);
 }
 
+/// Leaves that a thread made and the tree does not count yet: to count each of them there would
+/// keep threads from working beside each other.
+template <class Tree> class NewLeaves {
+  public:
+    explicit NewLeaves(Tree& owner) : tree(owner) {}
+    NewLeaves(NewLeaves const&) = delete;
+    NewLeaves& operator=(NewLeaves const&) = delete;
+    ~NewLeaves() {
+        addShared(tree.statNumLeaves, number);
+        addShared(tree.statDepthSum, depthSum);
+    }
+
+    /// Turns a node into a leaf with the first `count` records.
+    void store(typename Tree::Node& node, typename Tree::Stocks& stocks, SDSphereRecords& data,
+               int count, int depth) {
+        StoredRun<SDLeafSphere> const run = storeRun(stocks.entries, data, count);
+        if (run.count < count)
+            debug("[SDSphereTree] Error!\n");
+        node.becomeLeaf(run.entries, run.count);
+        ++number;
+        depthSum += depth;
+    }
+
+  private:
+    Tree& tree;
+    std::int32_t number = 0;
+    std::int32_t depthSum = 0;
+};
+
+/// What a subtree is built with.
+template <class Tree> struct Workplace {
+    SDSphereRecords& data;    ///< the current node's records come first
+    SDSphereRecords& waiting; ///< those of postponed nodes, at the end
+    typename Tree::Stocks& stocks;
+    NewLeaves<Tree> leaves;
+    AbortQuestion isAborted;
+};
+
 /// Builds one node. True when it was split: `current` is then its lower child, and its upper one is
 /// postponed or with another thread.
 template <class Tree, class Subtree>
-bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereRecords& waiting,
-                  std::vector<Subtree>& postponed, AbortQuestion& isAborted) {
+bool buildOneNode(Tree& tree, Subtree& current, Workplace<Tree>& work,
+                  std::vector<Subtree>& postponed) {
     raiseShared(tree.statMaxDepth, current.depth);
-    if (current.count < 1 || isAborted())
+    if (current.count < 1 || work.isAborted())
         return false;
     countDeepRecords(tree, current.level, current.count);
-    SplitChoice const split = decideSplit(tree, current, data);
+    SplitChoice const split = decideSplit(tree, current, work.data);
     if (!split.found()) {
-        tree.storeSpheres(current.node, data, current.count, current.depth);
+        work.leaves.store(*current.node, work.stocks, work.data, current.count, current.depth);
         return false;
     }
 
-    auto* const children = tree.nodes.newElements(2);
+    auto* const children = work.stocks.nodes.newElements(2);
     children[0] = {};
     children[1] = {};
     current.node->becomeInner(split.axis, split.position, children);
@@ -248,8 +286,8 @@ bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereR
 
     SDSphereBuildThread* const helper =
         current.count > handOffThreshold ? claimThreadIfWorthwhile(tree) : nullptr;
-    Partition parts(data, current.count, helper != nullptr ? helper->data : waiting);
-    if (!partRecords(tree, split, current.count, parts, isAborted))
+    Partition parts(work.data, current.count, helper != nullptr ? helper->data : work.waiting);
+    if (!partRecords(tree, split, current.count, parts, work.isAborted))
         return false;
     lower.count = parts.lowerCount;
     upper.count = parts.upperCount;
@@ -264,12 +302,8 @@ bool buildOneNode(Tree& tree, Subtree& current, SDSphereRecords& data, SDSphereR
 template <class Sphere, int NodeBlock, int LeafBlock>
 void SDSphereTree<Sphere, NodeBlock, LeafBlock>::storeSpheres(Node* node, SDSphereRecords& data,
                                                               int count, int depth) {
-    StoredRun<SDLeafSphere> const run = storeRun(leafSpheres, data, count);
-    if (run.count < count)
-        debug("[SDSphereTree] Error!\n");
-    node->becomeLeaf(run.entries, run.count);
-    addShared(statNumLeaves, 1);
-    addShared(statDepthSum, depth);
+    Stocks stocks = makeStocks(*this, false);
+    NewLeaves(*this).store(*node, stocks, data, count, depth);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>
@@ -277,14 +311,25 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const
                                                            SDSphereRecords& data, int count,
                                                            int depth, ProgressCallback* progress,
                                                            SDSphereRecords* scratch, int level) {
-    AbortQuestion isAborted(progress, wasAborted);
+    Stocks stocks = makeStocks(*this, false);
+    buildNode(node, box, data, count, depth, progress, scratch, level, stocks);
+}
+
+template <class Sphere, int NodeBlock, int LeafBlock>
+void SDSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, Box const& box,
+                                                           SDSphereRecords& data, int count,
+                                                           int depth, ProgressCallback* progress,
+                                                           SDSphereRecords* scratch, int level,
+                                                           Stocks& stocks) {
     SDSphereRecords ownScratch;
     ownScratch.allocator = data.allocator;
-    SDSphereRecords& waiting = scratch == &data ? ownScratch : *scratch;
+    Workplace<SDSphereTree> work{data, scratch == &data ? ownScratch : *scratch, stocks,
+                                 NewLeaves(*this), AbortQuestion(progress, wasAborted)};
     buildSubtree(
-        PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, waiting, isAborted,
+        PostponedSubtree<Node, Box>{node, box, count, depth, level}, data, work.waiting,
+        work.isAborted,
         [&](auto& current, auto& postponed) {
-            return buildOneNode(*this, current, data, waiting, postponed, isAborted);
+            return buildOneNode(*this, current, work, postponed);
         },
         [](SDSphereData const&) {});
 }
@@ -293,5 +338,8 @@ template void SDSphereTree<SDSphere, 20000, 20000>::storeSpheres(Node*, SDSphere
 template void SDSphereTree<SDSphere, 20000, 20000>::buildNode(Node*, Box const&, SDSphereRecords&,
                                                               int, int, ProgressCallback*,
                                                               SDSphereRecords*, int);
+template void SDSphereTree<SDSphere, 20000, 20000>::buildNode(Node*, Box const&, SDSphereRecords&,
+                                                              int, int, ProgressCallback*,
+                                                              SDSphereRecords*, int, Stocks&);
 
 } // namespace Kelpa

@@ -6,6 +6,7 @@
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/platform.h"
 #include "kelpa/foundation/sequence.h"
+#include "kelpa/foundation/stock.h"
 #include "kelpa/foundation/table.h"
 #include "kelpa/foundation/vector.h"
 #include "kelpa/spheretree/geomtreebase.h"
@@ -23,8 +24,15 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree;
 /// What a build moves about.
 using SDSphereRecords = SequenceST<SDSphereData, 20000>;
 
-/// A worker's share of a build: one subtree at a time.
-class SDSphereBuildThread final : public UnwaitingProcedure {
+/// Nodes and leaf entries for one thread that builds.
+template <int NodeBlock, int LeafBlock> struct SDSphereStocks {
+    Stock<Sequence<SDSphereNode<SDSphere>, NodeBlock>> nodes;
+    Stock<Sequence<SDLeafSphere, LeafBlock>> entries;
+};
+
+/// A worker's share of a build: one subtree at a time. Aligned so that no two write to one line of
+/// memory, nor to two that processors fetch together.
+class alignas(128) SDSphereBuildThread final : public UnwaitingProcedure {
   public:
     /// Builds the subtree that the members below describe. A failure is kept in the tree's
     /// `failure`.
@@ -43,6 +51,7 @@ class SDSphereBuildThread final : public UnwaitingProcedure {
     std::int32_t depth = 0;                 ///< of `node`, as in `buildNode`
     std::int32_t level = 0;                 ///< of `node`, as in `buildNode`
     std::thread::id endedOn; ///< where the last job ended; under the tree's `threadLock`
+    SDSphereStocks<20000, 20000> stocks; ///< what the subtrees are made of
 };
 
 /// A kd-tree over spheres: a sphere that a plane cuts is found on both of its sides.
@@ -58,6 +67,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
   public:
     /// What the tree is made of.
     using Node = SDSphereNode<Sphere>;
+    using Stocks = SDSphereStocks<NodeBlock, LeafBlock>;
 
     /// Throws `ExceptionMsg` when memory runs out.
     SDSphereTree();
@@ -93,6 +103,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     /// parameters, a subtree ends at level 1024.
     void buildNode(Node* node, Box const& box, SDSphereRecords& data, int count, int depth,
                    ProgressCallback* progress, SDSphereRecords* scratch, int level);
+    /// The same, made of a thread's stocks.
+    void buildNode(Node* node, Box const& box, SDSphereRecords& data, int count, int depth,
+                   ProgressCallback* progress, SDSphereRecords* scratch, int level, Stocks& stocks);
 
     /// Turns `node` into a leaf with the first `count` (at least 1) records of `data`.
     void storeSpheres(Node* node, SDSphereRecords& data, int count, int depth);
