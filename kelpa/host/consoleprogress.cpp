@@ -21,8 +21,8 @@ namespace {
 std::atomic<bool> wasInterrupted = false;
 static_assert(std::atomic<bool>::is_always_lock_free); // or a signal handler must not touch it
 
-// Ctrl-C, an orderly end, and a terminal that was closed.
-constexpr int answered[] = {SIGINT, SIGTERM, SIGHUP};
+// Ctrl-C, Ctrl-\, an orderly end, a terminal that was closed, and processor time that is used up.
+constexpr int answered[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGXCPU};
 struct sigaction formerActions[std::size(answered)];
 
 void noteSignal(int) {

@@ -18,9 +18,10 @@ namespace Kelpa {
 /// 140097 as "140,097".
 std::string withCommas(std::uint64_t number);
 
-/// Answers Ctrl-C (SIGINT), SIGTERM and a terminal that is closed (SIGHUP), while one exists, by
-/// setting a flag; a second Ctrl-C within the same scope ends the process as it would have without.
-/// A signal that the process was started to ignore, as nohup does, stays ignored. One at a time.
+/// Answers Ctrl-C (SIGINT), Ctrl-\ (SIGQUIT), SIGTERM, a terminal that is closed (SIGHUP) and a
+/// soft limit of processor time (SIGXCPU), while one exists, by setting a flag; a second such
+/// signal within the same scope ends the process as it would have without. A signal that the
+/// process was started to ignore, as nohup does, stays ignored. One at a time.
 class InterruptScope {
   public:
     /// Takes the signals over.

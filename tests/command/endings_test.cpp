@@ -64,6 +64,29 @@ TEST_F(Command, MakesDoWithTheThreadsThatTheSystemGrants) {
     EXPECT_EQ(WEXITSTATUS(status), 0) << read("stderr");
 }
 
+TEST_F(Command, SaysInItsOwnWordsThatMemoryRanOut) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer itself takes more addresses than the limits allow";
+#endif
+    ASSERT_EQ(run({"generate", "cloud", "--count", "200000", "-q", "-o", "c.ply"}).code, 0);
+    auto const codeWithin = [this](int megabytes) {
+        return WEXITSTATUS(inShell("render c.ply -q -n 1 --size 16x16 --samples 1 -o c.ppm",
+                                   fmt::format("ulimit -v {}", megabytes * 1024)));
+    };
+    int tooLittle = 40, enough = 1000; // megabytes
+    while (enough - tooLittle > 1) {
+        int const middle = (tooLittle + enough) / 2;
+        (codeWithin(middle) == 0 ? enough : tooLittle) = middle;
+    }
+    // What lacks last is memory for the tree, whose own words name parts of the library.
+    for (int const lacking : {1, 2, 3, 4, 5, 6}) {
+        EXPECT_EQ(codeWithin(enough - lacking), 1) << lacking;
+        EXPECT_EQ(read("stderr"), "kelpa: out of memory; fewer particles or a smaller picture "
+                                  "need less\n");
+    }
+    EXPECT_EQ(others({"c.ply", "c.ppm"}), Words{});
+}
+
 #if defined(__SANITIZE_THREAD__)
 constexpr bool isThreadSanitized = true;
 #else
@@ -101,8 +124,8 @@ TEST_F(Command, StopsOnInterruptWithinASecondAndLeavesNothing) {
     for (auto const& [words, saysWhenReady, signal] :
          {Case{{"render", "c.ply", "-q", "--stats", "--samples", "4096", "-o", "c.ppm"}, true},
           Case{{"render", "c.ply", "-q", "--samples", "4096", "-o", "c.ppm"}, false, SIGTERM},
-          Case{{"info", "n.ply", "-q"}, false}, Case{{"info", "idle.ply", "-q"}, false},
-          Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ply"}, false},
+          Case{{"info", "n.ply", "-q"}, false, SIGXCPU}, Case{{"info", "idle.ply", "-q"}, false},
+          Case{{"generate", "cloud", "--count", "9", "-q", "-o", "idle.ply"}, false, SIGQUIT},
           Case{{"generate", "galaxy", "--count", "20000000", "-q", "-o", "big.ply"},
                false,
                SIGHUP}}) {
