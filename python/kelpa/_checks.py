@@ -45,6 +45,21 @@ def _refuse_masked(name: str, value: ArrayLike) -> None:
         )
 
 
+def instance(name: str, value: object, kind: type) -> None:
+    if not isinstance(value, kind):
+        raise TypeError(f"{name}: expected a kelpa.{kind.__name__}, found {type(value).__name__}")
+
+
+def offers(name: str, value: object, expected: str, *attributes: str) -> None:
+    """Refuses what is not of the kind that has these attributes, whatever its class."""
+    for attribute in attributes:
+        if not hasattr(value, attribute):
+            raise TypeError(
+                f"{name}: expected {expected}, found {type(value).__name__}, "
+                f"which has no {attribute!r}"
+            )
+
+
 def shape_error(name: str, expected: str, array: NDArray[Any]) -> ValueError:
     return ValueError(f"{name}: expected shape {expected}, found {array.shape}")
 

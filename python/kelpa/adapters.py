@@ -56,6 +56,7 @@ def from_ase(
     The further arrays are in `Particles.columns`, what was chosen is told by `Particles.notes`.
     Raises ValueError by the name of the argument that cannot be used.
     """
+    check.offers("atoms", atoms, "an ase.Atoms", "arrays", "positions", "numbers", "cell", "pbc")
     columns = {
         name: np.asarray(values) for name, values in atoms.arrays.items()
         if name not in ("numbers", "positions", "momenta")
@@ -92,6 +93,7 @@ def from_mdanalysis(
     "charges". Radii are the group's own where it has some, else by element. `ids` are the atoms'
     ids. The rest is as in `from_ase`.
     """
+    check.offers("group", group, "a group or universe of MDAnalysis", "atoms")
     atoms = group.atoms
 
     def attribute(name: str) -> Any:
@@ -172,6 +174,8 @@ class _Table:
     """A table's columns by name, whatever kind of table it is."""
 
     def __init__(self, frame: Any) -> None:
+        if not hasattr(frame, "column_names") and not hasattr(frame, "columns"):
+            check.offers("frame", frame, "a data frame or a dictionary of arrays", "keys")
         names: Iterable[Any] = getattr(frame, "column_names", None) or getattr(
             frame, "columns", frame
         )

@@ -99,6 +99,9 @@ class Camera:
         zoom : float
             Factor on the picture's scale.
         """
+        from .primitive import Primitive  # which draws with cameras
+
+        check.instance("primitive", primitive, Primitive)
         if view is not None:
             check.choice("view", view, VIEWS)
             if direction is not None:

@@ -59,10 +59,7 @@ class Primitive:
     ) -> None:
         systems = (particles,) if isinstance(particles, Particles) else tuple(particles)
         for system in systems:
-            if not isinstance(system, Particles):
-                raise TypeError(
-                    f"particles: expected kelpa.Particles, found {type(system).__name__}"
-                )
+            check.instance("particles", system, Particles)
         if len({system.is_moving for system in systems}) > 1:
             raise ValueError("particles: expected all still or all moving, found both")
         if len(systems) > 65536:
@@ -282,8 +279,7 @@ class Primitive:
         check.choice("shade", shade, ("ao", "lit", "flat", "headlight", "normals"))
         if camera is None:
             camera = Camera.framing(self, aspect=(width, height))
-        if not isinstance(camera, Camera):
-            raise TypeError(f"camera: expected a kelpa.Camera, found {type(camera).__name__}")
+        check.instance("camera", camera, Camera)
         channels = aov.split(",") if isinstance(aov, str) else list(aov)
         for name in channels:
             check.choice("aov", name, ("depth", "normal", "id", "position"))

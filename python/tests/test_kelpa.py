@@ -261,6 +261,8 @@ class Particles(unittest.TestCase):
             kelpa.Primitive([p])
         with self.assertRaisesRegex(TypeError, "camera: .*str"):
             draw(camera="front")
+        with self.assertRaisesRegex(TypeError, "primitive: .*Primitive, found Particles"):
+            kelpa.Camera.framing(kelpa.Particles(p, 1))
         with self.assertRaisesRegex(AttributeError, "radii"):
             still.radii = p
 
