@@ -118,7 +118,14 @@ class Camera:
         options.fov = check.number("fov", fov, 1e-3, 179.0)
         options.ortho = bool(ortho)
         options.zoom = check.number("zoom", zoom, 1e-6, 1e6)
-        return cls._of(primitive._tree.place_camera(options, *_size(aspect)))
+        placed = primitive._tree.place_camera(options, *_size(aspect))
+        farthest = max(map(abs, placed[0]))
+        if farthest > 1e38:  # what is seen from there has no place in single precision
+            raise ValueError(
+                f"primitive: all of it would be seen from {farthest:.3g} away; leave out the "
+                "farthest particles, or give `render` a camera"
+            )
+        return cls._of(placed)
 
     @classmethod
     def _of(cls, placed: Any) -> "Camera":

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import math
 import warnings
-from typing import Any, NoReturn, Optional, Sequence, Union
+from typing import Any, Iterable, NoReturn, Optional, Sequence, Union
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -57,7 +57,7 @@ class Primitive:
         threads: int = 0,
         progress: Optional[Progress] = None,
     ) -> None:
-        systems = (particles,) if isinstance(particles, Particles) else tuple(particles)
+        systems = tuple(particles) if isinstance(particles, Iterable) else (particles,)
         for system in systems:
             check.instance("particles", system, Particles)
         if len({system.is_moving for system in systems}) > 1:

@@ -21,15 +21,17 @@ def imported(name):
         raise unittest.SkipTest(f"needs Debian's python3-{name.lower()}") from None
 
 
-class Adapters(unittest.TestCase):
-    def test_refuse_other_objects_by_the_argument(self):
-        for adapt, words in (
+class OtherObjects(unittest.TestCase):
+    def test_are_refused_by_the_argument(self):
+        for take, words in (
+            (kelpa.Primitive, "particles: expected a kelpa.Particles, found int"),
+            (kelpa.Camera.framing, "primitive: expected a kelpa.Primitive, found int"),
             (kelpa.from_ase, "atoms: expected an ase.Atoms, found int, which has no 'arrays'"),
             (kelpa.from_mdanalysis, "group: .* found int, which has no 'atoms'"),
             (kelpa.from_dataframe, "frame: .* found int, which has no 'keys'"),
         ):
             with self.assertRaisesRegex(TypeError, words):
-                adapt(3)
+                take(3)
 
 
 class Ase(unittest.TestCase):

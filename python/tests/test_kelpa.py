@@ -254,6 +254,7 @@ class Particles(unittest.TestCase):
             (lambda: kelpa.Camera((0, 0, 1)), "up: "),
             (lambda: kelpa.Camera((1, 0, 0), fov=180), "fov: .*180"),
             (lambda: kelpa.to_srgb(p[:, :2]), "picture: .*10, 2"),
+            (lambda: kelpa.build([[0, 0, 0], [3.4e38, 0, 0]], 1).render(), "primitive: .*farthest"),
         ):
             with self.subTest(words), self.assertRaisesRegex(ValueError, words):
                 call()
@@ -261,8 +262,6 @@ class Particles(unittest.TestCase):
             kelpa.Primitive([p])
         with self.assertRaisesRegex(TypeError, "camera: .*str"):
             draw(camera="front")
-        with self.assertRaisesRegex(TypeError, "primitive: .*Primitive, found Particles"):
-            kelpa.Camera.framing(kelpa.Particles(p, 1))
         with self.assertRaisesRegex(AttributeError, "radii"):
             still.radii = p
 
