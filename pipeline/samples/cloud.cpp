@@ -109,9 +109,11 @@ void makeCloud(ParticleSet& set, std::uint64_t count, std::uint64_t seed,
     constexpr double meters = 500.0;
     std::vector<Puff> const puffs = makePuffs(seed);
     auto const placeOf = [](std::size_t cell) {
+        std::size_t const row = cell / cells;
+        std::size_t const layer = row / cells;
         return Point{-1.0 + step * static_cast<double>(cell % cells),
-                     -1.0 + step * static_cast<double>(cell / cells % cells),
-                     -1.0 + step * static_cast<double>(cell / (cells * cells))};
+                     -1.0 + step * static_cast<double>(row % cells),
+                     -1.0 + step * static_cast<double>(layer)};
     };
     // sumUpTo[c] is the density of the cells before c: the share of particles up to there.
     std::vector<double> sumUpTo(cells * cells * cells + 1);

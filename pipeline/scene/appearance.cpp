@@ -85,9 +85,9 @@ std::vector<float> radiiOfKinds(RadiusOptions const& options, ParticleSet const&
     if (options.ofKinds.empty())
         return {};
     std::vector<float> radii(particles.positions.size());
-    for (auto const& [kind, radius] : options.ofKinds)
-        noteAbsent(forEachOfKind(particles, kind, [&](std::size_t i) { radii[i] = radius; }),
-                   particles, kind, note);
+    for (OfKind<float> const& one : options.ofKinds)
+        noteAbsent(forEachOfKind(particles, one.kind, [&](std::size_t i) { radii[i] = one.value; }),
+                   particles, one.kind, note);
     return radii;
 }
 
@@ -153,9 +153,10 @@ std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet
     std::vector<Kelpa::Vector> colors = usualColors(options, particles, range);
     if (!options.ofKinds.empty() && colors.empty())
         colors.assign(particles.positions.size(), options.color.value_or(defaultColor));
-    for (auto const& [kind, color] : options.ofKinds)
-        noteAbsent(forEachOfKind(particles, kind, [&](std::size_t i) { colors[i] = color; }),
-                   particles, kind, note);
+    for (OfKind<Kelpa::Vector> const& one : options.ofKinds)
+        noteAbsent(
+            forEachOfKind(particles, one.kind, [&](std::size_t i) { colors[i] = one.value; }),
+            particles, one.kind, note);
     return colors;
 }
 

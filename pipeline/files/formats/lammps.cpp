@@ -87,7 +87,7 @@ class LammpsFrames final : public FrameFormat {
     void readStep(InputFile& file);
     void readCount(InputFile& file);
     void readBox(InputFile& file, std::string_view flags);
-    void skipItem(InputFile& file);
+    static void skipItem(InputFile& file);
     RowLayout layoutOf(InputFile& file) const;
 
     TextFrame frame;

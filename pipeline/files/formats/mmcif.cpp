@@ -51,7 +51,7 @@ struct AtomTable {
                           "?pdbx_PDB_ins_code", "?id", "?occupancy", "?B_iso_or_equiv",
                           "?pdbx_PDB_model_num"})) {}
 
-    std::string text(std::size_t row, Tag tag) { return table->text(row, tag); }
+    std::string text(std::size_t row, Tag tag) const { return table->text(row, tag); }
     template <class Number> void number(std::size_t row, Tag tag, Number& value) {
         Number given{};
         if (parseCifNumber(text(row, tag), given))
@@ -92,8 +92,9 @@ int takeAtoms(InputFile& file, AtomTable& table, ReadOptions const& options, Mol
             continue;
         std::string const chain = table.text(row, AtomTable::chain);
         std::string const residue = table.text(row, AtomTable::residue);
-        std::string const place =
-            chain + ' ' + residue + ' ' + table.text(row, AtomTable::insertion);
+        std::string place = chain;
+        place.append(1, ' ').append(residue).append(1, ' ');
+        place += table.text(row, AtomTable::insertion);
         if (!alternates.keeps(place, table.text(row, AtomTable::residueName),
                               table.text(row, AtomTable::atom),
                               !table.text(row, AtomTable::alternate).empty()))

@@ -58,8 +58,9 @@ std::vector<AtomRow> atomsOf(Molecule const& molecule, ChainCopies const& part) 
     std::vector<char> isWanted;
     for (std::string const& name : molecule.chains) {
         std::string const known = name.empty() ? "NULL" : name; // as PDB calls one without a name
-        isWanted.push_back(std::find(part.chains.begin(), part.chains.end(), known) !=
-                           part.chains.end());
+        bool const isListed =
+            std::find(part.chains.begin(), part.chains.end(), known) != part.chains.end();
+        isWanted.push_back(isListed ? 1 : 0);
     }
     std::vector<AtomRow> atoms;
     for (AtomRow const& atom : molecule.atoms)

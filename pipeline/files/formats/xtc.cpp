@@ -94,7 +94,7 @@ class BitReader {
 
 /// Bits of a number up to `size`.
 int bitsOf(std::uint32_t size) {
-    return std::bit_width(size);
+    return static_cast<int>(std::bit_width(size));
 }
 
 /// Bits of three numbers below `sizes` that are packed into one: those of their product.
