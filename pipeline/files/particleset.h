@@ -64,6 +64,8 @@ struct ParticleSet {
     std::vector<TypedColumn> typed;
 
     std::optional<PeriodicCell> cell;
+    std::array<int, 3> copies{1, 1, 1}; ///< of the cell and what is in it, along its edges
+    std::optional<float> spacing;       ///< `radiusFromSpacing` of all, if only some are held
     bool isUnwrapped = false; ///< positions go on beyond the cell: no jumps from frame to frame
     float angstrom = 1.0F;    ///< in the file's unit of length, where elements give the radii
 

@@ -3,11 +3,13 @@
 
 #include "pipeline/files/errors.h"
 #include "pipeline/files/particlefile.h"
+#include "pipeline/files/particlerows.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -46,34 +48,16 @@ Attribute attributeOf(TypedColumn const& column) {
     return attribute;
 }
 
-/// Takes rows of so many entries out of an array that has any.
-template <class Entry>
-void eraseRows(std::vector<Entry>& array, std::vector<std::size_t> const& rows, std::size_t width) {
-    auto next = rows.begin();
-    std::size_t kept = 0;
-    for (std::size_t at = 0; at < array.size(); ++at) {
-        while (next != rows.end() && *next < at / width)
-            ++next;
-        if (next == rows.end() || *next != at / width)
-            array[kept++] = array[at];
-    }
-    array.resize(kept);
-}
-
-/// Takes particles out of a frame.
+/// Takes particles out of a frame: the rows, rising, that are named.
 void eraseParticles(ParticleSet& frame, std::vector<std::size_t> const& rows) {
-    eraseRows(frame.positions, rows, 1);
-    eraseRows(frame.velocities, rows, 1);
-    eraseRows(frame.images, rows, 1);
-    eraseRows(frame.colors, rows, 1);
-    eraseRows(frame.radii, rows, 1);
-    eraseRows(frame.ids, rows, 1);
-    eraseRows(frame.elements, rows, 1);
-    eraseRows(frame.types, rows, 1);
-    for (Attribute& attribute : frame.attributes)
-        eraseRows(attribute.values, rows, 1);
-    for (TypedColumn& column : frame.typed)
-        eraseRows(column.bytes, rows, scalarBytes(column.type));
+    std::vector<std::uint32_t> kept;
+    auto next = rows.begin();
+    for (std::uint32_t row = 0; row < frame.positions.size(); ++row)
+        if (next != rows.end() && *next == row)
+            ++next;
+        else
+            kept.push_back(row);
+    takeRows(frame, kept);
 }
 
 template <class Array> void giveIfMissing(Array& array, Array const& given) {

@@ -44,11 +44,7 @@ Radii usualRadii(RadiusOptions const& options, ParticleSet const& particles, Not
                              fmt::join(particles.unknownElements, " ")));
         return {elementRadii(options, particles), std::nullopt};
     }
-    // Unwrapped, particles drift apart; how close they are shows within the cell only.
-    bool const isSpread = particles.isUnwrapped && particles.cell;
-    float const spacing =
-        isSpread ? radiusFromSpacing(wrapped(particles.positions, *particles.cell), progress)
-                 : radiusFromSpacing(particles.positions, progress);
+    float const spacing = particles.spacing ? *particles.spacing : spacingOf(particles, progress);
     float const r = spacing > 0.0F ? spacing : 1.0F;
     note({spacing > 0.0F
               ? fmt::format("no radius in {}: {:.3g} for all (half the median distance to the "
@@ -61,6 +57,13 @@ Radii usualRadii(RadiusOptions const& options, ParticleSet const& particles, Not
 }
 
 } // namespace
+
+float spacingOf(ParticleSet const& particles, PhaseProgress const& progress) {
+    // Unwrapped, particles drift apart; how close they are shows within the cell only.
+    bool const isSpread = particles.isUnwrapped && particles.cell;
+    return isSpread ? radiusFromSpacing(wrapped(particles.positions, *particles.cell), progress)
+                    : radiusFromSpacing(particles.positions, progress);
+}
 
 Radii chooseRadii(RadiusOptions const& options, ParticleSet const& particles, Note const& note,
                   PhaseProgress const& progress) {

@@ -51,6 +51,9 @@ struct Radii {
 Radii chooseRadii(RadiusOptions const& options, ParticleSet const& particles, Note const& note,
                   PhaseProgress const& progress);
 
+/// The radius that the distances of particles tell; 0 when they tell none.
+float spacingOf(ParticleSet const& particles, PhaseProgress const& progress);
+
 /// The radii that `options.ofKinds` names, before scaling, and 0 for particles of other kinds;
 /// empty when it names none. `note`, which may be null, hears of kinds that are not there.
 std::vector<float> radiiOfKinds(RadiusOptions const& options, ParticleSet const& particles,

@@ -198,6 +198,14 @@ void makeSystems(Scene& scene, Ways ways, bool arePoints) {
 
 } // namespace
 
+std::vector<std::string> columnsOf(SceneOptions const& options) {
+    std::vector<std::string> names = columnsOf(options.selection);
+    if (std::string const& name = options.color.colorBy;
+        !name.empty() && std::find(names.begin(), names.end(), name) == names.end())
+        names.push_back(name);
+    return names;
+}
+
 Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet const* second,
                 Kept const& kept, Note const& note, PhaseProgress const& progress) {
     SceneOptions options = asked;

@@ -7,6 +7,7 @@
 #include "pipeline/files/progress.h"
 #include "pipeline/scene/appearance.h"
 #include "pipeline/scene/geometry.h"
+#include "pipeline/scene/selection.h"
 #include "pipeline/scene/ways.h"
 
 #include <array>
@@ -24,6 +25,7 @@ struct SceneOptions {
     bool points = false; ///< with a radius, instead of solid spheres
     MotionOptions motion;
     ColorOptions color;
+    SelectionOptions selection; ///< asked before a scene is made
 };
 
 /// Particles left out, by reason.
@@ -39,6 +41,7 @@ struct Rejected {
 struct Kept {
     std::optional<float> radius;                    ///< of all, before scaling
     std::optional<std::array<float, 2>> colorRange; ///< of the column to colour by
+    std::vector<double> sliceCoordinates;           ///< where planes lie, see `selectParticles`
 };
 
 /// Particles ready to be rendered.
@@ -64,6 +67,9 @@ struct Scene {
     std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
     std::vector<float> framedRadii;
 };
+
+/// The further columns that a file is to be read with for a scene.
+std::vector<std::string> columnsOf(SceneOptions const& options);
 
 /// Chooses radii and colours, matches particles with the snapshot that they go to, if any, and
 /// makes the particle systems. The tree is not built. Throws `InputError` when the particles cannot

@@ -40,6 +40,11 @@ def read(
     colormap: Optional[str] = None,
     colors: Optional[Mapping[Union[str, int], Color]] = None,
     range: Optional[Sequence[float]] = None,
+    select: Optional[str] = None,
+    slice: Union[str, Sequence[str]] = (),
+    every: int = 1,
+    replicate: Sequence[int] = (1, 1, 1),
+    wrap: bool = False,
     assembly: Optional[Union[str, int]] = None,
     elements: Optional[Union[str, Sequence[str]]] = None,
     format: Optional[str] = None,
@@ -76,6 +81,10 @@ def read(
         whole numbers without order, as types, chains and the like are shown by themselves.
     colors : dictionary such as {"O": "red", 2: "#c33"}, optional
         Colours of some elements or types, whatever the others have.
+    select, slice, every, replicate, wrap
+        Which particles: "type == 2 and z < 10"; planes such as "x" or "-z:3.5" that leave out what
+        lies beyond; one in so many; copies along the cell's edges; moved into the cell. Columns
+        have the rows of the particles that are left.
     assembly : str or int, optional
         The biological assembly of a PDB or mmCIF file to build.
     elements : "O,H" or a sequence of symbols, optional
@@ -100,8 +109,9 @@ def read(
     return frames(
         path, radius=radius, radius_from=radius_from, radius_scale=radius_scale, radii=radii,
         points=points, color=color, color_by=color_by, colormap=colormap, colors=colors, range=range,
-        assembly=assembly, elements=elements, format=format, topology=topology, motion=motion,
-        times=times, shutter=shutter, dt=dt, columns=columns,
+        select=select, slice=slice, every=every, replicate=replicate, wrap=wrap, assembly=assembly,
+        elements=elements, format=format, topology=topology, motion=motion, times=times,
+        shutter=shutter, dt=dt, columns=columns,
     ).read(frame, progress)
 
 
@@ -169,6 +179,11 @@ def _wanted(
     colormap: Optional[str] = None,
     colors: Optional[Mapping[Union[str, int], Color]] = None,
     range: Optional[Sequence[float]] = None,
+    select: Optional[str] = None,
+    slice: Union[str, Sequence[str]] = (),
+    every: int = 1,
+    replicate: Sequence[int] = (1, 1, 1),
+    wrap: bool = False,
     assembly: Optional[Union[str, int]] = None,
     elements: Optional[Union[str, Sequence[str]]] = None,
     format: Optional[str] = None,
@@ -208,6 +223,11 @@ def _wanted(
     wanted.covalent = radii == "covalent"
     wanted.radii_of_kinds = [] if isinstance(radii, str) else check.kinds("radii", radii, _radius)
     wanted.points = bool(points)
+    wanted.select = check.text("select", select)
+    wanted.slices = [slice] if isinstance(slice, str) else check.names("slice", slice)
+    wanted.every = check.integer("every", every, 1)
+    wanted.replicate = [check.integer("replicate", n, 1, 1000) for n in replicate]
+    wanted.wrap = bool(wrap)
     wanted.motion = os.fsencode(motion)
     wanted.times = check.interval("times", times)
     wanted.shutter = opens

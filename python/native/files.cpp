@@ -9,6 +9,7 @@
 #include "pipeline/scene/secondsnapshot.h"
 
 #include "python/native/arrays.h"
+#include "python/native/wanted.h"
 #include "python/native/watch.h"
 
 #include <pybind11/stl.h>
@@ -29,47 +30,6 @@ namespace {
 
 using pipeline::ParticleSet;
 using pipeline::PhaseProgress;
-
-/// What is wanted of a file, in the words of the command's options.
-struct Wanted {
-    std::string format;
-    std::string assembly;
-    std::string topology;
-    std::string radiusFrom;
-    std::vector<std::uint8_t> elements;              ///< atomic numbers of types 1, 2 and so on
-    std::optional<std::vector<std::string>> columns; ///< further ones to keep; unset: all
-    pipeline::SceneOptions scene;
-
-    bool keeps(std::string const& column) const {
-        return !columns || std::find(columns->begin(), columns->end(), column) != columns->end();
-    }
-
-    pipeline::ReadOptions readOptions(PhaseProgress const& progress) const {
-        pipeline::ReadOptions read;
-        read.format = format;
-        read.assembly = assembly;
-        read.radiusFrom = radiusFrom;
-        read.allAttributes = !columns || !columns->empty();
-        if (columns)
-            read.attributes = *columns; // which refuses those that are not there
-        if (!scene.color.colorBy.empty())
-            read.attributes.push_back(scene.color.colorBy);
-        read.topology = topology;
-        read.forMotion = pipeline::hasSecondSnapshot(scene.motion.motion);
-        read.progress = progress;
-        return read;
-    }
-};
-
-pipeline::Motion motionOf(std::string const& word) {
-    if (word == "none")
-        return pipeline::Still{};
-    if (word == "velocity")
-        return pipeline::AlongVelocities{};
-    if (word == "next")
-        return pipeline::ToNextFrame{};
-    return pipeline::ToFile{word};
-}
 
 /// What follows a text that has this hint, with the arguments that are meant.
 std::string hintText(pipeline::Hint const& hint) {
@@ -117,9 +77,13 @@ struct Snapshot {
 };
 
 Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
-                      std::optional<ParticleSet> const& second, PhaseProgress const& progress) {
+                      std::optional<ParticleSet> second, PhaseProgress const& progress) {
     Snapshot result;
     result.notes = particles.notes;
+    auto const note = [&result](pipeline::Remark const& n) { result.notes.push_back(n); };
+    std::vector<double> planes;
+    selectParticles(wanted.scene.selection, wanted.scene.radius, particles,
+                    second ? &*second : nullptr, planes, note, progress);
     result.name = particles.name;
     result.format = particles.format;
     result.frame = particles.frame;
@@ -129,9 +93,8 @@ Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
     result.velocities = particles.velocities;
     result.columns = std::move(particles.typed);
     result.attributes = particles.attributes;
-    result.scene = pipeline::makeScene(
-        wanted.scene, std::move(particles), second ? &*second : nullptr, {},
-        [&result](pipeline::Remark const& note) { result.notes.push_back(note); }, progress);
+    result.scene = pipeline::makeScene(wanted.scene, std::move(particles),
+                                       second ? &*second : nullptr, {}, note, progress);
     return result;
 }
 
@@ -263,12 +226,12 @@ class Frames {
             pipeline::ReadOptions const options = wanted.readOptions(report);
             ParticleSet first = source.read(frame, options);
             pipeline::nameElements(first, wanted.elements);
-            pipeline::SecondSnapshot const second = pipeline::readSecond(
+            pipeline::SecondSnapshot second = pipeline::readSecond(
                 wanted.scene.motion.motion, source, first, frame, wanted.elements, options);
             if (!second.gap.empty())
                 first.notes.emplace_back(second.gap + "; the motion is that of one");
             first.notes.insert(first.notes.end(), second.notes.begin(), second.notes.end());
-            snapshot = makeSnapshot(wanted, std::move(first), second.particles, report);
+            snapshot = makeSnapshot(wanted, std::move(first), std::move(second.particles), report);
         });
         return dictOf(std::move(*snapshot), wanted);
     }
@@ -296,81 +259,12 @@ void defineErrors(py::module_& module) {
     });
 }
 
-using WantedClass = py::class_<Wanted>;
-
-void defineLooksWanted(WantedClass& wanted) {
-    wanted
-        .def_property(
-            "radius", nullptr,
-            [](Wanted& w, std::optional<float> radius) { w.scene.radius.radius = radius; })
-        .def_property("radius_scale", nullptr,
-                      [](Wanted& w, float scale) { w.scene.radius.scale = scale; })
-        .def_property("covalent", nullptr,
-                      [](Wanted& w, bool covalent) { w.scene.radius.covalent = covalent; })
-        .def_property("radii_of_kinds", nullptr,
-                      [](Wanted& w, std::vector<std::pair<std::string, float>> const& kinds) {
-                          w.scene.radius.ofKinds.clear();
-                          for (auto const& [kind, radius] : kinds)
-                              w.scene.radius.ofKinds.push_back({kind, radius});
-                      })
-        .def_property(
-            "colors_of_kinds", nullptr,
-            [](Wanted& w, std::vector<std::pair<std::string, std::array<float, 3>>> const& kinds) {
-                w.scene.color.ofKinds.clear();
-                for (auto const& [kind, color] : kinds)
-                    w.scene.color.ofKinds.push_back({kind, {color[0], color[1], color[2]}});
-            })
-        .def_property("colormap", nullptr,
-                      [](Wanted& w, std::string const& name) {
-                          w.scene.color.asKinds = name == "kinds";
-                          w.scene.color.map.reset();
-                          if (!name.empty() && name != "kinds")
-                              w.scene.color.map = pipeline::ColorMap(name);
-                      })
-        .def_property("points", nullptr, [](Wanted& w, bool points) { w.scene.points = points; })
-        .def_property("color", nullptr,
-                      [](Wanted& w, std::optional<std::array<float, 3>> color) {
-                          w.scene.color.color.reset();
-                          if (color)
-                              w.scene.color.color = {(*color)[0], (*color)[1], (*color)[2]};
-                      })
-        .def_property("color_by", nullptr,
-                      [](Wanted& w, std::string const& name) { w.scene.color.colorBy = name; })
-        .def_property("range", nullptr, [](Wanted& w, std::optional<std::array<float, 2>> range) {
-            w.scene.color.range = range;
-        });
-}
-
-void defineMotionWanted(WantedClass& wanted) {
-    wanted
-        .def_property(
-            "motion", nullptr,
-            [](Wanted& w, std::string const& motion) { w.scene.motion.motion = motionOf(motion); })
-        .def_property("times", nullptr,
-                      [](Wanted& w, std::array<double, 2> times) { w.scene.motion.times = times; })
-        .def_property("shutter", nullptr,
-                      [](Wanted& w, std::optional<std::array<double, 2>> shutter) {
-                          w.scene.motion.shutter = shutter;
-                      })
-        .def_property("dt", nullptr,
-                      [](Wanted& w, std::optional<double> dt) { w.scene.motion.dt = dt; });
-}
-
 } // namespace
 
 void defineFiles(py::module_& module) {
     defineErrors(module);
     module.def("format_names", &pipeline::formatNames);
-    WantedClass wanted(module, "Wanted");
-    wanted.def(py::init<>())
-        .def_readwrite("format", &Wanted::format)
-        .def_readwrite("assembly", &Wanted::assembly)
-        .def_readwrite("topology", &Wanted::topology)
-        .def_readwrite("radius_from", &Wanted::radiusFrom)
-        .def_readwrite("elements", &Wanted::elements)
-        .def_readwrite("columns", &Wanted::columns);
-    defineLooksWanted(wanted);
-    defineMotionWanted(wanted);
+    defineWanted(module);
     py::class_<Frames>(module, "Frames")
         .def(py::init<std::string const&>())
         .def("numbers", &Frames::numbers)

@@ -49,6 +49,12 @@ class Files(WithFolder):
         magma = kelpa.read(self.water, color_by="charge", colormap="magma_r", range=(-0.8, 0.4))
         self.assertGreater(magma.colors[0].min(), 0.5)  # its pale end
         self.assertIn("length of velo.x", " ".join(kelpa.read(self.water, color_by="velo").notes))
+        some = kelpa.read(self.water, select="element == H and y > 0")
+        np.testing.assert_array_equal(some.positions, F([[0.5, 0.5, 0]]))
+        np.testing.assert_allclose(some.columns["charge"], [0.4], rtol=1e-6)
+        self.assertEqual(len(kelpa.read(self.water, replicate=(1, 2, 2), slice="-z:-5")), 6)
+        with self.assertRaisesRegex(ValueError, r"equality is written ==\n  y = 2\n    \^"):
+            kelpa.read(self.water, select="y = 2")
         for option, value in (("colormap", "jet"), ("colors", {"Q": "red"}), ("radii", {"O": -1})):
             with self.assertRaisesRegex(ValueError, option):
                 kelpa.read(self.water, color_by="charge", **{option: value})

@@ -84,21 +84,23 @@ inline Kelpa::Vector parseColorOption(std::string const& text) {
     }
 }
 
+/// What `take` makes of a text; what it complains about is told with the option's name.
+template <class Take>
+auto toldWithName(std::string const& name, Take const& take, std::string const& text) {
+    try {
+        return take(text);
+    } catch (UsageError const& error) {
+        throw UsageError(fmt::format("{}: {}", name, error.what()));
+    }
+}
+
 /// An option whose text goes to `take`; what that complains about is told with the option's name.
 template <class Take>
 CLI::Option* addTaken(CLI::App& app, std::string const& name, char const* form, Take take,
                       std::string const& help) {
     return app
         .add_option_function<std::string>(
-            name,
-            [name, take](std::string const& text) {
-                try {
-                    take(text);
-                } catch (UsageError const& error) {
-                    throw UsageError(fmt::format("{}: {}", name, error.what()));
-                }
-            },
-            help)
+            name, [name, take](std::string const& text) { toldWithName(name, take, text); }, help)
         ->type_name(form);
 }
 

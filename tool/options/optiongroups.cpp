@@ -121,6 +121,7 @@ void addParticleOptions(CLI::App& app, Options& options) {
         ->group("Radius");
     app.add_flag("--points", options.scene.points, "Points with a radius instead of solid spheres")
         ->group("Radius");
+    addSelectionOptions(app, options.scene.selection);
     app.add_flag("--strict", options.particles.strict,
                  "Take frames that a sequence lacks for an error, instead of noting them");
 }
@@ -159,6 +160,57 @@ std::vector<FrameRange> parseFrameRanges(std::string const& text) {
     for (std::string range; std::getline(rest, range, ',');)
         ranges.push_back(parseFrameRange(range));
     return ranges;
+}
+
+namespace {
+
+/// What the pipeline refuses to parse is told with the option's name.
+template <class Parse> auto parsedBy(Parse parse) {
+    return [parse](std::string const& text) {
+        try {
+            return parse(text);
+        } catch (std::invalid_argument const& error) {
+            throw UsageError(error.what());
+        }
+    };
+}
+
+} // namespace
+
+void addSelectionOptions(CLI::App& app, SelectionOptions& selection) {
+    addParsed(app, "--select", "EXPRESSION", selection.select,
+              parsedBy([](std::string const& text) { return Expression(text); }),
+              "Show only the particles for which this holds, such as 'type == 2 and z < 10'")
+        ->group("Selection");
+    auto const slice = parsedBy(parseSlice);
+    app.add_option_function<std::vector<std::string>>(
+           "--slice",
+           [&selection, slice](std::vector<std::string> const& texts) {
+               for (std::string const& text : texts)
+                   selection.slices.push_back(toldWithName("--slice", slice, text));
+           },
+           "Leave out what lies beyond a plane, to see inside: its direction, and where, as a "
+           "coordinate or a share such as 25%; default: the middle; several are taken")
+        ->type_name("[-]x|y|z|X,Y,Z[:AT]")
+        ->allow_extra_args(false)
+        ->group("Selection");
+    app.add_option("--every", selection.every,
+                   "Show one particle in so many, by id the same in every frame")
+        ->transform(between(std::uint64_t{1}, std::uint64_t{1} << 40U))
+        ->group("Selection");
+    addParsed(
+        app, "--replicate", "A,B,C", selection.replicate,
+        [](std::string const& text) {
+            auto const counts = parseNumbers<int, 3>(text, ',', "A,B,C");
+            for (int const count : counts)
+                if (count < 1 || count > 1000)
+                    throw UsageError(fmt::format("'{}' is not from 1,1,1 to 1000,1000,1000", text));
+            return counts;
+        },
+        "Copies of the periodic cell along its edges")
+        ->group("Selection");
+    app.add_flag("--wrap", selection.wrap, "Move particles into the periodic cell")
+        ->group("Selection");
 }
 
 void addTreeOptions(CLI::App& app, TreeOptions& tree) {

@@ -17,6 +17,7 @@ void addRunOptions(CLI::App& app, RunOptions& run);
 /// What to read of a file; gives the option for the column of radii.
 CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles);
 void addParticleOptions(CLI::App& app, Options& options);
+void addSelectionOptions(CLI::App& app, SelectionOptions& selection);
 void addTreeOptions(CLI::App& app, TreeOptions& tree);
 void addMotionOptions(CLI::App& app, Options& options);
 void addColorOptions(CLI::App& app, ColorOptions& color);
