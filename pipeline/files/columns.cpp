@@ -39,6 +39,14 @@ std::uint8_t elementOf(double number) {
     return number >= 1.0 && number < 119.0 ? static_cast<std::uint8_t>(number) : std::uint8_t{0};
 }
 
+/// Which entry of a table a number counts; what counts none becomes the first.
+template <class Number> std::size_t entryOf(Number number, NameTable const& names) {
+    auto const entry = static_cast<double>(number);
+    return entry >= 0.0 && entry < static_cast<double>(names.all().size())
+               ? static_cast<std::size_t>(entry)
+               : 0;
+}
+
 /// One column through `convert`: numbers at `from`, every `fromStep` bytes, become results at `to`,
 /// every `toStep` bytes.
 template <class Result, class Convert>
@@ -125,7 +133,11 @@ RowConverter::RowConverter(ParticleSet& set, std::vector<Column> rowColumns,
         return;
     for (Column const& column : columns)
         if (!column.isDerived)
-            particles.columns.push_back({column.name, column.typeName});
+            particles.columns.push_back({.name = column.name,
+                                         .type = column.typeName,
+                                         .min = 0.0,
+                                         .max = 0.0,
+                                         .names = column.names});
     finiteCount.resize(particles.columns.size());
 }
 
@@ -221,10 +233,17 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
         return convertColumn<float>(
             column.stored, from, rowBytes, count, &particles.radii[converted], sizeof(float),
             [&](auto number) { return use.factor * static_cast<float>(number); });
-    case Target::attribute:
-        return convertColumn<float>(column.stored, from, rowBytes, count,
-                                    &particles.attributes[use.part].values[converted],
-                                    sizeof(float), asIs);
+    case Target::attribute: {
+        Attribute& attribute = particles.attributes[use.part];
+        float* const to = &attribute.values[converted];
+        if (attribute.names == nullptr)
+            return convertColumn<float>(column.stored, from, rowBytes, count, to, sizeof(float),
+                                        asIs);
+        return convertColumn<float>(column.stored, from, rowBytes, count, to, sizeof(float),
+                                    [&names = *attribute.names](auto number) {
+                                        return static_cast<float>(entryOf(number, names));
+                                    });
+    }
     case Target::length:
         return addToLengths(column, from, rowBytes,
                             std::span(particles.attributes[use.part].values).subspan(converted));
@@ -265,6 +284,8 @@ void RowConverter::keep(ColumnUse const& use, char const* from, std::size_t coun
 void RowConverter::summarise(std::size_t column, char const* rows, std::size_t count,
                              std::size_t rowBytes) {
     AttributeSummary& summary = particles.columns[column];
+    if (summary.names != nullptr)
+        return countNames(column, rows, count, rowBytes);
     char const* at = rows + columns[column].offset;
     withType(columns[column].stored, [&]<class Number>(Number) {
         for (std::size_t row = 0; row < count; ++row, at += rowBytes) {
@@ -278,6 +299,19 @@ void RowConverter::summarise(std::size_t column, char const* rows, std::size_t c
             bool const isFirst = finiteCount[column]++ == 0;
             summary.min = isFirst ? value : std::min(summary.min, value);
             summary.max = isFirst ? value : std::max(summary.max, value);
+        }
+    });
+}
+
+void RowConverter::countNames(std::size_t column, char const* rows, std::size_t count,
+                              std::size_t rowBytes) {
+    AttributeSummary& summary = particles.columns[column];
+    summary.counts.resize(summary.names->all().size());
+    char const* at = rows + columns[column].offset;
+    withType(columns[column].stored, [&]<class Number>(Number number) {
+        for (std::size_t row = 0; row < count; ++row, at += rowBytes) {
+            std::memcpy(&number, at, sizeof number);
+            ++summary.counts[entryOf(number, *summary.names)];
         }
     });
 }

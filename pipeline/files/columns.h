@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,8 @@ struct Column {
     std::size_t offset;     ///< in a row, in bytes
     bool isDerived = false; ///< computed, and so not summarised; behind all that are read
     bool isText = false;    ///< numbers of no declared type
+    /// What its whole numbers count, complete up to those in the rows; null: they are just numbers.
+    std::shared_ptr<NameTable const> names{};
 };
 
 /// The type in which a text reader stores a column: one that keeps every digit.
@@ -71,6 +74,7 @@ class RowConverter {
     void convert(ColumnUse const& use, char const* rows, std::size_t count, std::size_t rowBytes);
     void keep(ColumnUse const& use, char const* from, std::size_t count, std::size_t rowBytes);
     void summarise(std::size_t column, char const* rows, std::size_t count, std::size_t rowBytes);
+    void countNames(std::size_t column, char const* rows, std::size_t count, std::size_t rowBytes);
     template <class Operation> void forEachArray(Operation operation);
 
     ParticleSet& particles;

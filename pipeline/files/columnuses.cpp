@@ -1,6 +1,7 @@
 // Names that columns have in the wild, in the order of preference.
 #include "pipeline/files/columnuses.h"
 
+#include "pipeline/files/elements.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/printable.h"
 
@@ -62,7 +63,10 @@ struct UseChooser {
         auto const vector = has(name) ? std::nullopt : vectorNamed(name);
         particles.attributes.push_back({name, {}});
         if (!vector) {
-            uses.push_back({require(name), Target::attribute, place});
+            std::size_t const column = require(name);
+            uses.push_back({column, Target::attribute, place});
+            particles.attributes.back().names =
+                name == names.element ? elementSymbols() : columns[column].names;
             return;
         }
         std::string& source = particles.attributes.back().source = "length of";
@@ -132,8 +136,11 @@ struct UseChooser {
 
     void keep(std::size_t column, std::string name, float factor, ParticleSet& particles) {
         uses.push_back({column, Target::typed, particles.typed.size(), factor});
-        particles.typed.push_back(
-            {std::move(name), columns[column].stored, columns[column].isText});
+        particles.typed.push_back({std::move(name),
+                                   columns[column].stored,
+                                   columns[column].isText,
+                                   {},
+                                   columns[column].names});
     }
 
     /// The name that a column's numbers go by when they are particles.

@@ -76,6 +76,17 @@ std::string_view symbolOf(std::uint8_t atomicNumber) {
     return isKnown(atomicNumber) ? elements[atomicNumber - 1].symbol : "?";
 }
 
+std::shared_ptr<NameTable const> const& elementSymbols() {
+    static std::shared_ptr<NameTable const> const symbols = [] {
+        auto const table = std::make_shared<NameTable>();
+        table->numberOf("?");
+        for (Element const& element : elements)
+            table->numberOf(element.symbol);
+        return table;
+    }();
+    return symbols;
+}
+
 std::uint8_t atomicNumberOf(std::string_view symbol) {
     auto const isLetter = [](char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; };
     auto const lettersEnd = std::find_if_not(symbol.begin(), symbol.end(), isLetter);

@@ -3,7 +3,10 @@
 
 #include "kelpa/foundation/vector.h"
 
+#include "pipeline/files/nametable.h"
+
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 namespace pipeline {
@@ -14,6 +17,9 @@ std::uint8_t atomicNumberOf(std::string_view symbol);
 
 /// The symbol of an element; "?" when unknown.
 std::string_view symbolOf(std::uint8_t atomicNumber);
+
+/// The symbols of all elements by atomic number; that of 0, an unknown one, is "?".
+std::shared_ptr<NameTable const> const& elementSymbols();
 
 /// The radius of an element in Angstrom: covalent, or van der Waals and of metals that of atoms in
 /// the metal; 1.70 when unknown.

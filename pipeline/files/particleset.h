@@ -4,11 +4,13 @@
 #include "kelpa/foundation/vector.h"
 
 #include "pipeline/files/errors.h"
+#include "pipeline/files/nametable.h"
 #include "pipeline/files/scalartype.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,10 +19,15 @@ namespace pipeline {
 
 /// One named column of a particle file: a number per particle. The length of a vector counts as
 /// one.
+///
+/// A column of names (chains, residues, atoms, kinds of particles) has beside it a table of them:
+/// each value is then a whole number from 0 that counts its entries, and has no order but that. So
+/// has every column that tells elements; its values are atomic numbers, its entries the symbols.
 struct Attribute {
     std::string name;
     std::vector<float> values;
-    std::string source{}; ///< of a vector: "length of fx fy fz"
+    std::string source{};                     ///< of a vector: "length of fx fy fz"
+    std::shared_ptr<NameTable const> names{}; ///< null: the values are just numbers
 };
 
 /// A column that is kept in its own type, every digit of it.
@@ -29,6 +36,7 @@ struct TypedColumn {
     ScalarType type = ScalarType::float64;
     bool isText = false;       ///< parsed from text, whose type says nothing about its digits
     std::vector<char> bytes{}; ///< the values, one behind the other
+    std::shared_ptr<NameTable const> names{}; ///< as of an attribute
 };
 
 /// The range of one column as it stands in the file, for `kelpa info`.
@@ -38,6 +46,8 @@ struct AttributeSummary {
     double min = 0.0; ///< over the finite values
     double max = 0.0;
     std::size_t notFinite = 0;
+    std::shared_ptr<NameTable const> names{}; ///< as of an attribute
+    std::vector<std::uint64_t> counts{};      ///< particles by name
 };
 
 /// A box of particles that repeats along some of its edges.
@@ -55,10 +65,11 @@ struct ParticleSet {
     std::vector<Kelpa::Vector> colors;     ///< linear RGB, 0 to 1
     std::vector<Kelpa::Vector> velocities; ///< length per the file's own unit of time
     std::vector<std::int64_t> ids;
-    std::vector<std::uint8_t> elements; ///< atomic numbers; 0: unknown
-    std::vector<std::int64_t> types;    ///< kinds of particles that the file only numbers
-    std::vector<Kelpa::Vector> images;  ///< by how many edges of `cell` wrapping moved each back
-    std::vector<Attribute> attributes;  ///< those that the reader was asked for
+    std::vector<std::uint8_t> elements;         ///< atomic numbers; 0: unknown
+    std::vector<std::int64_t> types;            ///< kinds of particles that the file only numbers
+    std::shared_ptr<NameTable const> typeNames; ///< by type, if the file names them as well
+    std::vector<Kelpa::Vector> images; ///< by how many edges of `cell` wrapping moved each back
+    std::vector<Attribute> attributes; ///< those that the reader was asked for
     /// When asked for, every further column, and under the names "x", "vx", "red", "radius" and
     /// "id" those that the arrays above are too narrow for.
     std::vector<TypedColumn> typed;

@@ -1,6 +1,7 @@
 // Writes each column with the type that loses none of its digits, binary or as text.
 #include "pipeline/files/plywriter.h"
 
+#include "pipeline/files/formats/plyheader.h"
 #include "pipeline/files/outputfile.h"
 #include "pipeline/files/srgb.h"
 #include "pipeline/files/textvalues.h"
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <set>
 #include <utility>
 
 namespace pipeline {
@@ -106,18 +108,20 @@ class ColumnList {
         if (!particles.ids.empty() && !addKept("id"))
             addWholeNumbers("id", [&ids = particles.ids](std::size_t i) { return ids[i]; });
         if (!particles.types.empty())
-            addWholeNumbers("type", [&types = particles.types](std::size_t i) { return types[i]; });
+            addTypes();
         if (!particles.elements.empty())
             addNumbers("uchar", "element", particles.elements);
         for (Attribute const& attribute : particles.attributes)
             if (std::string const name = headerName(attribute.name); !has(name))
-                addNumbers("float", name, attribute.values); // else such as `z` kept for colouring
+                addAttribute(name, attribute); // else such as `z` kept for colouring
         for (TypedColumn const& column : particles.typed)
             if (!has(headerName(column.name)))
                 addTyped(column);
     }
 
     std::vector<OutputColumn> columns;
+    /// What the values of columns of names count, for the header.
+    std::vector<std::pair<std::string, NameTable const*>> nameTables;
 
   private:
     bool has(std::string const& name) const {
@@ -130,6 +134,12 @@ class ColumnList {
                            [get, text = ascii](std::string& bytes, std::size_t particle) {
                                appendNumber(bytes, get(particle), text);
                            }});
+    }
+
+    void addTypes() {
+        addWholeNumbers("type", [&types = particles.types](std::size_t i) { return types[i]; });
+        if (particles.typeNames != nullptr)
+            nameTables.emplace_back("type", particles.typeNames.get());
     }
 
     template <class Number>
@@ -156,6 +166,12 @@ class ColumnList {
             });
     }
 
+    void addAttribute(std::string const& name, Attribute const& attribute) {
+        if (attribute.names != nullptr)
+            nameTables.emplace_back(name, attribute.names.get());
+        addNumbers("float", name, attribute.values);
+    }
+
     /// Adds a column that is kept in its own type; false when there is none of this name.
     bool addKept(std::string_view name) {
         for (TypedColumn const& column : particles.typed)
@@ -168,6 +184,8 @@ class ColumnList {
 
     void addTyped(TypedColumn const& column) {
         std::string const name = headerName(column.name);
+        if (column.names != nullptr)
+            nameTables.emplace_back(name, column.names.get());
         if (column.type == ScalarType::int64)
             return addWholeNumbers(
                 name, [&column](std::size_t i) { return valueAt<std::int64_t>(column, i); });
@@ -227,11 +245,33 @@ class ColumnList {
     bool ascii;
 };
 
-std::string headerText(std::vector<OutputColumn> const& columns, std::size_t count, bool ascii) {
-    std::string text = fmt::format("ply\nformat {} 1.0\ncomment particles, written by kelpa\n"
-                                   "element vertex {}\n",
-                                   ascii ? "ascii" : "binary_little_endian", count);
-    for (OutputColumn const& column : columns)
+/// The names of a column in comments, which readers of other makers pass over: short lines that say
+/// "comment kelpa-names COLUMN" and the names in turn.
+void appendNames(std::string& text, std::string const& column, NameTable const& names) {
+    constexpr std::size_t longestLine = 240; // some readers hold no more
+    std::string const start = fmt::format("comment {} {}", plyNamesMark, column);
+    std::string line = start;
+    std::set<std::string> written;
+    for (std::string const& name : names.all()) {
+        std::string word = headerName(name);
+        while (!written.insert(word).second) // names that only differ in what a header cannot hold
+            word += '_';
+        if (line.size() > start.size() && line.size() + 1 + word.size() > longestLine) {
+            text += line + "\n";
+            line = start;
+        }
+        line += " " + word;
+    }
+    text += line + "\n";
+}
+
+std::string headerText(ColumnList const& list, std::size_t count, bool ascii) {
+    std::string text = fmt::format("ply\nformat {} 1.0\ncomment particles, written by kelpa\n",
+                                   ascii ? "ascii" : "binary_little_endian");
+    for (auto const& [column, names] : list.nameTables)
+        appendNames(text, column, *names);
+    text += fmt::format("element vertex {}\n", count);
+    for (OutputColumn const& column : list.columns)
         text += fmt::format("property {} {}\n", column.type, column.name);
     return text + "end_header\n";
 }
@@ -241,7 +281,7 @@ std::string headerText(std::vector<OutputColumn> const& columns, std::size_t cou
 void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
               PhaseProgress const& progress) {
     constexpr std::size_t bytesAtOnce = 128 * 1024;
-    std::vector<OutputColumn> const columns = ColumnList(particles, ascii, progress).columns;
+    ColumnList const list(particles, ascii, progress);
     std::size_t const count = particles.positions.size();
 
     std::size_t particle = 0;
@@ -252,11 +292,11 @@ void writePly(std::string const& path, ParticleSet const& particles, bool ascii,
                      particle);
     };
     OutputFile file(path, report);
-    std::string bytes = headerText(columns, count, ascii);
+    std::string bytes = headerText(list, count, ascii);
     for (; particle < count; ++particle) {
         if (particle % pollEvery == 0)
             report();
-        for (OutputColumn const& column : columns)
+        for (OutputColumn const& column : list.columns)
             column.append(bytes, particle);
         if (ascii)
             bytes.back() = '\n';

@@ -38,7 +38,7 @@ bool tells(ParticleSet const& set, std::string_view name) {
 }
 
 Attribute attributeOf(TypedColumn const& column) {
-    Attribute attribute{column.name, {}};
+    Attribute attribute{column.name, {}, {}, column.names};
     withType(column.type, [&]<class Number>(Number value) {
         for (std::size_t at = 0; at < column.bytes.size(); at += sizeof value) {
             std::memcpy(&value, column.bytes.data() + at, sizeof value);
@@ -87,7 +87,10 @@ void Topology::giveTo(ParticleSet& frame, ReadOptions const& options) const {
                                      frame.name, frame.positions.size(), path,
                                      known.positions.size()));
     giveIfMissing(frame.elements, known.elements);
-    giveIfMissing(frame.types, known.types);
+    if (frame.types.empty()) {
+        frame.types = known.types;
+        frame.typeNames = known.typeNames;
+    }
     giveIfMissing(frame.ids, known.ids);
     if (frame.radii.empty() && !known.radii.empty()) {
         frame.radii = known.radii;

@@ -126,6 +126,13 @@ py::array ownedArray(pipeline::TypedColumn&& column) {
     return py::array(type, {kept.size() / bytes}, {bytes}, kept.data(), kept);
 }
 
+/// Names in place of the numbers that count entries of a table.
+py::array namesOf(py::array const& numbers, pipeline::NameTable const& names) {
+    py::module_ const numpy = py::module_::import("numpy");
+    py::object const table = numpy.attr("array")(py::cast(names.all()), py::dtype("U"));
+    return table.attr("take")(numbers.attr("astype")("int64"));
+}
+
 /// Positions and radii of a system, which stays alive with them. What a scene has subtracted from
 /// the positions is added again, which is exact.
 std::pair<py::array, py::array> systemArrays(std::unique_ptr<Kelpa::ParticleSystem> system,
@@ -178,12 +185,24 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
         if (!values.empty() && values.size() == count)
             columns[name] = ownedArray(std::move(values));
     };
-    for (pipeline::TypedColumn& column : snapshot.columns)
-        if (wanted.keeps(column.name) && column.bytes.size() == count * scalarBytes(column.type))
-            columns[column.name.c_str()] = ownedArray(std::move(column));
+    auto const name = [&](std::string const& column,
+                          std::shared_ptr<pipeline::NameTable const> const& names) {
+        if (py::str const key(column); names != nullptr && columns.contains(key))
+            columns[key] = namesOf(columns[key], *names);
+    };
+    for (pipeline::TypedColumn& column : snapshot.columns) {
+        if (!wanted.keeps(column.name) || column.bytes.size() != count * scalarBytes(column.type))
+            continue;
+        std::string const key = column.name;
+        auto const names = column.names;
+        columns[key.c_str()] = ownedArray(std::move(column));
+        name(key, names);
+    }
     for (pipeline::Attribute& attribute : snapshot.attributes)
-        if (wanted.keeps(attribute.name))
+        if (wanted.keeps(attribute.name)) {
             keep(attribute.name.c_str(), attribute.values);
+            name(attribute.name, attribute.names);
+        }
     keep("velocity", snapshot.velocities);
     keep("element", snapshot.elements);
     keep("type", snapshot.types);

@@ -81,6 +81,14 @@ class Files(WithFolder):
         onward = kelpa.read(self.water, 1, motion="next", shutter=(0, 1))
         np.testing.assert_allclose(onward.positions1 - onward.positions, [[1, 0, 0]] * 3)
 
+    def test_have_names_as_text(self):
+        path = self.folder / "sites.xyz"
+        path.write_text("3\nProperties=pos:R:3:site:S:1\n0 0 0 top\n2 0 0 side\n4 0 0 top\n")
+        named = kelpa.read(path, radius=1, color_by="site")
+        self.assertEqual(named.columns["site"].tolist(), ["top", "side", "top"])
+        np.testing.assert_array_equal(named.colors[0], named.colors[2])
+        self.assertTrue((named.colors[0] != named.colors[1]).any())
+
     def test_have_frames_that_are_counted_and_gone_through(self):
         frames = kelpa.frames(self.water, radius=1)
         self.assertEqual([p.positions[0, 0] for p in frames], [0, 1, 2, 3])

@@ -70,7 +70,7 @@ TEST_F(TextFormats, HoldTheSamePlaceInEveryCoordinateOfADump) {
     EXPECT_TRUE(same(set.images.at(0), {0, -1, 2}) && same(set.velocities.at(1), {4, 5, 6}));
     EXPECT_EQ(set.radii, (std::vector<float>{1.5F, 1.5F}));
     EXPECT_EQ(set.attributes.at(0).values[0], -0.5F);
-    EXPECT_EQ(set.columns.size(), 13U); // all but the text
+    EXPECT_EQ(set.columns.size(), 14U); // the text too
     EXPECT_EQ(set.cell.value().isPeriodic, (std::array<bool, 3>{true, true, false}));
     EXPECT_EQ(set.cell->edges[1][1], 4.0);
 }

@@ -42,6 +42,34 @@ std::string boundsText(Bounds const& bounds) {
                        max.x, max.y, max.z);
 }
 
+/// A name that particles have, and how many.
+struct NameCount {
+    std::string name;
+    std::uint64_t particles;
+};
+
+/// The names of a column that particles have, the most frequent first.
+std::vector<NameCount> countsOf(AttributeSummary const& column) {
+    std::vector<NameCount> counts;
+    for (std::size_t i = 0; i < column.counts.size(); ++i)
+        if (column.counts[i] > 0)
+            counts.push_back({column.names->all()[i], column.counts[i]});
+    std::stable_sort(counts.begin(), counts.end(), [](NameCount const& a, NameCount const& b) {
+        return a.particles > b.particles;
+    });
+    return counts;
+}
+
+std::string namesText(AttributeSummary const& column) {
+    constexpr std::size_t few = 8;
+    std::vector<NameCount> const counts = countsOf(column);
+    std::string text = fmt::format("{} names:", withCommas(counts.size()));
+    for (std::size_t i = 0; i < std::min(few, counts.size()); ++i)
+        text += fmt::format("{} {} {}", i > 0 ? "," : "", printable(counts[i].name),
+                            withCommas(counts[i].particles));
+    return text + (counts.size() > few ? ", ..." : "");
+}
+
 void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
                  std::string const& file, BuildReport const& report) {
     fmt::print("{}: {}, {} particles\n", printable(baseName(file)), particles.format,
@@ -50,8 +78,12 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
         fmt::print("  frames: {}\n", particles.frameCount);
     fmt::print("  columns:\n");
     for (AttributeSummary const& column : particles.columns) {
-        fmt::print("    {:<20} {:<8} {:.7g} to {:.7g}", printable(column.name),
-                   printable(column.type), column.min, column.max);
+        fmt::print("    {:<20} {:<8} ", printable(column.name), printable(column.type));
+        if (column.names != nullptr) {
+            fmt::print("{}\n", namesText(column));
+            continue;
+        }
+        fmt::print("{:.7g} to {:.7g}", column.min, column.max);
         if (column.notFinite > 0)
             fmt::print(", {} not finite", withCommas(column.notFinite));
         fmt::print("\n");
@@ -76,17 +108,26 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
         fmt::print("{}\n", line);
 }
 
+Json jsonOfColumn(AttributeSummary const& column) {
+    JsonObject json;
+    json.add("name", column.name).add("type", column.type);
+    if (column.names == nullptr)
+        return json.add("min", column.min)
+            .add("max", column.max)
+            .add("notFinite", column.notFinite)
+            .onOneLine();
+    std::vector<Json> names;
+    for (NameCount const& count : countsOf(column))
+        names.push_back(
+            JsonObject().add("name", count.name).add("particles", count.particles).onOneLine());
+    return json.add("names", jsonList(names, 4)).onOneLine();
+}
+
 void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
                  std::string const& file, BuildReport const&) {
     std::vector<Json> columns;
     for (AttributeSummary const& column : particles.columns)
-        columns.push_back(JsonObject()
-                              .add("name", column.name)
-                              .add("type", column.type)
-                              .add("min", column.min)
-                              .add("max", column.max)
-                              .add("notFinite", column.notFinite)
-                              .onOneLine());
+        columns.push_back(jsonOfColumn(column));
     JsonObject json;
     json.add("file", baseName(file))
         .add("format", particles.format)

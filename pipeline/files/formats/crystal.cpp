@@ -22,6 +22,7 @@ struct Site {
     std::size_t row = 0;     ///< of the file's table
     float occupancy = 1.0F;
     std::uint8_t element = 0;
+    std::uint32_t name = 0; ///< by its number in the molecule's table
 };
 
 /// The element of a site by its name where its type is not told: "Fe1", "CL2", "O1W".
@@ -39,14 +40,13 @@ enum SiteColumn : std::size_t { xColumn, yColumn, zColumn, label, type, occupanc
 
 /// What a site is called.
 std::string nameOf(CifTable& table, std::size_t row) {
-    std::string const name = table.text(row, label);
-    return quoted(name.empty() ? table.text(row, type) : name);
+    std::string name = table.text(row, label);
+    return name.empty() ? table.text(row, type) : name;
 }
 
 /// The sites of a block; those without a place are counted in `unplaced`.
-std::vector<Site> takeSites(CifTable& table, std::vector<std::string>& unknown,
-                            std::size_t& unplaced) {
-    ElementReader elements(unknown);
+std::vector<Site> takeSites(CifTable& table, Molecule& molecule, std::size_t& unplaced) {
+    ElementReader elements(molecule.unknownElements);
     std::vector<Site> sites;
     for (std::size_t row = 0; row < table.rows(); ++row) {
         Site site;
@@ -66,6 +66,7 @@ std::vector<Site> takeSites(CifTable& table, std::vector<std::string>& unknown,
         std::string const name = symbol.empty() ? table.text(row, label) : symbol;
         std::uint8_t const known = symbol.empty() ? 0 : atomicNumberOf(symbol);
         site.element = elements.keep(name, known != 0 ? known : elementOfLabel(name));
+        site.name = molecule.names->numberOf(nameOf(table, row));
         sites.push_back(site);
     }
     return sites;
@@ -198,6 +199,7 @@ void appendCopies(Site const& site, std::vector<CifOperation> const& operations,
                                   .z = z,
                                   .serial = site.number,
                                   .occupancy = site.occupancy,
+                                  .name = site.name,
                                   .copy = operation,
                                   .element = site.element});
     }
@@ -236,7 +238,7 @@ void noteOverlaps(InputFile const& file, CifTable& table, Overlaps const& overla
         return;
     std::string names; // the first few
     for (std::size_t i = 0; i < std::min<std::size_t>(overlaps.rows.size(), 5); ++i)
-        names += (i > 0 ? ", " : "") + nameOf(table, overlaps.rows[i]);
+        names += (i > 0 ? ", " : "") + quoted(nameOf(table, overlaps.rows[i]));
     notes.push_back(fmt::format("{}: {} sites share their places with other elements, of which "
                                 "those with the largest occupancy are shown; left out: {}{}",
                                 file.path(), overlaps.rows.size(), names,
@@ -303,7 +305,7 @@ ParticleSet readCrystal(InputFile& file, CifFile& cif, ReadOptions const& option
 
     std::unique_ptr<CifTable> const table = findSites(cif);
     std::size_t unplaced = 0;
-    std::vector<Site> const sites = takeSites(*table, molecule.unknownElements, unplaced);
+    std::vector<Site> const sites = takeSites(*table, molecule, unplaced);
     if (sites.empty())
         file.fail("none of its {} sites has a place", unplaced);
     CifOperation const stay = {{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}}};

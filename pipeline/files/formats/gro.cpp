@@ -25,6 +25,10 @@ constexpr ColumnNames groNames = {"column", positionNames, {}, velocityNames, "e
 
 constexpr std::size_t numbersBegin = 20; ///< where places begin in a row
 constexpr std::size_t fieldWidth = 5;    ///< of the fields before them
+constexpr std::size_t residueNameColumn =
+    2; ///< in a layout, behind the atom's and residue's numbers
+constexpr std::size_t nameColumn = 3;
+constexpr std::size_t numbersColumn = 4;
 
 std::string_view trimmed(std::string_view text) {
     std::size_t const first = text.find_first_not_of(' ');
@@ -67,29 +71,39 @@ bool isVirtualSite(std::string_view atom) {
     return atom.starts_with("MW") || atom.starts_with("LP");
 }
 
-/// Tells elements from the names in rows; equal names often follow each other.
+/// What the names in a row tell.
+struct NamedAtom {
+    std::uint32_t residue = 0; ///< its name, by number
+    std::uint32_t atom = 0;
+    std::optional<std::uint8_t> element; ///< nothing for a virtual site
+};
+
+/// Reads the names in rows; equal ones often follow each other.
 class AtomNames {
   public:
-    explicit AtomNames(std::vector<std::string>& unknownSymbols) : elements(unknownSymbols) {}
+    AtomNames(NameTable& residueNames, NameTable& atomNames,
+              std::vector<std::string>& unknownSymbols)
+        : residues(residueNames), atoms(atomNames), elements(unknownSymbols) {}
 
-    /// The element of a row's atom; nothing for a virtual site.
-    std::optional<std::uint8_t> elementIn(std::string_view row) {
+    NamedAtom const& in(std::string_view row) {
         std::string_view const names = part(row, fieldWidth, 2 * fieldWidth);
         if (names == lastNames)
-            return lastElement;
+            return last;
         lastNames = names;
         std::string_view const atom = trimmed(part(row, 2 * fieldWidth, fieldWidth));
         std::string_view const residue = trimmed(part(row, fieldWidth, fieldWidth));
-        lastElement.reset();
+        last = {residues.numberOf(residue), atoms.numberOf(atom), {}};
         if (!isVirtualSite(atom))
-            lastElement = elements.keep(atom, elementOfAtom(atom, residue));
-        return lastElement;
+            last.element = elements.keep(atom, elementOfAtom(atom, residue));
+        return last;
     }
 
   private:
+    NameTable& residues;
+    NameTable& atoms;
     ElementReader elements;
-    std::string lastNames;
-    std::optional<std::uint8_t> lastElement;
+    std::string lastNames = "\n"; ///< which no row has
+    NamedAtom last;
 };
 
 // Frames -------------------------------------------------------------------------------------
@@ -160,9 +174,12 @@ RowLayout GroFrames::layoutOf() const {
     RowLayout layout;
     layout.addWord("id", "integer", WordKind::number);
     layout.addWord("residue", "integer", WordKind::number);
+    layout.addWord("residue_name", "text", WordKind::name);
+    layout.addWord("name", "text", WordKind::name);
     for (std::size_t i = 0; i < numberCount; ++i)
         layout.addWord(std::string(names[i]), "real", WordKind::number);
     layout.addDerived("element");
+    layout.columns.back().names = elementSymbols();
     return layout;
 }
 
@@ -186,7 +203,7 @@ void GroFrames::parseRow(InputFile const& file, RowLayout const& layout, std::st
 
     for (std::size_t i = 0; i < numberCount; ++i) {
         std::string_view const field = trimmed(part(line, numbersBegin + i * width, width));
-        Column const& column = layout.columns[2 + i];
+        Column const& column = layout.columns[numbersColumn + i];
         double value = 0.0;
         // Some atoms of a frame may lack velocities; they rest.
         if (!parseNumber(field, value) && !(i >= 3 && field.empty()))
@@ -234,16 +251,21 @@ ParticleSet GroFrames::read(InputFile& file, ReadOptions const& options) {
                            options.summarise);
     converter.reserve(plausibleRows(file, frame.rows, numbersBegin + 3 * width));
 
-    AtomNames names(particles.unknownElements);
+    AtomNames names(*layout.names[residueNameColumn], *layout.names[nameColumn],
+                    particles.unknownElements);
     readRows(file, frame.rows, layout.rowBytes, false, converter, [&](char* row) {
         std::string_view const line = nextTextRow(file, frame, file.particles);
         parseRow(file, layout, line, row);
-        std::optional<std::uint8_t> const element = names.elementIn(line);
-        double const number = element.value_or(std::uint8_t{0});
-        std::memcpy(row + layout.columns.back().offset, &number, sizeof number);
-        if (!element)
+        NamedAtom const& named = names.in(line);
+        auto const put = [&](Column const& column, auto value) {
+            std::memcpy(row + column.offset, &value, sizeof value);
+        };
+        put(layout.columns[residueNameColumn], named.residue);
+        put(layout.columns[nameColumn], named.atom);
+        put(layout.columns.back(), static_cast<double>(named.element.value_or(std::uint8_t{0})));
+        if (!named.element)
             particles.virtualSites.push_back(static_cast<std::size_t>(file.particles));
-        return element.has_value();
+        return named.element.has_value();
     });
     if (!particles.virtualSites.empty())
         particles.notes.push_back({fmt::format(

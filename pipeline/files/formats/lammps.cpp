@@ -204,8 +204,8 @@ bool LammpsFrames::begin(InputFile& file, int index) {
     return true;
 }
 
-/// The columns that the item ATOMS names. What starts as no number does in the first row is text,
-/// unless it is a place or an id.
+/// The columns that the item ATOMS names. What starts as no number does in the first row is a
+/// name, unless it is a place or an id.
 RowLayout LammpsFrames::layoutOf(InputFile& file) const {
     constexpr std::string_view numbers[] = {"id", "xu", "yu", "zu",  "x",   "y",  "z",
                                             "xs", "ys", "zs", "xsu", "ysu", "zsu"};
@@ -221,9 +221,9 @@ RowLayout LammpsFrames::layoutOf(InputFile& file) const {
             std::find(std::begin(numbers), std::end(numbers), name) == std::end(numbers);
         if (layout.words.size() == mostColumns)
             file.failHere("more than {} columns", mostColumns);
-        layout.addWord(std::string(name), "number",
+        layout.addWord(std::string(name), isText ? "text" : "number",
                        name == "element" ? WordKind::element
-                       : isText          ? WordKind::text
+                       : isText          ? WordKind::name
                                          : WordKind::number);
     }
     if (layout.words.empty())

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
+#include <memory>
 #include <optional>
 #include <unordered_map>
 
@@ -82,8 +84,39 @@ bool isWhole(std::string_view name) {
 struct Header {
     std::uint64_t atoms = 0;
     std::int64_t types = 0;
+    std::shared_ptr<NameTable> labels; ///< of the types, by their numbers; null: they have none
     PeriodicCell cell;
 };
+
+void skipToRows(InputFile& file) {
+    while (std::optional<std::string_view> const line = file.peekLine()) {
+        if (withoutComment(*line).find_first_not_of(" \t\r") != std::string_view::npos)
+            return;
+        file.nextLine();
+    }
+}
+
+/// Reads the rows of the section Atom Type Labels, which names the types in any order.
+void readLabels(InputFile& file, Header& header) {
+    TextFrame const section{0, static_cast<std::uint64_t>(std::max<std::int64_t>(header.types, 0)),
+                            "the section Atom Type Labels"};
+    std::map<std::int64_t, std::string> labels;
+    skipToRows(file);
+    for (std::uint64_t row = 0; row < section.rows; ++row) {
+        std::string_view words = withoutComment(nextTextRow(file, section, row));
+        std::int64_t type = 0;
+        bool const isType = parseNumber(nextWord(words), type) && type >= 1 && type <= header.types;
+        if (!isType || !labels.emplace(type, nextWord(words)).second)
+            file.failHere("a type from 1 to {} and its label belong in each row of Atom Type "
+                          "Labels, each type once",
+                          header.types);
+    }
+    header.labels = std::make_shared<NameTable>();
+    header.labels->numberOf("?"); // of type 0, which there is none
+    for (auto const& [type, label] : labels)
+        if (header.labels->numberOf(label) != static_cast<std::uint64_t>(type))
+            file.failHere("the label {} stands for two types", quoted(label));
+}
 
 /// Takes a line of the header, such as "420 atoms" or "0 1 xlo xhi".
 void takeHeaderLine(InputFile const& file, std::string_view line, Header& header) {
@@ -126,6 +159,10 @@ std::string readHeader(InputFile& file, Header& header) {
                 split(comment.substr(comment.empty() ? 0 : 1));
             return style.empty() ? std::string() : std::string(style[0]);
         }
+        if (line->starts_with("Atom Type Labels")) {
+            readLabels(file, header);
+            continue;
+        }
         takeHeaderLine(file, *line, header);
     }
     file.fail("no section Atoms; data files of LAMMPS have one");
@@ -134,7 +171,7 @@ std::string readHeader(InputFile& file, Header& header) {
 // Styles --------------------------------------------------------------------------------------
 
 /// Whether a row may be one of the style, with or without images behind it.
-bool fits(AtomStyle const& style, std::vector<std::string_view> const& row, std::int64_t types) {
+bool fits(AtomStyle const& style, std::vector<std::string_view> const& row, Header const& header) {
     std::vector<std::string_view> const names = split(style.words);
     bool const hasImages = row.size() == names.size() + imageWords;
     if (row.size() != names.size() && !hasImages &&
@@ -143,9 +180,11 @@ bool fits(AtomStyle const& style, std::vector<std::string_view> const& row, std:
     std::int64_t whole = 0;
     double number = 0.0;
     for (std::size_t i = 0; i < names.size(); ++i)
-        if (isWhole(names[i]) ? !parseNumber(row[i], whole) : !parseNumber(row[i], number))
+        if (names[i] == "type" && header.labels && header.labels->find(row[i]))
+            continue;
+        else if (isWhole(names[i]) ? !parseNumber(row[i], whole) : !parseNumber(row[i], number))
             return false;
-        else if (names[i] == "type" && (whole < 1 || whole > types))
+        else if (names[i] == "type" && (whole < 1 || whole > header.types))
             return false;
     for (std::size_t i = names.size(); hasImages && i < row.size(); ++i)
         if (!parseNumber(row[i], whole))
@@ -174,7 +213,7 @@ AtomStyle const& chooseStyle(InputFile& file, std::string const& named, Header c
     }
     for (AtomStyle const& style : styles)
         if (std::all_of(rows.begin(), rows.end(),
-                        [&](auto const& row) { return fits(style, row, header.types); })) {
+                        [&](auto const& row) { return fits(style, row, header); })) {
             if (!rows.empty())
                 particles.notes.push_back(fmt::format(
                     "{}: the section Atoms names no style that is known; its rows are read as {} "
@@ -186,11 +225,14 @@ AtomStyle const& chooseStyle(InputFile& file, std::string const& named, Header c
                   "\"Atoms # full\"");
 }
 
-RowLayout layoutOf(InputFile& file, AtomStyle const& style) {
+RowLayout layoutOf(InputFile& file, AtomStyle const& style, Header const& header) {
     RowLayout layout;
     layout.comment = '#';
     for (std::string_view const name : split(style.words))
-        layout.addWord(std::string(name), isWhole(name) ? "integer" : "real", WordKind::number);
+        if (name == "type" && header.labels)
+            layout.addWord(std::string(name), "label", WordKind::label, header.labels);
+        else
+            layout.addWord(std::string(name), isWhole(name) ? "integer" : "real", WordKind::number);
     std::string_view const row = withoutComment(file.peekLine().value_or(""));
     bool const hasImages = split(row).size() == layout.words.size() + imageWords;
     layout.mayHaveMore = style.mayHaveMore;
@@ -201,14 +243,6 @@ RowLayout layoutOf(InputFile& file, AtomStyle const& style) {
 }
 
 // Velocities ----------------------------------------------------------------------------------
-
-void skipToRows(InputFile& file) {
-    while (std::optional<std::string_view> const line = file.peekLine()) {
-        if (withoutComment(*line).find_first_not_of(" \t\r") != std::string_view::npos)
-            return;
-        file.nextLine();
-    }
-}
 
 /// Reads the section Velocities, if one follows, whose rows name the atoms in any order.
 void readVelocities(InputFile& file, Header const& header, ParticleSet& particles) {
@@ -249,9 +283,10 @@ ParticleSet readLammpsData(InputFile& file, ReadOptions const& options) {
     ParticleSet particles;
     particles.format = "LAMMPS data";
     AtomStyle const& style = chooseStyle(file, named, header, particles);
-    RowLayout const layout = layoutOf(file, style);
+    RowLayout const layout = layoutOf(file, style, header);
     header.cell.isPeriodic = {true, true, true}; // which a data file does not tell; most are
     particles.cell = header.cell;
+    particles.typeNames = header.labels;
     readTextRows(file, {0, header.atoms, "the section Atoms"}, layout, dataNames, options,
                  particles);
     readVelocities(file, header, particles);

@@ -8,6 +8,7 @@
 #include "pipeline/files/textvalues.h"
 
 #include <algorithm>
+#include <map>
 
 // CIF: of macromolecules (mmCIF) the models are frames, of alternate locations the first is read,
 // and if asked for the whole biological assembly. Files of small molecules are crystals.
@@ -95,8 +96,9 @@ int takeAtoms(InputFile& file, AtomTable& table, ReadOptions const& options, Mol
         std::string place = chain;
         place.append(1, ' ').append(residue).append(1, ' ');
         place += table.text(row, AtomTable::insertion);
-        if (!alternates.keeps(place, table.text(row, AtomTable::residueName),
-                              table.text(row, AtomTable::atom),
+        std::string const name = table.text(row, AtomTable::atom);
+        std::string const residueName = table.text(row, AtomTable::residueName);
+        if (!alternates.keeps(place, residueName, name,
                               !table.text(row, AtomTable::alternate).empty()))
             continue;
         AtomRow atom;
@@ -107,7 +109,9 @@ int takeAtoms(InputFile& file, AtomTable& table, ReadOptions const& options, Mol
         table.number(row, AtomTable::occupancy, atom.occupancy);
         table.number(row, AtomTable::bFactor, atom.bFactor);
         table.number(row, AtomTable::residue, atom.residue);
-        atom.chain = molecule.indexOfChain(chain);
+        atom.chain = molecule.chains->numberOf(chain);
+        atom.name = molecule.names->numberOf(name);
+        atom.residueName = molecule.residueNames->numberOf(residueName);
         atom.element = elements.read(table.text(row, AtomTable::type));
         molecule.atoms.push_back(atom);
         ++file.particles;

@@ -2,6 +2,7 @@
 #include "pipeline/files/formats/molecule.h"
 
 #include "pipeline/files/columnuses.h"
+#include "pipeline/files/elements.h"
 #include "pipeline/files/textvalues.h"
 
 #include <algorithm>
@@ -31,6 +32,11 @@ std::vector<Column> columnsOf(Molecule const& molecule, AtomKind kind) {
                          std::size_t offset) {
         columns.push_back({name, typeName, type, type, offset});
     };
+    auto const addNames = [&](char const* name, std::size_t offset,
+                              std::shared_ptr<NameTable const> names) {
+        add(name, "text", ScalarType::uint32, offset);
+        columns.back().names = std::move(names);
+    };
     add("x", "double", ScalarType::float64, offsetof(AtomRow, x));
     add("y", "double", ScalarType::float64, offsetof(AtomRow, y));
     add("z", "double", ScalarType::float64, offsetof(AtomRow, z));
@@ -40,6 +46,8 @@ std::vector<Column> columnsOf(Molecule const& molecule, AtomKind kind) {
                                   : "serial",
         "int", ScalarType::int32, offsetof(AtomRow, serial));
     add("element", "element", ScalarType::uint8, offsetof(AtomRow, element));
+    columns.back().names = elementSymbols();
+    addNames("name", offsetof(AtomRow, name), molecule.names);
     add("occupancy", "float", ScalarType::float32, offsetof(AtomRow, occupancy));
     if (kind == AtomKind::crystal) {
         add("operation", "int", ScalarType::int32, offsetof(AtomRow, copy));
@@ -47,7 +55,8 @@ std::vector<Column> columnsOf(Molecule const& molecule, AtomKind kind) {
     }
     add("b_factor", "float", ScalarType::float32, offsetof(AtomRow, bFactor));
     add("residue", "int", ScalarType::int32, offsetof(AtomRow, residue));
-    add("chain", "int", ScalarType::int32, offsetof(AtomRow, chain));
+    addNames("residue_name", offsetof(AtomRow, residueName), molecule.residueNames);
+    addNames("chain", offsetof(AtomRow, chain), molecule.chains);
     if (kind == AtomKind::assembly)
         add("copy", "int", ScalarType::int32, offsetof(AtomRow, copy));
     return columns;
@@ -56,7 +65,7 @@ std::vector<Column> columnsOf(Molecule const& molecule, AtomKind kind) {
 /// The atoms of the chains that a part of an assembly is made of.
 std::vector<AtomRow> atomsOf(Molecule const& molecule, ChainCopies const& part) {
     std::vector<char> isWanted;
-    for (std::string const& name : molecule.chains) {
+    for (std::string const& name : molecule.chains->all()) {
         std::string const known = name.empty() ? "NULL" : name; // as PDB calls one without a name
         bool const isListed =
             std::find(part.chains.begin(), part.chains.end(), known) != part.chains.end();
@@ -64,7 +73,7 @@ std::vector<AtomRow> atomsOf(Molecule const& molecule, ChainCopies const& part) 
     }
     std::vector<AtomRow> atoms;
     for (AtomRow const& atom : molecule.atoms)
-        if (isWanted[static_cast<std::size_t>(atom.chain)] != 0)
+        if (isWanted[atom.chain] != 0)
             atoms.push_back(atom);
     return atoms;
 }
@@ -119,14 +128,6 @@ void appendAssembly(InputFile& file, Molecule const& molecule, Assembly const& a
 
 } // namespace
 
-std::int32_t Molecule::indexOfChain(std::string const& name) {
-    auto const [entry, isNew] =
-        chainIndices.emplace(name, static_cast<std::int32_t>(chains.size()));
-    if (isNew)
-        chains.push_back(name);
-    return entry->second;
-}
-
 std::optional<PeriodicCell> cellOfAngles(std::array<double, 3> const& lengths,
                                          std::array<double, 3> const& degrees) {
     auto const [a, b, c] = lengths;
@@ -156,7 +157,6 @@ ParticleSet makeParticles(InputFile& file, Molecule& molecule, AtomKind kind,
     particles.format = format;
     particles.cell = molecule.cell;
     particles.unknownElements = std::move(molecule.unknownElements);
-    particles.leftOut.emplace_back("the names of atoms, residues and chains");
     std::vector<Column> const columns = columnsOf(molecule, kind);
     RowConverter converter(particles, columns,
                            chooseUses(file, columns, atomNames, options, particles),

@@ -8,7 +8,7 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -24,8 +24,10 @@ struct AtomRow {
     float occupancy = 1.0F;
     float bFactor = 0.0F;
     std::int32_t residue = 0;
-    std::int32_t chain = 0; ///< counted from 0 in the order of the file
-    std::int32_t copy = 0;  ///< of the assembly, or by which operation of a crystal
+    std::uint32_t chain = 0; ///< by its number in the molecule's table, as are the next two
+    std::uint32_t name = 0;
+    std::uint32_t residueName = 0;
+    std::int32_t copy = 0; ///< of the assembly, or by which operation of a crystal
     std::uint8_t element = 0;
 };
 
@@ -35,16 +37,12 @@ enum class AtomKind { molecule, assembly, crystal };
 /// The atoms of one model of a file.
 struct Molecule {
     std::vector<AtomRow> atoms;
-    std::vector<std::string> chains; ///< names, by `AtomRow::chain`
+    std::shared_ptr<NameTable> chains = std::make_shared<NameTable>();
+    std::shared_ptr<NameTable> names = std::make_shared<NameTable>();
+    std::shared_ptr<NameTable> residueNames = std::make_shared<NameTable>();
     std::vector<std::string> unknownElements;
     std::vector<Assembly> assemblies;
     std::optional<PeriodicCell> cell;
-
-    /// The number of a chain, which gets one if it is new.
-    std::int32_t indexOfChain(std::string const& name);
-
-  private:
-    std::map<std::string, std::int32_t> chainIndices;
 };
 
 /// Tells which of an atom's alternate locations is the first.

@@ -92,7 +92,9 @@ void takeAtoms(std::string const& records, Molecule& molecule) {
                                   .occupancy = atom.occupancy,
                                   .bFactor = atom.bFactor,
                                   .residue = atom.residueNumber,
-                                  .chain = molecule.indexOfChain(atom.chain),
+                                  .chain = molecule.chains->numberOf(atom.chain),
+                                  .name = molecule.names->numberOf(atom.name),
+                                  .residueName = molecule.residueNames->numberOf(atom.residue),
                                   .element = atom.element});
         if (atom.element == 0)
             elements.keep(atom.name, 0);

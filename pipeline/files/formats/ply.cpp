@@ -261,7 +261,12 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options) {
     particles.format = isText      ? "PLY ascii"
                        : bigEndian ? "PLY binary big-endian"
                                    : "PLY binary little-endian";
-    std::vector<Column> const columns = columnsOf(vertex, header.encoding);
+    std::vector<Column> columns = columnsOf(vertex, header.encoding);
+    for (Column& column : columns)
+        if (auto const known = header.names.find(column.name); known != header.names.end())
+            column.names = known->second;
+    if (auto const known = header.names.find(plyNames.type); known != header.names.end())
+        particles.typeNames = known->second;
     RowConverter converter(particles, columns,
                            chooseUses(file, columns, plyNames, options, particles),
                            options.summarise);

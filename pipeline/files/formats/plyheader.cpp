@@ -70,6 +70,19 @@ PlyProperty parseProperty(InputFile const& file, std::string_view line) {
     return property;
 }
 
+/// Takes a comment that may tell names; whoever writes others than distinct ones means none.
+void takeComment(std::string_view line, PlyHeader& header) {
+    std::string_view const mark = nextWord(line);
+    std::string_view const column = nextWord(line);
+    if (mark != plyNamesMark || column.empty())
+        return;
+    std::shared_ptr<NameTable>& names = header.names[std::string(column)];
+    if (names == nullptr)
+        names = std::make_shared<NameTable>();
+    for (std::string_view name = nextWord(line); !name.empty(); name = nextWord(line))
+        names->numberOf(name);
+}
+
 } // namespace
 
 PlyHeader readPlyHeader(InputFile& file) {
@@ -97,7 +110,9 @@ PlyHeader readPlyHeader(InputFile& file) {
             if (++propertyCount > mostProperties)
                 file.failHere("more than {} properties", mostProperties);
             header.elements.back().properties.push_back(parseProperty(file, *line));
-        } else if (keyword != "comment" && keyword != "obj_info" && !keyword.empty()) {
+        } else if (keyword == "comment") {
+            takeComment(*line, header);
+        } else if (keyword != "obj_info" && !keyword.empty()) {
             file.failHere("{} in the header; format, element, property, comment or end_header "
                           "belong there",
                           quoted(keyword));

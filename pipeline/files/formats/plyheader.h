@@ -2,12 +2,17 @@
 #pragma once
 
 #include "pipeline/files/inputfile.h"
+#include "pipeline/files/nametable.h"
 #include "pipeline/files/scalartype.h"
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace pipeline {
@@ -43,7 +48,12 @@ struct PlyElement {
 struct PlyHeader {
     PlyEncoding encoding = PlyEncoding::ascii;
     std::vector<PlyElement> elements;
+    std::map<std::string, std::shared_ptr<NameTable>, std::less<>> names; ///< by column
 };
+
+/// What comments start with that tell the names of a column: then follow its own name and names,
+/// and perhaps another such line.
+constexpr std::string_view plyNamesMark = "kelpa-names";
 
 /// Reads the header up to the line that ends it. Refuses what is none.
 PlyHeader readPlyHeader(InputFile& file);

@@ -22,70 +22,82 @@ struct RowParser {
     InputFile const& file;
     TextFrame const& frame;
     RowLayout const& layout;
-    std::vector<WordKind> kinds; ///< those of the layout, with text for what nobody uses
+    std::vector<WordKind> kinds; ///< those of the layout, but skipped for what nobody uses
     ElementReader elements;
     std::uint64_t& unfitIds;
     std::uint64_t longRows = 0; ///< with more words than columns
     std::uint64_t firstLongRow = 0;
 
     /// Puts one word into its place in a row; false when it is not what the column holds.
-    bool store(Column const& column, WordKind kind, std::string_view word, char* row) {
-        if (double truth = 0.0; kind == WordKind::logical && parseLogical(word, truth)) {
-            std::memcpy(row + column.offset, &truth, sizeof truth);
+    bool store(std::size_t index, std::string_view word, char* row) {
+        Column const& column = layout.columns[index];
+        auto const put = [&](auto value) {
+            std::memcpy(row + column.offset, &value, sizeof value);
             return true;
+        };
+        double truth = 0.0;
+        switch (kinds[index]) {
+        case WordKind::name:
+            return put(layout.names[index]->numberOf(word));
+        case WordKind::element:
+            return put(elements.read(word));
+        case WordKind::label:
+            if (std::optional<std::uint32_t> const number = layout.names[index]->find(word))
+                return put(std::int64_t{*number});
+            break;
+        case WordKind::logical:
+            if (parseLogical(word, truth))
+                return put(truth);
+            break;
+        case WordKind::number:
+        case WordKind::skipped:
+            break;
         }
-        if (kind != WordKind::element)
-            return storeWord(column, word, row, unfitIds);
-        row[column.offset] = static_cast<char>(elements.read(word));
-        return true;
+        return storeWord(column, word, row, unfitIds);
     }
 
     void parse(std::string_view line, char* row) {
         if (layout.comment != 0)
             line = line.substr(0, line.find(layout.comment));
-        auto column = layout.columns.begin();
         for (std::size_t index = 0; index < kinds.size(); ++index) {
             std::string_view const word = nextWord(line);
             if (word.empty())
                 file.failHere(frame.wayOn(), "a row of {} with {} of {} columns", frame.name, index,
                               kinds.size());
-            if (kinds[index] != WordKind::text && !store(*column, kinds[index], word, row))
+            if (kinds[index] != WordKind::skipped && !store(index, word, row))
                 file.failHere(frame.wayOn(), "{} where a number for {} belongs", quoted(word),
-                              quoted(column->name));
-            column += layout.words[index] == WordKind::text ? 0 : 1;
+                              quoted(layout.columns[index].name));
         }
         if (!layout.mayHaveMore && !nextWord(line).empty() && ++longRows == 1)
             firstLongRow = file.lineNumber();
     }
 };
 
-/// The kinds of a layout's words, but text for those whose columns nothing is read from.
+/// The kinds of a layout's words, but skipped for those whose columns nothing is read from.
 std::vector<WordKind> kindsRead(RowLayout const& layout, std::vector<ColumnUse> const& uses) {
     std::vector<WordKind> kinds = layout.words;
-    std::size_t column = 0;
-    for (WordKind& kind : kinds) {
-        if (kind == WordKind::text)
-            continue;
+    for (std::size_t column = 0; column < kinds.size(); ++column)
         if (std::none_of(uses.begin(), uses.end(),
                          [&](ColumnUse const& use) { return use.column == column; }))
-            kind = WordKind::text;
-        ++column;
-    }
+            kinds[column] = WordKind::skipped;
     return kinds;
 }
 
 } // namespace
 
-void RowLayout::addWord(std::string name, std::string_view type, WordKind kind) {
+void RowLayout::addWord(std::string name, std::string_view type, WordKind kind,
+                        std::shared_ptr<NameTable> const& labels) {
     words.push_back(kind);
-    if (kind == WordKind::text) {
-        texts.push_back(std::move(name));
-        return;
-    }
-    ScalarType const stored =
-        kind == WordKind::element ? ScalarType::uint8 : storedFromText(name, ScalarType::float64);
+    names.push_back(kind == WordKind::name ? std::make_shared<NameTable>() : labels);
+    ScalarType const stored = kind == WordKind::element ? ScalarType::uint8
+                              : kind == WordKind::name  ? ScalarType::uint32
+                              : kind == WordKind::label ? ScalarType::int64
+                                                        : storedFromText(name, ScalarType::float64);
     columns.push_back({std::move(name), std::string(type), ScalarType::float64, stored, rowBytes});
     columns.back().isText = true;
+    columns.back().names = names.back();
+    if (kind == WordKind::element)
+        columns.back().names = elementSymbols();
     rowBytes += scalarBytes(stored);
 }
 
@@ -147,8 +159,6 @@ void readTextRows(InputFile& file, TextFrame const& frame, RowLayout const& layo
                   ColumnNames const& names, ReadOptions const& options, ParticleSet& particles,
                   std::function<void(char* row)> const& derive) {
     std::vector<ColumnUse> const uses = chooseUses(file, layout.columns, names, options, particles);
-    for (std::string const& text : layout.texts)
-        particles.leftOut.push_back("text " + quoted(text));
     bool const readsAll = options.summarise || derive;
     RowParser parser{file,
                      frame,

@@ -4,22 +4,26 @@
 #include "pipeline/files/columnuses.h"
 
 #include <functional>
+#include <memory>
 
 namespace pipeline {
 
-/// What a word of a row is. Text is passed over.
-enum class WordKind : std::uint8_t { number, logical, element, text };
+/// What a word of a row is. A label is a number or the name of one; what is skipped is in no
+/// column.
+enum class WordKind : std::uint8_t { number, logical, element, name, label, skipped };
 
 /// The words of a row, and the columns in which those that are no text are kept.
 struct RowLayout {
     std::vector<WordKind> words;
-    std::vector<Column> columns;    ///< in the order of the words; behind them those derived
-    std::vector<std::string> texts; ///< names of the words that are text
+    std::vector<Column> columns; ///< in the order of the words; behind them those derived
+    std::vector<std::shared_ptr<NameTable>> names; ///< of the words; null: they are numbers
     std::size_t rowBytes = 0;
     char comment = 0;         ///< what starts a comment at the end of a row; 0: none has any
     bool mayHaveMore = false; ///< words behind those listed are usual, and nothing to note
 
-    void addWord(std::string name, std::string_view type, WordKind kind);
+    /// A name gets a table of its own; a label is told from the one given.
+    void addWord(std::string name, std::string_view type, WordKind kind,
+                 std::shared_ptr<NameTable> const& labels = nullptr);
     /// Adds a column that is computed from others; after all words.
     void addDerived(std::string name);
     /// The column of this name, or null.

@@ -108,7 +108,7 @@ WordKind kindOf(InputFile const& file, std::string_view name, std::string_view t
     if (type == "L")
         return WordKind::logical;
     if (type == "S")
-        return name == "species" || name == "element" ? WordKind::element : WordKind::text;
+        return name == "species" || name == "element" ? WordKind::element : WordKind::name;
     file.failHere("no column type {} in Properties; it is S, R, I or L", quoted(type));
 }
 
