@@ -18,7 +18,7 @@ Block around(Block const& a, Block const& b) {
     return {std::min(a.x0, b.x0), std::max(a.x1, b.x1), std::min(a.y0, b.y0), std::max(a.y1, b.y1)};
 }
 
-bool isFinite(Kelpa::ParticleSystem const& system, std::size_t particle) {
+bool isFinite(Snapshot const& system, std::size_t particle) {
     Kelpa::Vector const& center = system.positions[particle];
     return std::isfinite(center.x) && std::isfinite(center.y) && std::isfinite(center.z) &&
            std::isfinite(system.radii[particle]);
@@ -40,7 +40,7 @@ class Footprint::Marks {
     void add(Block const& block) {
         if (block.x0 > block.x1 || block.y0 > block.y1)
             return;
-        auto const at = [this](std::int32_t x, std::int32_t y) -> std::int32_t& {
+        auto const at = [this](std::int32_t x, std::int32_t y) -> std::int64_t& {
             return corners[static_cast<std::size_t>(y) * columns + static_cast<std::size_t>(x)];
         };
         ++at(block.x0, block.y0);
@@ -52,9 +52,9 @@ class Footprint::Marks {
     std::vector<char> reached() {
         std::vector<char> cells;
         cells.reserve(corners.size());
-        std::vector<std::int32_t> above(columns);
+        std::vector<std::int64_t> above(columns);
         for (std::size_t row = 0; row + columns < corners.size(); row += columns) {
-            std::int32_t along = 0;
+            std::int64_t along = 0;
             for (std::size_t x = 0; x + 1 < columns; ++x) {
                 along += corners[row + x];
                 above[x] += along;
@@ -66,7 +66,7 @@ class Footprint::Marks {
 
   private:
     std::size_t columns;
-    std::vector<std::int32_t> corners;
+    std::vector<std::int64_t> corners;
 };
 
 Footprint::Footprint(Scene const& scene, Camera const& camera, int left, int top, int right,
@@ -84,8 +84,7 @@ void Footprint::mark(Scene const& scene, Camera const& camera, Marks& marks) con
     LaneKernels const& kernels = laneKernels().back();
     constexpr std::size_t most = 256;
     std::int32_t ends[2][4][most];
-    auto const find = [&](Kelpa::ParticleSystem const& system, int end, std::size_t begin,
-                          std::size_t count) {
+    auto const find = [&](Snapshot const& system, int end, std::size_t begin, std::size_t count) {
         auto& [x0, x1, y0, y1] = ends[end];
         kernels.findBlocks(camera, grid, count, system.positions.data() + begin,
                            system.radii.data() + begin, {x0, x1, y0, y1});

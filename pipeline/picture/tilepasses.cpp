@@ -137,7 +137,7 @@ void TilePasses::addSurface(std::uint16_t pixel, std::uint16_t sample, std::size
     std::size_t const i = surfaces.count++;
     surfaces.pixel[i] = pixel;
     surfaces.sample[i] = sample;
-    surfaces.particle[i] = hits.hitLocalIndex[lane];
+    surfaces.particle[i] = hits.hitIndex[lane];
     if (!plan.needsPlaces)
         return;
     surfaces.place.x[i] = rays.originX[lane];
@@ -337,11 +337,8 @@ void TilePasses::storeFirstHits(Image& image) const {
         std::size_t const at = pixels[surfaces.pixel[i]].index;
         if (!image.depth.empty())
             image.depth[at] = static_cast<float>(surfaces.t[i]);
-        if (!image.id.empty()) {
-            auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
-            image.id[at] =
-                scene.ids.empty() ? static_cast<std::int64_t>(particle) : scene.ids[particle];
-        }
+        if (!image.id.empty())
+            image.id[at] = scene.idOf(surfaces.particle[i]);
         float const normal[3] = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};
         double const place[3] = {surfaces.place.x[i], surfaces.place.y[i], surfaces.place.z[i]};
         for (std::size_t axis = 0; axis < 3; ++axis) {

@@ -39,8 +39,8 @@ class TilePasses {
     struct Surfaces {
         std::size_t count;
         std::uint16_t pixel[mostSurfaces];
-        std::uint16_t sample[mostSurfaces]; ///< of the pass
-        std::int32_t particle[mostSurfaces];
+        std::uint16_t sample[mostSurfaces];  ///< of the pass
+        std::int64_t particle[mostSurfaces]; ///< its place in the scene
         Lanes3<float, mostSurfaces> dir;
         double t[mostSurfaces];
         float time[mostSurfaces];

@@ -20,6 +20,13 @@ Bounds boundsOf(std::span<Kelpa::Vector const> centers) {
     return bounds;
 }
 
+void Bounds::add(Bounds const& other) {
+    min = {std::min(min.x, other.min.x), std::min(min.y, other.min.y),
+           std::min(min.z, other.min.z)};
+    max = {std::max(max.x, other.max.x), std::max(max.y, other.max.y),
+           std::max(max.z, other.max.z)};
+}
+
 Vec Bounds::centre() const {
     return (min + max) * 0.5;
 }

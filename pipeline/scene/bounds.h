@@ -16,6 +16,8 @@ struct Bounds {
 
     Vec centre() const;
     double diagonal() const;
+    /// Grows to hold another box.
+    void add(Bounds const& other);
 };
 
 /// Bounds of points, of which there is at least one.

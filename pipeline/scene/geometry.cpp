@@ -81,8 +81,7 @@ template <class Primitive> class PrimitiveGeometry final : public Geometry {
     explicit PrimitiveGeometry(std::vector<System> theSystems)
         : systems(std::move(theSystems)), primitive(0, nullptr, nullptr, true) {}
 
-    void build(Kelpa::ProgressCallback& progress, Kelpa::ThreadManager* manager,
-               TreeOptions const& options) override;
+    void build(BuildRun const& run, TreeOptions const& options) override;
     int intersect(Kelpa::RSRay& ray) override { return primitive.intersect(ray); }
     bool bunchIntersect(Kelpa::RayBunchExtParams const& rays, Kelpa::RayBunchCommonResult& hits,
                         double* tMins, double* tMaxs, unsigned char const* lanes,
@@ -121,18 +120,17 @@ template <class Primitive> void PrimitiveGeometry<Primitive>::registerSystems() 
     for (System& system : systems) {
         if (!hasParticles(system))
             continue;
+        auto const base = static_cast<std::int32_t>(system.base);
         if (isAlone)
-            primitive.baseIndex = system.base;
+            primitive.baseIndex = base;
         records.setCount(records.count + 1, 0);
         records.elements[records.count - 1] =
-            recordOf(*primitive.tree, system, &primitive, isAlone ? -1 : system.base);
+            recordOf(*primitive.tree, system, &primitive, isAlone ? -1 : base);
     }
 }
 
 template <class Primitive>
-void PrimitiveGeometry<Primitive>::build(Kelpa::ProgressCallback& progress,
-                                         Kelpa::ThreadManager* manager,
-                                         TreeOptions const& options) {
+void PrimitiveGeometry<Primitive>::build(BuildRun const& run, TreeOptions const& options) {
     auto& tree = *primitive.tree;
     tree.maxDepth = options.maxDepth.value_or(tree.maxDepth);
     tree.minNodeSize = options.minNodeSize;
@@ -141,7 +139,7 @@ void PrimitiveGeometry<Primitive>::build(Kelpa::ProgressCallback& progress,
     hasMovingBounds = options.hasMovingBounds;
     if (tree.particleSystems.count == 0)
         registerSystems();
-    SphereTreePrimitiveTemplate_callBuild(&tree, nullptr, nullptr, &progress, manager,
+    SphereTreePrimitiveTemplate_callBuild(&tree, nullptr, nullptr, &run.report, nullptr,
                                           hasMovingBounds ? 0 : 1, &primitive);
 }
 

@@ -4,7 +4,9 @@
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/usableparticles.h"
 
+#include "pipeline/files/progress.h"
 #include "pipeline/scene/bounds.h"
+#include "pipeline/scene/parting.h"
 
 #include <cstdint>
 #include <memory>
@@ -18,7 +20,7 @@ namespace pipeline {
 struct System {
     Kelpa::ParticleData first;
     std::optional<Kelpa::ParticleData> second; ///< of moving particles
-    std::int32_t base = 0;                     ///< reported index of particle 0, at least 0
+    std::int64_t base = 0;                     ///< reported index of particle 0, at least 0
 };
 
 /// Whether a tree takes the particle.
@@ -34,11 +36,23 @@ struct TreeOptions {
     float minNodeSize = 0.0F;
     bool isPacked = true;         ///< keep the copies that queries test many at a time
     bool hasMovingBounds = false; ///< report how the bounds of moving particles move
+    /// The most particles that one tree holds; scenes of more have several, see `Parting`.
+    std::int64_t block = defaultBlock;
+
+    static constexpr std::int64_t defaultBlock = 1 << 19;
+};
+
+/// How a build is done.
+struct BuildRun {
+    Kelpa::ProgressCallback& report; ///< hears what the build says, and ends it
+    int threads = 1;                 ///< 0: one for each processor
+    PhaseProgress progress{};        ///< asked on the calling thread, of builds of many trees
 };
 
 /// Figures of a tree that is built.
 struct TreeStatistics {
     bool isMoving = false;
+    std::int64_t trees = 1;     ///< one for each block
     std::int64_t systems = 0;   ///< that hold particles
     std::int64_t particles = 0; ///< in all systems
     std::int64_t used = 0;      ///< of these, taken by the tree
@@ -76,14 +90,15 @@ class Geometry {
     Geometry& operator=(Geometry const&) = delete;
     virtual ~Geometry() = default;
 
-    /// `manager` may be null: then the calling thread does it all. Throws `Kelpa::ExceptionMsg`
-    /// when memory runs out.
-    virtual void build(Kelpa::ProgressCallback& progress, Kelpa::ThreadManager* manager,
-                       TreeOptions const& options) = 0;
+    /// Each tree is built by one thread, so that it is the same however many there are. Throws
+    /// `Kelpa::ExceptionMsg` when memory runs out, and what `run.progress` throws; there are no
+    /// trees then.
+    virtual void build(BuildRun const& run, TreeOptions const& options) = 0;
 
     /// Finds the closest hit of a ray.
     virtual int intersect(Kelpa::RSRay& ray) = 0;
-    /// Finds the closest hits of up to 64 rays; see `Bunch`.
+    /// Finds the closest hits of up to 64 rays, each in a lane of its own; see `Bunch`. What is hit
+    /// is told by `hitIndex`.
     virtual bool bunchIntersect(Kelpa::RayBunchExtParams const& rays,
                                 Kelpa::RayBunchCommonResult& hits, double* tMins, double* tMaxs,
                                 unsigned char const* lanes, unsigned long numLanes) = 0;
@@ -102,5 +117,12 @@ class Geometry {
 /// A geometry over `systems`, whose ranges of reported indices are disjoint. Moving when the first
 /// one has a second snapshot; then all of them have. Throws `std::invalid_argument` otherwise.
 std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems);
+
+/// A geometry of a tree for each of `blocks`, which begin with the index where the one before ends.
+///
+/// The closest hit is the least by its ray parameter; of equal ones that with the least number of
+/// `rows`, which tells it for reported indices, less that of the first.
+std::unique_ptr<Geometry> makeBlockGeometry(std::vector<System> blocks,
+                                            std::shared_ptr<Rows const> rows);
 
 } // namespace pipeline

@@ -177,23 +177,18 @@ void noteUsable(Scene const& scene, std::string const& file, std::size_t count, 
 }
 
 /// Makes what trees are built over, in coordinates of the scene's own.
-void makeSystems(Scene& scene, Ways ways, bool arePoints) {
+void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
     scene.origin = originFor(boundsOf(scene.framedCenters));
     subtract(scene.framedCenters, scene.origin);
     subtract(ways.positions0, scene.origin);
     subtract(ways.positions1, scene.origin);
     std::int32_t const type = arePoints ? 1 : 0;
     bool const isMoving = !ways.positions1.empty();
-    scene.first = std::make_unique<Kelpa::ParticleSystem>(
-        std::move(ways.positions0), std::move(ways.radii0), std::vector<Vector>{}, type, firstTime);
-    System system{*scene.first->data(), std::nullopt};
-    if (isMoving) {
-        scene.second = std::make_unique<Kelpa::ParticleSystem>(
-            std::move(ways.positions1), std::move(ways.radii1), std::vector<Vector>{}, type,
-            secondTime);
-        system.second = *scene.second->data();
-    }
-    scene.geometry = makeGeometry({system});
+    scene.first = std::make_unique<Snapshot>(std::move(ways.positions0), std::move(ways.radii0),
+                                             type, firstTime);
+    if (isMoving)
+        scene.second = std::make_unique<Snapshot>(std::move(ways.positions1),
+                                                  std::move(ways.radii1), type, secondTime);
 }
 
 } // namespace
@@ -223,7 +218,7 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     inspect(scene, ways);
     progress(1.0, count);
     noteUsable(scene, particles.name, ways.positions0.size(), note);
-    makeSystems(scene, std::move(ways), options.points);
+    makeSnapshots(scene, std::move(ways), options.points);
     return scene;
 }
 

@@ -1,13 +1,13 @@
 // Particles ready to be rendered.
 #pragma once
 
-#include "kelpa/host/particlesystem.h"
-
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/progress.h"
 #include "pipeline/scene/appearance.h"
 #include "pipeline/scene/geometry.h"
+#include "pipeline/scene/parting.h"
 #include "pipeline/scene/selection.h"
+#include "pipeline/scene/snapshot.h"
 #include "pipeline/scene/ways.h"
 
 #include <array>
@@ -46,16 +46,18 @@ struct Kept {
 
 /// Particles ready to be rendered.
 ///
-/// The systems are in coordinates relative to `origin`, which is not zero only where the particles
-/// lie far from zero compared with their extent: subtracting costs nothing there, and origins of
-/// rays keep their precision.
+/// Particles are called by their places in the snapshots, which are the rows that were read until
+/// `buildScene` parts them into blocks. The snapshots are in coordinates relative to `origin`,
+/// which is not zero only where the particles lie far from zero compared with their extent:
+/// subtracting costs nothing there, and origins of rays keep their precision.
 struct Scene {
-    std::unique_ptr<Kelpa::ParticleSystem> first;
-    std::unique_ptr<Kelpa::ParticleSystem> second; ///< null: the particles stand still
-    std::unique_ptr<Geometry> geometry;
-    std::vector<Kelpa::Vector> colors; ///< linear; empty: `color` for all
+    std::unique_ptr<Snapshot> first;
+    std::unique_ptr<Snapshot> second;   ///< null: the particles stand still
+    std::shared_ptr<Rows const> rows;   ///< of the places; null: the same
+    std::unique_ptr<Geometry> geometry; ///< null until `buildScene`
+    std::vector<Kelpa::Vector> colors;  ///< linear; empty: `color` for all
     Kelpa::Vector color;
-    std::vector<std::int64_t> ids; ///< empty: the particles' own indices
+    std::vector<std::int64_t> ids; ///< empty: the particles' rows
     Vec origin{};
     Rejected rejected;
     char upAxis = 'z';
@@ -66,15 +68,26 @@ struct Scene {
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
     std::vector<float> framedRadii;
+
+    /// What a picture calls the particle in a place.
+    std::int64_t idOf(std::int64_t place) const {
+        if (!ids.empty())
+            return ids[static_cast<std::size_t>(place)];
+        return rows != nullptr ? (*rows)[place] : place;
+    }
 };
 
 /// The further columns that a file is to be read with for a scene.
 std::vector<std::string> columnsOf(SceneOptions const& options);
 
 /// Chooses radii and colours, matches particles with the snapshot that they go to, if any, and
-/// makes the particle systems. The tree is not built. Throws `InputError` when the particles cannot
+/// makes the snapshots. Nothing is built. Throws `InputError` when the particles cannot
 /// be used, and what `progress` throws.
 Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet const* second,
                 Kept const& kept, Note const& note, PhaseProgress const& progress);
+
+/// Parts the particles into blocks, and builds a tree for each. What the scene is then does not
+/// depend on the threads that do it. Throws as `Geometry::build` does.
+void buildScene(Scene& scene, BuildRun const& run, TreeOptions const& options);
 
 } // namespace pipeline

@@ -18,6 +18,7 @@ class Tree:
         leaf_size_factor: Optional[float],
         pack: bool,
         moving_bounds: bool,
+        block: Optional[int],
         threads: int,
         progress: _Progress,
         /,

@@ -35,6 +35,10 @@ class Primitive:
         Keep copies of spheres in the order of the tree: faster rays, more memory, the same hits.
     moving_bounds : bool
         Have `motion` say how the bounds move, and `bounds` apply to time 0 only.
+    block : int, optional
+        The most particles of one tree (524,288). More are parted into blocks, which threads build
+        side by side, over a copy of the particles; what rays hit does not depend on the threads.
+        Systems of different types or times have one tree whatever they hold.
     threads : int
         0: as many as there are processors.
     progress : callable, optional
@@ -54,6 +58,7 @@ class Primitive:
         leaf_size_factor: Optional[float] = None,
         pack: bool = True,
         moving_bounds: bool = False,
+        block: Optional[int] = None,
         threads: int = 0,
         progress: Optional[Progress] = None,
     ) -> None:
@@ -68,6 +73,8 @@ class Primitive:
             max_depth = check.integer("max_depth", max_depth, 1, 1024)
         if leaf_size_factor is not None:
             leaf_size_factor = check.number("leaf_size_factor", leaf_size_factor, 0.0, 1e30)
+        if block is not None:
+            block = check.integer("block", block, 1, 2147483647)
         self._systems = systems
         self._bases = _bases(systems)
         self._tree = _native.Tree(
@@ -83,6 +90,7 @@ class Primitive:
             leaf_size_factor,
             bool(pack),
             bool(moving_bounds),
+            block,
             check.integer("threads", threads, 0),
             progress,
         )
@@ -142,7 +150,7 @@ class Primitive:
     def statistics(self) -> dict[str, Any]:
         """What the build made: `particles` given, `used` and `left_out`, `nodes`, `leaf_entries`,
         `max_depth`, `tree_bytes`, `packed_bytes`, `peak_bytes` (while it was built),
-        `build_seconds`."""
+        `trees` (one for each block), `build_seconds`."""
         found = self._tree.statistics()
         found["left_out"] = found["particles"] - found["used"]
         return found

@@ -135,10 +135,10 @@ py::array namesOf(py::array const& numbers, pipeline::NameTable const& names) {
 
 /// Positions and radii of a system, which stays alive with them. What a scene has subtracted from
 /// the positions is added again, which is exact.
-std::pair<py::array, py::array> systemArrays(std::unique_ptr<Kelpa::ParticleSystem> system,
+std::pair<py::array, py::array> systemArrays(std::unique_ptr<pipeline::Snapshot> system,
                                              pipeline::Vec const& origin) {
-    Kelpa::ParticleSystem* const kept = system.release();
-    py::capsule const owner(kept, [](void* p) { delete static_cast<Kelpa::ParticleSystem*>(p); });
+    pipeline::Snapshot* const kept = system.release();
+    py::capsule const owner(kept, [](void* p) { delete static_cast<pipeline::Snapshot*>(p); });
     auto const count = static_cast<py::ssize_t>(kept->radii.size());
     py::array const radii = py::array_t<float>(count, kept->radii.data(), owner);
     if (origin.x == 0.0 && origin.y == 0.0 && origin.z == 0.0)

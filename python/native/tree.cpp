@@ -2,7 +2,6 @@
 #include "python/native/tree.h"
 
 #include "kelpa/foundation/exceptionmsg.h"
-#include "kelpa/host/threadpool.h"
 
 #include "pipeline/picture/render.h"
 
@@ -72,13 +71,24 @@ Tree::Tree(std::vector<Arrays> given, pipeline::TreeOptions const& options, int 
     auto const begin = std::chrono::steady_clock::now();
     runBuild(progress, [&](Kelpa::ProgressCallback& report) {
         moveToOrigin();
-        geometry = pipeline::makeGeometry(systems);
-        std::unique_ptr<Kelpa::ThreadPool> pool;
-        if (threads != 1)
-            pool = std::make_unique<Kelpa::ThreadPool>(threads);
-        geometry->build(report, pool.get(), options);
+        build({report, threads}, options);
     });
     buildSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+void Tree::build(pipeline::BuildRun const& run, pipeline::TreeOptions const& options) {
+    std::int64_t total = 0;
+    for (System const& system : systems)
+        total += system.first.numParticles;
+    if (total > options.block && canBeParted(systems)) {
+        scene = makeScene(systems, origin);
+        buildScene(*scene, run, options);
+        if (run.report.getAbort() == 0) // else whoever asked for the tree never sees it
+            geometry = blocksByIndex(*scene, systems);
+        return;
+    }
+    geometry = pipeline::makeGeometry(systems);
+    geometry->build(run, options);
 }
 
 void Tree::moveToOrigin() {
@@ -127,8 +137,10 @@ py::tuple Tree::intersect(std::size_t count, Array<float> const& origins,
 }
 
 pipeline::Scene const& Tree::sceneIn(Kelpa::Vector const& color) {
-    if (!scene)
-        scene = makeScene(*geometry, systems, origin);
+    if (!scene) {
+        scene = makeScene(systems, origin);
+        scene->geometry = treeByRows(*geometry, systems);
+    }
     setColor(*scene, systems, color);
     return *scene;
 }
@@ -188,6 +200,7 @@ py::dict Tree::statistics() {
     result["tree_bytes"] = s.treeBytes;
     result["packed_bytes"] = s.packedBytes;
     result["peak_bytes"] = s.peakBytes;
+    result["trees"] = s.trees;
     result["build_seconds"] = buildSeconds;
     return result;
 }
@@ -200,14 +213,16 @@ using SystemTuple =
 
 std::unique_ptr<Tree> makeTree(std::vector<SystemTuple> const& tuples, std::optional<int> maxDepth,
                                float minNodeSize, std::optional<float> leafSizeFactor,
-                               bool isPacked, bool hasMovingBounds, int threads,
+                               bool isPacked, bool hasMovingBounds,
+                               std::optional<std::int64_t> block, int threads,
                                py::object const& progress) {
     std::vector<Arrays> arrays;
     for (SystemTuple const& tuple : tuples)
         arrays.push_back(std::apply([](auto const&... parts) { return Arrays{parts...}; }, tuple));
     return std::make_unique<Tree>(
         std::move(arrays),
-        pipeline::TreeOptions{maxDepth, leafSizeFactor, minNodeSize, isPacked, hasMovingBounds},
+        pipeline::TreeOptions{maxDepth, leafSizeFactor, minNodeSize, isPacked, hasMovingBounds,
+                              block.value_or(pipeline::TreeOptions::defaultBlock)},
         threads, progress);
 }
 

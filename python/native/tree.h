@@ -53,6 +53,7 @@ class Tree {
 
   private:
     void moveToOrigin();
+    void build(pipeline::BuildRun const& run, pipeline::TreeOptions const& options);
     /// Under `sceneMutex`; `color` is that of particles without colours.
     pipeline::Scene const& sceneIn(Kelpa::Vector const& color);
 

@@ -155,9 +155,9 @@ struct Spheres {
     }
     pipeline::Scene scene(bool isMoving) const {
         pipeline::Scene made;
-        made.first = std::make_unique<Kelpa::ParticleSystem>(from, radii);
+        made.first = std::make_unique<pipeline::Snapshot>(from, radii);
         if (isMoving)
-            made.second = std::make_unique<Kelpa::ParticleSystem>(to, radii);
+            made.second = std::make_unique<pipeline::Snapshot>(to, radii);
         return made;
     }
 };

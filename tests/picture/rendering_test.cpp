@@ -93,7 +93,7 @@ Image render(Options options, ParticleSet const& particles, ParticleSet const* s
     auto const ignore = [](auto const&...) {};
     pipeline::Scene scene = makeScene(options.scene, particles, second, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
-    scene.geometry->build(progress, nullptr, options.tree);
+    buildScene(scene, {progress}, options.tree);
     auto const camera =
         placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
                     scene.framedCenters, scene.framedRadii, scene.origin);
@@ -218,9 +218,9 @@ TEST(Scenes, CountAndFrameWhatTreesTake) {
     auto const ignore = [](auto const&...) {};
     pipeline::SceneOptions options;
     options.motion.shutter = {0.0, 1.0};
-    pipeline::Scene const scene = makeScene(options, first, &second, {}, ignore, ignore);
+    pipeline::Scene scene = makeScene(options, first, &second, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
-    scene.geometry->build(progress, nullptr, {});
+    buildScene(scene, {progress}, {});
     EXPECT_EQ(scene.geometry->statistics().used, 2);
     EXPECT_EQ(scene.rejected.notFinite, 1U);
     EXPECT_EQ(scene.rejected.notPositive, 0U);
@@ -236,7 +236,7 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     auto const ignore = [](auto const&...) {};
     pipeline::Scene scene = makeScene(options.scene, particles, nullptr, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
-    scene.geometry->build(progress, nullptr, options.tree);
+    buildScene(scene, {progress}, options.tree);
     auto const pictureFrom = [&](pipeline::View view) {
         options.camera.view = view;
         auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters,

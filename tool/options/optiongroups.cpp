@@ -222,6 +222,10 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
                    "Growth of leaves with depth; default: 2, for moving particles 1")
         ->transform(between(0.0F, largest))
         ->group("Tree");
+    app.add_option("--block", tree.block,
+                   "Most particles of one tree; more are parted into blocks; default: 524288")
+        ->transform(between(std::int64_t{1}, std::int64_t{2147483647}))
+        ->group("Tree");
     app.add_option("--min-node-size", tree.minNodeSize, "Diagonal below which nodes are leaves")
         ->transform(between(0.0F, largest))
         ->group("Tree");

@@ -198,7 +198,7 @@ void addPictureRunOptions(CLI::App& app, Options& options) {
         ->group("Run");
     RunOptions& run = options.run;
     app.add_flag("--reproducible", run.reproducible,
-                 "Build on one thread, so that every bit is the same every time")
+                 "The same bits every time and for any number of threads: this is always so")
         ->group("Run");
     // A flag takes a value after = only, so that it never swallows the file that follows it.
     app.add_flag("--stats", run.statsFile,

@@ -2,7 +2,6 @@
 #include "tool/report/phases.h"
 
 #include "kelpa/foundation/platform.h"
-#include "kelpa/host/threadpool.h"
 
 #include "pipeline/files/errors.h"
 #include "pipeline/files/nameelements.h"
@@ -161,13 +160,9 @@ int threadCount(RunOptions const& run) {
 }
 
 void buildScene(Scene& scene, Options const& options, BuildReport& report) {
-    Kelpa::ProgressLine line("build", displayMode(options.run));
-    line.update(-1.0, static_cast<std::uint64_t>(scene.first->positions.size()));
-    bool const isThreaded = !options.run.reproducible && threadCount(options.run) > 1;
-    std::unique_ptr<Kelpa::ThreadPool> pool;
-    if (isThreaded)
-        pool = std::make_unique<Kelpa::ThreadPool>(threadCount(options.run));
-    scene.geometry->build(report, pool.get(), options.tree);
+    withProgress("build", options.run, [&](PhaseProgress const& progress) {
+        pipeline::buildScene(scene, {report, threadCount(options.run), progress}, options.tree);
+    });
     throwIfInterrupted();
 }
 

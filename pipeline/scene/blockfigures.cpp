@@ -1,0 +1,77 @@
+// Adds up the figures of many trees.
+#include "pipeline/scene/blockfigures.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <string>
+
+namespace pipeline {
+
+std::optional<Bounds> boundsAround(Trees const& trees, std::optional<Bounds> (Geometry::*tell)()) {
+    std::optional<Bounds> all;
+    for (auto const& tree : trees) {
+        std::optional<Bounds> const one = tree != nullptr ? ((*tree).*tell)() : std::nullopt;
+        if (one && all)
+            all->add(*one);
+        else if (one)
+            all = one;
+    }
+    return all;
+}
+
+TreeStatistics figuresOf(Trees const& trees) {
+    TreeStatistics all;
+    all.trees = static_cast<std::int64_t>(trees.size());
+    all.systems = 1;
+    double depths = 0.0;
+    double entries = 0.0;
+    TreeStatistics::Leaves leaves;
+    bool hasLeaves = false;
+    for (auto const& tree : trees) {
+        if (tree == nullptr)
+            continue;
+        TreeStatistics const one = tree->statistics();
+        all.isMoving = one.isMoving;
+        all.particles += one.particles;
+        all.used += one.used;
+        all.nodes += one.nodes;
+        all.leafEntries += one.leafEntries;
+        all.maxDepth = std::max(all.maxDepth, one.maxDepth);
+        all.treeBytes += one.treeBytes;
+        all.packedBytes += one.packedBytes;
+        all.totalBytes += one.totalBytes;
+        if (!one.leaves || one.used == 0)
+            continue;
+        auto const count = static_cast<double>(one.leaves->count);
+        depths += count * one.leaves->averageDepth;
+        entries += count * one.leaves->averageEntries;
+        leaves.count += one.leaves->count;
+        if (hasLeaves)
+            leaves.box.add(one.leaves->box);
+        else
+            leaves.box = one.leaves->box;
+        hasLeaves = true;
+    }
+    if (hasLeaves) {
+        leaves.averageDepth = depths / static_cast<double>(leaves.count);
+        leaves.averageEntries = entries / static_cast<double>(leaves.count);
+        all.leaves = leaves;
+    }
+    return all;
+}
+
+void tellFigures(TreeStatistics const& figures, Kelpa::ProgressCallback& report) {
+    auto const tell = [&report](std::string const& line) {
+        report.info(0, Kelpa::statisticsLevel, "%s", line.c_str());
+    };
+    tell("Statistics of all blocks:\n");
+    tell(fmt::format("  Memory usage: {} MB", figures.totalBytes >> 20));
+    tell(fmt::format("  Number of trees: {}", figures.trees));
+    tell(fmt::format("  Total number of spheres stored: {}", figures.used));
+    tell(fmt::format("  Max tree depth: {}", figures.maxDepth));
+    tell(fmt::format("  Number of tree nodes: {}", figures.nodes));
+    tell(fmt::format("  Number of leaf spheres: {}", figures.leafEntries));
+}
+
+} // namespace pipeline

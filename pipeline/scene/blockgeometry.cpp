@@ -1,0 +1,381 @@
+// A tree for each block of a scene, and rays that go from one to the next.
+#include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/foundation/usableparticles.h"
+
+#include "pipeline/scene/blockfigures.h"
+#include "pipeline/scene/blockqueues.h"
+#include "pipeline/scene/geometry.h"
+#include "pipeline/scene/toptree.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+namespace pipeline {
+
+namespace {
+
+using Kelpa::Box;
+using Kelpa::RayBunchCommonResult;
+using Kelpa::RayBunchExtParams;
+using Kelpa::RSRay;
+
+void growAround(Box& box, Kelpa::ParticleData const& particles, std::int32_t i) {
+    Kelpa::Vector const& c = particles.positions[i];
+    float const r = particles.radii[i];
+    box.grow({{c.x - r, c.y - r, c.z - r}, {c.x + r, c.y + r, c.z + r}});
+}
+
+/// A box around a block's particles at all times, with room for rounding.
+Box boxAround(System const& system) {
+    Box box = Box::empty();
+    for (std::int32_t i = 0; i < system.first.numParticles; ++i)
+        if (isUsable(system, i)) {
+            growAround(box, system.first, i);
+            if (system.second)
+                growAround(box, *system.second, i);
+        }
+    if (!isEmpty(box))
+        Kelpa::widenByMargin(box);
+    return box;
+}
+
+/// What one of many builds hears: whether to end, and nothing it says.
+class OneOfMany final : public Kelpa::ProgressCallback {
+  public:
+    OneOfMany(Kelpa::ProgressCallback& all, Kelpa::GoOn const& question)
+        : report(all), goOn(question) {}
+
+    // `goOn` may look at the clock; once in so many questions is often enough.
+    std::int32_t getAbort() override {
+        if (++asked % 4096 == 0 && !goOn())
+            isStopped = true;
+        return isStopped || report.getAbort() != 0 ? 1 : 0;
+    }
+    void info(int, int, char const*, ...) override {}
+
+  private:
+    Kelpa::ProgressCallback& report;
+    Kelpa::GoOn const& goOn;
+    std::uint32_t asked = 0;
+    bool isStopped = false;
+};
+
+class BlockGeometry final : public Geometry {
+  public:
+    BlockGeometry(std::vector<System> theBlocks, std::shared_ptr<Rows const> theRows)
+        : blocks(std::move(theBlocks)), rows(std::move(theRows)) {}
+
+    void build(BuildRun const& run, TreeOptions const& options) override;
+    int intersect(RSRay& ray) override;
+    bool bunchIntersect(RayBunchExtParams const& rays, RayBunchCommonResult& hits, double* tMins,
+                        double* tMaxs, unsigned char const* lanes, unsigned long numLanes) override;
+    std::uint64_t bunchOccluded(RayBunchExtParams const& rays, double const* tMins,
+                                double const* tMaxs, unsigned char const* lanes,
+                                unsigned long numLanes) override;
+    std::optional<Bounds> bounds() override;
+    std::optional<Bounds> motionBounds() override;
+    TreeStatistics statistics() override;
+
+  private:
+    class BunchOnItsWay;
+
+    void buildAll(BuildRun const& run, TreeOptions const& options);
+    void buildBlock(std::size_t block, BuildRun const& run, TreeOptions const& options,
+                    Kelpa::GoOn const& goOn);
+    /// A particle's index in its block, or -1 for one that is in another block or none.
+    std::int64_t indexIn(std::int32_t block, std::int64_t index) const {
+        System const& system = blocks[static_cast<std::size_t>(block)];
+        std::int64_t const inBlock = index - system.base;
+        return inBlock >= 0 && inBlock < system.first.numParticles ? inBlock : -1;
+    }
+    std::int64_t baseOf(std::int32_t block) const {
+        return blocks[static_cast<std::size_t>(block)].base;
+    }
+    Geometry& treeOf(std::int32_t block) { return *trees[static_cast<std::size_t>(block)]; }
+    /// Whether of two hits at the same distance that on `index` counts.
+    bool comesFirst(std::int64_t index, std::int64_t other) const {
+        std::int64_t const first = blocks.front().base;
+        return (*rows)[index - first] < (*rows)[other - first];
+    }
+
+    std::vector<System> blocks;
+    std::shared_ptr<Rows const> rows;
+    std::vector<std::unique_ptr<Geometry>> trees;
+    TopTree top;
+    std::atomic<std::uint64_t> heldBytes = 0;
+    std::atomic<std::uint64_t> peakBytes = 0; ///< of blocks that one thread builds after the other
+};
+
+/// The end of a ray's search in a block when it has a hit already: a little behind it, so that
+/// another particle at the same distance is found, whatever is rounded on the way.
+double searchEnd(double end, double best) {
+    double const behind = best + std::abs(best) * 1e-5 + 1e-30;
+    return behind < end ? behind : end;
+}
+
+} // namespace
+
+void BlockGeometry::buildBlock(std::size_t block, BuildRun const& run, TreeOptions const& options,
+                               Kelpa::GoOn const& goOn) {
+    System inBlock = blocks[block];
+    inBlock.base = 0;
+    std::unique_ptr<Geometry> tree = makeGeometry({inBlock});
+    OneOfMany report(run.report, goOn);
+    tree->build({report}, options);
+    TreeStatistics const figures = tree->statistics();
+    std::uint64_t const held = heldBytes += figures.totalBytes;
+    std::uint64_t const peak = held + figures.peakBytes - figures.totalBytes;
+    std::uint64_t known = peakBytes;
+    while (known < peak && !peakBytes.compare_exchange_weak(known, peak)) {
+        // Another thread has raised it.
+    }
+    trees[block] = std::move(tree);
+}
+
+void BlockGeometry::build(BuildRun const& run, TreeOptions const& options) {
+    try {
+        buildAll(run, options);
+    } catch (...) {
+        trees.clear();
+        top = {};
+        throw;
+    }
+}
+
+void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
+    top = {};
+    trees.clear();
+    trees.resize(blocks.size());
+    heldBytes = peakBytes = 0;
+    std::vector<Box> boxes(blocks.size());
+    std::atomic<std::int64_t> done = 0;
+    std::int64_t total = 0;
+    for (System const& block : blocks)
+        total += block.first.numParticles;
+    auto const watch = [&] {
+        if (run.progress)
+            run.progress(static_cast<double>(done) / static_cast<double>(total),
+                         static_cast<std::uint64_t>(done));
+        return true; // it throws to stop
+    };
+    Kelpa::doPieces(
+        blocks.size(), run.threads,
+        [&](std::size_t block, Kelpa::GoOn const& goOn) {
+            boxes[block] = boxAround(blocks[block]);
+            buildBlock(block, run, options, goOn);
+            done += blocks[block].first.numParticles;
+        },
+        watch);
+    // What an abort has left without a tree has nothing to be hit.
+    for (std::size_t block = 0; block < blocks.size(); ++block)
+        if (trees[block] == nullptr)
+            boxes[block] = Box::empty();
+    top = TopTree(boxes);
+    tellFigures(statistics(), run.report);
+}
+
+int BlockGeometry::intersect(RSRay& ray) {
+    BoxRay const boxRay(ray.origin[0], ray.origin[1], ray.origin[2], ray.dir, ray.intervalMin);
+    double const end = ray.intervalMax;
+    int code = 0;
+    BlockQueue queue;
+    queue.fill(top, boxRay, end);
+    double best = end;
+    while (auto const entry = queue.next(top, boxRay, best)) {
+        RSRay asked = ray;
+        asked.intervalMax = code != 0 ? searchEnd(end, best) : end;
+        asked.skipIndex = indexIn(entry->block, ray.skipIndex);
+        int const found = treeOf(entry->block).intersect(asked);
+        if (found == 0)
+            continue;
+        asked.hitIndex += baseOf(entry->block);
+        bool const isNearer = code == 0 || asked.hitT < best ||
+                              (asked.hitT == best && comesFirst(asked.hitIndex, ray.hitIndex));
+        if (!isNearer)
+            continue;
+        code = found;
+        best = asked.hitT;
+        ray.hitPrimitive = asked.hitPrimitive;
+        ray.hitT = asked.hitT;
+        ray.hitIndex = asked.hitIndex;
+        ray.hitNormal = asked.hitNormal;
+        ray.hitLocalIndex = static_cast<std::int32_t>(asked.hitIndex);
+    }
+    return code;
+}
+
+/// The rays of a bunch that go from block to block, those together that are in one at a time.
+class BlockGeometry::BunchOnItsWay {
+  public:
+    BunchOnItsWay(BlockGeometry& all, RayBunchExtParams const& bunch, double const* starts,
+                  unsigned char const* listed, unsigned long count)
+        : geometry(all), rays(bunch), tMins(starts), lanes(listed),
+          numLanes(static_cast<unsigned>(count)) {
+        for (unsigned k = 0; k < numLanes; ++k)
+            startsOnParticle |= rays.skipIndex[lanes[k]] >= 0;
+    }
+
+    /// Begins the search of ray k, which ends at `ends[k]`.
+    void begin(double const* ends) {
+        for (unsigned k = 0; k < numLanes; ++k) {
+            unsigned char const lane = lanes[k];
+            best[k] = ends[k];
+            boxRays.add({rays.originX[lane],
+                         rays.originY[lane],
+                         rays.originZ[lane],
+                         {rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]},
+                         tMins[lane]},
+                        ends[k]);
+        }
+        queues.fill(geometry.top, boxRays);
+    }
+
+    /// Gathers the rays that are to be asked of the next block; false when none is left.
+    bool gather() {
+        numAsked = 0;
+        TopTree::Entry first{};
+        if (!queues.first(first))
+            return false;
+        block = first.block;
+        for (unsigned k = 0; k < numLanes; ++k)
+            if (queues.isAt(k, block))
+                asked[numAsked++] = static_cast<unsigned char>(k);
+        return true;
+    }
+
+    /// The rays as the block knows them: particles have other numbers there.
+    RayBunchExtParams const& raysInBlock() {
+        if (!startsOnParticle)
+            return rays;
+        if (!isCopied)
+            named = rays;
+        isCopied = true;
+        for (unsigned i = 0; i < numAsked; ++i) {
+            unsigned char const lane = lanes[asked[i]];
+            named.skipIndex[lane] = geometry.indexIn(block, rays.skipIndex[lane]);
+        }
+        return named;
+    }
+
+    BlockGeometry& geometry;
+    RayBunchExtParams const& rays;
+    double const* tMins;
+    unsigned char const* lanes;
+    unsigned numLanes;
+    double best[64]; ///< by position in the list, as all but the rays themselves
+    LaneRays boxRays;
+    BlockQueues queues;
+    std::int32_t block = 0;    ///< that the rays below are to be asked of
+    unsigned char asked[64]{}; ///< their positions
+    unsigned numAsked = 0;
+
+  private:
+    bool startsOnParticle = false;
+    bool isCopied = false;
+    RayBunchExtParams named;
+};
+
+bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommonResult& hits,
+                                   double* tMins, double* tMaxs, unsigned char const* lanes,
+                                   unsigned long numLanes) {
+    double ends[64];
+    bool isHit[64] = {};
+    for (unsigned k = 0; k < numLanes; ++k)
+        ends[k] = std::min(hits.hitT[lanes[k]], tMaxs[k]);
+    BunchOnItsWay bunch(*this, rays, tMins, lanes, numLanes);
+    bunch.begin(ends);
+    bool anyHit = false;
+    RayBunchCommonResult found;
+    while (bunch.gather()) {
+        unsigned char askedLanes[64];
+        double askedEnds[64];
+        for (unsigned i = 0; i < bunch.numAsked; ++i) {
+            unsigned const k = bunch.asked[i];
+            askedLanes[i] = lanes[k];
+            askedEnds[i] = isHit[k] ? searchEnd(ends[k], bunch.best[k]) : ends[k];
+            found.hit[lanes[k]] = 0;
+            found.hitT[lanes[k]] = askedEnds[i];
+        }
+        treeOf(bunch.block)
+            .bunchIntersect(bunch.raysInBlock(), found, tMins, askedEnds, askedLanes,
+                            bunch.numAsked);
+        for (unsigned i = 0; i < bunch.numAsked; ++i) {
+            unsigned const k = bunch.asked[i];
+            unsigned char const lane = askedLanes[i];
+            if (found.hit[lane] != 0) {
+                std::int64_t const index = found.hitIndex[lane] + baseOf(bunch.block);
+                double const t = found.hitT[lane];
+                if (!isHit[k] || t < bunch.best[k] ||
+                    (t == bunch.best[k] && comesFirst(index, hits.hitIndex[lane]))) {
+                    isHit[k] = anyHit = true;
+                    bunch.best[k] = t;
+                    hits.hit[lane] = found.hit[lane];
+                    hits.hitT[lane] = t;
+                    hits.hitPrimitive[lane] = found.hitPrimitive[lane];
+                    hits.hitIndex[lane] = index;
+                    hits.hitNormalX[lane] = found.hitNormalX[lane];
+                    hits.hitNormalY[lane] = found.hitNormalY[lane];
+                    hits.hitNormalZ[lane] = found.hitNormalZ[lane];
+                    hits.hitLocalIndex[lane] = static_cast<std::int32_t>(index);
+                }
+            }
+            bunch.queues.advance(k, top, bunch.boxRays, bunch.best[k]);
+        }
+    }
+    if (anyHit)
+        hits.noHits = false;
+    return anyHit;
+}
+
+std::uint64_t BlockGeometry::bunchOccluded(RayBunchExtParams const& rays, double const* tMins,
+                                           double const* tMaxs, unsigned char const* lanes,
+                                           unsigned long numLanes) {
+    BunchOnItsWay bunch(*this, rays, tMins, lanes, numLanes);
+    bunch.begin(tMaxs);
+    std::uint64_t occluded = 0;
+    while (bunch.gather()) {
+        unsigned char askedLanes[64];
+        double askedEnds[64];
+        for (unsigned i = 0; i < bunch.numAsked; ++i) {
+            askedLanes[i] = lanes[bunch.asked[i]];
+            askedEnds[i] = tMaxs[bunch.asked[i]];
+        }
+        std::uint64_t const found =
+            treeOf(bunch.block)
+                .bunchOccluded(bunch.raysInBlock(), tMins, askedEnds, askedLanes, bunch.numAsked);
+        occluded |= found;
+        for (unsigned i = 0; i < bunch.numAsked; ++i) {
+            unsigned const k = bunch.asked[i];
+            if ((found >> askedLanes[i] & 1U) != 0)
+                bunch.queues.finish(k);
+            else
+                bunch.queues.advance(k, top, bunch.boxRays, tMaxs[k]);
+        }
+    }
+    return occluded;
+}
+
+std::optional<Bounds> BlockGeometry::bounds() {
+    return boundsAround(trees, &Geometry::bounds);
+}
+
+std::optional<Bounds> BlockGeometry::motionBounds() {
+    return boundsAround(trees, &Geometry::motionBounds);
+}
+
+TreeStatistics BlockGeometry::statistics() {
+    TreeStatistics all = figuresOf(trees);
+    all.peakBytes = std::max<std::uint64_t>(peakBytes, all.totalBytes);
+    return all;
+}
+
+std::unique_ptr<Geometry> makeBlockGeometry(std::vector<System> blocks,
+                                            std::shared_ptr<Rows const> rows) {
+    return std::make_unique<BlockGeometry>(std::move(blocks), std::move(rows));
+}
+
+} // namespace pipeline
