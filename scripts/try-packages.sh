@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Makes the Debian packages, then installs and uses them in a clean Debian 12: the command makes a
-# picture, so does the Python module, and the README's example is built against the development
-# files, by pkg-config and by CMake, and so is a host with services of its own. Needs root,
-# debootstrap and a network; lintian is asked where it is found.
+# picture, the reader of VDB is found, the Python module makes a picture, the README's example is
+# built against the development files, by pkg-config and by CMake, and so is a host with services of
+# its own. Needs root, debootstrap and a network; lintian is asked where it is found.
 #   try-packages.sh [--without-compiling]     leaves the examples out, which need a compiler
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -48,6 +48,14 @@ inside 'cd /root; kelpa --version
         test -s /usr/share/doc/kelpa/copyright
         apt-get -s remove libkelpa0.1 | grep "^Remv kelpa "' # it depends on the library
 
+# VDB is read by a program of its own, where the build found OpenVDB; the command names its package.
+if compgen -G "build/package/kelpa-formats-vdb_*.deb" >/dev/null; then
+    inside 'cd /root; printf " BDV\0\0\0\0" >damaged.vdb
+            ! kelpa info damaged.vdb 2>told; grep "install the package kelpa-formats-vdb" told'
+    install /root/kelpa-formats-vdb_*.deb
+    inside 'cd /root; ! kelpa info damaged.vdb 2>told; grep "OpenVDB ends while it reads" told'
+fi
+
 install /root/python3-kelpa_*.deb
 inside 'cd /root; ls /usr/lib/python3/dist-packages/kelpa/__pycache__ | grep -q __init__
         python3 -c "
@@ -77,6 +85,6 @@ if [[ "${1:-}" != --without-compiling ]]; then
 fi
 
 # What removes cleanly leaves nothing behind.
-inside 'apt-get purge -q -y '"$quietly"' kelpa python3-kelpa "libkelpa*" >/dev/null
+inside 'apt-get purge -q -y '"$quietly"' "kelpa*" python3-kelpa "libkelpa*" >/dev/null
         test -z "$(find / -xdev -iname "*kelpa*" -not -path "/root/*" -not -path "/proc/*" -not -path "/var/log/*")"'
 echo "try-packages.sh: the packages install, run, build the example and leave nothing behind"
