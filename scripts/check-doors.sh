@@ -28,6 +28,18 @@ for program in tool bench examples python; do
     others=${programs//$program\//never/}
     forbid $program "$others"
 done
+# The Python module is also built where libraries for files lack, from sources that need none.
+mapfile -t sources < <(sed -n '/set(sources_without_libraries/,/)/p' python/CMakeLists.txt |
+    grep -oE '[a-z]+/[a-z]+\.cpp' | sed 's|^|pipeline/|')
+for ((i = 0; i < ${#sources[@]}; ++i)); do
+    if grep -HnE '^#include <(fmt|zlib|png|lzma|bzlib|zstd|gemmi|OpenEXR|Imf)' "${sources[i]}"; then
+        echo "  ... python/CMakeLists.txt counts on it without libraries" >&2
+        failed=1
+    fi
+    while read -r header; do
+        [[ " ${sources[*]} " == *" $header "* ]] || sources+=("$header")
+    done < <(sed -nE 's/^#include "(pipeline[^"]+)"$/\1/p' "${sources[i]}")
+done
 # Signals are the process's business: work hears of them through its progress alone.
 if grep -rn 'InterruptScope' --include='*.h' --include='*.cpp' pipeline; then
     echo "  ... pipeline must not ask for signals" >&2

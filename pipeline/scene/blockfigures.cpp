@@ -1,8 +1,6 @@
 // Adds up the figures of many trees.
 #include "pipeline/scene/blockfigures.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <string>
 
@@ -66,12 +64,12 @@ void tellFigures(TreeStatistics const& figures, Kelpa::ProgressCallback& report)
         report.info(0, Kelpa::statisticsLevel, "%s", line.c_str());
     };
     tell("Statistics of all blocks:\n");
-    tell(fmt::format("  Memory usage: {} MB", figures.totalBytes >> 20));
-    tell(fmt::format("  Number of trees: {}", figures.trees));
-    tell(fmt::format("  Total number of spheres stored: {}", figures.used));
-    tell(fmt::format("  Max tree depth: {}", figures.maxDepth));
-    tell(fmt::format("  Number of tree nodes: {}", figures.nodes));
-    tell(fmt::format("  Number of leaf spheres: {}", figures.leafEntries));
+    tell("  Memory usage: " + std::to_string(figures.totalBytes >> 20) + " MB");
+    tell("  Number of trees: " + std::to_string(figures.trees));
+    tell("  Total number of spheres stored: " + std::to_string(figures.used));
+    tell("  Max tree depth: " + std::to_string(figures.maxDepth));
+    tell("  Number of tree nodes: " + std::to_string(figures.nodes));
+    tell("  Number of leaf spheres: " + std::to_string(figures.leafEntries));
 }
 
 } // namespace pipeline

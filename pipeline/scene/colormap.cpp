@@ -4,8 +4,6 @@
 #include "pipeline/files/srgb.h"
 #include "pipeline/scene/colormaptables.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -27,12 +25,10 @@ ColorMap::ColorMap(std::string const& name) {
     auto const table =
         std::ranges::find(colorMapTables, plain, [](ColorMapTable const& t) { return t.name; });
     if (table == colorMapTables.end()) {
-        std::vector<std::string> names;
+        std::string message = "'" + name + "' is no colour map; there are ";
         for (ColorMapTable const& known : colorMapTables)
-            names.emplace_back(known.name);
-        throw std::invalid_argument(fmt::format(
-            "'{}' is no colour map; there are {}, each also with _r behind it, reversed", name,
-            fmt::join(names, ", ")));
+            message.append(known.name).append(", ");
+        throw std::invalid_argument(message + "each also with _r behind it, reversed");
     }
     char const* digit = table->codes;
     for (Kelpa::Vector& color : colors) {
