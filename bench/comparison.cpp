@@ -40,13 +40,13 @@ void traceOnThreads(int threads, Kernel const& kernel, Form form, std::size_t me
                     });
 }
 
-namespace {
-
 double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     std::size_t const middle = values.size() / 2;
     return values.size() % 2 != 0 ? values[middle] : 0.5 * (values[middle - 1] + values[middle]);
 }
+
+namespace {
 
 /// One measurement: what our kernel and the peer did in turn.
 struct Row {

@@ -23,6 +23,9 @@ struct Settings {
     std::vector<SceneRecipe> recipes() const;
 };
 
+/// The middle value, of an even number the mean of the middle two.
+double median(std::vector<double> values);
+
 /// Traces on `threads` threads that take pieces of the rays in turn.
 void traceOnThreads(int threads, Kernel const& kernel, Form form, std::size_t method,
                     std::span<Ray const> rays, std::span<Found> found);

@@ -11,6 +11,8 @@
 #include <fstream>
 #include <limits>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace kelpabench {
 
@@ -90,11 +92,11 @@ BuildCost measureApart(SceneRecipe const& recipe, bool isOurs, int threads) {
     return cost;
 }
 
-double median(std::vector<BuildCost>& runs, double BuildCost::*figure) {
-    auto const middle = runs.begin() + static_cast<std::ptrdiff_t>(runs.size() / 2);
-    std::nth_element(runs.begin(), middle, runs.end(),
-                     [figure](auto const& a, auto const& b) { return a.*figure < b.*figure; });
-    return (*middle).*figure;
+double medianOf(std::vector<BuildCost> const& runs, double BuildCost::*figure) {
+    std::vector<double> values;
+    for (BuildCost const& run : runs)
+        values.push_back(run.*figure);
+    return median(std::move(values));
 }
 
 } // namespace
@@ -123,7 +125,7 @@ void compareFreshBuilds(Settings const& settings) {
                 if (side.empty())
                     continue;
                 auto const middle = [&side](double BuildCost::*figure) {
-                    return median(side, figure);
+                    return medianOf(side, figure);
                 };
                 std::printf("%-24s %2d  %-4s %8.3f %8.3f %8.3f %9.0f %7.1f %7.1f\n",
                             recipe.name().c_str(), threads, &side == runs ? "ours" : "peer",

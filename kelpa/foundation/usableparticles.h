@@ -11,9 +11,12 @@
 
 namespace Kelpa {
 
+/// Smaller particles are left out of trees.
+inline constexpr float leastUsableRadius = 1e-15F;
+
 /// The comparison fails for NaN.
 inline bool isUsableRadius(float radius) {
-    return radius >= 1e-15F && radius <= std::numeric_limits<float>::max();
+    return radius >= leastUsableRadius && radius <= std::numeric_limits<float>::max();
 }
 
 inline bool isFinite(Vector const& v) {

@@ -1,6 +1,8 @@
 // Distances from samples to their nearest neighbours among all points.
 #include "pipeline/scene/spacing.h"
 
+#include "kelpa/foundation/usableparticles.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -26,10 +28,6 @@ struct Point {
 
 Point pointOf(Kelpa::Vector const& position) {
     return {{position.x, position.y, position.z}};
-}
-
-bool isFinite(Kelpa::Vector const& position) {
-    return std::isfinite(position.x) && std::isfinite(position.y) && std::isfinite(position.z);
 }
 
 double squaredDistance(Point const& a, Point const& b) {
@@ -253,14 +251,14 @@ std::size_t jitter(std::size_t n, std::size_t count) {
 
 /// Takes about `sampleCount` of the finite points, spread over the file, each place once.
 std::vector<Sample> takeSamples(std::vector<Kelpa::Vector> const& positions) {
-    std::size_t const finite =
-        static_cast<std::size_t>(std::count_if(positions.begin(), positions.end(), isFinite));
+    std::size_t const finite = static_cast<std::size_t>(
+        std::count_if(positions.begin(), positions.end(), Kelpa::isFinite));
     std::size_t const wanted = std::min(finite, sampleCount);
     std::vector<Point> places;
     std::size_t rank = 0; // among the finite points
     std::size_t next = 0; // the rank of the next sample: one from each of equal stretches
     for (std::size_t i = 0; i < positions.size() && places.size() < wanted; ++i) {
-        if (!isFinite(positions[i]) || rank++ != next)
+        if (!Kelpa::isFinite(positions[i]) || rank++ != next)
             continue;
         places.push_back(pointOf(positions[i]));
         std::size_t const start = places.size() * finite / wanted;

@@ -218,8 +218,8 @@ def _wanted(
     wanted.radius_from = check.text("radius_from", radius_from)
     wanted.elements = _elements(elements)
     wanted.columns = None if columns is None else check.names("columns", columns)
-    wanted.radius = None if radius is None else check.number("radius", radius, 1e-15, 1e30)
-    wanted.radius_scale = check.number("radius_scale", radius_scale, 1e-15, 1e30)
+    wanted.radius = None if radius is None else _radius("radius", radius)
+    wanted.radius_scale = _radius("radius_scale", radius_scale)
     wanted.covalent = radii == "covalent"
     wanted.radii_of_kinds = [] if isinstance(radii, str) else check.kinds("radii", radii, _radius)
     wanted.points = bool(points)

@@ -1,6 +1,8 @@
 // Names, helps and forms of options, group by group.
 #include "tool/options/optiongroups.h"
 
+#include "kelpa/foundation/usableparticles.h"
+
 #include "pipeline/files/elements.h"
 #include "pipeline/files/formattable.h"
 
@@ -19,8 +21,7 @@ namespace pipeline::tool {
 
 namespace {
 
-constexpr float largest = 1e30F;         // of lengths and the like: far beyond any use
-constexpr float smallestRadius = 1e-15F; // below it trees leave a particle out
+constexpr float largest = 1e30F; // of lengths and the like: far beyond any use
 
 } // namespace
 
@@ -80,7 +81,7 @@ namespace {
 
 float parseRadius(std::string const& text) {
     float const radius = parseNumbers<float, 1>(text, ',', "a number")[0];
-    if (!(radius >= smallestRadius && radius <= largest))
+    if (!(radius >= Kelpa::leastUsableRadius && radius <= largest))
         throw UsageError(fmt::format("'{}' is no radius", text));
     return radius;
 }
@@ -107,7 +108,7 @@ void addParticleOptions(CLI::App& app, Options& options) {
     RadiusOptions& radii = options.scene.radius;
     app.add_option("-r,--radius", radii.radius,
                    "Radius of all particles; else the file's, by element, or by spacing")
-        ->transform(between(smallestRadius, largest))
+        ->transform(between(Kelpa::leastUsableRadius, largest))
         ->excludes(radiusFrom)
         ->group("Radius");
     app.add_option("--radius-scale", radii.scale, "Factor on all radii")
