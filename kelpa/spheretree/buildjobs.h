@@ -167,10 +167,10 @@ template <ThreadedBuild Tree> class JobsInFlight {
 
 /// Keeps what a job failed with if it is the build's first failure, and no more of them: where
 /// memory has run out, exceptions live in a reserve of the language's that ends with the program.
-template <ThreadedBuild Tree> void keepFirstFailure(Tree& tree, std::exception_ptr failure) {
+template <ThreadedBuild Tree> void keepFirstFailure(Tree& tree, std::exception_ptr const& failure) {
     LockScope const scope(tree.threadLock);
     if (tree.failure == nullptr)
-        tree.failure = std::move(failure);
+        tree.failure = failure;
 }
 
 /// Throws the first failure that a job of the build kept. Only after all jobs have ended.

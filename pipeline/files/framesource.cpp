@@ -180,8 +180,8 @@ std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options
 
 FrameNumbers FrameSource::framesIn(std::vector<FrameRange> const& ranges,
                                    ReadOptions const& options) const {
-    FrameNumbers const frames(sequence.empty() ? framesInFile(ranges, options)
-                                               : framesInSequence(ranges));
+    FrameNumbers frames(sequence.empty() ? framesInFile(ranges, options)
+                                         : framesInSequence(ranges));
     if (frames.after(std::nullopt))
         return frames;
     throw NoSuchFrame(sequence.empty()

@@ -75,8 +75,8 @@ void OutputFile::mayGoOn() const {
         stopCheck();
 }
 
-OutputFile::OutputFile(std::string const& wantedPath, StopCheck check)
-    : stopCheck(std::move(check)), path(wantedPath) {
+OutputFile::OutputFile(std::string wantedPath, StopCheck check)
+    : stopCheck(std::move(check)), path(std::move(wantedPath)) {
     resolve();
     open();
 }

@@ -23,7 +23,7 @@ class OutputFile {
     /// Opens the temporary file. A folder, a read-only file and a missing folder are refused.
     /// `stopCheck`, unless empty, is asked between waits for the disk and while a pipe's reader is
     /// slow or not there yet.
-    explicit OutputFile(std::string const& wantedPath, StopCheck stopCheck = {});
+    explicit OutputFile(std::string wantedPath, StopCheck stopCheck = {});
     ~OutputFile();
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;
