@@ -31,8 +31,9 @@ std::vector<Ray> cameraRays(int count) {
     for (int top = 0; top < side; top += tile)
         for (int left = 0; left < side; left += tile)
             for (int k = 0; k < tile * tile; ++k) {
+                int const row = k / tile;
                 double const u = (left + k % tile + 0.5) / side - 0.5;
-                double const v = (top + k / tile + 0.5) / side - 0.5;
+                double const v = (top + row + 0.5) / side - 0.5;
                 rays.push_back(
                     {{0.5F, 0.5F, -1.0F}, normalized(u, v, 1.0), shutterTime(random), -1});
             }

@@ -78,7 +78,7 @@ std::string_view symbolOf(std::uint8_t atomicNumber) {
 
 std::shared_ptr<NameTable const> const& elementSymbols() {
     static std::shared_ptr<NameTable const> const symbols = [] {
-        auto const table = std::make_shared<NameTable>();
+        auto table = std::make_shared<NameTable>();
         table->numberOf("?");
         for (Element const& element : elements)
             table->numberOf(element.symbol);

@@ -25,8 +25,6 @@ namespace pipeline::tool {
 
 namespace {
 
-using Kelpa::Vector;
-
 /// Coordinates in [0, 1) for ray `index`: as many dimensions as asked for, each evenly spread.
 class RayNumbers {
   public:
@@ -77,8 +75,9 @@ Rays cameraRays(Scene const& scene, int count) {
     for (int i = 0; i < count; ++i) {
         int const lane = i % lanesPerBunch;
         int const at = i / lanesPerBunch;
-        auto const ray = camera.ray(at % tilesAcross * tile + lane % tile + 0.5,
-                                    at / tilesAcross * tile + lane / tile + 0.5);
+        int const column = at % tilesAcross * tile + lane % tile;
+        int const row = at / tilesAcross * tile + lane / tile;
+        auto const ray = camera.ray(column + 0.5, row + 0.5);
         RayNumbers numbers(static_cast<std::uint32_t>(i));
         rays.push_back(rayFrom({ray.origin[0], ray.origin[1], ray.origin[2]}, wide(ray.dir),
                                timeOf(numbers), -1));
