@@ -111,11 +111,7 @@ Attribute const* coloredColumn(ColorOptions const& options, ParticleSet const& p
 }
 
 bool showsKinds(ColorOptions const& options, std::string const& column) {
-    constexpr std::array<std::string_view, 11> kinds = {
-        "type",    "element", "mol",  "molecule",  "residue", "chain",
-        "segment", "cluster", "site", "operation", "copy"};
-    return options.asKinds || (!options.map && !options.range &&
-                               std::find(kinds.begin(), kinds.end(), column) != kinds.end());
+    return options.asKinds || (!options.map && !options.range && areKinds(column));
 }
 
 namespace {

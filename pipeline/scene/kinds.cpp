@@ -5,9 +5,9 @@
 #include "pipeline/files/errors.h"
 #include "pipeline/files/textvalues.h"
 
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <set>
 
 namespace pipeline {
@@ -29,6 +29,13 @@ template <class Visit> void withNumbers(ParticleSet const& particles, bool areTy
 
 } // namespace
 
+bool areKinds(std::string_view column) {
+    constexpr std::string_view kinds[] = {"type",    "element",   "mol",     "molecule",
+                                          "residue", "chain",     "segment", "cluster",
+                                          "site",    "operation", "copy"};
+    return std::ranges::find(kinds, column) != std::end(kinds);
+}
+
 bool isKindName(std::string const& word) {
     return isNumber(word) || atomicNumberOf(word) != 0;
 }
@@ -42,8 +49,8 @@ std::size_t forEachOfKind(ParticleSet const& particles, std::string const& kind,
     std::size_t count = 0;
     withNumbers(particles, isType, [&](auto const& numbers) {
         if (numbers.empty())
-            throw InputError(fmt::format("{}: has no {} for '{}'", particles.name,
-                                         isType ? "numbered types" : "elements", kind));
+            throw InputError(particles.name + ": has no " +
+                             (isType ? "numbered types" : "elements") + " for '" + kind + "'");
         for (std::size_t i = 0; i < numbers.size(); ++i)
             if (numbers[i] == wanted) {
                 visit(i);
@@ -68,7 +75,7 @@ std::string kindsBeside(ParticleSet const& particles, std::string const& kind) {
         if (told++ == most)
             return names + " ...";
         names += (names.empty() ? "" : " ") +
-                 (areTypes ? fmt::format("{}", number)
+                 (areTypes ? std::to_string(number)
                            : std::string(symbolOf(static_cast<std::uint8_t>(number))));
     }
     return names;

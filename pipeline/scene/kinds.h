@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace pipeline {
@@ -15,6 +16,9 @@ template <class Value> struct OfKind {
     std::string kind; ///< the number of a type, "2", or the symbol of an element, "O"
     Value value;
 };
+
+/// Whether a column of this name numbers kinds, in no order that means anything.
+bool areKinds(std::string_view column);
 
 /// Whether a word can be the name of a kind: a whole number, or an element's symbol.
 bool isKindName(std::string const& word);

@@ -67,7 +67,8 @@ class Picture(NDArray[np.float32]):
             if not name.lower().endswith(".exr"):
                 wanted = ", ".join(c for c in _CHANNELS if getattr(self, c) is not None)
                 raise ValueError(f"path: {name} cannot hold {wanted}; write an .exr")
-        _native.save_picture(os.fsencode(path), self._image(), self._is_transparent(), progress)
+        image = self._image()  # first: where no files are written there is no `save_picture`
+        _native.save_picture(os.fsencode(path), image, self._is_transparent(), progress)
 
     def _repr_png_(self) -> Optional[bytes]:
         """What notebooks show."""
