@@ -107,26 +107,17 @@ struct MovingScene : Scene<MovingParticlePrimitive> {
 
 /// Walks a tree and expects that its nodes, leaves and counters tell the same.
 inline void expectSound(MovingSphereTree const& tree) {
-    std::vector<std::pair<MBSphereNode const*, int>> open{{tree.root, 1}};
     int nodes = 0, entries = 0, deepest = 0, bad = 0;
-    while (!open.empty()) {
-        auto const [node, level] = open.back();
-        open.pop_back();
+    forEachNode(tree.root, [&](MBSphereNode const& node, int level) {
         ++nodes;
-        if (!node->isLeaf()) {
+        int const count = node.isLeaf() ? node.numLeafSpheres() : 0;
+        if (!node.isLeaf() || count > 0)
             deepest = std::max(deepest, level);
-            open.push_back({node->children(), level + 1});
-            open.push_back({node->children() + 1, level + 1});
-            continue;
-        }
-        int const count = node->numLeafSpheres();
         entries += count;
-        bad += count == 0 && node->link != 0;
-        if (count > 0)
-            deepest = std::max(deepest, level);
+        bad += node.isLeaf() && count == 0 && node.link != 0;
         for (int k = 0; k < count; ++k)
-            bad += static_cast<int>(node->leafSpheres()[k].sphereIndex) >= tree.numSpheres;
-    }
+            bad += static_cast<int>(node.leafSpheres()[k].sphereIndex) >= tree.numSpheres;
+    });
     EXPECT_EQ(nodes, tree.nodes.getCount());
     EXPECT_EQ(entries, tree.leafSpheres.getCount());
     EXPECT_LE(deepest, tree.statMaxDepth);

@@ -282,25 +282,32 @@ template <class Tree> std::uint64_t hashOf(Tree const& tree) {
     return hash;
 }
 
-/// Walks a tree and expects that its nodes, leaves and counters tell the same.
-inline void expectSound(StaticSphereTree const& tree) {
-    std::vector<std::pair<SDSphereNode<SDSphere> const*, int>> open{{tree.root, 1}};
-    int nodes = 0, leaves = 0, entries = 0, deepest = 0, badEntries = 0;
+/// Calls `visit(node, level)` for all nodes of a tree; the root's level is 1.
+template <class Node, class Visit> void forEachNode(Node const* root, Visit visit) {
+    std::vector<std::pair<Node const*, int>> open{{root, 1}};
     while (!open.empty()) {
         auto const [node, level] = open.back();
         open.pop_back();
-        ++nodes;
-        if (!node->isLeaf()) {
-            deepest = std::max(deepest, level);
-            open.push_back({node->children(), level + 1});
-            open.push_back({node->children() + 1, level + 1});
-            continue;
-        }
-        leaves += node->numLeafSpheres > 0;
-        entries += node->numLeafSpheres;
-        for (int k = 0; k < node->numLeafSpheres; ++k)
-            badEntries += static_cast<int>(node->leafSpheres()[k].sphereIndex) >= tree.numSpheres;
+        visit(*node, level);
+        for (int side = 0; !node->isLeaf() && side < 2; ++side)
+            open.push_back({node->children() + side, level + 1});
     }
+}
+
+/// Walks a tree and expects that its nodes, leaves and counters tell the same.
+inline void expectSound(StaticSphereTree const& tree) {
+    int nodes = 0, leaves = 0, entries = 0, deepest = 0, badEntries = 0;
+    forEachNode(tree.root, [&](SDSphereNode<SDSphere> const& node, int level) {
+        ++nodes;
+        if (!node.isLeaf()) {
+            deepest = std::max(deepest, level);
+            return;
+        }
+        leaves += node.numLeafSpheres > 0;
+        entries += node.numLeafSpheres;
+        for (int k = 0; k < node.numLeafSpheres; ++k)
+            badEntries += static_cast<int>(node.leafSpheres()[k].sphereIndex) >= tree.numSpheres;
+    });
     EXPECT_EQ(nodes, tree.nodes.getCount());
     EXPECT_EQ(leaves, tree.statNumLeaves);
     EXPECT_EQ(entries, tree.leafSpheres.getCount());
