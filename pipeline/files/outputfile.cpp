@@ -138,8 +138,9 @@ void OutputFile::copyInto() {
         there < 0 || here < 0 || fstat(here, &whole) != 0 || fstat(there, &before) != 0 ? errno : 0;
     if (error == 0 && whole.st_size > before.st_size) {
         error = posix_fallocate(there, before.st_size, whole.st_size - before.st_size);
-        if (error != 0)
-            static_cast<void>(ftruncate(there, before.st_size));
+        if (error != 0) {
+            [[maybe_unused]] int const cutBack = ftruncate(there, before.st_size);
+        }
     }
     std::vector<char> bytes(flushBytes);
     while (error == 0) {

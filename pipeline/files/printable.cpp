@@ -80,7 +80,9 @@ std::string printable(std::string_view text, bool keepLines) {
 std::string quoted(std::string_view word) {
     constexpr std::size_t longest = 40;
     std::string_view const shown = cutAt(word, longest);
-    return "'" + printable(shown) + (shown.size() < word.size() ? "...'" : "'");
+    return std::string("'")
+        .append(printable(shown))
+        .append(shown.size() < word.size() ? "...'" : "'");
 }
 
 std::string oneLine(std::string_view text) {

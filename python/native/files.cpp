@@ -122,7 +122,7 @@ py::array ownedArray(pipeline::TypedColumn&& column) {
                                             "uint32", "int64", "uint64", "float32", "float64"};
     auto const bytes = static_cast<py::ssize_t>(scalarBytes(column.type));
     py::array const kept = ownedArray(std::move(column.bytes));
-    py::dtype const type(std::string(names[static_cast<int>(column.type)]));
+    py::dtype const type{std::string(names[static_cast<int>(column.type)])};
     return py::array(type, {kept.size() / bytes}, {bytes}, kept.data(), kept);
 }
 
@@ -266,6 +266,7 @@ void defineErrors(py::module_& module) {
                                                                PyExc_ValueError);
     static py::exception<pipeline::NoSuchFrame> const noSuchFrame(module, "NoSuchFrame",
                                                                   readError.ptr());
+    // pybind11 hands it over as a copy. NOLINTNEXTLINE(performance-unnecessary-value-param)
     py::register_exception_translator([](std::exception_ptr thrown) {
         try {
             if (thrown)
