@@ -24,7 +24,15 @@ namespace {
 /// making them again is no slower than reading them from memory.
 class Spans {
   public:
-    static constexpr std::int32_t mostKept = 1 << 16;
+    /// For a tree of so many spheres.
+    explicit Spans(std::int32_t numSpheres) : mostKept(mostKeptFor(numSpheres)) {}
+
+    /// How many are kept: up to what the last of a processor's caches may hold, and no more than
+    /// take a byte a sphere of a large tree.
+    static std::int32_t mostKeptFor(std::int32_t numSpheres) {
+        constexpr std::int32_t perSpan = sizeof(FrameSpan);
+        return std::clamp(numSpheres / perSpan, 1 << 16, 1 << 18);
+    }
 
     /// Sees all records in the frame of `velocity` and shows the spans to `visit`, with the
     /// records.
@@ -61,6 +69,7 @@ class Spans {
     FrameSpan of(MBSphereData const& record) const { return spanInFrame(record.bbox, frame); }
 
   private:
+    std::int32_t mostKept;
     std::vector<FrameSpan> spans; // never shrinks: growing writes to what is written again
     std::size_t kept = 0;
     Quad frame = {};
@@ -261,8 +270,8 @@ template <class Tree> struct Workplace {
     MBSphereRecords& waiting; ///< those of postponed nodes, at the end
     typename Tree::Stocks& stocks;
     AbortQuestion isAborted;
+    Spans spans;
     VelocitySum velocities = {}; ///< of the current node's records
-    Spans spans = {};
 };
 
 /// Builds one node. True when it was split: `current` is then its lower child, and its upper one is
@@ -342,9 +351,9 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::buildNode(Node* node, TimeBox c
     MBSphereRecords ownScratch;
     ownScratch.allocator = data.allocator;
     Workplace<MBSphereTree> work{data, scratch == &data ? ownScratch : *scratch, stocks,
-                                 AbortQuestion(progress, wasAborted)};
-    CountedBytes const spanBytes(
-        *this, sizeof(FrameSpan) * static_cast<std::size_t>(std::clamp(count, 0, Spans::mostKept)));
+                                 AbortQuestion(progress, wasAborted), Spans(numSpheres)};
+    std::int32_t const mostSpans = std::clamp(count, 0, Spans::mostKeptFor(numSpheres));
+    CountedBytes const spanBytes(*this, sizeof(FrameSpan) * static_cast<std::size_t>(mostSpans));
     auto const addVelocity = [&work](MBSphereData const& record) { work.velocities.add(record); };
     visitRecords(data, count, addVelocity);
     buildSubtree(
