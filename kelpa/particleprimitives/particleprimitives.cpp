@@ -1,6 +1,7 @@
 // Hands the host's rays to trees, and hits back in the host's records.
 #include "kelpa/particleprimitives/particleprimitives.h"
 
+#include "kelpa/particleprimitives/lanerays.h"
 #include "kelpa/particleprimitives/treequery.h"
 
 #include <new>
@@ -8,18 +9,6 @@
 namespace Kelpa {
 
 namespace {
-
-// Indices are subtracted in 32 bits and wrap.
-std::int32_t localSkipIndex(std::int64_t skipIndex, std::int32_t baseIndex) {
-    return static_cast<std::int32_t>(static_cast<std::uint32_t>(skipIndex) -
-                                     static_cast<std::uint32_t>(baseIndex));
-}
-
-/// The index under which a hit is reported.
-template <class Tree>
-std::int64_t reportedIndex(Tree const& tree, ClosestHit const& hit, std::int32_t baseIndex) {
-    return reportedNumber(tree.singleSystem, hit.particleIndex, hit.indexOffset, baseIndex);
-}
 
 /// Registers a system and builds the tree. If that fails the system is forgotten again, so that a
 /// second attempt does not find it twice.
@@ -35,13 +24,6 @@ void registerAndBuild(Tree& tree, ParticleData* particles0, ParticleData* partic
         tree.particleSystems.setCount(registered, 1);
         throw;
     }
-}
-
-// The volatile float keeps g++ 12 from dropping the rounding: where it pairs two such conversions
-// into one vector it takes the way there and back for nothing.
-double roundedToSingle(double value) {
-    float const volatile rounded = static_cast<float>(value);
-    return static_cast<double>(rounded);
 }
 
 /// Where in [tMin, tMax] a ray is asked about: one interval alone in a tree, the other in a shared.
@@ -164,10 +146,7 @@ template <class Tree> class BunchPart {
     void addAll(List& list) const {
         for (unsigned k = 0; k < lanes.size(); ++k) {
             unsigned char const i = lanes[k];
-            TraceRay const ray{{roundedToSingle(rays.originX[i]), roundedToSingle(rays.originY[i]),
-                                roundedToSingle(rays.originZ[i])},
-                               {rays.dirX[i], rays.dirY[i], rays.dirZ[i]}};
-            list.add(ray, tMins[i], tMaxs[k], rays.time[i],
+            list.add(rayInLane(rays, i), tMins[i], tMaxs[k], rays.time[i],
                      localSkipIndex(rays.skipIndex[i], baseIndex));
         }
     }
@@ -181,15 +160,7 @@ template <class Tree> class BunchPart {
             ClosestHit const hit = list.closestHit(tree, k);
             if (hit.code == 0)
                 continue;
-            unsigned char const i = lanes[k];
-            result.hit[i] = static_cast<unsigned char>(hit.code);
-            result.hitPrimitive[i] = hit.primitive;
-            result.hitT[i] = hit.t;
-            result.hitIndex[i] = reportedIndex(tree, hit, baseIndex);
-            result.hitNormalX[i] = hit.normal.x;
-            result.hitNormalY[i] = hit.normal.y;
-            result.hitNormalZ[i] = hit.normal.z;
-            result.hitLocalIndex[i] = hit.particleIndex;
+            enterHit(result, lanes[k], tree, hit, baseIndex);
             anyHit = true;
         }
         return anyHit;

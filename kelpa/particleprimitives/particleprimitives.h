@@ -108,6 +108,20 @@ template <class Base, class Tree, class B> class SphereTreePrimitiveTemplate : p
                                 double const* tMaxs, unsigned char const* lanes,
                                 unsigned long numLanes) const;
 
+    /// `bunchIntersect` for up to 64 distinct lanes, each asked of a primitive of its own:
+    /// `primitives[j]` for `lanes[j]`. Rays then wait for memory at the same time, which makes it
+    /// faster than one after the other.
+    static bool bunchIntersectApart(SphereTreePrimitiveTemplate* const* primitives,
+                                    RayBunchExtParams const& params, RayBunchCommonResult& result,
+                                    double const* tMins, double const* tMaxs,
+                                    unsigned char const* lanes, unsigned long numLanes);
+
+    /// `bunchOccluded`, likewise.
+    static std::uint64_t bunchOccludedApart(SphereTreePrimitiveTemplate* const* primitives,
+                                            RayBunchExtParams const& params, double const* tMins,
+                                            double const* tMaxs, unsigned char const* lanes,
+                                            unsigned long numLanes);
+
     /// The colour of particle `index` (of the first snapshot), or black when the system has not
     /// exactly one colour per particle. `index` must be below the number of particles.
     Vector getColor(int const& index) const;

@@ -43,6 +43,7 @@ inline bool hasParticles(ParticleData const* particles) {
 }
 
 template <> struct TreeQuery<StaticSphereTree> {
+    using Asked = SDTree; ///< what queries take the tree for
     static constexpr int primitiveType = 4914;
 
     static void registerSystem(StaticSphereTree& tree, ParticleData* particles0, ParticleData*,
@@ -124,6 +125,12 @@ template <> struct TreeQuery<StaticSphereTree> {
             if (tree.root != nullptr)
                 tree.areOccluded(queries, codes);
         }
+        /// The same with a tree for each ray.
+        void askApart(SDTree const* const* trees) { intersectApart(trees, queries, codes); }
+        /// See `askApart`.
+        void askApartWhetherOccluded(SDTree const* const* trees) {
+            areOccludedApart(trees, queries, codes);
+        }
         /// What `isOccluded` returns for the ray that was added as number `i`.
         bool isOccluded(std::size_t i) const { return codes[i] != 0; }
         /// What `closestHit` returns for the ray that was added as number `i`.
@@ -150,6 +157,7 @@ template <> struct TreeQuery<StaticSphereTree> {
 };
 
 template <> struct TreeQuery<MovingSphereTree> {
+    using Asked = MBTree; ///< what queries take the tree for
     static constexpr int primitiveType = 4915;
 
     static void registerSystem(MovingSphereTree& tree, ParticleData* particles0,
@@ -241,6 +249,16 @@ template <> struct TreeQuery<MovingSphereTree> {
                 tree.areOccluded(rays, answers);
             });
         }
+        /// The same with a tree for each ray.
+        void askApart(MBTree const* const* trees) {
+            intersectApart(trees, queries, codes);
+            forgetUncovered(trees);
+        }
+        /// See `askApart`.
+        void askApartWhetherOccluded(MBTree const* const* trees) {
+            areOccludedApart(trees, queries, codes);
+            forgetUncovered(trees);
+        }
         bool isOccluded(std::size_t i) const { return codes[i] != 0; }
         /// What `closestHit` returns for the ray that was added as number `i`.
         ClosestHit closestHit(MovingSphereTree const& tree, std::size_t i) {
@@ -248,6 +266,11 @@ template <> struct TreeQuery<MovingSphereTree> {
         }
 
       private:
+        void forgetUncovered(MBTree const* const* trees) {
+            for (std::size_t i = 0; i < queries.size(); ++i)
+                if (!isCovered(*trees[i], queries[i].rayTime))
+                    codes[i] = 0;
+        }
         /// Rays between others at times that the snapshots do not span are left out.
         template <class AskMany> void askCovered(MovingSphereTree const& tree, AskMany askMany) {
             if (tree.root == nullptr)
@@ -268,7 +291,7 @@ template <> struct TreeQuery<MovingSphereTree> {
 
   private:
     /// Outside the time that the snapshots span there is nothing; a NaN is let through.
-    static bool isCovered(MovingSphereTree const& tree, float time) {
+    static bool isCovered(MBTree const& tree, float time) {
         return !((time - tree.shutterMax) * (time - tree.shutterMin) > 0.0F);
     }
 

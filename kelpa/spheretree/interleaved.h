@@ -76,15 +76,15 @@ template <class RayInFlight>
     }
 }
 
-/// Searches a tree for several rays at a time; `found[i]` tells whether `rays[i]` has hit
-/// something.
-template <class RayInFlight, class Tree, class Ray>
-[[gnu::always_inline]] inline void searchTogether(Tree const& tree, std::span<Ray*> rays,
+/// Searches trees for several rays at a time, tree `treeOf(i)` for `rays[i]`; `found[i]` tells
+/// whether that has hit something.
+template <class RayInFlight, class TreeOf, class Ray>
+[[gnu::always_inline]] inline void searchTogether(TreeOf const& treeOf, std::span<Ray*> rays,
                                                   bool* found) {
     for (std::size_t i = 0; i < rays.size();) {
         FixedList<RayInFlight, mostInFlight> inFlight;
         for (std::size_t k = i; k < rays.size() && !inFlight.isFull(); ++k)
-            inFlight.add([&] { return RayInFlight(tree, *rays[k]); });
+            inFlight.add([&] { return RayInFlight(treeOf(k), *rays[k]); });
         advanceInTurn(inFlight);
         for (RayInFlight& ray : inFlight)
             found[i++] = ray.finish();

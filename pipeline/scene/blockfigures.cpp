@@ -2,7 +2,6 @@
 #include "pipeline/scene/blockfigures.h"
 
 #include <algorithm>
-#include <string>
 
 namespace pipeline {
 
@@ -60,16 +59,16 @@ TreeStatistics figuresOf(Trees const& trees) {
 }
 
 void tellFigures(TreeStatistics const& figures, Kelpa::ProgressCallback& report) {
-    auto const tell = [&report](std::string const& line) {
-        report.info(0, Kelpa::statisticsLevel, "%s", line.c_str());
+    auto const tell = [&report](char const* what, auto number) {
+        report.info(0, Kelpa::statisticsLevel, "  %s: %lld", what, static_cast<long long>(number));
     };
-    tell("Statistics of all blocks:\n");
-    tell("  Memory usage: " + std::to_string(figures.totalBytes >> 20) + " MB");
-    tell("  Number of trees: " + std::to_string(figures.trees));
-    tell("  Total number of spheres stored: " + std::to_string(figures.used));
-    tell("  Max tree depth: " + std::to_string(figures.maxDepth));
-    tell("  Number of tree nodes: " + std::to_string(figures.nodes));
-    tell("  Number of leaf spheres: " + std::to_string(figures.leafEntries));
+    report.info(0, Kelpa::statisticsLevel, "Statistics of all blocks:\n");
+    tell("Megabytes", figures.totalBytes >> 20U);
+    tell("Number of trees", figures.trees);
+    tell("Total number of spheres stored", figures.used);
+    tell("Max tree depth", figures.maxDepth);
+    tell("Number of tree nodes", figures.nodes);
+    tell("Number of leaf spheres", figures.leafEntries);
 }
 
 } // namespace pipeline

@@ -3,8 +3,8 @@
 #include "kelpa/foundation/usableparticles.h"
 
 #include "pipeline/scene/blockfigures.h"
-#include "pipeline/scene/blockqueues.h"
 #include "pipeline/scene/geometry.h"
+#include "pipeline/scene/raysinblocks.h"
 #include "pipeline/scene/toptree.h"
 
 #include <algorithm>
@@ -23,37 +23,17 @@ using Kelpa::RayBunchCommonResult;
 using Kelpa::RayBunchExtParams;
 using Kelpa::RSRay;
 
-void growAround(Box& box, Kelpa::ParticleData const& particles, std::int32_t i) {
-    Kelpa::Vector const& c = particles.positions[i];
-    float const r = particles.radii[i];
-    box.grow({{c.x - r, c.y - r, c.z - r}, {c.x + r, c.y + r, c.z + r}});
-}
-
-/// A box around a block's particles at all times, with room for rounding.
-Box boxAround(System const& system) {
-    Box box = Box::empty();
-    for (std::int32_t i = 0; i < system.first.numParticles; ++i)
-        if (isUsable(system, i)) {
-            growAround(box, system.first, i);
-            if (system.second)
-                growAround(box, *system.second, i);
-        }
-    if (!isEmpty(box))
-        Kelpa::widenByMargin(box);
-    return box;
-}
-
 /// What one of many builds hears: whether to end, and nothing it says.
 class OneOfMany final : public Kelpa::ProgressCallback {
   public:
     OneOfMany(Kelpa::ProgressCallback& all, Kelpa::GoOn const& question)
         : report(all), goOn(question) {}
 
-    // `goOn` may look at the clock; once in so many questions is often enough.
+    // Asked for every record; once in so many questions is often enough.
     std::int32_t getAbort() override {
-        if (++asked % 4096 == 0 && !goOn())
+        if (++asked % 1024 == 0 && (!goOn() || report.getAbort() != 0))
             isStopped = true;
-        return isStopped || report.getAbort() != 0 ? 1 : 0;
+        return isStopped ? 1 : 0;
     }
     void info(int, int, char const*, ...) override {}
 
@@ -182,10 +162,9 @@ int BlockGeometry::intersect(RSRay& ray) {
     BoxRay const boxRay(ray.origin[0], ray.origin[1], ray.origin[2], ray.dir, ray.intervalMin);
     double const end = ray.intervalMax;
     int code = 0;
-    BlockQueue queue;
-    queue.fill(top, boxRay, end);
     double best = end;
-    while (auto const entry = queue.next(top, boxRay, best)) {
+    for (auto entry = top.next(boxRay, TopTree::Entry::none(), best); entry;
+         entry = top.next(boxRay, *entry, best)) {
         RSRay asked = ray;
         asked.intervalMax = code != 0 ? searchEnd(end, best) : end;
         asked.skipIndex = indexIn(entry->block, ray.skipIndex);
@@ -219,36 +198,68 @@ class BlockGeometry::BunchOnItsWay {
             startsOnParticle |= rays.skipIndex[lanes[k]] >= 0;
     }
 
-    /// Begins the search of ray k, which ends at `ends[k]`.
+    /// Begins the searches; that of ray k ends at `ends[k]`.
     void begin(double const* ends) {
         for (unsigned k = 0; k < numLanes; ++k) {
             unsigned char const lane = lanes[k];
             best[k] = ends[k];
-            boxRays.add({rays.originX[lane],
-                         rays.originY[lane],
-                         rays.originZ[lane],
-                         {rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]},
-                         tMins[lane]},
-                        ends[k]);
+            places.add(geometry.top,
+                       {rays.originX[lane],
+                        rays.originY[lane],
+                        rays.originZ[lane],
+                        {rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]},
+                        tMins[lane]},
+                       ends[k]);
         }
-        queues.fill(geometry.top, boxRays);
     }
 
-    /// Gathers the rays that are to be asked of the next block; false when none is left.
+    /// Gathers the rays that are to be asked next: those in the block that the first of all enters,
+    /// or, where they are few beside the others, all, each in its own block. False when none is
+    /// left.
     bool gather() {
-        numAsked = 0;
-        TopTree::Entry first{};
-        if (!queues.first(first))
+        std::int32_t const first = places.first();
+        if (first < 0)
             return false;
-        block = first.block;
-        for (unsigned k = 0; k < numLanes; ++k)
-            if (queues.isAt(k, block))
+        unsigned onTheirWay = 0;
+        numAsked = 0;
+        for (unsigned k = 0; k < numLanes; ++k) {
+            onTheirWay += places.blockOf(k) >= 0 ? 1 : 0;
+            if (places.blockOf(k) == first)
                 asked[numAsked++] = static_cast<unsigned char>(k);
+        }
+        constexpr unsigned manyTogether = 16;
+        areApart = numAsked < manyTogether && 2 * numAsked < onTheirWay;
+        if (areApart)
+            numAsked = 0;
+        for (unsigned k = 0; areApart && k < numLanes; ++k)
+            if (places.blockOf(k) >= 0)
+                asked[numAsked++] = static_cast<unsigned char>(k);
+        for (unsigned i = 0; i < numAsked; ++i) {
+            askedLanes[i] = lanes[asked[i]];
+            trees[i] = &geometry.treeOf(places.blockOf(asked[i]));
+        }
         return true;
     }
 
-    /// The rays as the block knows them: particles have other numbers there.
-    RayBunchExtParams const& raysInBlock() {
+    /// Asks the gathered rays, whose searches end at `askedEnds`.
+    void trace(RayBunchCommonResult& found) {
+        if (areApart)
+            trees[0]->bunchIntersectApart(trees, raysInBlocks(), found, tMins, askedEnds,
+                                          askedLanes, numAsked);
+        else
+            trees[0]->bunchIntersect(raysInBlocks(), found,
+                                     const_cast<double*>(tMins), // not written
+                                     askedEnds, askedLanes, numAsked);
+    }
+    std::uint64_t occluded() {
+        return areApart ? trees[0]->bunchOccludedApart(trees, raysInBlocks(), tMins, askedEnds,
+                                                       askedLanes, numAsked)
+                        : trees[0]->bunchOccluded(raysInBlocks(), tMins, askedEnds, askedLanes,
+                                                  numAsked);
+    }
+
+    /// The rays as their blocks know them: particles have other numbers there.
+    RayBunchExtParams const& raysInBlocks() {
         if (!startsOnParticle)
             return rays;
         if (!isCopied)
@@ -256,7 +267,8 @@ class BlockGeometry::BunchOnItsWay {
         isCopied = true;
         for (unsigned i = 0; i < numAsked; ++i) {
             unsigned char const lane = lanes[asked[i]];
-            named.skipIndex[lane] = geometry.indexIn(block, rays.skipIndex[lane]);
+            named.skipIndex[lane] =
+                geometry.indexIn(places.blockOf(asked[i]), rays.skipIndex[lane]);
         }
         return named;
     }
@@ -267,13 +279,15 @@ class BlockGeometry::BunchOnItsWay {
     unsigned char const* lanes;
     unsigned numLanes;
     double best[64]; ///< by position in the list, as all but the rays themselves
-    LaneRays boxRays;
-    BlockQueues queues;
-    std::int32_t block = 0;    ///< that the rays below are to be asked of
-    unsigned char asked[64]{}; ///< their positions
-    unsigned numAsked = 0;
+    RaysInBlocks places;
+    unsigned numAsked = 0;   ///< of the rays that are asked next
+    unsigned char asked[64]; ///< their positions in the list
+    unsigned char askedLanes[64];
+    double askedEnds[64];
 
   private:
+    Geometry* trees[64]; ///< of each ray that is asked
+    bool areApart = false;
     bool startsOnParticle = false;
     bool isCopied = false;
     RayBunchExtParams named;
@@ -291,23 +305,18 @@ bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommon
     bool anyHit = false;
     RayBunchCommonResult found;
     while (bunch.gather()) {
-        unsigned char askedLanes[64];
-        double askedEnds[64];
         for (unsigned i = 0; i < bunch.numAsked; ++i) {
             unsigned const k = bunch.asked[i];
-            askedLanes[i] = lanes[k];
-            askedEnds[i] = isHit[k] ? searchEnd(ends[k], bunch.best[k]) : ends[k];
+            bunch.askedEnds[i] = isHit[k] ? searchEnd(ends[k], bunch.best[k]) : ends[k];
             found.hit[lanes[k]] = 0;
-            found.hitT[lanes[k]] = askedEnds[i];
+            found.hitT[lanes[k]] = bunch.askedEnds[i];
         }
-        treeOf(bunch.block)
-            .bunchIntersect(bunch.raysInBlock(), found, tMins, askedEnds, askedLanes,
-                            bunch.numAsked);
+        bunch.trace(found);
         for (unsigned i = 0; i < bunch.numAsked; ++i) {
             unsigned const k = bunch.asked[i];
-            unsigned char const lane = askedLanes[i];
+            unsigned char const lane = lanes[k];
             if (found.hit[lane] != 0) {
-                std::int64_t const index = found.hitIndex[lane] + baseOf(bunch.block);
+                std::int64_t const index = found.hitIndex[lane] + baseOf(bunch.places.blockOf(k));
                 double const t = found.hitT[lane];
                 if (!isHit[k] || t < bunch.best[k] ||
                     (t == bunch.best[k] && comesFirst(index, hits.hitIndex[lane]))) {
@@ -323,7 +332,7 @@ bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommon
                     hits.hitLocalIndex[lane] = static_cast<std::int32_t>(index);
                 }
             }
-            bunch.queues.advance(k, top, bunch.boxRays, bunch.best[k]);
+            bunch.places.advance(k, top, bunch.best[k]);
         }
     }
     if (anyHit)
@@ -338,22 +347,16 @@ std::uint64_t BlockGeometry::bunchOccluded(RayBunchExtParams const& rays, double
     bunch.begin(tMaxs);
     std::uint64_t occluded = 0;
     while (bunch.gather()) {
-        unsigned char askedLanes[64];
-        double askedEnds[64];
-        for (unsigned i = 0; i < bunch.numAsked; ++i) {
-            askedLanes[i] = lanes[bunch.asked[i]];
-            askedEnds[i] = tMaxs[bunch.asked[i]];
-        }
-        std::uint64_t const found =
-            treeOf(bunch.block)
-                .bunchOccluded(bunch.raysInBlock(), tMins, askedEnds, askedLanes, bunch.numAsked);
+        for (unsigned i = 0; i < bunch.numAsked; ++i)
+            bunch.askedEnds[i] = tMaxs[bunch.asked[i]];
+        std::uint64_t const found = bunch.occluded();
         occluded |= found;
         for (unsigned i = 0; i < bunch.numAsked; ++i) {
             unsigned const k = bunch.asked[i];
-            if ((found >> askedLanes[i] & 1U) != 0)
-                bunch.queues.finish(k);
+            if ((found >> lanes[k] & 1U) != 0)
+                bunch.places.finish(k);
             else
-                bunch.queues.advance(k, top, bunch.boxRays, tMaxs[k]);
+                bunch.places.advance(k, top, tMaxs[k]);
         }
     }
     return occluded;

@@ -38,6 +38,12 @@ void usePacks(Kelpa::MovingSphereTree& tree, bool isPacked) {
     tree.packSpheres = isPacked ? 1 : 0;
 }
 
+void growAround(Kelpa::Box& box, Kelpa::ParticleData const& particles, std::int32_t i) {
+    Kelpa::Vector const& c = particles.positions[i];
+    float const r = particles.radii[i];
+    box.grow({{c.x - r, c.y - r, c.z - r}, {c.x + r, c.y + r, c.z + r}});
+}
+
 Bounds wideBox(Kelpa::Vector const& min, Kelpa::Vector const& max) {
     return {wide(min), wide(max)};
 }
@@ -93,6 +99,21 @@ template <class Primitive> class PrimitiveGeometry final : public Geometry {
                                 unsigned long numLanes) override {
         return primitive.bunchOccluded(rays, tMins, tMaxs, lanes, numLanes);
     }
+    void bunchIntersectApart(Geometry* const* asked, Kelpa::RayBunchExtParams const& rays,
+                             Kelpa::RayBunchCommonResult& hits, double const* tMins,
+                             double const* tMaxs, unsigned char const* lanes,
+                             unsigned long numLanes) override {
+        Primitive* primitives[64];
+        primitivesOf(asked, numLanes, primitives);
+        Primitive::bunchIntersectApart(primitives, rays, hits, tMins, tMaxs, lanes, numLanes);
+    }
+    std::uint64_t bunchOccludedApart(Geometry* const* asked, Kelpa::RayBunchExtParams const& rays,
+                                     double const* tMins, double const* tMaxs,
+                                     unsigned char const* lanes, unsigned long numLanes) override {
+        Primitive* primitives[64];
+        primitivesOf(asked, numLanes, primitives);
+        return Primitive::bunchOccludedApart(primitives, rays, tMins, tMaxs, lanes, numLanes);
+    }
     std::optional<Bounds> bounds() override {
         return primitive.tree->numSpheres > 0 ? std::optional(boxOf(primitive)) : std::nullopt;
     }
@@ -104,6 +125,10 @@ template <class Primitive> class PrimitiveGeometry final : public Geometry {
 
   private:
     void registerSystems();
+    static void primitivesOf(Geometry* const* asked, unsigned long count, Primitive** primitives) {
+        for (unsigned long i = 0; i < count; ++i)
+            primitives[i] = &static_cast<PrimitiveGeometry*>(asked[i])->primitive;
+    }
 
     std::vector<System> systems;
     Primitive primitive;
@@ -163,6 +188,31 @@ template <class Primitive> TreeStatistics PrimitiveGeometry<Primitive>::statisti
 }
 
 } // namespace
+
+Kelpa::Box boxAround(System const& system) {
+    Kelpa::Box box = Kelpa::Box::empty();
+    for (std::int32_t i = 0; i < system.first.numParticles; ++i)
+        if (isUsable(system, i)) {
+            growAround(box, system.first, i);
+            if (system.second)
+                growAround(box, *system.second, i);
+        }
+    if (box.min.x <= box.max.x)
+        Kelpa::widenByMargin(box);
+    return box;
+}
+
+void Geometry::bunchIntersectApart(Geometry* const*, Kelpa::RayBunchExtParams const&,
+                                   Kelpa::RayBunchCommonResult&, double const*, double const*,
+                                   unsigned char const*, unsigned long) {
+    throw std::logic_error("only single trees are asked apart");
+}
+
+std::uint64_t Geometry::bunchOccludedApart(Geometry* const*, Kelpa::RayBunchExtParams const&,
+                                           double const*, double const*, unsigned char const*,
+                                           unsigned long) {
+    throw std::logic_error("only single trees are asked apart");
+}
 
 std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems) {
     bool const isMoving = !systems.empty() && systems.front().second.has_value();

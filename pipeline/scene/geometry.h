@@ -29,6 +29,9 @@ inline bool isUsable(System const& system, std::int32_t index) {
                          : isUsable(system.first, index);
 }
 
+/// A box around a system's usable particles at all times, with room for rounding.
+Kelpa::Box boxAround(System const& system);
+
 /// How a tree is built; what is unset is left to the tree.
 struct TreeOptions {
     std::optional<int> maxDepth;
@@ -39,7 +42,7 @@ struct TreeOptions {
     /// The most particles that one tree holds; scenes of more have several, see `Parting`.
     std::int64_t block = defaultBlock;
 
-    static constexpr std::int64_t defaultBlock = 1 << 19;
+    static constexpr std::int64_t defaultBlock = 1 << 20;
 };
 
 /// How a build is done.
@@ -106,6 +109,18 @@ class Geometry {
     virtual std::uint64_t bunchOccluded(Kelpa::RayBunchExtParams const& rays, double const* tMins,
                                         double const* tMaxs, unsigned char const* lanes,
                                         unsigned long numLanes) = 0;
+
+    /// `bunchIntersect` for lanes each of which is asked of a geometry of its own, `asked[i]` for
+    /// `lanes[i]`: of trees like this one, made by `makeGeometry`.
+    virtual void bunchIntersectApart(Geometry* const* asked, Kelpa::RayBunchExtParams const& rays,
+                                     Kelpa::RayBunchCommonResult& hits, double const* tMins,
+                                     double const* tMaxs, unsigned char const* lanes,
+                                     unsigned long numLanes);
+    /// `bunchOccluded`, likewise.
+    virtual std::uint64_t bunchOccludedApart(Geometry* const* asked,
+                                             Kelpa::RayBunchExtParams const& rays,
+                                             double const* tMins, double const* tMaxs,
+                                             unsigned char const* lanes, unsigned long numLanes);
 
     /// The primitive's bounds; nothing when no particle is usable.
     virtual std::optional<Bounds> bounds() = 0;

@@ -63,7 +63,8 @@ struct Part {
 /// How a part falls into two: particles in lower cells on the axis go below, and so do the first
 /// `ties` of those in cell `cell`.
 struct Cut {
-    bool isOpen = false; ///< whether the part is to be cut at all
+    bool isOpen = false;          ///< whether the part is to be cut at all
+    bool hasOpenChildren = false; ///< or one of the two that it falls into
     int axis = 0;
     std::uint32_t cell = 0;
     std::int64_t ties = 0;
@@ -172,6 +173,7 @@ bool Parter::openCuts(std::int64_t most) {
         Cut& cut = cuts[p];
         cut.firstChild = children;
         cut.isOpen = part.count > most;
+        cut.hasOpenChildren = (part.count + 1) / 2 > most;
         children += cut.isOpen ? 2 : 1;
         if (!cut.isOpen)
             continue;
@@ -266,6 +268,8 @@ bool Parter::assign() {
                   partOf[row] = child;
                   Part& part = childrenOfShare[share][child];
                   ++part.count;
+                  if (!cut.hasOpenChildren)
+                      return;
                   for (int axis = 0; axis < 3; ++axis)
                       part.cells[static_cast<std::size_t>(axis)].add(placeOn(axis, keys[row]));
               });

@@ -3,68 +3,76 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 
 namespace pipeline {
 
-namespace {
-
 using Kelpa::Box;
-using Kelpa::Vector;
 
-// As trees bound it, so that no product with a coordinate is infinite or not a number.
-float boundedReciprocal(float component) {
-    constexpr float largest = 1e18F;
-    float const q = 1.0F / component;
-    float const below = q < largest ? q : largest;
-    return below > -largest ? below : -largest;
-}
-
-} // namespace
-
-BoxRay::BoxRay(double x, double y, double z, Vector const& dir, double tMin)
-    : origin{static_cast<float>(x), static_cast<float>(y), static_cast<float>(z)},
-      inverse{boundedReciprocal(dir.x), boundedReciprocal(dir.y), boundedReciprocal(dir.z)},
-      begin(static_cast<float>(tMin)) {
+float lastBefore(double end) {
+    constexpr float largest = std::numeric_limits<float>::max();
+    if (!(end < static_cast<double>(largest))) // what is not a number ends nothing
+        return largest;
+    auto const nearest = static_cast<float>(end);
+    return static_cast<double>(nearest) > end ? std::nextafter(nearest, -largest) : nearest;
 }
 
 TopTree::TopTree(std::vector<Box> const& boxes) {
-    if (boxes.empty())
-        return;
-    std::size_t const leaves = std::bit_ceil(boxes.size());
-    firstLeaf = leaves - 1;
-    nodes.resize(2 * leaves - 1, Box::empty());
-    std::copy(boxes.begin(), boxes.end(), nodes.begin() + static_cast<std::ptrdiff_t>(firstLeaf));
-    for (std::size_t node = firstLeaf; node-- > 0;) {
-        nodes[node] = nodes[2 * node + 1];
-        nodes[node].grow(nodes[2 * node + 2]);
+    std::vector<Box> below = boxes;
+    while (levels.empty() || levels.back().groups.size() > 1) {
+        Level level;
+        level.groups.resize((below.size() + BoxGroup::most - 1) / BoxGroup::most);
+        std::vector<Box> around(level.groups.size(), Box::empty());
+        for (std::size_t i = 0; i < below.size(); ++i) {
+            if (isEmpty(below[i]))
+                continue;
+            level.groups[i / BoxGroup::most].set(static_cast<unsigned>(i % BoxGroup::most),
+                                                 below[i]);
+            around[i / BoxGroup::most].grow(below[i]);
+        }
+        if (level.groups.empty())
+            return;
+        levels.push_back(std::move(level));
+        below = std::move(around);
     }
 }
 
 std::optional<TopTree::Entry> TopTree::next(BoxRay const& ray, Entry const& last,
                                             double end) const {
-    std::optional<Entry> best;
-    std::size_t waiting[mostLevels + 1] = {0};
-    for (std::size_t used = nodes.empty() ? 0 : 1; used > 0;) {
-        std::size_t const node = waiting[--used];
-        if (isEmpty(nodes[node]))
-            continue;
-        Stretch const stretch = within(ray, nodes[node]);
-        if (stretch.isEmpty() || static_cast<double>(stretch.enter) > end ||
-            (best && stretch.enter > best->t))
-            continue;
-        if (node >= firstLeaf) {
-            Entry const entry{stretch.enter, static_cast<std::int32_t>(node - firstLeaf)};
-            if (last < entry && (!best || entry < *best))
+    // One level leaves up to 16 groups waiting for the one below it.
+    constexpr std::size_t mostWaiting = 16 * BoxGroup::most;
+    struct Place {
+        std::size_t level;
+        std::size_t group;
+    };
+    Place waiting[mostWaiting];
+    std::size_t used = 0;
+    if (!levels.empty())
+        waiting[used++] = {levels.size() - 1, 0};
+    EnterGroup const enter = enterGroup();
+    Entry best{lastBefore(end), std::numeric_limits<std::int32_t>::max()};
+    bool isFound = false;
+    while (used > 0) {
+        Place const place = waiting[--used];
+        GroupStretches stretches;
+        std::uint32_t entered =
+            enter(levels[place.level].groups[place.group], ray, best.t, stretches);
+        for (; entered != 0; entered &= entered - 1) {
+            auto const i = static_cast<unsigned>(std::countr_zero(entered));
+            std::size_t const child = BoxGroup::most * place.group + i;
+            Entry const entry{stretches.enter[i], static_cast<std::int32_t>(child)};
+            if (place.level == 0 && last < entry && entry < best) {
                 best = entry;
-            continue;
+                isFound = true;
+            }
+            // What the ray has left before it entered the last block holds none that comes after
+            // it; the room for rounding is doubled here.
+            float const leave = stretches.leave[i];
+            if (place.level > 0 && !(leave + std::abs(leave) * 0x1p-21F < last.t))
+                waiting[used++] = {place.level - 1, child};
         }
-        // What the ray has left before it entered the last block holds none that comes after it.
-        if (beyond(stretch.leave, 2.0F * boxRounding) < last.t)
-            continue;
-        waiting[used++] = 2 * node + 2;
-        waiting[used++] = 2 * node + 1;
     }
-    return best;
+    return isFound ? std::optional(best) : std::nullopt;
 }
 
 } // namespace pipeline

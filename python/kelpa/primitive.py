@@ -36,7 +36,7 @@ class Primitive:
     moving_bounds : bool
         Have `motion` say how the bounds move, and `bounds` apply to time 0 only.
     block : int, optional
-        The most particles of one tree (524,288). More are parted into blocks, which threads build
+        The most particles of one tree (1,048,576). More are parted into blocks, which threads build
         side by side, over a copy of the particles; what rays hit does not depend on the threads.
         Systems of different types or times have one tree whatever they hold.
     threads : int

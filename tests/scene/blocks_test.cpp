@@ -2,7 +2,7 @@
 
 #include "pipeline/picture/framing.h"
 #include "pipeline/picture/render.h"
-#include "pipeline/scene/blocklanes.h"
+#include "pipeline/scene/boxgroup.h"
 #include "pipeline/scene/bunch.h"
 #include "pipeline/scene/parting.h"
 #include "pipeline/scene/scene.h"
@@ -114,19 +114,19 @@ TEST(TopTrees, GiveARayItsBoxesInOrderLikeALookAtEach) {
         double const end = i % 4 == 0 ? 2.0 : 1e30;
         BoxRay const ray(static_cast<double>(from.x), static_cast<double>(from.y),
                          static_cast<double>(from.z), dir, i % 5 == 0 ? 0.5 : 0.0);
-        // One box at a time: each alone in a tree, and in the form for many rays.
-        LaneRays lanes;
-        lanes.add(ray, end);
-        lanes.pad();
+        // One box at a time: each alone in a tree, and in the form for any processor.
         std::vector<TopTree::Entry> expected;
         for (std::size_t b = 0; b < boxes.size(); ++b) {
             auto const alone = TopTree({boxes[b]}).next(ray, TopTree::Entry::none(), end);
-            float enter[LaneRays::most];
-            bool const isEntered = !isEmpty(boxes[b]) && enterBoxKernel()(lanes, boxes[b], enter);
-            ASSERT_EQ(isEntered, alone.has_value());
+            BoxGroup group;
+            if (!isEmpty(boxes[b]))
+                group.set(3, boxes[b]);
+            GroupStretches stretches;
+            ASSERT_EQ(plainEnterGroup()(group, ray, lastBefore(end), stretches),
+                      alone.has_value() ? 8U : 0U);
             if (!alone)
                 continue;
-            EXPECT_EQ(enter[0], alone->t);
+            EXPECT_EQ(stretches.enter[3], alone->t);
             expected.push_back({alone->t, static_cast<std::int32_t>(b)});
         }
         std::sort(expected.begin(), expected.end());

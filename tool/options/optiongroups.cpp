@@ -224,7 +224,7 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
         ->transform(between(0.0F, largest))
         ->group("Tree");
     app.add_option("--block", tree.block,
-                   "Most particles of one tree; more are parted into blocks; default: 524288")
+                   "Most particles of one tree; more are parted into blocks; default: 1048576")
         ->transform(between(std::int64_t{1}, std::int64_t{2147483647}))
         ->group("Tree");
     app.add_option("--min-node-size", tree.minNodeSize, "Diagonal below which nodes are leaves")

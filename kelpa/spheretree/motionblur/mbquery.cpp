@@ -65,6 +65,18 @@ template int MBSphereTree<MBSphere, 20000, 20000>::intersectNode(MBSphereRay&) c
 template void MBSphereTree<MBSphere, 20000, 20000>::areOccluded(std::span<MBSphereRay>, int*) const;
 template bool MBSphereTree<MBSphere, 20000, 20000>::isOccluded(MBSphereRay&) const;
 
+void intersectApart(MBTree const* const* trees, std::span<MBSphereRay> rays, int* codes) {
+    intersectInBoxes(
+        trees, rays, codes, [](auto const& tree) -> Box const& { return tree.rootBox.box; },
+        queries().findClosestApart, codeOf);
+}
+
+void areOccludedApart(MBTree const* const* trees, std::span<MBSphereRay> rays, int* occluded) {
+    intersectInBoxes(
+        trees, rays, occluded, [](auto const& tree) -> Box const& { return tree.rootBox.box; },
+        queries().findAnyApart, [](auto const&, auto const&) { return 1; });
+}
+
 std::optional<std::uint64_t> findClosestTogether(MBTree const& tree, RayRun const& run,
                                                  PrimitiveIntersections& result) {
     if (!canWalkTogether(tree, run))

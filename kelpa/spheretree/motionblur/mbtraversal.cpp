@@ -106,7 +106,20 @@ template <Goal goal> void findMany(Tree const& tree, std::span<MBSphereRay*> ray
             found[i] = find<goal>(tree, *rays[i]);
         return;
     }
-    searchTogether<RayInFlight<goal>>(tree, rays, found);
+    searchTogether<RayInFlight<goal>>([&tree](std::size_t) -> Tree const& { return tree; }, rays,
+                                      found);
+}
+
+template <Goal goal>
+void findApart(Tree const* const* trees, std::span<MBSphereRay*> rays, bool* found) {
+    auto const treeOf = [trees](std::size_t i) -> Tree const& { return *trees[i]; };
+    bool isAnyDeep = false;
+    for (std::size_t i = 0; i < rays.size(); ++i)
+        isAnyDeep |= treeOf(i).statMaxDepth > usualInnerLevels;
+    if (!isAnyDeep)
+        return searchTogether<RayInFlight<goal>>(treeOf, rays, found);
+    for (std::size_t i = 0; i < rays.size(); ++i)
+        found[i] = find<goal>(treeOf(i), *rays[i]);
 }
 
 } // namespace
@@ -121,8 +134,8 @@ constexpr decltype(MBQueries::findClosestTogether) findClosestTogether = nullptr
 constexpr decltype(MBQueries::findAnyTogether) findAnyTogether = nullptr;
 #endif
 
-constinit MBQueries const mbQueries = {find<Goal::closest>,     find<Goal::any>,
-                                       findMany<Goal::closest>, findMany<Goal::any>,
-                                       findClosestTogether,     findAnyTogether};
+constinit MBQueries const mbQueries = {
+    find<Goal::closest>,      find<Goal::any>,      findMany<Goal::closest>, findMany<Goal::any>,
+    findApart<Goal::closest>, findApart<Goal::any>, findClosestTogether,     findAnyTogether};
 
 } // namespace Kelpa::KELPA_VARIANT

@@ -25,6 +25,10 @@ struct MBQueries {
     void (*findClosestOfMany)(MBTree const& tree, std::span<MBSphereRay*> rays, bool* found);
     /// See `findClosestOfMany`.
     void (*findAnyOfMany)(MBTree const& tree, std::span<MBSphereRay*> rays, bool* found);
+    /// The same for rays each in a tree of its own, `*trees[i]` for `rays[i]`.
+    void (*findClosestApart)(MBTree const* const* trees, std::span<MBSphereRay*> rays, bool* found);
+    /// See `findClosestApart`.
+    void (*findAnyApart)(MBTree const* const* trees, std::span<MBSphereRay*> rays, bool* found);
 
     /// Finds what `findClosest` finds for every ray of a run, on one walk for all that go together,
     /// in a tree with packed spheres that is no deeper than usual. Enters the hits into `result`
@@ -47,6 +51,12 @@ extern MBQueries const mbQueries;
 namespace avx512 {
 extern MBQueries const mbQueries;
 }
+
+/// As `MBTree::intersectMany` for rays each in a tree of its own, `*trees[i]` for `rays[i]`, which
+/// may be without a root.
+void intersectApart(MBTree const* const* trees, std::span<MBSphereRay> rays, int* codes);
+/// As `MBTree::areOccluded`, likewise.
+void areOccludedApart(MBTree const* const* trees, std::span<MBSphereRay> rays, int* occluded);
 
 /// Asks about all rays of a run on one walk if that pays; else asks nothing and returns nothing.
 /// The bits of those that hit something, and the hits in `result`.

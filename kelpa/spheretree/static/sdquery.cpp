@@ -64,6 +64,18 @@ template int SDSphereTree<SDSphere, 20000, 20000>::intersectNode(SDSphereRay&) c
 template void SDSphereTree<SDSphere, 20000, 20000>::areOccluded(std::span<SDSphereRay>, int*) const;
 template bool SDSphereTree<SDSphere, 20000, 20000>::isOccluded(SDSphereRay&) const;
 
+void intersectApart(SDTree const* const* trees, std::span<SDSphereRay> rays, int* codes) {
+    intersectInBoxes(
+        trees, rays, codes, [](auto const& tree) -> Box const& { return tree.bbox; },
+        queries().findClosestApart, codeOf);
+}
+
+void areOccludedApart(SDTree const* const* trees, std::span<SDSphereRay> rays, int* occluded) {
+    intersectInBoxes(
+        trees, rays, occluded, [](auto const& tree) -> Box const& { return tree.bbox; },
+        queries().findAnyApart, [](auto const&, auto const&) { return 1; });
+}
+
 std::optional<std::uint64_t> findClosestTogether(SDTree const& tree, RayRun const& run,
                                                  PrimitiveIntersections& result) {
     if (!canWalkTogether(tree, run))

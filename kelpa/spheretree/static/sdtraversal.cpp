@@ -87,7 +87,20 @@ template <Goal goal> void findMany(Tree const& tree, std::span<SDSphereRay*> ray
             found[i] = find<goal>(tree, *rays[i]);
         return;
     }
-    searchTogether<RayInFlight<goal>>(tree, rays, found);
+    searchTogether<RayInFlight<goal>>([&tree](std::size_t) -> Tree const& { return tree; }, rays,
+                                      found);
+}
+
+template <Goal goal>
+void findApart(Tree const* const* trees, std::span<SDSphereRay*> rays, bool* found) {
+    auto const treeOf = [trees](std::size_t i) -> Tree const& { return *trees[i]; };
+    bool isAnyDeep = false;
+    for (std::size_t i = 0; i < rays.size(); ++i)
+        isAnyDeep |= treeOf(i).innerLevels > usualInnerLevels;
+    if (!isAnyDeep)
+        return searchTogether<RayInFlight<goal>>(treeOf, rays, found);
+    for (std::size_t i = 0; i < rays.size(); ++i)
+        found[i] = find<goal>(treeOf(i), *rays[i]);
 }
 
 } // namespace
@@ -102,8 +115,8 @@ constexpr decltype(SDQueries::findClosestTogether) findClosestTogether = nullptr
 constexpr decltype(SDQueries::findAnyTogether) findAnyTogether = nullptr;
 #endif
 
-constinit SDQueries const sdQueries = {find<Goal::closest>,     find<Goal::any>,
-                                       findMany<Goal::closest>, findMany<Goal::any>,
-                                       findClosestTogether,     findAnyTogether};
+constinit SDQueries const sdQueries = {
+    find<Goal::closest>,      find<Goal::any>,      findMany<Goal::closest>, findMany<Goal::any>,
+    findApart<Goal::closest>, findApart<Goal::any>, findClosestTogether,     findAnyTogether};
 
 } // namespace Kelpa::KELPA_VARIANT

@@ -25,6 +25,10 @@ struct SDQueries {
     void (*findClosestOfMany)(SDTree const& tree, std::span<SDSphereRay*> rays, bool* found);
     /// See `findClosestOfMany`.
     void (*findAnyOfMany)(SDTree const& tree, std::span<SDSphereRay*> rays, bool* found);
+    /// The same for rays each in a tree of its own, `*trees[i]` for `rays[i]`.
+    void (*findClosestApart)(SDTree const* const* trees, std::span<SDSphereRay*> rays, bool* found);
+    /// See `findClosestApart`.
+    void (*findAnyApart)(SDTree const* const* trees, std::span<SDSphereRay*> rays, bool* found);
 
     /// Finds what `findClosest` finds for every ray of a run, on one walk for all that go together,
     /// in a tree with packed leaves that is no deeper than usual. Enters the hits into `result` and
@@ -47,6 +51,12 @@ extern SDQueries const sdQueries;
 namespace avx512 {
 extern SDQueries const sdQueries;
 }
+
+/// As `SDTree::intersectMany` for rays each in a tree of its own, `*trees[i]` for `rays[i]`, which
+/// may be without a root.
+void intersectApart(SDTree const* const* trees, std::span<SDSphereRay> rays, int* codes);
+/// As `SDTree::areOccluded`, likewise.
+void areOccludedApart(SDTree const* const* trees, std::span<SDSphereRay> rays, int* occluded);
 
 /// Asks about all rays of a run on one walk if that pays; else asks nothing and returns nothing.
 /// The bits of those that hit something, and the hits in `result`.
