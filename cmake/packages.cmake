@@ -32,10 +32,13 @@ if(NOT TARGET kelpa_python)
 endif()
 
 # Programs that read one format each may be left out by those who have no such files.
-set(vdb_package kelpa-formats-vdb)
-if(TARGET kelpa-read-vdb)
-    list(APPEND CPACK_COMPONENTS_ALL vdb)
-endif()
+set(formats_packages kelpa-formats-vdb kelpa-formats-hdf5 kelpa-formats-netcdf)
+foreach(format IN ITEMS vdb hdf5 netcdf)
+    if(TARGET kelpa-read-${format})
+        list(APPEND CPACK_COMPONENTS_ALL ${format})
+    endif()
+endforeach()
+list(JOIN formats_packages ", " formats_packages)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -96,16 +99,26 @@ ${what}
 This package holds the command kelpa, which makes pictures straight from
 particle files.")
 
-set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS ${vdb_package})
+set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "${formats_packages}")
 
-set(CPACK_DEBIAN_VDB_PACKAGE_NAME ${vdb_package})
-set(CPACK_DEBIAN_VDB_PACKAGE_SECTION graphics)
-set(CPACK_DEBIAN_VDB_PACKAGE_ENHANCES "${tool_package}, ${python_package}")
-set(CPACK_COMPONENT_VDB_DESCRIPTION "ray tracing of particle systems - OpenVDB points
+# kelpa_formats_package(FORMAT TITLE TEXT): the package of the program that reads a format.
+macro(kelpa_formats_package format title text)
+    string(TOUPPER ${format} component)
+    set(CPACK_DEBIAN_${component}_PACKAGE_NAME kelpa-formats-${format})
+    set(CPACK_DEBIAN_${component}_PACKAGE_SECTION graphics)
+    set(CPACK_DEBIAN_${component}_PACKAGE_ENHANCES "${tool_package}, ${python_package}")
+    set(CPACK_COMPONENT_${component}_DESCRIPTION "ray tracing of particle systems - ${title}
 ${what}
 .
-This package lets the command kelpa and its Python module read the points
-of OpenVDB files.")
+This package lets the command kelpa and its Python module read ${text}.")
+endmacro()
+kelpa_formats_package(vdb "OpenVDB points" "the points
+of OpenVDB files")
+kelpa_formats_package(hdf5 "particles of HDF5" "the
+particles of HDF5 files: snapshots of Gadget, GIZMO, AREPO, SWIFT and EAGLE,
+H5MD and openPMD")
+kelpa_formats_package(netcdf "AMBER NetCDF" "trajectories
+and restarts of AMBER")
 
 if(TARGET kelpa_python)
     set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME ${python_package})
@@ -117,7 +130,7 @@ if(TARGET kelpa_python)
     if(BUILD_SHARED_LIBS)
         string(PREPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${same_library}, ")
     endif()
-    set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-ase, python3-mdanalysis, python3-pandas, ${vdb_package}")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-ase, python3-mdanalysis, python3-pandas, ${formats_packages}")
     set(CPACK_COMPONENT_PYTHON_DESCRIPTION "ray tracing of particle systems - Python module
 ${what}
 .

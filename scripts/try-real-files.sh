@@ -26,7 +26,7 @@ for package in "${packages[@]}"; do
 done
 
 find "$folder/files" -type f -regextype posix-extended -iregex \
-    '.*(\.(pdb|ent|cif|mmcif|xyz|extxyz|gro|dump|lammpstrj|ply|bgeo|vdb|dcd|xtc|trr|h5md)|/(data|dump)\.[^/]*)(\.(gz|xz|bz2|zst))?' |
+    '.*(\.(pdb|ent|cif|mmcif|xyz|extxyz|gro|dump|lammpstrj|ply|bgeo|vdb|dcd|xtc|trr|h5md|h5|hdf5|ncdf|ncrst|nc)|/(data|dump)\.[^/]*)(\.(gz|xz|bz2|zst))?' |
     sort >"$folder/list"
 
 : >"$folder/results"

@@ -199,6 +199,20 @@ struct UseChooser {
 
 } // namespace
 
+std::vector<std::string> namesUsed(ColumnNames const& names, ReadOptions const& options) {
+    std::vector<std::string> used = options.attributes;
+    for (std::span<VectorColumns const> const choices :
+         {names.positions, names.colors, names.velocities, names.images})
+        for (VectorColumns const& choice : choices)
+            used.insert(used.end(), std::begin(choice.names), std::end(choice.names));
+    for (RadiusName const& radius : radiusNames)
+        used.emplace_back(radius.name);
+    for (std::string_view const name :
+         {std::string_view(options.radiusFrom), names.element, names.type, std::string_view("id")})
+        used.emplace_back(name);
+    return used;
+}
+
 std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> const& columns,
                                   ColumnNames const& names, ReadOptions const& options,
                                   ParticleSet& particles) {

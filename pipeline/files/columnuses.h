@@ -28,6 +28,9 @@ struct ColumnNames {
     std::string_view type{};
 };
 
+/// The names of all columns that `chooseUses` may use, whether the file has them or not.
+std::vector<std::string> namesUsed(ColumnNames const& names, ReadOptions const& options);
+
 /// Decides what each column is read for and says so in `particles`. Refuses a file without
 /// positions, and names in `options` that no column has.
 std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> const& columns,

@@ -73,6 +73,19 @@ bool isLammpsData(std::string_view head) {
     return hasAtoms && hasBox;
 }
 
+/// HDF5 may have something of others in front, as long as a power of two.
+bool isHdf5(std::string_view head) {
+    for (std::size_t begin = 0; begin < head.size(); begin = std::max<std::size_t>(512, 2 * begin))
+        if (startsWith<'\x89', 'H', 'D', 'F', '\r', '\n', 0x1a, '\n'>(head.substr(begin)))
+            return true;
+    return false;
+}
+
+bool isNetcdf(std::string_view head) {
+    return startsWith<'C', 'D', 'F', 1>(head) || startsWith<'C', 'D', 'F', 2>(head) ||
+           startsWith<'C', 'D', 'F', 5>(head);
+}
+
 bool isXtc(std::string_view head) {
     return startsWith<0, 0, 7, '\xcb'>(head) || startsWith<0, 0, 7, '\xe7'>(head);
 }
@@ -114,6 +127,8 @@ constexpr FileFormat formats[] = {
      newBgeo},
     {"pdb", "PDB", ".pdb .ent", isPdb, readPdb, {}, true},
     {"mmcif", "CIF", ".cif .mmcif", isMmCif, readMmCif, {}, true},
+    {"hdf5", "HDF5", ".hdf5 .h5 .h5md", isHdf5, readHdf5, {}, false, true},
+    {"netcdf", "AMBER NetCDF", ".nc .ncdf .ncrst", isNetcdf, readNetcdf},
     {"vdb", "OpenVDB points", ".vdb", startsWith<' ', 'B', 'D', 'V'>, readVdb},
 };
 

@@ -20,6 +20,7 @@ struct FileFormat {
     ParticleSet (*read)(InputFile& file, ReadOptions const& options); ///< null: not read
     std::string_view wayOn{};   ///< what to do with a file that is not read
     bool hasAssemblies = false; ///< whether `ReadOptions::assembly` makes sense
+    bool hasKinds = false;      ///< whether `ReadOptions::kinds` does
 
     bool hasSuffixOf(std::string_view path) const;
 };

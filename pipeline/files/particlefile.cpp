@@ -40,6 +40,8 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
                                        : format.wayOn);
     if (!options.assembly.empty() && !format.hasAssemblies)
         file.fail({Hint::To::askElsewhere}, "{} has no assemblies", format.title);
+    if (!options.kinds.empty() && !format.hasKinds)
+        file.fail("{} does not keep kinds of particles apart; HDF5 does", format.title);
     try {
         ParticleSet particles = format.read(file, options);
         if (!file.packing().empty())

@@ -91,6 +91,8 @@ struct ParticleSet {
     std::vector<std::size_t> virtualSites; ///< rows of the file, rising, that are no particles
     std::vector<std::string> leftOut;      ///< what the file holds besides, such as "list 'links'"
     std::vector<Remark> notes;             ///< what the user should know, a line each
+    std::optional<std::int64_t> step;      ///< of the simulation, at this frame
+    std::optional<double> time;            ///< of the frame, in the file's own unit
     int frame = 0;      ///< which of them, or of the files of a sequence, this is
     int frameCount = 1; ///< frames in the file, as far as the reader had to count them
     /// How many frames' time after the one that it was read to follow it was taken: more than 1

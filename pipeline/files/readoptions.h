@@ -13,7 +13,9 @@ struct ReadOptions {
     std::string format{};   ///< one of `formatNames`; empty: told from the content, then the suffix
     int frame = 0;          ///< negative: counted from the end
     std::string assembly{}; ///< the biological assembly to build; empty: what the file holds
-    std::string topology{}; ///< a file that names the particles of this one; empty: none
+    /// The kinds of particles to read, of formats that keep them apart; none: all.
+    std::vector<std::string> kinds{};
+    std::string topology{};   ///< a file that names the particles of this one; empty: none
     std::string radiusFrom{}; ///< the column to take radii from; empty: the format's own names
     std::vector<std::string> attributes{}; ///< further columns to keep, by name
     bool allAttributes = false; ///< keep every column, every digit of it: `ParticleSet::typed`

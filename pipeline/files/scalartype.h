@@ -24,6 +24,13 @@ constexpr std::size_t scalarBytes(ScalarType type) {
     return bytes[static_cast<int>(type)];
 }
 
+/// What a type is called, such as "float32".
+constexpr char const* scalarName(ScalarType type) {
+    constexpr char const* names[] = {"int8",   "uint8", "int16",  "uint16",  "int32",
+                                     "uint32", "int64", "uint64", "float32", "float64"};
+    return names[static_cast<int>(type)];
+}
+
 constexpr bool isFloating(ScalarType type) {
     return type == ScalarType::float32 || type == ScalarType::float64;
 }

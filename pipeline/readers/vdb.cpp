@@ -262,6 +262,6 @@ void readPoints(ReaderInput const& input, ReaderSender const& sender) {
 
 } // namespace
 
-int main() {
-    return pipeline::runReader(readPoints);
+int main(int argc, char** argv) {
+    return pipeline::runReader(argc, argv, readPoints);
 }

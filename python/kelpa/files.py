@@ -48,6 +48,7 @@ def read(
     assembly: Optional[Union[str, int]] = None,
     elements: Optional[Union[str, Sequence[str]]] = None,
     format: Optional[str] = None,
+    part_type: Optional[Union[str, Sequence[str]]] = None,
     topology: Optional[Path] = None,
     motion: Union[str, Path] = "none",
     times: Sequence[float] = (0.0, 1.0),
@@ -91,6 +92,8 @@ def read(
         Elements of the numbered types 1, 2 and so on.
     format : str, optional
         Name of the format; else told from the content.
+    part_type : "gas,stars" or a sequence of names, optional
+        The kinds of particles to read of an HDF5 file; by default all.
     topology : path, optional
         A file that names the particles of a trajectory.
     motion : "none", "velocity", "next" or the path of a later snapshot
@@ -110,8 +113,8 @@ def read(
         path, radius=radius, radius_from=radius_from, radius_scale=radius_scale, radii=radii,
         points=points, color=color, color_by=color_by, colormap=colormap, colors=colors, range=range,
         select=select, slice=slice, every=every, replicate=replicate, wrap=wrap, assembly=assembly,
-        elements=elements, format=format, topology=topology, motion=motion, times=times,
-        shutter=shutter, dt=dt, columns=columns,
+        elements=elements, format=format, part_type=part_type, topology=topology, motion=motion,
+        times=times, shutter=shutter, dt=dt, columns=columns,
     ).read(frame, progress)
 
 
@@ -187,6 +190,7 @@ def _wanted(
     assembly: Optional[Union[str, int]] = None,
     elements: Optional[Union[str, Sequence[str]]] = None,
     format: Optional[str] = None,
+    part_type: Optional[Union[str, Sequence[str]]] = None,
     topology: Optional[Path] = None,
     motion: Union[str, Path] = "none",
     times: Sequence[float] = (0.0, 1.0),
@@ -215,6 +219,10 @@ def _wanted(
     wanted.format = format or ""
     wanted.assembly = "" if assembly is None else str(assembly)
     wanted.topology = b"" if topology is None else os.fsencode(topology)
+    wanted.kinds = (
+        part_type.split(",") if isinstance(part_type, str)
+        else check.names("part_type", part_type or ())
+    )
     wanted.radius_from = check.text("radius_from", radius_from)
     wanted.elements = _elements(elements)
     wanted.columns = None if columns is None else check.names("columns", columns)

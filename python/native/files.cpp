@@ -118,11 +118,9 @@ py::array ownedArray(std::vector<Kelpa::Vector>&& values) {
 }
 
 py::array ownedArray(pipeline::TypedColumn&& column) {
-    static constexpr char const* names[] = {"int8",   "uint8", "int16",  "uint16",  "int32",
-                                            "uint32", "int64", "uint64", "float32", "float64"};
     auto const bytes = static_cast<py::ssize_t>(scalarBytes(column.type));
     py::array const kept = ownedArray(std::move(column.bytes));
-    py::dtype const type{std::string(names[static_cast<int>(column.type)])};
+    py::dtype const type{std::string(scalarName(column.type))};
     return py::array(type, {kept.size() / bytes}, {bytes}, kept.data(), kept);
 }
 

@@ -107,6 +107,7 @@ void defineWanted(py::module_& module) {
     wanted.def(py::init<>())
         .def_readwrite("format", &Wanted::format)
         .def_readwrite("assembly", &Wanted::assembly)
+        .def_readwrite("kinds", &Wanted::kinds)
         .def_readwrite("topology", &Wanted::topology)
         .def_readwrite("radius_from", &Wanted::radiusFrom)
         .def_readwrite("elements", &Wanted::elements)

@@ -18,6 +18,7 @@ namespace kelpapython {
 struct Wanted {
     std::string format;
     std::string assembly;
+    std::vector<std::string> kinds;
     std::string topology;
     std::string radiusFrom;
     std::vector<std::uint8_t> elements;              ///< atomic numbers of types 1, 2 and so on
@@ -38,6 +39,7 @@ struct Wanted {
             read.attributes = *columns; // which refuses those that are not there
         for (std::string const& name : pipeline::columnsOf(scene))
             read.attributes.push_back(name);
+        read.kinds = kinds;
         read.topology = topology;
         read.forMotion = pipeline::hasSecondSnapshot(scene.motion.motion);
         read.progress = progress;

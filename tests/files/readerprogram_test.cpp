@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <new>
 
 using namespace pipeline;
 using namespace kelpatest;
@@ -46,6 +47,8 @@ class ReaderPrograms : public ParticleFiles {
         try {
             readByProgram(input, {program, "Library", "get it", patience}, names, options,
                           particles);
+        } catch (NoSuchFrame const&) {
+            throw;
         } catch (InputError const& error) {
             return error.what();
         }
@@ -57,7 +60,7 @@ class ReaderPrograms : public ParticleFiles {
     }
 };
 
-std::string const hello = message('h', "kelpa-reader 1");
+std::string const hello = message('h', "kelpa-reader 2");
 std::string const columns = message('c', "8P.x\\nvec3s", 10) + message('c', "8P.y\\nvec3s", 10) +
                             message('c', "0P.z\\nchar", 9) + message('c', "7big\\nulong", 10);
 
@@ -77,6 +80,37 @@ TEST_F(ReaderPrograms, SendColumnsOfEveryTypeAndRows) {
     EXPECT_TRUE(same(particles.positions[1], {1, 2, 3}));
     EXPECT_EQ(particles.columns.at(3).max, 18446744073709551615.0);
     EXPECT_TRUE(holdsAll(particles.notes.at(0).text, {"a: half\\x1b read"}));
+}
+
+TEST_F(ReaderPrograms, HearWhatIsWantedAndTellFactsAndNames) {
+    std::string const places =
+        message('c', "8P.x\\nf", 6) + message('c', "8P.y\\nf", 6) + message('c', "8P.z\\nf", 6);
+    std::string const script =
+        hello + "test \"$2 $3\" = 'frame=-2 kinds=gas,stars' || exit\n" +
+        "case \",$4,\" in ,columns=kind,P.x,P.y,P.z,radius,*) ;; *) exit ;; esac\n" +
+        message('f', "step\\n-7", 7) + message('f', "frames\\n3", 8) +
+        message('f', "cell\\n0 0 0 1 0 0 0 2 0 0 0 3 1 0 1", 34) + message('f', "what\\never", 9) +
+        places + message('c', "1kind\\nu", 7) + message('m', "0 gas\\n2 old stars\\n", 18) +
+        message('a', "mass") + message('r', "\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0\\002", 13) +
+        message('e', "");
+    ReadOptions const wanted{.frame = -2, .kinds = {"gas", "stars"}, .attributes = {"kind"}};
+    ParticleSet particles;
+    EXPECT_EQ(hear(script, particles, wanted), "");
+    EXPECT_EQ(particles.step, -7);
+    EXPECT_EQ(particles.frameCount, 3);
+    EXPECT_EQ(particles.cell.value().isPeriodic, (std::array<bool, 3>{true, false, true}));
+    EXPECT_EQ(particles.attributes.at(0).values, std::vector<float>{2});
+    EXPECT_EQ(particles.attributes[0].names->all(),
+              (std::vector<std::string>{"gas", "1", "old stars"}));
+    // What was not asked for is listed all the same; what is asked for and not sent is refused.
+    EXPECT_TRUE(holdsAll(hear(hello + places + message('a', "mass") + message('e', ""), particles,
+                              {.attributes = {"m"}}),
+                         {"no attribute 'm'; it has P.x P.y P.z mass"}));
+    EXPECT_TRUE(holdsAll(hear(hello + places + message('a', "m") + message('e', ""), particles,
+                              {.attributes = {"m"}}),
+                         {"sends no column 'm', which it has"}));
+    EXPECT_THROW(hear(hello + message('x', "no frame 9"), particles), NoSuchFrame);
+    EXPECT_THROW(hear(hello + message('o', ""), particles), std::bad_alloc);
 }
 
 TEST_F(ReaderPrograms, AreBlamedInOneLineWhateverTheyDo) {

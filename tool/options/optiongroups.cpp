@@ -43,6 +43,14 @@ void addRunOptions(CLI::App& app, RunOptions& run) {
 
 namespace {
 
+std::vector<std::string> splitNames(std::string const& names) {
+    std::vector<std::string> list;
+    std::istringstream rest(names);
+    for (std::string name; std::getline(rest, name, ',');)
+        list.push_back(name);
+    return list;
+}
+
 std::vector<std::uint8_t> parseElements(std::string const& symbols) {
     std::vector<std::uint8_t> elements;
     std::istringstream rest(symbols + ",");
@@ -63,6 +71,9 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
         "--frame", particles.frame,
         "Frame of the file, or the number of a file of a sequence, such as cache.{}.ply; "
         "negative: from the end; default: the first");
+    addParsed(app, "--part-type", "gas,stars", particles.kinds, splitNames,
+              "Kinds of particles of an HDF5 file: gas, dm, disk, bulge, stars, bh of a snapshot, "
+              "species of openPMD, the group of H5MD; default: all");
     app.add_option("--topology", particles.topology,
                    "File that names the particles of a trajectory such as XTC: PDB, GRO, CIF, "
                    "LAMMPS data")

@@ -29,6 +29,7 @@ struct ParticleOptions {
     std::optional<int> frame;           ///< unset: the first
     std::vector<FrameRange> frames;     ///< several pictures; empty: one
     bool strict = false;                ///< what is missing of a sequence is an error
+    std::vector<std::string> kinds;     ///< of particles; empty: all
     std::string topology;               ///< empty: none
     std::string assembly;               ///< empty: none
     std::vector<std::uint8_t> elements; ///< atomic numbers of types 1, 2 and so on; empty: as read

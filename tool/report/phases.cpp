@@ -48,6 +48,7 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     ReadOptions read;
     read.format = options.particles.format;
     read.assembly = options.particles.assembly;
+    read.kinds = options.particles.kinds;
     read.topology = options.particles.topology;
     read.allAttributes = options.particles.keepsAllColumns;
     read.radiusFrom = options.particles.radiusFrom;

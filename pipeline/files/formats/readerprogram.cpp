@@ -1,6 +1,7 @@
 // Starts a reader, hears its answer with a time limit, and ends it.
 #include "pipeline/files/formats/readerprogram.h"
 
+#include "pipeline/files/formats/molecule.h"
 #include "pipeline/files/formats/readermessages.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/textvalues.h"
@@ -9,13 +10,18 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -86,13 +92,14 @@ class SpawnPlan {
 /// A running program and the pipe from it; both go with this object.
 class RunningReader {
   public:
-    RunningReader(InputFile& input, ReaderProgram const& reader, PhaseProgress const& phase)
+    RunningReader(InputFile& input, ReaderProgram const& reader, PhaseProgress const& phase,
+                  std::vector<std::string> wishes)
         : file(input), program(reader), progress(phase) {
         std::string const path = findReaderProgram(program.name);
         if (path.empty())
             file.fail("it is read by the program {}, which is not installed; {}", program.name,
                       program.wayOn);
-        start(path);
+        start(path, std::move(wishes));
     }
     ~RunningReader() {
         if (child < 0)
@@ -122,13 +129,17 @@ class RunningReader {
         read(bytes.data(), bytes.size());
         if (kind == ReaderMessage::problem)
             file.fail("{}", oneLine(bytes));
+        if (kind == ReaderMessage::noFrame)
+            throw NoSuchFrame(fmt::format("{}: {}", file.path(), oneLine(bytes)));
+        if (kind == ReaderMessage::memory)
+            throw std::bad_alloc();
         return kind;
     }
 
     std::string bytes;
 
   private:
-    void start(std::string const& path) {
+    void start(std::string const& path, std::vector<std::string> wishes) {
         SpawnPlan plan;
         // Above the numbers that the program's own get, so that none is overwritten by another.
         int const input = fcntl(file.handle(), F_DUPFD_CLOEXEC, readerFileDescriptor + 1);
@@ -140,11 +151,14 @@ class RunningReader {
         posix_spawn_file_actions_adddup2(&plan.actions, input, readerFileDescriptor);
         std::string name(program.name);
         std::string of = file.path();
-        char* const arguments[] = {name.data(), of.data(), nullptr};
+        std::vector<char*> arguments = {name.data(), of.data()};
+        for (std::string& wish : wishes)
+            arguments.push_back(wish.data());
+        arguments.push_back(nullptr);
         int const error = input < 0 || output < 0
                               ? errno
                               : posix_spawn(&child, path.c_str(), &plan.actions, &plan.attributes,
-                                            arguments, environ);
+                                            arguments.data(), environ);
         for (int const descriptor : {input, output})
             if (descriptor >= 0)
                 close(descriptor);
@@ -190,10 +204,21 @@ class RunningReader {
             file.fail("{} ends before it reads; is what it needs installed, and is there memory "
                       "for it?",
                       program.name);
-        // A library's failure tells no reason; a bound such as that of `ulimit -v` ends it alike.
+        if (isBoundTightly())
+            throw std::bad_alloc();
+        // A library's failure tells no reason.
         file.fail("{} ends while it reads this file; it is damaged or incomplete, or there is too "
                   "little memory for it",
                   program.library);
+    }
+
+    /// Whether `ulimit -v` or the like leaves the program less than it would grant itself.
+    bool isBoundTightly() const {
+        constexpr std::uint64_t base = std::uint64_t{1} << 30;
+        constexpr std::uint64_t perByte = 64;
+        rlimit memory{};
+        return getrlimit(RLIMIT_AS, &memory) == 0 && memory.rlim_cur != RLIM_INFINITY &&
+               memory.rlim_cur < base + perByte * file.sizeOnDisk();
     }
 
     InputFile& file;
@@ -215,6 +240,115 @@ Column columnOf(InputFile const& file, std::string_view message, std::size_t off
             scalar, offset};
 }
 
+/// The table that names by numbers make; null where the numbers are no small ones from 0.
+std::shared_ptr<NameTable const> tableOf(std::string_view lines) {
+    constexpr std::int64_t most = 4096;
+    std::map<std::int64_t, std::string> entries;
+    while (!lines.empty()) {
+        std::string_view line = lines.substr(0, lines.find('\n'));
+        lines.remove_prefix(std::min(lines.size(), line.size() + 1));
+        std::int64_t number = -1;
+        if (!parseNumber(nextWord(line), number) || number < 0 || number >= most)
+            return nullptr;
+        entries[number] = line.substr(std::min<std::size_t>(line.size(), 1));
+    }
+    auto table = std::make_shared<NameTable>();
+    for (auto const& [number, name] : entries) {
+        while (table->all().size() < static_cast<std::size_t>(number)) // those without a name
+            table->numberOf(std::to_string(table->all().size()));
+        if (table->numberOf(name) != static_cast<std::uint64_t>(number))
+            return nullptr;
+    }
+    return table;
+}
+
+/// Takes a fact that a message tells.
+void takeFact(std::string_view message, ParticleSet& particles, std::uint64_t& count) {
+    std::string_view const what = message.substr(0, message.find('\n'));
+    std::string_view value = message.substr(std::min(message.size(), what.size() + 1));
+    auto const number = [&value]<class Number>(Number otherwise) {
+        Number found = otherwise;
+        return parseNumber(nextWord(value), found) ? found : otherwise;
+    };
+    if (what == "format")
+        particles.format = printable(value);
+    else if (what == "frames")
+        particles.frameCount = number(1);
+    else if (what == "step")
+        particles.step = number(std::int64_t{0});
+    else if (what == "time")
+        particles.time = number(0.0);
+    else if (what == "particles")
+        count = number(std::uint64_t{0});
+    else if (what == "angstrom")
+        particles.angstrom = number(1.0F);
+    else if (what == "lattice") {
+        std::array<double, 6> edges{};
+        for (double& length : edges)
+            length = number(0.0);
+        particles.cell =
+            cellOfAngles({edges[0], edges[1], edges[2]}, {edges[3], edges[4], edges[5]});
+    } else if (what == "cell") {
+        PeriodicCell& cell = particles.cell.emplace();
+        for (double& place : cell.origin)
+            place = number(0.0);
+        for (auto& edge : cell.edges)
+            for (double& part : edge)
+                part = number(0.0);
+        for (bool& isPeriodic : cell.isPeriodic)
+            isPeriodic = number(0) != 0;
+    }
+}
+
+/// What the program is told beside the path.
+std::vector<std::string> wishesFor(ColumnNames const& names, ReadOptions const& options) {
+    std::vector<std::string> wishes = {fmt::format("frame={}", options.frame)};
+    if (options.findOnly)
+        wishes.emplace_back("find");
+    if (!options.kinds.empty())
+        wishes.push_back(fmt::format("kinds={}", fmt::join(options.kinds, ",")));
+    if (!options.summarise && !options.allAttributes)
+        wishes.push_back(fmt::format("columns={}", fmt::join(namesUsed(names, options), ",")));
+    return wishes;
+}
+
+/// What comes before the rows: facts and columns.
+struct Announced {
+    std::vector<Column> columns;
+    std::size_t rowBytes = 0;
+    std::uint64_t particles = 0;
+};
+
+/// Hears messages up to the first that announces nothing; returns its kind.
+ReaderMessage hearAnnouncements(InputFile const& file, RunningReader& reader, Announced& announced,
+                                ParticleSet& particles) {
+    std::vector<Column>& columns = announced.columns;
+    for (;;) {
+        ReaderMessage const kind = reader.next();
+        switch (kind) {
+        case ReaderMessage::note:
+            particles.notes.push_back(fmt::format("{}: {}", file.path(), oneLine(reader.bytes)));
+            break;
+        case ReaderMessage::fact:
+            takeFact(reader.bytes, particles, announced.particles);
+            break;
+        case ReaderMessage::column:
+            columns.push_back(columnOf(file, reader.bytes, announced.rowBytes));
+            announced.rowBytes += scalarBytes(columns.back().stored);
+            break;
+        case ReaderMessage::names:
+            if (!columns.empty())
+                columns.back().names = tableOf(reader.bytes);
+            break;
+        case ReaderMessage::absent: // for messages that list the columns; no name of it is used
+            columns.push_back({reader.bytes, "", ScalarType::uint8, ScalarType::uint8, 0, true});
+            break;
+        default:
+            return kind;
+        }
+    }
+}
+
 } // namespace
 
 std::string findReaderProgram(std::string_view name) {
@@ -231,23 +365,32 @@ std::string findReaderProgram(std::string_view name) {
 
 void readByProgram(InputFile& file, ReaderProgram const& program, ColumnNames const& names,
                    ReadOptions const& options, ParticleSet& particles) {
-    RunningReader reader(file, program, options.progress);
+    if (!file.packing().empty() || !file.canBeReadAgain())
+        file.fail("{} reads plain files only, not from {}; unpack it first", program.library,
+                  file.packing().empty() ? "a pipe" : "packed ones");
+    RunningReader reader(file, program, options.progress, wishesFor(names, options));
     reader.greet();
-    std::vector<Column> columns;
-    std::size_t rowBytes = 0;
-    ReaderMessage kind = reader.next();
-    for (; kind == ReaderMessage::column || kind == ReaderMessage::note; kind = reader.next()) {
-        if (kind == ReaderMessage::note) {
-            particles.notes.push_back(fmt::format("{}: {}", file.path(), oneLine(reader.bytes)));
-            continue;
-        }
-        columns.push_back(columnOf(file, reader.bytes, rowBytes));
-        rowBytes += scalarBytes(columns.back().stored);
-    }
-    RowConverter converter(particles, columns, chooseUses(file, columns, names, options, particles),
-                           options.summarise);
+    Announced announced;
+    ReaderMessage kind = hearAnnouncements(file, reader, announced, particles);
+    if (options.findOnly)
+        return;
+    // What is derived stands behind what is read.
+    std::vector<Column>& columns = announced.columns;
+    std::stable_partition(columns.begin(), columns.end(),
+                          [](Column const& column) { return !column.isDerived; });
+    std::size_t const rowBytes = announced.rowBytes;
+    std::vector<ColumnUse> const uses = chooseUses(file, columns, names, options, particles);
+    for (ColumnUse const& use : uses)
+        if (columns[use.column].isDerived)
+            file.fail("{} sends no column {}, which it has", program.name,
+                      pipeline::quoted(columns[use.column].name));
+    for (ColumnUse const& use : uses)
+        if (use.target == Target::type)
+            particles.typeNames = columns[use.column].names;
+    RowConverter converter(particles, columns, uses, options.summarise);
+    converter.reserve(plausibleRows(file, announced.particles, 1));
     for (; kind == ReaderMessage::rows; kind = reader.next()) {
-        std::size_t const rows = reader.bytes.size() / rowBytes;
+        std::size_t const rows = rowBytes > 0 ? reader.bytes.size() / rowBytes : 0;
         converter.append(reader.bytes.data(), rows, rowBytes, false);
         file.particles += rows;
     }

@@ -23,8 +23,9 @@ struct ReaderProgram {
 /// installed. Empty: nowhere.
 std::string findReaderProgram(std::string_view name);
 
-/// Lets the program read a file and collects what it sends into `particles`. Whatever happens to
-/// the program, the file is to blame: the error says so in one line.
+/// Lets the program read the frame that `options` ask for and collects what it sends into
+/// `particles`. Whatever happens to the program, the file is to blame: the error says so in one
+/// line. Refuses files that are packed, and pipes.
 void readByProgram(InputFile& file, ReaderProgram const& program, ColumnNames const& names,
                    ReadOptions const& options, ParticleSet& particles);
 

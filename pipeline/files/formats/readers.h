@@ -22,6 +22,8 @@ ParticleSet readGro(InputFile& file, ReadOptions const& options);
 ParticleSet readBgeo(InputFile& file, ReadOptions const& options);
 ParticleSet readPdb(InputFile& file, ReadOptions const& options);
 ParticleSet readMmCif(InputFile& file, ReadOptions const& options);
+ParticleSet readHdf5(InputFile& file, ReadOptions const& options);
+ParticleSet readNetcdf(InputFile& file, ReadOptions const& options);
 ParticleSet readVdb(InputFile& file, ReadOptions const& options);
 
 } // namespace pipeline

@@ -26,9 +26,6 @@ constexpr ReaderProgram vdbProgram = {
 } // namespace
 
 ParticleSet readVdb(InputFile& file, ReadOptions const& options) {
-    if (!file.packing().empty() || !file.canBeReadAgain())
-        file.fail("VDB is read from plain files only, not from {}; unpack it first",
-                  file.packing().empty() ? "a pipe" : "packed ones");
     requireOnlyFrame(file, options, "a VDB file");
     ParticleSet particles;
     particles.format = "OpenVDB points";
