@@ -118,6 +118,7 @@ constexpr FileFormat formats[] = {
     {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
     {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, readLammps},
     {"lammps-data", "LAMMPS data", ".data .lmp", isLammpsData, readLammpsData},
+    {"lammps-binary", "LAMMPS binary dump", ".bin", isLammpsBinary, readLammpsBinary},
     {"dcd", "DCD", ".dcd", isDcd, readDcd},
     {"xtc", "XTC", ".xtc", isXtc, readXtc},
     {"trr", "TRR", ".trr", startsWith<0, 0, 7, '\xc9'>, readTrr},

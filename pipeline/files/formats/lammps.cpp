@@ -1,5 +1,6 @@
 // Reads LAMMPS dumps, frame after frame.
 #include "pipeline/files/formats/frames.h"
+#include "pipeline/files/formats/lammpscolumns.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"
 #include "pipeline/files/textvalues.h"
@@ -21,53 +22,6 @@ namespace {
 using std::array;
 
 constexpr std::string_view itemMark = "ITEM:";
-
-constexpr VectorColumns unwrapped = {"xu yu zu", {"xu", "yu", "zu"}};
-constexpr VectorColumns wrapped = {"x y z", {"x", "y", "z"}};
-constexpr VectorColumns scaledUnwrapped = {"xsu ysu zsu", {"xsu", "ysu", "zsu"}};
-constexpr VectorColumns scaled = {"xs ys zs", {"xs", "ys", "zs"}};
-
-constexpr VectorColumns positionNames[] = {unwrapped, wrapped};
-constexpr VectorColumns velocityNames[] = {{"vx vy vz", {"vx", "vy", "vz"}}};
-constexpr VectorColumns imageNames[] = {{"ix iy iz", {"ix", "iy", "iz"}}};
-constexpr VectorColumns noImages[] = {{"", {"", "", ""}}};
-
-bool hasAll(RowLayout const& layout, VectorColumns const& vector) {
-    return std::all_of(std::begin(vector.names), std::end(vector.names),
-                       [&](std::string_view name) { return layout.find(name) != nullptr; });
-}
-
-// The box ------------------------------------------------------------------------------------
-
-/// The cell that three lines of bounds make. With tilts `xy xz yz` the bounds are those of the box
-/// around the tilted cell; with `abc origin` each line is an edge and a coordinate of the origin.
-PeriodicCell cellOf(array<array<double, 4>, 3> const& lines, bool isTilted, bool isGeneral) {
-    PeriodicCell cell;
-    for (std::size_t axis = 0; axis < 3; ++axis) {
-        if (isGeneral) {
-            std::copy_n(lines[axis].begin(), 3, cell.edges[axis].begin());
-            cell.origin[axis] = lines[axis][3];
-        } else {
-            cell.origin[axis] = lines[axis][0];
-            cell.edges[axis][axis] = lines[axis][1] - lines[axis][0];
-        }
-    }
-    if (isTilted && !isGeneral) {
-        double const xy = lines[0][2];
-        double const xz = lines[1][2];
-        double const yz = lines[2][2];
-        double const lowX = std::min({0.0, xy, xz, xy + xz});
-        double const highX = std::max({0.0, xy, xz, xy + xz});
-        cell.origin[0] -= lowX;
-        cell.edges[0][0] -= highX - lowX;
-        cell.origin[1] -= std::min(0.0, yz);
-        cell.edges[1][1] -= std::abs(yz);
-        cell.edges[1][0] = xy;
-        cell.edges[2][0] = xz;
-        cell.edges[2][1] = yz;
-    }
-    return cell;
-}
 
 /// Whether the boundary flags of one axis, such as "pp" or "fs", say periodic.
 bool isPeriodic(std::string_view flags) {
@@ -92,6 +46,8 @@ class LammpsFrames final : public FrameFormat {
 
     TextFrame frame;
     bool hasCount = false;
+    std::optional<std::int64_t> step;
+    std::optional<double> time;
     std::optional<PeriodicCell> cell;
     std::string columns; ///< their names, as the item ATOMS lists them
 };
@@ -107,11 +63,10 @@ std::string_view LammpsFrames::itemLine(InputFile& file, std::string_view what) 
 void LammpsFrames::readStep(InputFile& file) {
     std::string_view const line = itemLine(file, "its time step");
     std::string_view words = line;
-    std::int64_t step = 0;
-    if (!parseNumber(nextWord(words), step))
+    if (!parseNumber(nextWord(words), step.emplace()))
         file.failHere(frame.wayOn(), "{} where the time step of {} belongs", quoted(line),
                       frame.name);
-    frame.name = fmt::format("frame at step {}", step);
+    frame.name = fmt::format("frame at step {}", *step);
 }
 
 void LammpsFrames::readCount(InputFile& file) {
@@ -148,11 +103,11 @@ void LammpsFrames::readBox(InputFile& file, std::string_view flags) {
                 file.failHere(frame.wayOn(), "{} where {} bounds of the box of {} belong",
                               quoted(line), numbers, frame.name);
     }
-    cell = cellOf(lines, isTilted, isGeneral);
+    cell = cellOfBounds(lines, isTilted, isGeneral);
     cell->isPeriodic = periodic;
 }
 
-/// Passes over the lines of an item that tells nothing of particles, such as UNITS or TIME.
+/// Passes over the lines of an item that tells nothing of particles, such as UNITS.
 void LammpsFrames::skipItem(InputFile& file) {
     for (;;) {
         std::optional<std::string_view> const line = file.peekLine();
@@ -172,6 +127,8 @@ bool LammpsFrames::begin(InputFile& file, int index) {
         return false;
     frame = {index, 0, fmt::format("frame {}", index), itemMark};
     hasCount = false;
+    step.reset();
+    time.reset();
     cell.reset();
     for (;;) {
         std::string_view item = itemLine(file, "its rows");
@@ -183,6 +140,10 @@ bool LammpsFrames::begin(InputFile& file, int index) {
         item.remove_prefix(std::min(item.size(), item.find_first_not_of(' ')));
         if (item.starts_with("TIMESTEP")) {
             readStep(file);
+        } else if (item.starts_with("TIME")) {
+            std::string_view words = itemLine(file, "its time");
+            if (double value = 0.0; parseNumber(nextWord(words), value))
+                time = value;
         } else if (item.starts_with("NUMBER OF ATOMS")) {
             readCount(file);
         } else if (item.starts_with("BOX BOUNDS")) {
@@ -233,72 +194,25 @@ RowLayout LammpsFrames::layoutOf(InputFile& file) const {
     return layout;
 }
 
-/// Turns scaled coordinates of a row, fractions of the cell's edges, into places.
-class Unscaler {
-  public:
-    Unscaler(RowLayout& layout, VectorColumns const& from, VectorColumns const& to,
-             PeriodicCell const& box)
-        : cell(box) {
-        for (std::string_view const name : to.names)
-            layout.addDerived(std::string(name));
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            sources[axis] = layout.find(from.names[axis])->offset;
-            targets[axis] = layout.find(to.names[axis])->offset;
-        }
-    }
-
-    void operator()(char* row) const {
-        array<double, 3> place = cell.origin;
-        for (std::size_t edge = 0; edge < 3; ++edge) {
-            double fraction = 0.0;
-            std::memcpy(&fraction, row + sources[edge], sizeof fraction);
-            for (std::size_t axis = 0; axis < 3; ++axis)
-                place[axis] += fraction * cell.edges[edge][axis];
-        }
-        for (std::size_t axis = 0; axis < 3; ++axis)
-            std::memcpy(row + targets[axis], &place[axis], sizeof place[axis]);
-    }
-
-  private:
-    PeriodicCell cell;
-    array<std::size_t, 3> sources{};
-    array<std::size_t, 3> targets{};
-};
-
 ParticleSet LammpsFrames::read(InputFile& file, ReadOptions const& options) {
     RowLayout layout = layoutOf(file);
-    // Which coordinates are taken, in order of preference; where particles move, those that go on
-    // beyond the cell come first.
-    VectorColumns const* from = nullptr;
-    for (VectorColumns const* const choice :
-         {&unwrapped, options.forMotion ? &scaledUnwrapped : &wrapped,
-          options.forMotion ? &wrapped : &scaledUnwrapped, &scaled})
-        if (from == nullptr && hasAll(layout, *choice))
-            from = choice;
-    bool const isScaled = from == &scaled || from == &scaledUnwrapped;
-    bool const isWrapped = from == &wrapped || from == &scaled;
-
+    DumpPlaces const places(layout, options.forMotion);
     std::function<void(char*)> derive;
-    if (isScaled) {
+    if (!places.fractions().empty()) {
         if (!cell)
             file.failHere(frame.wayOn(),
                           "{} of {} are fractions of a box, and the item BOX BOUNDS is missing",
-                          from->source, frame.name);
-        derive = Unscaler(layout, *from, isWrapped ? wrapped : unwrapped, *cell);
+                          places.fractions(), frame.name);
+        derive = places.derive(layout, *cell);
     }
     ParticleSet particles;
     particles.format = "LAMMPS dump";
+    particles.step = step;
+    particles.time = time;
     particles.cell = cell;
-    particles.isUnwrapped = !isWrapped;
-    bool const hasElements = layout.find("element") != nullptr;
-    ColumnNames const names = {"column",
-                               positionNames,
-                               {},
-                               velocityNames,
-                               "element",
-                               isWrapped ? imageNames : noImages,
-                               hasElements ? "" : "type"};
-    readTextRows(file, frame, layout, names, options, particles, derive);
+    particles.isUnwrapped = !places.isWrapped();
+    readTextRows(file, frame, layout, places.names(layout.find("element") != nullptr), options,
+                 particles, derive);
     return particles;
 }
 

@@ -13,6 +13,8 @@ namespace pipeline {
 ParticleSet readPly(InputFile& file, ReadOptions const& options);
 ParticleSet readXyz(InputFile& file, ReadOptions const& options);
 ParticleSet readLammps(InputFile& file, ReadOptions const& options);
+ParticleSet readLammpsBinary(InputFile& file, ReadOptions const& options);
+bool isLammpsBinary(std::string_view head); ///< whether these are its first bytes
 ParticleSet readLammpsData(InputFile& file, ReadOptions const& options);
 ParticleSet readDcd(InputFile& file, ReadOptions const& options);
 bool isDcd(std::string_view head); ///< whether these are its first bytes
