@@ -30,19 +30,19 @@ Radii usualRadii(RadiusOptions const& options, ParticleSet const& particles, Not
                  PhaseProgress const& progress) {
     std::size_t const count = particles.positions.size();
     if (options.radius)
-        return {std::vector<float>(count, *options.radius), std::nullopt};
+        return {std::vector<float>(count, *options.radius), std::nullopt, "as given"};
     if (!particles.radii.empty()) {
         note(fmt::format("radius from {}", particles.radiusSource));
-        return {particles.radii, std::nullopt};
+        return {particles.radii, std::nullopt, "from " + particles.radiusSource};
     }
     if (!particles.elements.empty()) {
-        note(fmt::format("{} radii by element",
-                         options.covalent.value_or(false) ? "covalent" : "van der Waals"));
+        std::string const kind = options.covalent.value_or(false) ? "covalent" : "van der Waals";
+        note(kind + " radii by element");
         if (!particles.unknownElements.empty())
             note(fmt::format("{:.2f} for unknown elements: {}",
                              static_cast<double>(1.7F * particles.angstrom),
                              fmt::join(particles.unknownElements, " ")));
-        return {elementRadii(options, particles), std::nullopt};
+        return {elementRadii(options, particles), std::nullopt, kind + " by element"};
     }
     float const spacing = particles.spacing ? *particles.spacing : spacingOf(particles, progress);
     float const r = spacing > 0.0F ? spacing : 1.0F;
@@ -53,7 +53,8 @@ Radii usualRadii(RadiusOptions const& options, ParticleSet const& particles, Not
               : fmt::format("no radius in {} and no distances to tell one by: 1 for all",
                             particles.name),
           {Hint::To::setRadius}});
-    return {std::vector<float>(count, r), r};
+    return {std::vector<float>(count, r), r,
+            spacing > 0.0F ? "half the median distance to the 6th neighbour" : "by default"};
 }
 
 } // namespace
@@ -72,9 +73,11 @@ Radii chooseRadii(RadiusOptions const& options, ParticleSet const& particles, No
         !said.empty() && std::all_of(said.begin(), said.end(), [](float r) { return r > 0.0F; });
     Radii radii;
     if (isAllSaid)
-        radii.all = said;
+        radii = {said, std::nullopt, "as given by kind"};
     else
         radii = usualRadii(options, particles, note, progress);
+    if (!said.empty() && !isAllSaid)
+        radii.source = "as given by kind, others " + radii.source;
     for (std::size_t i = 0; i < said.size(); ++i)
         if (said[i] > 0.0F)
             radii.all[i] = said[i];

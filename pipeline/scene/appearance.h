@@ -45,6 +45,7 @@ constexpr Kelpa::Vector defaultColor = {0.26F, 0.42F, 0.62F};
 struct Radii {
     std::vector<float> all;
     std::optional<float> bySpacing;
+    std::string source; ///< why they are what they are, in words
 };
 
 /// The radii that a scene of these particles would have; notes where they come from.

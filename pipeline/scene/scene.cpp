@@ -151,6 +151,7 @@ std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet 
                          Note const& note, PhaseProgress const& progress) {
     Radii radii = chooseRadii(options.radius, particles, note, progress);
     scene.chosen.radius = radii.bySpacing;
+    scene.radiusSource = radii.source;
     if (Attribute const* const column = coloredColumn(options.color, particles))
         readColumn(scene, options.color, *column, note);
     scene.chosen.colorRange = scene.colorRange;

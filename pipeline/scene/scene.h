@@ -63,8 +63,9 @@ struct Scene {
     char upAxis = 'z';
     double largestStep = 0.0; ///< between the snapshots, as far as the shutter is open
     double meanStep = 0.0;
-    Kept chosen;             ///< what a film is to keep of it; the radius, if spacing told it
-    std::string colorColumn; ///< the column that gives the colours, if any
+    Kept chosen;              ///< what a film is to keep of it; the radius, if spacing told it
+    std::string radiusSource; ///< why the radii are what they are, in words
+    std::string colorColumn;  ///< the column that gives the colours, if any
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
     std::vector<float> framedRadii;

@@ -228,7 +228,19 @@ TEST_F(Command, NotesWhatTheUserShouldKnow) {
                              "0 4\n0 4\n0 4\nITEM: ATOMS id type x y z\n";
     write("water.dump", head + "1 2 0 0 0\n2 1 3 1 1\n");
     Answer const named = run({"info", "water.dump", "--elements", "O,H"});
-    EXPECT_TRUE(contains(named.out, "radius: min 1.1, median 1.52, max 1.52")) << named.out;
+    for (char const* const line :
+         {"  frames: 1, step 0\n", "  cell: 4 x 4 x 4, periodic along x, y, z\n",
+          "  elements: H 1, O 1\n", "  types: 1 1, 2 1\n",
+          "    id                   number   1 to 2\n",
+          "  radius: min 1.1, median 1.52, max 1.52 (van der Waals by element)\n"})
+        EXPECT_TRUE(contains(named.out, line)) << line << named.out;
+    EXPECT_FALSE(contains(named.out, "tree"));
+    EXPECT_TRUE(contains(run({"info", "water.dump", "--stats"}).out, "Number of tree nodes"));
+    Answer const facts = run({"info", "water.dump", "--elements", "O,H", "--json", "-q"});
+    for (char const* const member :
+         {"\"step\": 0,", "\"edges\": [[4, 0, 0], [0, 4, 0], [0, 0, 4]]", "\"periodic\": [true,",
+          "{\"name\": \"H\", \"particles\": 1}", "\"source\": \"van der Waals by element\""})
+        EXPECT_TRUE(contains(facts.out, member)) << member << facts.out;
     Answer const unnamed = run({"info", "water.dump", "--elements", "O"});
     EXPECT_EQ(unnamed.code, 3);
     EXPECT_TRUE(contains(unnamed.err, "water.dump: there is a type 2, and --elements names 1\n"));

@@ -4,6 +4,7 @@
 #include "tool/commands/commands.h"
 #include "tool/options/hints.h"
 #include "tool/process/standardstreams.h"
+#include "tool/report/filefacts.h"
 #include "tool/report/json.h"
 #include "tool/report/phases.h"
 #include "tool/report/statistics.h"
@@ -14,6 +15,7 @@
 #include <cmath>
 #include <cstdio>
 #include <system_error>
+#include <utility>
 
 namespace pipeline::tool {
 
@@ -42,54 +44,17 @@ std::string boundsText(Bounds const& bounds) {
                        max.x, max.y, max.z);
 }
 
-/// A name that particles have, and how many.
-struct NameCount {
-    std::string name;
-    std::uint64_t particles;
-};
-
-/// The names of a column that particles have, the most frequent first.
-std::vector<NameCount> countsOf(AttributeSummary const& column) {
-    std::vector<NameCount> counts;
-    for (std::size_t i = 0; i < column.counts.size(); ++i)
-        if (column.counts[i] > 0)
-            counts.push_back({column.names->all()[i], column.counts[i]});
-    std::stable_sort(counts.begin(), counts.end(), [](NameCount const& a, NameCount const& b) {
-        return a.particles > b.particles;
-    });
-    return counts;
-}
-
-std::string namesText(AttributeSummary const& column) {
-    constexpr std::size_t few = 8;
-    std::vector<NameCount> const counts = countsOf(column);
-    std::string text = fmt::format("{} names:", withCommas(counts.size()));
-    for (std::size_t i = 0; i < std::min(few, counts.size()); ++i)
-        text += fmt::format("{} {} {}", i > 0 ? "," : "", printable(counts[i].name),
-                            withCommas(counts[i].particles));
-    return text + (counts.size() > few ? ", ..." : "");
-}
-
 void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
-                 std::string const& file, BuildReport const& report) {
+                 std::string const& file, BuildReport const& report, bool wantsTree) {
     fmt::print("{}: {}, {} particles\n", printable(baseName(file)), particles.format,
                withCommas(particles.positions.size()));
-    if (particles.frameCount > 1)
-        fmt::print("  frames: {}\n", particles.frameCount);
+    for (std::string const& line : factLines(particles))
+        fmt::print("  {}\n", line);
     fmt::print("  columns:\n");
-    for (AttributeSummary const& column : particles.columns) {
-        fmt::print("    {:<20} {:<8} ", printable(column.name), printable(column.type));
-        if (column.names != nullptr) {
-            fmt::print("{}\n", namesText(column));
-            continue;
-        }
-        fmt::print("{:.7g} to {:.7g}", column.min, column.max);
-        if (column.notFinite > 0)
-            fmt::print(", {} not finite", withCommas(column.notFinite));
-        fmt::print("\n");
-    }
-    fmt::print("  radius: min {:.6g}, median {:.6g}, max {:.6g}\n", radii.min, radii.median,
-               radii.max);
+    for (AttributeSummary const& column : particles.columns)
+        fmt::print("    {}\n", columnLine(column));
+    fmt::print("  radius: min {:.6g}, median {:.6g}, max {:.6g} ({})\n", radii.min, radii.median,
+               radii.max, printable(scene.radiusSource));
     fmt::print("  bounds: {}\n",
                boundsText(inFile(scene.geometry->bounds().value_or(Bounds{}), scene.origin)));
     if (auto const motion = scene.geometry->motionBounds())
@@ -99,6 +64,8 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
                    scene.largestStep);
     fmt::print("  skipped: {} not finite, {} with radius 0 or less\n",
                withCommas(scene.rejected.notFinite), withCommas(scene.rejected.notPositive));
+    if (!wantsTree)
+        return;
     fmt::print("  tree: {:.1f} bytes a sphere with packed leaves\n",
                scene.geometry->statistics().bytesPerSphere());
     if (scene.origin.x != 0.0 || scene.origin.y != 0.0 || scene.origin.z != 0.0)
@@ -108,23 +75,8 @@ void printAsText(ParticleSet const& particles, Scene const& scene, RadiusSummary
         fmt::print("{}\n", line);
 }
 
-Json jsonOfColumn(AttributeSummary const& column) {
-    JsonObject json;
-    json.add("name", column.name).add("type", column.type);
-    if (column.names == nullptr)
-        return json.add("min", column.min)
-            .add("max", column.max)
-            .add("notFinite", column.notFinite)
-            .onOneLine();
-    std::vector<Json> names;
-    for (NameCount const& count : countsOf(column))
-        names.push_back(
-            JsonObject().add("name", count.name).add("particles", count.particles).onOneLine());
-    return json.add("names", jsonList(names, 4)).onOneLine();
-}
-
 void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary const& radii,
-                 std::string const& file, BuildReport const&) {
+                 std::string const& file, BuildReport const&, bool) {
     std::vector<Json> columns;
     for (AttributeSummary const& column : particles.columns)
         columns.push_back(jsonOfColumn(column));
@@ -132,9 +84,11 @@ void printAsJson(ParticleSet const& particles, Scene const& scene, RadiusSummary
     json.add("file", baseName(file))
         .add("format", particles.format)
         .add("particles", particles.positions.size())
-        .add("frames", particles.frameCount)
-        .add("columns", jsonList(columns, 2))
+        .add("frames", particles.frameCount);
+    addFacts(json, particles);
+    json.add("columns", jsonList(columns, 2))
         .add("radius", JsonObject()
+                           .add("source", scene.radiusSource)
                            .add("min", radii.min)
                            .add("median", radii.median)
                            .add("max", radii.max)
@@ -156,11 +110,12 @@ void tellAbout(Options options, std::string const& file, char const* separator) 
         options.scene.motion.shutter = options.scene.motion.times;
     ParticleSet particles = readParticles(file, options, true);
     Scene scene = readyScene(options, particles);
+    bool const wantsTree = std::exchange(options.run.stats, false); // which are printed here
     BuildReport report(options.run);
     buildScene(scene, options, report);
     fmt::print("{}", separator);
     (options.json ? printAsJson : printAsText)(particles, scene, summarise(scene.first->radii),
-                                               file, report);
+                                               file, report, wantsTree);
 }
 
 } // namespace

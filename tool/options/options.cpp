@@ -106,6 +106,7 @@ CLI::App* addInfo(CLI::App& app, Options& options) {
     addParticleOptions(*info, options);
     addMotionOptions(*info, options);
     info->add_flag("--json", options.json, "As JSON");
+    info->add_flag("--stats", options.run.stats, "The tree's figures as well");
     addTreeOptions(*info, options.tree);
     addRunOptions(*info, options.run);
     return info;
