@@ -10,6 +10,7 @@
 #include <cstring>
 #include <span>
 #include <type_traits>
+#include <utility>
 
 namespace pipeline {
 
@@ -17,7 +18,8 @@ namespace {
 
 /// A whole number for an id; NaN and what no 64-bit number can hold become -1. Counts those, and
 /// numbers that lose a fraction, in `unfit`.
-template <class Number> std::int64_t idOf(Number value, std::uint64_t& unfit) {
+template <class Number>
+std::int64_t idOf(Number value, std::uint64_t& unfit, std::uint64_t& wrapped) {
     if constexpr (std::is_floating_point_v<Number>) {
         constexpr Number limit = 9223372036854775808.0; // 2^63, exact in both types
         bool const isHeld = value >= -limit && value < limit;
@@ -25,6 +27,7 @@ template <class Number> std::int64_t idOf(Number value, std::uint64_t& unfit) {
         unfit += isHeld && static_cast<Number>(whole) == value ? 0 : 1;
         return whole;
     } else {
+        wrapped += std::in_range<std::int64_t>(value) ? 0 : 1;
         return static_cast<std::int64_t>(value);
     }
 }
@@ -113,7 +116,8 @@ bool storeWord(Column const& column, std::string_view word, char* row, std::uint
         if (parseNumber(word, whole))
             return store(whole);
         double number = 0.0; // such as 1e3
-        return parseNumber(word, number) && store(static_cast<Whole>(idOf(number, unfitIds)));
+        return parseNumber(word, number) &&
+               store(static_cast<Whole>(idOf(number, unfitIds, unfitIds)));
     };
     if (column.stored == ScalarType::int64)
         return storeWhole(std::int64_t{});
@@ -250,11 +254,11 @@ void RowConverter::convert(ColumnUse const& use, char const* rows, std::size_t c
     case Target::id:
         return convertColumn<std::int64_t>(
             column.stored, from, rowBytes, count, &particles.ids[converted], sizeof(std::int64_t),
-            [&](auto number) { return idOf(number, particles.unfitIds); });
+            [&](auto number) { return idOf(number, particles.unfitIds, particles.wrappedIds); });
     case Target::type:
         return convertColumn<std::int64_t>(
             column.stored, from, rowBytes, count, &particles.types[converted], sizeof(std::int64_t),
-            [&](auto number) { return idOf(number, particles.unfitIds); });
+            [&](auto number) { return idOf(number, particles.unfitIds, particles.wrappedIds); });
     case Target::typed:
         return keep(use, from, count, rowBytes);
     case Target::element:

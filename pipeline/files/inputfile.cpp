@@ -44,6 +44,8 @@ struct InputFile::Packed {
 
 InputFile::InputFile(std::string path, PhaseProgress phase)
     : filePath(std::move(path)), progress(std::move(phase)) {
+    if (filePath.empty())
+        throw InputError("the name of a file is empty");
     struct stat status {};
     if (stat(filePath.c_str(), &status) != 0)
         fail("cannot be opened: {}{}", systemMessage(errno),

@@ -51,6 +51,11 @@ ParticleSet ParticleFile::read(ReadOptions const& options) {
                 "{}: {} ids or types are no whole numbers of 64 bits; fractions are cut off, and "
                 "what cannot be held is -1",
                 path, particles.unfitIds));
+        if (particles.wrappedIds > 0)
+            particles.notes.push_back(
+                fmt::format("{}: {} ids or types are 2^63 or more; they keep their 64 bits and "
+                            "read as negative numbers",
+                            path, particles.wrappedIds));
         open = std::move(current);
         return particles;
     } catch (InputError const&) {

@@ -88,6 +88,7 @@ struct ParticleSet {
     std::vector<AttributeSummary> columns;    ///< filled when asked for
     std::vector<std::string> unknownElements; ///< symbols that are in no table
     std::uint64_t unfitIds = 0; ///< ids and types cut to whole numbers, or to -1 as beyond 64 bits
+    std::uint64_t wrappedIds = 0; ///< of 2^63 and more, which have the same bits as negative ones
     std::vector<std::size_t> virtualSites; ///< rows of the file, rising, that are no particles
     std::vector<std::string> leftOut;      ///< what the file holds besides, such as "list 'links'"
     std::vector<Remark> notes;             ///< what the user should know, a line each

@@ -77,10 +77,26 @@ char const* plyType(ScalarType type) {
     return names[static_cast<int>(type)];
 }
 
+/// Whether a number is the nearest to a decimal of up to 6 digits, 12 of them behind the point at
+/// most. Each such decimal has a single-precision number of its own, whose shortest text it is.
+bool hasFewDigits(double value) {
+    constexpr double powers[] = {1e0, 1e1, 1e2, 1e3,  1e4,  1e5, 1e6,
+                                 1e7, 1e8, 1e9, 1e10, 1e11, 1e12};
+    double const size = std::abs(value);
+    for (double const power : powers) {
+        double const digits = std::rint(size * power);
+        if (!(digits <= 999999.0))
+            return false;
+        if (digits / power == size) // exact numbers, rounded once: what the decimal is read as
+            return true;
+    }
+    return false;
+}
+
 /// Whether a single-precision number has all digits of the text that a number was parsed from.
 bool isToldByFloat(double value) {
     auto const single = static_cast<float>(value);
-    if (static_cast<double>(single) == value || std::isnan(value))
+    if (static_cast<double>(single) == value || std::isnan(value) || hasFewDigits(value))
         return true;
     double reread = 0.0;
     parseNumber(fmt::format("{}", single), reread);

@@ -58,6 +58,8 @@ class Particles:
         The box that they repeat in.
     up_axis : "z" or "y"
         The axis that points up in pictures if nothing else says so.
+    step, time : numbers, optional
+        Of the simulation, as the file tells of its frame, in the file's own unit.
     notes : sequence of str
         What is worth knowing about where they come from.
 
@@ -70,7 +72,7 @@ class Particles:
 
     __slots__ = (
         "positions", "radii", "colors", "positions1", "radii1", "times", "base_index", "type",
-        "ids", "columns", "cell", "up_axis", "notes",
+        "ids", "columns", "cell", "up_axis", "step", "time", "notes",
     )
 
     positions: NDArray[np.float32]
@@ -85,6 +87,8 @@ class Particles:
     columns: Mapping[str, NDArray[Any]]
     cell: Optional[Cell]
     up_axis: str
+    step: Optional[int]
+    time: Optional[float]
     notes: tuple[str, ...]
 
     def __init__(
@@ -102,6 +106,8 @@ class Particles:
         columns: Optional[Mapping[str, ArrayLike]] = None,
         cell: Optional[Cell] = None,
         up_axis: str = "z",
+        step: Optional[int] = None,
+        time: Optional[float] = None,
         notes: Sequence[str] = (),
     ) -> None:
         centers = check.vectors("positions", positions)
@@ -132,6 +138,8 @@ class Particles:
         check.choice("up_axis", up_axis, ("y", "z"))
         self._set("cell", cell)
         self._set("up_axis", up_axis)
+        self._set("step", None if step is None else int(step))
+        self._set("time", None if time is None else float(time))
         self._set("notes", tuple(notes))
 
     def _set(self, name: str, value: object) -> None:

@@ -38,7 +38,8 @@ std::string hintText(pipeline::Hint const& hint) {
     case To::nothing:
         return "";
     case To::nameFormat:
-        return "; if it is one of them, name it with format=";
+        return "; if it is one of them, name it with format=; what ASE or MDAnalysis read, "
+               "from_ase and from_mdanalysis take, and Particles takes arrays of yt and others";
     case To::askNoAssembly:
         return "; leave assembly= away";
     case To::askElsewhere:
@@ -74,6 +75,8 @@ struct Snapshot {
     std::string name;
     std::string format;
     int frame = 0;
+    std::optional<std::int64_t> step;
+    std::optional<double> time;
 };
 
 Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
@@ -87,6 +90,8 @@ Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
     result.name = particles.name;
     result.format = particles.format;
     result.frame = particles.frame;
+    result.step = particles.step;
+    result.time = particles.time;
     result.cell = particles.cell;
     result.elements = particles.elements;
     result.types = particles.types;
@@ -157,26 +162,8 @@ py::object cellOf(std::optional<pipeline::PeriodicCell> const& cell) {
     return py::make_tuple(cell->edges, cell->origin, py::tuple(py::cast(cell->isPeriodic)));
 }
 
-/// In names of `Particles`, as far as it has them.
-py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
-    pipeline::Scene& scene = snapshot.scene;
-    auto const count = scene.first->positions.size();
-    py::dict result;
-    bool const isMoving = scene.second != nullptr;
-    auto const [positions, radii] = systemArrays(std::move(scene.first), scene.origin);
-    result["positions"] = positions;
-    result["radii"] = radii;
-    if (isMoving) {
-        auto const [positions1, radii1] = systemArrays(std::move(scene.second), scene.origin);
-        result["positions1"] = positions1;
-        result["radii1"] = radii1;
-    }
-    if (scene.colors.empty() && wanted.scene.color.color)
-        scene.colors.assign(count, *wanted.scene.color.color);
-    if (!scene.colors.empty())
-        result["colors"] = ownedArray(std::move(scene.colors));
-    if (!scene.ids.empty())
-        result["ids"] = ownedArray(std::move(scene.ids));
+/// The further columns that are wanted, by name.
+py::dict columnsOf(Snapshot& snapshot, Wanted const& wanted, std::size_t count) {
     py::dict columns;
     // Particles that only a second snapshot has stand behind the first one's and are in no column.
     auto const keep = [&](char const* name, auto& values) {
@@ -204,9 +191,32 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
     keep("velocity", snapshot.velocities);
     keep("element", snapshot.elements);
     keep("type", snapshot.types);
+    return columns;
+}
+
+/// In names of `Particles`, as far as it has them.
+py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
+    pipeline::Scene& scene = snapshot.scene;
+    auto const count = scene.first->positions.size();
+    py::dict result;
+    bool const isMoving = scene.second != nullptr;
+    auto const [positions, radii] = systemArrays(std::move(scene.first), scene.origin);
+    result["positions"] = positions;
+    result["radii"] = radii;
+    if (isMoving) {
+        auto const [positions1, radii1] = systemArrays(std::move(scene.second), scene.origin);
+        result["positions1"] = positions1;
+        result["radii1"] = radii1;
+    }
+    if (scene.colors.empty() && wanted.scene.color.color)
+        scene.colors.assign(count, *wanted.scene.color.color);
+    if (!scene.colors.empty())
+        result["colors"] = ownedArray(std::move(scene.colors));
+    if (!scene.ids.empty())
+        result["ids"] = ownedArray(std::move(scene.ids));
     if (wanted.scene.points)
         result["type"] = "point";
-    result["columns"] = columns;
+    result["columns"] = columnsOf(snapshot, wanted, count);
     result["cell"] = cellOf(snapshot.cell);
     result["up_axis"] = std::string(1, scene.upAxis);
     std::vector<std::string> notes;
@@ -216,6 +226,8 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
     result["name"] = snapshot.name;
     result["format"] = snapshot.format;
     result["frame"] = snapshot.frame;
+    result["step"] = snapshot.step;
+    result["time"] = snapshot.time;
     return result;
 }
 

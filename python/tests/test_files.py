@@ -83,9 +83,10 @@ class Files(WithFolder):
 
     def test_have_names_as_text(self):
         path = self.folder / "sites.xyz"
-        path.write_text("3\nProperties=pos:R:3:site:S:1\n0 0 0 top\n2 0 0 side\n4 0 0 top\n")
+        path.write_text("3\nstep=7 Time=0.5 Properties=pos:R:3:site:S:1\n0 0 0 top\n2 0 0 side\n4 0 0 top\n")
         named = kelpa.read(path, radius=1, color_by="site")
         self.assertEqual(named.columns["site"].tolist(), ["top", "side", "top"])
+        self.assertEqual((named.step, named.time), (7, 0.5))
         np.testing.assert_array_equal(named.colors[0], named.colors[2])
         self.assertTrue((named.colors[0] != named.colors[1]).any())
 

@@ -10,7 +10,8 @@ std::string hintText(Hint const& hint) {
     case Hint::To::nothing:
         return "";
     case Hint::To::nameFormat:
-        return "; if it is one of them, name it with --format";
+        return "; if it is one of them, name it with --format; what ASE or MDAnalysis read, "
+               "Python takes (kelpa.from_ase, kelpa.from_mdanalysis), and arrays of yt and others";
     case Hint::To::askNoAssembly:
         return "; leave --assembly away";
     case Hint::To::askElsewhere:

@@ -76,6 +76,8 @@ class DcdFrames final : public FrameFormat {
 
     RecordForm form;
     int frame = 0;
+    std::int64_t firstStep = 0;
+    std::int64_t stepsBetween = 0; ///< 0: the file does not tell
     bool hasCell = false;
     bool hasFourth = false; ///< a fourth coordinate, which is passed over
     std::uint64_t atoms = 0;
@@ -127,6 +129,8 @@ void DcdFrames::readHeader(InputFile& file) {
     for (std::size_t i = 0; i < control.size(); ++i)
         control[i] = numberAt<std::int32_t>(header.data() + 4 + 4 * i, form.isForeign);
     bool const isCharmm = control[19] != 0; // else X-PLOR, whose step takes two words
+    firstStep = control[1];
+    stepsBetween = control[2];
     hasCell = isCharmm && control[10] != 0;
     hasFourth = isCharmm && control[11] != 0;
     takeRecord(file, 0, "the titles");
@@ -207,6 +211,8 @@ ParticleSet DcdFrames::read(InputFile& file, ReadOptions const& options) {
     readFrame(file);
     ParticleSet particles;
     particles.format = "DCD";
+    if (stepsBetween > 0)
+        particles.step = firstStep + frame * stepsBetween;
     particles.cell = cell;
     std::vector<Column> columns;
     for (std::string_view const name : positionNames[0].names)

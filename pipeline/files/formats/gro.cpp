@@ -121,6 +121,8 @@ class GroFrames final : public FrameFormat {
     void readBox(InputFile& file, ParticleSet& particles) const;
 
     TextFrame frame;
+    std::optional<std::int64_t> step;
+    std::optional<double> time;
     std::size_t width = 0;       ///< of a number's column
     std::size_t numberCount = 0; ///< three, or six with velocities
     std::int64_t atomBase = 0;   ///< atom numbers have five digits and start again at 0
@@ -131,11 +133,29 @@ bool isBlank(std::string_view line) {
     return trimmed(line).empty();
 }
 
+/// The number that follows a word in a title, such as "t= 1.5"; trajectories have them.
+template <class Number>
+std::optional<Number> numberBehind(std::string_view title, std::string_view word) {
+    std::string_view rest = title;
+    for (std::string_view each = nextWord(rest); !each.empty(); each = nextWord(rest)) {
+        Number number{};
+        if (each == word && parseNumber(nextWord(rest), number))
+            return number;
+    }
+    return std::nullopt;
+}
+
 bool GroFrames::begin(InputFile& file, int index) {
     std::optional<std::string_view> line = file.nextLine();
     if (!line)
         return false;
     bool const hasTitle = !isBlank(*line);
+    step.reset();
+    time.reset();
+    if (auto const found = numberBehind<double>(*line, "t="))
+        time = found;
+    if (auto const found = numberBehind<std::int64_t>(*line, "step="))
+        step = found;
     line = file.nextLine();
     while (!hasTitle && line && isBlank(*line)) // blank lines at the end are no frame
         line = file.nextLine();
@@ -245,6 +265,8 @@ ParticleSet GroFrames::read(InputFile& file, ReadOptions const& options) {
     RowLayout const layout = layoutOf();
     ParticleSet particles;
     particles.format = "GRO";
+    particles.step = step;
+    particles.time = time;
     particles.angstrom = 0.1F;
     RowConverter converter(particles, layout.columns,
                            chooseUses(file, layout.columns, groNames, options, particles),

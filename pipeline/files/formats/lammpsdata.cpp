@@ -70,6 +70,10 @@ std::vector<std::string_view> split(std::string_view line) {
     return words;
 }
 
+std::string_view withoutComma(std::string_view word) {
+    return word.substr(0, word.find(','));
+}
+
 std::string_view withoutComment(std::string_view line) {
     return line.substr(0, line.find('#'));
 }
@@ -84,6 +88,7 @@ bool isWhole(std::string_view name) {
 struct Header {
     std::uint64_t atoms = 0;
     std::int64_t types = 0;
+    std::optional<std::int64_t> step;
     std::shared_ptr<NameTable> labels; ///< of the types, by their numbers; null: they have none
     PeriodicCell cell;
 };
@@ -150,7 +155,15 @@ void takeHeaderLine(InputFile const& file, std::string_view line, Header& header
 
 /// Reads up to the line that starts the section Atoms, and returns what follows the name: a style.
 std::string readHeader(InputFile& file, Header& header) {
-    file.nextLine(); // a title, whatever it says
+    // A title may say whatever it likes; those that LAMMPS writes end with the step.
+    if (std::optional<std::string_view> const title = file.nextLine()) {
+        constexpr std::string_view mark = "timestep = ";
+        std::size_t const at = title->find(mark);
+        std::string_view words = title->substr(std::min(title->size(), at));
+        words.remove_prefix(std::min(words.size(), mark.size()));
+        if (std::int64_t step = 0; parseNumber(withoutComma(nextWord(words)), step))
+            header.step = step;
+    }
     while (std::optional<std::string_view> const line = file.nextLine()) {
         std::string_view words = *line;
         if (nextWord(words) == "Atoms") {
@@ -282,6 +295,7 @@ ParticleSet readLammpsData(InputFile& file, ReadOptions const& options) {
     skipToRows(file);
     ParticleSet particles;
     particles.format = "LAMMPS data";
+    particles.step = header.step;
     AtomStyle const& style = chooseStyle(file, named, header, particles);
     RowLayout const layout = layoutOf(file, style, header);
     header.cell.isPeriodic = {true, true, true}; // which a data file does not tell; most are

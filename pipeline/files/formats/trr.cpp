@@ -56,6 +56,8 @@ class TrrFrames final : public FrameFormat {
 
     std::string name; ///< for messages: "frame 3"
     std::array<std::uint64_t, 10> lengths{};
+    std::int64_t step = 0;
+    double time = 0.0;
     std::uint64_t atoms = 0;
     std::size_t numberBytes = 4;
 };
@@ -78,7 +80,11 @@ bool TrrFrames::begin(InputFile& file, int index) {
         length = takeXdrNumber<std::uint32_t>(file, name);
     atoms = takeXdrNumber<std::uint32_t>(file, name);
     checkLengths(file);
-    takeXdr(file, 8 + 2 * numberBytes, name); // step, a count, time, a parameter
+    step = takeXdrNumber<std::int32_t>(file, name);
+    takeXdr(file, 4, name);                                                // a count
+    std::string_view const numbers = takeXdr(file, 2 * numberBytes, name); // time, a parameter
+    time = numberBytes == 8 ? xdrNumber<double>(numbers.data())
+                            : static_cast<double>(xdrNumber<float>(numbers.data()));
     return true;
 }
 
@@ -122,6 +128,8 @@ ParticleSet TrrFrames::read(InputFile& file, ReadOptions const& options) {
         file.fail("{} holds no places of its atoms; try another --frame", name);
     ParticleSet particles;
     particles.format = "TRR";
+    particles.step = step;
+    particles.time = time;
     particles.angstrom = 0.1F;
     skipBytes(file, bytesBetween(settings, box));
     if (lengths[box] != 0)

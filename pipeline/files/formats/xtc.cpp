@@ -230,6 +230,8 @@ class XtcFrames final : public FrameFormat {
 
     std::string name; ///< for messages: "frame 3"
     bool isWide = false;
+    std::int64_t step = 0;
+    double time = 0.0;
     std::uint64_t atoms = 0;
     std::uint64_t padded = 0; ///< bytes of the packed places as they lie in the file
     PeriodicCell cell;
@@ -247,7 +249,8 @@ bool XtcFrames::begin(InputFile& file, int index) {
         file.fail("{} where {}, a frame of XTC, begins with {}; the file is damaged", magic, name,
                   usualMagic);
     auto const count = takeXdrNumber<std::int32_t>(file, name);
-    takeXdr(file, 8, name); // step, time
+    step = takeXdrNumber<std::int32_t>(file, name);
+    time = static_cast<double>(takeXdrNumber<float>(file, name));
     cell = {};
     for (auto& edge : cell.edges)
         for (double& part : edge)
@@ -316,6 +319,8 @@ ParticleSet XtcFrames::read(InputFile& file, ReadOptions const& options) {
     std::vector<float> const places = takePlaces(file);
     ParticleSet particles;
     particles.format = "XTC";
+    particles.step = step;
+    particles.time = time;
     particles.angstrom = 0.1F;
     particles.cell = cell;
     std::vector<Column> columns;

@@ -213,6 +213,12 @@ ParticleSet XyzFrames::read(InputFile& file, ReadOptions const& options) {
     ParticleSet particles;
     particles.format = isExtended ? "extended XYZ" : "XYZ";
     particles.cell = cellOf(comment);
+    std::string const step = wordsOf(comment, "step");
+    std::string const time = wordsOf(comment, "time");
+    if (std::int64_t number = 0; parseNumber(step, number))
+        particles.step = number;
+    if (double number = 0.0; parseNumber(time, number))
+        particles.time = number;
     readTextRows(file, frame, layout, names, options, particles);
     return particles;
 }
