@@ -46,6 +46,8 @@ int runCommand(Options const& options) {
         return runGenerate(options);
     case Options::Command::bench:
         return runBench(options);
+    case Options::Command::join:
+        return runJoin(options);
     default:
         return wrongUsage;
     }

@@ -23,6 +23,7 @@ struct Hint {
         setRange,
         nameElements,     ///< was asked for, in vain
         nameMoreElements, ///< than `count`
+        renderTiles,      ///< which can be joined
     };
     To to = To::nothing;
     int frame = 0;

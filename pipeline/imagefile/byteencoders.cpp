@@ -1,16 +1,12 @@
 // Pictures of 8 bits a channel: PNG and PPM.
 #include "pipeline/files/srgb.h"
 #include "pipeline/imagefile/encoders.h"
+#include "pipeline/imagefile/pngfile.h"
 
 #include <fmt/format.h>
-#include <png.h>
 
 #include <algorithm>
 #include <array>
-#include <csetjmp>
-#include <cstdio>
-#include <new>
-#include <stdexcept>
 #include <string>
 
 namespace pipeline {
@@ -86,90 +82,6 @@ void forEachRow(Image const& image, bool withAlpha, PhaseProgress const& progres
     }
 }
 
-/// libpng's writer, which speaks C: it reports by long jumps, which must not cross our objects, so
-/// each call into it is one function without any.
-class PngWriter {
-  public:
-    PngWriter()
-        : png(png_create_write_struct(PNG_LIBPNG_VER_STRING, this, fail, ignoreWarning)),
-          info(png != nullptr ? png_create_info_struct(png) : nullptr) {
-        if (info == nullptr) {
-            png_destroy_write_struct(&png, nullptr);
-            throw std::bad_alloc();
-        }
-        png_set_write_fn(png, this, append, nullptr);
-    }
-    PngWriter(PngWriter const&) = delete;
-    PngWriter& operator=(PngWriter const&) = delete;
-    ~PngWriter() { png_destroy_write_struct(&png, &info); }
-
-    void begin(Image const& image, bool withAlpha) {
-        if (!tryBegin(static_cast<png_uint_32>(image.cropX1 - image.cropX0),
-                      static_cast<png_uint_32>(image.cropY1 - image.cropY0), withAlpha))
-            complain();
-    }
-    void addRow(std::string const& row) {
-        if (!tryRow(reinterpret_cast<png_const_bytep>(row.data())))
-            complain();
-    }
-    void end() {
-        if (!tryEnd())
-            complain();
-    }
-
-    std::string bytes; ///< written and not taken yet
-
-  private:
-    static void fail(png_structp failed, png_const_charp text) {
-        auto* const writer = static_cast<PngWriter*>(png_get_error_ptr(failed));
-        std::snprintf(writer->message, sizeof writer->message, "%s", text);
-        png_longjmp(failed, 1);
-    }
-    static void ignoreWarning(png_structp, png_const_charp) {}
-    static void append(png_structp written, png_bytep data, std::size_t count) {
-        auto* const writer = static_cast<PngWriter*>(png_get_io_ptr(written));
-        bool isTaken = true;
-        try {
-            writer->bytes.append(reinterpret_cast<char const*>(data), count);
-        } catch (std::bad_alloc const&) {
-            isTaken = false;
-        }
-        if (!isTaken)
-            png_error(written, "out of memory");
-    }
-    [[noreturn]] void complain() const { throw std::runtime_error(message); }
-
-    bool tryBegin(png_uint_32 width, png_uint_32 height, bool withAlpha) {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_set_IHDR(png, info, width, height, 8,
-                     withAlpha ? PNG_COLOR_TYPE_RGB_ALPHA : PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-                     PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-        png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
-        // Five times as fast for the noise of a sampled picture, and 2 % larger.
-        png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_NO_FILTERS);
-        png_set_compression_level(png, 3);
-        png_write_info(png, info);
-        return true;
-    }
-    bool tryRow(png_const_bytep row) {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_write_row(png, row);
-        return true;
-    }
-    bool tryEnd() {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_write_end(png, info);
-        return true;
-    }
-
-    char message[200] = "";
-    png_structp png;
-    png_infop info;
-};
-
 } // namespace
 
 void encodePpm(Image const& image, ByteSink const& sink, PhaseProgress const& progress) {
@@ -180,7 +92,9 @@ void encodePpm(Image const& image, ByteSink const& sink, PhaseProgress const& pr
 void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,
                PhaseProgress const& progress) {
     PngWriter png;
-    png.begin(image, withAlpha);
+    png.begin(image.cropX1 - image.cropX0, image.cropY1 - image.cropY0, withAlpha);
+    if (!image.tileLabel.empty())
+        png.addTile(image.tileLabel, image.cropX0, image.cropY0);
     forEachRow(image, withAlpha, progress, [&](std::string const& row) {
         png.addRow(row);
         sink(png.bytes);

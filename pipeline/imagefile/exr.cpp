@@ -1,44 +1,23 @@
 // Pictures as OpenEXR.
 #include "pipeline/imagefile/encoders.h"
+#include "pipeline/imagefile/memorystream.h"
+#include "pipeline/picture/picturepart.h"
 
 #include <ImfChannelList.h>
 #include <ImfFrameBuffer.h>
 #include <ImfHeader.h>
-#include <ImfIO.h>
 #include <ImfOutputFile.h>
 #include <ImfStandardAttributes.h>
+#include <ImfStringAttribute.h>
 #include <half.h>
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
-#include <string>
 #include <vector>
 
 namespace pipeline {
 
 namespace {
-
-/// A file in memory.
-class MemoryStream : public Imf::OStream {
-  public:
-    MemoryStream() : OStream("memory") {}
-
-    void write(char const* data, int count) override {
-        auto const length = static_cast<std::size_t>(count);
-        if (bytes.size() < position + length)
-            bytes.resize(position + length);
-        std::memcpy(bytes.data() + position, data, length);
-        position += length;
-    }
-    std::uint64_t tellp() override { return position; }
-    void seekp(std::uint64_t place) override { position = static_cast<std::size_t>(place); }
-
-    std::string bytes;
-
-  private:
-    std::size_t position = 0;
-};
 
 /// Half floats with R G B A of every pixel of some rows in turn; what is brighter than they can
 /// hold becomes the brightest, since infinity spoils every filter that meets it.
@@ -90,6 +69,8 @@ Imf::Header headerOf(Image const& image) {
     Imf::Header header(image.width, image.height);
     header.dataWindow() = {{image.cropX0, image.cropY0}, {image.cropX1 - 1, image.cropY1 - 1}};
     Imf::addChromaticities(header, Imf::Chromaticities()); // linear light with sRGB's primaries
+    if (!image.tileLabel.empty())
+        header.insert(tileLabelName, Imf::StringAttribute(image.tileLabel));
     std::vector<half> const some(1);
     for (ChannelGroup const& group : channelsOf(image, 0, some))
         for (char const* const name : group.names)
@@ -123,8 +104,6 @@ void writeRows(Imf::OutputFile& file, Image const& image, int top, int bottom, b
 
 void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
                PhaseProgress const& progress) {
-    // In memory first: OpenEXR's own files swallow a failure when they are closed, and all need to
-    // seek, which a pipe cannot.
     MemoryStream stream;
     {
         Imf::OutputFile file(stream, headerOf(image));
@@ -134,13 +113,10 @@ void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
             writeRows(file, image, top, std::min(top + rows, image.cropY1), withAlpha);
         }
     } // its end writes the table of rows
-    constexpr std::size_t bytesAtOnce = 1 << 20;
-    std::string_view rest = stream.bytes;
-    while (!rest.empty()) {
+    stream.passTo([&](std::string_view bytes) {
         progress(1.0, 0);
-        sink(rest.substr(0, bytesAtOnce));
-        rest.remove_prefix(std::min(bytesAtOnce, rest.size()));
-    }
+        sink(bytes);
+    });
 }
 
 } // namespace pipeline

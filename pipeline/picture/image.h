@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <vector>
 
 namespace pipeline {
@@ -27,6 +28,7 @@ struct Image {
     // first sample.
     std::vector<float> depth, normal, position;
     std::vector<std::int64_t> id;
+    std::string tileLabel{}; ///< of a tile, for its file: see `TileLabel`; empty: it is none
 };
 
 } // namespace pipeline

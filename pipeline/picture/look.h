@@ -9,6 +9,12 @@
 
 namespace pipeline {
 
+/// One of several parts that a picture is rendered in.
+struct PictureTile {
+    int number = 1; ///< 1 to `count`
+    int count = 1;
+};
+
 struct ImageOptions {
     int width = 1280;
     int height = 720;
@@ -17,6 +23,7 @@ struct ImageOptions {
     std::optional<Kelpa::Vector> background; ///< linear
     bool transparent = false;
     std::optional<std::array<int, 4>> crop;
+    std::optional<PictureTile> tile; ///< of the crop, or of everything; no more than it has rows
     std::array<double, 2> shutter = {0.0, 1.0}; ///< the part of the particles' way that is seen
     bool depth = false, normal = false, id = false, position = false;
 

@@ -4,6 +4,8 @@
 #include "kelpa/host/pieces.h"
 
 #include "pipeline/files/srgb.h"
+#include "pipeline/picture/fingerprint.h"
+#include "pipeline/picture/picturepart.h"
 #include "pipeline/picture/tileorder.h"
 #include "pipeline/scene/vec.h"
 
@@ -15,10 +17,6 @@ namespace pipeline {
 namespace {
 
 using Kelpa::Vector;
-
-std::array<int, 4> partOf(ImageOptions const& options) {
-    return options.crop.value_or(std::array<int, 4>{0, 0, options.width, options.height});
-}
 
 /// What is seen beside the particles in each row.
 std::vector<Vector> backgroundRows(ImageOptions const& options) {
@@ -71,6 +69,9 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
 Picture::Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
                  ImageOptions const& imageOptions)
     : options(imageOptions), plan(makePlan(scene, camera, light, imageOptions)) {
+    if (options.tile)
+        tileLabel = textOf({fingerprintOf(scene, camera, light, options), *options.tile,
+                            wholeOf(options), options.width, options.height});
     auto const [left, top, right, bottom] = partOf(options);
     firstColumn = left / tileWidth;
     firstRow = top / tileWidth;
@@ -99,6 +100,7 @@ Image Picture::emptyImage() const {
         image.position.resize(3 * count);
     if (options.id)
         image.id.assign(count, idOfNothing);
+    image.tileLabel = tileLabel;
     return image;
 }
 

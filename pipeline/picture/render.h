@@ -8,12 +8,15 @@
 #include "pipeline/picture/tile.h"
 #include "pipeline/scene/scene.h"
 
+#include <string>
+
 namespace pipeline {
 
 /// A picture to be rendered, tile by tile: by the command, a viewer, or one of many machines.
 ///
-/// Making one costs next to nothing: a scene that is read and built is shown from as many cameras
-/// as one likes. The scene, whose tree is built, stays as it is for as long as the picture is used.
+/// Making one costs next to nothing (of a tile, one look at all particles): a scene that is read
+/// and built is shown from as many cameras as one likes. The scene, whose tree is built, stays as
+/// it is for as long as the picture is used.
 class Picture {
   public:
     Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
@@ -45,7 +48,8 @@ class Picture {
 
     ImageOptions options;
     PicturePlan plan;
-    int firstColumn; ///< of tiles
+    std::string tileLabel; ///< empty: the picture is rendered in one part
+    int firstColumn;       ///< of tiles
     int firstRow;
     int columns;
     int rows;

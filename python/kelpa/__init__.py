@@ -36,7 +36,7 @@ ReadError where in a file something is wrong; MemoryError that memory ran out.
 from ._progress import Progress
 from .adapters import from_ase, from_dataframe, from_mdanalysis
 from .camera import Camera
-from .files import Frames, NoSuchFrame, ReadError, frames, read
+from .files import Frames, NoSuchFrame, ReadError, frames, join, read
 from .hits import Hits
 from .particles import Cell, Particles
 from .pictures import Picture, to_srgb
@@ -46,5 +46,5 @@ __version__ = "0.1.0"
 __all__ = [
     "Camera", "Cell", "Frames", "Hits", "NoSuchFrame", "Particles", "Picture", "Primitive",
     "Progress", "ReadError", "build", "frames", "from_ase", "from_dataframe", "from_mdanalysis",
-    "read", "to_srgb",
+    "join", "read", "to_srgb",
 ]

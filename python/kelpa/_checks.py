@@ -271,6 +271,18 @@ def part(
     )
 
 
+def tile(name: str, value: Sequence[int], rows: int) -> tuple[int, int]:
+    """One of several tiles of a picture: k, n."""
+    numbers = list(value)
+    if len(numbers) == 2 and all(isinstance(n, (int, np.integer)) for n in numbers):
+        k, n = map(int, numbers)
+        if 1 <= k <= n <= rows:
+            return k, n
+    raise ValueError(
+        f"{name}: expected k, n with 1 <= k <= n <= {rows}, the picture's rows, found {value!r}"
+    )
+
+
 def caller_level() -> int:
     """The `stacklevel` by which the caller's warning names the line that called this module."""
     here = __name__.partition(".")[0]

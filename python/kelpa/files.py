@@ -128,6 +128,33 @@ def frames(path: Path, **options: Any) -> Frames:
     return Frames(path, **options)
 
 
+def join(path: Path, tiles: Sequence[Path], *, progress: Optional[Progress] = None) -> None:
+    """Writes the picture that tiles make up, as the command's `join` does.
+
+    `tiles` are .exr or .png files of what was rendered with `tile=(k, n)`, or by the command with
+    `--tile`, in any order; `path` has their format. The file is, byte for byte, what one run would
+    have written.
+
+    Raises FileNotFoundError, `ReadError` for files that are no tiles or not those of one picture,
+    OSError for what cannot be written.
+    """
+    if _native.missing:
+        raise ImportError(
+            f"kelpa.join: this build of kelpa has no pictures; it was made without {_native.missing}"
+        )
+    if isinstance(tiles, (str, bytes, os.PathLike)) or len(tiles) == 0:
+        raise ValueError(f"tiles: expected a sequence of paths, found {tiles!r}")
+    for tile in tiles:
+        _must_exist(os.fsdecode(tile))
+    with _reading():
+        _native.join(os.fsencode(path), [os.fsencode(tile) for tile in tiles], progress)
+
+
+def _must_exist(path: str) -> None:
+    if not os.path.exists(path):
+        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), path)
+
+
 class Frames(Sequence[Particles]):
     """See `frames`."""
 
@@ -135,8 +162,8 @@ class Frames(Sequence[Particles]):
         self._path = os.fsdecode(path)
         self._wanted = _wanted(**options)
         self._numbers: Optional[list[int]] = None
-        if not os.path.exists(self._path) and not re.search(r"\{\}|#|%\d*d", self._path):
-            raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), self._path)
+        if not re.search(r"\{\}|#|%\d*d", self._path):
+            _must_exist(self._path)
         with _reading():
             self._source = _native.Frames(os.fsencode(path))
 

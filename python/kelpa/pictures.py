@@ -37,7 +37,7 @@ class Picture(NDArray[np.float32]):
     normal: Optional[NDArray[np.float32]]
     id: Optional[NDArray[np.int64]]
     position: Optional[NDArray[np.float32]]
-    _frame: Optional[tuple[tuple[int, int], tuple[int, int, int, int], bool]]
+    _frame: Optional[tuple[tuple[int, int], tuple[int, int, int, int], bool, bytes]]
 
     def __array_finalize__(self, source: Optional[NDArray[Any]]) -> None:
         alike = isinstance(source, Picture) and source.shape == self.shape
@@ -87,24 +87,24 @@ class Picture(NDArray[np.float32]):
         if self.ndim != 3 or self.shape[2] != 4:
             raise check.shape_error("picture", "(height, width, 4)", self)
         height, width = self.shape[:2]
-        size, part = (width, height), (0, 0, width, height)
+        size, part, label = (width, height), (0, 0, width, height), b""
         if self._frame is not None:
-            size, part = self._frame[:2]
+            size, part, _, label = self._frame
         pixels = np.ascontiguousarray(self, dtype=np.float32)
-        return _native.Image(size, part, pixels, self.depth, self.normal, self.id, self.position)
+        return _native.Image(
+            size, part, pixels, self.depth, self.normal, self.id, self.position,
+            label,
+        )
 
 
 def make_picture(
-    arrays: dict[str, Any],
-    size: tuple[int, int],
-    crop: Optional[tuple[int, int, int, int]],
-    is_transparent: bool,
+    arrays: dict[str, Any], size: tuple[int, int], is_transparent: bool
 ) -> Picture:
-    """The picture of these channels; `crop` is the part of `size` that they show."""
+    """The picture of these channels, which show a part of `size`."""
     picture = arrays["rgba"].view(Picture)
     for name in _CHANNELS:
         setattr(picture, name, arrays.get(name))
-    picture._frame = (size, crop or (0, 0, *size), is_transparent)
+    picture._frame = (size, arrays["part"], is_transparent, arrays["tile_label"])
     return cast(Picture, picture)
 
 

@@ -244,6 +244,7 @@ class Primitive:
         shutter: Sequence[float] = (0.0, 1.0),
         aov: Union[str, Sequence[str]] = (),
         crop: Optional[Sequence[int]] = None,
+        tile: Optional[Sequence[int]] = None,
         seed: int = 0,
         ao_samples: int = 2,
         ao_distance: Optional[float] = None,
@@ -273,6 +274,9 @@ class Primitive:
             Further channels, in attributes of the picture.
         crop : (x0, y0, x1, y1), optional
             Pixels to render: from x0, y0 to before x1, y1.
+        tile : (k, n), optional
+            Only tile k of the n that share the picture, k from 1; `kelpa.join` puts the files that
+            they are saved to together.
         seed : int
             Of the sample patterns.
         ao_samples, ao_distance, shadows
@@ -303,6 +307,8 @@ class Primitive:
         wish.aov = channels
         part = None if crop is None else check.part("crop", crop, width, height)
         wish.crop = part
+        if tile is not None:
+            wish.tile = check.tile("tile", tile, height if part is None else part[3] - part[1])
         wish.seed = check.integer("seed", seed, 0, 2**64 - 1)
         wish.ao_samples = check.integer("ao_samples", ao_samples, 0, 65536)
         if ao_distance is not None:
@@ -315,7 +321,7 @@ class Primitive:
         )
         if arrays.get("id") is not None:
             arrays["id"] = self._named(arrays["id"])
-        return make_picture(arrays, (width, height), part, background is None)
+        return make_picture(arrays, (width, height), background is None)
 
     def _named(self, places: NDArray[np.int64]) -> NDArray[np.int64]:
         """Ids, where particles have them, for their places among all."""

@@ -58,6 +58,8 @@ std::string hintText(pipeline::Hint const& hint) {
         return " for elements=";
     case To::nameMoreElements:
         return ", and elements= names " + std::to_string(hint.count);
+    case To::renderTiles:
+        return "; render(tile=(k, n)) makes some";
     }
     return "";
 }

@@ -14,6 +14,7 @@
 #include "pipeline/files/errors.h"
 #include "pipeline/imagefile/encoders.h"
 #include "pipeline/imagefile/imagefile.h"
+#include "pipeline/imagefile/jointiles.h"
 #endif
 
 namespace py = pybind11;
@@ -83,8 +84,9 @@ pipeline::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const
                         Array<float> const& rgba, std::optional<Array<float>> const& depth,
                         std::optional<Array<float>> const& normal,
                         std::optional<Array<std::int64_t>> const& id,
-                        std::optional<Array<float>> const& position) {
+                        std::optional<Array<float>> const& position, std::string const& tileLabel) {
     pipeline::Image image;
+    image.tileLabel = tileLabel;
     std::tie(image.width, image.height) = std::pair(size[0], size[1]);
     image.cropX0 = part[0];
     image.cropY0 = part[1];
@@ -108,6 +110,12 @@ void defineFiles(py::module_& module) {
                                   bool withAlpha, py::object const& progress) {
         runWatched(progress, "Writing", [&](pipeline::PhaseProgress const& report) {
             pipeline::writeImage(path, image, withAlpha, report);
+        });
+    });
+    module.def("join", [](std::string const& output, std::vector<std::string> const& tiles,
+                          py::object const& progress) {
+        runWatched(progress, "Joining", [&](pipeline::PhaseProgress const& report) {
+            pipeline::joinTiles(output, tiles, report);
         });
     });
     module.def("png_of", [](pipeline::Image const& image, bool withAlpha) {
@@ -161,6 +169,12 @@ void defineWish(py::module_& module) {
                       })
         .def_property("crop", nullptr,
                       [](Wish& w, std::optional<std::array<int, 4>> crop) { w.image.crop = crop; })
+        .def_property("tile", nullptr,
+                      [](Wish& w, std::optional<std::array<int, 2>> const& tile) {
+                          w.image.tile.reset();
+                          if (tile)
+                              w.image.tile = {(*tile)[0], (*tile)[1]};
+                      })
         .def_property(
             "shutter", nullptr,
             [](Wish& w, std::array<double, 2> const& shutter) { w.image.shutter = shutter; })
@@ -245,6 +259,8 @@ py::dict arraysOf(pipeline::Image const& image, bool isTransparent) {
         arrays["id"] = channel(image, image.id, 0);
     if (!image.position.empty())
         arrays["position"] = channel(image, image.position, 3);
+    arrays["part"] = py::make_tuple(image.cropX0, image.cropY0, image.cropX1, image.cropY1);
+    arrays["tile_label"] = py::bytes(image.tileLabel);
     return arrays;
 }
 

@@ -30,7 +30,8 @@ struct Wish {
     Kelpa::Vector color; ///< of particles without colours; linear
 };
 
-/// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id` and `position`.
+/// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id` and `position`; `part`, the
+/// pixels that they are, and `tile_label`.
 pybind11::dict arraysOf(pipeline::Image const& image, bool isTransparent);
 
 void definePictures(pybind11::module_& module);

@@ -248,6 +248,26 @@ class PicturesOfFiles(WithFolder):
         with self.assertRaises(OSError):
             picture.save(self.folder / "nowhere" / "a.exr")
 
+    def test_are_joined_from_tiles(self):
+        tree = kelpa.Primitive(kelpa.read(self.water))
+        files = [self.folder / f"{k}.exr" for k in (1, 2, 3)]
+        looks = {"width": 40, "height": 60, "aov": ["id"], "background": "sky"}
+        tree.render(**looks).save(self.folder / "whole.exr")
+        for k, file in enumerate(files, 1):
+            pickle.loads(pickle.dumps(tree.render(tile=(k, 3), **looks))).save(file)
+        kelpa.join(self.folder / "joined.exr", files[::-1])
+        whole, joined = (self.folder / f"{name}.exr" for name in ("whole", "joined"))
+        self.assertEqual(whole.read_bytes(), joined.read_bytes())
+        with self.assertRaisesRegex(kelpa.ReadError, r"is no tile.*render\(tile=\(k, n\)\)"):
+            kelpa.join(joined, [whole])
+        with self.assertRaisesRegex(kelpa.ReadError, "2 is missing"):
+            kelpa.join(joined, files[::2])
+        with self.assertRaises(FileNotFoundError):
+            kelpa.join(joined, ["nowhere.exr"])
+        for tile in ((0, 3), (1, 61), (1,), (1.0, 2)):
+            with self.assertRaisesRegex(ValueError, "tile: expected k, n"):
+                tree.render(tile=tile, **looks)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -12,5 +12,6 @@ int runInfo(Options const& options);
 int runConvert(Options const& options);
 int runGenerate(Options const& options);
 int runBench(Options const& options);
+int runJoin(Options const& options);
 
 } // namespace pipeline::tool

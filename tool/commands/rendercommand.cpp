@@ -79,6 +79,10 @@ void checkOutput(Options const& options) {
         throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
                                      ".png or .exr",
                                      baseName(options.output)));
+    if (options.image.tile && format == ImageFormat::ppm)
+        throw UsageError(
+            fmt::format("{}: PPM cannot tell which tile it holds; write a .png or .exr",
+                        baseName(options.output)));
     bool const isNumbered = options.camera.turntable > 0 || !options.particles.frames.empty();
     checkWritable((isNumbered ? numberedName : nameOfOne)(options.output, 0));
 }

@@ -30,6 +30,8 @@ std::string hintText(Hint const& hint) {
         return " for --elements";
     case Hint::To::nameMoreElements:
         return fmt::format(", and --elements names {}", hint.count);
+    case Hint::To::renderTiles:
+        return "; kelpa render --tile K/N makes some";
     }
     return "";
 }

@@ -72,7 +72,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
     bool const isGenerate = options.command == Options::Command::generate;
     if (isGenerate || options.command == Options::Command::convert)
         checkParticleOutput(options.output);
-    if (isGenerate)
+    if (isGenerate || options.command == Options::Command::join)
         return;
     checkFileCount(isGiven, options);
     MotionOptions& motion = options.scene.motion;
@@ -107,6 +107,10 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                   0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
         throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
                                      options.image.width, options.image.height));
+    int const rows = crop ? (*crop)[3] - (*crop)[1] : options.image.height;
+    if (options.image.tile && options.image.tile->count > rows)
+        throw UsageError(fmt::format("--tile: {} tiles, but the picture has {} rows",
+                                     options.image.tile->count, rows));
     if (options.camera.eye && options.camera.view)
         throw UsageError("--eye and --view both place the camera; use one of them");
 }

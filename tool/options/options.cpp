@@ -33,6 +33,7 @@ constexpr char const* otherExamples = R"(Examples:
   kelpa convert run.dump --frame -1 -o last.ply
   kelpa generate galaxy --count 200000 --seed 1 -o galaxy.ply
   kelpa bench snapshot.ply
+  kelpa join picture.exr tile.*.exr
 
 )";
 
@@ -68,7 +69,7 @@ class ExamplesFirst : public CLI::Formatter {
 int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
     bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
     if (isUnknown && firstWord[0] != '-')
-        say("kelpa: no command '{}'; there are render, info, convert, generate and bench\n",
+        say("kelpa: no command '{}'; there are render, info, convert, generate, bench and join\n",
             firstWord);
     else if (app.get_subcommands().empty())
         say("kelpa: {}; see kelpa --help\n", reason);
@@ -154,6 +155,14 @@ CLI::App* addGenerate(CLI::App& app, Options& options) {
     return generate;
 }
 
+CLI::App* addJoin(CLI::App& app, Options& options) {
+    auto* const join = app.add_subcommand("join", "Put the tiles of a picture together");
+    join->add_option("OUT", options.output, "Picture: .exr or .png")->required();
+    join->add_option("TILE", options.tiles, "What render --tile wrote, in any order")->required();
+    addRunOptions(*join, options.run);
+    return join;
+}
+
 } // namespace
 
 std::optional<Options> parseOptions(int argc, char const* const* argv, int& exitCode) {
@@ -170,6 +179,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     auto* const info = addInfo(app, options);
     auto* const convert = addConvert(app, options);
     auto* const bench = addBench(app, options);
+    auto* const join = addJoin(app, options);
     addGenerate(app, options);
 
     try {
@@ -178,6 +188,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
                           : info->parsed()    ? Options::Command::info
                           : convert->parsed() ? Options::Command::convert
                           : bench->parsed()   ? Options::Command::bench
+                          : join->parsed()    ? Options::Command::join
                                               : Options::Command::generate;
         if (options.run.statsFile == "true") { // what CLI11 makes of no value
             options.run.stats = true;

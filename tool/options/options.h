@@ -49,7 +49,7 @@ struct RunOptions {
 
 /// Everything that the command line says.
 struct Options {
-    enum class Command { none, render, info, convert, generate, bench };
+    enum class Command { none, render, info, convert, generate, bench, join };
 
     Command command = Command::none;
     ParticleOptions particles;
@@ -60,6 +60,7 @@ struct Options {
     TreeOptions tree;
     RunOptions run;
     std::string output;
+    std::vector<std::string> tiles; ///< to be joined
     bool json = false;
     std::string kind; ///< of sample
     std::uint64_t count = 0;

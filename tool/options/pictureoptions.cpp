@@ -126,12 +126,23 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera) {
 
 namespace {
 
+PictureTile parseTile(std::string const& text) {
+    auto const [number, count] = parseNumbers<int, 2>(text, '/', "K/N");
+    if (number < 1 || number > count)
+        throw UsageError(fmt::format("'{}' is none of 1/N to N/N", text));
+    return {number, count};
+}
+
 /// Which pixels, and what of them.
 void addPixelOptions(CLI::App& app, ImageOptions& image) {
     addParsed(
         app, "--crop", "X0,Y0,X1,Y1", image.crop,
         [](std::string const& text) { return parseNumbers<int, 4>(text, ',', "X0,Y0,X1,Y1"); },
         "Pixels to render: from X0,Y0 to before X1,Y1")
+        ->group("Image");
+    addParsed(
+        app, "--tile", "K/N", image.tile, parseTile,
+        "Only tile K of the N that share the picture, K from 1; kelpa join puts them together")
         ->group("Image");
     addTaken(
         app, "--aov", "depth,normal,id,position",

@@ -1,0 +1,126 @@
+// Mixes particles and options into one number.
+#include "pipeline/picture/fingerprint.h"
+
+#include <bit>
+#include <cstring>
+#include <type_traits>
+#include <vector>
+
+namespace pipeline {
+
+namespace {
+
+/// Mixes values into one number, eight bytes at a time.
+class Mixer {
+  public:
+    void add(std::uint64_t word) {
+        // An odd factor without a pattern, and a turn that brings its high bits down again.
+        constexpr std::uint64_t factor = 0x9E3779B97F4A7C15U;
+        state = std::rotl((state ^ word) * factor, 29);
+    }
+
+    /// Numbers, by their bits.
+    template <class... Number>
+    requires(std::is_arithmetic_v<Number>&&...) void addNumbers(Number const&... numbers) {
+        (addBytes(&numbers, sizeof numbers), ...);
+    }
+    void addVector(Kelpa::Vector const& v) { addNumbers(v.x, v.y, v.z); }
+    void addVec(Vec const& v) { addNumbers(v.x, v.y, v.z); }
+
+    template <class Value> void addAll(std::vector<Value> const& values) {
+        static_assert(std::has_unique_object_representations_v<Value> ||
+                      sizeof(Value) % sizeof(float) == 0); // no bytes between numbers
+        add(values.size());
+        if (!values.empty())
+            addBytes(values.data(), values.size() * sizeof(Value));
+    }
+
+    template <class Value, class Add>
+    void addIf(std::optional<Value> const& value, Add const& how) {
+        add(value ? 1 : 0);
+        if (value)
+            how(*value);
+    }
+
+    std::uint64_t result() const {
+        // Once more for the last words, which have had few turns.
+        std::uint64_t const folded = (state ^ (state >> 32U)) * 0xD6E8FEB86659FD93U;
+        return folded ^ (folded >> 32U);
+    }
+
+  private:
+    void addBytes(void const* from, std::size_t count) {
+        auto const* at = static_cast<char const*>(from);
+        for (; count >= 8; count -= 8, at += 8) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, at, 8);
+            add(word);
+        }
+        if (count > 0) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, at, count);
+            add(word);
+        }
+    }
+
+    std::uint64_t state = 0x243F6A8885A308D3U; // anything but zero
+};
+
+void addSnapshot(Mixer& mixer, Snapshot const* snapshot) {
+    mixer.add(snapshot != nullptr ? 1 : 0);
+    if (snapshot == nullptr)
+        return;
+    mixer.addAll(snapshot->positions);
+    mixer.addAll(snapshot->radii);
+    mixer.addNumbers(snapshot->part(0, 0).particleType);
+}
+
+void addScene(Mixer& mixer, Scene const& scene) {
+    addSnapshot(mixer, scene.first.get());
+    addSnapshot(mixer, scene.second.get());
+    mixer.addAll(scene.colors);
+    mixer.addVector(scene.color);
+    mixer.addAll(scene.ids);
+    mixer.addVec(scene.origin);
+    mixer.addNumbers(scene.upAxis);
+}
+
+// The bindings name every member: one that is new does not compile until it is here as well.
+
+void addCamera(Mixer& mixer, Camera const& camera) {
+    auto const& [eye, right, up, forward, extent, isParallel, width, height] = camera;
+    for (Vec const& v : {eye, right, up, forward})
+        mixer.addVec(v);
+    mixer.addNumbers(extent, isParallel, width, height);
+}
+
+void addLight(Mixer& mixer, LightOptions const& light) {
+    auto const& [shade, aoSamples, aoDistance, shadows] = light;
+    mixer.addNumbers(static_cast<int>(shade), aoSamples);
+    mixer.addIf(aoDistance, [&](double distance) { mixer.addNumbers(distance); });
+    mixer.addIf(shadows, [&](bool wanted) { mixer.addNumbers(wanted); });
+}
+
+void addImage(Mixer& mixer, ImageOptions const& image) {
+    auto const& [width, height, samples, seed, background, transparent, crop, tile, shutter, depth,
+                 normal, id, position] = image;
+    static_cast<void>(crop); // the part alone
+    static_cast<void>(tile);
+    mixer.addNumbers(width, height, samples, seed, transparent, shutter[0], shutter[1], depth,
+                     normal, id, position);
+    mixer.addIf(background, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
+}
+
+} // namespace
+
+std::uint64_t fingerprintOf(Scene const& scene, Camera const& camera, LightOptions const& light,
+                            ImageOptions const& image) {
+    Mixer mixer;
+    addScene(mixer, scene);
+    addCamera(mixer, camera);
+    addLight(mixer, light);
+    addImage(mixer, image);
+    return mixer.result();
+}
+
+} // namespace pipeline
