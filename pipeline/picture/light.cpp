@@ -21,9 +21,8 @@ Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene c
     light.hasShadows =
         light.hasKey && options.shadows.value_or(options.shade == LightOptions::Shade::ao);
     light.occlusionRays = options.shade == LightOptions::Shade::ao ? options.aoSamples : 0;
-    double const diagonal = boundsOf(scene.framedCenters).diagonal();
-    double const radius =
-        static_cast<double>(*std::max_element(scene.framedRadii.begin(), scene.framedRadii.end()));
+    double const diagonal = boundsOf(scene.framedCenters()).diagonal();
+    double const radius = static_cast<double>(std::ranges::max(scene.framedRadii()));
     light.occlusionDistance = options.aoDistance.value_or(std::max(0.1 * diagonal, 2.0 * radius));
     return light;
 }

@@ -76,48 +76,59 @@ Ways findWays(Scene& scene, SceneOptions const& options, ParticleSet& particles,
     return {std::move(particles.positions), {}, std::move(radii), {}};
 }
 
-Kelpa::ParticleData snapshotOf(std::vector<Vector> const& positions,
-                               std::vector<float> const& radii, double time) {
-    return {time,
-            0,
-            positions.data(),
-            static_cast<std::int32_t>(positions.size()),
-            radii.data(),
-            static_cast<std::int32_t>(radii.size()),
-            nullptr,
-            0};
+/// A snapshot of one particle.
+Kelpa::ParticleData snapshotOf(Vector const* position, float const* radius, double time) {
+    return {time, 0, position, 1, radius, 1, nullptr, 0};
 }
 
-/// Counts the particles that trees leave out, by reason, and collects the others for framing, each
-/// at both ends of its way.
-void inspect(Scene& scene, Ways const& ways) {
+/// Counts a particle that trees leave out, by reason.
+void reject(Rejected& rejected, Ways const& ways, std::size_t i) {
     auto const& p1 = ways.positions1.empty() ? ways.positions0 : ways.positions1;
     auto const& r1 = ways.radii1.empty() ? ways.radii0 : ways.radii1;
-    System system{snapshotOf(ways.positions0, ways.radii0, firstTime), std::nullopt};
-    if (!ways.positions1.empty())
-        system.second = snapshotOf(p1, r1, secondTime);
+    float const r0 = ways.radii0[i];
+    bool const hasFiniteEnds = isFinite(ways.positions0[i]) && isFinite(p1[i]) &&
+                               std::isfinite(r0) && std::isfinite(r1[i]);
+    bool const hasRadii = Kelpa::isUsableRadius(r0) && Kelpa::isUsableRadius(r1[i]);
+    ++(hasFiniteEnds && !hasRadii ? rejected.notPositive : rejected.notFinite);
+}
+
+/// Asks which particles trees take: counts the others, and keeps these for framing unless all stand
+/// still and are taken.
+void inspect(Scene& scene, Ways const& ways) {
+    bool const isMoving = !ways.positions1.empty();
+    auto const& r1 = ways.radii1.empty() ? ways.radii0 : ways.radii1;
+    Scene::Framed& framed = scene.framed;
+    framed.isApart = isMoving;
     double steps = 0.0;
     for (std::size_t i = 0; i < ways.positions0.size(); ++i) {
-        float const r0 = ways.radii0[i];
-        if (!isUsable(system, static_cast<std::int32_t>(i))) {
-            bool const hasFiniteEnds = isFinite(ways.positions0[i]) && isFinite(p1[i]) &&
-                                       std::isfinite(r0) && std::isfinite(r1[i]);
-            bool const hasRadii = Kelpa::isUsableRadius(r0) && Kelpa::isUsableRadius(r1[i]);
-            ++(hasFiniteEnds && !hasRadii ? scene.rejected.notPositive : scene.rejected.notFinite);
+        // Alone in its snapshots: there may be more than those can count.
+        System one{snapshotOf(&ways.positions0[i], &ways.radii0[i], firstTime), std::nullopt};
+        if (isMoving)
+            one.second = snapshotOf(&ways.positions1[i], &r1[i], secondTime);
+        if (!isUsable(one, 0)) {
+            reject(scene.rejected, ways, i);
+            if (!framed.isApart) { // all so far are taken
+                auto const count = static_cast<std::ptrdiff_t>(i);
+                framed.centers.assign(ways.positions0.begin(), ways.positions0.begin() + count);
+                framed.radii.assign(ways.radii0.begin(), ways.radii0.begin() + count);
+            }
+            framed.isApart = true;
             continue;
         }
-        scene.framedCenters.push_back(ways.positions0[i]);
-        scene.framedRadii.push_back(r0);
-        if (ways.positions1.empty())
+        if (!framed.isApart)
             continue;
-        scene.framedCenters.push_back(p1[i]);
-        scene.framedRadii.push_back(r1[i]);
-        double const step = distance(ways.positions0[i], p1[i]);
+        framed.centers.push_back(ways.positions0[i]);
+        framed.radii.push_back(ways.radii0[i]);
+        if (!isMoving)
+            continue;
+        framed.centers.push_back(ways.positions1[i]);
+        framed.radii.push_back(r1[i]);
+        double const step = distance(ways.positions0[i], ways.positions1[i]);
         steps += step;
         scene.largestStep = std::max(scene.largestStep, step);
     }
-    if (!scene.framedCenters.empty())
-        scene.meanStep = steps / (static_cast<double>(scene.framedCenters.size()) / 2.0);
+    if (isMoving && !framed.centers.empty())
+        scene.meanStep = steps / (static_cast<double>(framed.centers.size()) / 2.0);
 }
 
 void subtract(std::vector<Vector>& centers, Vec const& origin) {
@@ -167,20 +178,21 @@ void noteUsable(Scene const& scene, std::string const& file, std::size_t count, 
     if (rejected.total() > 0)
         note(fmt::format("{} of {} particles skipped ({} not finite, {} with radius 0 or less)",
                          rejected.total(), count, rejected.notFinite, rejected.notPositive));
-    if (scene.framedCenters.empty())
+    if (rejected.total() == count)
         throw InputError(
             fmt::format("{}: no usable particle ({} read, {} not finite, {} with radius 0 or less)",
                         file, count, rejected.notFinite, rejected.notPositive));
     if (scene.largestStep > 0.0)
         note(fmt::format("particles move by {:.3g} on average and {:.3g} at most, {:.3g} radii",
                          scene.meanStep, scene.largestStep,
-                         scene.largestStep / static_cast<double>(scene.framedRadii[0])));
+                         scene.largestStep / static_cast<double>(scene.framed.radii[0])));
 }
 
 /// Makes what trees are built over, in coordinates of the scene's own.
 void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
-    scene.origin = originFor(boundsOf(scene.framedCenters));
-    subtract(scene.framedCenters, scene.origin);
+    scene.origin =
+        originFor(boundsOf(scene.framed.isApart ? scene.framed.centers : ways.positions0));
+    subtract(scene.framed.centers, scene.origin);
     subtract(ways.positions0, scene.origin);
     subtract(ways.positions1, scene.origin);
     std::int32_t const type = arePoints ? 1 : 0;

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -67,8 +68,20 @@ struct Scene {
     std::string radiusSource; ///< why the radii are what they are, in words
     std::string colorColumn;  ///< the column that gives the colours, if any
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
-    std::vector<Kelpa::Vector> framedCenters;       ///< usable particles, at both ends of their way
-    std::vector<float> framedRadii;
+    /// The usable particles, at both ends of their way, unless they are those of `first`.
+    struct Framed {
+        bool isApart = false;
+        std::vector<Kelpa::Vector> centers;
+        std::vector<float> radii;
+    } framed;
+
+    /// What a picture is to hold: the usable particles, at both ends of their way.
+    std::span<Kelpa::Vector const> framedCenters() const {
+        return framed.isApart ? framed.centers : first->positions;
+    }
+    std::span<float const> framedRadii() const {
+        return framed.isApart ? framed.radii : first->radii;
+    }
 
     /// What a picture calls the particle in a place.
     std::int64_t idOf(std::int64_t place) const {

@@ -224,13 +224,16 @@ pipeline::Scene makeScene(std::vector<System> const& systems, pipeline::Vec cons
     if (!systems.empty() && systems[0].second)
         scene.second = joined(systems, true);
     scene.origin = origin;
+    scene.framed.isApart = true;
     forEachUsable(systems, [&scene](Vector const& center, float radius) {
-        scene.framedCenters.push_back(center);
-        scene.framedRadii.push_back(radius);
+        scene.framed.centers.push_back(center);
+        scene.framed.radii.push_back(radius);
     });
-    if (scene.framedCenters.empty()) { // an empty scene is seen from somewhere
-        scene.framedCenters.push_back({0.0F, 0.0F, 0.0F});
-        scene.framedRadii.push_back(1.0F);
+    if (scene.framed.centers.empty()) { // an empty scene is seen from somewhere
+        scene.framed.centers.push_back({0.0F, 0.0F, 0.0F});
+        scene.framed.radii.push_back(1.0F);
+    } else if (scene.framed.centers.size() == scene.first->positions.size() && !scene.second) {
+        scene.framed = {};
     }
     return scene;
 }

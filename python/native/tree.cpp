@@ -149,8 +149,8 @@ Placed Tree::placeCamera(pipeline::CameraOptions const& options, int width, int 
     py::gil_scoped_release const unlocked;
     std::lock_guard const hold(sceneMutex);
     pipeline::Scene const& framed = sceneIn(scene ? scene->color : Kelpa::Vector{});
-    return placedOf(pipeline::placeCamera(options, width, height, 'z', framed.framedCenters,
-                                          framed.framedRadii, origin),
+    return placedOf(pipeline::placeCamera(options, width, height, 'z', framed.framedCenters(),
+                                          framed.framedRadii(), origin),
                     origin);
 }
 

@@ -96,7 +96,7 @@ Image render(Options options, ParticleSet const& particles, ParticleSet const* s
     buildScene(scene, {progress}, options.tree);
     auto const camera =
         placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
-                    scene.framedCenters, scene.framedRadii, scene.origin);
+                    scene.framedCenters(), scene.framedRadii(), scene.origin);
     return renderImage(scene, camera, options.image, options.light, threads, {});
 }
 
@@ -224,8 +224,9 @@ TEST(Scenes, CountAndFrameWhatTreesTake) {
     EXPECT_EQ(scene.geometry->statistics().used, 2);
     EXPECT_EQ(scene.rejected.notFinite, 1U);
     EXPECT_EQ(scene.rejected.notPositive, 0U);
-    EXPECT_EQ(scene.framedRadii, (std::vector<float>{0.5F, 0.5F, 0.25F, 0.25F}));
-    EXPECT_EQ(pipeline::boundsOf(scene.framedCenters).diagonal(), std::sqrt(14.0));
+    EXPECT_EQ(std::vector<float>(scene.framedRadii().begin(), scene.framedRadii().end()),
+              (std::vector<float>{0.5F, 0.5F, 0.25F, 0.25F}));
+    EXPECT_EQ(pipeline::boundsOf(scene.framedCenters()).diagonal(), std::sqrt(14.0));
 }
 
 TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
@@ -239,8 +240,8 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     buildScene(scene, {progress}, options.tree);
     auto const pictureFrom = [&](pipeline::View view) {
         options.camera.view = view;
-        auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters,
-                                        scene.framedRadii, scene.origin);
+        auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters(),
+                                        scene.framedRadii(), scene.origin);
         return pipeline::Picture(scene, camera, options.light, options.image);
     };
     auto const render = [](pipeline::Picture const& picture, std::size_t first, Image& image) {

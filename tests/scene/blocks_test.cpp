@@ -286,7 +286,7 @@ Image pictureOf(Scene const& scene, int threads) {
     image.samples = 3;
     image.depth = image.normal = image.id = image.position = true;
     Camera const camera =
-        placeCamera({}, 80, 60, 'z', scene.framedCenters, scene.framedRadii, scene.origin);
+        placeCamera({}, 80, 60, 'z', scene.framedCenters(), scene.framedRadii(), scene.origin);
     return renderImage(scene, camera, image, {}, threads, {});
 }
 

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -27,7 +28,7 @@ namespace pipeline::tool {
 namespace {
 
 /// Where the middle 99 % of points lie along an axis.
-std::pair<double, double> middlePart(std::vector<Kelpa::Vector> const& points, int axis) {
+std::pair<double, double> middlePart(std::span<Kelpa::Vector const> points, int axis) {
     constexpr std::size_t asked = 100000; // of any more points, every n-th
     std::size_t const stride = points.size() / asked + 1;
     std::vector<float> places;
@@ -44,11 +45,11 @@ std::pair<double, double> middlePart(std::vector<Kelpa::Vector> const& points, i
 
 /// Of far outliers the picture shows all, and little else: says so, and how to see the others.
 void noteOutliers(Scene const& scene, Note const& note) {
-    auto const [minX, maxX] = middlePart(scene.framedCenters, 0);
-    auto const [minY, maxY] = middlePart(scene.framedCenters, 1);
-    auto const [minZ, maxZ] = middlePart(scene.framedCenters, 2);
+    auto const [minX, maxX] = middlePart(scene.framedCenters(), 0);
+    auto const [minY, maxY] = middlePart(scene.framedCenters(), 1);
+    auto const [minZ, maxZ] = middlePart(scene.framedCenters(), 2);
     Bounds const most{{minX, minY, minZ}, {maxX, maxY, maxZ}};
-    double const part = most.diagonal() / boundsOf(scene.framedCenters).diagonal();
+    double const part = most.diagonal() / boundsOf(scene.framedCenters()).diagonal();
     constexpr double little = 0.05;
     if (part > 0.0 && part < little) {
         Vec const centre = inFile(most, scene.origin).centre();
@@ -172,7 +173,7 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, std::stri
 Camera Rendering::cameraFor(Scene const& scene, int picture) const {
     auto const place = [&](auto const& placing, auto... which) {
         return placing(options.camera, which..., options.image.width, options.image.height,
-                       scene.upAxis, scene.framedCenters, scene.framedRadii, scene.origin);
+                       scene.upAxis, scene.framedCenters(), scene.framedRadii(), scene.origin);
     };
     try {
         return options.camera.turntable > 0 ? place(placeTurntable, picture) : place(placeCamera);
