@@ -16,6 +16,7 @@ class Footprint {
   public:
     static constexpr int cellWidth = 2; ///< pixels
 
+    /// Of no particular part: particles may show in any pixel.
     Footprint() = default;
     /// Of the part of the camera's picture from (`left`, `top`) to before (`right`, `bottom`), at
     /// any time of the particles' ways.
@@ -23,6 +24,8 @@ class Footprint {
 
     /// Whether particles may show in a pixel of the part.
     bool reaches(int x, int y) const {
+        if (reached.empty())
+            return true;
         auto const column = static_cast<std::size_t>((x - grid.left) / cellWidth);
         auto const row = static_cast<std::size_t>((y - grid.top) / cellWidth);
         return reached[row * static_cast<std::size_t>(grid.columns) + column] != 0;

@@ -8,6 +8,12 @@
 
 namespace pipeline {
 
+double usualOcclusionDistance(Scene const& scene) {
+    double const diagonal = boundsOf(scene.framedCenters()).diagonal();
+    double const radius = static_cast<double>(std::ranges::max(scene.framedRadii()));
+    return std::max(0.1 * diagonal, 2.0 * radius);
+}
+
 Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene) {
     Lighting light;
     light.up = narrow(camera.up);
@@ -21,9 +27,9 @@ Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene c
     light.hasShadows =
         light.hasKey && options.shadows.value_or(options.shade == LightOptions::Shade::ao);
     light.occlusionRays = options.shade == LightOptions::Shade::ao ? options.aoSamples : 0;
-    double const diagonal = boundsOf(scene.framedCenters()).diagonal();
-    double const radius = static_cast<double>(std::ranges::max(scene.framedRadii()));
-    light.occlusionDistance = options.aoDistance.value_or(std::max(0.1 * diagonal, 2.0 * radius));
+    if (light.occlusionRays > 0) // only then is it worth a look at all particles
+        light.occlusionDistance =
+            options.aoDistance ? *options.aoDistance : usualOcclusionDistance(scene);
     return light;
 }
 

@@ -26,6 +26,9 @@ struct Lighting {
     double occlusionDistance = 0.0;
 };
 
+/// How far occlusion reaches unless somebody says so: a look at all particles.
+double usualOcclusionDistance(Scene const& scene);
+
 Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene);
 
 } // namespace pipeline

@@ -45,7 +45,7 @@ std::vector<Vector> emptyPixels(std::vector<Vector> const& backgrounds, int samp
 }
 
 PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions const& light,
-                     ImageOptions const& image) {
+                     ImageOptions const& image, Picture::Sky sky) {
     auto const [left, top, right, bottom] = partOf(image);
     auto const samples = static_cast<std::uint32_t>(image.samples);
     std::vector<Vector> const backgrounds = backgroundRows(image);
@@ -59,7 +59,8 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
             image.seed,
             Strata(samples),
             image.shutter,
-            Footprint(scene, camera, left, top, right, bottom),
+            sky == Picture::Sky::leftOut ? Footprint(scene, camera, left, top, right, bottom)
+                                         : Footprint(),
             backgrounds,
             emptyPixels(backgrounds, image.samples)};
 }
@@ -67,8 +68,8 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
 } // namespace
 
 Picture::Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
-                 ImageOptions const& imageOptions)
-    : options(imageOptions), plan(makePlan(scene, camera, light, imageOptions)) {
+                 ImageOptions const& imageOptions, Sky sky)
+    : options(imageOptions), plan(makePlan(scene, camera, light, imageOptions, sky)) {
     if (options.tile)
         tileLabel = textOf({fingerprintOf(scene, camera, light, options), *options.tile,
                             wholeOf(options), options.width, options.height});

@@ -14,13 +14,18 @@ namespace pipeline {
 
 /// A picture to be rendered, tile by tile: by the command, a viewer, or one of many machines.
 ///
-/// Making one costs next to nothing (of a tile, one look at all particles): a scene that is read
-/// and built is shown from as many cameras as one likes. The scene, whose tree is built, stays as
-/// it is for as long as the picture is used.
+/// A scene that is read and built is shown from as many cameras as one likes (of a tile, the
+/// picture takes one look at all particles). The scene, whose tree is built, stays as it is for as
+/// long as the picture is used.
 class Picture {
   public:
+    /// What becomes of rays beside all particles. They are left out by a look at every particle,
+    /// which takes some 5 ns each and pays for many samples. Asked of the tree they make the same
+    /// picture, and it begins at once.
+    enum class Sky { leftOut, traced };
+
     Picture(Scene const& scene, Camera const& camera, LightOptions const& light,
-            ImageOptions const& image);
+            ImageOptions const& image, Sky sky = Sky::leftOut);
 
     /// An image of the wanted part with the wanted channels, in which no particle shows.
     Image emptyImage() const;
