@@ -12,6 +12,10 @@ forbid() {
 }
 # Programs use what is below them, and nobody uses programs.
 programs='tool/|bench/|tests/|examples/|python/'
+# The view stands between the way to a picture and the programs that show it.
+forbid view "kelpa/(spheretree|particleprimitives)|pipeline/(samples|readers)|$programs"
+forbid pipeline 'view/'
+forbid kelpa 'view/'
 forbid kelpa/foundation "kelpa/(spheretree|particleprimitives|host)|pipeline/|$programs"
 forbid kelpa/spheretree "kelpa/(particleprimitives|host)|pipeline/|$programs"
 forbid kelpa/spheretree/static 'kelpa/spheretree/motionblur'

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, as far as they are missing.
 # Without the right to install, prints the line that an administrator should run.
-# `install-packages.sh --no-tests` leaves out what only tests and benchmark use.
+# `install-packages.sh --no-tests` leaves out what only tests and benchmark use, `--with-browser` adds
+# the one that tests of the page drive.
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libpng-dev libopenexr-dev libcli11-dev libfmt-dev zlib1g-dev libzstd-dev liblzma-dev libbz2-dev
-          gemmi-dev tao-pegtl-dev)
+          gemmi-dev tao-pegtl-dev libcivetweb-dev libturbojpeg0-dev nlohmann-json3-dev)
 if [[ "${1:-}" != --no-tests ]]; then
     packages+=(libgtest-dev libbenchmark-dev pybind11-dev python3-dev python3-numpy libtbb-dev)
+fi
+if [[ "${1:-}" == --with-browser ]]; then
+    packages+=(chromium fonts-dejavu-core)
 fi
 
 missing=()

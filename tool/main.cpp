@@ -1,38 +1,20 @@
 // The command kelpa: turns what goes wrong into one line and an exit code.
 
-#include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/host/consoleprogress.h"
 
-#include "pipeline/files/errors.h"
-#include "pipeline/files/progress.h"
-
 #include "tool/commands/commands.h"
-#include "tool/options/hints.h"
 #include "tool/options/options.h"
 #include "tool/process/interruptwatch.h"
 #include "tool/process/standardstreams.h"
-
-#include <fmt/format.h>
+#include "tool/report/failures.h"
 
 #include <csignal>
-#include <cstring>
 #include <exception>
-#include <new>
-#include <stdexcept>
 
 using namespace pipeline;
 using namespace pipeline::tool;
 
 namespace {
-
-enum ExitCode {
-    done = 0,
-    failed = 1,
-    wrongUsage = 2,
-    unusableInput = 3,
-    unwritableOutput = 4,
-    interrupted = 130
-};
 
 int runCommand(Options const& options) {
     switch (options.command) {
@@ -48,24 +30,11 @@ int runCommand(Options const& options) {
         return runBench(options);
     case Options::Command::join:
         return runJoin(options);
+    case Options::Command::view:
+        return runView(options);
     default:
         return wrongUsage;
     }
-}
-
-constexpr char const* outOfMemory = "out of memory; fewer particles or a smaller picture need less";
-
-/// What the library says, without the names of its own parts.
-char const* withoutNames(char const* text) {
-    if (std::strstr(text, "Could not allocate memory") != nullptr)
-        return outOfMemory;
-    char const* const end = *text == '[' ? std::strstr(text, "] ") : nullptr;
-    return end != nullptr ? end + 2 : text;
-}
-
-int complain(ExitCode code, char const* text) {
-    say("kelpa: {}\n", text);
-    return code;
 }
 
 } // namespace
@@ -80,19 +49,9 @@ int main(int argc, char** argv) {
         int exitCode = done;
         auto const options = parseOptions(argc, argv, exitCode);
         return options ? runCommand(*options) : exitCode;
-    } catch (std::invalid_argument const& error) {
-        return complain(wrongUsage, error.what());
-    } catch (InputError const& error) {
-        return complain(unusableInput, (error.what() + hintText(error.hint)).c_str());
-    } catch (OutputError const& error) {
-        return complain(unwritableOutput, error.what());
-    } catch (Interrupted const&) {
-        return complain(interrupted, "interrupted");
-    } catch (Kelpa::ExceptionMsg const& error) {
-        return complain(failed, withoutNames(error.what()));
-    } catch (std::bad_alloc const&) {
-        return complain(failed, outOfMemory);
-    } catch (std::exception const& error) {
-        return complain(failed, error.what());
+    } catch (...) {
+        Failure const failure = failureOf(std::current_exception());
+        say("kelpa: {}\n", failure.text);
+        return failure.code;
     }
 }

@@ -13,5 +13,6 @@ int runConvert(Options const& options);
 int runGenerate(Options const& options);
 int runBench(Options const& options);
 int runJoin(Options const& options);
+int runView(Options const& options);
 
 } // namespace pipeline::tool

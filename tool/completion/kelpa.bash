@@ -6,7 +6,7 @@ _kelpa_help() {
     local word
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
-        render | info | convert | generate | bench | join)
+        render | view | info | convert | generate | bench | join)
             "${COMP_WORDS[0]}" "$word" --help 2>/dev/null
             return
             ;;

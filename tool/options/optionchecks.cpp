@@ -42,7 +42,8 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
 /// Refuses more files than the command takes; a shell makes many of a pattern of its own.
 void checkFileCount(GivenOption const& isGiven, Options const& options) {
     std::vector<std::string> const& files = options.particles.files;
-    bool const isRender = options.command == Options::Command::render;
+    bool const isRender =
+        options.command == Options::Command::render || options.command == Options::Command::view;
     if (isRender && isGiven("--stats") && files.size() == 2 && files[1].ends_with(".json"))
         throw UsageError(
             fmt::format("{} is taken for a second snapshot; write --stats={}", files[1], files[1]));
@@ -76,7 +77,9 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         return;
     checkFileCount(isGiven, options);
     MotionOptions& motion = options.scene.motion;
-    if (options.command == Options::Command::render && particles.files.size() == 2) {
+    bool const makesPictures =
+        options.command == Options::Command::render || options.command == Options::Command::view;
+    if (makesPictures && particles.files.size() == 2) {
         if (isMoving(motion.motion))
             throw UsageError("two files are two snapshots already; leave --motion out");
         motion.motion = ToFile{particles.files[1]};

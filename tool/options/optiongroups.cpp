@@ -285,4 +285,14 @@ void addMotionOptions(CLI::App& app, Options& options) {
         ->group("Motion");
 }
 
+void addServeOptions(CLI::App& app, ViewOptions& view) {
+    app.add_option("--port", view.port, "Where to listen; default: a port that is free")
+        ->transform(between(0, 65535))
+        ->group("Server");
+    app.add_option("--host", view.host,
+                   "Address to listen on; default: 127.0.0.1, which other machines do not reach")
+        ->group("Server");
+    app.add_flag("--open", view.opensBrowser, "Open the link in the browser")->group("Server");
+}
+
 } // namespace pipeline::tool

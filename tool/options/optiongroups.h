@@ -25,6 +25,7 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera);
 void addImageOptions(CLI::App& app, ImageOptions& image);
 void addLightOptions(CLI::App& app, LightOptions& light);
 void addPictureRunOptions(CLI::App& app, Options& options);
+void addServeOptions(CLI::App& app, ViewOptions& view);
 
 /// Ranges between commas.
 std::vector<FrameRange> parseFrameRanges(std::string const& text);

@@ -13,7 +13,10 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iterator>
 #include <memory>
+#include <string_view>
 
 namespace pipeline::tool {
 
@@ -34,6 +37,7 @@ constexpr char const* otherExamples = R"(Examples:
   kelpa generate galaxy --count 200000 --seed 1 -o galaxy.ply
   kelpa bench snapshot.ply
   kelpa join picture.exr tile.*.exr
+  kelpa view run.dump --open
 
 )";
 
@@ -69,7 +73,8 @@ class ExamplesFirst : public CLI::Formatter {
 int refuse(CLI::App const& app, std::string const& reason, std::string const& firstWord) {
     bool const isUnknown = app.get_subcommands().empty() && !firstWord.empty();
     if (isUnknown && firstWord[0] != '-')
-        say("kelpa: no command '{}'; there are render, info, convert, generate, bench and join\n",
+        say("kelpa: no command '{}'; there are render, view, info, convert, generate, bench and "
+            "join\n",
             firstWord);
     else if (app.get_subcommands().empty())
         say("kelpa: {}; see kelpa --help\n", reason);
@@ -99,6 +104,65 @@ CLI::App* addRender(CLI::App& app, Options& options) {
     addTreeOptions(*render, options.tree);
     addRunOptions(*render, options.run);
     return render;
+}
+
+CLI::App* addView(CLI::App& app, Options& options) {
+    auto* const view =
+        app.add_subcommand("view", "Show a particle file in the browser, to turn and to ask");
+    view->add_option("FILE", options.particles.files,
+                     "Particle file; a second one is a later snapshot")
+        ->required();
+    addParticleOptions(*view, options);
+    addParsed(*view, "--frames", "A:B[:S][,...]", options.particles.frames, parseFrameRanges,
+              "Frames to choose from, A to B, every S-th, or several such; default: all")
+        ->excludes(view->get_option("--frame"));
+    addMotionOptions(*view, options);
+    addColorOptions(*view, options.scene.color);
+    addCameraOptions(*view, options.camera);
+    addImageOptions(*view, options.image);
+    addLightOptions(*view, options.light);
+    addPictureRunOptions(*view, options);
+    addTreeOptions(*view, options.tree);
+    addRunOptions(*view, options.run);
+    for (char const* const other : {"--turntable", "--crop", "--tile", "--stats"})
+        view->remove_option(view->get_option(other));
+    addServeOptions(*view, options.view);
+    return view;
+}
+
+/// Keeps what the page has to know of the command line: the words of a command that makes the same
+/// picture, without those that the page itself chooses.
+void keepWords(CLI::App const& view, ViewOptions& kept) {
+    constexpr std::string_view chosenByPage[] = {
+        "--frame",        "--frames", "--color",      "--color-by", "--colormap",
+        "--range",        "--view",   "--eye",        "--look-at",  "--up",
+        "--fov",          "--ortho",  "--zoom",       "--size",     "--samples",
+        "--background",   "--shade",  "--ao-samples", "--shadows",  "--ao-distance",
+        "--radius-scale", "--aov"};
+    constexpr std::string_view ofTheRun[] = {"--port",  "--host",    "--open",    "--help",
+                                             "--quiet", "--verbose", "--progress"};
+    auto const holds = [](auto const& names, std::string const& name) {
+        return std::find(std::begin(names), std::end(names), name) != std::end(names);
+    };
+    auto const given = [&view](char const* name) {
+        CLI::Option const* const option = view.get_option(name);
+        return option->count() > 0 ? option->results().back() : std::string();
+    };
+    kept.background = given("--background");
+    kept.color = given("--color");
+    kept.colorMap = inSmallLetters(given("--colormap"));
+    kept.hasSize = !given("--size").empty();
+    for (CLI::Option const* const option : view.get_options()) {
+        std::string const name = option->get_name();
+        if (option->count() == 0 || holds(chosenByPage, name) || holds(ofTheRun, name))
+            continue;
+        bool const isFlag = option->get_items_expected_max() == 0;
+        if (name[0] == '-')
+            kept.words.push_back(name);
+        if (!isFlag)
+            for (std::string const& word : option->results())
+                kept.words.push_back(word);
+    }
 }
 
 CLI::App* addInfo(CLI::App& app, Options& options) {
@@ -176,6 +240,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     app.formatter(std::make_shared<ExamplesFirst>());
 
     auto* const render = addRender(app, options);
+    auto* const view = addView(app, options);
     auto* const info = addInfo(app, options);
     auto* const convert = addConvert(app, options);
     auto* const bench = addBench(app, options);
@@ -185,6 +250,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     try {
         app.parse(argc, argv);
         options.command = render->parsed()    ? Options::Command::render
+                          : view->parsed()    ? Options::Command::view
                           : info->parsed()    ? Options::Command::info
                           : convert->parsed() ? Options::Command::convert
                           : bench->parsed()   ? Options::Command::bench
@@ -195,6 +261,8 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
             options.run.statsFile.clear();
         }
         CLI::App const& command = *app.get_subcommands().front();
+        if (options.command == Options::Command::view)
+            keepWords(command, options.view);
         checkTogether(
             [&command](char const* name) {
                 CLI::Option const* const option = command.get_option_no_throw(name);

@@ -47,9 +47,21 @@ struct RunOptions {
     Kelpa::ProgressLine::Mode progress = Kelpa::ProgressLine::Mode::automatic;
 };
 
+/// How the view in a browser is served, and what it has to know of the command line as written.
+struct ViewOptions {
+    int port = 0; ///< 0: one that is free
+    std::string host = "127.0.0.1";
+    bool opensBrowser = false;
+    std::vector<std::string> words; ///< of a picture's command, but for what the page chooses
+    std::string background;         ///< as written; empty: not given
+    std::string color;              ///< likewise
+    std::string colorMap;           ///< likewise
+    bool hasSize = false;
+};
+
 /// Everything that the command line says.
 struct Options {
-    enum class Command { none, render, info, convert, generate, bench, join };
+    enum class Command { none, render, info, convert, generate, bench, join, view };
 
     Command command = Command::none;
     ParticleOptions particles;
@@ -59,6 +71,7 @@ struct Options {
     LightOptions light;
     TreeOptions tree;
     RunOptions run;
+    ViewOptions view;
     std::string output;
     std::vector<std::string> tiles; ///< to be joined
     bool json = false;

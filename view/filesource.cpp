@@ -1,0 +1,269 @@
+// Particles of files, frame by frame.
+#include "view/filesource.h"
+
+#include "kelpa/foundation/hosttypes.h"
+
+#include "pipeline/files/nameelements.h"
+#include "pipeline/files/numberplace.h"
+#include "pipeline/picture/light.h"
+#include "pipeline/scene/colormap.h"
+#include "pipeline/scene/secondsnapshot.h"
+#include "pipeline/scene/selection.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+namespace pipeline::view {
+
+namespace {
+
+/// What a build asks and tells.
+class BuildReport final : public Kelpa::ProgressCallback {
+  public:
+    explicit BuildReport(Report const& to) : report(to) {}
+
+    std::int32_t getAbort() override {
+        try {
+            report("building the tree", -1.0);
+        } catch (Interrupted const&) {
+            return 1;
+        }
+        return 0;
+    }
+    void info(int, int, char const*, ...) override __attribute__((format(printf, 4, 5))) {}
+
+  private:
+    Report const& report;
+};
+
+PhaseProgress phase(char const* what, Report const& report) {
+    return [what, &report](double fraction, std::uint64_t) { report(what, fraction); };
+}
+
+void build(Scene& scene, WantedScene const& wanted, Report const& report) {
+    BuildReport told(report);
+    auto const progress = [&report](double fraction, std::uint64_t) {
+        report("building the tree", fraction);
+    };
+    buildScene(scene, {told, wanted.threads, progress}, wanted.tree);
+    report("building the tree", 1.0); // throws when the build was given up
+}
+
+/// Colours of rows, brought to the places that a scene has the particles in. Those that only the
+/// second snapshot of a motion has are behind all rows.
+std::vector<Kelpa::Vector> inPlaces(std::vector<Kelpa::Vector> colors, Scene const& scene) {
+    if (colors.empty())
+        return colors;
+    auto const count = static_cast<std::size_t>(scene.first->size());
+    colors.resize(count, defaultColor);
+    if (scene.rows == nullptr)
+        return colors;
+    std::vector<Kelpa::Vector> placed(count);
+    for (std::size_t place = 0; place < count; ++place)
+        placed[place] =
+            colors[static_cast<std::size_t>((*scene.rows)[static_cast<std::int64_t>(place)])];
+    return placed;
+}
+
+std::vector<Kelpa::Vector> stopsOf(ColorOptions const& options) {
+    constexpr int stops = 32;
+    ColorMap const map = options.map.value_or(ColorMap());
+    std::vector<Kelpa::Vector> colors;
+    for (int i = 0; i <= stops; ++i)
+        colors.push_back(map.at(static_cast<double>(i) / stops));
+    return colors;
+}
+
+std::string valueText(TypedColumn const& column, std::size_t row) {
+    std::string text;
+    withType(column.type, [&](auto zero) {
+        std::memcpy(&zero, column.bytes.data() + row * sizeof zero, sizeof zero);
+        text = fmt::format("{}", zero);
+    });
+    return text;
+}
+
+/// One file that can be read from its beginning more than once, or a sequence of such.
+bool canBeReadAgain(std::string const& path) {
+    std::error_code ignored;
+    return !std::filesystem::exists(path, ignored) ||
+           std::filesystem::is_regular_file(path, ignored);
+}
+
+} // namespace
+
+FileSource::FileSource(WantedScene what) : wanted(std::move(what)), source(wanted.path) {
+}
+
+ParticleSet FileSource::read(SceneChoice const& choice, Report const& report, bool isWhole) {
+    ReadOptions options = wanted.read;
+    options.forMotion = hasSecondSnapshot(wanted.scene.motion.motion);
+    options.progress = phase("reading", report);
+    options.allAttributes = isWhole;
+    options.summarise = !isWhole;
+    options.attributes = columnsOf(optionsFor(choice));
+    ParticleSet particles = source.read(choice.frame, options);
+    nameElements(particles, wanted.elements);
+    return particles;
+}
+
+std::optional<ParticleSet> FileSource::readSecond(ParticleSet const& first, Report const& report,
+                                                  std::vector<std::string>& notes) {
+    ReadOptions options = wanted.read;
+    options.forMotion = true;
+    options.progress = phase("reading", report);
+    SecondSnapshot second = pipeline::readSecond(wanted.scene.motion.motion, source, first,
+                                                 wanted.frame, wanted.elements, options);
+    if (!second.gap.empty())
+        notes.push_back(second.gap);
+    for (Remark const& remark : second.notes)
+        notes.push_back(remark.text + wanted.wayOn(remark.hint));
+    return std::move(second.particles);
+}
+
+SceneOptions FileSource::optionsFor(SceneChoice const& choice) const {
+    SceneOptions options = wanted.scene;
+    options.radius.scale = choice.radiusScale;
+    options.color.colorBy = choice.colorBy;
+    options.color.range = choice.range;
+    if (!choice.colorBy.empty())
+        options.color.color.reset();
+    options.color.asKinds = choice.colorMap == "kinds";
+    options.color.map.reset();
+    if (!choice.colorMap.empty() && !options.color.asKinds)
+        options.color.map = ColorMap(choice.colorMap);
+    return options;
+}
+
+std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const& report) {
+    auto shown = std::make_shared<Shown>();
+    shown->choice = choice;
+    ParticleSet particles = read(choice, report, false);
+    ShownFacts& facts = shown->facts;
+    for (Remark const& remark : particles.notes)
+        facts.notes.push_back(remark.text + wanted.wayOn(remark.hint));
+    std::optional<ParticleSet> second;
+    if (hasSecondSnapshot(wanted.scene.motion.motion))
+        second = readSecond(particles, report, facts.notes);
+    SceneOptions const options = optionsFor(choice);
+    facts.file = std::filesystem::path(wanted.path).filename().string();
+    facts.format = particles.format;
+    facts.frame = particles.frame;
+    for (AttributeSummary const& column : particles.columns)
+        facts.columns.push_back({column.name, column.min, column.max});
+    auto const note = [&](Remark const& remark) {
+        facts.notes.push_back(remark.text + wanted.wayOn(remark.hint));
+    };
+    Kept kept;
+    PhaseProgress const choosing = phase("choosing radii", report);
+    selectParticles(options.selection, options.radius, particles, second ? &*second : nullptr,
+                    kept.sliceCoordinates, note, choosing);
+    facts.particles = particles.positions.size();
+    if (Attribute const* const column = coloredColumn(options.color, particles))
+        shown->colored = column->values;
+    if (firstFrame && facts.frame != *firstFrame) // the range of colours comes with the choice
+        kept.radius = shown->keptRadius = keptRadius;
+    shown->scene =
+        makeScene(options, std::move(particles), second ? &*second : nullptr, kept, note, choosing);
+    shown->stops = stopsOf(options.color);
+    if (!firstFrame) {
+        keptRadius = shown->scene.chosen.radius;
+        firstFrame = facts.frame;
+    }
+    build(shown->scene, wanted, report);
+    shown->bounds = boundsOf(shown->scene.framedCenters());
+    shown->occlusionDistance = usualOcclusionDistance(shown->scene);
+    return shown;
+}
+
+/// The frame that is shown once more, as it is shown.
+ParticleSet FileSource::readAgain(Shown const& shown, SceneChoice choice, Report const& report,
+                                  bool isWhole) {
+    choice.frame = shown.facts.frame;
+    SceneOptions const options = optionsFor(choice);
+    ParticleSet particles = read(choice, report, isWhole);
+    std::vector<double> sliceCoordinates;
+    auto const ignore = [](Remark const&) {};
+    selectParticles(options.selection, options.radius, particles, nullptr, sliceCoordinates, ignore,
+                    phase("reading", report));
+    return particles;
+}
+
+Recoloring FileSource::recolored(Shown const& shown, SceneChoice const& choice,
+                                 Report const& report) {
+    Recoloring made;
+    ColorOptions const options = optionsFor(choice).color;
+    made.color = options.color.value_or(defaultColor);
+    made.stops = stopsOf(options);
+    ParticleSet particles;
+    bool const isAtHand = !choice.colorBy.empty() && choice.colorBy == shown.choice.colorBy &&
+                          !shown.colored.empty() && options.ofKinds.empty();
+    if (isAtHand)
+        particles.attributes.push_back({choice.colorBy, shown.colored});
+    else
+        particles = readAgain(shown, choice, report, false);
+    if (Attribute const* const column = coloredColumn(options, particles)) {
+        made.column = column->name;
+        if (!showsKinds(options, column->name))
+            made.range = options.range ? *options.range : usualRange(column->values);
+    }
+    made.colors =
+        inPlaces(chooseColors(options, particles, made.range, [](Remark const&) {}), shown.scene);
+    for (Attribute& column : particles.attributes)
+        if (column.name == choice.colorBy)
+            made.values = std::move(column.values);
+    return made;
+}
+
+Row FileSource::rowOf(Shown const& shown, std::size_t place, Report const& report) {
+    auto const particle = static_cast<std::size_t>(
+        shown.scene.rows ? (*shown.scene.rows)[static_cast<std::int64_t>(place)]
+                         : static_cast<std::int64_t>(place));
+    if (particle >= shown.facts.particles)
+        return {};
+    if (whole.name.empty() || whole.frame != shown.facts.frame) {
+        whole = readAgain(shown, shown.choice, report, true);
+        whole.positions = {};
+    }
+    Row row;
+    for (TypedColumn const& column : whole.typed)
+        row.emplace_back(column.name, valueText(column, particle));
+    auto const has = [&row](char const* name) {
+        return std::any_of(row.begin(), row.end(),
+                           [name](auto const& cell) { return cell.first == name; });
+    };
+    if (particle < whole.types.size() && !has("type"))
+        row.emplace_back("type", fmt::format("{}", whole.types[particle]));
+    if (particle < whole.velocities.size() && !has("vx")) {
+        Kelpa::Vector const& velocity = whole.velocities[particle];
+        row.emplace_back("vx", fmt::format("{}", velocity.x));
+        row.emplace_back("vy", fmt::format("{}", velocity.y));
+        row.emplace_back("vz", fmt::format("{}", velocity.z));
+    }
+    return row;
+}
+
+std::vector<int> FileSource::frames(Report const& report) {
+    std::vector<int> numbers;
+    if (!canBeReadAgain(wanted.path))
+        return numbers;
+    // The way through the file that pictures go is not lost for it.
+    FrameSource counting(wanted.path);
+    ReadOptions options = wanted.read;
+    options.progress = phase("counting frames", report);
+    std::vector<FrameRange> ranges = wanted.frames;
+    if (ranges.empty())
+        ranges.push_back({0, -1, 1});
+    FrameNumbers const found = counting.framesIn(ranges, options);
+    constexpr std::size_t most = 1000000; // more than a slider can tell apart
+    for (auto frame = found.after(std::nullopt); frame && numbers.size() < most;
+         frame = found.after(frame))
+        numbers.push_back(*frame);
+    return numbers;
+}
+
+} // namespace pipeline::view
