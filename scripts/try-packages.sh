@@ -53,7 +53,7 @@ if compgen -G "build/package/kelpa-formats-vdb_*.deb" >/dev/null; then
     inside 'cd /root; printf " BDV\0\0\0\0" >damaged.vdb
             ! kelpa info damaged.vdb 2>told; grep "install the package kelpa-formats-vdb" told'
     install /root/kelpa-formats-vdb_*.deb
-    inside 'cd /root; ! kelpa info damaged.vdb 2>told; grep "OpenVDB ends while it reads" told'
+    inside 'cd /root; ! kelpa info damaged.vdb 2>told; grep "the file is damaged or incomplete" told'
 fi
 
 install /root/python3-kelpa_*.deb

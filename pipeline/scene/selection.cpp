@@ -183,9 +183,10 @@ void replicate(std::array<int, 3> const& counts, ParticleSet& particles) {
     std::size_t row = 0;
     for (std::size_t copy = 0; copy < copies; ++copy) {
         std::size_t const across = copy / static_cast<std::size_t>(counts[0]);
+        std::size_t const upward = across / static_cast<std::size_t>(counts[1]);
         double const steps[3] = {static_cast<double>(copy % static_cast<std::size_t>(counts[0])),
                                  static_cast<double>(across % static_cast<std::size_t>(counts[1])),
-                                 static_cast<double>(across / static_cast<std::size_t>(counts[1]))};
+                                 static_cast<double>(upward)};
         double shift[3] = {};
         for (std::size_t edge = 0; edge < 3; ++edge)
             for (std::size_t axis = 0; axis < 3; ++axis)
