@@ -4,6 +4,7 @@
 #include "pipeline/files/errors.h"
 #include "pipeline/files/numberplace.h"
 #include "pipeline/files/textvalues.h"
+#include "pipeline/files/together.h"
 
 #include <fmt/format.h>
 
@@ -110,6 +111,12 @@ FrameSource::FrameSource(std::string const& given)
     : path(given), sequence(filesOf(given)), file(given) {
 }
 
+FrameSource::FrameSource(std::string const& given, std::vector<std::string> const& more)
+    : FrameSource(given) {
+    for (std::string const& other : more)
+        others.push_back(std::make_unique<FrameSource>(other));
+}
+
 /// The number of a frame of the sequence.
 int FrameSource::resolve(std::optional<int> frame) const {
     if (!frame)
@@ -139,8 +146,30 @@ ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions options) {
     return particles;
 }
 
-/// The same as the file or the sequence itself tells it.
-ParticleSet FrameSource::readPlaces(std::optional<int> frame, ReadOptions options) {
+/// The same as the files themselves tell it.
+ParticleSet FrameSource::readPlaces(std::optional<int> frame, ReadOptions const& options) {
+    if (others.empty())
+        return readOne(frame, options);
+    double read = 0.0; // files
+    std::uint64_t particles = 0;
+    ReadOptions ofOne = options;
+    if (options.progress)
+        ofOne.progress = [&](double fraction, std::uint64_t count) {
+            options.progress((read + fraction) / static_cast<double>(1 + others.size()),
+                             particles + count);
+        };
+    ParticleSet all = readOne(frame, ofOne);
+    for (auto const& other : others) {
+        ++read;
+        particles = all.positions.size();
+        append(all, other->readOne(frame, ofOne));
+    }
+    all.name += fmt::format(" and {} more", others.size());
+    return all;
+}
+
+/// The same as the first file or sequence tells it.
+ParticleSet FrameSource::readOne(std::optional<int> frame, ReadOptions options) {
     if (sequence.empty()) {
         options.frame = frame.value_or(0);
         ParticleSet particles = file.read(options);

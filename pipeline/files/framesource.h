@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -45,6 +46,9 @@ class FrameSource {
   public:
     /// Throws `InputError` when no file is part of the sequence.
     explicit FrameSource(std::string const& path);
+    /// The same for a snapshot that was written as many files, which `more` names besides the
+    /// first: a frame is that frame of them all, their rows one behind the other.
+    FrameSource(std::string const& path, std::vector<std::string> const& more);
 
     /// Reads a frame; without a number, the first. `ParticleSet::frame` tells which it was.
     /// Frames of a file read in rising order cost one way through it.
@@ -60,7 +64,8 @@ class FrameSource {
     std::vector<int> missingIn(std::vector<FrameRange> const& ranges) const;
 
   private:
-    ParticleSet readPlaces(std::optional<int> frame, ReadOptions options);
+    ParticleSet readPlaces(std::optional<int> frame, ReadOptions const& options);
+    ParticleSet readOne(std::optional<int> frame, ReadOptions options);
     int resolve(std::optional<int> frame) const;
     std::vector<FrameRange> framesInSequence(std::vector<FrameRange> const& ranges) const;
     std::vector<FrameRange> framesInFile(std::vector<FrameRange> ranges, ReadOptions options) const;
@@ -70,7 +75,8 @@ class FrameSource {
     std::string path;
     std::map<int, std::string> sequence; ///< files by number; empty: `file` holds all frames
     ParticleFile file;
-    std::optional<Topology> topology; ///< read when a frame first needs it
+    std::optional<Topology> topology;                 ///< read when a frame first needs it
+    std::vector<std::unique_ptr<FrameSource>> others; ///< whose particles follow
 };
 
 } // namespace pipeline

@@ -16,6 +16,7 @@ from .particles import Cell, Particles
 from ._progress import Progress
 
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+Paths = Union[Path, Sequence[Path]]
 
 
 class ReadError(ValueError):
@@ -27,7 +28,7 @@ class NoSuchFrame(ReadError, IndexError):
 
 
 def read(
-    path: Path,
+    path: Paths,
     frame: Optional[int] = None,
     *,
     radius: Optional[float] = None,
@@ -64,7 +65,8 @@ def read(
 
     Parameters
     ----------
-    path : str or path
+    path : str or path, or several
+        Several are one snapshot, such as each process of a code wrote one.
         `cache.{}.ply`, `cache.####.ply` and `cache.%04d.ply` stand for a sequence of files.
     frame : int, optional
         Of the file, or the number of a file of a sequence; negative: from the end.
@@ -118,7 +120,7 @@ def read(
     ).read(frame, progress)
 
 
-def frames(path: Path, **options: Any) -> Frames:
+def frames(path: Paths, **options: Any) -> Frames:
     """The frames of a file or of a sequence; `options` are those of `read`.
 
         for particles in kelpa.frames("run.dump", color_by="c_pe"): ...
@@ -158,14 +160,18 @@ def _must_exist(path: str) -> None:
 class Frames(Sequence[Particles]):
     """See `frames`."""
 
-    def __init__(self, path: Path, **options: Any) -> None:
-        self._path = os.fsdecode(path)
+    def __init__(self, path: Paths, **options: Any) -> None:
+        paths = [path] if isinstance(path, (str, bytes, os.PathLike)) else list(path)
+        if not paths:
+            raise ValueError("path: expected at least one, found none")
+        self._paths = [os.fsdecode(path) for path in paths]
         self._wanted = _wanted(**options)
         self._numbers: Optional[list[int]] = None
-        if not re.search(r"\{\}|#|%\d*d", self._path):
-            _must_exist(self._path)
+        for name in self._paths:
+            if not re.search(r"\{\}|#|%\d*d", name):
+                _must_exist(name)
         with _reading():
-            self._source = _native.Frames(os.fsencode(path))
+            self._source = _native.Frames([os.fsencode(name) for name in self._paths])
 
     def read(self, frame: Optional[int] = None, progress: Optional[Progress] = None) -> Particles:
         """The frame of this number; negative: from the end; by default the first."""
@@ -194,7 +200,7 @@ class Frames(Sequence[Particles]):
         return (self.read(number) for number in self.numbers)
 
     def __repr__(self) -> str:
-        return f"<kelpa.Frames of {self._path!r}>"
+        return f"<kelpa.Frames of {', '.join(map(repr, self._paths))}>"
 
 
 def _wanted(

@@ -236,7 +236,8 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
 /// The frames of a file or of a sequence. Safe from several threads, which wait for each other.
 class Frames {
   public:
-    explicit Frames(std::string const& path) : source(path) {}
+    explicit Frames(std::vector<std::string> const& paths)
+        : source(paths.at(0), {paths.begin() + 1, paths.end()}) {}
 
     std::vector<int> numbers(Wanted const& wanted, py::object const& progress) {
         std::vector<int> result;
@@ -298,7 +299,7 @@ void defineFiles(py::module_& module) {
     module.def("format_names", &pipeline::formatNames);
     defineWanted(module);
     py::class_<Frames>(module, "Frames")
-        .def(py::init<std::string const&>())
+        .def(py::init<std::vector<std::string> const&>())
         .def("numbers", &Frames::numbers)
         .def("read", &Frames::read);
 }

@@ -109,6 +109,20 @@ class Files(WithFolder):
         with self.assertRaises(kelpa.NoSuchFrame):
             kelpa.read(self.water, 9)
 
+    def test_of_one_snapshot_are_read_together(self):
+        lines = WATER.format(1).splitlines(keepends=True)
+        halves = [self.folder / "a.xyz", self.folder / "b.xyz"]
+        halves[0].write_text("2\n" + "".join(lines[1:4]))
+        halves[1].write_text("1\n" + "".join([lines[1], lines[4]]))
+        whole, both = kelpa.read(self.water, 1, radius=1), kelpa.read(halves, radius=1)
+        np.testing.assert_array_equal(both.positions, whole.positions)
+        np.testing.assert_array_equal(both.columns["charge"], whole.columns["charge"])
+        self.assertEqual(len(kelpa.frames([self.water, self.water])), 4)
+        with self.assertRaises(FileNotFoundError):
+            kelpa.read([self.water, "nowhere.xyz"])
+        with self.assertRaisesRegex(ValueError, "path: expected at least one"):
+            kelpa.read([])
+
     def test_that_cannot_be_read_are_refused_in_words_of_python(self):
         garbage = self.folder / "garbage.dat"
         garbage.write_bytes(bytes(range(256)) * 9)

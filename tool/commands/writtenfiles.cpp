@@ -15,6 +15,7 @@ WrittenFiles::WrittenFiles(Options const& options) {
     std::vector<std::string> given = options.particles.files;
     if (auto const* const second = std::get_if<ToFile>(&options.scene.motion.motion))
         given.push_back(second->path);
+    given.insert(given.end(), options.particles.more.begin(), options.particles.more.end());
     given.insert(given.end(), options.tiles.begin(), options.tiles.end());
     for (std::string const& path : given)
         for (std::string const& file : filesNamed(path))

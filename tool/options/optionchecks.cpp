@@ -75,6 +75,10 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         checkParticleOutput(options.output);
     if (isGenerate || options.command == Options::Command::join)
         return;
+    if (particles.together) {
+        particles.more.assign(particles.files.begin() + 1, particles.files.end());
+        particles.files.resize(1);
+    }
     checkFileCount(isGiven, options);
     MotionOptions& motion = options.scene.motion;
     bool const makesPictures =

@@ -66,6 +66,8 @@ std::vector<std::uint8_t> parseElements(std::string const& symbols) {
 
 /// What to read of a file; gives the option for the column of radii.
 CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles) {
+    app.add_flag("--together", particles.together,
+                 "Take all files for one snapshot, such as each process of a code wrote one");
     app.add_option("--format", particles.format, "Format of the file")->type_name(formatNames());
     app.add_option(
         "--frame", particles.frame,

@@ -25,6 +25,8 @@ class UsageError : public std::invalid_argument {
 /// Which particles.
 struct ParticleOptions {
     std::vector<std::string> files; ///< one, or two snapshots
+    bool together = false;          ///< the files are one snapshot
+    std::vector<std::string> more;  ///< files of it besides the first
     std::string format;
     std::optional<int> frame;           ///< unset: the first
     std::vector<FrameRange> frames;     ///< several pictures; empty: one

@@ -41,7 +41,7 @@ Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
 }
 
 SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
-    : options(given), source(path) {
+    : options(given), source(path, given.particles.more) {
 }
 
 ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
