@@ -208,7 +208,7 @@ Recoloring FileSource::recolored(Shown const& shown, SceneChoice const& choice,
         particles = readAgain(shown, choice, report, false);
     if (Attribute const* const column = coloredColumn(options, particles)) {
         made.column = column->name;
-        if (!showsKinds(options, column->name))
+        if (!showsKinds(options, *column))
             made.range = options.range ? *options.range : usualRange(column->values);
     }
     made.colors =

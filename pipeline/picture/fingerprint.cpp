@@ -83,6 +83,11 @@ void addScene(Mixer& mixer, Scene const& scene) {
     mixer.addAll(scene.ids);
     mixer.addVec(scene.origin);
     mixer.addNumbers(scene.upAxis);
+    for (Rod const& rod : scene.rods) {
+        mixer.addVec(rod.from);
+        mixer.addVec(rod.to);
+        mixer.addNumbers(rod.radius);
+    }
 }
 
 // The bindings name every member: one that is new does not compile until it is here as well.
@@ -102,13 +107,14 @@ void addLight(Mixer& mixer, LightOptions const& light) {
 }
 
 void addImage(Mixer& mixer, ImageOptions const& image) {
-    auto const& [width, height, samples, seed, background, transparent, crop, tile, shutter, depth,
-                 normal, id, position] = image;
+    auto const& [width, height, samples, seed, background, transparent, rodColor, crop, tile,
+                 shutter, depth, normal, id, position] = image;
     static_cast<void>(crop); // the part alone
     static_cast<void>(tile);
     mixer.addNumbers(width, height, samples, seed, transparent, shutter[0], shutter[1], depth,
                      normal, id, position);
     mixer.addIf(background, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
+    mixer.addIf(rodColor, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
 }
 
 } // namespace

@@ -69,12 +69,29 @@ class Footprint::Marks {
     std::vector<std::int64_t> corners;
 };
 
-Footprint::Footprint(Scene const& scene, Camera const& camera, int left, int top, int right,
-                     int bottom) {
+void Footprint::layOut(int left, int top, int right, int bottom) {
     // Cells begin at even pixels, as tiles do.
     grid = {left / cellWidth * cellWidth, top / cellWidth * cellWidth, cellWidth, 0, 0};
     grid.columns = (right - 1 - grid.left) / cellWidth + 1;
     grid.rows = (bottom - 1 - grid.top) / cellWidth + 1;
+}
+
+Footprint::Footprint(std::vector<Kelpa::Vector> const& centers, std::vector<float> const& radii,
+                     Camera const& camera, int left, int top, int right, int bottom) {
+    layOut(left, top, right, bottom);
+    Marks marks(grid);
+    for (std::size_t i = 0; i < centers.size(); ++i) {
+        Block block{};
+        laneKernels().back().findBlocks(camera, grid, 1, &centers[i], &radii[i],
+                                        {&block.x0, &block.x1, &block.y0, &block.y1});
+        marks.add(block);
+    }
+    reached = marks.reached();
+}
+
+Footprint::Footprint(Scene const& scene, Camera const& camera, int left, int top, int right,
+                     int bottom) {
+    layOut(left, top, right, bottom);
     Marks marks(grid);
     mark(scene, camera, marks);
     reached = marks.reached();

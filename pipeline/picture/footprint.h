@@ -22,6 +22,10 @@ class Footprint {
     /// any time of the particles' ways.
     Footprint(Scene const& scene, Camera const& camera, int left, int top, int right, int bottom);
 
+    /// The same for spheres that stand still.
+    Footprint(std::vector<Kelpa::Vector> const& centers, std::vector<float> const& radii,
+              Camera const& camera, int left, int top, int right, int bottom);
+
     /// Whether particles may show in a pixel of the part.
     bool reaches(int x, int y) const {
         if (reached.empty())
@@ -33,6 +37,7 @@ class Footprint {
 
   private:
     class Marks;
+    void layOut(int left, int top, int right, int bottom);
     void mark(Scene const& scene, Camera const& camera, Marks& marks) const;
 
     CellGrid grid{};

@@ -11,7 +11,7 @@ namespace pipeline {
 double usualOcclusionDistance(Scene const& scene) {
     double const diagonal = boundsOf(scene.framedCenters()).diagonal();
     double const radius = static_cast<double>(std::ranges::max(scene.framedRadii()));
-    return std::max(0.1 * diagonal, 2.0 * radius);
+    return std::max(0.5 * diagonal, 2.0 * radius);
 }
 
 Lighting makeLighting(LightOptions const& options, Camera const& camera, Scene const& scene) {

@@ -22,6 +22,7 @@ struct ImageOptions {
     std::uint64_t seed = 0;                  ///< of the sample patterns
     std::optional<Kelpa::Vector> background; ///< linear
     bool transparent = false;
+    std::optional<Kelpa::Vector> rodColor; ///< linear; unset: what stands out from the background
     std::optional<std::array<int, 4>> crop;
     std::optional<PictureTile> tile; ///< of the crop, or of everything; no more than it has rows
     std::array<double, 2> shutter = {0.0, 1.0}; ///< the part of the particles' way that is seen

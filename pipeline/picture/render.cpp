@@ -44,6 +44,16 @@ std::vector<Vector> emptyPixels(std::vector<Vector> const& backgrounds, int samp
     return pixels;
 }
 
+/// A grey that is seen before the background.
+Vector standingOut(ImageOptions const& image) {
+    constexpr Vector dark = {0.03F, 0.03F, 0.03F};
+    constexpr Vector pale = {0.7F, 0.7F, 0.7F};
+    constexpr float middle = 0.18F; // of linear light, to the eye
+    bool const isBehindDark =
+        image.background && image.background->y < middle && !image.transparent;
+    return isBehindDark ? pale : dark;
+}
+
 PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions const& light,
                      ImageOptions const& image, Picture::Sky sky) {
     auto const [left, top, right, bottom] = partOf(image);
@@ -61,6 +71,8 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
             image.shutter,
             sky == Picture::Sky::leftOut ? Footprint(scene, camera, left, top, right, bottom)
                                          : Footprint(),
+            PictureRods(scene.rods, camera, left, top, right, bottom),
+            image.rodColor.value_or(standingOut(image)),
             backgrounds,
             emptyPixels(backgrounds, image.samples)};
 }

@@ -81,7 +81,8 @@ std::size_t gatherPixels(PicturePlan const& plan, TilePlace const& tile, SampleR
                                   static_cast<std::size_t>(x - image.cropX0);
         if (isFirst)
             clearChannels(image, index);
-        if (!plan.footprint.reaches(x, y)) {
+        bool const hasRods = plan.rods.reaches(x, y);
+        if (!hasRods && !plan.footprint.reaches(x, y)) {
             addEmptySamples(plan, y, range, image, index);
             continue;
         }
@@ -93,7 +94,8 @@ std::size_t gatherPixels(PicturePlan const& plan, TilePlace const& tile, SampleR
                            samples.start(lensPattern),
                            samples.start(firstOcclusionPattern),
                            isFirst ? Vector{} : lightOf(image, index),
-                           isFirst ? 0.0F : image.alpha[index]};
+                           isFirst ? 0.0F : image.alpha[index],
+                           hasRods};
     }
     return count;
 }

@@ -8,6 +8,7 @@
 #include "pipeline/picture/footprint.h"
 #include "pipeline/picture/image.h"
 #include "pipeline/picture/light.h"
+#include "pipeline/picture/rods.h"
 #include "pipeline/picture/sampling.h"
 #include "pipeline/scene/scene.h"
 
@@ -34,6 +35,8 @@ struct PicturePlan {
     Strata strata; ///< of the times of a pixel's samples
     std::array<double, 2> shutter;
     Footprint footprint;
+    PictureRods rods;
+    Kelpa::Vector rodColor;
     std::vector<Kelpa::Vector> backgrounds; ///< of each row of the picture
     std::vector<Kelpa::Vector> emptyPixels; ///< what they come to where all samples see them
 };
@@ -48,6 +51,7 @@ struct TilePixel {
     Sample2 sky;
     Kelpa::Vector light; ///< of the samples so far
     float coverage;
+    bool hasRods; ///< it may show some
 };
 
 /// The upper left pixel of a tile.

@@ -68,6 +68,7 @@ bool TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const
 /// Collects what the pass's camera rays hit.
 bool TilePasses::shootCameraRays(Kelpa::GoOn const& goOn) {
     surfaces.count = 0;
+    rodHits.clear();
     for (int lane = 0; lane < lanesPerBunch; ++lane) {
         bunch.lanes[lane] = static_cast<unsigned char>(lane);
         bunch.tMins[lane] = 0.0;
@@ -127,8 +128,25 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
     bunch.numLanes = count;
     bunch.trace(*plan.scene.geometry);
     for (std::size_t lane = 0; lane < count; ++lane)
-        if (bunch.hits.hit[lane] != 0)
-            addSurface(pixelOf[lane], sampleOf[lane], lane);
+        addSeen(pixelOf[lane], sampleOf[lane], lane);
+}
+
+/// Adds what the ray of a lane has met first.
+void TilePasses::addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t lane) {
+    bool const isHit = bunch.hits.hit[lane] != 0;
+    if (pixels[pixel].hasRods) {
+        auto const& rays = bunch.rays;
+        Vec const from = {rays.originX[lane], rays.originY[lane], rays.originZ[lane]};
+        double const end = isHit ? bunch.hits.hitT[lane] : endless;
+        double const t =
+            plan.rods.hit(from, wide({rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]}), end);
+        if (t < end) {
+            rodHits.push_back({pixel, sample, t});
+            return;
+        }
+    }
+    if (isHit)
+        addSurface(pixel, sample, lane);
 }
 
 void TilePasses::addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane) {
@@ -309,6 +327,7 @@ void TilePasses::showNormals() {
 void TilePasses::addToPixels() {
     float const weight = 1.0F / static_cast<float>(plan.samples);
     std::size_t next = 0;
+    auto rod = rodHits.begin();
     for (std::size_t p = 0; p < pixels.size(); ++p) {
         TilePixel& pixel = pixels[p];
         Vector const& background = plan.backgrounds[static_cast<std::size_t>(pixel.y)];
@@ -320,6 +339,10 @@ void TilePasses::addToPixels() {
                 seen = {surfaces.color.x[next], surfaces.color.y[next], surfaces.color.z[next]};
                 pixel.coverage += weight;
                 ++next;
+            } else if (rod != rodHits.end() && rod->pixel == p && rod->sample == sample) {
+                seen = plan.rodColor;
+                pixel.coverage += weight;
+                ++rod;
             }
             pixel.light = pixel.light + seen * weight;
         }
@@ -330,6 +353,10 @@ void TilePasses::storeFirstHits(Image& image) const {
     if (image.depth.empty() && image.normal.empty() && image.position.empty() && image.id.empty())
         return;
     Scene const& scene = plan.scene;
+    if (!image.depth.empty())
+        for (RodHit const& rod : rodHits)
+            if (rod.sample == 0)
+                image.depth[pixels[rod.pixel].index] = static_cast<float>(rod.t);
     double const origin[3] = {scene.origin.x, scene.origin.y, scene.origin.z};
     for (std::size_t i = 0; i < surfaces.count; ++i) {
         if (surfaces.sample[i] != 0)

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace pipeline {
 
@@ -56,6 +57,13 @@ class TilePasses {
         Lanes3<float, mostSurfaces> color; ///< in the end the light that they send to the eye
     };
 
+    /// What a sample sees of rods, where they are nearer than all particles.
+    struct RodHit {
+        std::uint16_t pixel;
+        std::uint16_t sample;
+        double t;
+    };
+
     /// Rays from surfaces into the sky: the first of every surface, then the second, and so on.
     struct SkyRays {
         struct Place {
@@ -70,6 +78,7 @@ class TilePasses {
     bool shootCameraRays(Kelpa::GoOn const& goOn);
     float timeAt(double part) const;
     void traceCameraRays(std::size_t firstSlot, std::size_t count);
+    void addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
     bool findSky(Kelpa::GoOn const& goOn);
@@ -90,6 +99,7 @@ class TilePasses {
     Sample2 lensSteps[mostSamples];
     Bunch bunch;
     Surfaces surfaces;
+    std::vector<RodHit> rodHits; ///< in the order of pixels and their samples
     SkyRays skyRays;
 };
 

@@ -18,11 +18,9 @@ namespace pipeline {
 namespace {
 
 /// Says it when no particle is of a kind that something was said of.
-void noteAbsent(std::size_t count, ParticleSet const& particles, std::string const& kind,
-                Note const& note) {
+void noteAbsent(std::size_t count, Kinds const& kinds, std::string const& kind, Note const& note) {
     if (count == 0 && note)
-        note(fmt::format("{}: no particle is of kind '{}'; there are {}", particles.name, kind,
-                         kindsBeside(particles, kind)));
+        note(fmt::format("no particle is of kind '{}'; there are {}", kind, kinds.beside(kind)));
 }
 
 /// Radii where nothing is said of the particles' kinds.
@@ -91,9 +89,10 @@ std::vector<float> radiiOfKinds(RadiusOptions const& options, ParticleSet const&
     if (options.ofKinds.empty())
         return {};
     std::vector<float> radii(particles.positions.size());
+    Kinds const kinds(particles, nullptr);
     for (OfKind<float> const& one : options.ofKinds)
-        noteAbsent(forEachOfKind(particles, one.kind, [&](std::size_t i) { radii[i] = one.value; }),
-                   particles, one.kind, note);
+        noteAbsent(kinds.forEach(one.kind, [&](std::size_t i) { radii[i] = one.value; }), kinds,
+                   one.kind, note);
     return radii;
 }
 
@@ -113,8 +112,17 @@ Attribute const* coloredColumn(ColorOptions const& options, ParticleSet const& p
     return column == particles.attributes.end() ? nullptr : &*column;
 }
 
-bool showsKinds(ColorOptions const& options, std::string const& column) {
-    return options.asKinds || (!options.map && !options.range && areKinds(column));
+bool showsKinds(ColorOptions const& options, Attribute const& column) {
+    return options.asKinds ||
+           (!options.map && !options.range && (column.names != nullptr || areKinds(column.name)));
+}
+
+Kelpa::Vector colorOfKind(Attribute const& column, float kind) {
+    if (!(std::abs(kind) < 1e9F))
+        return {0.2F, 0.2F, 0.2F}; // no number at all
+    if (column.name == "element")
+        return elementColor(static_cast<std::uint8_t>(kind));
+    return colorOfKind(std::lround(kind));
 }
 
 namespace {
@@ -129,12 +137,11 @@ std::vector<Kelpa::Vector> usualColors(ColorOptions const& options, ParticleSet 
         if (column == nullptr)
             throw InputError(
                 fmt::format("{}: no column '{}' to colour by", particles.name, options.colorBy));
-        if (!showsKinds(options, column->name))
+        if (!showsKinds(options, *column))
             return mapColors(column->values, range, options.map.value_or(ColorMap()));
         std::vector<Kelpa::Vector> colors;
         for (float const kind : column->values)
-            colors.push_back(std::abs(kind) < 1e9F ? colorOfKind(std::lround(kind))
-                                                   : Kelpa::Vector{0.2F, 0.2F, 0.2F});
+            colors.push_back(colorOfKind(*column, kind));
         return colors;
     }
     if (!particles.colors.empty())
@@ -155,10 +162,10 @@ std::vector<Kelpa::Vector> chooseColors(ColorOptions const& options, ParticleSet
     std::vector<Kelpa::Vector> colors = usualColors(options, particles, range);
     if (!options.ofKinds.empty() && colors.empty())
         colors.assign(particles.positions.size(), options.color.value_or(defaultColor));
+    Kinds const kinds(particles, coloredColumn(options, particles));
     for (OfKind<Kelpa::Vector> const& one : options.ofKinds)
-        noteAbsent(
-            forEachOfKind(particles, one.kind, [&](std::size_t i) { colors[i] = one.value; }),
-            particles, one.kind, note);
+        noteAbsent(kinds.forEach(one.kind, [&](std::size_t i) { colors[i] = one.value; }), kinds,
+                   one.kind, note);
     return colors;
 }
 

@@ -67,7 +67,9 @@ std::vector<float> elementRadii(RadiusOptions const& options, ParticleSet const&
 Attribute const* coloredColumn(ColorOptions const& options, ParticleSet const& particles);
 
 /// Whether the column's numbers tell kinds apart and have no order, so that the palette shows them.
-bool showsKinds(ColorOptions const& options, std::string const& column);
+bool showsKinds(ColorOptions const& options, Attribute const& column);
+/// How it shows one of them.
+Kelpa::Vector colorOfKind(Attribute const& column, float kind);
 
 /// A colour for each particle, linear; none where all have the same. `range` is that of the values
 /// of the column to colour by. Throws `InputError` when that column is not there. `note`, which may

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <iterator>
 #include <stdexcept>
 
 namespace pipeline {
@@ -89,6 +90,13 @@ std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
         colors[i] = map.at(part);
     }
     return colors;
+}
+
+bool areKinds(std::string_view column) {
+    constexpr std::string_view kinds[] = {"type",    "element",   "mol",     "molecule",
+                                          "residue", "chain",     "segment", "cluster",
+                                          "site",    "operation", "copy"};
+    return std::ranges::find(kinds, column) != std::end(kinds);
 }
 
 Kelpa::Vector colorOfKind(std::int64_t kind) {

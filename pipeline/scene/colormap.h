@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace pipeline {
@@ -40,6 +41,9 @@ std::vector<Kelpa::Vector> mapColors(std::vector<float> const& values,
 
 /// The range from the 1st to the 99th percentile of the finite values, interpolated between them.
 std::array<float, 2> usualRange(std::vector<float> const& values);
+
+/// Whether a column of this name numbers kinds, in no order that means anything.
+bool areKinds(std::string_view column);
 
 /// The colour of a kind of particles that is only numbered: one of ten that are told apart easily,
 /// the first for 1, and over again after the tenth.

@@ -6,29 +6,38 @@
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace pipeline {
 
 /// What somebody says of one kind of particles.
 template <class Value> struct OfKind {
-    std::string kind; ///< the number of a type, "2", or the symbol of an element, "O"
+    std::string kind; ///< the number of a type, "2", the symbol of an element, "O", or a name
     Value value;
 };
 
-/// Whether a column of this name numbers kinds, in no order that means anything.
-bool areKinds(std::string_view column);
+/// The kinds of particles that names stand for: those of a column of names, if one is meant, else
+/// types, by number or name, and elements.
+class Kinds {
+  public:
+    /// `column` may be null; both stay as they are for as long as kinds are asked for.
+    Kinds(ParticleSet const& particleSet, Attribute const* column)
+        : particles(particleSet), named(column) {}
 
-/// Whether a word can be the name of a kind: a whole number, or an element's symbol.
-bool isKindName(std::string const& word);
+    /// Visits the particles of a kind and tells how many there are. Throws `InputError` where the
+    /// file tells nothing that could have this name.
+    std::size_t forEach(std::string const& kind,
+                        std::function<void(std::size_t particle)> const& visit) const;
 
-/// Visits the particles of a kind and tells how many there are. Throws `InputError` where the file
-/// tells neither types nor elements, as the name needs.
-std::size_t forEachOfKind(ParticleSet const& particles, std::string const& kind,
-                          std::function<void(std::size_t particle)> const& visit);
+    /// The kinds of its sort that there are instead: "1 2", or "H O", in short.
+    std::string beside(std::string const& kind) const;
 
-/// The kinds of its sort that there are instead: "1 2", or "H O", in short.
-std::string kindsBeside(ParticleSet const& particles, std::string const& kind);
+  private:
+    enum class Sort { named, type, element, none };
+    Sort sortOf(std::string const& kind) const;
+
+    ParticleSet const& particles;
+    Attribute const* named;
+};
 
 } // namespace pipeline

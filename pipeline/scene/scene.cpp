@@ -145,7 +145,7 @@ void readColumn(Scene& scene, ColorOptions const& options, Attribute const& colu
                 Note const& note) {
     scene.colorColumn = column.name;
     std::string const source = column.source.empty() ? "" : " (" + column.source + ")";
-    if (showsKinds(options, column.name)) {
+    if (showsKinds(options, column)) {
         note(fmt::format("colours tell the kinds of {}{} apart", column.name, source));
         return;
     }
@@ -204,6 +204,20 @@ void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
                                                   std::move(ways.radii1), type, secondTime);
 }
 
+/// Puts rods where the particles are; they are framed with them.
+void placeRods(Scene& scene) {
+    if (!scene.rods.empty() && !scene.framed.isApart)
+        scene.framed = {true, scene.first->positions, scene.first->radii};
+    for (Rod& rod : scene.rods) {
+        rod.from = rod.from - scene.origin;
+        rod.to = rod.to - scene.origin;
+        for (Vec const& end : {rod.from, rod.to}) {
+            scene.framed.centers.push_back(narrow(end));
+            scene.framed.radii.push_back(static_cast<float>(rod.radius));
+        }
+    }
+}
+
 } // namespace
 
 std::vector<std::string> columnsOf(SceneOptions const& options) {
@@ -223,6 +237,8 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
         options.color.range = kept.colorRange;
 
     Scene scene;
+    if (options.showsCell)
+        scene.rods = cellEdges(particles);
     std::uint64_t const count = particles.positions.size();
     std::vector<float> radii = dress(scene, options, particles, note, progress);
     progress(1.0, count);
@@ -232,6 +248,7 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     progress(1.0, count);
     noteUsable(scene, particles.name, ways.positions0.size(), note);
     makeSnapshots(scene, std::move(ways), options.points);
+    placeRods(scene);
     return scene;
 }
 

@@ -4,6 +4,7 @@
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/progress.h"
 #include "pipeline/scene/appearance.h"
+#include "pipeline/scene/cellbox.h"
 #include "pipeline/scene/geometry.h"
 #include "pipeline/scene/parting.h"
 #include "pipeline/scene/selection.h"
@@ -26,6 +27,7 @@ struct SceneOptions {
     bool points = false; ///< with a radius, instead of solid spheres
     MotionOptions motion;
     ColorOptions color;
+    bool showsCell = false;     ///< its edges
     SelectionOptions selection; ///< asked before a scene is made
 };
 
@@ -60,6 +62,7 @@ struct Scene {
     Kelpa::Vector color;
     std::vector<std::int64_t> ids; ///< empty: the particles' rows
     Vec origin{};
+    std::vector<Rod> rods; ///< the cell's edges, if they are shown
     Rejected rejected;
     char upAxis = 'z';
     double largestStep = 0.0; ///< between the snapshots, as far as the shutter is open

@@ -48,6 +48,17 @@ std::optional<ExpressionColumn> columnOver(std::vector<Value> const& values, boo
                             isSingle};
 }
 
+/// A column whose numbers count the entries of a table, if there is one.
+std::optional<ExpressionColumn> withWords(std::optional<ExpressionColumn> column,
+                                          NameTable const* names) {
+    if (column && names != nullptr)
+        column->numberOf = [names](std::string_view word) -> std::optional<double> {
+            auto const number = names->find(word);
+            return number ? std::optional<double>(*number) : std::nullopt;
+        };
+    return column;
+}
+
 std::optional<ExpressionColumn> elementColumn(ParticleSet const& particles) {
     std::optional<ExpressionColumn> column = columnOver(particles.elements, false);
     if (column)
@@ -69,12 +80,12 @@ std::optional<ExpressionColumn> columnNamed(ParticleSet const& particles, std::s
     if (name == "id")
         return columnOver(particles.ids, false);
     if (name == "type")
-        return columnOver(particles.types, false);
+        return withWords(columnOver(particles.types, false), particles.typeNames.get());
     if (name == "element")
         return elementColumn(particles);
     for (Attribute const& attribute : particles.attributes)
         if (attribute.name == name)
-            return columnOver(attribute.values, true);
+            return withWords(columnOver(attribute.values, true), attribute.names.get());
     return std::nullopt;
 }
 

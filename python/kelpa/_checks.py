@@ -207,11 +207,6 @@ def kinds(
     name: str, value: Mapping[Any, Any], parse: Callable[[str, Any], Any]
 ) -> list[tuple[str, Any]]:
     """What is said of kinds of particles: symbols of elements, numbers of types."""
-    for kind in value:
-        if not _native.is_kind_name(str(kind)):
-            raise ValueError(
-                f"{name}: expected numbers of types or symbols of elements, found {kind!r}"
-            )
     return [(str(kind), parse(f"{name}[{kind!r}]", said)) for kind, said in value.items()]
 
 

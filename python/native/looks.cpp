@@ -6,7 +6,6 @@
 #include "pipeline/files/progress.h"
 #include "pipeline/files/srgb.h"
 #include "pipeline/scene/colormap.h"
-#include "pipeline/scene/kinds.h"
 #include "pipeline/scene/spacing.h"
 
 #include "python/native/arrays.h"
@@ -92,7 +91,6 @@ void defineLooks(py::module_& module) {
     module.def("radius_from_spacing", &radiusFromSpacing);
     module.def("map_colors", &mapColors);
     module.def("color_map_names", &pipeline::colorMapNames);
-    module.def("is_kind_name", &pipeline::isKindName);
     module.def("shows_kinds", [](std::string const& column) { return pipeline::areKinds(column); });
     module.def("map_types", &mapTypes);
     module.def("light_of_codes", &lightOfCodes);

@@ -55,7 +55,7 @@ class Files(WithFolder):
         self.assertEqual(len(kelpa.read(self.water, replicate=(1, 2, 2), slice="-z:-5")), 6)
         with self.assertRaisesRegex(ValueError, r"equality is written ==\n  y = 2\n    \^"):
             kelpa.read(self.water, select="y = 2")
-        for option, value in (("colormap", "jet"), ("colors", {"Q": "red"}), ("radii", {"O": -1})):
+        for option, value in (("colormap", "jet"), ("colors", {"O": "reed"}), ("radii", {"O": -1})):
             with self.assertRaisesRegex(ValueError, option):
                 kelpa.read(self.water, color_by="charge", **{option: value})
 

@@ -28,6 +28,14 @@ class Looks : public Command {
                                 static_cast<unsigned char>(picture.bytes[3 * (25 * 70 + x) + i]));
         return code;
     }
+    std::string renderedMiddle(Words const& words) const {
+        Picture const picture = render(words);
+        std::string code = "#";
+        for (std::size_t i = 0; i < 3; ++i)
+            code += fmt::format("{:02x}",
+                                static_cast<unsigned char>(picture.bytes[3 * (25 * 70 + 35) + i]));
+        return code;
+    }
     static Words colorsOf(Picture const& picture) {
         return {colorOf(picture, 0), colorOf(picture, 1), colorOf(picture, 2), colorOf(picture, 3)};
     }
@@ -69,7 +77,45 @@ TEST_F(Looks, SetKindsApartFromTheOthers) {
     };
     EXPECT_FALSE(contains(told({"--radii", "1=1,7=2"}), "no radius in")) << "all radii are said";
     EXPECT_TRUE(contains(told({"--colors", "2=red"}), "no particle is of kind '2'; there are 1 7"));
-    EXPECT_TRUE(contains(told({"--colors", "O=red"}), "types.dump: has no elements for 'O'"));
+    EXPECT_TRUE(contains(told({"--colors", "O=red"}),
+                         "types.dump: no kind of particles is called 'O'; there are types 1 7"));
+}
+
+TEST_F(Looks, KnowNamesInColumns) {
+    write("names.xyz", "3\nProperties=species:S:1:pos:R:3:radius:R:1:chain:S:1\n"
+                       "O 0 0 0 .5 A\nH 3 0 0 .5 B\nH 6 0 0 .5 A\n");
+    Words const look = {"names.xyz", "--view", "front", "--shade", "flat", "--color-by"};
+    auto const middle = [&](Words words) {
+        words.insert(words.begin(), look.begin(), look.end());
+        return renderedMiddle(words);
+    };
+    EXPECT_EQ(middle({"chain", "--colors", "B=#123456,C=red"}), "#123456");
+    EXPECT_TRUE(contains(read("stderr"), "no particle is of kind 'C'; there are A B\n"));
+    EXPECT_EQ(middle({"chain", "--select", "chain == B", "--colors", "B=red"}), "#ff0000");
+    EXPECT_TRUE(contains(read("stderr"), "1 of 3 particles are shown"));
+}
+
+TEST_F(Looks, ShowTheCellBehindAndBeforeParticles) {
+    // A tilted cell around one particle, from the front: its corners lean to the right.
+    write("cell.xyz", "1\nLattice=\"4 0 0 0 4 0 2 0 4\" Properties=species:S:1:pos:R:3:radius:R:1\n"
+                      "O 3 0 2 .8\n");
+    Words const look = {"cell.xyz", "--view",       "front", "--ortho", "--shade",
+                        "flat",     "--background", "white", "--cell",  "--color",
+                        "red",      "--cell-color", "blue"};
+    Picture const picture = render(look);
+    // The edges are thinner than these pixels.
+    std::size_t bluish = 0;
+    for (std::size_t i = 0; i < picture.bytes.size(); i += 3)
+        bluish += static_cast<unsigned char>(picture.bytes[i]) + 20 <
+                          static_cast<unsigned char>(picture.bytes[i + 2])
+                      ? 1
+                      : 0;
+    EXPECT_GT(bluish, 20U);
+    // The particle lies in the front face's plane y = 0 and hides what is behind it.
+    EXPECT_EQ(picture.bytes.substr(3 * (25 * 70 + 35), 3), std::string("\xff\0\0", 3));
+    write("bare.ply", plyOf("x y z radius", {"0 0 0 1"}));
+    EXPECT_TRUE(contains(run({"render", "bare.ply", "-o", "a.png", "--cell"}).err,
+                         "bare.ply: has no cell to draw"));
 }
 
 TEST_F(Looks, ListTheNamesThereAre) {

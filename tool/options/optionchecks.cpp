@@ -29,7 +29,7 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         {"--times", moves && !hasVelocity, "a second snapshot: --motion next or FILE"},
         {"--strict", !options.particles.frames.empty() || isNext,
          "frames of a sequence: --frames A:B or --motion next"},
-        {"--shadows", !isFlat, "light: --shade ao or lit"},
+        {"--shadows", !isFlat || !options.light.shadows.value_or(true), "light: --shade ao or lit"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
         {"--ao-distance", hasOcclusion, "--shade ao"},
     };
@@ -101,6 +101,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
     if (!particles.frames.empty() && options.camera.turntable > 0)
         throw UsageError("--frames and --turntable both make many pictures; use one of them");
+    options.run.notesOnce = !particles.frames.empty();
     checkEffects(isGiven, options);
     for (char const* const other : {"--radius", "--radius-from"})
         if (options.scene.radius.covalent && isGiven(other))

@@ -156,9 +156,9 @@ std::vector<OfKind<Value>> parseKinds(std::string const& text, char const* form,
     std::istringstream rest(text + ",");
     for (std::string item; std::getline(rest, item, ',');) {
         std::size_t const sign = item.find('=');
-        if (sign == std::string::npos || !isKindName(item.substr(0, sign)))
-            throw UsageError(fmt::format("'{}' is not of the form {}: the number of a type, or an "
-                                         "element's symbol, before each =",
+        if (sign == std::string::npos || sign == 0)
+            throw UsageError(fmt::format("'{}' is not of the form {}: the number of a type, an "
+                                         "element's symbol, or a name before each =",
                                          item, form));
         kinds.push_back({item.substr(0, sign), parse(item.substr(sign + 1))});
     }

@@ -22,7 +22,7 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree);
 void addMotionOptions(CLI::App& app, Options& options);
 void addColorOptions(CLI::App& app, ColorOptions& color);
 void addCameraOptions(CLI::App& app, CameraOptions& camera);
-void addImageOptions(CLI::App& app, ImageOptions& image);
+void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell);
 void addLightOptions(CLI::App& app, LightOptions& light);
 void addPictureRunOptions(CLI::App& app, Options& options);
 void addServeOptions(CLI::App& app, ViewOptions& view);

@@ -98,7 +98,7 @@ CLI::App* addRender(CLI::App& app, Options& options) {
     addMotionOptions(*render, options);
     addColorOptions(*render, options.scene.color);
     addCameraOptions(*render, options.camera);
-    addImageOptions(*render, options.image);
+    addImageOptions(*render, options.image, options.scene.showsCell);
     addLightOptions(*render, options.light);
     addPictureRunOptions(*render, options);
     addTreeOptions(*render, options.tree);
@@ -119,7 +119,7 @@ CLI::App* addView(CLI::App& app, Options& options) {
     addMotionOptions(*view, options);
     addColorOptions(*view, options.scene.color);
     addCameraOptions(*view, options.camera);
-    addImageOptions(*view, options.image);
+    addImageOptions(*view, options.image, options.scene.showsCell);
     addLightOptions(*view, options.light);
     addPictureRunOptions(*view, options);
     addTreeOptions(*view, options.tree);

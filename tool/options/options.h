@@ -44,8 +44,9 @@ struct RunOptions {
     bool reproducible = false;
     bool quiet = false;
     bool verbose = false;
-    bool stats = false;    ///< printed
-    std::string statsFile; ///< as JSON; empty: none
+    bool notesOnce = false; ///< what is noted of one frame of a film is not noted of the next
+    bool stats = false;     ///< printed
+    std::string statsFile;  ///< as JSON; empty: none
     Kelpa::ProgressLine::Mode progress = Kelpa::ProgressLine::Mode::automatic;
 };
 

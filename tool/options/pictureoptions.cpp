@@ -155,7 +155,7 @@ void addPixelOptions(CLI::App& app, ImageOptions& image) {
 
 } // namespace
 
-void addImageOptions(CLI::App& app, ImageOptions& image) {
+void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell) {
     addTaken(
         app, "--size", "WIDTHxHEIGHT",
         [&image](std::string const& text) {
@@ -179,6 +179,11 @@ void addImageOptions(CLI::App& app, ImageOptions& image) {
         },
         "Colour behind the particles, or none for a transparent picture")
         ->group("Image");
+    app.add_flag("--cell", showsCell, "Draw the edges of the periodic cell")->group("Image");
+    addParsed(app, "--cell-color", "COLOR", image.rodColor, parseColorOption,
+              "Colour of the cell's edges; default: dark, or pale before a dark background")
+        ->needs("--cell")
+        ->group("Image");
     addPixelOptions(app, image);
 }
 
@@ -192,7 +197,7 @@ void addLightOptions(CLI::App& app, LightOptions& light) {
         ->transform(between(0, 4096))
         ->group("Light");
     app.add_option("--ao-distance", light.aoDistance,
-                   "How far occlusion reaches; default: 10 % of the diagonal")
+                   "How far occlusion reaches; default: half of the diagonal")
         ->transform(between(1e-30, 1e30))
         ->group("Light");
     // Bound to the optional itself, the parser would count in it: from a "no" that nobody wrote.

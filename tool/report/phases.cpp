@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <set>
 
 namespace pipeline::tool {
 
@@ -26,7 +27,10 @@ std::string baseName(std::string const& path) {
 Note noteTo(RunOptions const& run) {
     if (run.quiet)
         return [](Remark const&) {};
-    return [](Remark const& remark) {
+    return [isOnce = run.notesOnce](Remark const& remark) {
+        static std::set<std::string> said;
+        if (isOnce && !said.insert(remark.text).second)
+            return;
         say("kelpa: note: {}{}\n", remark.text, hintText(remark.hint));
     };
 }
