@@ -96,7 +96,8 @@ bool canBeReadAgain(std::string const& path) {
 
 } // namespace
 
-FileSource::FileSource(WantedScene what) : wanted(std::move(what)), source(wanted.path) {
+FileSource::FileSource(WantedScene what)
+    : wanted(std::move(what)), source(wanted.path, wanted.more) {
 }
 
 ParticleSet FileSource::read(SceneChoice const& choice, Report const& report, bool isWhole) {
@@ -249,10 +250,11 @@ Row FileSource::rowOf(Shown const& shown, std::size_t place, Report const& repor
 
 std::vector<int> FileSource::frames(Report const& report) {
     std::vector<int> numbers;
-    if (!canBeReadAgain(wanted.path))
+    if (!canBeReadAgain(wanted.path) ||
+        !std::all_of(wanted.more.begin(), wanted.more.end(), canBeReadAgain))
         return numbers;
     // The way through the file that pictures go is not lost for it.
-    FrameSource counting(wanted.path);
+    FrameSource counting(wanted.path, wanted.more);
     ReadOptions options = wanted.read;
     options.progress = phase("counting frames", report);
     std::vector<FrameRange> ranges = wanted.frames;

@@ -18,6 +18,7 @@ namespace pipeline::view {
 /// Which particles, and how they become a scene.
 struct WantedScene {
     std::string path;
+    std::vector<std::string> more; ///< files of the same snapshot
     ReadOptions read;
     std::optional<int> frame;           ///< the first to be shown; unset: the first there is
     std::vector<FrameRange> frames;     ///< those to choose from; empty: all

@@ -156,6 +156,19 @@ class Server(unittest.TestCase):
             self.assertEqual((status, saved[:4]), (200, b"\x76\x2f\x31\x01"))
             self.assertEqual(server.get(f"/{server.token}/picture.png?999")[0], 404)
 
+    def test_reads_what_render_reads_of_the_same_words(self):
+        served.run("generate", "splash", "--count", 500, "--seed", 6, "-o", "rest.ply", folder=self.folder)
+        given = ["sample.ply", "rest.ply", "--together", "--size", "60x40", "--samples", "2"]
+        served.run("render", *given, "-o", "together.png", folder=self.folder)
+        with self.serve(*given) as server, Line(server) as line:
+            state = line.until(lambda m, p: p is None and m.get("state", {}).get("shown"))[0]["state"]
+            self.assertEqual(state["shown"]["particles"], 3500)
+            seen = line.refined()[1]
+            self.assertEqual(served.pixels_of(seen),
+                             served.pixels_of(os.path.join(self.folder, "together.png")))
+            line.send({"command": True})
+            self.assertEqual(shlex.split(line.text("command"))[2:5], given[:3])
+
     def test_ends_old_work_for_a_new_camera_and_for_who_leaves(self):
         with self.serve("sample.ply", "--size", "900x700", "--samples", 4000, "--ao-samples", 64,
                         "--radius", "0.3") as server:

@@ -29,10 +29,8 @@ view::WantedScene wantedScene(Options const& options) {
     view::WantedScene wanted;
     ParticleOptions const& particles = options.particles;
     wanted.path = particles.files[0];
-    wanted.read.format = particles.format;
-    wanted.read.assembly = particles.assembly;
-    wanted.read.topology = particles.topology;
-    wanted.read.radiusFrom = particles.radiusFrom;
+    wanted.more = particles.more;
+    wanted.read = readOptionsOf(particles);
     wanted.frame = particles.frame;
     wanted.frames = particles.frames;
     wanted.elements = particles.elements;

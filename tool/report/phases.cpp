@@ -44,18 +44,23 @@ Kelpa::ProgressLine::Mode displayMode(RunOptions const& run) {
     return run.quiet ? Kelpa::ProgressLine::Mode::none : run.progress;
 }
 
+ReadOptions readOptionsOf(ParticleOptions const& particles) {
+    ReadOptions read;
+    read.format = particles.format;
+    read.assembly = particles.assembly;
+    read.kinds = particles.kinds;
+    read.topology = particles.topology;
+    read.allAttributes = particles.keepsAllColumns;
+    read.radiusFrom = particles.radiusFrom;
+    return read;
+}
+
 SnapshotReader::SnapshotReader(Options const& given, std::string const& path)
     : options(given), source(path, given.particles.more) {
 }
 
 ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
-    ReadOptions read;
-    read.format = options.particles.format;
-    read.assembly = options.particles.assembly;
-    read.kinds = options.particles.kinds;
-    read.topology = options.particles.topology;
-    read.allAttributes = options.particles.keepsAllColumns;
-    read.radiusFrom = options.particles.radiusFrom;
+    ReadOptions read = readOptionsOf(options.particles);
     read.forMotion = hasSecondSnapshot(options.scene.motion.motion);
     read.progress = progress;
     read.attributes = columnsOf(options.scene);

@@ -44,6 +44,9 @@ void throwIfInterrupted();
 
 Kelpa::ProgressLine::Mode displayMode(RunOptions const& run);
 
+/// What the options say of reading, but for what a scene needs.
+ReadOptions readOptionsOf(ParticleOptions const& particles);
+
 /// Runs a phase with a progress display of its own, which the phase feeds and which stops it.
 /// `remark` gives what the display adds.
 template <class Phase>
