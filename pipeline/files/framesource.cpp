@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <iterator>
 #include <limits>
+#include <numeric>
 #include <system_error>
 
 namespace pipeline {
@@ -279,9 +280,15 @@ std::vector<int> FrameSource::missingIn(std::vector<FrameRange> const& ranges) c
     std::int64_t const begin = sequence.begin()->first; // wide: steps could leave their type
     for (FrameRange const& given : ranges) {
         FrameRange const range = resolve(given);
-        std::int64_t const last = std::min(range.last, sequence.rbegin()->first);
-        for (std::int64_t frame = begin; frame <= last && missing.size() < few; frame += stride)
-            if (frame >= range.first && (frame - range.first) % range.step == 0 &&
+        // What is asked for and expected lies on two grids; they may have nothing in common.
+        if ((range.first - begin) % std::gcd<std::int64_t>(range.step, stride) != 0)
+            continue;
+        bool const areAskedRarer = range.step >= stride;
+        std::int64_t const step = areAskedRarer ? range.step : stride;
+        std::int64_t const behind = ((begin - range.first) % stride + stride) % stride;
+        std::int64_t frame = areAskedRarer ? range.first : range.first + behind;
+        for (; frame <= range.last && missing.size() < few; frame += step)
+            if ((frame - range.first) % range.step == 0 && (frame - begin) % stride == 0 &&
                 !sequence.contains(static_cast<int>(frame)))
                 missing.push_back(static_cast<int>(frame));
     }

@@ -59,8 +59,8 @@ class FrameSource {
     /// The numbers of the frames in ranges. Throws `NoSuchFrame` when there is none, when one was
     /// named by itself and is not there, or when a file, unless it is a pipe, ends before the last.
     FrameNumbers framesIn(std::vector<FrameRange> const& ranges, ReadOptions const& options) const;
-    /// The first few numbers of ranges that lie between those of a sequence's files and have none,
-    /// though files elsewhere lie so close together that one is expected there.
+    /// The first few numbers of ranges that no file of a sequence has, though files elsewhere lie
+    /// so close together that one is expected there.
     std::vector<int> missingIn(std::vector<FrameRange> const& ranges) const;
 
   private:

@@ -304,7 +304,7 @@ TEST_F(Frames, AreRenderedFromFilesAndSequences) {
     EXPECT_EQ(gap.code, 0) << gap.err;
     EXPECT_FALSE(contains(gap.err, "no files for")) << gap.err; // 6 is not of the range
     EXPECT_TRUE(contains(renderFrames({"cache.{}.dump", "--frames", "3:99", "-o", "s#.ppm"}).err,
-                         "cache.{}.dump: no files for frames 6; "));
+                         "no files for frames 6, 15, 18, 21, 24, 27, 30, 33 and perhaps more; "));
     EXPECT_EQ(read("seq3.ppm").size(), read("one.ppm").size());
     EXPECT_EQ(read("seq0.ppm") + read("seq6.ppm") + read("seq12.ppm"), "");
 }
