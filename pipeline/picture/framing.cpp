@@ -73,15 +73,6 @@ Vec viewDirection(CameraOptions const& options, char upAxis, Bounds const& bound
     }
 }
 
-void orient(Camera& camera, Vec const& towardsEye, Vec wantedUp) {
-    camera.forward = unit(towardsEye) * -1.0;
-    // Seen along the wanted up direction, another one must do.
-    if (std::abs(dot(camera.forward, unit(wantedUp))) > 0.9999)
-        wantedUp = std::abs(camera.forward.y) < 0.9 ? Vec{0, 1, 0} : Vec{0, 0, -1};
-    camera.right = unit(cross(camera.forward, wantedUp));
-    camera.up = cross(camera.right, camera.forward);
-}
-
 /// How far spheres reach to both sides of a direction across the view.
 struct Reach {
     double above = -std::numeric_limits<double>::infinity();
@@ -154,6 +145,15 @@ void fitParallel(Camera& camera, std::span<Kelpa::Vector const> centers,
 }
 
 } // namespace
+
+void orient(Camera& camera, Vec const& towardsEye, Vec wantedUp) {
+    camera.forward = unit(towardsEye) * -1.0;
+    // Seen along the wanted up direction, another one must do.
+    if (std::abs(dot(camera.forward, unit(wantedUp))) > 0.9999)
+        wantedUp = std::abs(camera.forward.y) < 0.9 ? Vec{0, 1, 0} : Vec{0, 0, -1};
+    camera.right = unit(cross(camera.forward, wantedUp));
+    camera.up = cross(camera.right, camera.forward);
+}
 
 Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
                    std::span<Kelpa::Vector const> centers, std::span<float const> radii,

@@ -44,14 +44,31 @@ Camera placeCamera(CameraOptions const& options, int width, int height, char upA
                    std::span<Kelpa::Vector const> centers, std::span<float const> radii,
                    Vec const& origin);
 
-/// The camera of picture `picture` of `options.turntable` that go once around the particles,
-/// against the clock as seen from above.
+/// Turns the camera's axes so that it looks from `towardsEye`, which is not zero, to the origin. Of
+/// its picture `wantedUp` is up, as far as can be.
+void orient(Camera& camera, Vec const& towardsEye, Vec wantedUp);
+
+/// A camera, and what turntables turn it around. In coordinates of the scene.
+struct Sight {
+    Camera camera;
+    Vec target; ///< what it looks at
+    Vec axis;   ///< upward, of length 1
+
+    /// The camera after so many turns around the axis through the target, against the clock as seen
+    /// from above.
+    Camera turned(double turns) const;
+};
+
+/// A camera that looks at the point of its axis which is as far away as `centre`.
+Sight sightOf(Camera const& camera, Vec const& centre);
+
+/// The camera that pictures going once around the particles begin with.
 ///
-/// The distance is the same for all: the sphere around all particles just fits, with the margin of
-/// 5 %; with `options.eye` the eye's own. The axis is the upward direction through what is looked
-/// at. A flat set is seen from the side as well.
-Camera placeTurntable(CameraOptions const& options, int picture, int width, int height, char upAxis,
-                      std::span<Kelpa::Vector const> centers, std::span<float const> radii,
-                      Vec const& origin);
+/// Turned, it sees all of them from everywhere: the sphere around all particles just fits, with the
+/// margin of 5 %; with `options.eye` the eye stays where it is. The axis is the upward direction. A
+/// flat set is seen from the side as well.
+Sight placeTurntable(CameraOptions const& options, int width, int height, char upAxis,
+                     std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                     Vec const& origin);
 
 } // namespace pipeline

@@ -11,7 +11,7 @@ namespace pipeline {
 namespace {
 
 /// A vector turned around an axis of length 1 (O. Rodrigues' formula).
-Vec turned(Vec const& v, Vec const& axis, double angle) {
+Vec rotated(Vec const& v, Vec const& axis, double angle) {
     double const cosine = std::cos(angle);
     return v * cosine + cross(axis, v) * std::sin(angle) + axis * (dot(axis, v) * (1.0 - cosine));
 }
@@ -29,9 +29,27 @@ double reachFrom(Vec const& place, std::span<Kelpa::Vector const> centers,
 
 } // namespace
 
-Camera placeTurntable(CameraOptions const& given, int picture, int width, int height, char upAxis,
-                      std::span<Kelpa::Vector const> centers, std::span<float const> radii,
-                      Vec const& origin) {
+Camera Sight::turned(double turns) const {
+    double const angle = 2.0 * std::numbers::pi * turns;
+    Camera moved = camera;
+    moved.eye = target + rotated(camera.eye - target, axis, angle);
+    moved.right = rotated(camera.right, axis, angle);
+    moved.up = rotated(camera.up, axis, angle);
+    moved.forward = rotated(camera.forward, axis, angle);
+    return moved;
+}
+
+Sight sightOf(Camera const& camera, Vec const& centre) {
+    double const distance = dot(centre - camera.eye, camera.forward);
+    double const size = std::sqrt(dot(camera.eye, camera.eye));
+    // Not so near that the direction would be lost, nor behind the eye.
+    double const usable = distance > 1e-6 * size ? distance : size + 1.0;
+    return {camera, camera.eye + camera.forward * usable, camera.up};
+}
+
+Sight placeTurntable(CameraOptions const& given, int width, int height, char upAxis,
+                     std::span<Kelpa::Vector const> centers, std::span<float const> radii,
+                     Vec const& origin) {
     CameraOptions options = given;
     if (!options.eye && !options.view)
         options.view = View::iso; // face on, a flat set would only spin
@@ -57,12 +75,7 @@ Camera placeTurntable(CameraOptions const& given, int picture, int width, int he
     Vec const axis = options.up        ? unit(wide(*options.up))
                      : axisName == 'y' ? Vec{0, 1, 0}
                                        : Vec{0, 0, 1};
-    double const angle = 2.0 * std::numbers::pi * picture / options.turntable;
-    camera.eye = target + turned(camera.eye - target, axis, angle);
-    camera.right = turned(camera.right, axis, angle);
-    camera.up = turned(camera.up, axis, angle);
-    camera.forward = turned(camera.forward, axis, angle);
-    return camera;
+    return {camera, target, axis};
 }
 
 } // namespace pipeline

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+import os
 from dataclasses import dataclass, field
 from fractions import Fraction
 from typing import TYPE_CHECKING, Any, Optional, Sequence, Union
@@ -137,6 +138,38 @@ class Camera:
             35.0 if is_parallel else math.degrees(2 * math.atan(extent)),
             2 * extent if is_parallel else None,
         )
+        object.__setattr__(camera, "_placed", placed)
+        return camera
+
+    def save(self, path: Union[str, "os.PathLike[str]"]) -> None:
+        """Writes a file that `load` and the command's `--camera` read, and people edit."""
+        if _native.missing:
+            raise ImportError(
+                f"this build of kelpa writes no cameras; it was made without {_native.missing}"
+            )
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(_native.camera_text(self._placed, self.target))
+
+    @classmethod
+    def load(cls, path: Union[str, "os.PathLike[str]"], frame: float = 0.0) -> "Camera":
+        """The camera of a file that `save` or the command wrote, or somebody with a pen.
+
+        frame : a number
+            Of a file with keys: when on the camera's way. Between keys it goes smoothly.
+
+        Raises FileNotFoundError, ReadError that says where the file is not what it should be.
+        """
+        from .files import _must_exist, _reading
+
+        if _native.missing:
+            raise ImportError(
+                f"this build of kelpa reads no cameras; it was made without {_native.missing}"
+            )
+        frame = check.number("frame", frame, -1e9, 1e9)
+        _must_exist(os.fsdecode(path))
+        with _reading():
+            placed, target, fov, height = _native.read_camera(os.fsencode(path), frame)
+        camera = cls(placed[0], target, placed[2], fov, height)
         object.__setattr__(camera, "_placed", placed)
         return camera
 

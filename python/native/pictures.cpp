@@ -15,6 +15,7 @@
 #include "pipeline/imagefile/encoders.h"
 #include "pipeline/imagefile/imagefile.h"
 #include "pipeline/imagefile/jointiles.h"
+#include "pipeline/picture/filmplan.h"
 #endif
 
 namespace py = pybind11;
@@ -104,7 +105,25 @@ pipeline::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const
     return image;
 }
 
+/// A camera that looks at `target`, as a file keeps it.
+std::string cameraText(Placed const& placed, Triple const& target) {
+    pipeline::Camera const camera = cameraOf(placed, 1, 1, {});
+    pipeline::FilmPlan plan;
+    plan.camera.keys.push_back(pipeline::keyOf({camera, vecOf(target), camera.up}, {}));
+    return textOf(plan);
+}
+
+/// The camera that a file has for a frame, what it looks at, and its angle in degrees or, of
+/// parallel rays, the height seen.
+py::tuple readCamera(std::string const& path, double frame) {
+    pipeline::CameraKey const key = pipeline::readPlan(path).camera.at(frame);
+    Placed const placed = placedOf(sightOf(key, 1, 1, 1.0, {}).camera, {});
+    return py::make_tuple(placed, tripleOf(key.lookAt), key.fov, key.height);
+}
+
 void defineFiles(py::module_& module) {
+    module.def("camera_text", &cameraText);
+    module.def("read_camera", &readCamera);
     py::class_<pipeline::Image>(module, "Image").def(py::init(&imageOf));
     module.def("save_picture", [](std::string const& path, pipeline::Image const& image,
                                   bool withAlpha, py::object const& progress) {

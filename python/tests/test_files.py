@@ -109,6 +109,19 @@ class Files(WithFolder):
         with self.assertRaises(kelpa.NoSuchFrame):
             kelpa.read(self.water, 9)
 
+    def test_keep_cameras_as_the_command_does(self):
+        water = kelpa.Primitive(kelpa.read(self.water, radius=1))
+        path = self.folder / "camera.json"
+        for ortho in (False, True):
+            camera = kelpa.Camera.framing(water, aspect=(40, 30), ortho=ortho)
+            camera.save(path)
+            again = kelpa.Camera.load(path)
+            np.testing.assert_array_equal(water.render(camera, 40, 30), water.render(again, 40, 30))
+            self.assertEqual(again.parallel_height is None, not ortho)
+        path.write_text('{"camera": {"eye": [0, 0, 9]}}')
+        with self.assertRaisesRegex(kelpa.ReadError, "camera.json: the camera lacks 'lookAt'"):
+            kelpa.Camera.load(path)
+
     def test_of_one_snapshot_are_read_together(self):
         lines = WATER.format(1).splitlines(keepends=True)
         halves = [self.folder / "a.xyz", self.folder / "b.xyz"]

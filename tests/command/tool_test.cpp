@@ -317,8 +317,7 @@ TEST_F(Frames, AreRefusedWhereTheyAreNone) {
              {{"all.dump", "--frames", "3:9"}, 3, "all.dump: no frame 9; it has 5"},
              {{"all.dump", "--frames", "3:1"}, 2, "--frames: '3:1' ends before it begins"},
              {{"all.dump", "--frames", "0:4:0"}, 2, "--frames: '0:4:0' steps by 0"},
-             {{"all.dump", "--frames", "0:1", "--motion", "b.ply"}, 2, "not with a file"},
-             {{"all.dump", "--frames", "0:1", "--turntable", "4"}, 2, "use one of them"}}) {
+             {{"all.dump", "--frames", "0:1", "--motion", "b.ply"}, 2, "not with a file"}}) {
         Words full = words;
         full.insert(full.end(), {"-o", "bad.#.ppm"});
         Answer const answer = renderFrames(full);

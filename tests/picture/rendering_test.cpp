@@ -46,17 +46,15 @@ TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
         std::vector<Kelpa::Vector> const centers = {{0, 0, 0}, {4, 0, 0}, random.inCube(1.0F)};
         std::vector<float> const radii = {0.5F, 0.5F, 0.1F};
         pipeline::CameraOptions options;
-        options.turntable = 12;
         options.ortho = seed % 2 == 1;
         if (seed % 3 == 0)
             options.view = pipeline::View::top;
         Vec const centre = pipeline::boundsOf(centers).centre();
         double narrowest = 1e30; // how far the spheres stay from the frame, over all pictures
-        Vec const first =
-            placeTurntable(options, 0, 160, 90, 'y', centers, radii, {0, 0, 0}).eye - centre;
+        auto const sight = placeTurntable(options, 160, 90, 'y', centers, radii, {0, 0, 0});
+        Vec const first = sight.camera.eye - centre;
         for (int picture = 0; picture < 12; ++picture) {
-            auto const camera =
-                placeTurntable(options, picture, 160, 90, 'y', centers, radii, {0, 0, 0});
+            auto const camera = sight.turned(picture / 12.0);
             Vec const away = camera.eye - centre;
             EXPECT_NEAR(dot(away, away), dot(first, first), 1e-9);
             EXPECT_NEAR(away.y, first.y, 1e-9) << "the axis is the upward one";

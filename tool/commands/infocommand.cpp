@@ -1,11 +1,11 @@
 // kelpa info: what files hold.
 #include "pipeline/files/errors.h"
+#include "pipeline/files/json.h"
 
 #include "tool/commands/commands.h"
 #include "tool/options/hints.h"
 #include "tool/process/standardstreams.h"
 #include "tool/report/filefacts.h"
-#include "tool/report/json.h"
 #include "tool/report/phases.h"
 #include "tool/report/statistics.h"
 

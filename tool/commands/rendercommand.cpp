@@ -2,11 +2,12 @@
 #include "pipeline/files/numberplace.h"
 #include "pipeline/files/outputfile.h"
 #include "pipeline/imagefile/imagefile.h"
-#include "pipeline/picture/framing.h"
+#include "pipeline/picture/filmplan.h"
 #include "pipeline/picture/render.h"
-#include "pipeline/scene/bounds.h"
 
 #include "tool/commands/commands.h"
+#include "tool/commands/filmcameras.h"
+#include "tool/commands/renderchecks.h"
 #include "tool/commands/writtenfiles.h"
 #include "tool/process/standardstreams.h"
 #include "tool/report/filmprogress.h"
@@ -26,67 +27,6 @@
 namespace pipeline::tool {
 
 namespace {
-
-/// Where the middle 99 % of points lie along an axis.
-std::pair<double, double> middlePart(std::span<Kelpa::Vector const> points, int axis) {
-    constexpr std::size_t asked = 100000; // of any more points, every n-th
-    std::size_t const stride = points.size() / asked + 1;
-    std::vector<float> places;
-    for (std::size_t i = 0; i < points.size(); i += stride)
-        places.push_back(points[i][axis]);
-    auto const at = [&places](double share) {
-        auto const place = places.begin() + static_cast<std::ptrdiff_t>(
-                                                share * static_cast<double>(places.size() - 1));
-        std::nth_element(places.begin(), place, places.end());
-        return static_cast<double>(*place);
-    };
-    return {at(0.005), at(0.995)};
-}
-
-/// Of far outliers the picture shows all, and little else: says so, and how to see the others.
-void noteOutliers(Scene const& scene, Note const& note) {
-    auto const [minX, maxX] = middlePart(scene.framedCenters(), 0);
-    auto const [minY, maxY] = middlePart(scene.framedCenters(), 1);
-    auto const [minZ, maxZ] = middlePart(scene.framedCenters(), 2);
-    Bounds const most{{minX, minY, minZ}, {maxX, maxY, maxZ}};
-    double const part = most.diagonal() / boundsOf(scene.framedCenters()).diagonal();
-    constexpr double little = 0.05;
-    if (part > 0.0 && part < little) {
-        Vec const centre = inFile(most, scene.origin).centre();
-        note({fmt::format("a few far particles take up the picture; --look-at {:.9g},{:.9g},{:.9g} "
-                          "--zoom {:.3g} shows the others",
-                          centre.x, centre.y, centre.z, 0.8 / part)});
-    }
-}
-
-std::vector<std::string> aovNames(ImageOptions const& image) {
-    std::vector<std::string> names;
-    for (auto const& [isWanted, name] :
-         {std::pair(image.depth, "depth"), std::pair(image.normal, "normal"),
-          std::pair(image.id, "id"), std::pair(image.position, "position")})
-        if (isWanted)
-            names.emplace_back(name);
-    return names;
-}
-
-/// Refuses, before anything is read, an output that the picture could not be written to.
-void checkOutput(Options const& options) {
-    ImageFormat const format = imageFormatOf(options.output);
-    if (options.image.hasAovs() && format != ImageFormat::exr)
-        throw UsageError(fmt::format(
-            "{}: {} cannot hold --aov {}; write an .exr", baseName(options.output),
-            format == ImageFormat::png ? "PNG" : "PPM", fmt::join(aovNames(options.image), ",")));
-    if (options.image.transparent && format == ImageFormat::ppm)
-        throw UsageError(fmt::format("{}: PPM has no transparency for --background none; write a "
-                                     ".png or .exr",
-                                     baseName(options.output)));
-    if (options.image.tile && format == ImageFormat::ppm)
-        throw UsageError(
-            fmt::format("{}: PPM cannot tell which tile it holds; write a .png or .exr",
-                        baseName(options.output)));
-    bool const isNumbered = options.camera.turntable > 0 || !options.particles.frames.empty();
-    checkWritable((isNumbered ? numberedName : nameOfOne)(options.output, 0));
-}
 
 /// A scene with its tree, and how long they took.
 struct BuiltScene {
@@ -108,17 +48,22 @@ class Rendering {
   private:
     template <class Read> BuiltScene makeBuiltScene(Read read);
     void renderPicture(BuiltScene& built, Camera const& camera, std::string const& output);
-    Camera cameraFor(Scene const& scene, int picture = 0) const;
+    void saveCamera(Scene const& scene, int frame);
+    void writeText(std::string const& path, std::string const& text);
 
     Options const& options;
     WrittenFiles files;
+    FilmCameras cameras;
     RenderStatistics statistics;
     FilmProgress series;
 };
 
-Rendering::Rendering(Options const& given) : options(given), files(given) {
-    if (!options.run.statsFile.empty())
-        files.add(options.run.statsFile);
+Rendering::Rendering(Options const& given)
+    : options(given), files(given),
+      cameras(given, given.film.camera.empty() ? CameraWay{} : readPlan(given.film.camera).camera) {
+    for (std::string const& path : {options.run.statsFile, options.film.saveCamera})
+        if (!path.empty())
+            files.add(path);
     if (!hasNumberPlace(options.output)) // others are added when their number is known
         files.add(options.output);
 }
@@ -169,17 +114,19 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, std::stri
             series.remark());
 }
 
-/// The camera of a picture, one of a turn or the only one.
-Camera Rendering::cameraFor(Scene const& scene, int picture) const {
-    auto const place = [&](auto const& placing, auto... which) {
-        return placing(options.camera, which..., options.image.width, options.image.height,
-                       scene.upAxis, scene.framedCenters(), scene.framedRadii(), scene.origin);
-    };
-    try {
-        return options.camera.turntable > 0 ? place(placeTurntable, picture) : place(placeCamera);
-    } catch (std::invalid_argument const&) {
-        throw UsageError("--eye and --look-at are the same point");
-    }
+void Rendering::writeText(std::string const& path, std::string const& text) {
+    if (path.empty())
+        return;
+    OutputFile file(path, throwIfInterrupted);
+    file.write(text);
+    file.commit();
+}
+
+/// Keeps the first picture's camera, if that is asked for.
+void Rendering::saveCamera(Scene const& scene, int frame) {
+    FilmPlan plan;
+    plan.camera.keys.push_back(cameras.keyFor(scene, frame));
+    writeText(options.film.saveCamera, textOf(plan));
 }
 
 /// Renders one frame, or the pictures of a turn around it.
@@ -191,33 +138,23 @@ void Rendering::renderOneFrame() {
         return readyScene(options, std::move(particles));
     });
     Scene const& scene = built.scene;
-    if (!options.camera.eye && !options.camera.lookAt)
+    if (cameras.areChosenHere() && !options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
-    if (options.camera.turntable == 0)
-        renderPicture(built, cameraFor(scene), nameOfOne(options.output, frame));
-    series.begin(static_cast<std::uint64_t>(options.camera.turntable), "picture");
-    for (int picture = 0; picture < options.camera.turntable; ++picture)
-        renderPicture(built, cameraFor(scene, picture), numberedName(options.output, picture));
+    saveCamera(scene, frame);
+    int const turn = options.camera.turntable;
+    if (turn == 0)
+        renderPicture(built, cameras.cameraFor(scene, frame, 0), nameOfOne(options.output, frame));
+    series.begin(static_cast<std::uint64_t>(turn), "picture");
+    for (int picture = 0; picture < turn; ++picture)
+        renderPicture(built, cameras.cameraFor(scene, frame, picture),
+                      numberedName(options.output, picture));
 }
-
-/// What the pictures of a film have in common, chosen for the first one.
-struct Film {
-    Camera camera;
-    Vec origin; ///< of the scene that the camera was placed in
-    Kept kept;
-
-    Camera cameraIn(Scene const& scene) const {
-        Camera here = camera;
-        here.eye = here.eye + origin - scene.origin;
-        return here;
-    }
-};
 
 /// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
 /// that, the camera's place, the radius and the range of a colour map, must not change on the way.
 void Rendering::renderFrames() {
     SnapshotReader reader(options, options.particles.files[0]);
-    std::optional<Film> film;
+    std::optional<Kept> kept;         // once the first one is there
     std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
     FrameNumbers const frames = reader.framesIn(options.particles.frames);
     series.begin(frames.count(), "frame");
@@ -227,21 +164,21 @@ void Rendering::renderFrames() {
                 ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
             ahead = reader.readSecond(particles);
             return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr,
-                              film ? film->kept : Kept{});
+                              kept.value_or(Kept{}));
         });
         Scene const& scene = built.scene;
-        if (!film)
-            film = {cameraFor(scene), scene.origin, scene.chosen};
-        renderPicture(built, film->cameraIn(scene), numberedName(options.output, *frame));
+        if (!kept) {
+            kept = scene.chosen;
+            saveCamera(scene, *frame);
+        }
+        // By its number in the film a frame has its place in a turn, whoever renders it.
+        renderPicture(built, cameras.cameraFor(scene, *frame, *frame),
+                      numberedName(options.output, *frame));
     }
 }
 
 void Rendering::writeStatistics() {
-    if (options.run.statsFile.empty())
-        return;
-    OutputFile file(options.run.statsFile, throwIfInterrupted);
-    file.write(statistics.asJson(threadCount(options.run), peakMegabytes()));
-    file.commit();
+    writeText(options.run.statsFile, statistics.asJson(threadCount(options.run), peakMegabytes()));
 }
 
 } // namespace

@@ -99,8 +99,6 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                                      file->path));
     if (!particles.frames.empty() && file != nullptr)
         throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
-    if (!particles.frames.empty() && options.camera.turntable > 0)
-        throw UsageError("--frames and --turntable both make many pictures; use one of them");
     options.run.notesOnce = !particles.frames.empty();
     checkEffects(isGiven, options);
     for (char const* const other : {"--radius", "--radius-from"})

@@ -22,6 +22,8 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree);
 void addMotionOptions(CLI::App& app, Options& options);
 void addColorOptions(CLI::App& app, ColorOptions& color);
 void addCameraOptions(CLI::App& app, CameraOptions& camera);
+/// Those on cameras in files; behind `addCameraOptions`.
+void addFilmOptions(CLI::App& app, FilmOptions& film);
 void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell);
 void addLightOptions(CLI::App& app, LightOptions& light);
 void addPictureRunOptions(CLI::App& app, Options& options);

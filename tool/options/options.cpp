@@ -98,6 +98,7 @@ CLI::App* addRender(CLI::App& app, Options& options) {
     addMotionOptions(*render, options);
     addColorOptions(*render, options.scene.color);
     addCameraOptions(*render, options.camera);
+    addFilmOptions(*render, options.film);
     addImageOptions(*render, options.image, options.scene.showsCell);
     addLightOptions(*render, options.light);
     addPictureRunOptions(*render, options);

@@ -39,6 +39,12 @@ struct ParticleOptions {
     bool keepsAllColumns = false;       ///< not only those with a use here: they are written again
 };
 
+/// Files that the pictures of a film have in common.
+struct FilmOptions {
+    std::string camera;     ///< to take cameras from; empty: none
+    std::string saveCamera; ///< to write the first picture's camera to
+};
+
 struct RunOptions {
     int threads = 0; ///< 0: all processors
     bool reproducible = false;
@@ -70,6 +76,7 @@ struct Options {
     ParticleOptions particles;
     SceneOptions scene;
     CameraOptions camera;
+    FilmOptions film;
     ImageOptions image;
     LightOptions light;
     TreeOptions tree;

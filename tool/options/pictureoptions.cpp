@@ -119,8 +119,22 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera) {
         ->group("Camera");
 
     app.add_option("--turntable", camera.turntable,
-                   "Pictures of one turn around the particles; -o turn.####.png numbers them")
+                   "Pictures of one turn around the particles; -o turn.####.png numbers them; with "
+                   "--frames the film turns on by one for each frame's number")
         ->transform(between(1, 1000000))
+        ->group("Camera");
+}
+
+void addFilmOptions(CLI::App& app, FilmOptions& film) {
+    auto* const camera =
+        app.add_option("--camera", film.camera,
+                       "Take the camera from this file, which may hold keys for several frames")
+            ->type_name("FILE.json")
+            ->group("Camera");
+    for (char const* const other : {"--view", "--eye", "--look-at", "--up", "--fov", "--ortho"})
+        camera->excludes(app.get_option(other));
+    app.add_option("--save-camera", film.saveCamera, "Write the camera of the first picture")
+        ->type_name("FILE.json")
         ->group("Camera");
 }
 

@@ -1,9 +1,8 @@
 // What a file tells of its particles before any picture: frame, cell, kinds.
 #pragma once
 
+#include "pipeline/files/json.h"
 #include "pipeline/files/particleset.h"
-
-#include "tool/report/json.h"
 
 #include <string>
 #include <vector>

@@ -1,9 +1,8 @@
 // What runs of the command took, for other programs.
 #pragma once
 
+#include "pipeline/files/json.h"
 #include "pipeline/scene/scene.h"
-
-#include "tool/report/json.h"
 
 #include <cstdint>
 #include <string>

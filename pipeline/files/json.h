@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-namespace pipeline::tool {
+namespace pipeline {
 
 /// A text as JSON has it, whatever its bytes are.
 inline std::string jsonText(std::string_view text) {
@@ -83,4 +83,4 @@ inline Json jsonList(std::vector<Json> const& elements, int outer) {
     return {"[" + text + line + "]"};
 }
 
-} // namespace pipeline::tool
+} // namespace pipeline
