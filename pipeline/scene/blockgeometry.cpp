@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cmath>
 #include <exception>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -187,63 +188,33 @@ int BlockGeometry::intersect(RSRay& ray) {
     return code;
 }
 
-/// The rays of a bunch that go from block to block, those together that are in one at a time.
+/// The rays of a bunch that go from block to block, and are asked in one at a time.
 class BlockGeometry::BunchOnItsWay {
   public:
+    /// The search of ray k ends at `ends[k]`.
     BunchOnItsWay(BlockGeometry& all, RayBunchExtParams const& bunch, double const* starts,
-                  unsigned char const* listed, unsigned long count)
-        : geometry(all), rays(bunch), tMins(starts), lanes(listed),
-          numLanes(static_cast<unsigned>(count)) {
-        for (unsigned k = 0; k < numLanes; ++k)
-            startsOnParticle |= rays.skipIndex[lanes[k]] >= 0;
+                  std::span<unsigned char const> listed, double const* ends)
+        : geometry(all), rays(bunch), tMins(starts), lanes(listed.data()),
+          ways(all.top, bunch, starts, listed, ends) {
+        for (unsigned char const lane : listed)
+            startsOnParticle |= rays.skipIndex[lane] >= 0;
     }
 
-    /// Begins the searches; that of ray k ends at `ends[k]`.
-    void begin(double const* ends) {
-        for (unsigned k = 0; k < numLanes; ++k) {
-            unsigned char const lane = lanes[k];
-            best[k] = ends[k];
-            places.add(geometry.top,
-                       {rays.originX[lane],
-                        rays.originY[lane],
-                        rays.originZ[lane],
-                        {rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]},
-                        tMins[lane]},
-                       ends[k]);
-        }
-    }
-
-    /// Gathers the rays that are to be asked next: those in the block that the first of all enters,
-    /// or, where they are few beside the others, all, each in its own block. False when none is
-    /// left.
+    /// Goes on to the rays that are to be asked next. False when none is left.
     bool gather() {
-        std::int32_t const first = places.first();
-        if (first < 0)
+        if (!ways.gather())
             return false;
-        unsigned onTheirWay = 0;
         numAsked = 0;
-        for (unsigned k = 0; k < numLanes; ++k) {
-            onTheirWay += places.blockOf(k) >= 0 ? 1 : 0;
-            if (places.blockOf(k) == first)
-                asked[numAsked++] = static_cast<unsigned char>(k);
-        }
-        constexpr unsigned manyTogether = 16;
-        areApart = numAsked < manyTogether && 2 * numAsked < onTheirWay;
-        if (areApart)
-            numAsked = 0;
-        for (unsigned k = 0; areApart && k < numLanes; ++k)
-            if (places.blockOf(k) >= 0)
-                asked[numAsked++] = static_cast<unsigned char>(k);
-        for (unsigned i = 0; i < numAsked; ++i) {
-            askedLanes[i] = lanes[asked[i]];
-            trees[i] = &geometry.treeOf(places.blockOf(asked[i]));
+        for (unsigned char const k : ways.asked()) {
+            askedLanes[numAsked] = lanes[k];
+            trees[numAsked++] = &geometry.treeOf(ways.blockOf(k));
         }
         return true;
     }
 
     /// Asks the gathered rays, whose searches end at `askedEnds`.
     void trace(RayBunchCommonResult& found) {
-        if (areApart)
+        if (ways.areApart())
             trees[0]->bunchIntersectApart(trees, raysInBlocks(), found, tMins, askedEnds,
                                           askedLanes, numAsked);
         else
@@ -252,12 +223,20 @@ class BlockGeometry::BunchOnItsWay {
                                      askedEnds, askedLanes, numAsked);
     }
     std::uint64_t occluded() {
-        return areApart ? trees[0]->bunchOccludedApart(trees, raysInBlocks(), tMins, askedEnds,
-                                                       askedLanes, numAsked)
-                        : trees[0]->bunchOccluded(raysInBlocks(), tMins, askedEnds, askedLanes,
-                                                  numAsked);
+        return ways.areApart() ? trees[0]->bunchOccludedApart(trees, raysInBlocks(), tMins,
+                                                              askedEnds, askedLanes, numAsked)
+                               : trees[0]->bunchOccluded(raysInBlocks(), tMins, askedEnds,
+                                                         askedLanes, numAsked);
     }
 
+    BlockGeometry& geometry;
+    RayBunchExtParams const& rays;
+    double const* tMins;
+    unsigned char const* lanes;
+    RaysInBlocks ways;
+    double askedEnds[64]; ///< of the gathered rays, in their order
+
+  private:
     /// The rays as their blocks know them: particles have other numbers there.
     RayBunchExtParams const& raysInBlocks() {
         if (!startsOnParticle)
@@ -265,29 +244,14 @@ class BlockGeometry::BunchOnItsWay {
         if (!isCopied)
             named = rays;
         isCopied = true;
-        for (unsigned i = 0; i < numAsked; ++i) {
-            unsigned char const lane = lanes[asked[i]];
-            named.skipIndex[lane] =
-                geometry.indexIn(places.blockOf(asked[i]), rays.skipIndex[lane]);
-        }
+        for (unsigned char const k : ways.asked())
+            named.skipIndex[lanes[k]] = geometry.indexIn(ways.blockOf(k), rays.skipIndex[lanes[k]]);
         return named;
     }
 
-    BlockGeometry& geometry;
-    RayBunchExtParams const& rays;
-    double const* tMins;
-    unsigned char const* lanes;
-    unsigned numLanes;
-    double best[64]; ///< by position in the list, as all but the rays themselves
-    RaysInBlocks places;
-    unsigned numAsked = 0;   ///< of the rays that are asked next
-    unsigned char asked[64]; ///< their positions in the list
+    unsigned numAsked = 0;
     unsigned char askedLanes[64];
-    double askedEnds[64];
-
-  private:
     Geometry* trees[64]; ///< of each ray that is asked
-    bool areApart = false;
     bool startsOnParticle = false;
     bool isCopied = false;
     RayBunchExtParams named;
@@ -296,32 +260,32 @@ class BlockGeometry::BunchOnItsWay {
 bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommonResult& hits,
                                    double* tMins, double* tMaxs, unsigned char const* lanes,
                                    unsigned long numLanes) {
-    double ends[64];
+    double ends[64] = {};
+    double best[64];
     bool isHit[64] = {};
     for (unsigned k = 0; k < numLanes; ++k)
-        ends[k] = std::min(hits.hitT[lanes[k]], tMaxs[k]);
-    BunchOnItsWay bunch(*this, rays, tMins, lanes, numLanes);
-    bunch.begin(ends);
+        best[k] = ends[k] = std::min(hits.hitT[lanes[k]], tMaxs[k]);
+    BunchOnItsWay bunch(*this, rays, tMins, {lanes, numLanes}, ends);
     bool anyHit = false;
     RayBunchCommonResult found;
     while (bunch.gather()) {
-        for (unsigned i = 0; i < bunch.numAsked; ++i) {
-            unsigned const k = bunch.asked[i];
-            bunch.askedEnds[i] = isHit[k] ? searchEnd(ends[k], bunch.best[k]) : ends[k];
+        unsigned count = 0;
+        for (unsigned char const k : bunch.ways.asked()) {
+            double const end = isHit[k] ? searchEnd(ends[k], best[k]) : ends[k];
+            bunch.askedEnds[count++] = end;
             found.hit[lanes[k]] = 0;
-            found.hitT[lanes[k]] = bunch.askedEnds[i];
+            found.hitT[lanes[k]] = end;
         }
         bunch.trace(found);
-        for (unsigned i = 0; i < bunch.numAsked; ++i) {
-            unsigned const k = bunch.asked[i];
+        for (unsigned char const k : bunch.ways.asked()) {
             unsigned char const lane = lanes[k];
             if (found.hit[lane] != 0) {
-                std::int64_t const index = found.hitIndex[lane] + baseOf(bunch.places.blockOf(k));
+                std::int64_t const index = found.hitIndex[lane] + baseOf(bunch.ways.blockOf(k));
                 double const t = found.hitT[lane];
-                if (!isHit[k] || t < bunch.best[k] ||
-                    (t == bunch.best[k] && comesFirst(index, hits.hitIndex[lane]))) {
+                if (!isHit[k] || t < best[k] ||
+                    (t == best[k] && comesFirst(index, hits.hitIndex[lane]))) {
                     isHit[k] = anyHit = true;
-                    bunch.best[k] = t;
+                    best[k] = t;
                     hits.hit[lane] = found.hit[lane];
                     hits.hitT[lane] = t;
                     hits.hitPrimitive[lane] = found.hitPrimitive[lane];
@@ -332,7 +296,7 @@ bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommon
                     hits.hitLocalIndex[lane] = static_cast<std::int32_t>(index);
                 }
             }
-            bunch.places.advance(k, top, bunch.best[k]);
+            bunch.ways.advance(k, best[k]);
         }
     }
     if (anyHit)
@@ -343,20 +307,19 @@ bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommon
 std::uint64_t BlockGeometry::bunchOccluded(RayBunchExtParams const& rays, double const* tMins,
                                            double const* tMaxs, unsigned char const* lanes,
                                            unsigned long numLanes) {
-    BunchOnItsWay bunch(*this, rays, tMins, lanes, numLanes);
-    bunch.begin(tMaxs);
+    BunchOnItsWay bunch(*this, rays, tMins, {lanes, numLanes}, tMaxs);
     std::uint64_t occluded = 0;
     while (bunch.gather()) {
-        for (unsigned i = 0; i < bunch.numAsked; ++i)
-            bunch.askedEnds[i] = tMaxs[bunch.asked[i]];
+        unsigned count = 0;
+        for (unsigned char const k : bunch.ways.asked())
+            bunch.askedEnds[count++] = tMaxs[k];
         std::uint64_t const found = bunch.occluded();
         occluded |= found;
-        for (unsigned i = 0; i < bunch.numAsked; ++i) {
-            unsigned const k = bunch.asked[i];
+        for (unsigned char const k : bunch.ways.asked()) {
             if ((found >> lanes[k] & 1U) != 0)
-                bunch.places.finish(k);
+                bunch.ways.finish(k);
             else
-                bunch.places.advance(k, top, tMaxs[k]);
+                bunch.ways.advance(k, tMaxs[k]);
         }
     }
     return occluded;

@@ -1,45 +1,69 @@
-// The blocks that rays are asked of next.
+// The blocks that the rays of a list are asked of next.
 #pragma once
 
+#include "kelpa/foundation/hosttypes.h"
+
+#include "pipeline/scene/listinblocks.h"
 #include "pipeline/scene/toptree.h"
 
 #include <cstdint>
+#include <limits>
 #include <optional>
+#include <span>
 
 namespace pipeline {
 
-/// Where each of up to 64 rays is on its way from block to block.
+/// Where each of up to 64 rays is on its way from block to block, and which of them are to be asked
+/// together.
 ///
-/// Nothing is kept of what comes later: most rays end in their first block or the one after it.
+/// Rays that go the same way stay together, see `ListInBlocks`; others go each its own way. Of
+/// those nothing is kept of what comes later: most end in their first block or the one after it.
 class RaysInBlocks {
   public:
     static constexpr unsigned most = 64;
 
-    /// Adds a ray, which is then at the first block that it enters at `end` or before.
-    void add(TopTree const& top, BoxRay const& ray, double end) {
-        rays[count] = ray;
-        current[count] = TopTree::Entry::none();
-        advance(count++, top, end);
+    /// The rays of `lanes`; that of lane `lanes[k]` is called k, begins at `tMins[lanes[k]]` and
+    /// ends at `ends[k]`.
+    RaysInBlocks(TopTree const& tree, Kelpa::RayBunchExtParams const& bunch, double const* tMins,
+                 std::span<unsigned char const> lanes, double const* ends);
+
+    /// Gathers the rays that are to be asked next: those of a list that goes together that enter
+    /// its next block; of another one those in the block that the first of all enters, or, where
+    /// they are few beside the others, all, each in its own block. False when none is left.
+    bool gather();
+
+    /// The gathered rays.
+    std::span<unsigned char const> asked() const { return {gathered, numGathered}; }
+    /// Whether each of them is to be asked in a block of its own.
+    bool areApart() const { return apart; }
+    /// The block that ray k, which is gathered, is to be asked of.
+    std::int32_t blockOf(unsigned k) const { return list ? step.block : current[k].block; }
+
+    /// Ray k, which has been asked, goes on with what it enters at `end` or before.
+    void advance(unsigned k, double end) {
+        searchEnds[k] = end;
+        if (!list)
+            current[k] = top.next(rays[k], current[k], end).value_or(TopTree::Entry::none());
     }
-    /// The block that the first of all rays enters next; -1 when all have ended.
-    std::int32_t first() const {
-        TopTree::Entry entry = TopTree::Entry::none();
-        for (unsigned k = 0; k < count; ++k)
-            if (current[k].block >= 0 && (entry.block < 0 || current[k] < entry))
-                entry = current[k];
-        return entry.block;
+    /// Ray k has found what it looked for.
+    void finish(unsigned k) {
+        searchEnds[k] = -std::numeric_limits<double>::infinity();
+        current[k].block = -1;
     }
-    /// The block that ray k enters next; -1 when it has ended.
-    std::int32_t blockOf(unsigned k) const { return current[k].block; }
-    /// Ray k goes on to its next block, if it enters it at `end` or before.
-    void advance(unsigned k, TopTree const& top, double end) {
-        current[k] = top.next(rays[k], current[k], end).value_or(TopTree::Entry::none());
-    }
-    void finish(unsigned k) { current[k].block = -1; }
 
   private:
-    unsigned count = 0;
+    std::int32_t firstBlock() const;
+    bool gatherOwnWays();
+
+    TopTree const& top;
+    unsigned count;
+    unsigned numGathered = 0;
+    bool apart = false;
+    unsigned char gathered[most];
+    double searchEnds[most];
     BoxRay rays[most];
+    std::optional<ListInBlocks> list; ///< of rays that go the same way; others are at `current`
+    ListInBlocks::Step step{};
     TopTree::Entry current[most];
 };
 

@@ -47,6 +47,15 @@ class TopTree {
     /// anywhere and with any others.
     std::optional<Entry> next(BoxRay const& ray, Entry const& last, double end) const;
 
+    /// Enough for any number of blocks.
+    static constexpr std::size_t mostLevels = 8;
+
+    std::int32_t numLevels() const { return static_cast<std::int32_t>(levels.size()); }
+    /// A group of boxes; those of level 0 are blocks, those above hold a group of the level below.
+    BoxGroup const& group(std::int32_t level, std::int32_t number) const {
+        return levels[static_cast<std::size_t>(level)].groups[static_cast<std::size_t>(number)];
+    }
+
   private:
     struct Level {
         std::vector<BoxGroup> groups;

@@ -170,7 +170,8 @@ Scene builtScene(std::int64_t block, bool isMoving, int threads = 1, std::size_t
     return scene;
 }
 
-/// Rays of all kinds: from a point, from anywhere, and from particles, which they skip.
+/// Rays of all kinds: from a point, from anywhere, and from particles, which they skip; every
+/// second list of 64 from near a point to near another.
 Kelpa::RSRay rayNumber(int i, Random& random, Scene const& scene) {
     Kelpa::RSRay ray{};
     Vector const from = i % 3 == 0 ? Vector{3.0F, 2.0F, 1.0F} : random.inCube(1.5F);
@@ -184,6 +185,13 @@ Kelpa::RSRay rayNumber(int i, Random& random, Scene const& scene) {
     ray.intervalMax = ray.hitT = i % 4 == 0 ? 0.05 : 1e30;
     ray.time = 0.25F + 0.5F * random.unit();
     ray.skipIndex = i % 3 == 2 ? place : -1;
+    if (i / 64 % 2 == 1) {
+        Vector const near = random.inCube(0.05F);
+        for (int axis = 0; axis < 3; ++axis) {
+            ray.origin[axis] = i % 128 < 100 ? 1.5 : static_cast<double>(1.5F + near[axis]);
+            ray.dir[axis] = -1.0F + 0.2F * to[axis];
+        }
+    }
     return ray;
 }
 

@@ -1,0 +1,56 @@
+// The blocks of rays that go the same way.
+#pragma once
+
+#include "pipeline/scene/toptree.h"
+
+#include <cstdint>
+
+namespace pipeline {
+
+/// A list of up to 64 rays on its way through a top tree: each block comes once, for all rays that
+/// enter it, the block that one of them enters first before the others.
+///
+/// Where rays go the same way that asks each block's tree once, and of many rays at a time. Which
+/// hit is the closest does not depend on the order.
+class ListInBlocks {
+  public:
+    static constexpr unsigned most = 64;
+
+    /// Ray k is `rays[k]`, which stays where it is, and its search ends at `ends[k]`.
+    ListInBlocks(TopTree const& tree, BoxRay const* listed, unsigned count, double const* ends);
+
+    /// Whether at least half of the rays begin in one part of the scene.
+    bool areTogether() const { return togetherAtFirst; }
+
+    struct Step {
+        std::int32_t block;
+        std::uint64_t rays; ///< bit k: ray k
+    };
+    /// The next block that rays enter at their `ends` or before. Returns false behind the last.
+    bool next(double const* ends, Step& step);
+
+  private:
+    static constexpr unsigned children = BoxGroup::most;
+    /// A part of the tree that waits, and the rays that enter it.
+    struct Part {
+        std::int32_t level; ///< of the group's boxes
+        std::int32_t group;
+        std::uint64_t rays;
+    };
+
+    void expand(Part const& part, double const* ends);
+
+    TopTree const& top;
+    BoxRay const* rays;
+    bool togetherAtFirst = false;
+    Part waiting[children * TopTree::mostLevels];
+    unsigned numWaiting = 0;
+    // Of the blocks of one group of the lowest level, nearest last.
+    std::int32_t firstBlock = 0;
+    unsigned numBlocks = 0;
+    unsigned char order[children];
+    std::uint64_t entered[children];
+    float enters[children][most]; ///< of the rays that enter
+};
+
+} // namespace pipeline
