@@ -83,48 +83,47 @@ int refuse(CLI::App const& app, std::string const& reason, std::string const& fi
     return wrongUsage;
 }
 
+/// Which particles, for the commands that make pictures of them.
+void addPictured(CLI::App& command, Options& options) {
+    command
+        .add_option("FILE", options.particles.files,
+                    "Particle file; a second one is a later snapshot")
+        ->required();
+    addParticleOptions(command, options);
+}
+
+/// Which pictures, and how they are made; `frames` says what several frames are for.
+void addPictures(CLI::App& command, Options& options, std::string const& frames) {
+    addParsed(command, "--frames", "A:B[:S][,...]", options.particles.frames, parseFrameRanges,
+              frames)
+        ->excludes(command.get_option("--frame"));
+    addMotionOptions(command, options);
+    addColorOptions(command, options.scene.color);
+    addCameraOptions(command, options.camera);
+    addImageOptions(command, options.image, options.scene.showsCell);
+    addLightOptions(command, options.light);
+    addPictureRunOptions(command, options);
+    addTreeOptions(command, options.tree);
+    addRunOptions(command, options.run);
+}
+
 CLI::App* addRender(CLI::App& app, Options& options) {
     auto* const render = app.add_subcommand("render", "Make a picture of a particle file");
-    render
-        ->add_option("FILE", options.particles.files,
-                     "Particle file; a second one is a later snapshot")
-        ->required();
-    addParticleOptions(*render, options);
+    addPictured(*render, options);
     render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
-    addParsed(*render, "--frames", "A:B[:S][,...]", options.particles.frames, parseFrameRanges,
-              "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; the "
-              "output numbers them: img.####.png")
-        ->excludes(render->get_option("--frame"));
-    addMotionOptions(*render, options);
-    addColorOptions(*render, options.scene.color);
-    addCameraOptions(*render, options.camera);
+    addPictures(*render, options,
+                "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; "
+                "the output numbers them: img.####.png");
     addFilmOptions(*render, options.film);
-    addImageOptions(*render, options.image, options.scene.showsCell);
-    addLightOptions(*render, options.light);
-    addPictureRunOptions(*render, options);
-    addTreeOptions(*render, options.tree);
-    addRunOptions(*render, options.run);
     return render;
 }
 
 CLI::App* addView(CLI::App& app, Options& options) {
     auto* const view =
         app.add_subcommand("view", "Show a particle file in the browser, to turn and to ask");
-    view->add_option("FILE", options.particles.files,
-                     "Particle file; a second one is a later snapshot")
-        ->required();
-    addParticleOptions(*view, options);
-    addParsed(*view, "--frames", "A:B[:S][,...]", options.particles.frames, parseFrameRanges,
-              "Frames to choose from, A to B, every S-th, or several such; default: all")
-        ->excludes(view->get_option("--frame"));
-    addMotionOptions(*view, options);
-    addColorOptions(*view, options.scene.color);
-    addCameraOptions(*view, options.camera);
-    addImageOptions(*view, options.image, options.scene.showsCell);
-    addLightOptions(*view, options.light);
-    addPictureRunOptions(*view, options);
-    addTreeOptions(*view, options.tree);
-    addRunOptions(*view, options.run);
+    addPictured(*view, options);
+    addPictures(*view, options,
+                "Frames to choose from, A to B, every S-th, or several such; default: all");
     for (char const* const other : {"--turntable", "--crop", "--tile", "--stats"})
         view->remove_option(view->get_option(other));
     addServeOptions(*view, options.view);
