@@ -183,6 +183,23 @@ def interval(name: str, value: Sequence[float]) -> tuple[float, float]:
     return first, second
 
 
+def shutter(name: str, value: Sequence[float]) -> tuple[float, float]:
+    """When it opens and when it closes."""
+    opens, closes = interval(name, value)
+    if closes < opens:
+        raise ValueError(f"{name}: closes before it opens, {value!r}")
+    return opens, closes
+
+
+def coloring(color: object, color_by: object, colormap: object, range: object) -> None:
+    """Refuses words of colour that have no meaning together."""
+    for name, value in (("colormap", colormap), ("range", range)):
+        if value is not None and color_by is None:
+            raise ValueError(f"{name}: given without color_by, the column that it is for")
+    if color is not None and color_by is not None:
+        raise ValueError("color: given together with color_by")
+
+
 def color(name: str, value: Union[str, Sequence[float]]) -> tuple[float, float, float]:
     """Linear light of a colour as people write it, or of three numbers."""
     if not isinstance(value, str):

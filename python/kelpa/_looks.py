@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import functools
+import inspect
 from dataclasses import dataclass
 from typing import Any, Callable, Mapping, Optional, Sequence, Union
 
@@ -34,32 +36,53 @@ class Source:
 
 
 @dataclass
-class Wanted:
-    """What the caller asks for, in the words of the adapters."""
+class Looks:
+    """What callers of the adapters may ask for, in their words."""
 
-    radius: Radius
-    radius_scale: float
-    radii: str
-    points: bool
-    color: Color
-    color_by: Optional[str]
-    colormap: Optional[str]
-    range: Optional[Sequence[float]]
-    motion: str
-    dt: float
-    shutter: Sequence[float]
+    radius: Radius = None
+    radius_scale: float = 1.0
+    radii: str = "vdw"
+    points: bool = False
+    color: Color = None
+    color_by: Optional[str] = None
+    colormap: Optional[str] = None
+    range: Optional[Sequence[float]] = None
+    motion: str = "none"
+    dt: float = 1.0
+    shutter: Sequence[float] = (0.0, 0.5)
 
 
-def make_particles(source: Source, wanted: Wanted) -> Particles:
-    """The particles of `source` as they are wanted."""
+def with_looks(adapter: Callable[..., Particles]) -> Callable[..., Particles]:
+    """Hands the words of `Looks` to an adapter as its `looks`; help() and editors show each."""
+    own = inspect.signature(adapter).parameters
+    words = [
+        word.replace(kind=inspect.Parameter.KEYWORD_ONLY)
+        for word in inspect.signature(Looks).parameters.values()
+    ]
+    signature = inspect.signature(adapter).replace(
+        parameters=[*(word for word in own.values() if word.name != "looks"), *words]
+    )
+
+    @functools.wraps(adapter)
+    def adapted(*arguments: Any, **options: Any) -> Particles:
+        signature.bind(*arguments, **options)  # refuses unknown words
+        looks = {word.name: options.pop(word.name) for word in words if word.name in options}
+        return adapter(*arguments, **options, looks=Looks(**looks))
+
+    adapted.__signature__ = signature  # type: ignore[attr-defined]
+    return adapted
+
+
+def make_particles(source: Source, looks: Looks) -> Particles:
+    """The particles of `source` as `looks` want them."""
     positions = check.vectors("positions", source.positions)
     notes: list[str] = []
-    radii = _radii(source, wanted, positions, notes)
-    radii = radii * np.float32(check.number("radius_scale", wanted.radius_scale, 0.0, 1e30))
-    opened, closed = _ways(source, wanted, positions)
+    radii = _radii(source, looks, positions, notes)
+    radii = radii * np.float32(check.number("radius_scale", looks.radius_scale, 0.0, 1e30))
+    opened, closed = _ways(source, looks, positions)
     return Particles(
-        opened, radii, positions1=closed, colors=_colors(source, wanted, len(positions)),
-        type="point" if wanted.points else "sphere", ids=source.ids, columns=source.columns,
+        opened, radii, positions1=closed, colors=_colors(source, looks, len(positions)),
+        type="point" if looks.points else "sphere", ids=source.ids, columns=source.columns,
         cell=source.cell, notes=notes,
     )
 
@@ -79,18 +102,18 @@ def atomic_numbers(values: Optional[ArrayLike]) -> Optional[NDArray[np.uint8]]:
 
 
 def _radii(
-    source: Source, wanted: Wanted, positions: NDArray[np.float32], notes: list[str]
+    source: Source, looks: Looks, positions: NDArray[np.float32], notes: list[str]
 ) -> NDArray[np.float32]:
-    check.choice("radii", wanted.radii, ("vdw", "covalent"))
-    if isinstance(wanted.radius, str):
-        return check.scalars("radius", named(source, "radius", wanted.radius), len(positions))
-    if wanted.radius is not None:
-        return check.scalars("radius", wanted.radius, len(positions))
+    check.choice("radii", looks.radii, ("vdw", "covalent"))
+    if isinstance(looks.radius, str):
+        return check.scalars("radius", named(source, "radius", looks.radius), len(positions))
+    if looks.radius is not None:
+        return check.scalars("radius", looks.radius, len(positions))
     if source.radii is not None:
         notes.append(f"radii of the {source.what}")
         return check.scalars("radii", source.radii, len(positions))
     if source.numbers is not None:
-        covalent = wanted.radii == "covalent"
+        covalent = looks.radii == "covalent"
         notes.append(f"{'covalent' if covalent else 'van der Waals'} radii by element")
         unknown = int(np.count_nonzero(source.numbers == 0))
         if unknown > 0:
@@ -102,19 +125,16 @@ def _radii(
     return np.full(len(positions), spacing or 1.0, dtype=np.float32)
 
 
-def _colors(source: Source, wanted: Wanted, count: int) -> Optional[ArrayLike]:
-    if wanted.range is not None and wanted.color_by is None:
-        raise ValueError("range: given without color_by, the column that it is for")
-    if wanted.color is not None and wanted.color_by is not None:
-        raise ValueError("color: given together with color_by")
-    if wanted.color is not None:
-        return np.tile(np.asarray(check.color("color", wanted.color), dtype=np.float32), (count, 1))
-    if wanted.color_by is not None:
-        column = named(source, "color_by", wanted.color_by)
+def _colors(source: Source, looks: Looks, count: int) -> Optional[ArrayLike]:
+    check.coloring(looks.color, looks.color_by, looks.colormap, looks.range)
+    if looks.color is not None:
+        return np.tile(np.asarray(check.color("color", looks.color), dtype=np.float32), (count, 1))
+    if looks.color_by is not None:
+        column = named(source, "color_by", looks.color_by)
         values = check.scalars("color_by", column, count)
-        ends = None if wanted.range is None else check.interval("range", wanted.range)
-        name = wanted.colormap and check.color_map("colormap", wanted.colormap)
-        if name == "kinds" or (not name and not ends and _native.shows_kinds(wanted.color_by)):
+        ends = None if looks.range is None else check.interval("range", looks.range)
+        name = looks.colormap and check.color_map("colormap", looks.colormap)
+        if name == "kinds" or (not name and not ends and _native.shows_kinds(looks.color_by)):
             return _native.map_types(values.astype(np.int64))
         return _native.map_colors(values, ends, name or "viridis")
     if source.colors is not None:
@@ -133,20 +153,18 @@ def named(source: Source, argument: str, name: str) -> NDArray[Any]:
 
 
 def _ways(
-    source: Source, wanted: Wanted, positions: NDArray[np.float32]
+    source: Source, looks: Looks, positions: NDArray[np.float32]
 ) -> tuple[NDArray[np.float32], Optional[NDArray[np.float32]]]:
     """Where the particles are when the shutter opens and, if they move, when it closes."""
-    check.choice("motion", wanted.motion, ("none", "velocity"))
-    if wanted.motion == "none":
+    check.choice("motion", looks.motion, ("none", "velocity"))
+    if looks.motion == "none":
         return positions, None
     given = source.velocities()
     if given is None:
         raise ValueError(f"motion: no velocities in the {source.what}")
     velocities = check.vectors("velocities", given, len(positions)).astype(np.float64)
-    dt = check.number("dt", wanted.dt, -1e30, 1e30)
-    opens, closes = check.interval("shutter", wanted.shutter)
-    if closes < opens:
-        raise ValueError(f"shutter: closes before it opens, {wanted.shutter!r}")
+    dt = check.number("dt", looks.dt, -1e30, 1e30)
+    opens, closes = check.shutter("shutter", looks.shutter)
 
     def at(time: float) -> NDArray[np.float32]:
         return (positions.astype(np.float64) + velocities * (time * dt)).astype(np.float32)

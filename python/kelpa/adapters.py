@@ -11,25 +11,12 @@ import numpy as np
 from numpy.typing import NDArray
 
 from . import _checks as check
-from ._looks import Color, Radius, Source, Wanted, atomic_numbers, make_particles
+from ._looks import Looks, Source, atomic_numbers, make_particles, with_looks
 from .particles import Cell, Particles
 
 
-def from_ase(
-    atoms: Any,
-    *,
-    radius: Radius = None,
-    radius_scale: float = 1.0,
-    radii: str = "vdw",
-    points: bool = False,
-    color: Color = None,
-    color_by: Optional[str] = None,
-    colormap: Optional[str] = None,
-    range: Optional[Sequence[float]] = None,
-    motion: str = "none",
-    dt: float = 1.0,
-    shutter: Sequence[float] = (0.0, 0.5),
-) -> Particles:
+@with_looks
+def from_ase(atoms: Any, *, looks: Looks) -> Particles:
     """Particles of an `ase.Atoms`: `positions`, `numbers`, `cell`, `pbc` and the further `arrays`.
 
     Parameters
@@ -65,28 +52,11 @@ def from_ase(
         "atoms", atoms.positions, columns, numbers=atomic_numbers(atoms.numbers),
         cell=_cell(atoms.cell, atoms.pbc), velocities=lambda: _moving(atoms.get_velocities()),
     )
-    return make_particles(
-        source,
-        Wanted(radius, radius_scale, radii, points, color, color_by, colormap, range, motion, dt,
-               shutter),
-    )
+    return make_particles(source, looks)
 
 
-def from_mdanalysis(
-    group: Any,
-    *,
-    radius: Radius = None,
-    radius_scale: float = 1.0,
-    radii: str = "vdw",
-    points: bool = False,
-    color: Color = None,
-    color_by: Optional[str] = None,
-    colormap: Optional[str] = None,
-    range: Optional[Sequence[float]] = None,
-    motion: str = "none",
-    dt: float = 1.0,
-    shutter: Sequence[float] = (0.0, 0.5),
-) -> Particles:
+@with_looks
+def from_mdanalysis(group: Any, *, looks: Looks) -> Particles:
     """Particles of an MDAnalysis group, or of a whole universe, at the frame that it stands at.
 
     `radius` and `color_by` may name an attribute with a number per atom, such as "masses" or
@@ -99,7 +69,7 @@ def from_mdanalysis(
     def attribute(name: str) -> Any:
         return getattr(atoms, name, None)  # what a group does not have raises an AttributeError
 
-    asked = [name for name in (radius, color_by) if isinstance(name, str)]
+    asked = [name for name in (looks.radius, looks.color_by) if isinstance(name, str)]
     found = {name: attribute(name) for name in ("masses", "charges", "tempfactors", *asked)}
     columns = {name: np.asarray(values) for name, values in found.items() if values is not None}
     symbols = attribute("elements")
@@ -111,13 +81,10 @@ def from_mdanalysis(
         cell=_cell(getattr(atoms.universe.trajectory.ts, "triclinic_dimensions", None), True),
         velocities=lambda: getattr(atoms, "velocities", None),
     )
-    return make_particles(
-        source,
-        Wanted(radius, radius_scale, radii, points, color, color_by, colormap, range, motion, dt,
-               shutter),
-    )
+    return make_particles(source, looks)
 
 
+@with_looks
 def from_dataframe(
     frame: Any,
     position: Sequence[str] = ("x", "y", "z"),
@@ -126,17 +93,7 @@ def from_dataframe(
     colors: Optional[Sequence[str]] = None,
     element: Optional[str] = None,
     id: Optional[str] = None,
-    radius: Radius = None,
-    radius_scale: float = 1.0,
-    radii: str = "vdw",
-    points: bool = False,
-    color: Color = None,
-    color_by: Optional[str] = None,
-    colormap: Optional[str] = None,
-    range: Optional[Sequence[float]] = None,
-    motion: str = "none",
-    dt: float = 1.0,
-    shutter: Sequence[float] = (0.0, 0.5),
+    looks: Looks,
 ) -> Particles:
     """Particles of a table with named columns: a data frame, or a dictionary of arrays.
 
@@ -163,11 +120,7 @@ def from_dataframe(
         ids=None if id is None else table.column("id", id),
         velocities=lambda: table.vectors("velocity", velocity),
     )
-    return make_particles(
-        source,
-        Wanted(radius, radius_scale, radii, points, color, color_by, colormap, range, motion, dt,
-               shutter),
-    )
+    return make_particles(source, looks)
 
 
 class _Table:

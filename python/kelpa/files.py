@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import errno
+import inspect
 import os
 import re
+from types import SimpleNamespace
 from typing import Any, Iterator, Mapping, Optional, Sequence, Union
 
 import numpy as np
@@ -111,13 +113,15 @@ def read(
     Raises FileNotFoundError, `ReadError` for what cannot be read, `NoSuchFrame`, ValueError by the
     name of the argument, MemoryError.
     """
-    return frames(
-        path, radius=radius, radius_from=radius_from, radius_scale=radius_scale, radii=radii,
-        points=points, color=color, color_by=color_by, colormap=colormap, colors=colors, range=range,
-        select=select, slice=slice, every=every, replicate=replicate, wrap=wrap, assembly=assembly,
-        elements=elements, format=format, part_type=part_type, topology=topology, motion=motion,
-        times=times, shutter=shutter, dt=dt, columns=columns,
-    ).read(frame, progress)
+    given = locals()
+    return frames(path, **{word: given[word] for word in _WORDS}).read(frame, progress)
+
+
+# What of `read` says how any frame is read.
+_WORDS = {
+    name: word for name, word in inspect.signature(read).parameters.items()
+    if name not in ("path", "frame", "progress")
+}
 
 
 def frames(path: Paths, **options: Any) -> Frames:
@@ -165,7 +169,7 @@ class Frames(Sequence[Particles]):
         if not paths:
             raise ValueError("path: expected at least one, found none")
         self._paths = [os.fsdecode(path) for path in paths]
-        self._wanted = _wanted(**options)
+        self._wanted = _wanted(options)
         self._numbers: Optional[list[int]] = None
         for name in self._paths:
             if not re.search(r"\{\}|#|%\d*d", name):
@@ -203,82 +207,65 @@ class Frames(Sequence[Particles]):
         return f"<kelpa.Frames of {', '.join(map(repr, self._paths))}>"
 
 
-def _wanted(
-    *,
-    radius: Optional[float] = None,
-    radius_from: Optional[str] = None,
-    radius_scale: float = 1.0,
-    radii: Radii = "vdw",
-    points: bool = False,
-    color: Color = None,
-    color_by: Optional[str] = None,
-    colormap: Optional[str] = None,
-    colors: Optional[Mapping[Union[str, int], Color]] = None,
-    range: Optional[Sequence[float]] = None,
-    select: Optional[str] = None,
-    slice: Union[str, Sequence[str]] = (),
-    every: int = 1,
-    replicate: Sequence[int] = (1, 1, 1),
-    wrap: bool = False,
-    assembly: Optional[Union[str, int]] = None,
-    elements: Optional[Union[str, Sequence[str]]] = None,
-    format: Optional[str] = None,
-    part_type: Optional[Union[str, Sequence[str]]] = None,
-    topology: Optional[Path] = None,
-    motion: Union[str, Path] = "none",
-    times: Sequence[float] = (0.0, 1.0),
-    shutter: Optional[Sequence[float]] = None,
-    dt: Optional[float] = None,
-    columns: Optional[Sequence[str]] = None,
-) -> _native.Wanted:
+def _wanted(options: Mapping[str, Any]) -> _native.Wanted:
+    """What the words of `read` ask for; those that are missing as `read` has them by default."""
     if _native.missing:
         raise ImportError(
             f"kelpa.read: this build of kelpa reads no files; it was made without {_native.missing}"
         )
-    if isinstance(radii, str):
-        check.choice("radii", radii, ("vdw", "covalent"))
-    if colormap is not None and color_by is None:
-        raise ValueError("colormap: given without color_by, the column that it is for")
-    if format is not None:
-        check.choice("format", format, _native.format_names().split("|"))
-    if range is not None and color_by is None:
-        raise ValueError("range: given without color_by, the column that it is for")
-    if color is not None and color_by is not None:
-        raise ValueError("color: given together with color_by")
-    opens = None if shutter is None else check.interval("shutter", shutter)
-    if opens is not None and opens[1] < opens[0]:
-        raise ValueError(f"shutter: closes before it opens, {shutter!r}")
+    bound = inspect.Signature(list(_WORDS.values())).bind(**options)
+    bound.apply_defaults()
+    given = SimpleNamespace(**bound.arguments)
     wanted = _native.Wanted()
-    wanted.format = format or ""
-    wanted.assembly = "" if assembly is None else str(assembly)
-    wanted.topology = b"" if topology is None else os.fsencode(topology)
-    wanted.kinds = (
-        part_type.split(",") if isinstance(part_type, str)
-        else check.names("part_type", part_type or ())
-    )
-    wanted.radius_from = check.text("radius_from", radius_from)
-    wanted.elements = _elements(elements)
-    wanted.columns = None if columns is None else check.names("columns", columns)
-    wanted.radius = None if radius is None else _radius("radius", radius)
-    wanted.radius_scale = _radius("radius_scale", radius_scale)
-    wanted.covalent = radii == "covalent"
-    wanted.radii_of_kinds = [] if isinstance(radii, str) else check.kinds("radii", radii, _radius)
-    wanted.points = bool(points)
-    wanted.select = check.text("select", select)
-    wanted.slices = [slice] if isinstance(slice, str) else check.names("slice", slice)
-    wanted.every = check.integer("every", every, 1)
-    wanted.replicate = [check.integer("replicate", n, 1, 1000) for n in replicate]
-    wanted.wrap = bool(wrap)
-    wanted.motion = os.fsencode(motion)
-    wanted.times = check.interval("times", times)
-    wanted.shutter = opens
-    wanted.dt = None if dt is None else check.number("dt", dt, -1e30, 1e30)
-    wanted.color = None if color is None else check.color("color", color)
-    wanted.color_by = check.text("color_by", color_by)
-    wanted.colormap = "" if colormap is None else check.color_map("colormap", colormap)
-    wanted.colors_of_kinds = check.kinds("colors", colors or {}, check.color)
-    wanted.range = None if range is None else check.interval("range", range)
+    _want_particles(wanted, given)
+    _want_looks(wanted, given)
+    wanted.motion = os.fsencode(given.motion)
+    wanted.times = check.interval("times", given.times)
+    wanted.shutter = None if given.shutter is None else check.shutter("shutter", given.shutter)
+    wanted.dt = None if given.dt is None else check.number("dt", given.dt, -1e30, 1e30)
     return wanted
+
+
+def _want_particles(wanted: _native.Wanted, given: SimpleNamespace) -> None:
+    """What is read of the file."""
+    if given.format is not None:
+        check.choice("format", given.format, _native.format_names().split("|"))
+    wanted.format = given.format or ""
+    wanted.assembly = "" if given.assembly is None else str(given.assembly)
+    wanted.topology = b"" if given.topology is None else os.fsencode(given.topology)
+    wanted.kinds = (
+        given.part_type.split(",") if isinstance(given.part_type, str)
+        else check.names("part_type", given.part_type or ())
+    )
+    wanted.elements = _elements(given.elements)
+    wanted.columns = None if given.columns is None else check.names("columns", given.columns)
+    wanted.select = check.text("select", given.select)
+    wanted.slices = (
+        [given.slice] if isinstance(given.slice, str) else check.names("slice", given.slice)
+    )
+    wanted.every = check.integer("every", given.every, 1)
+    wanted.replicate = [check.integer("replicate", n, 1, 1000) for n in given.replicate]
+    wanted.wrap = bool(given.wrap)
+
+
+def _want_looks(wanted: _native.Wanted, given: SimpleNamespace) -> None:
+    """Radii and colours."""
+    if isinstance(given.radii, str):
+        check.choice("radii", given.radii, ("vdw", "covalent"))
+    check.coloring(given.color, given.color_by, given.colormap, given.range)
+    wanted.radius_from = check.text("radius_from", given.radius_from)
+    wanted.radius = None if given.radius is None else _radius("radius", given.radius)
+    wanted.radius_scale = _radius("radius_scale", given.radius_scale)
+    wanted.covalent = given.radii == "covalent"
+    wanted.radii_of_kinds = (
+        [] if isinstance(given.radii, str) else check.kinds("radii", given.radii, _radius)
+    )
+    wanted.points = bool(given.points)
+    wanted.color = None if given.color is None else check.color("color", given.color)
+    wanted.color_by = check.text("color_by", given.color_by)
+    wanted.colormap = "" if given.colormap is None else check.color_map("colormap", given.colormap)
+    wanted.colors_of_kinds = check.kinds("colors", given.colors or {}, check.color)
+    wanted.range = None if given.range is None else check.interval("range", given.range)
 
 
 def _radius(name: str, value: float) -> float:

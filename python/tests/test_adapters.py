@@ -1,6 +1,7 @@
 """Objects that analysts already have, as particles."""
 
 import importlib
+import inspect
 import unittest
 import warnings
 
@@ -163,6 +164,13 @@ class DataFrames(unittest.TestCase):
         ):
             with self.subTest(words), self.assertRaisesRegex(ValueError, words):
                 call()
+
+    def test_takes_its_looks_by_name_and_shows_them(self):
+        self.assertIn("color_by", inspect.signature(kelpa.from_dataframe).parameters)
+        with self.assertRaisesRegex(TypeError, "radus"):
+            kelpa.from_dataframe(self.columns, radus=1)
+        with self.assertRaisesRegex(ValueError, "colormap: .*color_by"):
+            kelpa.from_dataframe(self.columns, colormap="magma")
 
 
 if __name__ == "__main__":

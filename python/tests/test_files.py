@@ -165,6 +165,8 @@ class Files(WithFolder):
             np.testing.assert_allclose(charges, [-0.8, 0.4, 0.4], rtol=1e-6)
         with self.assertRaises(FileNotFoundError):
             read(self.folder / "nowhere.ply")
+        with self.assertRaisesRegex(TypeError, "colour"):
+            kelpa.frames(self.water, colour="red")
 
     def test_end_with_ctrl_c(self):
         previous = signal.signal(signal.SIGINT, signal.default_int_handler)
