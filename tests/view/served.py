@@ -10,6 +10,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import unittest
 import urllib.error
 import urllib.request
 import zlib
@@ -192,8 +193,18 @@ def sample(folder, kind="splash", count=3000, name="sample.ply"):
     return name
 
 
-def make_folder():
-    return tempfile.TemporaryDirectory(prefix="kelpa-view-")
+class TestCase(unittest.TestCase):
+    """Tests of one folder, in which sample.ply lies."""
+
+    @classmethod
+    def setUpClass(cls):
+        temporary = tempfile.TemporaryDirectory(prefix="kelpa-view-")
+        cls.addClassCleanup(temporary.cleanup)
+        cls.folder = temporary.name
+        sample(cls.folder)
+
+    def serve(self, *words):
+        return Served(*words, "-q", folder=self.folder)
 
 
 if "KELPA_COMMAND" not in os.environ:

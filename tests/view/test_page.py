@@ -8,33 +8,23 @@ import unittest
 
 import browser
 import served
-from served import Served
 
 if browser.find() is None:
     print("skipped: there is no chromium; scripts/test.sh --with-browser installs one")
     sys.exit(77)
 
 
-class Page(unittest.TestCase):
+class Page(served.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.temporary = served.make_folder()
-        cls.folder = cls.temporary.name
-        served.sample(cls.folder)
+        super().setUpClass()
         with open(os.path.join(cls.folder, "row.xyz"), "w", encoding="utf-8") as file:
             for frame in range(3):
                 file.write('3\nProperties=species:S:1:pos:R:3:id:I:1:heat<b>:R:1\n')
                 for i, x in enumerate((-4, 0, 4)):
                     file.write(f"C {x} 0 {frame} {70 + i} {frame + i * 0.5}\n")
         cls.browser = browser.Browser(browser.find())
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.browser.__exit__()
-        cls.temporary.cleanup()
-
-    def serve(self, *words):
-        return Served(*words, "-q", folder=self.folder)
+        cls.addClassCleanup(cls.browser.__exit__)
 
     def path(self, name):
         return os.path.join(self.folder, name)

@@ -7,25 +7,12 @@ import time
 import unittest
 
 import served
-from served import Line, Served
+from served import Line
 
 
-class Server(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.temporary = served.make_folder()
-        cls.folder = cls.temporary.name
-        served.sample(cls.folder)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.temporary.cleanup()
-
-    def serve(self, *words):
-        return Served(*(words or ("sample.ply",)), "-q", folder=self.folder)
-
+class Server(served.TestCase):
     def test_gives_its_page_to_who_has_the_token_and_comes_from_nowhere_else(self):
-        with self.serve() as server:
+        with self.serve("sample.ply") as server:
             page = f"/{server.token}/"
             self.assertRegex(server.token, "^[0-9a-f]{32}$")
             status, body = server.get(page)
