@@ -8,6 +8,7 @@
 #include "pipeline/scene/scene.h"
 
 #include "tests/support/clouds.h"
+#include "tests/support/pixels.h"
 #include "tests/support/testhost.h"
 #include "tool/options/options.h"
 
@@ -24,6 +25,7 @@
 
 namespace {
 
+using kelpatest::expectSamePixels;
 using kelpatest::Random;
 using pipeline::numberedName;
 using pipeline::Vec;
@@ -197,12 +199,7 @@ TEST(Tiles, RenderedApartOnAnyThreadsMakeTheWholeBitForBit) {
             options.image.crop = crop;
             paste(render(options, still, second, 1 + threads++ % 4), pasted);
         }
-        EXPECT_EQ(pasted.rgb, whole.rgb);
-        EXPECT_EQ(pasted.alpha, whole.alpha);
-        EXPECT_EQ(pasted.depth, whole.depth);
-        EXPECT_EQ(pasted.id, whole.id);
-        EXPECT_EQ(pasted.normal, whole.normal);
-        EXPECT_EQ(pasted.position, whole.position);
+        expectSamePixels(pasted, whole);
     }
 }
 
@@ -257,12 +254,7 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     render(front, 0, expected);
     EXPECT_NE(image.rgb, expected.rgb);
     render(front, 7, image);
-    EXPECT_EQ(image.rgb, expected.rgb);
-    EXPECT_EQ(image.alpha, expected.alpha);
-    EXPECT_EQ(image.depth, expected.depth);
-    EXPECT_EQ(image.id, expected.id);
-    EXPECT_EQ(image.normal, expected.normal);
-    EXPECT_EQ(image.position, expected.position);
+    expectSamePixels(image, expected);
 
     // Some samples at a time, as who looks on wants them, and begun without a look at particles.
     Image grown = image;

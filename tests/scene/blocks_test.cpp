@@ -10,6 +10,7 @@
 
 #include "tests/support/allocationfailure.h"
 #include "tests/support/clouds.h"
+#include "tests/support/pixels.h"
 #include "tests/support/testhost.h"
 
 #include <gtest/gtest.h>
@@ -22,6 +23,7 @@
 namespace {
 
 using Kelpa::Vector;
+using kelpatest::expectSamePixels;
 using kelpatest::Random;
 using kelpatest::RecordingProgress;
 using namespace pipeline;
@@ -305,10 +307,7 @@ TEST(Blocks, MakeTheSamePictureForAnyNumberOfThreads) {
         Image const ofOne = pictureOf(builtScene(1 << 20, isMoving), 1);
         for (int const threads : {2, 7}) {
             Image const image = pictureOf(builtScene(1000, isMoving, threads), threads);
-            EXPECT_EQ(image.rgb, expected.rgb);
-            EXPECT_EQ(image.id, expected.id);
-            EXPECT_EQ(image.depth, expected.depth);
-            EXPECT_EQ(image.normal, expected.normal);
+            expectSamePixels(image, expected);
         }
         int others = 0;
         for (std::size_t i = 0; i < expected.rgb.size(); ++i)

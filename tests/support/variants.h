@@ -3,7 +3,12 @@
 
 #include "kelpa/spheretree/kernelvariant.h"
 
+#include "tests/support/scene.h"
+
 #include <gtest/gtest.h>
+
+#include <cstddef>
+#include <vector>
 
 namespace kelpatest {
 
@@ -19,6 +24,21 @@ template <class Test> void forEachVariant(Test const& test) {
         Kelpa::chooseVariant(variant);
         test();
     }
+}
+
+/// Expects each of these traversals to give each ray its answer.
+template <class AnyScene>
+void expectEveryVariantAnswers(AnyScene& scene, std::vector<RSRay> const& rays,
+                               std::vector<RSRay> const& answers) {
+    forEachVariant([&] {
+        int different = 0;
+        for (std::size_t i = 0; i < rays.size(); ++i) {
+            RSRay ray = rays[i];
+            scene.owner.intersect(ray);
+            different += !isSameHit(ray, answers[i]);
+        }
+        EXPECT_EQ(different, 0);
+    });
 }
 
 } // namespace kelpatest

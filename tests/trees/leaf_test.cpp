@@ -71,15 +71,7 @@ template <class AnyScene> void expectSameInOneLeaf(AnyScene& scene, std::int32_t
     }
     packs = 1;
     static_cast<GeomTreeBase&>(scene.tree).build(nullptr, nullptr, 0, 0);
-    forEachVariant([&] {
-        int different = 0;
-        for (std::size_t i = 0; i < rays.size(); ++i) {
-            RSRay ray = rays[i];
-            scene.owner.intersect(ray);
-            different += !isSameHit(ray, answers[i]);
-        }
-        EXPECT_EQ(different, 0);
-    });
+    expectEveryVariantAnswers(scene, rays, answers);
 }
 
 TEST(Leaves, KeepTheFirstOfEquallyNearSpheresWhateverTheirNumber) {
