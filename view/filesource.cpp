@@ -159,17 +159,16 @@ std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const&
     auto const note = [&](Remark const& remark) {
         facts.notes.push_back(remark.text + wanted.wayOn(remark.hint));
     };
+    auto const look = [&](ParticleSet const& selected) {
+        facts.particles = selected.positions.size();
+        if (Attribute const* const column = coloredColumn(options.color, selected))
+            shown->colored = column->values;
+    };
     Kept kept;
-    PhaseProgress const choosing = phase("choosing radii", report);
-    selectParticles(options.selection, options.radius, particles, second ? &*second : nullptr,
-                    kept.sliceCoordinates, note, choosing);
-    facts.particles = particles.positions.size();
-    if (Attribute const* const column = coloredColumn(options.color, particles))
-        shown->colored = column->values;
     if (firstFrame && facts.frame != *firstFrame) // the range of colours comes with the choice
         kept.radius = shown->keptRadius = keptRadius;
-    shown->scene =
-        makeScene(options, std::move(particles), second ? &*second : nullptr, kept, note, choosing);
+    shown->scene = makeSelectedScene(options, std::move(particles), second ? &*second : nullptr,
+                                     kept, note, phase("choosing radii", report), look);
     shown->stops = stopsOf(options.color);
     if (!firstFrame) {
         keptRadius = shown->scene.chosen.radius;

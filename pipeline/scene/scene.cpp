@@ -252,4 +252,22 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     return scene;
 }
 
+Scene makeSelectedScene(SceneOptions const& options, ParticleSet particles,
+                        ParticleSet const* second, Kept const& kept, Note const& note,
+                        PhaseProgress const& progress,
+                        std::function<void(ParticleSet&)> const& look) {
+    // A film shows the second snapshot again, and may then choose others of it.
+    std::optional<ParticleSet> selected;
+    if (second != nullptr && !options.selection.isAll())
+        second = &selected.emplace(*second);
+    std::vector<double> sliceCoordinates = kept.sliceCoordinates;
+    selectParticles(options.selection, options.radius, particles, selected ? &*selected : nullptr,
+                    sliceCoordinates, note, progress);
+    if (look)
+        look(particles);
+    Scene scene = makeScene(options, std::move(particles), second, kept, note, progress);
+    scene.chosen.sliceCoordinates = std::move(sliceCoordinates);
+    return scene;
+}
+
 } // namespace pipeline

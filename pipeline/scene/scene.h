@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -28,7 +29,7 @@ struct SceneOptions {
     MotionOptions motion;
     ColorOptions color;
     bool showsCell = false;     ///< its edges
-    SelectionOptions selection; ///< asked before a scene is made
+    SelectionOptions selection; ///< asked by `makeSelectedScene`
 };
 
 /// Particles left out, by reason.
@@ -102,6 +103,14 @@ std::vector<std::string> columnsOf(SceneOptions const& options);
 /// be used, and what `progress` throws.
 Scene makeScene(SceneOptions const& options, ParticleSet particles, ParticleSet const* second,
                 Kept const& kept, Note const& note, PhaseProgress const& progress);
+
+/// Makes the scene of the particles that `options.selection` leaves of both snapshots. `look`, if
+/// any, is shown them before, and may take what no scene needs. Throws as `selectParticles` and
+/// `makeScene` do.
+Scene makeSelectedScene(SceneOptions const& options, ParticleSet particles,
+                        ParticleSet const* second, Kept const& kept, Note const& note,
+                        PhaseProgress const& progress,
+                        std::function<void(ParticleSet&)> const& look = {});
 
 /// Parts the particles into blocks, and builds a tree for each. What the scene is then does not
 /// depend on the threads that do it. Throws as `Geometry::build` does.

@@ -86,22 +86,21 @@ Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
     Snapshot result;
     result.notes = particles.notes;
     auto const note = [&result](pipeline::Remark const& n) { result.notes.push_back(n); };
-    std::vector<double> planes;
-    selectParticles(wanted.scene.selection, wanted.scene.radius, particles,
-                    second ? &*second : nullptr, planes, note, progress);
-    result.name = particles.name;
-    result.format = particles.format;
-    result.frame = particles.frame;
-    result.step = particles.step;
-    result.time = particles.time;
-    result.cell = particles.cell;
-    result.elements = particles.elements;
-    result.types = particles.types;
-    result.velocities = particles.velocities;
-    result.columns = std::move(particles.typed);
-    result.attributes = particles.attributes;
-    result.scene = pipeline::makeScene(wanted.scene, std::move(particles),
-                                       second ? &*second : nullptr, {}, note, progress);
+    auto const look = [&result](ParticleSet& selected) {
+        result.name = selected.name;
+        result.format = selected.format;
+        result.frame = selected.frame;
+        result.step = selected.step;
+        result.time = selected.time;
+        result.cell = selected.cell;
+        result.elements = selected.elements;
+        result.types = selected.types;
+        result.velocities = selected.velocities;
+        result.columns = std::move(selected.typed);
+        result.attributes = selected.attributes;
+    };
+    result.scene = pipeline::makeSelectedScene(
+        wanted.scene, std::move(particles), second ? &*second : nullptr, {}, note, progress, look);
     return result;
 }
 

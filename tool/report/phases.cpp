@@ -124,22 +124,13 @@ Scene readyScene(Options const& options, ParticleSet particles) {
 }
 
 Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second,
-                 Kept const& given) {
-    SelectionOptions const& selection = options.scene.selection;
-    // A film shows the second snapshot again, and may then choose others of it.
-    std::optional<ParticleSet> chosen;
-    if (second != nullptr && !selection.isAll())
-        second = &chosen.emplace(*second);
-    Kept kept = given;
+                 Kept const& kept) {
     // What there is to note must not run into the line of the display.
     std::vector<Remark> notes;
     auto const note = [&notes](Remark const& remark) { notes.push_back(remark); };
     Scene scene = withProgress("radii", options.run, [&](PhaseProgress const& progress) {
-        selectParticles(selection, options.scene.radius, particles, chosen ? &*chosen : nullptr,
-                        kept.sliceCoordinates, note, progress);
-        return makeScene(options.scene, std::move(particles), second, kept, note, progress);
+        return makeSelectedScene(options.scene, std::move(particles), second, kept, note, progress);
     });
-    scene.chosen.sliceCoordinates = kept.sliceCoordinates;
     for (Remark const& remark : notes)
         noteTo(options.run)(remark);
     return scene;
