@@ -1,4 +1,4 @@
-// Internal: memory for what makes things faster and can be done without.
+// Memory for what makes things faster and can be done without.
 #pragma once
 
 #include <cstddef>

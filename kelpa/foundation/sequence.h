@@ -4,6 +4,7 @@
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/lock.h"
+#include "kelpa/foundation/optionalarray.h"
 #include "kelpa/foundation/sharedcounters.h"
 
 #include <cstddef>
@@ -36,7 +37,9 @@ template <class T> struct DefaultAllocator {
     }
     /// Releases what `newElements` returned for as many elements.
     void freeElements(T* elements, std::int32_t count) const {
-        if (isPooled(count))
+        if (isAdopted)
+            FreeMemory{}(elements);
+        else if (isPooled(count))
             pool->giveBack(elements);
         else
             delete[] elements;
@@ -47,6 +50,7 @@ template <class T> struct DefaultAllocator {
     static void freeBlockRecord(void* record) { ::operator delete(record); }
 
     BlockPool* pool = nullptr; ///< only set while there are no blocks, and outlives them
+    bool isAdopted = false;    ///< elements were made elsewhere: see `Sequence::adopt`
 
   private:
     bool isPooled(std::int32_t count) const {
@@ -67,6 +71,9 @@ template <class T, bool flag, class Alloc> struct _SequenceBlock {
         if (elements == nullptr)
             throwOutOfMemory();
     }
+    /// Makes a full block of elements that exist.
+    _SequenceBlock(T* run, std::int32_t length)
+        : next(nullptr), prev(nullptr), count(length), capacity(length), elements(run) {}
     _SequenceBlock(_SequenceBlock const&) = delete;
     _SequenceBlock& operator=(_SequenceBlock const&) = delete;
 
@@ -248,6 +255,20 @@ class _Sequence {
         block->count = kept;
     }
 
+    /// Takes over `n` elements, at least 1, as all that it holds, in a block without room for more;
+    /// for sequences with no blocks, whose elements do not come from a pool. Nothing is to be
+    /// appended until `freeData`.
+    void adopt(OptionalArray<T> run, std::int32_t n) {
+        SequenceLock<locked> const scope(lock);
+        void* const record = Alloc::newBlockRecord(sizeof(Block));
+        if (record == nullptr)
+            throwOutOfMemory();
+        allocator.isAdopted = true;
+        first = current = new (record) Block(run.release(), n);
+        memUsage = bytesOf(*first);
+        writeShared(count, n);
+    }
+
     /// Empties the sequence and keeps its blocks, so that appending starts over in them.
     void clear() {
         for (Block* block = first; block != nullptr; block = block->next)
@@ -265,6 +286,7 @@ class _Sequence {
             first = block->next;
             destroy(block);
         }
+        allocator.isAdopted = false;
         current = nullptr;
         iterBlock = nullptr;
         iterIndex = 0;

@@ -76,6 +76,21 @@ template <class Tree> void usePools(Tree& tree) {
     tree.leafSpheres.allocator.pool = isLarge ? &tree.entryPool : nullptr;
 }
 
+/// Releases the table of spheres.
+template <class Tree> void releaseSpheres(Tree& tree) {
+    if (tree.spheresAreLent == 0)
+        delete[] tree.spheres;
+    tree.spheres = nullptr;
+    tree.spheresAreLent = 0;
+    tree.numSpheres = 0;
+}
+
+/// Bytes of the table of spheres.
+template <class Tree> std::uint64_t sphereTableBytes(Tree const& tree, std::int32_t const& length) {
+    auto const spheres = static_cast<std::uint64_t>(readShared(length));
+    return readShared(tree.spheresAreLent) != 0 ? 0 : sizeof(*tree.spheres) * spheres;
+}
+
 /// Releases nodes and entries.
 template <class Tree> void releaseNodes(Tree& tree) {
     tree.nodes.freeData();

@@ -181,9 +181,7 @@ template <class Tree> void findBounds(Tree& tree, int staticBounds) {
 /// Everything that a build makes, but not what it is made from.
 template <class Tree> void releaseTree(Tree& tree) {
     releaseThreads(tree);
-    delete[] tree.spheres;
-    tree.spheres = nullptr;
-    tree.numSpheres = 0;
+    releaseSpheres(tree);
     writeShared(tree.numParticles, 0);
     releaseNodes(tree);
     std::free(tree.packedSpheres);
@@ -337,8 +335,7 @@ void MBSphereTree<Sphere, NodeBlock, LeafBlock>::freeData() {
 
 template <class Sphere, int NodeBlock, int LeafBlock>
 std::uint64_t MBSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
-    return nodes.getMemUsage() + leafSpheres.getMemUsage() +
-           sizeof(Sphere) * static_cast<std::uint64_t>(readShared(numParticles));
+    return nodes.getMemUsage() + leafSpheres.getMemUsage() + sphereTableBytes(*this, numParticles);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>

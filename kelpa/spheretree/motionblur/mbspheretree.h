@@ -172,7 +172,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     Box boundsMotion = Box::empty();        ///< see `boundsTimeMin`
     std::int32_t numSpheres = 0;            ///< usable particles
     std::int32_t numParticles = 0;          ///< particles, usable or not: the length of `spheres`
-    Sphere* spheres = nullptr;              ///< owned
+    Sphere* spheres = nullptr;              ///< owned, unless `spheresAreLent`
     Sequence<Node, NodeBlock> nodes;        ///< every node, children in pairs
     Sequence<MBLeafSphere, LeafBlock> leafSpheres; ///< every leaf's run
     Node* root = nullptr;                          ///< from `nodes`; null when there are no spheres
@@ -197,6 +197,9 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     /// Spheres whose snapshots cover no part of the shutter, or run backwards. With one of them the
     /// tree is split no further beyond 32 leaf entries and 4 nodes a sphere (and 2^23 and 2^20).
     std::int32_t numOutsideShutter = 0;
+    /// 1: all particles of the one system are usable and packed, so nobody reads a table of them;
+    /// `spheres` are addresses within the packs, told apart and no more.
+    std::int32_t spheresAreLent = 0;
     BlockPool nodePool{sizeof(Node) * NodeBlock}; ///< what the nodes of a large tree lie in
     BlockPool entryPool{sizeof(MBLeafSphere) * LeafBlock}; ///< see `nodePool`
     /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.

@@ -54,13 +54,13 @@ bool intersectLeaf(Tree const& tree, MBSphereNode const& leaf, MBSphereRay& ray)
     bool found = false;
     for (std::int32_t k = 0; k < count; ++k) {
         MBSphere& sphere = tree.spheres[entries[k].sphereIndex];
-        auto const& system = tree.particleSystems.elements[sphere.system()];
+        auto const& system = tree.particleSystems.elements[tree.systemOf(sphere)];
+        std::uint32_t const particle = tree.particleOf(sphere);
         if (!isCovered(system, ray.rayTime))
             continue;
-        bool const isOrigin =
-            skipNumber(tree.singleSystem, static_cast<std::int32_t>(sphere.particleIndex),
-                       system.indexOffset) == ray.skipIndex;
-        PlacedSphere const placed = placeAt(system, sphere.particleIndex, ray.rayTime);
+        bool const isOrigin = skipNumber(tree.singleSystem, static_cast<std::int32_t>(particle),
+                                         system.indexOffset) == ray.skipIndex;
+        PlacedSphere const placed = placeAt(system, particle, ray.rayTime);
         switch (static_cast<ParticleType>(system.particles0->particleType)) {
         case ParticleType::sphere:
             if (hitSphere(placed.center, placed.radius, ray, isOrigin) == 0)

@@ -73,9 +73,7 @@ void makeRecords(Tree& tree, OrderedSpheres<Tree> const& ordered, SDSphereRecord
 /// Everything that a build makes, but not what it is made from.
 template <class Tree> void releaseTree(Tree& tree) {
     releaseThreads(tree);
-    delete[] tree.spheres;
-    tree.spheres = nullptr;
-    tree.numSpheres = 0;
+    releaseSpheres(tree);
     writeShared(tree.totalParticles, 0);
     releaseNodes(tree);
     std::free(tree.packedLeaves);
@@ -298,7 +296,7 @@ void SDSphereTree<Sphere, NodeBlock, LeafBlock>::freeData() {
 template <class Sphere, int NodeBlock, int LeafBlock>
 std::uint64_t SDSphereTree<Sphere, NodeBlock, LeafBlock>::getMemUsage() const {
     return nodes.getMemUsage() + leafSpheres.getMemUsage() +
-           sizeof(Sphere) * static_cast<std::uint64_t>(readShared(totalParticles));
+           sphereTableBytes(*this, totalParticles);
 }
 
 template <class Sphere, int NodeBlock, int LeafBlock>

@@ -192,7 +192,7 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     Node* root = nullptr;            ///< from `nodes`
     std::int32_t numSpheres = 0;     ///< usable particles
     std::int32_t totalParticles = 0; ///< particles, usable or not: the length of `spheres`
-    Sphere* spheres = nullptr;       ///< owned
+    Sphere* spheres = nullptr;       ///< owned, unless `spheresAreLent`
     Sequence<Node, NodeBlock> nodes; ///< every node, children in pairs
     Sequence<SDLeafSphere, LeafBlock> leafSpheres; ///< every leaf's run
     // Raised by several threads at once, always through std::atomic_ref.
@@ -217,7 +217,10 @@ template <class Sphere, int NodeBlock, int LeafBlock> class SDSphereTree : publi
     OrderedSphere const* orderedSpheres = nullptr; ///< exist only during a build; null: in no order
     float* packedLeaves = nullptr;                 ///< owned; null: not packed
     std::uint64_t packedFloats = 0;                ///< length of `packedLeaves`
-    BlockPool nodePool{sizeof(Node) * NodeBlock};  ///< what the nodes of a large tree lie in
+    /// 1: all particles of the one system are usable and packed, so nobody reads a table of them;
+    /// `spheres` are addresses within the packs, told apart and no more.
+    std::int32_t spheresAreLent = 0;
+    BlockPool nodePool{sizeof(Node) * NodeBlock}; ///< what the nodes of a large tree lie in
     BlockPool entryPool{sizeof(SDLeafSphere) * LeafBlock}; ///< see `nodePool`
     /// Records parted at levels beyond 128, where only trees come that no leaf ends; limits them.
     alignas(8) std::int64_t deepRecords = 0; // atomic on every processor

@@ -26,11 +26,13 @@ bool intersectLeaf(Tree const& tree, Node const& leaf, SDSphereRay& ray) {
     bool found = false;
     for (std::int32_t k = leaf.numLeafSpheres; k-- > 0;) {
         SDSphere& sphere = tree.spheres[entries[k].sphereIndex];
-        ParticleDataWithPrimitive const& system = tree.particleSystems.elements[sphere.system()];
-        Vector const& center = system.positions[sphere.particleIndex];
-        float const radius = system.radii[sphere.particleIndex];
-        bool const isOrigin = skipNumber(tree.singleSystem, sphere.particleIndex,
-                                         system.indexOffset) == ray.skipIndex;
+        ParticleDataWithPrimitive const& system =
+            tree.particleSystems.elements[tree.systemOf(sphere)];
+        std::int32_t const particle = tree.particleOf(sphere);
+        Vector const& center = system.positions[particle];
+        float const radius = system.radii[particle];
+        bool const isOrigin =
+            skipNumber(tree.singleSystem, particle, system.indexOffset) == ray.skipIndex;
         switch (static_cast<ParticleType>(system.particles->particleType)) {
         case ParticleType::sphere:
             if (hitSphere(center, radius, ray, isOrigin) == 0)

@@ -1,0 +1,45 @@
+// Built trees as bytes, and back.
+#pragma once
+
+#include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/static/sdspheretree.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+
+namespace Kelpa {
+
+/// Takes a tree's bytes, some at a time, in their order. What it throws ends the writing.
+using ByteSink = std::function<void(std::span<std::byte const>)>;
+
+/// Fills a span with the next bytes; false when there are not as many left.
+using ByteSource = std::function<bool(std::span<std::byte>)>;
+
+/// Brings a built tree's nodes and entries into arrays of just their size, in the order in which
+/// rays come by, and gives up the table of spheres where nobody needs it: one system, all of whose
+/// particles are usable and packed. Hits stay the same.
+///
+/// Throws `ExceptionMsg` when memory runs out: the tree is then as it was, or empty.
+void makeCompact(StaticSphereTree& tree);
+void makeCompact(MovingSphereTree& tree); ///< the same
+
+/// Writes all that a build made, and makes the tree compact to do so.
+///
+/// The bytes hold numbers as this machine has them in memory, and neither the particles nor the
+/// parameters of the build: whoever keeps them has to know whose they are. Throws as `makeCompact`.
+void writeTree(StaticSphereTree& tree, ByteSink const& sink);
+void writeTree(MovingSphereTree& tree, ByteSink const& sink); ///< the same
+
+/// Makes a tree of what `writeTree` wrote, in place of what it held: it has the same hits, bounds
+/// and figures, and is compact. `size` tells how many bytes there are.
+///
+/// The particle systems are to be registered as they were for the build. False for bytes that are
+/// no whole tree over systems of that size; whatever they are, nothing but the tree is written to,
+/// and a tree that is made can be asked. Throws `ExceptionMsg` when memory runs out, and what
+/// `source` throws. Unless it is made the tree is empty.
+bool readTree(StaticSphereTree& tree, ByteSource const& source, std::uint64_t size);
+bool readTree(MovingSphereTree& tree, ByteSource const& source, std::uint64_t size); ///< the same
+
+} // namespace Kelpa
