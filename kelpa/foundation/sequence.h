@@ -1,7 +1,7 @@
 // Sequences that grow by blocks, so that elements stay where they are.
 #pragma once
 
-#include "kelpa/foundation/blockpool.h"
+#include "kelpa/foundation/defaultallocator.h"
 #include "kelpa/foundation/exceptionmsg.h"
 #include "kelpa/foundation/lock.h"
 #include "kelpa/foundation/optionalarray.h"
@@ -10,53 +10,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <new>
 #include <span>
-#include <type_traits>
 
 namespace Kelpa {
-
-/// Where sequences get their memory: `new` for block records, array `new` for elements, or a pool
-/// for runs of exactly its blocks' size.
-///
-/// All answer null when there is no memory. An element type with a default constructor is
-/// constructed in every slot; one without is left uninitialised.
-template <class T> struct DefaultAllocator {
-    static_assert(std::is_trivially_destructible_v<T>); // a pool's blocks end without a word
-
-    /// Memory for `count` elements, at least 1; null when there is none.
-    T* newElements(std::int32_t count) const {
-        auto const n = static_cast<std::size_t>(count);
-        if (!isPooled(count))
-            return new (std::nothrow) T[n];
-        auto* const elements = static_cast<T*>(pool->take());
-        if (elements != nullptr)
-            std::uninitialized_default_construct_n(elements, n);
-        return elements;
-    }
-    /// Releases what `newElements` returned for as many elements.
-    void freeElements(T* elements, std::int32_t count) const {
-        if (isAdopted)
-            FreeMemory{}(elements);
-        else if (isPooled(count))
-            pool->giveBack(elements);
-        else
-            delete[] elements;
-    }
-    /// Uninitialised memory for a block's record; null when there is none.
-    static void* newBlockRecord(std::size_t bytes) { return ::operator new(bytes, std::nothrow); }
-    /// Releases what `newBlockRecord` returned.
-    static void freeBlockRecord(void* record) { ::operator delete(record); }
-
-    BlockPool* pool = nullptr; ///< only set while there are no blocks, and outlives them
-    bool isAdopted = false;    ///< elements were made elsewhere: see `Sequence::adopt`
-
-  private:
-    bool isPooled(std::int32_t count) const {
-        return pool != nullptr && static_cast<std::size_t>(count) * sizeof(T) == pool->blockBytes();
-    }
-};
 
 // `_SequenceBlock` and `_Sequence` keep the names that hosts know them by, although the language
 // reserves identifiers of this form.
@@ -72,8 +29,8 @@ template <class T, bool flag, class Alloc> struct _SequenceBlock {
             throwOutOfMemory();
     }
     /// Makes a full block of elements that exist.
-    _SequenceBlock(T* run, std::int32_t length)
-        : next(nullptr), prev(nullptr), count(length), capacity(length), elements(run) {}
+    _SequenceBlock(T* run, std::int32_t n)
+        : next(nullptr), prev(nullptr), count(n), capacity(n), elements(run) {}
     _SequenceBlock(_SequenceBlock const&) = delete;
     _SequenceBlock& operator=(_SequenceBlock const&) = delete;
 
@@ -255,16 +212,15 @@ class _Sequence {
         block->count = kept;
     }
 
-    /// Takes over `n` elements, at least 1, as all that it holds, in a block without room for more;
-    /// for sequences with no blocks, whose elements do not come from a pool. Nothing is to be
-    /// appended until `freeData`.
+    /// Takes over `n` elements, at least 1, as all that it holds until `freeData`; for sequences
+    /// without blocks and without a pool.
     void adopt(OptionalArray<T> run, std::int32_t n) {
         SequenceLock<locked> const scope(lock);
         void* const record = Alloc::newBlockRecord(sizeof(Block));
         if (record == nullptr)
             throwOutOfMemory();
-        allocator.isAdopted = true;
         first = current = new (record) Block(run.release(), n);
+        allocator.isAdopted = true;
         memUsage = bytesOf(*first);
         writeShared(count, n);
     }

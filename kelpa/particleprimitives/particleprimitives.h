@@ -9,6 +9,7 @@
 #include "kelpa/particleprimitives/primitivechain.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
+#include "kelpa/spheretree/treebytes.h"
 
 #include <cstdint>
 

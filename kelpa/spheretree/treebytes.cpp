@@ -7,7 +7,10 @@
 #include "kelpa/spheretree/treeforms.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <new>
+#include <span>
 #include <type_traits>
 #include <utility>
 
@@ -91,7 +94,8 @@ template <class Tree> void lendSpheres(Tree& tree) {
 
 /// Whether nodes and entries lie as `makeCompact` arranges them.
 template <class Tree> bool isCompact(Tree const& tree) {
-    return tree.nodes.allocator.isAdopted && tree.leafSpheres.allocator.isAdopted;
+    return tree.nodes.allocator.isAdopted &&
+           (tree.leafSpheres.allocator.isAdopted || tree.leafSpheres.count == 0);
 }
 
 template <class Tree>
@@ -180,8 +184,17 @@ template <class Tree> void writeNodes(Tree const& tree, ByteSink const& sink) {
     }
 }
 
-template <class Tree> void write(Tree& tree, ByteSink const& sink) {
-    compact(tree);
+/// The bytes that a tree with this head takes.
+template <class Tree> std::uint64_t sizeOf(Head<Tree> const& head) {
+    auto const all = [](std::int32_t count, std::size_t each) {
+        return static_cast<std::uint64_t>(count) * each;
+    };
+    std::uint64_t const table = head.hasTable != 0 ? all(head.spheres, sizeof(SDSphere)) : 0;
+    return sizeof(head) + all(head.nodes, sizeof(NodeOf<Tree>)) +
+           all(head.entries, sizeof(EntryOf<Tree>)) + table + head.packedFloats * sizeof(float);
+}
+
+template <class Tree> Head<Tree> headOf(Tree& tree) {
     std::int32_t const particles = Form<Tree>::particles(tree);
     // The same for compact trees and others: those of no more than one system, whole.
     bool const hasTable = tree.particleSystems.count != 1 || tree.numSpheres != particles;
@@ -197,24 +210,20 @@ template <class Tree> void write(Tree& tree, ByteSink const& sink) {
             tree.packedFloats,
             tree.peakBytes,
             Form<Tree>::facts(tree)};
+    return head;
+}
+
+template <class Tree> void write(Tree& tree, ByteSink const& sink) {
+    compact(tree);
+    Head<Tree> const head = headOf(tree);
     sink(bytesOf(&head, 1));
     if (head.nodes > 0)
         writeNodes(tree, sink);
     if (head.entries > 0)
         sink(bytesOf(tree.leafSpheres.first->elements, static_cast<std::size_t>(head.entries)));
-    if (hasTable)
+    if (head.hasTable != 0)
         sink(bytesOf(tree.spheres, static_cast<std::size_t>(head.spheres)));
     sink(bytesOf(Form<Tree>::packs(tree), tree.packedFloats));
-}
-
-/// The bytes that a tree with this head takes.
-template <class Tree> std::uint64_t sizeOf(Head<Tree> const& head) {
-    auto const all = [](std::int32_t count, std::size_t each) {
-        return static_cast<std::uint64_t>(count) * each;
-    };
-    std::uint64_t const table = head.hasTable != 0 ? all(head.spheres, sizeof(SDSphere)) : 0;
-    return sizeof(head) + all(head.nodes, sizeof(NodeOf<Tree>)) +
-           all(head.entries, sizeof(EntryOf<Tree>)) + table + head.packedFloats * sizeof(float);
 }
 
 /// Whether a head belongs to a tree over these systems that takes so many bytes in all.
@@ -360,6 +369,15 @@ void makeCompact(StaticSphereTree& tree) {
 }
 void makeCompact(MovingSphereTree& tree) {
     compact(tree);
+}
+
+std::uint64_t writtenBytes(StaticSphereTree& tree) {
+    compact(tree);
+    return sizeOf(headOf(tree));
+}
+std::uint64_t writtenBytes(MovingSphereTree& tree) {
+    compact(tree);
+    return sizeOf(headOf(tree));
 }
 
 void writeTree(StaticSphereTree& tree, ByteSink const& sink) {

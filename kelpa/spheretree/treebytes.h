@@ -1,21 +1,13 @@
 // Built trees as bytes, and back.
 #pragma once
 
+#include "kelpa/foundation/bytestreams.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 
-#include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <span>
 
 namespace Kelpa {
-
-/// Takes a tree's bytes, some at a time, in their order. What it throws ends the writing.
-using ByteSink = std::function<void(std::span<std::byte const>)>;
-
-/// Fills a span with the next bytes; false when there are not as many left.
-using ByteSource = std::function<bool(std::span<std::byte>)>;
 
 /// Brings a built tree's nodes and entries into arrays of just their size, in the order in which
 /// rays come by, and gives up the table of spheres where nobody needs it: one system, all of whose
@@ -24,6 +16,10 @@ using ByteSource = std::function<bool(std::span<std::byte>)>;
 /// Throws `ExceptionMsg` when memory runs out: the tree is then as it was, or empty.
 void makeCompact(StaticSphereTree& tree);
 void makeCompact(MovingSphereTree& tree); ///< the same
+
+/// How many bytes `writeTree` writes; makes the tree compact, and throws like that.
+std::uint64_t writtenBytes(StaticSphereTree& tree);
+std::uint64_t writtenBytes(MovingSphereTree& tree); ///< the same
 
 /// Writes all that a build made, and makes the tree compact to do so.
 ///

@@ -5,10 +5,11 @@
 
 namespace pipeline {
 
-std::optional<Bounds> boundsAround(Trees const& trees, std::optional<Bounds> (Geometry::*tell)()) {
+std::optional<Bounds> boundsAround(std::vector<BlockFacts> const& blocks,
+                                   std::optional<Bounds> BlockFacts::*told) {
     std::optional<Bounds> all;
-    for (auto const& tree : trees) {
-        std::optional<Bounds> const one = tree != nullptr ? ((*tree).*tell)() : std::nullopt;
+    for (BlockFacts const& block : blocks) {
+        std::optional<Bounds> const& one = block.*told;
         if (one && all)
             all->add(*one);
         else if (one)
@@ -17,18 +18,18 @@ std::optional<Bounds> boundsAround(Trees const& trees, std::optional<Bounds> (Ge
     return all;
 }
 
-TreeStatistics figuresOf(Trees const& trees) {
+TreeStatistics figuresOf(std::vector<BlockFacts> const& blocks) {
     TreeStatistics all;
-    all.trees = static_cast<std::int64_t>(trees.size());
+    all.trees = static_cast<std::int64_t>(blocks.size());
     all.systems = 1;
     double depths = 0.0;
     double entries = 0.0;
     TreeStatistics::Leaves leaves;
     bool hasLeaves = false;
-    for (auto const& tree : trees) {
-        if (tree == nullptr)
+    for (BlockFacts const& block : blocks) {
+        if (!block.hasTree)
             continue;
-        TreeStatistics const one = tree->statistics();
+        TreeStatistics const& one = block.statistics;
         all.isMoving = one.isMoving;
         all.particles += one.particles;
         all.used += one.used;

@@ -3,6 +3,7 @@
 #include "kelpa/foundation/usableparticles.h"
 
 #include "pipeline/scene/blockfigures.h"
+#include "pipeline/scene/blockstore.h"
 #include "pipeline/scene/geometry.h"
 #include "pipeline/scene/raysinblocks.h"
 #include "pipeline/scene/toptree.h"
@@ -60,13 +61,14 @@ class BlockGeometry final : public Geometry {
     std::optional<Bounds> bounds() override;
     std::optional<Bounds> motionBounds() override;
     TreeStatistics statistics() override;
+    std::vector<std::string> takeNotes() override {
+        return store != nullptr ? store->takeNotes() : std::vector<std::string>{};
+    }
 
   private:
     class BunchOnItsWay;
 
     void buildAll(BuildRun const& run, TreeOptions const& options);
-    void buildBlock(std::size_t block, BuildRun const& run, TreeOptions const& options,
-                    Kelpa::GoOn const& goOn);
     /// A particle's index in its block, or -1 for one that is in another block or none.
     std::int64_t indexIn(std::int32_t block, std::int64_t index) const {
         System const& system = blocks[static_cast<std::size_t>(block)];
@@ -76,7 +78,14 @@ class BlockGeometry final : public Geometry {
     std::int64_t baseOf(std::int32_t block) const {
         return blocks[static_cast<std::size_t>(block)].base;
     }
-    Geometry& treeOf(std::int32_t block) { return *trees[static_cast<std::size_t>(block)]; }
+    /// A block's tree, for as long as `pin` is held as well.
+    Geometry* treeOf(std::int32_t block, BlockStore::Pin& pin) {
+        if (Geometry* const tree = trees[static_cast<std::size_t>(block)])
+            return tree;
+        pin = nullptr; // the one before may leave
+        pin = store->pin(block);
+        return pin.get();
+    }
     /// Whether of two hits at the same distance that on `index` counts.
     bool comesFirst(std::int64_t index, std::int64_t other) const {
         std::int64_t const first = blocks.front().base;
@@ -85,10 +94,9 @@ class BlockGeometry final : public Geometry {
 
     std::vector<System> blocks;
     std::shared_ptr<Rows const> rows;
-    std::vector<std::unique_ptr<Geometry>> trees;
+    std::unique_ptr<BlockStore> store;
+    std::vector<Geometry*> trees; ///< those that stay; null for one that comes and goes
     TopTree top;
-    std::atomic<std::uint64_t> heldBytes = 0;
-    std::atomic<std::uint64_t> peakBytes = 0; ///< of blocks that one thread builds after the other
 };
 
 /// The end of a ray's search in a block when it has a hit already: a little behind it, so that
@@ -98,30 +106,20 @@ double searchEnd(double end, double best) {
     return behind < end ? behind : end;
 }
 
-} // namespace
-
-void BlockGeometry::buildBlock(std::size_t block, BuildRun const& run, TreeOptions const& options,
-                               Kelpa::GoOn const& goOn) {
-    System inBlock = blocks[block];
-    inBlock.base = 0;
-    std::unique_ptr<Geometry> tree = makeGeometry({inBlock});
-    OneOfMany report(run.report, goOn);
-    tree->build({report}, options);
-    TreeStatistics const figures = tree->statistics();
-    std::uint64_t const held = heldBytes += figures.totalBytes;
-    std::uint64_t const peak = held + figures.peakBytes - figures.totalBytes;
-    std::uint64_t known = peakBytes;
-    while (known < peak && !peakBytes.compare_exchange_weak(known, peak)) {
-        // Another thread has raised it.
-    }
-    trees[block] = std::move(tree);
+/// What the trees tell of themselves; of none before they are built.
+std::vector<BlockFacts> const& factsOf(BlockStore const* store) {
+    static std::vector<BlockFacts> const none;
+    return store != nullptr ? store->facts() : none;
 }
+
+} // namespace
 
 void BlockGeometry::build(BuildRun const& run, TreeOptions const& options) {
     try {
         buildAll(run, options);
     } catch (...) {
         trees.clear();
+        store = nullptr;
         top = {};
         throw;
     }
@@ -129,9 +127,9 @@ void BlockGeometry::build(BuildRun const& run, TreeOptions const& options) {
 
 void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
     top = {};
-    trees.clear();
-    trees.resize(blocks.size());
-    heldBytes = peakBytes = 0;
+    trees.assign(blocks.size(), nullptr);
+    store = nullptr;
+    store = std::make_unique<BlockStore>(blocks, options);
     std::vector<Box> boxes(blocks.size());
     std::atomic<std::int64_t> done = 0;
     std::int64_t total = 0;
@@ -147,14 +145,19 @@ void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
         blocks.size(), run.threads,
         [&](std::size_t block, Kelpa::GoOn const& goOn) {
             boxes[block] = boxAround(blocks[block]);
-            buildBlock(block, run, options, goOn);
+            OneOfMany report(run.report, goOn);
+            store->fill(block, report);
             done += blocks[block].first.numParticles;
         },
         watch);
     // What an abort has left without a tree has nothing to be hit.
-    for (std::size_t block = 0; block < blocks.size(); ++block)
-        if (trees[block] == nullptr)
+    for (std::size_t block = 0; block < blocks.size(); ++block) {
+        auto const number = static_cast<std::int32_t>(block);
+        if (!store->has(number))
             boxes[block] = Box::empty();
+        else if (!store->isBounded())
+            trees[block] = store->pin(number).get();
+    }
     top = TopTree(boxes);
     tellFigures(statistics(), run.report);
 }
@@ -169,7 +172,8 @@ int BlockGeometry::intersect(RSRay& ray) {
         RSRay asked = ray;
         asked.intervalMax = code != 0 ? searchEnd(end, best) : end;
         asked.skipIndex = indexIn(entry->block, ray.skipIndex);
-        int const found = treeOf(entry->block).intersect(asked);
+        BlockStore::Pin pin;
+        int const found = treeOf(entry->block, pin)->intersect(asked);
         if (found == 0)
             continue;
         asked.hitIndex += baseOf(entry->block);
@@ -207,26 +211,33 @@ class BlockGeometry::BunchOnItsWay {
         numAsked = 0;
         for (unsigned char const k : ways.asked()) {
             askedLanes[numAsked] = lanes[k];
-            trees[numAsked++] = &geometry.treeOf(ways.blockOf(k));
+            trees[numAsked++] = geometry.trees[static_cast<std::size_t>(ways.blockOf(k))];
         }
         return true;
     }
 
     /// Asks the gathered rays, whose searches end at `askedEnds`.
     void trace(RayBunchCommonResult& found) {
-        if (ways.areApart())
+        if (mayBeAskedApart()) {
             trees[0]->bunchIntersectApart(trees, raysInBlocks(), found, tMins, askedEnds,
                                           askedLanes, numAsked);
-        else
-            trees[0]->bunchIntersect(raysInBlocks(), found,
-                                     const_cast<double*>(tMins), // not written
-                                     askedEnds, askedLanes, numAsked);
+            return;
+        }
+        forEachTree([&](Geometry& tree, unsigned first, unsigned count) {
+            tree.bunchIntersect(raysInBlocks(), found, const_cast<double*>(tMins), // not written
+                                askedEnds + first, askedLanes + first, count);
+        });
     }
     std::uint64_t occluded() {
-        return ways.areApart() ? trees[0]->bunchOccludedApart(trees, raysInBlocks(), tMins,
-                                                              askedEnds, askedLanes, numAsked)
-                               : trees[0]->bunchOccluded(raysInBlocks(), tMins, askedEnds,
-                                                         askedLanes, numAsked);
+        if (mayBeAskedApart())
+            return trees[0]->bunchOccludedApart(trees, raysInBlocks(), tMins, askedEnds, askedLanes,
+                                                numAsked);
+        std::uint64_t all = 0;
+        forEachTree([&](Geometry& tree, unsigned first, unsigned count) {
+            all |= tree.bunchOccluded(raysInBlocks(), tMins, askedEnds + first, askedLanes + first,
+                                      count);
+        });
+        return all;
     }
 
     BlockGeometry& geometry;
@@ -237,6 +248,17 @@ class BlockGeometry::BunchOnItsWay {
     double askedEnds[64]; ///< of the gathered rays, in their order
 
   private:
+    bool mayBeAskedApart() const { return ways.areApart() && trees[0] != nullptr; }
+
+    /// Calls `ask` for the tree of all gathered rays, or for that of each: one at a time, since
+    /// those that come and go are held no longer than they are asked.
+    template <class Ask> void forEachTree(Ask const& ask) {
+        if (!ways.areApart())
+            return ask(*geometry.treeOf(ways.blockOf(ways.asked()[0]), pin), 0U, numAsked);
+        for (unsigned i = 0; i < numAsked; ++i)
+            ask(*geometry.treeOf(ways.blockOf(ways.asked()[i]), pin), i, 1U);
+    }
+
     /// The rays as their blocks know them: particles have other numbers there.
     RayBunchExtParams const& raysInBlocks() {
         if (!startsOnParticle)
@@ -251,7 +273,8 @@ class BlockGeometry::BunchOnItsWay {
 
     unsigned numAsked = 0;
     unsigned char askedLanes[64];
-    Geometry* trees[64]; ///< of each ray that is asked
+    Geometry* trees[64]; ///< of each ray that is asked; null for trees that come and go
+    BlockStore::Pin pin;
     bool startsOnParticle = false;
     bool isCopied = false;
     RayBunchExtParams named;
@@ -326,16 +349,20 @@ std::uint64_t BlockGeometry::bunchOccluded(RayBunchExtParams const& rays, double
 }
 
 std::optional<Bounds> BlockGeometry::bounds() {
-    return boundsAround(trees, &Geometry::bounds);
+    return boundsAround(factsOf(store.get()), &BlockFacts::bounds);
 }
 
 std::optional<Bounds> BlockGeometry::motionBounds() {
-    return boundsAround(trees, &Geometry::motionBounds);
+    return boundsAround(factsOf(store.get()), &BlockFacts::motionBounds);
 }
 
 TreeStatistics BlockGeometry::statistics() {
-    TreeStatistics all = figuresOf(trees);
-    all.peakBytes = std::max<std::uint64_t>(peakBytes, all.totalBytes);
+    TreeStatistics all = figuresOf(factsOf(store.get()));
+    if (store == nullptr)
+        return all;
+    all.peakBytes = store->peakBytes();
+    if (store->isKeeping())
+        all.store = store->figures();
     return all;
 }
 

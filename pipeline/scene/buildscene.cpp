@@ -51,8 +51,12 @@ void buildScene(Scene& scene, BuildRun const& run, TreeOptions const& options) {
             system.second = scene.second->part(first, count);
         blocks.push_back(system);
     }
-    scene.geometry = blocks.size() > 1 ? makeBlockGeometry(std::move(blocks), scene.rows)
-                                       : makeGeometry(std::move(blocks));
+    // A cache takes single trees as well.
+    if (blocks.size() > 1 || !options.keep.cache.empty())
+        scene.geometry = makeBlockGeometry(
+            std::move(blocks), scene.rows != nullptr ? scene.rows : std::make_shared<Rows const>());
+    else
+        scene.geometry = makeGeometry(std::move(blocks));
     scene.geometry->build(run, options);
 }
 

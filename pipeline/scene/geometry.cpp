@@ -82,7 +82,7 @@ std::optional<TreeStatistics::Leaves> leavesOf(Kelpa::MovingSphereTree const&) {
     return std::nullopt;
 }
 
-template <class Primitive> class PrimitiveGeometry final : public Geometry {
+template <class Primitive> class PrimitiveGeometry final : public TreeGeometry {
   public:
     explicit PrimitiveGeometry(std::vector<System> theSystems)
         : systems(std::move(theSystems)), primitive(0, nullptr, nullptr, true) {}
@@ -122,8 +122,18 @@ template <class Primitive> class PrimitiveGeometry final : public Geometry {
         return isTold ? motionOf(primitive) : std::nullopt;
     }
     TreeStatistics statistics() override;
+    void makeCompact() override { Kelpa::makeCompact(*primitive.tree); }
+    std::uint64_t writtenBytes() override { return Kelpa::writtenBytes(*primitive.tree); }
+    void write(Kelpa::ByteSink const& sink) override { Kelpa::writeTree(*primitive.tree, sink); }
+    bool read(Kelpa::ByteSource const& source, std::uint64_t size,
+              TreeOptions const& options) override {
+        prepare(options);
+        return Kelpa::readTree(*primitive.tree, source, size);
+    }
+    bool isWhole() const override { return primitive.tree->wasAborted == 0; }
 
   private:
+    void prepare(TreeOptions const& options);
     void registerSystems();
     static void primitivesOf(Geometry* const* asked, unsigned long count, Primitive** primitives) {
         for (unsigned long i = 0; i < count; ++i)
@@ -154,8 +164,8 @@ template <class Primitive> void PrimitiveGeometry<Primitive>::registerSystems() 
     }
 }
 
-template <class Primitive>
-void PrimitiveGeometry<Primitive>::build(BuildRun const& run, TreeOptions const& options) {
+/// Tells the tree what it is of and how it is built.
+template <class Primitive> void PrimitiveGeometry<Primitive>::prepare(TreeOptions const& options) {
     auto& tree = *primitive.tree;
     tree.maxDepth = options.maxDepth.value_or(tree.maxDepth);
     tree.minNodeSize = options.minNodeSize;
@@ -164,7 +174,12 @@ void PrimitiveGeometry<Primitive>::build(BuildRun const& run, TreeOptions const&
     hasMovingBounds = options.hasMovingBounds;
     if (tree.particleSystems.count == 0)
         registerSystems();
-    SphereTreePrimitiveTemplate_callBuild(&tree, nullptr, nullptr, &run.report, nullptr,
+}
+
+template <class Primitive>
+void PrimitiveGeometry<Primitive>::build(BuildRun const& run, TreeOptions const& options) {
+    prepare(options);
+    SphereTreePrimitiveTemplate_callBuild(primitive.tree, nullptr, nullptr, &run.report, nullptr,
                                           hasMovingBounds ? 0 : 1, &primitive);
 }
 
@@ -214,7 +229,7 @@ std::uint64_t Geometry::bunchOccludedApart(Geometry* const*, Kelpa::RayBunchExtP
     throw std::logic_error("only single trees are asked apart");
 }
 
-std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems) {
+std::unique_ptr<TreeGeometry> makeGeometry(std::vector<System> systems) {
     bool const isMoving = !systems.empty() && systems.front().second.has_value();
     for (System const& system : systems)
         if (system.second.has_value() != isMoving)

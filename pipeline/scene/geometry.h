@@ -1,6 +1,7 @@
 // What rays ask: a tree over one particle system or over many.
 #pragma once
 
+#include "kelpa/foundation/bytestreams.h"
 #include "kelpa/foundation/hosttypes.h"
 #include "kelpa/foundation/usableparticles.h"
 
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace pipeline {
@@ -32,6 +34,12 @@ inline bool isUsable(System const& system, std::int32_t index) {
 /// A box around a system's usable particles at all times, with room for rounding.
 Kelpa::Box boxAround(System const& system);
 
+/// Where the trees of blocks are kept.
+struct KeepOptions {
+    std::optional<std::uint64_t> memory; ///< bytes that they may take; unset: any number
+    std::string cache;                   ///< folder of files that stay; empty: none
+};
+
 /// How a tree is built; what is unset is left to the tree.
 struct TreeOptions {
     std::optional<int> maxDepth;
@@ -41,6 +49,7 @@ struct TreeOptions {
     bool hasMovingBounds = false; ///< report how the bounds of moving particles move
     /// The most particles that one tree holds; scenes of more have several, see `Parting`.
     std::int64_t block = defaultBlock;
+    KeepOptions keep{};
 
     static constexpr std::int64_t defaultBlock = 1 << 20;
 };
@@ -50,6 +59,19 @@ struct BuildRun {
     Kelpa::ProgressCallback& report; ///< hears what the build says, and ends it
     int threads = 1;                 ///< 0: one for each processor
     PhaseProgress progress{};        ///< asked on the calling thread, of builds of many trees
+};
+
+/// What became of the trees of blocks so far.
+struct StoreFigures {
+    std::int64_t blocks = 0;
+    std::int64_t held = 0;          ///< in memory now
+    std::uint64_t heldBytes = 0;    ///< of these
+    std::int64_t built = 0;         ///< among them those built anew
+    std::int64_t found = 0;         ///< in a cache, whole as far as was seen
+    std::int64_t written = 0;       ///< files
+    std::uint64_t writtenBytes = 0; ///< of these
+    std::int64_t loaded = 0;        ///< times a file was read
+    std::uint64_t loadedBytes = 0;  ///< of these
 };
 
 /// Figures of a tree that is built.
@@ -80,6 +102,7 @@ struct TreeStatistics {
         Bounds box{}; ///< in which the tree lies
     };
     std::optional<Leaves> leaves;
+    std::optional<StoreFigures> store; ///< of trees in a store that is bounded or has a cache
 };
 
 /// The still or the moving primitive over particle systems, whichever they need.
@@ -127,11 +150,30 @@ class Geometry {
     /// How far the bounds move, when the tree was built to report that.
     virtual std::optional<Bounds> motionBounds() = 0;
     virtual TreeStatistics statistics() = 0;
+    /// What the user should know of files since this was last asked; from one thread.
+    virtual std::vector<std::string> takeNotes() { return {}; }
+};
+
+/// A geometry of one tree, which can be kept as bytes.
+class TreeGeometry : public Geometry {
+  public:
+    /// See `Kelpa::makeCompact`.
+    virtual void makeCompact() = 0;
+    /// See `Kelpa::writtenBytes`.
+    virtual std::uint64_t writtenBytes() = 0;
+    /// See `Kelpa::writeTree`.
+    virtual void write(Kelpa::ByteSink const& sink) = 0;
+    /// Makes the tree of what another wrote that was built of the same with these options; see
+    /// `Kelpa::readTree`.
+    virtual bool read(Kelpa::ByteSource const& source, std::uint64_t size,
+                      TreeOptions const& options) = 0;
+    /// Whether the build came to its end.
+    virtual bool isWhole() const = 0;
 };
 
 /// A geometry over `systems`, whose ranges of reported indices are disjoint. Moving when the first
 /// one has a second snapshot; then all of them have. Throws `std::invalid_argument` otherwise.
-std::unique_ptr<Geometry> makeGeometry(std::vector<System> systems);
+std::unique_ptr<TreeGeometry> makeGeometry(std::vector<System> systems);
 
 /// A geometry of a tree for each of `blocks`, which begin with the index where the one before ends.
 ///

@@ -1,7 +1,5 @@
 // Scenes in many blocks: how they are parted, and that rays and pictures do not see it.
 
-#include "pipeline/picture/framing.h"
-#include "pipeline/picture/render.h"
 #include "pipeline/scene/boxgroup.h"
 #include "pipeline/scene/bunch.h"
 #include "pipeline/scene/parting.h"
@@ -9,9 +7,8 @@
 #include "pipeline/scene/toptree.h"
 
 #include "tests/support/allocationfailure.h"
-#include "tests/support/clouds.h"
+#include "tests/support/blockscene.h"
 #include "tests/support/pixels.h"
-#include "tests/support/testhost.h"
 
 #include <gtest/gtest.h>
 
@@ -23,23 +20,16 @@
 namespace {
 
 using Kelpa::Vector;
+using kelpatest::blocksOf;
+using kelpatest::builtScene;
 using kelpatest::expectSamePixels;
+using kelpatest::pictureOf;
 using kelpatest::Random;
 using kelpatest::RecordingProgress;
 using namespace pipeline;
 
-auto const ignore = [](auto const&...) {};
-
-std::vector<Vector> uniform(std::size_t count, unsigned seed) {
-    Random random(seed);
-    std::vector<Vector> points;
-    while (points.size() < count)
-        points.push_back(random.inCube(1.0F));
-    return points;
-}
-
 TEST(Partings, HalveTheLongestAxisWhateverTheThreadsAndKeepRowsInOrder) {
-    std::vector<Vector> points = uniform(50000, 3);
+    std::vector<Vector> points = kelpatest::uniformPoints(50000, 3);
     for (std::size_t i = 0; i < 20000; ++i) // most in a clump, some nowhere, some in one place
         points[i] = {points[i].x * 1e-3F, points[i].y * 1e-4F, points[i].z * 1e-3F};
     for (std::size_t i = 0; i < 3000; ++i)
@@ -146,32 +136,6 @@ TEST(TopTrees, GiveARayItsBoxesInOrderLikeALookAtEach) {
     EXPECT_GT(entered, 1000);
 }
 
-/// A scene of uniform spheres, every tenth of them there twice, with its trees.
-Scene builtScene(std::int64_t block, bool isMoving, int threads = 1, std::size_t count = 200000) {
-    ParticleSet particles;
-    particles.positions = uniform(count, 9);
-    for (std::size_t i = 0; i + 10 < count; i += 10)
-        particles.positions[i] = particles.positions[i + 7];
-    particles.radii.assign(count, 0.012F);
-    particles.radii[5] = 0.0F; // no tree takes it
-    ParticleSet second = particles;
-    Random random(4);
-    for (Vector& p : second.positions) {
-        Vector const step = random.inCube(0.02F);
-        p = {p.x + step.x, p.y + step.y, p.z + step.z};
-    }
-    for (std::size_t i = 0; i + 10 < count; i += 10)
-        second.positions[i] = second.positions[i + 7];
-    SceneOptions options;
-    options.motion.shutter = {0.0, 1.0};
-    Scene scene = makeScene(options, particles, isMoving ? &second : nullptr, {}, ignore, ignore);
-    RecordingProgress progress;
-    TreeOptions tree;
-    tree.block = block;
-    buildScene(scene, {progress, threads}, tree);
-    return scene;
-}
-
 /// Rays of all kinds: from a point, from anywhere, and from particles, which they skip; every
 /// second list of 64 from near a point to near another.
 Kelpa::RSRay rayNumber(int i, Random& random, Scene const& scene) {
@@ -200,8 +164,8 @@ Kelpa::RSRay rayNumber(int i, Random& random, Scene const& scene) {
 TEST(Blocks, GiveRaysTheHitsOfOneTree) {
     for (bool const isMoving : {false, true}) {
         SCOPED_TRACE(isMoving);
-        Scene const one = builtScene(1 << 20, isMoving);
-        Scene const many = builtScene(1000, isMoving, 2);
+        Scene const one = builtScene(isMoving, blocksOf(1 << 20));
+        Scene const many = builtScene(isMoving, blocksOf(1000), 2);
         EXPECT_EQ(one.geometry->statistics().trees, 1);
         EXPECT_EQ(many.geometry->statistics().trees, 256);
         EXPECT_EQ(many.geometry->statistics().used, 199999);
@@ -289,24 +253,13 @@ TEST(Blocks, TellCopiesApartByRowsAndCountBeyondThirtyTwoBits) {
     }
 }
 
-Image pictureOf(Scene const& scene, int threads) {
-    ImageOptions image;
-    image.width = 80;
-    image.height = 60;
-    image.samples = 3;
-    image.depth = image.normal = image.id = image.position = true;
-    Camera const camera =
-        placeCamera({}, 80, 60, 'z', scene.framedCenters(), scene.framedRadii(), scene.origin);
-    return renderImage(scene, camera, image, {}, threads, {});
-}
-
 TEST(Blocks, MakeTheSamePictureForAnyNumberOfThreads) {
     for (bool const isMoving : {false, true}) {
         SCOPED_TRACE(isMoving);
-        Image const expected = pictureOf(builtScene(1000, isMoving), 1);
-        Image const ofOne = pictureOf(builtScene(1 << 20, isMoving), 1);
+        Image const expected = pictureOf(builtScene(isMoving, blocksOf(1000)), 1);
+        Image const ofOne = pictureOf(builtScene(isMoving, blocksOf(1 << 20)), 1);
         for (int const threads : {2, 7}) {
-            Image const image = pictureOf(builtScene(1000, isMoving, threads), threads);
+            Image const image = pictureOf(builtScene(isMoving, blocksOf(1000), threads), threads);
             expectSamePixels(image, expected);
         }
         int others = 0;
@@ -320,7 +273,7 @@ TEST(Blocks, MakeTheSamePictureForAnyNumberOfThreads) {
 }
 
 TEST(Blocks, EndCleanlyWhenMemoryRunsOutOrTheBuildIsStopped) {
-    Scene scene = builtScene(1000, false, 1, 20000);
+    Scene scene = builtScene(false, blocksOf(1000), 1, 20000);
     Image const expected = pictureOf(scene, 1);
     TreeOptions options;
     options.block = 1000;

@@ -19,6 +19,7 @@ template <class Tree> Bytes bytesOf(Tree& tree) {
     writeTree(tree, [&](std::span<std::byte const> some) {
         bytes.insert(bytes.end(), some.begin(), some.end());
     });
+    EXPECT_EQ(bytes.size(), writtenBytes(tree));
     return bytes;
 }
 
