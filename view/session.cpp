@@ -328,7 +328,10 @@ std::optional<Session::Saved> Session::save(bool asExr, Kelpa::GoOn const& goOn)
     Saved saved;
     saved.name = pictureName(*task.shown) + (asExr ? ".exr" : ".png");
     auto const sink = [&saved](std::string_view some) { saved.bytes += some; };
-    (asExr ? encodeExr : encodePng)(*image, options.transparent, sink, ask);
+    if (asExr)
+        encodeExr(*image, options.transparent, ExrCompression::zip, sink, ask);
+    else
+        encodePng(*image, options.transparent, sink, ask);
     return saved;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pipeline/files/progress.h"
+#include "pipeline/imagefile/imagefile.h"
 #include "pipeline/picture/image.h"
 
 #include <functional>
@@ -21,7 +22,7 @@ constexpr int pixelsAtOnce = 1 << 16;
 void encodePpm(Image const& image, ByteSink const& sink, PhaseProgress const& progress);
 void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,
                PhaseProgress const& progress);
-void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
+void encodeExr(Image const& image, bool withAlpha, ExrCompression compression, ByteSink const& sink,
                PhaseProgress const& progress);
 
 } // namespace pipeline

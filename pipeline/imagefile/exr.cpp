@@ -4,11 +4,15 @@
 #include "pipeline/picture/picturepart.h"
 
 #include <ImfChannelList.h>
+#include <ImfFloatAttribute.h>
 #include <ImfFrameBuffer.h>
+#include <ImfFramesPerSecond.h>
 #include <ImfHeader.h>
+#include <ImfIntAttribute.h>
 #include <ImfOutputFile.h>
 #include <ImfStandardAttributes.h>
 #include <ImfStringAttribute.h>
+#include <ImfVecAttribute.h>
 #include <half.h>
 
 #include <algorithm>
@@ -65,9 +69,53 @@ std::vector<ChannelGroup> channelsOf(Image const& image, std::size_t firstPixel,
             {halvesOfIds(), Imf::UINT, rowOf(image.id, firstPixel, 1)}};
 }
 
-Imf::Header headerOf(Image const& image) {
+Imf::Compression compressionOf(ExrCompression compression) {
+    switch (compression) {
+    case ExrCompression::none:
+        return Imf::NO_COMPRESSION;
+    case ExrCompression::zips:
+        return Imf::ZIPS_COMPRESSION;
+    case ExrCompression::piz:
+        return Imf::PIZ_COMPRESSION;
+    case ExrCompression::dwaa:
+        return Imf::DWAA_COMPRESSION;
+    case ExrCompression::zip:
+        break;
+    }
+    return Imf::ZIP_COMPRESSION;
+}
+
+Imath::M44f matrixOf(std::array<float, 16> const& rows) {
+    Imath::M44f matrix;
+    std::copy(rows.begin(), rows.end(), matrix[0]);
+    return matrix;
+}
+
+/// Tells of the picture under the names that compositors know.
+void addFacts(Imf::Header& header, PictureFacts const& facts) {
+    Imf::addWorldToCamera(header, matrixOf(facts.worldToCamera));
+    Imf::addWorldToNDC(header, matrixOf(facts.worldToNdc));
+    if (facts.fov > 0.0)
+        header.insert("fov", Imf::FloatAttribute(static_cast<float>(facts.fov)));
+    header.insert("seed", Imf::StringAttribute(std::to_string(facts.seed))); // of 64 bits
+    if (facts.command.empty())
+        return;
+    auto const seconds = static_cast<float>(facts.frame / facts.framesPerSecond);
+    header.insert("frame", Imf::IntAttribute(facts.frame));
+    header.insert("time", Imf::FloatAttribute(seconds));
+    Imf::addFramesPerSecond(header, Imf::guessExactFps(facts.framesPerSecond));
+    header.insert("shutter", Imf::V2fAttribute({static_cast<float>(facts.shutter[0]),
+                                                static_cast<float>(facts.shutter[1])}));
+    header.insert("software", Imf::StringAttribute(facts.software));
+    header.insert("command", Imf::StringAttribute(facts.command));
+}
+
+Imf::Header headerOf(Image const& image, ExrCompression compression) {
     Imf::Header header(image.width, image.height);
     header.dataWindow() = {{image.cropX0, image.cropY0}, {image.cropX1 - 1, image.cropY1 - 1}};
+    header.compression() = compressionOf(compression);
+    if (image.facts)
+        addFacts(header, *image.facts);
     Imf::addChromaticities(header, Imf::Chromaticities()); // linear light with sRGB's primaries
     if (!image.tileLabel.empty())
         header.insert(tileLabelName, Imf::StringAttribute(image.tileLabel));
@@ -102,11 +150,11 @@ void writeRows(Imf::OutputFile& file, Image const& image, int top, int bottom, b
 
 } // namespace
 
-void encodeExr(Image const& image, bool withAlpha, ByteSink const& sink,
+void encodeExr(Image const& image, bool withAlpha, ExrCompression compression, ByteSink const& sink,
                PhaseProgress const& progress) {
     MemoryStream stream;
     {
-        Imf::OutputFile file(stream, headerOf(image));
+        Imf::OutputFile file(stream, headerOf(image, compression));
         int const rows = std::max(1, pixelsAtOnce / (image.cropX1 - image.cropX0));
         for (int top = image.cropY0; top < image.cropY1; top += rows) {
             progress(static_cast<double>(top - image.cropY0) / (image.cropY1 - image.cropY0), 0);

@@ -18,13 +18,13 @@ namespace pipeline {
 
 namespace {
 
-void encode(ImageFormat format, Image const& image, bool withAlpha, ByteSink const& sink,
-            PhaseProgress const& progress) {
+void encode(ImageFormat format, Image const& image, bool withAlpha, ExrCompression compression,
+            ByteSink const& sink, PhaseProgress const& progress) {
     switch (format) {
     case ImageFormat::png:
         return encodePng(image, withAlpha, sink, progress);
     case ImageFormat::exr:
-        return encodeExr(image, withAlpha, sink, progress);
+        return encodeExr(image, withAlpha, compression, sink, progress);
     case ImageFormat::ppm:
         return encodePpm(image, sink, progress);
     }
@@ -54,7 +54,7 @@ void checkWritable(std::string const& path) {
 }
 
 void writeImage(std::string const& path, Image const& image, bool withAlpha,
-                PhaseProgress const& progress) {
+                PhaseProgress const& progress, ExrCompression compression) {
     ImageFormat const format = imageFormatOf(path);
     // Opened by the first bytes: until there is a temporary file, Ctrl-C does not have to wait for
     // an encoding.
@@ -71,7 +71,7 @@ void writeImage(std::string const& path, Image const& image, bool withAlpha,
         file->write(bytes);
     };
     try {
-        encode(format, image, withAlpha, sink, report);
+        encode(format, image, withAlpha, compression, sink, report);
     } catch (std::bad_alloc const&) {
         throw;
     } catch (OutputError const&) {

@@ -5,8 +5,18 @@
 #include "pipeline/picture/image.h"
 
 #include <string>
+#include <utility>
 
 namespace pipeline {
+
+/// How an .exr is packed; dwaa loses a little of colours.
+enum class ExrCompression { zip, zips, piz, dwaa, none };
+inline constexpr std::pair<char const*, ExrCompression> exrCompressionNames[] = {
+    {"zip", ExrCompression::zip},
+    {"zips", ExrCompression::zips},
+    {"piz", ExrCompression::piz},
+    {"dwaa", ExrCompression::dwaa},
+    {"none", ExrCompression::none}};
 
 enum class ImageFormat { png, exr, ppm };
 
@@ -22,12 +32,13 @@ void checkWritable(std::string const& path);
 ///
 /// PNG and PPM are 8-bit sRGB and hold the rendered part alone. EXR holds R G B A as half floats
 /// and the further channels as Z, N.X N.Y N.Z, P.X P.Y P.Z, id and id.high (the low and the high
-/// half of 64 bits), the part as the data window within the whole picture. `withAlpha` says that
-/// the picture is transparent where no particle is: PNG then has an alpha channel, not multiplied
-/// into the colours as that format wants it; without it the picture is opaque, A is 1. PPM has no
-/// transparency. Throws `OutputError` naming file and reason, and `std::invalid_argument` like
-/// `imageFormatOf`; what `progress` throws as well; then nothing new is left behind.
+/// half of 64 bits), its facts as attributes, the part as the data window within the whole picture.
+/// `withAlpha` says that the picture is transparent where no particle is: PNG then has an alpha
+/// channel, not multiplied into the colours as that format wants it; without it the picture is
+/// opaque, A is 1. PPM has no transparency. Throws `OutputError` naming file and reason, and
+/// `std::invalid_argument` like `imageFormatOf`; what `progress` throws as well; then nothing new
+/// is left behind.
 void writeImage(std::string const& path, Image const& image, bool withAlpha,
-                PhaseProgress const& progress);
+                PhaseProgress const& progress, ExrCompression compression = ExrCompression::zip);
 
 } // namespace pipeline

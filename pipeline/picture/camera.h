@@ -6,6 +6,8 @@
 
 #include "pipeline/scene/vec.h"
 
+#include <array>
+
 namespace pipeline {
 
 /// A pinhole or parallel camera: the rays of a picture.
@@ -33,6 +35,14 @@ struct Camera {
         Offset const at = offset(pixelX, pixelY);
         return unit(forward + right * at.x + up * at.y);
     }
+
+    /// From places in the file's coordinates to the camera's frame, which looks along -z; and on to
+    /// -1 to 1 across the picture, with 1 - 1 / depth behind them, or the depth of parallel rays.
+    /// Row vectors are multiplied by these. `origin` is what has been subtracted from places.
+    std::array<float, 16> worldToCamera(Vec const& origin) const;
+    std::array<float, 16> worldToNdc(Vec const& origin) const;
+    /// The vertical angle in degrees; 0 of parallel rays.
+    double fov() const;
 
   private:
     /// Of a point of the picture from its middle, in units of the view.

@@ -108,11 +108,11 @@ void addLight(Mixer& mixer, LightOptions const& light) {
 
 void addImage(Mixer& mixer, ImageOptions const& image) {
     auto const& [width, height, samples, seed, background, transparent, rodColor, crop, tile,
-                 shutter, depth, normal, id, position] = image;
+                 shutter, depth, normal, id, position, isDepthPlanar] = image;
     static_cast<void>(crop); // the part alone
     static_cast<void>(tile);
     mixer.addNumbers(width, height, samples, seed, transparent, shutter[0], shutter[1], depth,
-                     normal, id, position);
+                     normal, id, position, isDepthPlanar);
     mixer.addIf(background, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
     mixer.addIf(rodColor, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
 }

@@ -1,8 +1,10 @@
 // A finished picture in memory.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,22 @@ namespace pipeline {
 constexpr std::int64_t idOfNothing = std::numeric_limits<std::int64_t>::min() + 0xFFFFFFFF;
 /// What its `depth` holds there.
 constexpr float depthOfNothing = 1e30F;
+
+/// What files of a picture tell beside its pixels, for programs that go on with it.
+struct PictureFacts {
+    /// Row vectors of places in the file's coordinates times these, row by row: to the camera's
+    /// frame, x to the right, y up, looking along -z; and on to -1 to 1 across the picture.
+    std::array<float, 16> worldToCamera{};
+    std::array<float, 16> worldToNdc{};
+    double fov = 0.0; ///< vertical, degrees; 0: parallel rays
+    std::uint64_t seed = 0;
+    // Of what follows only the command knows.
+    int frame = 0;
+    double framesPerSecond = 24.0;
+    std::array<double, 2> shutter{}; ///< opens and closes, in frames
+    std::string software{};
+    std::string command{}; ///< that made it; empty: unknown, and so is what is above
+};
 
 /// A finished picture: linear light, row by row from the top left.
 ///
@@ -29,6 +47,7 @@ struct Image {
     std::vector<float> depth, normal, position;
     std::vector<std::int64_t> id;
     std::string tileLabel{}; ///< of a tile, for its file: see `TileLabel`; empty: it is none
+    std::optional<PictureFacts> facts{};
 };
 
 } // namespace pipeline

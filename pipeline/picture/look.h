@@ -27,6 +27,7 @@ struct ImageOptions {
     std::optional<PictureTile> tile; ///< of the crop, or of everything; no more than it has rows
     std::array<double, 2> shutter = {0.0, 1.0}; ///< the part of the particles' way that is seen
     bool depth = false, normal = false, id = false, position = false;
+    bool isDepthPlanar = false; ///< along the camera's axis instead of along the ray
 
     bool hasAovs() const { return depth || normal || id || position; }
 };

@@ -73,6 +73,7 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
                                          : Footprint(),
             PictureRods(scene.rods, camera, left, top, right, bottom),
             image.rodColor.value_or(standingOut(image)),
+            image.isDepthPlanar,
             backgrounds,
             emptyPixels(backgrounds, image.samples)};
 }
@@ -114,6 +115,11 @@ Image Picture::emptyImage() const {
     if (options.id)
         image.id.assign(count, idOfNothing);
     image.tileLabel = tileLabel;
+    PictureFacts& facts = image.facts.emplace();
+    facts.worldToCamera = plan.camera.worldToCamera(plan.scene.origin);
+    facts.worldToNdc = plan.camera.worldToNdc(plan.scene.origin);
+    facts.fov = plan.camera.fov();
+    facts.seed = options.seed;
     return image;
 }
 

@@ -37,6 +37,7 @@ struct PicturePlan {
     Footprint footprint;
     PictureRods rods;
     Kelpa::Vector rodColor;
+    bool isDepthPlanar;
     std::vector<Kelpa::Vector> backgrounds; ///< of each row of the picture
     std::vector<Kelpa::Vector> emptyPixels; ///< what they come to where all samples see them
 };

@@ -138,10 +138,10 @@ void TilePasses::addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t 
         auto const& rays = bunch.rays;
         Vec const from = {rays.originX[lane], rays.originY[lane], rays.originZ[lane]};
         double const end = isHit ? bunch.hits.hitT[lane] : endless;
-        double const t =
-            plan.rods.hit(from, wide({rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]}), end);
+        Vec const along = wide({rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]});
+        double const t = plan.rods.hit(from, along, end);
         if (t < end) {
-            rodHits.push_back({pixel, sample, t});
+            rodHits.push_back({pixel, sample, depthOf(t, along)});
             return;
         }
     }
@@ -349,6 +349,11 @@ void TilePasses::addToPixels() {
     }
 }
 
+/// What `depth` tells of a hit.
+double TilePasses::depthOf(double t, Vec const& along) const {
+    return plan.isDepthPlanar ? t * dot(along, plan.camera.forward) : t;
+}
+
 void TilePasses::storeFirstHits(Image& image) const {
     if (image.depth.empty() && image.normal.empty() && image.position.empty() && image.id.empty())
         return;
@@ -356,14 +361,15 @@ void TilePasses::storeFirstHits(Image& image) const {
     if (!image.depth.empty())
         for (RodHit const& rod : rodHits)
             if (rod.sample == 0)
-                image.depth[pixels[rod.pixel].index] = static_cast<float>(rod.t);
+                image.depth[pixels[rod.pixel].index] = static_cast<float>(rod.depth);
     double const origin[3] = {scene.origin.x, scene.origin.y, scene.origin.z};
     for (std::size_t i = 0; i < surfaces.count; ++i) {
         if (surfaces.sample[i] != 0)
             continue;
         std::size_t const at = pixels[surfaces.pixel[i]].index;
         if (!image.depth.empty())
-            image.depth[at] = static_cast<float>(surfaces.t[i]);
+            image.depth[at] = static_cast<float>(depthOf(
+                surfaces.t[i], wide({surfaces.dir.x[i], surfaces.dir.y[i], surfaces.dir.z[i]})));
         if (!image.id.empty())
             image.id[at] = scene.idOf(surfaces.particle[i]);
         float const normal[3] = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};

@@ -61,7 +61,7 @@ class TilePasses {
     struct RodHit {
         std::uint16_t pixel;
         std::uint16_t sample;
-        double t;
+        double depth;
     };
 
     /// Rays from surfaces into the sky: the first of every surface, then the second, and so on.
@@ -79,6 +79,7 @@ class TilePasses {
     float timeAt(double part) const;
     void traceCameraRays(std::size_t firstSlot, std::size_t count);
     void addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
+    double depthOf(double t, Vec const& along) const;
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
     bool findSky(Kelpa::GoOn const& goOn);

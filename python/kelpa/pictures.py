@@ -37,7 +37,7 @@ class Picture(NDArray[np.float32]):
     normal: Optional[NDArray[np.float32]]
     id: Optional[NDArray[np.int64]]
     position: Optional[NDArray[np.float32]]
-    _frame: Optional[tuple[tuple[int, int], tuple[int, int, int, int], bool, bytes]]
+    _frame: Optional[tuple[tuple[int, int], tuple[int, int, int, int], bool, bytes, Any]]
 
     def __array_finalize__(self, source: Optional[NDArray[Any]]) -> None:
         alike = isinstance(source, Picture) and source.shape == self.shape
@@ -55,20 +55,27 @@ class Picture(NDArray[np.float32]):
             setattr(self, name, value)
 
     def save(
-        self, path: Union[str, "os.PathLike[str]"], *, progress: Optional[Progress] = None
+        self, path: Union[str, "os.PathLike[str]"], *, compression: str = "zip",
+        progress: Optional[Progress] = None,
     ) -> None:
         """Writes a .png or .ppm (8-bit sRGB) or an .exr (linear, with all further channels).
+
+        compression : "zip", "zips", "piz", "dwaa" or "none"
+            Of an .exr; "dwaa" loses a little of the colours. It also tells of the camera.
 
         The file appears when it is whole. Pictures without a background are transparent.
         Raises ValueError for other suffixes, OSError for what cannot be written.
         """
+        check.choice("compression", compression, ("zip", "zips", "piz", "dwaa", "none"))
         name = os.fspath(path)
         if any(getattr(self, channel) is not None for channel in _CHANNELS):
             if not name.lower().endswith(".exr"):
                 wanted = ", ".join(c for c in _CHANNELS if getattr(self, c) is not None)
                 raise ValueError(f"path: {name} cannot hold {wanted}; write an .exr")
         image = self._image()  # first: where no files are written there is no `save_picture`
-        _native.save_picture(os.fsencode(path), image, self._is_transparent(), progress)
+        _native.save_picture(
+            os.fsencode(path), image, self._is_transparent(), compression, progress
+        )
 
     def _repr_png_(self) -> Optional[bytes]:
         """What notebooks show."""
@@ -87,13 +94,13 @@ class Picture(NDArray[np.float32]):
         if self.ndim != 3 or self.shape[2] != 4:
             raise check.shape_error("picture", "(height, width, 4)", self)
         height, width = self.shape[:2]
-        size, part, label = (width, height), (0, 0, width, height), b""
+        size, part, label, facts = (width, height), (0, 0, width, height), b"", None
         if self._frame is not None:
-            size, part, _, label = self._frame
+            size, part, _, label, facts = self._frame
         pixels = np.ascontiguousarray(self, dtype=np.float32)
         return _native.Image(
             size, part, pixels, self.depth, self.normal, self.id, self.position,
-            label,
+            label, facts,
         )
 
 
@@ -104,7 +111,7 @@ def make_picture(
     picture = arrays["rgba"].view(Picture)
     for name in _CHANNELS:
         setattr(picture, name, arrays.get(name))
-    picture._frame = (size, arrays["part"], is_transparent, arrays["tile_label"])
+    picture._frame = (size, arrays["part"], is_transparent, arrays["tile_label"], arrays["facts"])
     return cast(Picture, picture)
 
 

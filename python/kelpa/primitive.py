@@ -243,6 +243,7 @@ class Primitive:
         background: Union[None, str, Sequence[float]] = None,
         shutter: Sequence[float] = (0.0, 1.0),
         aov: Union[str, Sequence[str]] = (),
+        depth: str = "ray",
         crop: Optional[Sequence[int]] = None,
         tile: Optional[Sequence[int]] = None,
         seed: int = 0,
@@ -272,6 +273,8 @@ class Primitive:
             For moving particles: the times to blur over, within 0 to 1.
         aov : names out of "depth", "normal", "id" and "position"
             Further channels, in attributes of the picture.
+        depth : "ray" or "planar"
+            What the depth is measured along: the ray, or the camera's axis.
         crop : (x0, y0, x1, y1), optional
             Pixels to render: from x0, y0 to before x1, y1.
         tile : (k, n), optional
@@ -305,6 +308,8 @@ class Primitive:
             wish.background = check.color("background", background)
         wish.shutter = check.span("shutter", shutter)
         wish.aov = channels
+        check.choice("depth", depth, ("ray", "planar"))
+        wish.planar_depth = depth == "planar"
         part = None if crop is None else check.part("crop", crop, width, height)
         wish.crop = part
         if tile is not None:

@@ -80,14 +80,22 @@ template <class T> std::vector<T> valuesOf(std::optional<Array<T>> const& array)
     return array ? std::vector<T>(array->data(), array->data() + array->size()) : std::vector<T>{};
 }
 
+/// The matrices to the camera and on to the picture, the vertical angle, and the seed.
+using Facts = std::tuple<std::array<float, 16>, std::array<float, 16>, double, std::uint64_t>;
+
 /// `arraysOf` the other way round. `part` is that of the picture of `size` which the arrays hold.
 pipeline::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const& part,
                         Array<float> const& rgba, std::optional<Array<float>> const& depth,
                         std::optional<Array<float>> const& normal,
                         std::optional<Array<std::int64_t>> const& id,
-                        std::optional<Array<float>> const& position, std::string const& tileLabel) {
+                        std::optional<Array<float>> const& position, std::string const& tileLabel,
+                        std::optional<Facts> const& facts) {
     pipeline::Image image;
     image.tileLabel = tileLabel;
+    if (facts) {
+        pipeline::PictureFacts& told = image.facts.emplace();
+        std::tie(told.worldToCamera, told.worldToNdc, told.fov, told.seed) = *facts;
+    }
     std::tie(image.width, image.height) = std::pair(size[0], size[1]);
     image.cropX0 = part[0];
     image.cropY0 = part[1];
@@ -121,14 +129,23 @@ py::tuple readCamera(std::string const& path, double frame) {
     return py::make_tuple(placed, tripleOf(key.lookAt), key.fov, key.height);
 }
 
+/// One of `exrCompressionNames`.
+pipeline::ExrCompression compressionOf(std::string const& wanted) {
+    for (auto const& [name, compression] : pipeline::exrCompressionNames)
+        if (wanted == name)
+            return compression;
+    return {};
+}
+
 void defineFiles(py::module_& module) {
     module.def("camera_text", &cameraText);
     module.def("read_camera", &readCamera);
     py::class_<pipeline::Image>(module, "Image").def(py::init(&imageOf));
     module.def("save_picture", [](std::string const& path, pipeline::Image const& image,
-                                  bool withAlpha, py::object const& progress) {
+                                  bool withAlpha, std::string const& compression,
+                                  py::object const& progress) {
         runWatched(progress, "Writing", [&](pipeline::PhaseProgress const& report) {
-            pipeline::writeImage(path, image, withAlpha, report);
+            pipeline::writeImage(path, image, withAlpha, report, compressionOf(compression));
         });
     });
     module.def("join", [](std::string const& output, std::vector<std::string> const& tiles,
@@ -207,6 +224,8 @@ void defineWish(py::module_& module) {
                           w.image.id = has("id");
                           w.image.position = has("position");
                       })
+        .def_property("planar_depth", nullptr,
+                      [](Wish& w, bool planar) { w.image.isDepthPlanar = planar; })
         .def_property("shade", nullptr,
                       [](Wish& w, std::string const& name) { w.light.shade = shadeOf(name); })
         .def_property("ao_samples", nullptr,
@@ -279,6 +298,9 @@ py::dict arraysOf(pipeline::Image const& image, bool isTransparent) {
     if (!image.position.empty())
         arrays["position"] = channel(image, image.position, 3);
     arrays["part"] = py::make_tuple(image.cropX0, image.cropY0, image.cropX1, image.cropY1);
+    if (auto const& facts = image.facts)
+        arrays["facts"] =
+            py::make_tuple(facts->worldToCamera, facts->worldToNdc, facts->fov, facts->seed);
     arrays["tile_label"] = py::bytes(image.tileLabel);
     return arrays;
 }

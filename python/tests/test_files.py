@@ -220,6 +220,9 @@ class PicturesOfFiles(WithFolder):
         picture = primitive.render(camera, 97, 61, **{**self.look, **look})
         picture.save(self.folder / ("python." + name))
         files = [(self.folder / f"{who}.{name}").read_bytes() for who in ("command", "python")]
+        if name.endswith(".exr"):  # of three chunks; the command also tells of itself
+            last = [file.index(b"worldToNDC") for file in files]
+            files = [(file[i:i + 84], file[i + 85 + 24:]) for file, i in zip(files, last)]
         self.assertEqual(*files)
         return picture
 

@@ -13,10 +13,12 @@
 #include "tool/report/filmprogress.h"
 #include "tool/report/phases.h"
 #include "tool/report/statistics.h"
+#include "tool/version.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <span>
 #include <stdexcept>
@@ -47,7 +49,9 @@ class Rendering {
 
   private:
     template <class Read> BuiltScene makeBuiltScene(Read read);
-    void renderPicture(BuiltScene& built, Camera const& camera, std::string const& output);
+    void renderPicture(BuiltScene& built, Camera const& camera, int frame,
+                       std::string const& output);
+    void tellFacts(PictureFacts& facts, int frame) const;
     void saveCamera(Scene const& scene, int frame);
     void writeText(std::string const& path, std::string const& text);
 
@@ -84,7 +88,18 @@ template <class Read> BuiltScene Rendering::makeBuiltScene(Read read) {
     return built;
 }
 
-void Rendering::renderPicture(BuiltScene& built, Camera const& camera, std::string const& output) {
+/// Adds to what an .exr tells of its picture what the command line says.
+void Rendering::tellFacts(PictureFacts& facts, int frame) const {
+    facts.frame = frame;
+    facts.framesPerSecond = options.film.framesPerSecond;
+    if (isMoving(options.scene.motion.motion))
+        facts.shutter = options.scene.motion.shutter.value_or(std::array{0.0, 0.5});
+    facts.software = fmt::format("kelpa {}", version);
+    facts.command = options.commandLine;
+}
+
+void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame,
+                              std::string const& output) {
     if (output != options.output)
         files.add(output);
     Stopwatch const renderTime;
@@ -92,13 +107,13 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, std::stri
         return renderImage(built.scene, camera, options.image, options.light,
                            threadCount(options.run), progress);
     };
-    Image const image =
-        withProgress("render", options.run, render, [this] { return series.text(); });
+    Image image = withProgress("render", options.run, render, [this] { return series.text(); });
     throwIfInterrupted();
+    tellFacts(*image.facts, frame);
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
     withProgress("write", options.run, [&](PhaseProgress const& progress) {
-        writeImage(output, image, options.image.transparent, progress);
+        writeImage(output, image, options.image.transparent, progress, options.compression);
     });
     series.finishPicture();
     int const width = image.cropX1 - image.cropX0;
@@ -143,10 +158,11 @@ void Rendering::renderOneFrame() {
     saveCamera(scene, frame);
     int const turn = options.camera.turntable;
     if (turn == 0)
-        renderPicture(built, cameras.cameraFor(scene, frame, 0), nameOfOne(options.output, frame));
+        renderPicture(built, cameras.cameraFor(scene, frame, 0), frame,
+                      nameOfOne(options.output, frame));
     series.begin(static_cast<std::uint64_t>(turn), "picture");
     for (int picture = 0; picture < turn; ++picture)
-        renderPicture(built, cameras.cameraFor(scene, frame, picture),
+        renderPicture(built, cameras.cameraFor(scene, frame, picture), picture,
                       numberedName(options.output, picture));
 }
 
@@ -172,7 +188,7 @@ void Rendering::renderFrames() {
             saveCamera(scene, *frame);
         }
         // By its number in the film a frame has its place in a turn, whoever renders it.
-        renderPicture(built, cameras.cameraFor(scene, *frame, *frame),
+        renderPicture(built, cameras.cameraFor(scene, *frame, *frame), *frame,
                       numberedName(options.output, *frame));
     }
 }

@@ -30,6 +30,7 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         {"--strict", !options.particles.frames.empty() || isNext,
          "frames of a sequence: --frames A:B or --motion next"},
         {"--shadows", !isFlat || !options.light.shadows.value_or(true), "light: --shade ao or lit"},
+        {"--depth", options.image.depth, "--aov depth"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
         {"--ao-distance", hasOcclusion, "--shade ao"},
     };
@@ -117,6 +118,8 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
     if (options.image.tile && options.image.tile->count > rows)
         throw UsageError(fmt::format("--tile: {} tiles, but the picture has {} rows",
                                      options.image.tile->count, rows));
+    if (options.image.tile && options.compression == ExrCompression::dwaa)
+        throw UsageError("--tile excludes --compression dwaa, which loses something each time");
     if (options.camera.eye && options.camera.view)
         throw UsageError("--eye and --view both place the camera; use one of them");
 }

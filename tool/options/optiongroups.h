@@ -25,6 +25,8 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera);
 /// Those on cameras in files; behind `addCameraOptions`.
 void addFilmOptions(CLI::App& app, FilmOptions& film);
 void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell);
+/// Those on what .exr files hold.
+void addExrOptions(CLI::App& app, Options& options);
 void addLightOptions(CLI::App& app, LightOptions& light);
 void addPictureRunOptions(CLI::App& app, Options& options);
 void addServeOptions(CLI::App& app, ViewOptions& view);

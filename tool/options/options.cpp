@@ -16,7 +16,10 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
+#include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace pipeline::tool {
 
@@ -115,6 +118,7 @@ CLI::App* addRender(CLI::App& app, Options& options) {
                 "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; "
                 "the output numbers them: img.####.png");
     addFilmOptions(*render, options.film);
+    addExrOptions(*render, options);
     return render;
 }
 
@@ -130,6 +134,53 @@ CLI::App* addView(CLI::App& app, Options& options) {
     return view;
 }
 
+/// Whether there is an option among these.
+bool holds(std::span<std::string_view const> names, std::string const& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+constexpr std::string_view ofTheRun[] = {"--port",  "--host",    "--open",     "--help",
+                                         "--quiet", "--verbose", "--output",   "--tile",
+                                         "--stats", "--threads", "--progress", "--resume"};
+
+/// The words of a command that makes the same pictures: without `others`, and without what says
+/// where they go and how they are made.
+std::vector<std::string> wordsOf(CLI::App const& command,
+                                 std::span<std::string_view const> others) {
+    std::vector<std::string> words;
+    for (CLI::Option const* const option : command.get_options()) {
+        std::string const name = option->get_name();
+        if (option->count() == 0 || holds(others, name) || holds(ofTheRun, name))
+            continue;
+        bool const isFlag = option->get_items_expected_max() == 0;
+        if (name[0] == '-')
+            words.push_back(name);
+        if (!isFlag)
+            for (std::string const& word : option->results())
+                words.push_back(word);
+    }
+    return words;
+}
+
+/// A word of a command line as a shell takes it.
+std::string shellWord(std::string const& word) {
+    constexpr char const* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                                  "-_./=,:%+@";
+    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos)
+        return word;
+    std::string quoted = "'";
+    for (char const c : word)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+std::string commandOf(CLI::App const& command) {
+    std::string line = "kelpa " + command.get_name();
+    for (std::string const& word : wordsOf(command, {}))
+        line += " " + shellWord(word);
+    return line;
+}
+
 /// Keeps what the page has to know of the command line: the words of a command that makes the same
 /// picture, without those that the page itself chooses.
 void keepWords(CLI::App const& view, ViewOptions& kept) {
@@ -139,11 +190,6 @@ void keepWords(CLI::App const& view, ViewOptions& kept) {
         "--fov",          "--ortho",  "--zoom",       "--size",     "--samples",
         "--background",   "--shade",  "--ao-samples", "--shadows",  "--ao-distance",
         "--radius-scale", "--aov"};
-    constexpr std::string_view ofTheRun[] = {"--port",  "--host",    "--open",    "--help",
-                                             "--quiet", "--verbose", "--progress"};
-    auto const holds = [](auto const& names, std::string const& name) {
-        return std::find(std::begin(names), std::end(names), name) != std::end(names);
-    };
     auto const given = [&view](char const* name) {
         CLI::Option const* const option = view.get_option(name);
         return option->count() > 0 ? option->results().back() : std::string();
@@ -152,17 +198,7 @@ void keepWords(CLI::App const& view, ViewOptions& kept) {
     kept.color = given("--color");
     kept.colorMap = inSmallLetters(given("--colormap"));
     kept.hasSize = !given("--size").empty();
-    for (CLI::Option const* const option : view.get_options()) {
-        std::string const name = option->get_name();
-        if (option->count() == 0 || holds(chosenByPage, name) || holds(ofTheRun, name))
-            continue;
-        bool const isFlag = option->get_items_expected_max() == 0;
-        if (name[0] == '-')
-            kept.words.push_back(name);
-        if (!isFlag)
-            for (std::string const& word : option->results())
-                kept.words.push_back(word);
-    }
+    kept.words = wordsOf(view, chosenByPage);
 }
 
 CLI::App* addInfo(CLI::App& app, Options& options) {
@@ -263,6 +299,8 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         CLI::App const& command = *app.get_subcommands().front();
         if (options.command == Options::Command::view)
             keepWords(command, options.view);
+        if (options.command == Options::Command::render)
+            options.commandLine = commandOf(command);
         checkTogether(
             [&command](char const* name) {
                 CLI::Option const* const option = command.get_option_no_throw(name);

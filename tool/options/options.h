@@ -4,6 +4,7 @@
 #include "kelpa/host/consoleprogress.h"
 
 #include "pipeline/files/framesource.h"
+#include "pipeline/imagefile/imagefile.h"
 #include "pipeline/picture/framing.h"
 #include "pipeline/picture/look.h"
 #include "pipeline/scene/scene.h"
@@ -43,6 +44,7 @@ struct ParticleOptions {
 struct FilmOptions {
     std::string camera;     ///< to take cameras from; empty: none
     std::string saveCamera; ///< to write the first picture's camera to
+    double framesPerSecond = 24.0;
 };
 
 struct RunOptions {
@@ -78,11 +80,13 @@ struct Options {
     CameraOptions camera;
     FilmOptions film;
     ImageOptions image;
+    ExrCompression compression = ExrCompression::zip;
     LightOptions light;
     TreeOptions tree;
     RunOptions run;
     ViewOptions view;
     std::string output;
+    std::string commandLine; ///< as it may be given again, but for where it writes and how it runs
     std::vector<std::string> tiles; ///< to be joined
     bool json = false;
     std::string kind; ///< of sample

@@ -201,6 +201,22 @@ void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell) {
     addPixelOptions(app, image);
 }
 
+void addExrOptions(CLI::App& app, Options& options) {
+    addChoice(app, "--depth", options.image.isDepthPlanar, {{"ray", false}, {"planar", true}},
+              "What --aov depth is measured along: the ray (default), or the camera's axis")
+        ->group("Image");
+    std::vector<std::pair<std::string, ExrCompression>> const compressions(
+        std::begin(exrCompressionNames), std::end(exrCompressionNames));
+    addChoice(app, "--compression", options.compression, compressions,
+              "Of an .exr; zip (default) packs 16 rows at a time, zips single ones, "
+              "dwaa loses a little of the colours")
+        ->group("Image");
+    app.add_option("--fps", options.film.framesPerSecond,
+                   "Frames a second, for what an .exr tells of time; default: 24")
+        ->transform(between(0.001, 100000.0))
+        ->group("Image");
+}
+
 void addLightOptions(CLI::App& app, LightOptions& light) {
     using Shade = LightOptions::Shade;
     addChoice<Shade>(app, "--shade", light.shade,
