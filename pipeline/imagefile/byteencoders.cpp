@@ -84,9 +84,13 @@ void forEachRow(Image const& image, bool withAlpha, PhaseProgress const& progres
 
 } // namespace
 
+void encodeRows(Image const& image, ByteSink const& sink, PhaseProgress const& progress) {
+    forEachRow(image, false, progress, sink);
+}
+
 void encodePpm(Image const& image, ByteSink const& sink, PhaseProgress const& progress) {
     sink(fmt::format("P6\n{} {}\n255\n", image.cropX1 - image.cropX0, image.cropY1 - image.cropY0));
-    forEachRow(image, false, progress, sink);
+    encodeRows(image, sink, progress);
 }
 
 void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,

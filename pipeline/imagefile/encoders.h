@@ -19,6 +19,8 @@ constexpr int pixelsAtOnce = 1 << 16;
 // The formats of `writeImage`. They throw what `sink` and `progress` throw, and
 // `std::runtime_error` (OpenEXR has its own kinds of it) when the format's library gives up.
 
+/// R G B of each pixel, of 8 bits, row by row and nothing else.
+void encodeRows(Image const& image, ByteSink const& sink, PhaseProgress const& progress);
 void encodePpm(Image const& image, ByteSink const& sink, PhaseProgress const& progress);
 void encodePng(Image const& image, bool withAlpha, ByteSink const& sink,
                PhaseProgress const& progress);

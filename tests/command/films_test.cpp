@@ -74,6 +74,62 @@ TEST_F(Films, GoFromKeyToKey) {
         EXPECT_EQ(read(fmt::format("way{}.ppm", number)), read(fmt::format("key{}.ppm", number)));
 }
 
+TEST_F(Films, AgreeByAPlanWhoeverRendersTheirParts) {
+    // Frames of different sizes and numbers, without radii: alone, each would choose others.
+    std::string frames;
+    for (int frame = 0; frame < 3; ++frame)
+        frames += fmt::format("3\nProperties=pos:R:3:q:R:1\n0 0 0 {0}\n{0} 1 0 7\n0 {0}.5 1 3\n",
+                              3 + frame);
+    write("film.xyz", frames);
+    Words const look = {"--color-by", "q", "--slice", "z", "--turntable", "5"};
+    auto const with = [&look](Words words) {
+        words.insert(words.end(), look.begin(), look.end());
+        return words;
+    };
+    shoot(with({"--frames", ":"}), "one#.ppm");
+    Words const plan = with({"render", "film.xyz", "--size", "40x30", "--plan", "plan.json"});
+    Answer const planned = run(plan);
+    EXPECT_EQ(planned.code, 0) << planned.err;
+    EXPECT_TRUE(contains(planned.err, "wrote plan.json: the camera, the radius, the range of "
+                                      "colours of frame 0\n"));
+    write("part1.ppm", "rendered before");
+    shoot(with({"--frames", "1:2", "--use", "plan.json", "--resume"}), "part#.ppm");
+    shoot(with({"--frames", "0:1", "--use", "plan.json", "--resume"}), "part#.ppm");
+    EXPECT_EQ(read("part1.ppm"), "rendered before");
+    fs::remove(folder / "part1.ppm");
+    shoot(with({"--frames", ":", "--use", "plan.json", "--resume"}), "part#.ppm");
+    for (char const* const number : {"0", "1", "2"})
+        EXPECT_EQ(read(fmt::format("part{}.ppm", number)), read(fmt::format("one{}.ppm", number)));
+    EXPECT_TRUE(contains(complaintAbout(R"({"camera": {"eye": [9, 0, 0], "lookAt": [0, 0, 0], "up":
+        [0, 0, 1], "fov": 9}, "radius": -1})",
+                                        "--use"),
+                         "'radius' is no number from 1e-15"));
+    EXPECT_EQ(run({"render", "film.xyz"}).err, "kelpa: --output is required\n");
+}
+
+TEST_F(Films, AreMadeByFfmpegWhereItIs) {
+    Answer const alone = run({"render", "film.xyz", "-o", "a.mp4"});
+    EXPECT_TRUE(contains(alone.err, "a.mp4: is a film; say of what with --frames or --turntable"));
+    // Whatever is called ffmpeg: this one keeps what it is given, and the words.
+    fs::create_directory(folder / "bin");
+    write("bin/ffmpeg", "#!/bin/sh\necho \"$@\" >words\ncat >raw\necho film >/proc/self/fd/3\n");
+    fs::permissions(folder / "bin/ffmpeg", fs::perms::owner_all);
+    std::string const film =
+        "render film.xyz --frames : --size 40x30 --samples 1 --fps 25 -o a.mp4";
+    EXPECT_EQ(inShell(film, "PATH=$PWD/bin:$PATH"), 0) << read("stderr");
+    EXPECT_EQ(read("a.mp4"), "film\n");
+    EXPECT_TRUE(contains(read("words"), "-video_size 40x30 -framerate 25 "));
+    std::string const raw = read("raw");
+    EXPECT_EQ(raw.size(), std::size_t{3} * 3 * 40 * 30);
+    write("bin/ffmpeg", "#!/bin/sh\necho no such codec >&2\nexit 1\n");
+    fs::remove(folder / "a.mp4");
+    EXPECT_NE(inShell(film, "PATH=$PWD/bin:$PATH"), 0);
+    EXPECT_TRUE(contains(read("stderr"), "a.mp4: ffmpeg makes no film of this: no such codec\n"));
+    EXPECT_NE(inShell(film, "PATH=/nowhere"), 0);
+    EXPECT_TRUE(contains(read("stderr"), "ffmpeg, which is not installed (Debian package ffmpeg)"));
+    EXPECT_FALSE(fs::exists(folder / "a.mp4"));
+}
+
 TEST_F(Films, SayWhatIsWrongWithAFile) {
     std::string const key = R"("eye": [1, 2, 3], "lookAt": [0, 0, 0], "up": [0, 0, 1])";
     auto const about = [&](std::string const& camera) {

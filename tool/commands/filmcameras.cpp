@@ -48,4 +48,8 @@ CameraKey FilmCameras::keyFor(Scene const& scene, int frame) {
     return keyOf(sightFor(scene, frame), scene.origin);
 }
 
+CameraWay FilmCameras::wayFor(Scene const& scene, int frame) {
+    return areChosenHere() ? CameraWay{{keyFor(scene, frame)}} : keys;
+}
+
 } // namespace pipeline::tool

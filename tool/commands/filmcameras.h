@@ -24,6 +24,9 @@ class FilmCameras {
     /// What turns begin with at a frame, as files keep it.
     CameraKey keyFor(Scene const& scene, int frame);
 
+    /// The way that was given, or else the camera for this frame.
+    CameraWay wayFor(Scene const& scene, int frame);
+
     bool areChosenHere() const { return keys.keys.empty(); }
 
   private:

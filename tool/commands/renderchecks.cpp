@@ -2,6 +2,7 @@
 #include "tool/commands/renderchecks.h"
 
 #include "pipeline/files/numberplace.h"
+#include "pipeline/imagefile/filmfile.h"
 #include "pipeline/imagefile/imagefile.h"
 #include "pipeline/scene/bounds.h"
 
@@ -45,9 +46,30 @@ std::vector<std::string> aovNames(ImageOptions const& image) {
     return names;
 }
 
+void checkFilmOutput(Options const& options) {
+    std::string const name = baseName(options.output);
+    if (!isNumbered(options))
+        throw UsageError(
+            fmt::format("{}: is a film; say of what with --frames or --turntable", name));
+    if (options.image.hasAovs() || options.image.transparent || options.image.tile ||
+        options.film.resume)
+        throw UsageError(fmt::format("{}: a film has no --aov, --background none, --tile and "
+                                     "--resume; make numbered pictures of it",
+                                     name));
+    checkFilm(options.output);
+}
+
 } // namespace
 
+bool isNumbered(Options const& options) {
+    return options.camera.turntable > 0 || !options.particles.frames.empty();
+}
+
 void checkOutput(Options const& options) {
+    if (!options.film.plan.empty())
+        return;
+    if (isFilm(options.output))
+        return checkFilmOutput(options);
     ImageFormat const format = imageFormatOf(options.output);
     if (options.image.hasAovs() && format != ImageFormat::exr)
         throw UsageError(fmt::format(
@@ -61,8 +83,7 @@ void checkOutput(Options const& options) {
         throw UsageError(
             fmt::format("{}: PPM cannot tell which tile it holds; write a .png or .exr",
                         baseName(options.output)));
-    bool const isNumbered = options.camera.turntable > 0 || !options.particles.frames.empty();
-    checkWritable((isNumbered ? numberedName : nameOfOne)(options.output, 0));
+    checkWritable((isNumbered(options) ? numberedName : nameOfOne)(options.output, 0));
 }
 
 void noteOutliers(Scene const& scene, Note const& note) {

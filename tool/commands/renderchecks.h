@@ -7,6 +7,9 @@
 
 namespace pipeline::tool {
 
+/// Whether there are several pictures, which their names tell apart.
+bool isNumbered(Options const& options);
+
 /// Refuses, before anything is read, an output that the picture could not be written to.
 void checkOutput(Options const& options);
 

@@ -1,6 +1,7 @@
 // kelpa render: pictures of frames, turns and films.
 #include "pipeline/files/numberplace.h"
 #include "pipeline/files/outputfile.h"
+#include "pipeline/imagefile/filmfile.h"
 #include "pipeline/imagefile/imagefile.h"
 #include "pipeline/picture/filmplan.h"
 #include "pipeline/picture/render.h"
@@ -20,6 +21,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <filesystem>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -40,11 +43,13 @@ struct BuiltScene {
 /// One run of the command: the pictures, and what is told about them.
 class Rendering {
   public:
-    /// `given` must outlive it.
-    explicit Rendering(Options const& given);
+    /// `all` must outlive it.
+    explicit Rendering(Options const& all);
 
     void renderOneFrame();
     void renderFrames();
+    void writePlan();
+    void finishFilm();
     void writeStatistics();
 
   private:
@@ -52,23 +57,44 @@ class Rendering {
     void renderPicture(BuiltScene& built, Camera const& camera, int frame,
                        std::string const& output);
     void tellFacts(PictureFacts& facts, int frame) const;
+    void writePicture(Image const& image, std::string const& output);
+    std::string nameOf(int picture) const;
+    bool isThere(std::string const& output);
     void saveCamera(Scene const& scene, int frame);
     void writeText(std::string const& path, std::string const& text);
 
     Options const& options;
     WrittenFiles files;
+    FilmPlan const given; ///< empty without a file
     FilmCameras cameras;
+    std::optional<FilmFile> film; ///< of all pictures, once there is one
     RenderStatistics statistics;
     FilmProgress series;
 };
 
-Rendering::Rendering(Options const& given)
-    : options(given), files(given),
-      cameras(given, given.film.camera.empty() ? CameraWay{} : readPlan(given.film.camera).camera) {
-    for (std::string const& path : {options.run.statsFile, options.film.saveCamera})
+/// What files say of a film, but for what the command line says itself.
+FilmPlan planFor(Options const& options) {
+    FilmPlan plan;
+    if (!options.film.camera.empty())
+        plan.camera = readPlan(options.film.camera).camera;
+    if (options.film.use.empty())
+        return plan;
+    plan = readPlan(options.film.use);
+    if (options.scene.radius.radius)
+        plan.kept.radius.reset();
+    if (options.scene.color.range)
+        plan.kept.colorRange.reset();
+    return plan;
+}
+
+Rendering::Rendering(Options const& all)
+    : options(all), files(all), given(planFor(all)), cameras(all, given.camera) {
+    for (std::string const& path :
+         {options.run.statsFile, options.film.saveCamera, options.film.plan})
         if (!path.empty())
             files.add(path);
-    if (!hasNumberPlace(options.output)) // others are added when their number is known
+    // Others are added when their number is known.
+    if (!options.output.empty() && !hasNumberPlace(options.output))
         files.add(options.output);
 }
 
@@ -100,7 +126,7 @@ void Rendering::tellFacts(PictureFacts& facts, int frame) const {
 
 void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame,
                               std::string const& output) {
-    if (output != options.output)
+    if (output != options.output) // which is known from the start
         files.add(output);
     Stopwatch const renderTime;
     auto const render = [&](PhaseProgress const& progress) {
@@ -112,9 +138,7 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
     tellFacts(*image.facts, frame);
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
-    withProgress("write", options.run, [&](PhaseProgress const& progress) {
-        writeImage(output, image, options.image.transparent, progress, options.compression);
-    });
+    writePicture(image, output);
     series.finishPicture();
     int const width = image.cropX1 - image.cropX0;
     int const height = image.cropY1 - image.cropY0;
@@ -127,6 +151,38 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
             withCommas(static_cast<std::uint64_t>(built.scene.geometry->statistics().used)),
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes(),
             series.remark());
+}
+
+void Rendering::writePicture(Image const& image, std::string const& output) {
+    withProgress("write", options.run, [&](PhaseProgress const& progress) {
+        if (!isFilm(output))
+            return writeImage(output, image, options.image.transparent, progress,
+                              options.compression);
+        if (!film)
+            film.emplace(output, image.cropX1 - image.cropX0, image.cropY1 - image.cropY0,
+                         options.film.framesPerSecond);
+        film->add(image, progress);
+    });
+}
+
+void Rendering::finishFilm() {
+    if (film)
+        withProgress("film", options.run,
+                     [&](PhaseProgress const& progress) { film->finish(progress); });
+}
+
+/// The file of a picture, one of several.
+std::string Rendering::nameOf(int picture) const {
+    return isFilm(options.output) ? options.output : numberedName(options.output, picture);
+}
+
+/// Whether the picture is there already, and need not be made.
+bool Rendering::isThere(std::string const& output) {
+    std::error_code ignored;
+    bool const isIt = options.film.resume && std::filesystem::exists(output, ignored);
+    if (isIt)
+        series.skipPicture();
+    return isIt;
 }
 
 void Rendering::writeText(std::string const& path, std::string const& text) {
@@ -150,20 +206,19 @@ void Rendering::renderOneFrame() {
     BuiltScene built = makeBuiltScene([this, &frame] {
         ParticleSet particles = readParticles(options.particles.files[0], options, false);
         frame = particles.frame;
-        return readyScene(options, std::move(particles));
+        return readyScene(options, std::move(particles), given.kept);
     });
     Scene const& scene = built.scene;
     if (cameras.areChosenHere() && !options.camera.eye && !options.camera.lookAt)
         noteOutliers(scene, noteTo(options.run));
     saveCamera(scene, frame);
     int const turn = options.camera.turntable;
-    if (turn == 0)
-        renderPicture(built, cameras.cameraFor(scene, frame, 0), frame,
-                      nameOfOne(options.output, frame));
+    if (std::string const output = nameOfOne(options.output, frame); turn == 0 && !isThere(output))
+        renderPicture(built, cameras.cameraFor(scene, frame, 0), frame, output);
     series.begin(static_cast<std::uint64_t>(turn), "picture");
     for (int picture = 0; picture < turn; ++picture)
-        renderPicture(built, cameras.cameraFor(scene, frame, picture), picture,
-                      numberedName(options.output, picture));
+        if (std::string const output = nameOf(picture); !isThere(output))
+            renderPicture(built, cameras.cameraFor(scene, frame, picture), picture, output);
 }
 
 /// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
@@ -175,22 +230,46 @@ void Rendering::renderFrames() {
     FrameNumbers const frames = reader.framesIn(options.particles.frames);
     series.begin(frames.count(), "frame");
     for (auto frame = frames.after(std::nullopt); frame; frame = frames.after(frame)) {
+        std::string const output = nameOf(*frame);
+        bool const isDone = isThere(output);
+        // Without a plan the first frame is needed even where its picture is not.
+        if (isDone && (kept || !options.film.use.empty()))
+            continue;
         BuiltScene built = makeBuiltScene([&] {
             ParticleSet particles =
                 ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
             ahead = reader.readSecond(particles);
             return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr,
-                              kept.value_or(Kept{}));
+                              kept.value_or(given.kept));
         });
         Scene const& scene = built.scene;
         if (!kept) {
             kept = scene.chosen;
+            if (given.kept.radius)
+                kept->radius = given.kept.radius;
             saveCamera(scene, *frame);
         }
         // By its number in the film a frame has its place in a turn, whoever renders it.
-        renderPicture(built, cameras.cameraFor(scene, *frame, *frame), *frame,
-                      numberedName(options.output, *frame));
+        if (!isDone)
+            renderPicture(built, cameras.cameraFor(scene, *frame, *frame), *frame, output);
     }
+}
+
+/// Writes what the first frame chooses for all.
+void Rendering::writePlan() {
+    SnapshotReader reader(options, options.particles.files[0]);
+    std::optional<int> frame = options.particles.frame;
+    if (!options.particles.frames.empty())
+        frame = reader.framesIn(options.particles.frames).after(std::nullopt);
+    ParticleSet particles = reader.read(frame, false);
+    int const number = particles.frame;
+    std::optional<ParticleSet> const second = reader.readSecond(particles);
+    Scene const scene = readyScene(options, std::move(particles), second ? &*second : nullptr);
+    writeText(options.film.plan, textOf({cameras.wayFor(scene, number), scene.chosen}));
+    if (!options.run.quiet)
+        say("wrote {}: the camera{}{} of frame {}\n", options.film.plan,
+            scene.chosen.radius ? ", the radius" : "",
+            scene.chosen.colorRange ? ", the range of colours" : "", number);
 }
 
 void Rendering::writeStatistics() {
@@ -202,10 +281,13 @@ void Rendering::writeStatistics() {
 int runRender(Options const& options) {
     checkOutput(options);
     Rendering rendering(options);
-    if (!options.particles.frames.empty())
+    if (!options.film.plan.empty())
+        rendering.writePlan();
+    else if (!options.particles.frames.empty())
         rendering.renderFrames();
     else
         rendering.renderOneFrame();
+    rendering.finishFilm();
     rendering.writeStatistics();
     return 0;
 }

@@ -67,6 +67,32 @@ void checkParticleOutput(std::string const& output) {
         throw UsageError(fmt::format("{}: particles are written as .ply only", output));
 }
 
+/// Where pictures go, or the plan of a film without any.
+void checkFilm(GivenOption const& isGiven, Options const& options) {
+    FilmOptions const& film = options.film;
+    if (film.plan.empty() && options.output.empty())
+        throw UsageError("--output is required");
+    if (!film.plan.empty() && (isGiven("--output") || film.resume))
+        throw UsageError("--plan makes no pictures; leave --output and --resume out");
+}
+
+/// Which pixels, and where the camera is.
+void checkPicture(Options const& options) {
+    auto const& crop = options.image.crop;
+    if (crop && !(0 <= (*crop)[0] && (*crop)[0] < (*crop)[2] && (*crop)[2] <= options.image.width &&
+                  0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
+        throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
+                                     options.image.width, options.image.height));
+    int const rows = crop ? (*crop)[3] - (*crop)[1] : options.image.height;
+    if (options.image.tile && options.image.tile->count > rows)
+        throw UsageError(fmt::format("--tile: {} tiles, but the picture has {} rows",
+                                     options.image.tile->count, rows));
+    if (options.image.tile && options.compression == ExrCompression::dwaa)
+        throw UsageError("--tile excludes --compression dwaa, which loses something each time");
+    if (options.camera.eye && options.camera.view)
+        throw UsageError("--eye and --view both place the camera; use one of them");
+}
+
 } // namespace
 
 void checkTogether(GivenOption const& isGiven, Options& options) {
@@ -81,6 +107,8 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         particles.files.resize(1);
     }
     checkFileCount(isGiven, options);
+    if (options.command == Options::Command::render)
+        checkFilm(isGiven, options);
     MotionOptions& motion = options.scene.motion;
     bool const makesPictures =
         options.command == Options::Command::render || options.command == Options::Command::view;
@@ -109,19 +137,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
         throw UsageError("--times must differ");
     if (motion.shutter && (*motion.shutter)[0] > (*motion.shutter)[1])
         throw UsageError("--shutter closes before it opens");
-    auto const& crop = options.image.crop;
-    if (crop && !(0 <= (*crop)[0] && (*crop)[0] < (*crop)[2] && (*crop)[2] <= options.image.width &&
-                  0 <= (*crop)[1] && (*crop)[1] < (*crop)[3] && (*crop)[3] <= options.image.height))
-        throw UsageError(fmt::format("--crop must lie within the picture of {}x{} and not be empty",
-                                     options.image.width, options.image.height));
-    int const rows = crop ? (*crop)[3] - (*crop)[1] : options.image.height;
-    if (options.image.tile && options.image.tile->count > rows)
-        throw UsageError(fmt::format("--tile: {} tiles, but the picture has {} rows",
-                                     options.image.tile->count, rows));
-    if (options.image.tile && options.compression == ExrCompression::dwaa)
-        throw UsageError("--tile excludes --compression dwaa, which loses something each time");
-    if (options.camera.eye && options.camera.view)
-        throw UsageError("--eye and --view both place the camera; use one of them");
+    checkPicture(options);
 }
 
 } // namespace pipeline::tool

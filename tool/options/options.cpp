@@ -113,10 +113,12 @@ void addPictures(CLI::App& command, Options& options, std::string const& frames)
 CLI::App* addRender(CLI::App& app, Options& options) {
     auto* const render = app.add_subcommand("render", "Make a picture of a particle file");
     addPictured(*render, options);
-    render->add_option("-o,--output", options.output, "Picture: .png, .exr or .ppm")->required();
+    render->add_option("-o,--output", options.output,
+                       "Picture: .png, .exr or .ppm, or film: .mp4 (with ffmpeg); required but "
+                       "with --plan");
     addPictures(*render, options,
                 "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; "
-                "the output numbers them: img.####.png");
+                "the output numbers them: img.####.png, or is a film");
     addFilmOptions(*render, options.film);
     addExrOptions(*render, options);
     return render;

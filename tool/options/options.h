@@ -43,6 +43,9 @@ struct ParticleOptions {
 /// Files that the pictures of a film have in common.
 struct FilmOptions {
     std::string camera;     ///< to take cameras from; empty: none
+    std::string plan;       ///< to write what the first frame chooses to, instead of pictures
+    std::string use;        ///< to take that from
+    bool resume = false;    ///< leave out pictures that are there
     std::string saveCamera; ///< to write the first picture's camera to
     double framesPerSecond = 24.0;
 };

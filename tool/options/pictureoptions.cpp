@@ -126,16 +126,34 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera) {
 }
 
 void addFilmOptions(CLI::App& app, FilmOptions& film) {
+    auto const addFile = [&app](char const* name, std::string& file, char const* help) {
+        return app.add_option(name, file, help)->type_name("FILE.json");
+    };
     auto* const camera =
-        app.add_option("--camera", film.camera,
-                       "Take the camera from this file, which may hold keys for several frames")
-            ->type_name("FILE.json")
+        addFile("--camera", film.camera,
+                "Take the camera from this file, which may hold keys for several frames")
             ->group("Camera");
-    for (char const* const other : {"--view", "--eye", "--look-at", "--up", "--fov", "--ortho"})
-        camera->excludes(app.get_option(other));
-    app.add_option("--save-camera", film.saveCamera, "Write the camera of the first picture")
-        ->type_name("FILE.json")
+    addFile("--save-camera", film.saveCamera, "Write the camera of the first picture")
         ->group("Camera");
+    auto* const use = addFile("--use", film.use,
+                              "Take from this file what --plan wrote, so that all who render parts "
+                              "of a film agree")
+                          ->excludes(camera)
+                          ->group("Film");
+    for (char const* const other : {"--view", "--eye", "--look-at", "--up", "--fov", "--ortho"})
+        for (auto* const given : {camera, use})
+            given->excludes(app.get_option(other));
+    addFile("--plan", film.plan,
+            "Write what the first frame chooses, the camera, the radius by spacing and the range "
+            "of colours, and make no pictures")
+        ->excludes(use)
+        ->group("Film");
+    app.add_flag("--resume", film.resume, "Leave out pictures that are there already")
+        ->group("Film");
+    app.add_option("--fps", film.framesPerSecond,
+                   "Frames a second, of an .mp4 and for what an .exr tells of time; default: 24")
+        ->transform(between(0.001, 100000.0))
+        ->group("Film");
 }
 
 namespace {
@@ -210,10 +228,6 @@ void addExrOptions(CLI::App& app, Options& options) {
     addChoice(app, "--compression", options.compression, compressions,
               "Of an .exr; zip (default) packs 16 rows at a time, zips single ones, "
               "dwaa loses a little of the colours")
-        ->group("Image");
-    app.add_option("--fps", options.film.framesPerSecond,
-                   "Frames a second, for what an .exr tells of time; default: 24")
-        ->transform(between(0.001, 100000.0))
         ->group("Image");
 }
 

@@ -14,6 +14,8 @@ class FilmProgress {
     /// Begins `total` pictures; `unit` is what one of them is called.
     void begin(std::uint64_t total, std::string const& unit);
     void finishPicture();
+    /// One of them need not be made.
+    void skipPicture() { total -= total > 0 ? 1 : 0; }
 
     /// What the display of a picture's phase adds: "frame 3 of 240, 12 min left". Empty for a
     /// single picture. Safe while no picture begins or ends.

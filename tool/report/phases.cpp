@@ -117,10 +117,10 @@ ParticleSet readParticles(std::string const& path, Options const& options, bool 
     return SnapshotReader(options, path).read(options.particles.frame, summarise);
 }
 
-Scene readyScene(Options const& options, ParticleSet particles) {
+Scene readyScene(Options const& options, ParticleSet particles, Kept const& kept) {
     std::optional<ParticleSet> const second =
         SnapshotReader(options, options.particles.files[0]).readSecond(particles);
-    return readyScene(options, std::move(particles), second ? &*second : nullptr);
+    return readyScene(options, std::move(particles), second ? &*second : nullptr, kept);
 }
 
 Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second,

@@ -86,7 +86,7 @@ class SnapshotReader {
 ParticleSet readParticles(std::string const& path, Options const& options, bool summarise);
 
 /// Makes the scene of a file, and of the second snapshot if there is one.
-Scene readyScene(Options const& options, ParticleSet particles);
+Scene readyScene(Options const& options, ParticleSet particles, Kept const& kept = {});
 /// The same with a second snapshot that has been read, or null, and what earlier frames of a film
 /// leave to it.
 Scene readyScene(Options const& options, ParticleSet particles, ParticleSet const* second,

@@ -4,6 +4,7 @@
 #include "pipeline/files/formats/molecule.h"
 #include "pipeline/files/formats/readermessages.h"
 #include "pipeline/files/inputfile.h"
+#include "pipeline/files/spawnplan.h"
 #include "pipeline/files/textvalues.h"
 
 #include <dlfcn.h>
@@ -42,52 +43,6 @@ std::vector<fs::path> ownFolders() {
     folders.push_back(fs::read_symlink("/proc/self/exe", ignored).parent_path());
     return folders;
 }
-
-/// Two ends of a pipe that no other program inherits; they close with this object.
-class Pipe {
-  public:
-    Pipe() { isOpen = pipe2(ends, O_CLOEXEC) == 0; }
-    ~Pipe() {
-        closeWriting();
-        if (isOpen)
-            close(ends[0]);
-    }
-    Pipe(Pipe const&) = delete;
-    Pipe& operator=(Pipe const&) = delete;
-
-    void closeWriting() {
-        if (isOpen && ends[1] >= 0)
-            close(std::exchange(ends[1], -1));
-    }
-
-    bool isOpen = false;
-    int ends[2] = {-1, -1};
-};
-
-/// What is to be done with a new program's descriptors and signals.
-class SpawnPlan {
-  public:
-    SpawnPlan() {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawnattr_init(&attributes);
-        sigset_t none;
-        sigset_t all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        posix_spawnattr_setsigmask(&attributes, &none);
-        posix_spawnattr_setsigdefault(&attributes, &all);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~SpawnPlan() {
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
-    }
-    SpawnPlan(SpawnPlan const&) = delete;
-    SpawnPlan& operator=(SpawnPlan const&) = delete;
-
-    posix_spawn_file_actions_t actions{};
-    posix_spawnattr_t attributes{};
-};
 
 /// A running program and the pipe from it; both go with this object.
 class RunningReader {
