@@ -1,6 +1,9 @@
 // Compiled with options that let its loops become wide; neither changes a value.
 #include "pipeline/scene/boxgroup.h"
 
+#include <iterator>
+#include <vector>
+
 namespace pipeline {
 
 namespace {
@@ -20,8 +23,15 @@ float boundedReciprocal(float component) {
     return a < b ? b : a;
 }
 
-[[gnu::always_inline]] inline std::uint32_t enterLoop(BoxGroup const& boxes, BoxRay const& ray,
-                                                      float end, GroupStretches& stretches) {
+// Both ends of a stretch are rounded, so that the ray may seem to leave before it enters (T. Ize,
+// "Robust BVH Ray Traversal", 2013, section 3).
+[[gnu::always_inline]] inline float withRoom(float leave) {
+    constexpr float rounding = 0x1p-21F;
+    return leave + (leave < 0.0F ? -leave : leave) * rounding;
+}
+
+[[gnu::always_inline]] inline std::uint32_t enterGroupLoop(BoxGroup const& boxes, BoxRay const& ray,
+                                                           float end, GroupStretches& stretches) {
     BoxRay const held = ray; // no store below can change it
     std::uint32_t entered = 0;
     for (unsigned i = 0; i < BoxGroup::most; ++i) {
@@ -34,10 +44,7 @@ float boundedReciprocal(float component) {
         float const in =
             larger(larger(larger(held.begin, smaller(ax, bx)), smaller(ay, by)), smaller(az, bz));
         float const out = smaller(smaller(larger(ax, bx), larger(ay, by)), larger(az, bz));
-        // Both ends are rounded, so that the ray may seem to leave before it enters (T. Ize,
-        // "Robust BVH Ray Traversal", 2013, section 3).
-        constexpr float rounding = 0x1p-21F;
-        float const latest = out + (out < 0.0F ? -out : out) * rounding;
+        float const latest = withRoom(out);
         stretches.enter[i] = in;
         stretches.leave[i] = latest;
         // Not a branch, else the loop stays narrow.
@@ -47,30 +54,155 @@ float boundedReciprocal(float component) {
     return entered;
 }
 
-std::uint32_t enter(BoxGroup const& boxes, BoxRay const& ray, float end, GroupStretches& to) {
-    return enterLoop(boxes, ray, end, to);
-}
-#if defined(__x86_64__)
-[[gnu::target("avx2")]] std::uint32_t enterAvx2(BoxGroup const& boxes, BoxRay const& ray, float end,
-                                                GroupStretches& to) {
-    return enterLoop(boxes, ray, end, to);
-}
-[[gnu::target("avx512f,avx512vl,avx512dq,prefer-vector-width=512")]] std::uint32_t
-enterAvx512(BoxGroup const& boxes, BoxRay const& ray, float end, GroupStretches& to) {
-    return enterLoop(boxes, ray, end, to);
-}
-#endif
+struct Range {
+    float low, high;
+};
 
-EnterGroup chosenForm() {
-#if defined(__x86_64__)
-    if (__builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512vl") != 0 &&
-        __builtin_cpu_supports("avx512dq") != 0)
-        return enterAvx512;
-    if (__builtin_cpu_supports("avx2") != 0)
-        return enterAvx2;
-#endif
-    return enter;
+/// Where products of what lies in two ranges lie.
+[[gnu::always_inline]] inline Range product(float lowA, float highA, float lowB, float highB) {
+    float const a = lowA * lowB;
+    float const b = lowA * highB;
+    float const c = highA * lowB;
+    float const d = highA * highB;
+    return {smaller(smaller(a, b), smaller(c, d)), larger(larger(a, b), larger(c, d))};
 }
+
+/// Where rays that begin and go within bounds enter at the earliest and leave at the latest what
+/// lies between two planes.
+[[gnu::always_inline]] inline Range between(float min, float max, float lowFrom, float highFrom,
+                                            float lowInverse, float highInverse) {
+    Range const a = product(min - highFrom, min - lowFrom, lowInverse, highInverse);
+    Range const b = product(max - highFrom, max - lowFrom, lowInverse, highInverse);
+    return {smaller(a.low, b.low), larger(a.high, b.high)};
+}
+
+[[gnu::always_inline]] inline std::uint32_t mayEnterLoop(BoxGroup const& boxes, BoxRay const& least,
+                                                         BoxRay const& greatest) {
+    std::uint32_t may = 0;
+    for (unsigned i = 0; i < BoxGroup::most; ++i) {
+        Range const x = between(boxes.minX[i], boxes.maxX[i], least.origin.x, greatest.origin.x,
+                                least.inverse.x, greatest.inverse.x);
+        Range const y = between(boxes.minY[i], boxes.maxY[i], least.origin.y, greatest.origin.y,
+                                least.inverse.y, greatest.inverse.y);
+        Range const z = between(boxes.minZ[i], boxes.maxZ[i], least.origin.z, greatest.origin.z,
+                                least.inverse.z, greatest.inverse.z);
+        float const in = larger(larger(larger(least.begin, x.low), y.low), z.low);
+        float const out = smaller(smaller(x.high, y.high), z.high);
+        may |= in <= withRoom(out) ? 1U << i : 0U;
+    }
+    return may;
+}
+
+// A list's rays are taken so many at a time.
+constexpr unsigned atOnce = 16;
+
+[[gnu::always_inline]] inline void invertLoop(BoxRays& rays, BoxRay& least, BoxRay& greatest) {
+    for (float* const inverse : {rays.inverseX, rays.inverseY, rays.inverseZ})
+        for (unsigned k = 0; k < BoxRays::most; ++k)
+            inverse[k] = boundedReciprocal(inverse[k]);
+    float const* const from[] = {rays.originX,  rays.originY,  rays.originZ, rays.inverseX,
+                                 rays.inverseY, rays.inverseZ, rays.begin};
+    float* const to[][2] = {
+        {&least.origin.x, &greatest.origin.x},   {&least.origin.y, &greatest.origin.y},
+        {&least.origin.z, &greatest.origin.z},   {&least.inverse.x, &greatest.inverse.x},
+        {&least.inverse.y, &greatest.inverse.y}, {&least.inverse.z, &greatest.inverse.z},
+        {&least.begin, &greatest.begin}};
+    for (unsigned value = 0; value < std::size(from); ++value) {
+        float low[atOnce];
+        float high[atOnce];
+        for (unsigned i = 0; i < atOnce; ++i)
+            low[i] = high[i] = from[value][i];
+        for (unsigned first = atOnce; first < BoxRays::most; first += atOnce)
+            for (unsigned i = 0; i < atOnce; ++i) {
+                low[i] = smaller(low[i], from[value][first + i]);
+                high[i] = larger(high[i], from[value][first + i]);
+            }
+        for (unsigned half = atOnce / 2; half > 0; half /= 2)
+            for (unsigned i = 0; i < half; ++i) {
+                low[i] = smaller(low[i], low[i + half]);
+                high[i] = larger(high[i], high[i + half]);
+            }
+        *to[value][0] = low[0];
+        *to[value][1] = high[0];
+    }
+}
+
+[[gnu::always_inline]] inline std::uint64_t enterBoxLoop(BoxGroup const& boxes, unsigned box,
+                                                         BoxRays const& rays, float const* ends,
+                                                         float* enter) {
+    float const minX = boxes.minX[box];
+    float const minY = boxes.minY[box];
+    float const minZ = boxes.minZ[box];
+    float const maxX = boxes.maxX[box];
+    float const maxY = boxes.maxY[box];
+    float const maxZ = boxes.maxZ[box];
+    std::uint64_t all = 0;
+    for (unsigned first = 0; first < BoxRays::most; first += atOnce) {
+        float ins[atOnce];
+        std::uint32_t entered = 0;
+        for (unsigned i = 0; i < atOnce; ++i) {
+            unsigned const k = first + i;
+            float const ax = (minX - rays.originX[k]) * rays.inverseX[k];
+            float const bx = (maxX - rays.originX[k]) * rays.inverseX[k];
+            float const ay = (minY - rays.originY[k]) * rays.inverseY[k];
+            float const by = (maxY - rays.originY[k]) * rays.inverseY[k];
+            float const az = (minZ - rays.originZ[k]) * rays.inverseZ[k];
+            float const bz = (maxZ - rays.originZ[k]) * rays.inverseZ[k];
+            float const in = larger(larger(larger(rays.begin[k], smaller(ax, bx)), smaller(ay, by)),
+                                    smaller(az, bz));
+            float const out = smaller(smaller(larger(ax, bx), larger(ay, by)), larger(az, bz));
+            ins[i] = in;
+            bool const isIn =
+                static_cast<int>(in <= withRoom(out)) & static_cast<int>(in <= ends[k]);
+            entered |= isIn ? 1U << i : 0U;
+        }
+        for (unsigned i = 0; i < atOnce; ++i)
+            enter[first + i] = ins[i];
+        all |= static_cast<std::uint64_t>(entered) << first;
+    }
+    return all;
+}
+
+[[gnu::always_inline]] inline std::uint64_t areBeforeLoop(float const* enter, float const* ends) {
+    std::uint64_t all = 0;
+    for (unsigned first = 0; first < BoxRays::most; first += atOnce) {
+        std::uint32_t before = 0;
+        for (unsigned i = 0; i < atOnce; ++i)
+            before |= enter[first + i] <= ends[first + i] ? 1U << i : 0U;
+        all |= static_cast<std::uint64_t>(before) << first;
+    }
+    return all;
+}
+
+// The loops as functions for one kind of processors.
+#define KELPA_BOX_KERNELS(kind, ...)                                                               \
+    namespace kind {                                                                               \
+    __VA_ARGS__ std::uint32_t enterGroup(BoxGroup const& boxes, BoxRay const& ray, float end,      \
+                                         GroupStretches& to) {                                     \
+        return enterGroupLoop(boxes, ray, end, to);                                                \
+    }                                                                                              \
+    __VA_ARGS__ void invert(BoxRays& rays, BoxRay& least, BoxRay& greatest) {                      \
+        invertLoop(rays, least, greatest);                                                         \
+    }                                                                                              \
+    __VA_ARGS__ std::uint32_t mayEnter(BoxGroup const& boxes, BoxRay const& least,                 \
+                                       BoxRay const& greatest) {                                   \
+        return mayEnterLoop(boxes, least, greatest);                                               \
+    }                                                                                              \
+    __VA_ARGS__ std::uint64_t enterBox(BoxGroup const& boxes, unsigned box, BoxRays const& rays,   \
+                                       float const* ends, float* enter) {                          \
+        return enterBoxLoop(boxes, box, rays, ends, enter);                                        \
+    }                                                                                              \
+    __VA_ARGS__ std::uint64_t areBefore(float const* enter, float const* ends) {                   \
+        return areBeforeLoop(enter, ends);                                                         \
+    }                                                                                              \
+    constexpr BoxKernels kernels = {enterGroup, invert, mayEnter, enterBox, areBefore};            \
+    }
+
+KELPA_BOX_KERNELS(any)
+#if defined(__x86_64__)
+KELPA_BOX_KERNELS(avx2, [[gnu::target("avx2")]])
+KELPA_BOX_KERNELS(avx512, [[gnu::target("avx512f,avx512vl,avx512dq,prefer-vector-width=512")]])
+#endif
 
 } // namespace
 
@@ -80,13 +212,19 @@ BoxRay::BoxRay(double x, double y, double z, Kelpa::Vector const& dir, double tM
       begin(static_cast<float>(tMin)) {
 }
 
-EnterGroup plainEnterGroup() {
-    return enter;
-}
-
-EnterGroup enterGroup() {
-    static EnterGroup const form = chosenForm();
-    return form;
+std::span<BoxKernels const> boxKernels() {
+    static std::vector<BoxKernels> const found = [] {
+        std::vector<BoxKernels> kernels = {any::kernels};
+#if defined(__x86_64__)
+        if (__builtin_cpu_supports("avx2") != 0)
+            kernels.push_back(avx2::kernels);
+        if (__builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512vl") != 0 &&
+            __builtin_cpu_supports("avx512dq") != 0)
+            kernels.push_back(avx512::kernels);
+#endif
+        return kernels;
+    }();
+    return found;
 }
 
 } // namespace pipeline

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <span>
 
 namespace pipeline {
 
@@ -48,12 +49,34 @@ struct alignas(64) GroupStretches {
     float leave[BoxGroup::most]; ///< with room for rounding
 };
 
-/// Finds the boxes that a ray enters at `end` or before: a bit for each.
-using EnterGroup = std::uint32_t (*)(BoxGroup const& boxes, BoxRay const& ray, float end,
-                                     GroupStretches& stretches);
+/// Rays side by side, as many as a list has at most.
+struct alignas(64) BoxRays {
+    static constexpr unsigned most = 64;
 
-/// The forms for the plainest processor and for this one; both give the same bits.
-EnterGroup plainEnterGroup();
-EnterGroup enterGroup();
+    float originX[most], originY[most], originZ[most];
+    float inverseX[most], inverseY[most], inverseZ[most]; ///< directions until `invert`
+    float begin[most];
+};
+
+/// The loops over boxes and rays.
+struct BoxKernels {
+    /// Finds the boxes that a ray enters at `end` or before: a bit for each.
+    std::uint32_t (*enterGroup)(BoxGroup const& boxes, BoxRay const& ray, float end,
+                                GroupStretches& stretches);
+    /// Makes inverses of directions, and finds between what values those of all rays lie.
+    void (*invert)(BoxRays& rays, BoxRay& least, BoxRay& greatest);
+    /// Finds the boxes that rays may enter whose values lie between those of two. None that one of
+    /// them enters is left out: each operation, rounded, rises or falls with each of its operands,
+    /// so what it comes to lies between what it comes to at the ends.
+    std::uint32_t (*mayEnter)(BoxGroup const& boxes, BoxRay const& least, BoxRay const& greatest);
+    /// Finds the rays that enter box `box` at `ends[k]` or before, a bit for each, and where.
+    std::uint64_t (*enterBox)(BoxGroup const& boxes, unsigned box, BoxRays const& rays,
+                              float const* ends, float* enter);
+    /// Finds which of 64 numbers are at most those of `ends`.
+    std::uint64_t (*areBefore)(float const* enter, float const* ends);
+};
+
+/// The kernels that run here: the plainest first, the fastest last. All give the same bits.
+std::span<BoxKernels const> boxKernels();
 
 } // namespace pipeline

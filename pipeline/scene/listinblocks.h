@@ -8,26 +8,27 @@
 namespace pipeline {
 
 /// A list of up to 64 rays on its way through a top tree: each block comes once, for all rays that
-/// enter it, the block that one of them enters first before the others.
+/// enter it, nearer blocks before others.
 ///
 /// Where rays go the same way that asks each block's tree once, and of many rays at a time. Which
 /// hit is the closest does not depend on the order.
 class ListInBlocks {
   public:
-    static constexpr unsigned most = 64;
+    static constexpr unsigned most = BoxRays::most;
 
-    /// Ray k is `rays[k]`, which stays where it is, and its search ends at `ends[k]`.
-    ListInBlocks(TopTree const& tree, BoxRay const* listed, unsigned count, double const* ends);
+    /// Ray k of `listed`, which has directions where inverses will be and stays where it is, ends
+    /// at `ends[k]`, and is one of the list if `present` has its bit.
+    ListInBlocks(TopTree const& tree, BoxRays& listed, std::uint64_t present, float const* ends);
 
-    /// Whether at least half of the rays begin in one part of the scene.
-    bool areTogether() const { return togetherAtFirst; }
+    /// Whether most of the rays enter the same parts of the scene.
+    bool areTogether() const { return together; }
 
     struct Step {
         std::int32_t block;
         std::uint64_t rays; ///< bit k: ray k
     };
     /// The next block that rays enter at their `ends` or before. Returns false behind the last.
-    bool next(double const* ends, Step& step);
+    bool next(float const* ends, Step& step);
 
   private:
     static constexpr unsigned children = BoxGroup::most;
@@ -38,11 +39,14 @@ class ListInBlocks {
         std::uint64_t rays;
     };
 
-    void expand(Part const& part, double const* ends);
+    void expand(Part const& part, float const* ends);
 
     TopTree const& top;
-    BoxRay const* rays;
-    bool togetherAtFirst = false;
+    BoxRays const& rays;
+    BoxKernels const& kernels = boxKernels().back();
+    BoxRay least; ///< between its values and those of `greatest` all rays' lie
+    BoxRay greatest;
+    bool together = false;
     Part waiting[children * TopTree::mostLevels];
     unsigned numWaiting = 0;
     // Of the blocks of one group of the lowest level, nearest last.

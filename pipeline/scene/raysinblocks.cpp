@@ -9,22 +9,34 @@ RaysInBlocks::RaysInBlocks(TopTree const& tree, Kelpa::RayBunchExtParams const& 
                            double const* tMins, std::span<unsigned char const> lanes,
                            double const* ends)
     : top(tree), count(static_cast<unsigned>(lanes.size())) {
-    for (unsigned k = 0; k < count; ++k) {
-        unsigned char const lane = lanes[k];
-        searchEnds[k] = ends[k];
-        rays[k] = {bunch.originX[lane],
-                   bunch.originY[lane],
-                   bunch.originZ[lane],
-                   {bunch.dirX[lane], bunch.dirY[lane], bunch.dirZ[lane]},
-                   tMins[lane]};
+    if (count == 0)
+        return;
+    for (unsigned k = 0; k < most; ++k) {
+        unsigned char const lane = lanes[k < count ? k : 0]; // repeated, it changes no bounds
+        searchEnds[k] = k < count ? narrow(ends[k]) : 0.0F;
+        rays.originX[k] = static_cast<float>(bunch.originX[lane]);
+        rays.originY[k] = static_cast<float>(bunch.originY[lane]);
+        rays.originZ[k] = static_cast<float>(bunch.originZ[lane]);
+        rays.inverseX[k] = bunch.dirX[lane];
+        rays.inverseY[k] = bunch.dirY[lane];
+        rays.inverseZ[k] = bunch.dirZ[lane];
+        rays.begin[k] = static_cast<float>(tMins[lane]);
         current[k] = TopTree::Entry::none();
     }
-    list.emplace(top, rays, count, searchEnds);
+    list.emplace(top, rays, ~std::uint64_t{0} >> (most - count), searchEnds);
     if (list->areTogether())
         return;
     list.reset();
     for (unsigned k = 0; k < count; ++k)
         advance(k, ends[k]);
+}
+
+BoxRay RaysInBlocks::rayOf(unsigned k) const {
+    BoxRay ray;
+    ray.origin = {rays.originX[k], rays.originY[k], rays.originZ[k]};
+    ray.inverse = {rays.inverseX[k], rays.inverseY[k], rays.inverseZ[k]};
+    ray.begin = rays.begin[k];
+    return ray;
 }
 
 bool RaysInBlocks::gather() {

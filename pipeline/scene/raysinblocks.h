@@ -20,7 +20,7 @@ namespace pipeline {
 /// those nothing is kept of what comes later: most end in their first block or the one after it.
 class RaysInBlocks {
   public:
-    static constexpr unsigned most = 64;
+    static constexpr unsigned most = BoxRays::most;
 
     /// The rays of `lanes`; that of lane `lanes[k]` is called k, begins at `tMins[lanes[k]]` and
     /// ends at `ends[k]`.
@@ -41,17 +41,23 @@ class RaysInBlocks {
 
     /// Ray k, which has been asked, goes on with what it enters at `end` or before.
     void advance(unsigned k, double end) {
-        searchEnds[k] = end;
+        searchEnds[k] = narrow(end);
         if (!list)
-            current[k] = top.next(rays[k], current[k], end).value_or(TopTree::Entry::none());
+            current[k] = top.next(rayOf(k), current[k], end).value_or(TopTree::Entry::none());
     }
     /// Ray k has found what it looked for.
     void finish(unsigned k) {
-        searchEnds[k] = -std::numeric_limits<double>::infinity();
+        searchEnds[k] = -std::numeric_limits<float>::infinity();
         current[k].block = -1;
     }
 
   private:
+    /// An end that is no nearer than what `next` makes of it.
+    static float narrow(double end) {
+        constexpr float largest = std::numeric_limits<float>::max();
+        return end < static_cast<double>(largest) ? static_cast<float>(end) : largest;
+    }
+    BoxRay rayOf(unsigned k) const;
     std::int32_t firstBlock() const;
     bool gatherOwnWays();
 
@@ -60,8 +66,8 @@ class RaysInBlocks {
     unsigned numGathered = 0;
     bool apart = false;
     unsigned char gathered[most];
-    double searchEnds[most];
-    BoxRay rays[most];
+    float searchEnds[most];
+    BoxRays rays;
     std::optional<ListInBlocks> list; ///< of rays that go the same way; others are at `current`
     ListInBlocks::Step step{};
     TopTree::Entry current[most];

@@ -49,7 +49,7 @@ std::optional<TopTree::Entry> TopTree::next(BoxRay const& ray, Entry const& last
     std::size_t used = 0;
     if (!levels.empty())
         waiting[used++] = {levels.size() - 1, 0};
-    EnterGroup const enter = enterGroup();
+    auto const enter = boxKernels().back().enterGroup;
     Entry best{lastBefore(end), std::numeric_limits<std::int32_t>::max()};
     bool isFound = false;
     while (used > 0) {

@@ -114,7 +114,7 @@ TEST(TopTrees, GiveARayItsBoxesInOrderLikeALookAtEach) {
             if (!isEmpty(boxes[b]))
                 group.set(3, boxes[b]);
             GroupStretches stretches;
-            ASSERT_EQ(plainEnterGroup()(group, ray, lastBefore(end), stretches),
+            ASSERT_EQ(boxKernels().front().enterGroup(group, ray, lastBefore(end), stretches),
                       alone.has_value() ? 8U : 0U);
             if (!alone)
                 continue;
@@ -134,6 +134,64 @@ TEST(TopTrees, GiveARayItsBoxesInOrderLikeALookAtEach) {
         entered += static_cast<long>(expected.size());
     }
     EXPECT_GT(entered, 1000);
+}
+
+TEST(BoxKernels, FindForRaysSideBySideWhatTheyFindForOne) {
+    Random random(6);
+    for (int list = 0; list < 200; ++list) {
+        BoxGroup boxes;
+        for (unsigned i = 0; i < 14; ++i) { // two are not set
+            Vector const at = random.inCube(1.0F);
+            float const half = random.between(0.0F, 0.4F);
+            boxes.set(i, {{at.x - half, at.y - half, at.z - half},
+                          {at.x + half, at.y + half, at.z + half}});
+        }
+        Vector const eye = random.inCube(list % 2 == 0 ? 3.0F : 0.5F);
+        Vector const towards = random.direction();
+        float const spread = list % 3 == 0 ? 2.0F : 0.1F;
+        BoxRays rays;
+        float ends[BoxRays::most];
+        std::vector<BoxRay> alone;
+        for (unsigned k = 0; k < BoxRays::most; ++k) {
+            Vector const aside = random.inCube(spread);
+            Vector const dir = {list % 7 == 0 ? 0.0F : towards.x + aside.x, towards.y + aside.y,
+                                towards.z + aside.z};
+            rays.originX[k] = eye.x + 0.1F * aside.y;
+            rays.originY[k] = eye.y;
+            rays.originZ[k] = eye.z;
+            rays.inverseX[k] = dir.x;
+            rays.inverseY[k] = dir.y;
+            rays.inverseZ[k] = dir.z;
+            rays.begin[k] = k % 2 == 0 ? 0.0F : 0.3F;
+            ends[k] = k % 4 == 0 ? 2.0F : 1e30F;
+            alone.emplace_back(static_cast<double>(rays.originX[k]), static_cast<double>(eye.y),
+                               static_cast<double>(eye.z), dir, static_cast<double>(rays.begin[k]));
+        }
+        BoxRays const directions = rays;
+        for (BoxKernels const& kernels : boxKernels()) {
+            rays = directions;
+            BoxRay least;
+            BoxRay greatest;
+            kernels.invert(rays, least, greatest);
+            std::uint32_t const may = kernels.mayEnter(boxes, least, greatest);
+            EXPECT_EQ(may, boxKernels().front().mayEnter(boxes, least, greatest));
+            for (unsigned box = 0; box < BoxGroup::most; ++box) {
+                float enter[BoxRays::most];
+                std::uint64_t const entered = kernels.enterBox(boxes, box, rays, ends, enter);
+                for (unsigned k = 0; k < BoxRays::most; ++k) {
+                    GroupStretches stretches;
+                    bool const isIn =
+                        (boxKernels().front().enterGroup(boxes, alone[k], ends[k], stretches) >>
+                             box &
+                         1U) != 0;
+                    ASSERT_EQ((entered >> k & 1U) != 0, isIn) << box << " " << k;
+                    ASSERT_TRUE(!isIn || (may >> box & 1U) != 0);
+                    EXPECT_TRUE(!isIn || enter[k] == stretches.enter[box]);
+                }
+                EXPECT_EQ(entered & kernels.areBefore(enter, ends), entered);
+            }
+        }
+    }
 }
 
 /// Rays of all kinds: from a point, from anywhere, and from particles, which they skip; every
