@@ -1,176 +1,96 @@
 // The page: what is done on it goes to the server, what the server sends is shown.
-import { Camera, dot, sub } from './camera.js';
 import { Connection } from './connection.js';
 import { listenToKeys, PointerControls, showKeys } from './controls.js';
 import { Film } from './film.js';
 import { Panel } from './panel.js';
+import { Picks } from './picks.js';
 import { PictureView } from './picture.js';
+import { Viewpoint } from './viewpoint.js';
 
 const at = (id) => document.getElementById(id);
+
+let state = null; // what the server last told of itself
+let isFresh = true; // until it has told on this connection
+
 const picture = new PictureView();
+const viewpoint = new Viewpoint(picture, {
+  connection: () => connection,
+  shown: () => state.shown,
+  moved: markPicked,
+  changed: showModes,
+});
+const picks = new Picks((message) => connection.send(message), {
+  picked(answer) {
+    panel.showPicked(answer);
+    markPicked();
+  },
+  look(position) { viewpoint.flyTo(position); },
+});
+const film = new Film(
+  (scene) => connection.send({ scene }),
+  () => {
+    viewpoint.stay();
+    picks.unpick();
+  },
+  () => state);
+const panel = new Panel({
+  look: (look) => connection.send({ look }),
+  scene: (scene) => connection.send({ scene }),
+});
 
-let camera = Camera.fromLink(location.hash); // null: where the server places it
-let framed = {}; // how the server is to place it: { view: 'front' }, or {} for the first camera
-let cameraNumber = 0;
-let state = null;
-let isFree = false;
-let anchor = null; // what lies under the pointer, in the file's coordinates
-let picked = null;
-let pickNumber = 0;
-let purposes = new Map(); // of picks that are asked
-let isCameraDue = false;
-let restTimer = 0;
-
-// --- to the server
-
-/// Sends the camera with the next picture of the screen, while the line takes it.
-function sendSoon() {
-  document.body.classList.add('turning');
-  clearTimeout(restTimer);
-  restTimer = setTimeout(sendAtRest, 120);
-  if (isCameraDue)
-    return;
-  isCameraDue = true;
-  requestAnimationFrame(function send() {
-    if (connection.isOpen && !connection.isFree) {
-      requestAnimationFrame(send);
-      return;
-    }
-    isCameraDue = false;
-    sendCamera(true);
-  });
+function markPicked() {
+  const from = viewpoint.current;
+  const { picked } = picks;
+  picture.mark(picked && from ? from.project(picked.position, picked.radius) : null);
 }
 
-function sendCamera(moving) {
-  const fields = camera ? camera.toMessage() : { ...framed, fov: 35 };
-  connection.send({ camera: { ...fields, number: ++cameraNumber, moving } });
-  markPicked();
+function showModes() {
+  at('ortho').setAttribute('aria-pressed', String(Boolean(viewpoint.current?.ortho)));
+  at('free').setAttribute('aria-pressed', String(viewpoint.isFree));
 }
 
-function sendAtRest() {
-  document.body.classList.remove('turning');
-  if (isDragging) {
-    restTimer = setTimeout(sendAtRest, 120);
-    return;
-  }
-  sendCamera(false);
-  if (camera)
-    history.replaceState(null, '', camera.toLink());
-}
+// --- what people do
 
-function frame(view) {
-  camera = null;
-  framed = view ? { view } : {};
-  history.replaceState(null, '', location.pathname);
-  sendCamera(false);
-}
-
-function sendSize() {
-  connection.send({ size: picture.wantedSize() });
-  markPicked();
-}
-
-// --- the camera
-
-/// Where it was placed is where it is moved from.
-let placed = null;
-function ownCamera() {
-  if (!camera && placed)
-    camera = placed.copy();
-  return camera;
-}
-
-let isDragging = false;
 const act = {
   grab(place) {
-    isDragging = true;
-    anchor = null;
-    if (place)
-      ask(place, 'anchor');
+    viewpoint.isHeld = true;
+    picks.grab(place);
     picture.canvas.classList.add('turning');
   },
   release() {
-    isDragging = false;
+    viewpoint.isHeld = false;
     picture.canvas.classList.remove('turning');
   },
-  turn(dx, dy) {
-    if (!ownCamera())
-      return;
-    const box = picture.box();
-    const angle = Math.PI / Math.min(box.width, box.height);
-    camera.turn(dx * angle, dy * angle, isFree ? null : state.shown.up);
-    sendSoon();
-  },
-  pan(dx, dy) {
-    if (!ownCamera())
-      return;
-    // What was grabbed stays under the pointer.
-    const depth = anchor && !camera.ortho ? dot(sub(anchor, camera.eye), camera.forward) : 0;
-    const factor = depth > 0 ? depth / camera.distance : 1;
-    const { height } = picture.box();
-    camera.pan(factor * dx / height, factor * dy / height);
-    sendSoon();
-  },
-  roll(angle) {
-    if (!ownCamera())
-      return;
-    isFree ||= Math.abs(angle) > 0.02; // a small twist of the fingers is none
-    if (isFree)
-      camera.roll(angle);
-    showModes();
-    sendSoon();
-  },
+  turn(dx, dy) { viewpoint.turn(dx, dy); },
+  pan(dx, dy) { viewpoint.pan(dx, dy, picks.anchor); },
+  roll(angle) { viewpoint.roll(angle); },
   zoom(place, factor) {
-    if (!ownCamera())
-      return;
-    const box = picture.box();
-    const [x, y] = [2 * place.x - 1, 1 - 2 * place.y];
-    const isNear = anchorPlace && Math.hypot(anchorPlace.x - place.x, anchorPlace.y - place.y) < 0.02;
-    if (!isNear) {
-      anchor = null;
-      ask(place, 'anchor');
-    }
-    const point = anchor ?? camera.pointAt(x, y, box.width / box.height);
-    camera.zoomAt(point, factor, state.shown.diagonal);
-    sendSoon();
+    if (viewpoint.current)
+      viewpoint.zoom(place, factor, picks.anchorNear(place));
   },
-  zoomMiddle(factor) {
-    if (!ownCamera())
-      return;
-    camera.zoomAt(camera.target, factor, state.shown.diagonal);
-    sendSoon();
-  },
-  view(name) { frame(name); },
-  reset() { frame(null); },
-  toggleOrtho() {
-    if (!ownCamera())
-      return;
-    camera = camera.withOrtho(!camera.ortho, state.shown.diagonal);
-    showModes();
-    sendSoon();
-  },
+  zoomMiddle(factor) { viewpoint.zoomMiddle(factor); },
+  view(name) { viewpoint.frame(name); },
+  reset() { viewpoint.frame(null); },
+  toggleOrtho() { viewpoint.toggleOrtho(); },
   toggleFree() {
-    isFree = !isFree;
-    showModes();
-    panel.toast(isFree ? 'Turns freely' : 'Turns level');
+    viewpoint.toggleFree();
+    panel.toast(viewpoint.isFree ? 'Turns freely' : 'Turns level');
   },
-  click(place) { ask(place, 'pick'); },
+  click(place) { picks.ask(place, 'pick'); },
   clickMiddle() {
     at('cross').hidden = false;
     setTimeout(() => { at('cross').hidden = true; }, 900);
-    ask({ x: 0.5, y: 0.5 }, 'pick');
+    picks.ask({ x: 0.5, y: 0.5 }, 'pick');
   },
-  doubleClick(place) { ask(place, 'look'); },
-  lookAtPicked() { picked ? flyTo(picked.position) : panel.toast('No particle is picked'); },
+  doubleClick(place) { picks.ask(place, 'look'); },
+  lookAtPicked() {
+    picks.picked ? viewpoint.flyTo(picks.picked.position) : panel.toast('No particle is picked');
+  },
   step(count) { film.step(count); },
   togglePlay() { film.toggle(); },
   save(format) { save(format); },
   copyCommand() { connection.send({ command: true }); },
-  copyLink() {
-    ownCamera();
-    const link = location.href.replace(/#.*/, '') + (camera ? camera.toLink() : '');
-    copy(link, 'Link');
-  },
+  copyLink() { copy(viewpoint.toLink(), 'Link'); },
   togglePanel() {
     at('panel').hidden = !at('panel').hidden;
     at('viewlist').hidden = true;
@@ -184,86 +104,18 @@ const act = {
   escape() {
     if (!at('viewlist').hidden)
       toggleViews();
-    else if (picked)
-      unpick();
+    else if (picks.picked)
+      picks.unpick();
     else if (!at('panel').hidden)
       act.togglePanel();
     picture.canvas.focus();
   },
 };
 
-/// Goes to where a point is in the middle, in a quarter of a second.
-function flyTo(point) {
-  if (!ownCamera())
-    return;
-  const begin = performance.now();
-  const from = [...camera.target];
-  const isStill = matchMedia('(prefers-reduced-motion: reduce)').matches;
-  const step = (now) => {
-    const t = isStill ? 1 : Math.min(1, (now - begin) / 250);
-    const eased = t * t * (3 - 2 * t);
-    camera.centre(from.map((v, i) => v + (point[i] - v) * eased));
-    sendSoon();
-    if (t < 1)
-      requestAnimationFrame(step);
-  };
-  requestAnimationFrame(step);
+function toggleViews() {
+  at('viewlist').hidden = !at('viewlist').hidden;
+  at('views').setAttribute('aria-expanded', String(!at('viewlist').hidden));
 }
-
-// --- particles
-
-let anchorPlace = null;
-function ask(place, purpose) {
-  const number = ++pickNumber;
-  purposes.set(number, purpose);
-  if (purpose === 'anchor')
-    anchorPlace = place;
-  connection.send({ pick: { number, ...place, row: purpose !== 'anchor' } });
-}
-
-function takePicked(answer) {
-  const purpose = purposes.get(answer.number);
-  purposes.delete(answer.number);
-  if (purpose === 'anchor') {
-    anchor = answer.hit ? answer.place : null;
-    return;
-  }
-  if (!answer.hit) {
-    if (purpose === 'pick')
-      unpick();
-    return;
-  }
-  picked = answer;
-  panel.showPicked(picked);
-  markPicked();
-  if (purpose === 'look')
-    flyTo(answer.position);
-}
-
-function unpick() {
-  picked = null;
-  panel.showPicked(null);
-  markPicked();
-}
-
-function markPicked() {
-  const from = camera ?? placed;
-  picture.mark(picked && from ? from.project(picked.position, picked.radius) : null);
-}
-
-// --- frames
-
-const film = new Film(
-  (scene) => connection.send({ scene }),
-  () => {
-    // From frame to frame the camera stays where it is.
-    if (!camera && ownCamera())
-      sendCamera(false);
-    unpick();
-  },
-  () => state);
-
-// --- out
 
 function save(format) {
   if (!state?.shown)
@@ -288,12 +140,12 @@ async function copy(text, name) {
   }
 }
 
-// --- from the server
+// --- to and from the server
 
-const panel = new Panel({
-  look: (look) => connection.send({ look }),
-  scene: (scene) => connection.send({ scene }),
-});
+function sendSize() {
+  connection.send({ size: picture.wantedSize() });
+  markPicked();
+}
 
 function takeState(told) {
   state = told;
@@ -303,17 +155,9 @@ function takeState(told) {
   if (isFresh) {
     isFresh = false;
     sendSize();
-    if (camera)
-      sendCamera(false);
+    if (viewpoint.camera)
+      viewpoint.tell(false);
   }
-}
-
-function takeCamera(told) {
-  if (!state?.shown)
-    return;
-  placed = Camera.fromServer(told, state.shown.diagonal);
-  showModes();
-  markPicked();
 }
 
 async function takePicture(facts, bytes) {
@@ -325,7 +169,6 @@ async function takePicture(facts, bytes) {
   }
 }
 
-let isFresh = true;
 const connection = new Connection({
   open() {
     isFresh = true;
@@ -343,14 +186,12 @@ const connection = new Connection({
       takeState(message.state);
     if (message.news)
       panel.showNews(message.news);
-    if (message.camera)
-      takeCamera(message.camera);
+    if (message.camera && state?.shown)
+      viewpoint.takePlaced(message.camera);
     if (message.picked)
-      takePicked(message.picked);
-    if (message.row && picked && message.row.number === picked.number) {
-      picked.row = message.row.cells;
-      panel.showPicked(picked);
-    }
+      picks.take(message.picked);
+    if (message.row)
+      picks.takeRow(message.row);
     if (message.command)
       copy(message.command, 'Command');
   },
@@ -359,24 +200,13 @@ const connection = new Connection({
 
 // --- the page's own
 
-function showModes() {
-  const from = camera ?? placed;
-  at('ortho').setAttribute('aria-pressed', String(Boolean(from?.ortho)));
-  at('free').setAttribute('aria-pressed', String(isFree));
-}
-
-function toggleViews() {
-  at('viewlist').hidden = !at('viewlist').hidden;
-  at('views').setAttribute('aria-expanded', String(!at('viewlist').hidden));
-}
-
 new PointerControls(picture, act);
 listenToKeys(act);
 new ResizeObserver(() => sendSize()).observe(picture.canvas);
 const clicks = {
   reset: act.reset, views: toggleViews, ortho: act.toggleOrtho, free: act.toggleFree, full: act.toggleFull,
   keys: act.help, settings: act.togglePanel, png: () => save('png'), exr: () => save('exr'),
-  command: act.copyCommand, link: act.copyLink, look: act.lookAtPicked, unpick,
+  command: act.copyCommand, link: act.copyLink, look: act.lookAtPicked, unpick: () => picks.unpick(),
   back: () => act.step(-1), next: () => act.step(1), play: act.togglePlay,
 };
 for (const [id, action] of Object.entries(clicks))
@@ -384,7 +214,7 @@ for (const [id, action] of Object.entries(clicks))
 for (const button of at('viewlist').children)
   button.addEventListener('click', () => {
     toggleViews();
-    frame(button.dataset.view);
+    viewpoint.frame(button.dataset.view);
   });
 at('slider').addEventListener('input', () => {
   film.stop();
@@ -392,13 +222,7 @@ at('slider').addEventListener('input', () => {
   film.show(Number(at('slider').value));
 });
 at('slider').addEventListener('change', () => { panel.isSliding = false; });
-addEventListener('hashchange', () => {
-  const linked = Camera.fromLink(location.hash);
-  if (linked) {
-    camera = linked;
-    sendCamera(false);
-  }
-});
+addEventListener('hashchange', () => viewpoint.follow(location.hash));
 showKeys(at('keylist'));
 if (!document.fullscreenEnabled)
   at('full').hidden = true;
