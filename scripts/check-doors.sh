@@ -23,11 +23,12 @@ forbid kelpa/spheretree/motionblur 'kelpa/spheretree/static'
 forbid kelpa/particleprimitives "kelpa/host|pipeline/|$programs"
 forbid kelpa/host "kelpa/(spheretree|particleprimitives)|pipeline/|$programs"
 # The way from a file to a picture, each room above all that it includes.
-forbid pipeline/files "kelpa/(spheretree|particleprimitives|host)|pipeline/(samples|scene|picture|imagefile)|$programs"
-forbid pipeline/samples "kelpa/(spheretree|particleprimitives|host)|pipeline/(scene|picture|imagefile)|$programs"
-forbid pipeline/scene "kelpa/spheretree|pipeline/(samples|picture|imagefile)|$programs"
-forbid pipeline/picture "kelpa/spheretree|pipeline/(samples|imagefile)|$programs"
-forbid pipeline/imagefile "kelpa/(spheretree|particleprimitives|host)|pipeline/(samples|scene)|$programs"
+forbid pipeline/files "kelpa/(spheretree|particleprimitives|host)|pipeline/(readers|samples|scene|picture|imagefile)|$programs"
+forbid pipeline/readers "kelpa/|pipeline/(samples|scene|picture|imagefile)|$programs"
+forbid pipeline/samples "kelpa/(spheretree|particleprimitives|host)|pipeline/(readers|scene|picture|imagefile)|$programs"
+forbid pipeline/scene "kelpa/spheretree|pipeline/(readers|samples|picture|imagefile)|$programs"
+forbid pipeline/picture "kelpa/spheretree|pipeline/(readers|samples|imagefile)|$programs"
+forbid pipeline/imagefile "kelpa/(spheretree|particleprimitives|host)|pipeline/(readers|samples|scene)|$programs"
 for program in tool bench examples python; do
     others=${programs//$program\//never/}
     forbid $program "$others"
