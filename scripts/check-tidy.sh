@@ -15,7 +15,7 @@ fi
 build=${BUILD:-build/tidy}
 [[ -f "$build/compile_commands.json" ]] ||
     cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
-[[ $# -gt 0 ]] || set -- bench kelpa pipeline python tool
+[[ $# -gt 0 ]] || set -- bench examples kelpa pipeline python tool view
 
 # Each source once, whatever it is compiled for.
 sources=$(python3 - "$build/compile_commands.json" "$@" <<'PYTHON'

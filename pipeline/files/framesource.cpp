@@ -137,9 +137,9 @@ FrameRange FrameSource::resolve(FrameRange const& range) const {
             range.last < 0 ? resolve(range.last) : range.last, range.step};
 }
 
-ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions options) {
+ParticleSet FrameSource::read(std::optional<int> frame, ReadOptions const& options) {
     if (options.topology.empty())
-        return readPlaces(frame, std::move(options));
+        return readPlaces(frame, options);
     if (!topology)
         topology.emplace(options.topology, options.progress);
     ParticleSet particles = readPlaces(frame, topology->forTrajectory(options));

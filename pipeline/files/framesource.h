@@ -52,7 +52,7 @@ class FrameSource {
 
     /// Reads a frame; without a number, the first. `ParticleSet::frame` tells which it was.
     /// Frames of a file read in rising order cost one way through it.
-    ParticleSet read(std::optional<int> frame, ReadOptions options);
+    ParticleSet read(std::optional<int> frame, ReadOptions const& options);
     /// Reads the frame that follows one; nothing behind the last. `ParticleSet::steps` tells how
     /// many frames' time later it was taken.
     std::optional<ParticleSet> readAfter(int frame, ReadOptions options);

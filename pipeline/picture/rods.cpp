@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <utility>
 
 namespace pipeline {
 
@@ -43,9 +44,9 @@ double hitRod(Rod const& rod, Vec const& origin, Vec const& direction, double en
 
 } // namespace
 
-PictureRods::PictureRods(std::vector<Rod> const& shown, Camera const& camera, int left, int top,
-                         int right, int bottom)
-    : rods(shown) {
+PictureRods::PictureRods(std::vector<Rod> shown, Camera const& camera, int left, int top, int right,
+                         int bottom)
+    : rods(std::move(shown)) {
     if (rods.empty())
         return;
     std::vector<Kelpa::Vector> centers;

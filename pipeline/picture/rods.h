@@ -14,7 +14,7 @@ class PictureRods {
   public:
     PictureRods() = default;
     /// Of the part of the camera's picture from (`left`, `top`) to before (`right`, `bottom`).
-    PictureRods(std::vector<Rod> const& rods, Camera const& camera, int left, int top, int right,
+    PictureRods(std::vector<Rod> shown, Camera const& camera, int left, int top, int right,
                 int bottom);
 
     /// Whether a rod may show in a pixel of the part.

@@ -22,12 +22,13 @@ std::vector<Rod> cellEdges(ParticleSet const& particles) {
     double const radius = thickness * std::sqrt(dot(across, across));
     std::vector<Rod> rods;
     for (std::size_t along = 0; along < 3; ++along)
-        for (int corner = 0; corner < 4; ++corner) {
-            Vec const from = origin + edges[(along + 1) % 3] * (corner % 2) +
-                             edges[(along + 2) % 3] * (corner / 2);
-            if (dot(edges[along], edges[along]) > 0.0)
-                rods.push_back({from, from + edges[along], radius});
-        }
+        for (double const up : {0.0, 1.0})
+            for (double const right : {0.0, 1.0}) {
+                Vec const from =
+                    origin + edges[(along + 1) % 3] * right + edges[(along + 2) % 3] * up;
+                if (dot(edges[along], edges[along]) > 0.0)
+                    rods.push_back({from, from + edges[along], radius});
+            }
     return rods;
 }
 
