@@ -175,7 +175,9 @@ std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const&
         firstFrame = facts.frame;
     }
     build(shown->scene, wanted, report);
-    shown->bounds = boundsOf(shown->scene.framedCenters());
+    FramedSpheres const framed = shown->scene.framed();
+    shown->bounds = framed.bounds();
+    shown->diagonal = shown->bounds.diagonal() + 2.0 * static_cast<double>(framed.largestRadius());
     shown->occlusionDistance = usualOcclusionDistance(shown->scene);
     return shown;
 }

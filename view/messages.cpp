@@ -225,15 +225,11 @@ Json jsonOf(Shown const& shown) {
         columns.push_back({{"name", column.name}, {"min", column.min}, {"max", column.max}});
     Scene const& scene = shown.scene;
     Json json = {
-        {"file", facts.file},
-        {"format", facts.format},
-        {"particles", facts.particles},
-        {"used", scene.geometry->statistics().used},
-        {"frame", facts.frame},
-        {"columns", columns},
-        {"notes", facts.notes},
-        {"centre", listOf(shown.bounds.centre() + scene.origin)},
-        {"diagonal", shown.bounds.diagonal() + 2.0 * static_cast<double>(scene.framedRadii()[0])}};
+        {"file", facts.file},           {"format", facts.format},
+        {"particles", facts.particles}, {"used", scene.geometry->statistics().used},
+        {"frame", facts.frame},         {"columns", columns},
+        {"notes", facts.notes},         {"centre", listOf(shown.bounds.centre() + scene.origin)},
+        {"diagonal", shown.diagonal}};
     if (scene.colorRange)
         json["bar"] = {{"column", scene.colorColumn},
                        {"low", (*scene.colorRange)[0]},

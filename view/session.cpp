@@ -180,12 +180,8 @@ Camera Session::cameraOf(Task const& task) {
     }
     Scene const& scene = task.shown->scene;
     CameraOptions const& options = task.wish.camera;
-    bool const isPlaced = options.eye && options.lookAt;
-    // Then it is not framed, and no look at all particles is needed.
-    std::size_t const count = isPlaced ? 1 : scene.framedCenters().size();
     Camera const camera = placeCamera(options, task.wish.width, task.wish.height, scene.upAxis,
-                                      scene.framedCenters().first(count),
-                                      scene.framedRadii().first(count), scene.origin);
+                                      scene.framed(), scene.origin);
     if (!options.eye || !options.lookAt || !options.up)
         outbox->addText(textOf(camera, task.wish.cameraNumber, *task.shown));
     std::lock_guard const guard(mutex);

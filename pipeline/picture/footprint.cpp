@@ -1,6 +1,8 @@
 // Counts, cell by cell of a picture, which spheres may show there.
 #include "pipeline/picture/footprint.h"
 
+#include "kelpa/foundation/usableparticles.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -19,9 +21,7 @@ Block around(Block const& a, Block const& b) {
 }
 
 bool isFinite(Snapshot const& system, std::size_t particle) {
-    Kelpa::Vector const& center = system.positions[particle];
-    return std::isfinite(center.x) && std::isfinite(center.y) && std::isfinite(center.z) &&
-           std::isfinite(system.radii[particle]);
+    return Kelpa::isFinite(system.positions[particle]) && std::isfinite(system.radii[particle]);
 }
 
 } // namespace

@@ -93,7 +93,7 @@ struct Reach {
 /// D >= z + ((y - c) cos a + r) / sin a, and likewise for the lower. The largest of either side
 /// over all spheres give the c for which both are least.
 void fitPinhole(Camera& camera, double tanHalfWidth, double tanHalfHeight,
-                std::span<Kelpa::Vector const> centers, std::span<float const> radii) {
+                FramedSpheres const& spheres) {
     struct Half {
         double cotangent;
         double perSine;
@@ -108,14 +108,14 @@ void fitPinhole(Camera& camera, double tanHalfWidth, double tanHalfHeight,
     Half horizontal(tanHalfWidth / marginFactor);
     Half vertical(tanHalfHeight / marginFactor);
     double nearest = -std::numeric_limits<double>::infinity();
-    for (std::size_t i = 0; i < centers.size(); ++i) {
-        Vec const c = wide(centers[i]);
+    spheres.forEach([&](Kelpa::Vector const& center, float radius) {
+        Vec const c = wide(center);
         double const depth = -dot(c, camera.forward);
-        double const r = static_cast<double>(radii[i]);
+        double const r = static_cast<double>(radius);
         horizontal.add(dot(c, camera.right), depth, r);
         vertical.add(dot(c, camera.up), depth, r);
         nearest = std::max(nearest, depth + r);
-    }
+    });
     double const distance = std::max(horizontal.reach.width(), vertical.reach.width()) / 2.0;
     double const x = horizontal.reach.middle() / horizontal.cotangent;
     double const y = vertical.reach.middle() / vertical.cotangent;
@@ -123,20 +123,19 @@ void fitPinhole(Camera& camera, double tanHalfWidth, double tanHalfHeight,
 }
 
 /// Fits parallel rays: half the height seen, and a plane in front of all spheres.
-void fitParallel(Camera& camera, std::span<Kelpa::Vector const> centers,
-                 std::span<float const> radii) {
+void fitParallel(Camera& camera, FramedSpheres const& spheres) {
     Reach horizontal;
     Reach vertical;
     double nearest = -std::numeric_limits<double>::infinity();
-    for (std::size_t i = 0; i < centers.size(); ++i) {
-        Vec const c = wide(centers[i]);
-        double const r = static_cast<double>(radii[i]);
+    spheres.forEach([&](Kelpa::Vector const& center, float radius) {
+        Vec const c = wide(center);
+        double const r = static_cast<double>(radius);
         double const x = dot(c, camera.right);
         double const y = dot(c, camera.up);
         horizontal.add(x + r, r - x);
         vertical.add(y + r, r - y);
         nearest = std::max(nearest, r - dot(c, camera.forward));
-    }
+    });
     double const aspect = static_cast<double>(camera.width) / camera.height;
     camera.tanHalfHeight =
         marginFactor * std::max(vertical.width(), horizontal.width() / aspect) / 2.0;
@@ -156,9 +155,9 @@ void orient(Camera& camera, Vec const& towardsEye, Vec wantedUp) {
 }
 
 Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
-                   std::span<Kelpa::Vector const> centers, std::span<float const> radii,
-                   Vec const& origin) {
-    Bounds const bounds = boundsOf(centers);
+                   FramedSpheres const& spheres, Vec const& origin) {
+    bool const isPlaced = options.lookAt && (options.eye || options.view || options.direction);
+    Bounds const bounds = isPlaced ? Bounds{} : spheres.bounds();
     char const axis = options.upAxis != '\0' ? options.upAxis : upAxis;
     Vec const up = options.up ? wide(*options.up) : axisUp(axis);
     Camera camera{};
@@ -180,9 +179,9 @@ Camera placeCamera(CameraOptions const& options, int width, int height, char upA
     } else {
         orient(camera, viewDirection(options, axis, bounds), up);
         if (options.ortho)
-            fitParallel(camera, centers, radii);
+            fitParallel(camera, spheres);
         else
-            fitPinhole(camera, tanHalf * width / height, tanHalf, centers, radii);
+            fitPinhole(camera, tanHalf * width / height, tanHalf, spheres);
         if (options.lookAt) {
             // The distance stays; the eye moves across until it looks at the point.
             Vec const across = target - camera.eye;

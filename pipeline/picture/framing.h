@@ -4,6 +4,7 @@
 #include "kelpa/foundation/vector.h"
 
 #include "pipeline/picture/camera.h"
+#include "pipeline/scene/framedspheres.h"
 #include "pipeline/scene/vec.h"
 
 #include <optional>
@@ -41,8 +42,7 @@ constexpr double marginFactor = 1.05; ///< the part of the picture around the pa
 /// is what has been subtracted from all centres; the options are in the file's coordinates.
 /// Throws `std::invalid_argument` when the eye is where it looks at.
 Camera placeCamera(CameraOptions const& options, int width, int height, char upAxis,
-                   std::span<Kelpa::Vector const> centers, std::span<float const> radii,
-                   Vec const& origin);
+                   FramedSpheres const& spheres, Vec const& origin);
 
 /// Turns the camera's axes so that it looks from `towardsEye`, which is not zero, to the origin. Of
 /// its picture `wantedUp` is up, as far as can be.
@@ -68,7 +68,6 @@ Sight sightOf(Camera const& camera, Vec const& centre);
 /// margin of 5 %; with `options.eye` the eye stays where it is. The axis is the upward direction. A
 /// flat set is seen from the side as well.
 Sight placeTurntable(CameraOptions const& options, int width, int height, char upAxis,
-                     std::span<Kelpa::Vector const> centers, std::span<float const> radii,
-                     Vec const& origin);
+                     FramedSpheres const& spheres, Vec const& origin);
 
 } // namespace pipeline

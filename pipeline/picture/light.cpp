@@ -1,7 +1,6 @@
 // The light that options, camera and scene ask for.
 #include "pipeline/picture/light.h"
 
-#include "pipeline/scene/bounds.h"
 #include "pipeline/scene/vec.h"
 
 #include <algorithm>
@@ -9,8 +8,9 @@
 namespace pipeline {
 
 double usualOcclusionDistance(Scene const& scene) {
-    double const diagonal = boundsOf(scene.framedCenters()).diagonal();
-    double const radius = static_cast<double>(std::ranges::max(scene.framedRadii()));
+    FramedSpheres const framed = scene.framed();
+    double const diagonal = framed.bounds().diagonal();
+    double const radius = static_cast<double>(framed.largestRadius());
     return std::max(0.5 * diagonal, 2.0 * radius);
 }
 

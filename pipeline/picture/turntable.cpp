@@ -17,13 +17,12 @@ Vec rotated(Vec const& v, Vec const& axis, double angle) {
 }
 
 /// How far spheres reach from a place.
-double reachFrom(Vec const& place, std::span<Kelpa::Vector const> centers,
-                 std::span<float const> radii) {
+double reachFrom(Vec const& place, FramedSpheres const& spheres) {
     double reach = 0.0;
-    for (std::size_t i = 0; i < centers.size(); ++i) {
-        Vec const away = wide(centers[i]) - place;
-        reach = std::max(reach, std::sqrt(dot(away, away)) + static_cast<double>(radii[i]));
-    }
+    spheres.forEach([&](Kelpa::Vector const& center, float radius) {
+        Vec const away = wide(center) - place;
+        reach = std::max(reach, std::sqrt(dot(away, away)) + static_cast<double>(radius));
+    });
     return reach;
 }
 
@@ -48,16 +47,15 @@ Sight sightOf(Camera const& camera, Vec const& centre) {
 }
 
 Sight placeTurntable(CameraOptions const& given, int width, int height, char upAxis,
-                     std::span<Kelpa::Vector const> centers, std::span<float const> radii,
-                     Vec const& origin) {
+                     FramedSpheres const& spheres, Vec const& origin) {
     CameraOptions options = given;
     if (!options.eye && !options.view)
         options.view = View::iso; // face on, a flat set would only spin
-    Camera camera = placeCamera(options, width, height, upAxis, centers, radii, origin);
-    Vec const target = options.lookAt ? wide(*options.lookAt) - origin : boundsOf(centers).centre();
+    Camera camera = placeCamera(options, width, height, upAxis, spheres, origin);
+    Vec const target = options.lookAt ? wide(*options.lookAt) - origin : spheres.bounds().centre();
 
     if (!options.eye) {
-        double const reach = marginFactor * reachFrom(target, centers, radii);
+        double const reach = marginFactor * reachFrom(target, spheres);
         double const tanHalfHeight = std::tan(options.fov * std::numbers::pi / 360.0);
         double const narrower = std::min(1.0, static_cast<double>(width) / height);
         double const narrowTan = tanHalfHeight * narrower;

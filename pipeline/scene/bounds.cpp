@@ -3,22 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 namespace pipeline {
-
-Bounds boundsOf(std::span<Kelpa::Vector const> centers) {
-    constexpr double far = std::numeric_limits<double>::infinity();
-    Bounds bounds{{far, far, far}, {-far, -far, -far}};
-    for (Kelpa::Vector const& center : centers) {
-        Vec const c = wide(center);
-        bounds.min = {std::min(bounds.min.x, c.x), std::min(bounds.min.y, c.y),
-                      std::min(bounds.min.z, c.z)};
-        bounds.max = {std::max(bounds.max.x, c.x), std::max(bounds.max.y, c.y),
-                      std::max(bounds.max.z, c.z)};
-    }
-    return bounds;
-}
 
 void Bounds::add(Bounds const& other) {
     min = {std::min(min.x, other.min.x), std::min(min.y, other.min.y),

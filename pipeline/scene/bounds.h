@@ -1,27 +1,25 @@
 // Boxes around points.
 #pragma once
 
-#include "kelpa/foundation/vector.h"
-
 #include "pipeline/scene/vec.h"
 
-#include <span>
+#include <limits>
 
 namespace pipeline {
 
-/// The smallest box around points, in double precision.
+/// The smallest box around points, in double precision; at first around none.
 struct Bounds {
-    Vec min;
-    Vec max;
+    static constexpr double far = std::numeric_limits<double>::infinity();
+
+    Vec min{far, far, far};
+    Vec max{-far, -far, -far};
 
     Vec centre() const;
     double diagonal() const;
     /// Grows to hold another box.
     void add(Bounds const& other);
+    void add(Vec const& point) { add(Bounds{point, point}); }
 };
-
-/// Bounds of points, of which there is at least one.
-Bounds boundsOf(std::span<Kelpa::Vector const> points);
 
 /// What to subtract from all centres within `bounds`: nothing, unless they lie far off compared
 /// with their extent.

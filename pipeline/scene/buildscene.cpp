@@ -35,6 +35,7 @@ std::vector<std::int64_t> partIntoBlocks(Scene& scene, BuildRun const& run, std:
         scene.second->order(parting);
     parting.order(scene.colors);
     parting.order(scene.ids);
+    parting.order(scene.unusable);
     return parting.firsts();
 }
 

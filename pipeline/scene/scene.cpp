@@ -92,43 +92,31 @@ void reject(Rejected& rejected, Ways const& ways, std::size_t i) {
     ++(hasFiniteEnds && !hasRadii ? rejected.notPositive : rejected.notFinite);
 }
 
-/// Asks which particles trees take: counts the others, and keeps these for framing unless all stand
-/// still and are taken.
+/// Asks which particles trees take, and counts the others; of those, how far they move.
 void inspect(Scene& scene, Ways const& ways) {
     bool const isMoving = !ways.positions1.empty();
     auto const& r1 = ways.radii1.empty() ? ways.radii0 : ways.radii1;
-    Scene::Framed& framed = scene.framed;
-    framed.isApart = isMoving;
+    std::size_t const count = ways.positions0.size();
     double steps = 0.0;
-    for (std::size_t i = 0; i < ways.positions0.size(); ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         // Alone in its snapshots: there may be more than those can count.
         System one{snapshotOf(&ways.positions0[i], &ways.radii0[i], firstTime), std::nullopt};
         if (isMoving)
             one.second = snapshotOf(&ways.positions1[i], &r1[i], secondTime);
         if (!isUsable(one, 0)) {
             reject(scene.rejected, ways, i);
-            if (!framed.isApart) { // all so far are taken
-                auto const count = static_cast<std::ptrdiff_t>(i);
-                framed.centers.assign(ways.positions0.begin(), ways.positions0.begin() + count);
-                framed.radii.assign(ways.radii0.begin(), ways.radii0.begin() + count);
-            }
-            framed.isApart = true;
+            scene.unusable.resize(count);
+            scene.unusable[i] = 1;
             continue;
         }
-        if (!framed.isApart)
-            continue;
-        framed.centers.push_back(ways.positions0[i]);
-        framed.radii.push_back(ways.radii0[i]);
         if (!isMoving)
             continue;
-        framed.centers.push_back(ways.positions1[i]);
-        framed.radii.push_back(r1[i]);
         double const step = distance(ways.positions0[i], ways.positions1[i]);
         steps += step;
         scene.largestStep = std::max(scene.largestStep, step);
     }
-    if (isMoving && !framed.centers.empty())
-        scene.meanStep = steps / (static_cast<double>(framed.centers.size()) / 2.0);
+    if (isMoving && scene.rejected.total() < count)
+        scene.meanStep = steps / static_cast<double>(count - scene.rejected.total());
 }
 
 void subtract(std::vector<Vector>& centers, Vec const& origin) {
@@ -173,8 +161,9 @@ std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet 
 }
 
 /// Tells which particles are left out, and how far the others move. Throws when none is left.
-void noteUsable(Scene const& scene, std::string const& file, std::size_t count, Note const& note) {
+void noteUsable(Scene const& scene, std::string const& file, Ways const& ways, Note const& note) {
     Rejected const& rejected = scene.rejected;
+    std::size_t const count = ways.positions0.size();
     if (rejected.total() > 0)
         note(fmt::format("{} of {} particles skipped ({} not finite, {} with radius 0 or less)",
                          rejected.total(), count, rejected.notFinite, rejected.notPositive));
@@ -182,17 +171,21 @@ void noteUsable(Scene const& scene, std::string const& file, std::size_t count, 
         throw InputError(
             fmt::format("{}: no usable particle ({} read, {} not finite, {} with radius 0 or less)",
                         file, count, rejected.notFinite, rejected.notPositive));
-    if (scene.largestStep > 0.0)
+    if (scene.largestStep > 0.0) {
+        auto const firstTaken = std::find(scene.unusable.begin(), scene.unusable.end(), '\0');
+        float const radius =
+            ways.radii0[static_cast<std::size_t>(firstTaken - scene.unusable.begin())];
         note(fmt::format("particles move by {:.3g} on average and {:.3g} at most, {:.3g} radii",
                          scene.meanStep, scene.largestStep,
-                         scene.largestStep / static_cast<double>(scene.framed.radii[0])));
+                         scene.largestStep / static_cast<double>(radius)));
+    }
 }
 
 /// Makes what trees are built over, in coordinates of the scene's own.
 void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
-    scene.origin =
-        originFor(boundsOf(scene.framed.isApart ? scene.framed.centers : ways.positions0));
-    subtract(scene.framed.centers, scene.origin);
+    scene.origin = originFor(FramedSpheres({ways.positions0, ways.radii0},
+                                           {ways.positions1, ways.radii1}, scene.unusable, {})
+                                 .bounds());
     subtract(ways.positions0, scene.origin);
     subtract(ways.positions1, scene.origin);
     std::int32_t const type = arePoints ? 1 : 0;
@@ -204,17 +197,11 @@ void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
                                                   std::move(ways.radii1), type, secondTime);
 }
 
-/// Puts rods where the particles are; they are framed with them.
+/// Puts rods where the particles are.
 void placeRods(Scene& scene) {
-    if (!scene.rods.empty() && !scene.framed.isApart)
-        scene.framed = {true, scene.first->positions, scene.first->radii};
     for (Rod& rod : scene.rods) {
         rod.from = rod.from - scene.origin;
         rod.to = rod.to - scene.origin;
-        for (Vec const& end : {rod.from, rod.to}) {
-            scene.framed.centers.push_back(narrow(end));
-            scene.framed.radii.push_back(static_cast<float>(rod.radius));
-        }
     }
 }
 
@@ -246,7 +233,7 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     progress(1.0, count);
     inspect(scene, ways);
     progress(1.0, count);
-    noteUsable(scene, particles.name, ways.positions0.size(), note);
+    noteUsable(scene, particles.name, ways, note);
     makeSnapshots(scene, std::move(ways), options.points);
     placeRods(scene);
     return scene;

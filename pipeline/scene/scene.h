@@ -5,6 +5,7 @@
 #include "pipeline/files/progress.h"
 #include "pipeline/scene/appearance.h"
 #include "pipeline/scene/cellbox.h"
+#include "pipeline/scene/framedspheres.h"
 #include "pipeline/scene/geometry.h"
 #include "pipeline/scene/parting.h"
 #include "pipeline/scene/selection.h"
@@ -72,19 +73,15 @@ struct Scene {
     std::string radiusSource; ///< why the radii are what they are, in words
     std::string colorColumn;  ///< the column that gives the colours, if any
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
-    /// The usable particles, at both ends of their way, unless they are those of `first`.
-    struct Framed {
-        bool isApart = false;
-        std::vector<Kelpa::Vector> centers;
-        std::vector<float> radii;
-    } framed;
+    /// Not 0 for particles that no tree takes; empty: all are taken.
+    std::vector<char> unusable;
 
-    /// What a picture is to hold: the usable particles, at both ends of their way.
-    std::span<Kelpa::Vector const> framedCenters() const {
-        return framed.isApart ? framed.centers : first->positions;
-    }
-    std::span<float const> framedRadii() const {
-        return framed.isApart ? framed.radii : first->radii;
+    /// What a picture is to hold.
+    FramedSpheres framed() const {
+        FramedSpheres::End const closing =
+            second != nullptr ? FramedSpheres::End{second->positions, second->radii}
+                              : FramedSpheres::End{};
+        return {{first->positions, first->radii}, closing, unusable, rods};
     }
 
     /// What a picture calls the particle in a place.

@@ -54,7 +54,8 @@ Array<T> channel(pipeline::Image const& image, std::vector<T> const& values, py:
 Placed orient(pipeline::CameraOptions const& options) {
     Kelpa::Vector const somewhere = {0.0F, 0.0F, 0.0F};
     float const size = 1.0F;
-    return placedOf(pipeline::placeCamera(options, 1, 1, 'z', {&somewhere, 1}, {&size, 1}, {}), {});
+    return placedOf(pipeline::placeCamera(options, 1, 1, 'z', {{&somewhere, 1}, {&size, 1}}, {}),
+                    {});
 }
 
 py::tuple cameraRays(Placed const& placed, int width, int height) {
@@ -161,6 +162,7 @@ void defineFiles(py::module_& module) {
             [](double, std::uint64_t) {});
         return py::bytes(bytes);
     });
+    // pybind11 hands it over as a copy. NOLINTNEXTLINE(performance-unnecessary-value-param)
     py::register_exception_translator([](std::exception_ptr thrown) {
         try {
             if (thrown)

@@ -156,15 +156,15 @@ class BlocksByIndex final : public RenamedGeometry {
     pipeline::Rows places; ///< of rows
 };
 
-/// Calls `visit(center, radius)` for all usable particles, of moving ones for both snapshots.
-template <class Visit> void forEachUsable(std::vector<System> const& systems, Visit const& visit) {
+/// Not 0 for particles that no tree takes; empty: all are taken.
+std::vector<char> unusableOf(std::vector<System> const& systems) {
+    std::vector<char> unusable;
     for (System const& system : systems)
         for (std::int32_t i = 0; i < system.first.numParticles; ++i)
-            if (isUsable(system, i)) {
-                visit(system.first.positions[i], system.first.radii[i]);
-                if (system.second)
-                    visit(system.second->positions[i], system.second->radii[i]);
-            }
+            unusable.push_back(isUsable(system, i) ? 0 : 1);
+    if (std::find(unusable.begin(), unusable.end(), 1) == unusable.end())
+        unusable.clear();
+    return unusable;
 }
 
 std::unique_ptr<pipeline::Snapshot> joined(std::vector<System> const& systems, bool isSecond) {
@@ -185,17 +185,17 @@ std::unique_ptr<pipeline::Snapshot> joined(std::vector<System> const& systems, b
 } // namespace
 
 pipeline::Vec originOf(std::vector<System> const& systems) {
-    std::optional<pipeline::Bounds> bounds;
-    forEachUsable(systems, [&bounds](Vector const& center, float) {
-        pipeline::Vec const c = pipeline::wide(center);
-        if (!bounds)
-            bounds = {c, c};
-        bounds->min = {std::min(bounds->min.x, c.x), std::min(bounds->min.y, c.y),
-                       std::min(bounds->min.z, c.z)};
-        bounds->max = {std::max(bounds->max.x, c.x), std::max(bounds->max.y, c.y),
-                       std::max(bounds->max.z, c.z)};
-    });
-    return bounds ? pipeline::originFor(*bounds) : pipeline::Vec{};
+    pipeline::Bounds bounds;
+    bool isEmpty = true;
+    for (System const& system : systems)
+        for (std::int32_t i = 0; i < system.first.numParticles; ++i)
+            if (isUsable(system, i)) {
+                isEmpty = false;
+                bounds.add(pipeline::wide(system.first.positions[i]));
+                if (system.second)
+                    bounds.add(pipeline::wide(system.second->positions[i]));
+            }
+    return isEmpty ? pipeline::Vec{} : pipeline::originFor(bounds);
 }
 
 bool canBeParted(std::vector<System> const& systems) {
@@ -224,17 +224,7 @@ pipeline::Scene makeScene(std::vector<System> const& systems, pipeline::Vec cons
     if (!systems.empty() && systems[0].second)
         scene.second = joined(systems, true);
     scene.origin = origin;
-    scene.framed.isApart = true;
-    forEachUsable(systems, [&scene](Vector const& center, float radius) {
-        scene.framed.centers.push_back(center);
-        scene.framed.radii.push_back(radius);
-    });
-    if (scene.framed.centers.empty()) { // an empty scene is seen from somewhere
-        scene.framed.centers.push_back({0.0F, 0.0F, 0.0F});
-        scene.framed.radii.push_back(1.0F);
-    } else if (scene.framed.centers.size() == scene.first->positions.size() && !scene.second) {
-        scene.framed = {};
-    }
+    scene.unusable = unusableOf(systems);
     return scene;
 }
 

@@ -148,9 +148,8 @@ pipeline::Scene const& Tree::sceneIn(Kelpa::Vector const& color) {
 Placed Tree::placeCamera(pipeline::CameraOptions const& options, int width, int height) {
     py::gil_scoped_release const unlocked;
     std::lock_guard const hold(sceneMutex);
-    pipeline::Scene const& framed = sceneIn(scene ? scene->color : Kelpa::Vector{});
-    return placedOf(pipeline::placeCamera(options, width, height, 'z', framed.framedCenters(),
-                                          framed.framedRadii(), origin),
+    pipeline::Scene const& seen = sceneIn(scene ? scene->color : Kelpa::Vector{});
+    return placedOf(pipeline::placeCamera(options, width, height, 'z', seen.framed(), origin),
                     origin);
 }
 

@@ -68,7 +68,7 @@ TEST(Camera, FitsAllSpheresAndTouchesTheMargin) {
         char const upAxis = random.below(2) == 0 ? 'y' : 'z';
         auto const camera =
             pipeline::placeCamera(options, 10 + random.below(300), 10 + random.below(300), upAxis,
-                                  centers, radii, Vec{0, 0, 0});
+                                  {centers, radii}, Vec{0, 0, 0});
         EXPECT_NEAR(excess(camera, centers, radii, static_cast<double>(size)), 0.0, 1e-9);
         auto const middle = camera.ray(camera.width * 0.5, camera.height * 0.5);
         EXPECT_NEAR(static_cast<double>(middle.dir.x), camera.forward.x, 1e-6);
@@ -94,7 +94,7 @@ TEST(Camera, SeesAFlatSetFaceOn) {
             }
             std::vector<float> const radii(centers.size(), 0.1F);
             auto const camera =
-                pipeline::placeCamera({}, 160, 90, upAxis, centers, radii, Vec{0, 0, 0});
+                pipeline::placeCamera({}, 160, 90, upAxis, {centers, radii}, Vec{0, 0, 0});
             double const forward[3] = {camera.forward.x, camera.forward.y, camera.forward.z};
             EXPECT_EQ(std::abs(forward[axis]), 1.0) << axis << upAxis;
         }

@@ -48,7 +48,7 @@ Camera cameraAt(Vec const& eye, Vector const& lookAt, bool isParallel, double fo
     options.fov = fov;
     std::vector<Vector> const centers = {lookAt};
     std::vector<float> const radii = {1.0F};
-    return placeCamera(options, 96, 60, 'y', centers, radii, {});
+    return placeCamera(options, 96, 60, 'y', {centers, radii}, {});
 }
 
 /// All that the kernels make of one set of numbers.

@@ -51,9 +51,9 @@ TEST(Turntables, GoRoundAtOneDistanceThatHoldsAllSpheres) {
         options.ortho = seed % 2 == 1;
         if (seed % 3 == 0)
             options.view = pipeline::View::top;
-        Vec const centre = pipeline::boundsOf(centers).centre();
+        Vec const centre = pipeline::FramedSpheres(centers, radii).bounds().centre();
         double narrowest = 1e30; // how far the spheres stay from the frame, over all pictures
-        auto const sight = placeTurntable(options, 160, 90, 'y', centers, radii, {0, 0, 0});
+        auto const sight = placeTurntable(options, 160, 90, 'y', {centers, radii}, {0, 0, 0});
         Vec const first = sight.camera.eye - centre;
         for (int picture = 0; picture < 12; ++picture) {
             auto const camera = sight.turned(picture / 12.0);
@@ -94,9 +94,8 @@ Image render(Options options, ParticleSet const& particles, ParticleSet const* s
     pipeline::Scene scene = makeScene(options.scene, particles, second, {}, ignore, ignore);
     kelpatest::RecordingProgress progress;
     buildScene(scene, {progress}, options.tree);
-    auto const camera =
-        placeCamera(options.camera, options.image.width, options.image.height, scene.upAxis,
-                    scene.framedCenters(), scene.framedRadii(), scene.origin);
+    auto const camera = placeCamera(options.camera, options.image.width, options.image.height,
+                                    scene.upAxis, scene.framed(), scene.origin);
     return renderImage(scene, camera, options.image, options.light, threads, {});
 }
 
@@ -219,9 +218,10 @@ TEST(Scenes, CountAndFrameWhatTreesTake) {
     EXPECT_EQ(scene.geometry->statistics().used, 2);
     EXPECT_EQ(scene.rejected.notFinite, 1U);
     EXPECT_EQ(scene.rejected.notPositive, 0U);
-    EXPECT_EQ(std::vector<float>(scene.framedRadii().begin(), scene.framedRadii().end()),
-              (std::vector<float>{0.5F, 0.5F, 0.25F, 0.25F}));
-    EXPECT_EQ(pipeline::boundsOf(scene.framedCenters()).diagonal(), std::sqrt(14.0));
+    std::vector<float> radii;
+    scene.framed().forEach([&](Kelpa::Vector const&, float r) { radii.push_back(r); });
+    EXPECT_EQ(radii, (std::vector<float>{0.5F, 0.5F, 0.25F, 0.25F}));
+    EXPECT_EQ(scene.framed().bounds().diagonal(), std::sqrt(14.0));
 }
 
 TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
@@ -236,8 +236,8 @@ TEST(Tiles, RenderedInAnyOrderOverAnOlderPictureReplaceIt) {
     using Sky = pipeline::Picture::Sky;
     auto const pictureFrom = [&](pipeline::View view, Sky sky = Sky::leftOut) {
         options.camera.view = view;
-        auto const camera = placeCamera(options.camera, 50, 41, scene.upAxis, scene.framedCenters(),
-                                        scene.framedRadii(), scene.origin);
+        auto const camera =
+            placeCamera(options.camera, 50, 41, scene.upAxis, scene.framed(), scene.origin);
         return pipeline::Picture(scene, camera, options.light, options.image, sky);
     };
     auto const render = [](pipeline::Picture const& picture, std::size_t first, Image& image) {

@@ -63,8 +63,8 @@ inline pipeline::Image pictureOf(pipeline::Scene const& scene, int threads) {
     image.height = 60;
     image.samples = 3;
     image.depth = image.normal = image.id = image.position = true;
-    pipeline::Camera const camera = pipeline::placeCamera({}, 80, 60, 'z', scene.framedCenters(),
-                                                          scene.framedRadii(), scene.origin);
+    pipeline::Camera const camera =
+        pipeline::placeCamera({}, 80, 60, 'z', scene.framed(), scene.origin);
     return renderImage(scene, camera, image, {}, threads, {});
 }
 

@@ -69,8 +69,7 @@ Rays cameraRays(Scene const& scene, int count) {
     constexpr int tile = 8;
     int const tilesAcross = std::max(1, static_cast<int>(std::ceil(std::sqrt(count / 64.0))));
     int const width = tilesAcross * tile;
-    Camera const camera = placeCamera({}, width, width, scene.upAxis, scene.framedCenters(),
-                                      scene.framedRadii(), scene.origin);
+    Camera const camera = placeCamera({}, width, width, scene.upAxis, scene.framed(), scene.origin);
     Rays rays;
     for (int i = 0; i < count; ++i) {
         int const lane = i % lanesPerBunch;

@@ -1,8 +1,6 @@
 // Cameras by options, by keys and by turns.
 #include "tool/commands/filmcameras.h"
 
-#include "pipeline/scene/bounds.h"
-
 #include <stdexcept>
 
 namespace pipeline::tool {
@@ -11,12 +9,12 @@ namespace pipeline::tool {
 Sight FilmCameras::place(Scene const& scene) const {
     auto const with = [&](auto const& placing) {
         return placing(options.camera, options.image.width, options.image.height, scene.upAxis,
-                       scene.framedCenters(), scene.framedRadii(), scene.origin);
+                       scene.framed(), scene.origin);
     };
     try {
         return options.camera.turntable > 0
                    ? with(placeTurntable)
-                   : pipeline::sightOf(with(placeCamera), boundsOf(scene.framedCenters()).centre());
+                   : pipeline::sightOf(with(placeCamera), scene.framed().bounds().centre());
     } catch (std::invalid_argument const&) {
         throw UsageError("--eye and --look-at are the same point");
     }

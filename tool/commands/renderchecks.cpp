@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,20 +19,30 @@ namespace pipeline::tool {
 
 namespace {
 
-/// Where the middle 99 % of points lie along an axis.
-std::pair<double, double> middlePart(std::span<Kelpa::Vector const> points, int axis) {
-    constexpr std::size_t asked = 100000; // of any more points, every n-th
-    std::size_t const stride = points.size() / asked + 1;
-    std::vector<float> places;
-    for (std::size_t i = 0; i < points.size(); i += stride)
-        places.push_back(points[i][axis]);
-    auto const at = [&places](double share) {
-        auto const place = places.begin() + static_cast<std::ptrdiff_t>(
-                                                share * static_cast<double>(places.size() - 1));
-        std::nth_element(places.begin(), place, places.end());
+/// The box of the middle 99 % of centres along each axis.
+Bounds middlePart(FramedSpheres const& spheres) {
+    std::size_t count = 0;
+    spheres.forEach([&count](Kelpa::Vector const&, float) { ++count; });
+    constexpr std::size_t asked = 100000; // of any more centres, every n-th
+    std::size_t const stride = count / asked + 1;
+    std::vector<float> places[3];
+    std::size_t index = 0;
+    spheres.forEach([&](Kelpa::Vector const& center, float) {
+        if (index++ % stride == 0)
+            for (int axis = 0; axis < 3; ++axis)
+                places[axis].push_back(center[axis]);
+    });
+    auto const at = [&places](int axis, double share) {
+        std::vector<float>& along = places[axis];
+        auto const place = along.begin() + static_cast<std::ptrdiff_t>(
+                                               share * static_cast<double>(along.size() - 1));
+        std::nth_element(along.begin(), place, along.end());
         return static_cast<double>(*place);
     };
-    return {at(0.005), at(0.995)};
+    auto const corner = [&at](double share) {
+        return Vec{at(0, share), at(1, share), at(2, share)};
+    };
+    return {corner(0.005), corner(0.995)};
 }
 
 std::vector<std::string> aovNames(ImageOptions const& image) {
@@ -87,11 +96,9 @@ void checkOutput(Options const& options) {
 }
 
 void noteOutliers(Scene const& scene, Note const& note) {
-    auto const [minX, maxX] = middlePart(scene.framedCenters(), 0);
-    auto const [minY, maxY] = middlePart(scene.framedCenters(), 1);
-    auto const [minZ, maxZ] = middlePart(scene.framedCenters(), 2);
-    Bounds const most{{minX, minY, minZ}, {maxX, maxY, maxZ}};
-    double const part = most.diagonal() / boundsOf(scene.framedCenters()).diagonal();
+    FramedSpheres const framed = scene.framed();
+    Bounds const most = middlePart(framed);
+    double const part = most.diagonal() / framed.bounds().diagonal();
     constexpr double little = 0.05;
     if (part > 0.0 && part < little) {
         Vec const centre = inFile(most, scene.origin).centre();
