@@ -15,12 +15,20 @@ ListInBlocks::ListInBlocks(TopTree const& tree, BoxRays& listed, std::uint64_t p
     expand({top.numLevels() - 1, 0, present}, ends);
 }
 
+/// The rays that enter none of `count` boxes as early as box `first`.
+std::uint64_t ListInBlocks::beginningIn(unsigned first, unsigned count) const {
+    std::uint64_t beginning = entered[first];
+    for (unsigned place = 0; place < count; ++place)
+        if (unsigned const i = order[place]; i != first)
+            beginning &= ~(entered[i] & kernels.areBefore(enters[i], enters[first]));
+    return beginning;
+}
+
 /// Finds which rays enter which boxes of a part; they wait then, nearest last.
 void ListInBlocks::expand(Part const& part, float const* ends) {
     BoxGroup const& boxes = top.group(part.level, part.group);
     float nearest[children];
     unsigned count = 0;
-    int inAll = 0;
     std::uint32_t may = kernels.mayEnter(boxes, least, greatest);
     for (; may != 0; may &= may - 1) {
         auto const i = static_cast<unsigned>(std::countr_zero(may));
@@ -28,13 +36,13 @@ void ListInBlocks::expand(Part const& part, float const* ends) {
         if (entered[i] == 0)
             continue;
         nearest[i] = enters[i][std::countr_zero(entered[i])]; // of one, about as of the others
-        inAll += std::popcount(entered[i]);
         order[count++] = static_cast<unsigned char>(i);
     }
-    together = 4 * inAll >= std::popcount(part.rays) * static_cast<int>(count);
     std::sort(order, order + count, [&nearest](unsigned char a, unsigned char b) {
         return nearest[a] > nearest[b] || (nearest[a] == nearest[b] && a > b);
     });
+    together = count > 0 &&
+               2 * std::popcount(beginningIn(order[count - 1], count)) >= std::popcount(part.rays);
     auto const firstChild = static_cast<std::int32_t>(children) * part.group;
     if (part.level == 0) {
         firstBlock = firstChild;

@@ -20,7 +20,7 @@ class ListInBlocks {
     /// at `ends[k]`, and is one of the list if `present` has its bit.
     ListInBlocks(TopTree const& tree, BoxRays& listed, std::uint64_t present, float const* ends);
 
-    /// Whether most of the rays enter the same parts of the scene.
+    /// Whether at least half of the rays begin in one part of the scene.
     bool areTogether() const { return together; }
 
     struct Step {
@@ -39,6 +39,7 @@ class ListInBlocks {
         std::uint64_t rays;
     };
 
+    std::uint64_t beginningIn(unsigned first, unsigned count) const;
     void expand(Part const& part, float const* ends);
 
     TopTree const& top;
