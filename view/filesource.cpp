@@ -175,6 +175,8 @@ std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const&
         firstFrame = facts.frame;
     }
     build(shown->scene, wanted, report);
+    for (std::string& text : shown->scene.geometry->takeNotes())
+        facts.notes.push_back(std::move(text));
     FramedSpheres const framed = shown->scene.framed();
     shown->bounds = framed.bounds();
     shown->diagonal = shown->bounds.diagonal() + 2.0 * static_cast<double>(framed.largestRadius());

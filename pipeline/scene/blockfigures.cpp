@@ -70,6 +70,15 @@ void tellFigures(TreeStatistics const& figures, Kelpa::ProgressCallback& report)
     tell("Max tree depth", figures.maxDepth);
     tell("Number of tree nodes", figures.nodes);
     tell("Number of leaf spheres", figures.leafEntries);
+    if (!figures.store)
+        return;
+    tell("Trees in memory", figures.store->held);
+    tell("Megabytes of these", figures.store->heldBytes >> 20U);
+    tell("Trees found in the cache", figures.store->found);
+    tell("Trees written", figures.store->written);
+    tell("Megabytes written", figures.store->writtenBytes >> 20U);
+    tell("Trees read", figures.store->loaded);
+    tell("Megabytes read", figures.store->loadedBytes >> 20U);
 }
 
 } // namespace pipeline

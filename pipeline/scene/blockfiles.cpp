@@ -103,9 +103,10 @@ BlockFiles::BlockFiles(std::vector<System> const& all, TreeOptions const& treeOp
         return;
     std::error_code error;
     fs::create_directory(folder, error);
-    if (!fs::is_directory(folder))
+    std::error_code isKnown;
+    if (!fs::is_directory(folder, isKnown))
         throw OutputError(fmt::format("{}: is no folder for a cache{}", folder,
-                                      error ? ": " + error.message() : ""));
+                                      fs::exists(folder, isKnown) ? "" : ": " + error.message()));
 }
 
 BlockFiles::~BlockFiles() {

@@ -61,6 +61,9 @@ class BlockGeometry final : public Geometry {
     std::optional<Bounds> bounds() override;
     std::optional<Bounds> motionBounds() override;
     TreeStatistics statistics() override;
+    std::optional<StoreFigures> storeFigures() const override {
+        return store != nullptr ? std::optional(store->figures()) : std::nullopt;
+    }
     std::vector<std::string> takeNotes() override {
         return store != nullptr ? store->takeNotes() : std::vector<std::string>{};
     }

@@ -150,6 +150,9 @@ class Geometry {
     /// How far the bounds move, when the tree was built to report that.
     virtual std::optional<Bounds> motionBounds() = 0;
     virtual TreeStatistics statistics() = 0;
+    /// What became of the trees of blocks so far, where there are several: at any time, from any
+    /// thread, once the build has begun.
+    virtual std::optional<StoreFigures> storeFigures() const { return std::nullopt; }
     /// What the user should know of files since this was last asked; from one thread.
     virtual std::vector<std::string> takeNotes() { return {}; }
 };

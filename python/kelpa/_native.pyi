@@ -19,6 +19,8 @@ class Tree:
         pack: bool,
         moving_bounds: bool,
         block: Optional[int],
+        memory: Optional[int],
+        cache: str,
         threads: int,
         progress: _Progress,
         /,
@@ -30,6 +32,7 @@ class Tree:
     ) -> dict[str, Any]: ...
     def bounds(self) -> Optional[tuple[NDArray[float32], NDArray[float32]]]: ...
     def statistics(self) -> dict[str, Any]: ...
+    def take_notes(self) -> list[str]: ...
 
 class CameraOptions:
     def __setattr__(self, name: str, value: Any, /) -> None: ...

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+import os
 import warnings
 from typing import Any, Iterable, NoReturn, Optional, Sequence, Union
 
@@ -39,6 +40,11 @@ class Primitive:
         The most particles of one tree (1,048,576). More are parted into blocks, which threads build
         side by side, over a copy of the particles; what rays hit does not depend on the threads.
         Systems of different types or times have one tree whatever they hold.
+    memory : int, optional
+        Most bytes of memory for the trees of blocks; those beyond it lie in a file without a name
+        in TMPDIR or /var/tmp, and are read when rays need them. The hits are the same.
+    cache : path, optional
+        Folder of files with the trees, which the next primitive over the same particles finds.
     threads : int
         0: as many as there are processors.
     progress : callable, optional
@@ -59,6 +65,8 @@ class Primitive:
         pack: bool = True,
         moving_bounds: bool = False,
         block: Optional[int] = None,
+        memory: Optional[int] = None,
+        cache: Optional[Union[str, "os.PathLike[str]"]] = None,
         threads: int = 0,
         progress: Optional[Progress] = None,
     ) -> None:
@@ -75,6 +83,11 @@ class Primitive:
             leaf_size_factor = check.number("leaf_size_factor", leaf_size_factor, 0.0, 1e30)
         if block is not None:
             block = check.integer("block", block, 1, 2147483647)
+        if memory is not None:
+            memory = check.integer("memory", memory, 1, 2**60)
+        folder = "" if cache is None else os.fspath(cache)
+        if cache is not None and not check.text("cache", folder):
+            raise ValueError("cache: expected the name of a folder, found ''")
         self._systems = systems
         self._bases = _bases(systems)
         self._tree = _native.Tree(
@@ -91,10 +104,14 @@ class Primitive:
             bool(pack),
             bool(moving_bounds),
             block,
+            memory,
+            folder,
             check.integer("threads", threads, 0),
             progress,
         )
         self._warn_of_left_out()
+        for note in self._tree.take_notes():
+            warnings.warn(f"kelpa: {note}", stacklevel=check.caller_level())
 
     def _warn_of_left_out(self) -> None:
         found = self.statistics
@@ -150,7 +167,9 @@ class Primitive:
     def statistics(self) -> dict[str, Any]:
         """What the build made: `particles` given, `used` and `left_out`, `nodes`, `leaf_entries`,
         `max_depth`, `tree_bytes`, `packed_bytes`, `peak_bytes` (while it was built),
-        `trees` (one for each block), `build_seconds`."""
+        `trees` (one for each block), `build_seconds`; with `memory` or `cache` also `trees_held`,
+        `trees_built`, `trees_found`, `trees_written`, `bytes_written`, `trees_read`,
+        `bytes_read`."""
         found = self._tree.statistics()
         found["left_out"] = found["particles"] - found["used"]
         return found

@@ -98,6 +98,7 @@ class RenamedGeometry : public pipeline::Geometry {
     std::optional<pipeline::Bounds> bounds() override { return geometry.bounds(); }
     std::optional<pipeline::Bounds> motionBounds() override { return geometry.motionBounds(); }
     pipeline::TreeStatistics statistics() override { return geometry.statistics(); }
+    std::vector<std::string> takeNotes() override { return geometry.takeNotes(); }
 
   private:
     /// The number in the geometry that is asked, and the way back.
@@ -138,7 +139,8 @@ class TreeByRows final : public RenamedGeometry {
 class BlocksByIndex final : public RenamedGeometry {
   public:
     BlocksByIndex(pipeline::Scene& scene, std::vector<System> const& systems)
-        : RenamedGeometry(*scene.geometry), names(systems), rows(scene.rows),
+        : RenamedGeometry(*scene.geometry), names(systems),
+          rows(scene.rows != nullptr ? scene.rows : std::make_shared<pipeline::Rows const>()),
           places(static_cast<std::size_t>(scene.first->size())) {
         for (std::int64_t place = 0; place < scene.first->size(); ++place)
             places.set(static_cast<std::size_t>((*rows)[place]), static_cast<std::size_t>(place));

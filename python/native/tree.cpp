@@ -80,7 +80,8 @@ void Tree::build(pipeline::BuildRun const& run, pipeline::TreeOptions const& opt
     std::int64_t total = 0;
     for (System const& system : systems)
         total += system.first.numParticles;
-    if (total > options.block && canBeParted(systems)) {
+    bool const hasCache = !options.keep.cache.empty() && total > 0;
+    if ((total > options.block || hasCache) && canBeParted(systems)) {
         scene = makeScene(systems, origin);
         buildScene(*scene, run, options);
         if (run.report.getAbort() == 0) // else whoever asked for the tree never sees it
@@ -201,7 +202,20 @@ py::dict Tree::statistics() {
     result["peak_bytes"] = s.peakBytes;
     result["trees"] = s.trees;
     result["build_seconds"] = buildSeconds;
+    if (!s.store)
+        return result;
+    result["trees_held"] = s.store->held;
+    result["trees_built"] = s.store->built;
+    result["trees_found"] = s.store->found;
+    result["trees_written"] = s.store->written;
+    result["bytes_written"] = s.store->writtenBytes;
+    result["trees_read"] = s.store->loaded;
+    result["bytes_read"] = s.store->loadedBytes;
     return result;
+}
+
+std::vector<std::string> Tree::takeNotes() {
+    return geometry->takeNotes();
 }
 
 namespace {
@@ -213,15 +227,21 @@ using SystemTuple =
 std::unique_ptr<Tree> makeTree(std::vector<SystemTuple> const& tuples, std::optional<int> maxDepth,
                                float minNodeSize, std::optional<float> leafSizeFactor,
                                bool isPacked, bool hasMovingBounds,
-                               std::optional<std::int64_t> block, int threads,
-                               py::object const& progress) {
+                               std::optional<std::int64_t> block,
+                               std::optional<std::uint64_t> memory, std::string const& cache,
+                               int threads, py::object const& progress) {
     std::vector<Arrays> arrays;
     for (SystemTuple const& tuple : tuples)
         arrays.push_back(std::apply([](auto const&... parts) { return Arrays{parts...}; }, tuple));
     return std::make_unique<Tree>(
         std::move(arrays),
-        pipeline::TreeOptions{maxDepth, leafSizeFactor, minNodeSize, isPacked, hasMovingBounds,
-                              block.value_or(pipeline::TreeOptions::defaultBlock)},
+        pipeline::TreeOptions{maxDepth,
+                              leafSizeFactor,
+                              minNodeSize,
+                              isPacked,
+                              hasMovingBounds,
+                              block.value_or(pipeline::TreeOptions::defaultBlock),
+                              {memory, cache}},
         threads, progress);
 }
 
@@ -244,7 +264,8 @@ void defineTree(py::module_& module) {
         .def("place_camera", &Tree::placeCamera)
         .def("render", &Tree::render)
         .def("bounds", &Tree::bounds)
-        .def("statistics", &Tree::statistics);
+        .def("statistics", &Tree::statistics)
+        .def("take_notes", &Tree::takeNotes);
 }
 
 } // namespace kelpapython

@@ -50,6 +50,7 @@ class Tree {
 
     pybind11::object bounds();
     pybind11::dict statistics();
+    std::vector<std::string> takeNotes();
 
   private:
     void moveToOrigin();

@@ -5,7 +5,9 @@ import gc
 import itertools
 import multiprocessing
 import os
+import pathlib
 import signal
+import tempfile
 import threading
 import time
 import unittest
@@ -264,6 +266,38 @@ class Particles(unittest.TestCase):
             draw(camera="front")
         with self.assertRaisesRegex(AttributeError, "radii"):
             still.radii = p
+
+
+class Trees(unittest.TestCase):
+    def test_beyond_memory_and_in_a_cache_give_the_same_hits(self):
+        particles = cloud(1, 20000)
+        origins = np.random.default_rng(1).uniform(-1, 2, (500, 3)).astype(F)
+        in_memory = kelpa.Primitive(particles, block=500)
+        self.assertNotIn("trees_read", in_memory.statistics)
+        expected = in_memory.intersect(origins, 0.5 - origins)
+        with tempfile.TemporaryDirectory() as folder:
+            cache = pathlib.Path(folder) / "trees"
+            for keep, check in (
+                ({"memory": 200000}, lambda s: s["trees_written"] > 0 and s["trees_read"] > 0),
+                ({"cache": cache}, lambda s: s["trees_written"] == s["trees"]),
+                ({"cache": cache}, lambda s: s["trees_found"] == s["trees"]),
+                ({"cache": str(cache), "memory": 1}, lambda s: s["trees_built"] == 0),
+                ({"cache": cache / "of_one", "block": None}, lambda s: s["trees_written"] == 1),
+            ):
+                keep = {"block": 500, **keep}
+                tree = kelpa.Primitive(particles, **keep)
+                hits = tree.intersect(origins, 0.5 - origins)
+                self.assertTrue(np.array_equal(hits.index, expected.index))
+                self.assertTrue(np.array_equal(hits.t, expected.t, equal_nan=True))
+                self.assertTrue(check(tree.statistics), (keep, tree.statistics))
+            (cache / "block-000003.kelpa").write_bytes(b"no tree")
+            with self.assertWarnsRegex(UserWarning, "block-000003.kelpa is cut short; built anew"):
+                kelpa.Primitive(particles, block=500, cache=cache)
+        for wrong in ({"memory": 0}, {"memory": 1.5}, {"cache": ""}, {"cache": 3}):
+            with self.assertRaises((ValueError, TypeError)):
+                kelpa.Primitive(particles, **wrong)
+        with self.assertRaisesRegex(OSError, "is no folder for a cache"):
+            kelpa.Primitive(particles, cache=__file__)
 
 
 class LongWork(unittest.TestCase):

@@ -215,7 +215,7 @@ void measure(Options const& options, ParticleSet const& particles, char const* m
         scene = readyScene(quiet, particles);
         BuildReport report(quiet.run);
         Stopwatch const time;
-        buildScene(scene, quiet, report);
+        buildScene(scene, quiet.run, quiet.tree, report);
         seconds.push_back(time.seconds());
     }
     TreeStatistics const tree = scene.geometry->statistics();

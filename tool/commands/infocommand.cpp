@@ -112,7 +112,7 @@ void tellAbout(Options options, std::string const& file, char const* separator) 
     Scene scene = readyScene(options, particles);
     bool const wantsTree = std::exchange(options.run.stats, false); // which are printed here
     BuildReport report(options.run);
-    buildScene(scene, options, report);
+    buildScene(scene, options.run, options.tree, report);
     fmt::print("{}", separator);
     (options.json ? printAsJson : printAsText)(particles, scene, summarise(scene.first->radii),
                                                file, report, wantsTree);

@@ -26,6 +26,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -53,7 +54,9 @@ class Rendering {
     void writeStatistics();
 
   private:
-    template <class Read> BuiltScene makeBuiltScene(Read read);
+    template <class Read>
+    BuiltScene makeBuiltScene(Read read, std::optional<int> frame = std::nullopt);
+    TreeOptions treeOptionsFor(std::optional<int> frame) const;
     void renderPicture(BuiltScene& built, Camera const& camera, int frame,
                        std::string const& output);
     void tellFacts(PictureFacts& facts, int frame) const;
@@ -98,8 +101,20 @@ Rendering::Rendering(Options const& all)
         files.add(options.output);
 }
 
-/// Reads what `read` makes a scene of, and builds its tree.
-template <class Read> BuiltScene Rendering::makeBuiltScene(Read read) {
+/// How trees are built and kept: each frame of a film has a folder of its own in the cache.
+TreeOptions Rendering::treeOptionsFor(std::optional<int> frame) const {
+    TreeOptions tree = options.tree;
+    if (!frame || tree.keep.cache.empty())
+        return tree;
+    std::filesystem::path const cache = tree.keep.cache;
+    std::error_code error;
+    std::filesystem::create_directory(cache, error); // what is wrong with it is told of the frame's
+    tree.keep.cache = (cache / fmt::format("frame-{:04}", *frame)).string();
+    return tree;
+}
+
+/// Reads what `read` makes a scene of, a film's frame if there is a number, and builds its tree.
+template <class Read> BuiltScene Rendering::makeBuiltScene(Read read, std::optional<int> frame) {
     BuiltScene built;
     Stopwatch const readTime;
     built.scene = read();
@@ -107,7 +122,7 @@ template <class Read> BuiltScene Rendering::makeBuiltScene(Read read) {
 
     Stopwatch const buildTime;
     BuildReport report(options.run);
-    buildScene(built.scene, options, report);
+    buildScene(built.scene, options.run, treeOptionsFor(frame), report);
     built.buildSeconds = buildTime.seconds();
     statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
                         built.buildSeconds);
@@ -133,8 +148,19 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
         return renderImage(built.scene, camera, options.image, options.light,
                            threadCount(options.run), progress);
     };
-    Image image = withProgress("render", options.run, render, [this] { return series.text(); });
+    auto const figures = [&] {
+        return built.scene.geometry->storeFigures().value_or(StoreFigures());
+    };
+    StoreFigures const before = figures();
+    auto const remark = [&] {
+        std::string const text = series.text();
+        std::string const read = readText(figures(), before);
+        return text.empty() || read.empty() ? text + read : text + ", " + read;
+    };
+    Image image = withProgress("render", options.run, render, remark);
     throwIfInterrupted();
+    noteFiles(built.scene, options.run);
+    StoreFigures const after = figures();
     tellFacts(*image.facts, frame);
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
@@ -144,13 +170,16 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
     int const height = image.cropY1 - image.cropY0;
     statistics.addPicture({output, width, height,
                            image.alpha.size() * static_cast<std::size_t>(options.image.samples),
-                           renderSeconds, writeTime.seconds()});
+                           renderSeconds, writeTime.seconds(), after.loaded - before.loaded,
+                           after.loadedBytes - before.loadedBytes});
+    std::string const read = readText(after, before);
     if (!options.run.quiet)
-        say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} MB{}\n",
+        say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} "
+            "MB{}{}\n",
             output, width, height,
             withCommas(static_cast<std::uint64_t>(built.scene.geometry->statistics().used)),
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes(),
-            series.remark());
+            read.empty() ? "" : ", " + read, series.remark());
 }
 
 void Rendering::writePicture(Image const& image, std::string const& output) {
@@ -235,13 +264,14 @@ void Rendering::renderFrames() {
         // Without a plan the first frame is needed even where its picture is not.
         if (isDone && (kept || !options.film.use.empty()))
             continue;
-        BuiltScene built = makeBuiltScene([&] {
+        auto const read = [&] {
             ParticleSet particles =
                 ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
             ahead = reader.readSecond(particles);
             return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr,
                               kept.value_or(given.kept));
-        });
+        };
+        BuiltScene built = makeBuiltScene(read, frame);
         Scene const& scene = built.scene;
         if (!kept) {
             kept = scene.chosen;

@@ -247,6 +247,43 @@ void addTreeOptions(CLI::App& app, TreeOptions& tree) {
 
 namespace {
 
+/// "8G" as bytes.
+std::uint64_t parseSize(std::string const& text) {
+    double number = 0.0;
+    char const* const end = text.data() + text.size();
+    char const* const unit = readNumber(text.data(), end, number);
+    std::string const letters = unit != nullptr ? std::string(unit, end) : "?";
+    constexpr std::string_view prefixes = "kmgt";
+    std::size_t const power = letters.empty() ? 0 : prefixes.find(inSmallLetters(letters)[0]) + 1;
+    bool const isUnit =
+        letters.empty() ||
+        (power > 0 && (letters.size() == 1 || inSmallLetters(letters.substr(1)) == "b" ||
+                       inSmallLetters(letters.substr(1)) == "ib"));
+    double const bytes = std::ldexp(number, 10 * static_cast<int>(power));
+    if (!isUnit || !(bytes >= 1.0 && bytes < 0x1p60))
+        throw UsageError(fmt::format("'{}' is no size such as 8G or 500M", text));
+    return static_cast<std::uint64_t>(bytes);
+}
+
+} // namespace
+
+void addKeepOptions(CLI::App& app, KeepOptions& keep) {
+    addParsed(app, "--memory", "SIZE", keep.memory, parseSize,
+              "Most memory for trees, such as 8G; blocks beyond it lie in files; default: no bound")
+        ->group("Tree");
+    addTaken(
+        app, "--cache", "DIR",
+        [&keep](std::string const& folder) {
+            if (folder.empty())
+                throw UsageError("expected the name of a folder");
+            keep.cache = folder;
+        },
+        "Folder of files with the trees, kept so that the next run need not build them")
+        ->group("Tree");
+}
+
+namespace {
+
 Motion parseMotion(std::string const& text) {
     if (text == "none")
         return Still{};

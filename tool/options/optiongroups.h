@@ -19,6 +19,8 @@ CLI::Option* addReadOptions(CLI::App& app, ParticleOptions& particles);
 void addParticleOptions(CLI::App& app, Options& options);
 void addSelectionOptions(CLI::App& app, SelectionOptions& selection);
 void addTreeOptions(CLI::App& app, TreeOptions& tree);
+/// Where trees are kept.
+void addKeepOptions(CLI::App& app, KeepOptions& keep);
 void addMotionOptions(CLI::App& app, Options& options);
 void addColorOptions(CLI::App& app, ColorOptions& color);
 void addCameraOptions(CLI::App& app, CameraOptions& camera);

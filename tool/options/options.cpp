@@ -107,6 +107,7 @@ void addPictures(CLI::App& command, Options& options, std::string const& frames)
     addLightOptions(command, options.light);
     addPictureRunOptions(command, options);
     addTreeOptions(command, options.tree);
+    addKeepOptions(command, options.tree.keep);
     addRunOptions(command, options.run);
 }
 
@@ -211,6 +212,7 @@ CLI::App* addInfo(CLI::App& app, Options& options) {
     info->add_flag("--json", options.json, "As JSON");
     info->add_flag("--stats", options.run.stats, "The tree's figures as well");
     addTreeOptions(*info, options.tree);
+    addKeepOptions(*info, options.tree.keep);
     addRunOptions(*info, options.run);
     return info;
 }

@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <mutex>
 #include <set>
 
 namespace pipeline::tool {
@@ -160,11 +161,63 @@ int threadCount(RunOptions const& run) {
     return run.threads > 0 ? run.threads : Kelpa::getNumProcessors();
 }
 
-void buildScene(Scene& scene, Options const& options, BuildReport& report) {
-    withProgress("build", options.run, [&](PhaseProgress const& progress) {
-        pipeline::buildScene(scene, {report, threadCount(options.run), progress}, options.tree);
-    });
+std::string sizeText(std::uint64_t bytes) {
+    constexpr double megabyte = 1024.0 * 1024.0;
+    double const all = static_cast<double>(bytes) / megabyte;
+    return all < 10.0     ? fmt::format("{:.1f} MB", all)
+           : all < 1024.0 ? fmt::format("{:.0f} MB", all)
+                          : fmt::format("{:.1f} GB", all / 1024.0);
+}
+
+std::string readText(StoreFigures const& now, StoreFigures const& before) {
+    std::int64_t const read = now.loaded - before.loaded;
+    return read == 0
+               ? ""
+               : fmt::format("{} blocks read, {}", withCommas(static_cast<std::uint64_t>(read)),
+                             sizeText(now.loadedBytes - before.loadedBytes));
+}
+
+namespace {
+
+/// How far a build of blocks has come: "12 of 96 blocks, 2.1 GB, 1.6 GB written".
+std::string blocksText(StoreFigures const& figures) {
+    std::string text = fmt::format("{} of {} blocks, {}", figures.built + figures.found,
+                                   figures.blocks, sizeText(figures.heldBytes));
+    if (figures.written > 0)
+        text += fmt::format(", {} written", sizeText(figures.writtenBytes));
+    return text;
+}
+
+} // namespace
+
+void noteFiles(Scene const& scene, RunOptions const& run) {
+    for (std::string const& text : scene.geometry->takeNotes())
+        noteTo(run)(text);
+}
+
+void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, BuildReport& report) {
+    // The display asks on a thread of its own, when there may be nobody to tell.
+    std::mutex mutex;
+    std::string blocks;
+    auto const remark = [&] {
+        std::lock_guard const guard(mutex);
+        return blocks;
+    };
+    auto const build = [&](PhaseProgress const& progress) {
+        auto const withBlocks = [&](double fraction, std::uint64_t particles) {
+            auto const figures =
+                scene.geometry != nullptr ? scene.geometry->storeFigures() : std::nullopt;
+            if (figures) {
+                std::lock_guard const guard(mutex);
+                blocks = blocksText(*figures);
+            }
+            progress(fraction, particles);
+        };
+        pipeline::buildScene(scene, {report, threadCount(run), withBlocks}, tree);
+    };
+    withProgress("build", run, build, remark);
     throwIfInterrupted();
+    noteFiles(scene, run);
 }
 
 Bounds inFile(Bounds const& bounds, Vec const& origin) {

@@ -107,8 +107,19 @@ class BuildReport final : public Kelpa::ProgressCallback {
     Kelpa::ConsoleProgress console;
 };
 
-/// Builds the scene's tree, on the threads that the options grant. Throws `Interrupted`.
-void buildScene(Scene& scene, Options const& options, BuildReport& report);
+/// Builds the scene's tree, on the threads that the options grant, and prints what there is to note
+/// of files. Throws `Interrupted`.
+void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, BuildReport& report);
+
+/// Prints what there is to note of the files of the scene's blocks.
+void noteFiles(Scene const& scene, RunOptions const& run);
+
+/// "12.5 GB", "340 MB"
+std::string sizeText(std::uint64_t bytes);
+
+/// How often blocks were read since `before`, and how much: "312 blocks read, 18.2 GB"; empty when
+/// none was.
+std::string readText(StoreFigures const& now, StoreFigures const& before);
 
 /// How many threads the options ask for.
 int threadCount(RunOptions const& run);

@@ -18,13 +18,29 @@ Json jsonOf(Vec const& v) {
 }
 
 Json jsonOf(PictureStatistics const& picture) {
-    return JsonObject()
-        .add("file", picture.file)
+    JsonObject json;
+    json.add("file", picture.file)
         .add("width", picture.width)
         .add("height", picture.height)
         .add("cameraRays", picture.cameraRays)
         .add("renderSeconds", seconds(picture.renderSeconds))
-        .add("writeSeconds", seconds(picture.writeSeconds))
+        .add("writeSeconds", seconds(picture.writeSeconds));
+    if (picture.blocksRead > 0)
+        json.add("blocksRead", picture.blocksRead).add("bytesRead", picture.bytesRead);
+    return json.onOneLine();
+}
+
+Json jsonOf(StoreFigures const& store) {
+    return JsonObject()
+        .add("number", store.blocks)
+        .add("held", store.held)
+        .add("heldBytes", store.heldBytes)
+        .add("built", store.built)
+        .add("found", store.found)
+        .add("written", store.written)
+        .add("writtenBytes", store.writtenBytes)
+        .add("read", store.loaded)
+        .add("readBytes", store.loadedBytes)
         .onOneLine();
 }
 
@@ -48,6 +64,8 @@ Json jsonOf(TreeStatistics const& tree) {
     if (tree.leaves)
         json.add("numberOfTreeLeafs", tree.leaves->count)
             .add("averageSpheresLeaf", tree.leaves->averageEntries);
+    if (tree.store)
+        json.add("blocks", jsonOf(*tree.store));
     return json.onOneLine();
 }
 

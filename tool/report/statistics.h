@@ -18,6 +18,8 @@ struct PictureStatistics {
     std::uint64_t cameraRays = 0;
     double renderSeconds = 0.0;
     double writeSeconds = 0.0;
+    std::int64_t blocksRead = 0; ///< from files, while rendering
+    std::uint64_t bytesRead = 0; ///< of these
 };
 
 /// What a run of `kelpa render` took, gathered as it goes.
@@ -30,7 +32,8 @@ class RenderStatistics {
 
     /// As JSON: {"version", "threads", "peakMegabytes", "scenes": [{"file", "spheres", "skipped",
     /// "motion", "colors", "readSeconds", "buildSeconds", "tree", "pictures": [...]}]}. "colors",
-    /// {"column", "range"}, is there when a column gives the colours.
+    /// {"column", "range"}, is there when a column gives the colours, "blocks" in "tree" and
+    /// "blocksRead" of a picture when trees were bounded or in a cache.
     std::string asJson(int threads, std::uint64_t peakMegabytes) const;
 
   private:
