@@ -142,6 +142,17 @@ bool Picture::addSamples(std::size_t tile, std::uint32_t first, std::uint32_t co
     return pipeline::addSamples(plan, placeOf(tile), {first, count}, image, goOn);
 }
 
+bool Picture::addSamplesLater(std::size_t tile, std::uint32_t first, std::uint32_t count,
+                              Image& image, RayTape& tape, Kelpa::GoOn const& goOn) const {
+    return pipeline::addSamplesLater(plan, placeOf(tile), {first, count}, image, tape, goOn);
+}
+
+std::uint32_t Picture::raysFromSurface() const {
+    if (!plan.light.hasKey)
+        return 0;
+    return static_cast<std::uint32_t>(plan.light.occlusionRays) + (plan.light.hasShadows ? 1U : 0U);
+}
+
 Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& options,
                   LightOptions const& light, int threads, PhaseProgress const& progress) {
     Picture const picture(scene, camera, light, options);

@@ -48,9 +48,18 @@ class Picture {
     bool addSamples(std::size_t tile, std::uint32_t first, std::uint32_t count, Image& image,
                     Kelpa::GoOn const& goOn = {}) const;
 
-  private:
+    /// The same for at most `mostSamplesTogether` samples whose rays are answered later, see
+    /// `RayTape`. Called until the tape knows all answers; only then they are added.
+    bool addSamplesLater(std::size_t tile, std::uint32_t first, std::uint32_t count, Image& image,
+                         RayTape& tape, Kelpa::GoOn const& goOn = {}) const;
+
+    std::uint32_t samples() const { return plan.samples; }
+    /// Rays that leave a surface, at most.
+    std::uint32_t raysFromSurface() const;
+    /// The upper left pixel of a tile, which may lie outside of the part that is wanted.
     TilePlace placeOf(std::size_t tile) const;
 
+  private:
     ImageOptions options;
     PicturePlan plan;
     std::string tileLabel; ///< empty: the picture is rendered in one part

@@ -66,12 +66,12 @@ void addEmptySamples(PicturePlan const& plan, int row, SampleRange const& range,
     storePixel(image, index, light, 0.0F);
 }
 
-/// Collects the tile's pixels that particles may show in, and finishes the others.
-std::size_t gatherPixels(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
-                         Image& image, TilePixel (&pixels)[pixelsPerTile]) {
-    std::size_t count = 0;
+/// Calls `visit` for each of the tile's pixels that lies in the image's part: with its place in the
+/// image's arrays, whether rods may show in it, and whether anything may.
+template <class Visit>
+void forEachPixel(PicturePlan const& plan, TilePlace const& tile, Image const& image,
+                  Visit const& visit) {
     auto const width = static_cast<std::size_t>(image.cropX1 - image.cropX0);
-    bool const isFirst = range.first == 0;
     for (Place const& place : placesInTile) {
         int const x = tile.left + place.x;
         int const y = tile.top + place.y;
@@ -79,25 +79,52 @@ std::size_t gatherPixels(PicturePlan const& plan, TilePlace const& tile, SampleR
             continue;
         std::size_t const index = static_cast<std::size_t>(y - image.cropY0) * width +
                                   static_cast<std::size_t>(x - image.cropX0);
-        if (isFirst)
-            clearChannels(image, index);
         bool const hasRods = plan.rods.reaches(x, y);
-        if (!hasRods && !plan.footprint.reaches(x, y)) {
-            addEmptySamples(plan, y, range, image, index);
-            continue;
-        }
-        PixelSamples const samples(x, y, plan.seed);
-        pixels[count++] = {x,
-                           y,
-                           index,
-                           samples,
-                           samples.start(lensPattern),
-                           samples.start(firstOcclusionPattern),
-                           isFirst ? Vector{} : lightOf(image, index),
-                           isFirst ? 0.0F : image.alpha[index],
-                           hasRods};
+        visit(x, y, index, hasRods, hasRods || plan.footprint.reaches(x, y));
     }
+}
+
+TilePixel pixelAt(PicturePlan const& plan, int x, int y, std::size_t index, bool hasRods,
+                  bool isFirst, Image const& image) {
+    PixelSamples const samples(x, y, plan.seed);
+    return {x,
+            y,
+            index,
+            samples,
+            samples.start(lensPattern),
+            samples.start(firstOcclusionPattern),
+            isFirst ? Vector{} : lightOf(image, index),
+            isFirst ? 0.0F : image.alpha[index],
+            hasRods};
+}
+
+/// Collects the tile's pixels that particles may show in.
+std::size_t gatherPixels(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                         Image const& image, TilePixel (&pixels)[pixelsPerTile]) {
+    std::size_t count = 0;
+    bool const isFirst = range.first == 0;
+    forEachPixel(plan, tile, image,
+                 [&](int x, int y, std::size_t index, bool hasRods, bool isReached) {
+                     if (isReached)
+                         pixels[count++] = pixelAt(plan, x, y, index, hasRods, isFirst, image);
+                 });
     return count;
+}
+
+/// Finishes the other pixels, and empties the further channels of all.
+void finishOthers(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                  Image& image) {
+    forEachPixel(plan, tile, image, [&](int, int y, std::size_t index, bool, bool isReached) {
+        if (range.first == 0)
+            clearChannels(image, index);
+        if (!isReached)
+            addEmptySamples(plan, y, range, image, index);
+    });
+}
+
+void storePixels(Image& image, std::span<TilePixel const> pixels) {
+    for (TilePixel const& pixel : pixels)
+        storePixel(image, pixel.index, pixel.light, pixel.coverage);
 }
 
 } // namespace
@@ -106,6 +133,7 @@ bool addSamples(PicturePlan const& plan, TilePlace const& tile, SampleRange cons
                 Image& image, Kelpa::GoOn const& goOn) {
     TilePixel pixels[pixelsPerTile];
     std::size_t const count = gatherPixels(plan, tile, range, image, pixels);
+    finishOthers(plan, tile, range, image);
     if (count == 0)
         return true;
     // On the stack, 700 kB: where threads have taken all the memory that there is, their stacks are
@@ -117,14 +145,36 @@ bool addSamples(PicturePlan const& plan, TilePlace const& tile, SampleRange cons
     for (std::uint32_t pass = 0; pass < numPasses; ++pass) {
         // As many in every pass, or one more.
         std::uint32_t const samples = (range.count - done) / (numPasses - pass);
-        if (!passes.add(range.first + done, samples, goOn))
+        if (!passes.add({range.first + done, samples}, *plan.scene.geometry, goOn))
             return false;
         if (range.first + done == 0)
             passes.storeFirstHits(image);
         done += samples;
     }
-    for (TilePixel const& pixel : std::span(pixels, count))
-        storePixel(image, pixel.index, pixel.light, pixel.coverage);
+    storePixels(image, std::span(pixels, count));
+    return true;
+}
+
+bool addSamplesLater(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                     Image& image, RayTape& tape, Kelpa::GoOn const& goOn) {
+    TilePixel pixels[pixelsPerTile];
+    std::size_t const count = gatherPixels(plan, tile, range, image, pixels);
+    TilePasses passes(plan, std::span(pixels, count));
+    tape.want(Wanted::hit);
+    if (!passes.findSurfaces(range, tape, goOn))
+        return false;
+    if (tape.lacksAnswers())
+        return true;
+    tape.want(Wanted::distance);
+    if (!passes.findLight(tape, goOn))
+        return false;
+    if (tape.lacksAnswers())
+        return true;
+    passes.addToPixels();
+    finishOthers(plan, tile, range, image);
+    if (range.first == 0)
+        passes.storeFirstHits(image);
+    storePixels(image, std::span(pixels, count));
     return true;
 }
 

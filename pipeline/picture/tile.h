@@ -10,6 +10,7 @@
 #include "pipeline/picture/light.h"
 #include "pipeline/picture/rods.h"
 #include "pipeline/picture/sampling.h"
+#include "pipeline/scene/raytape.h"
 #include "pipeline/scene/scene.h"
 
 #include <array>
@@ -71,5 +72,14 @@ struct SampleRange {
 /// have been added already. Returns false when `goOn` says no: the tile is then left half done.
 bool addSamples(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
                 Image& image, Kelpa::GoOn const& goOn);
+
+/// The most samples of a pixel whose rays are asked together.
+constexpr std::uint32_t mostSamplesTogether = 16;
+
+/// The same for at most `mostSamplesTogether`, with rays that are answered later. Called until the
+/// tape knows all answers; only then the samples are added. Of each pixel one camera ray for each
+/// sample is asked first, and only when these are answered the others.
+bool addSamplesLater(PicturePlan const& plan, TilePlace const& tile, SampleRange const& range,
+                     Image& image, RayTape& tape, Kelpa::GoOn const& goOn);
 
 } // namespace pipeline

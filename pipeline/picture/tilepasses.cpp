@@ -44,29 +44,17 @@ unsigned directionKind(float x, float y, float z) {
 
 } // namespace
 
-bool TilePasses::add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn) {
-    firstSample = first;
-    sampleCount = count;
-    if (!shootCameraRays(goOn))
+bool TilePasses::add(SampleRange const& range, RayTarget& target, Kelpa::GoOn const& goOn) {
+    if (!findSurfaces(range, target, goOn) || !findLight(target, goOn))
         return false;
-    finishSurfaces();
-    if (plan.light.hasKey) {
-        if (!findSky(goOn))
-            return false;
-        findShadows();
-        kernels.shade(surfaces.count, plan.light, surfaces.normal, surfaces.dir, surfaces.cosine,
-                      surfaces.open, surfaces.lit, surfaces.color);
-    } else if (plan.light.shade == LightOptions::Shade::headlight) {
-        lightFromEye();
-    } else if (plan.light.shade == LightOptions::Shade::normals) {
-        showNormals();
-    }
     addToPixels();
     return true;
 }
 
-/// Collects what the pass's camera rays hit.
-bool TilePasses::shootCameraRays(Kelpa::GoOn const& goOn) {
+bool TilePasses::findSurfaces(SampleRange const& range, RayTarget& target,
+                              Kelpa::GoOn const& goOn) {
+    firstSample = range.first;
+    sampleCount = range.count;
     surfaces.count = 0;
     rodHits.clear();
     for (int lane = 0; lane < lanesPerBunch; ++lane) {
@@ -82,7 +70,23 @@ bool TilePasses::shootCameraRays(Kelpa::GoOn const& goOn) {
     for (std::size_t slot = 0; slot < slots; slot += lanesPerBunch) {
         if (isStopped(slot, goOn))
             return false;
-        traceCameraRays(slot, std::min<std::size_t>(lanesPerBunch, slots - slot));
+        traceCameraRays(slot, std::min<std::size_t>(lanesPerBunch, slots - slot), target);
+    }
+    finishSurfaces();
+    return true;
+}
+
+bool TilePasses::findLight(RayTarget& target, Kelpa::GoOn const& goOn) {
+    if (plan.light.hasKey) {
+        if (!findSky(target, goOn))
+            return false;
+        findShadows(target);
+        kernels.shade(surfaces.count, plan.light, surfaces.normal, surfaces.dir, surfaces.cosine,
+                      surfaces.open, surfaces.lit, surfaces.color);
+    } else if (plan.light.shade == LightOptions::Shade::headlight) {
+        lightFromEye();
+    } else if (plan.light.shade == LightOptions::Shade::normals) {
+        showNormals();
     }
     return true;
 }
@@ -94,7 +98,7 @@ float TilePasses::timeAt(double part) const {
     return static_cast<float>(opens * (1.0 - inside) + closes * inside);
 }
 
-void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
+void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count, RayTarget& target) {
     // Of each lane, its pixel and the sample.
     std::uint16_t pixelOf[lanesPerBunch];
     std::uint16_t sampleOf[lanesPerBunch];
@@ -126,7 +130,7 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count) {
                        {rays.originX, rays.originY, rays.originZ},
                        {rays.dirX, rays.dirY, rays.dirZ});
     bunch.numLanes = count;
-    bunch.trace(*plan.scene.geometry);
+    bunch.trace(target);
     for (std::size_t lane = 0; lane < count; ++lane)
         addSeen(pixelOf[lane], sampleOf[lane], lane);
 }
@@ -193,7 +197,7 @@ void TilePasses::finishSurfaces() {
 }
 
 /// Asks how much of the sky each surface sees.
-bool TilePasses::findSky(Kelpa::GoOn const& goOn) {
+bool TilePasses::findSky(RayTarget& target, Kelpa::GoOn const& goOn) {
     if (surfaces.count == 0)
         return true;
     auto const rays = static_cast<std::uint32_t>(plan.light.occlusionRays);
@@ -203,7 +207,7 @@ bool TilePasses::findSky(Kelpa::GoOn const& goOn) {
         std::uint32_t const count = std::min(raysAtOnce, rays - first);
         makeSkyRays(first, count);
         orderSkyRays(count);
-        if (!traceSkyRays(count * surfaces.count, goOn))
+        if (!traceSkyRays(count * surfaces.count, target, goOn))
             return false;
         for (std::uint32_t ray = 0; ray < count; ++ray)
             for (std::size_t i = 0; i < surfaces.count; ++i)
@@ -248,7 +252,7 @@ void TilePasses::orderSkyRays(std::uint32_t rayCount) {
                                                  static_cast<std::uint16_t>(surface)};
 }
 
-bool TilePasses::traceSkyRays(std::size_t total, Kelpa::GoOn const& goOn) {
+bool TilePasses::traceSkyRays(std::size_t total, RayTarget& target, Kelpa::GoOn const& goOn) {
     double const distance = plan.light.occlusionDistance;
     for (std::size_t begin = 0; begin < total; begin += skyRaysAtOnce) {
         if (isStopped(begin, goOn))
@@ -260,7 +264,7 @@ bool TilePasses::traceSkyRays(std::size_t total, Kelpa::GoOn const& goOn) {
             addLeavingRay(surface, {skyRays.dir.x[ray], skyRays.dir.y[ray], skyRays.dir.z[ray]},
                           distance);
         }
-        bunch.trace(*plan.scene.geometry);
+        bunch.trace(target);
         for (std::size_t lane = 0; lane < bunch.numLanes; ++lane) {
             // The nearer the occluder, the darker.
             double const t = bunch.hits.hitT[lane] / distance;
@@ -272,11 +276,11 @@ bool TilePasses::traceSkyRays(std::size_t total, Kelpa::GoOn const& goOn) {
 }
 
 /// Asks which surfaces the key light reaches.
-void TilePasses::findShadows() {
+void TilePasses::findShadows(RayTarget& target) {
     std::size_t asked[lanesPerBunch];
     bunch.clear();
     auto const ask = [&] {
-        std::uint64_t const occluded = bunch.occluded(*plan.scene.geometry);
+        std::uint64_t const occluded = bunch.occluded(target);
         for (std::size_t lane = 0; lane < bunch.numLanes; ++lane)
             surfaces.lit[asked[lane]] = (occluded >> lane & 1U) == 0 ? 1 : 0;
         bunch.clear();

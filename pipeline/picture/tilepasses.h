@@ -16,18 +16,29 @@ namespace pipeline {
 ///
 /// All samples of a pass go through each step together, so that full bunches of rays that lie close
 /// together are asked: first all camera rays, pixel by pixel, then the rays from what they hit.
+///
+/// A step asks the same rays in the same order whenever it is given the same answers to those of
+/// the step before, and none of its rays depends on the answers to its others.
 class TilePasses {
   public:
     /// Samples of each pixel in one pass.
-    static constexpr std::uint32_t mostSamples = 16;
+    static constexpr std::uint32_t mostSamples = mostSamplesTogether;
 
     /// `pixels`, at most a tile's, stay where they are.
     TilePasses(PicturePlan const& picturePlan, std::span<TilePixel> tilePixels)
         : plan(picturePlan), pixels(tilePixels) {}
 
-    /// Adds the light of samples `first` to `first` + `count` - 1 to every pixel. Asks `goOn` every
-    /// few thousand rays; returns false when it says no, and the pixels are then worth nothing.
-    bool add(std::uint32_t first, std::uint32_t count, Kelpa::GoOn const& goOn);
+    /// Adds the light of `range`, at most `mostSamples`, to every pixel. Asks `goOn` every few
+    /// thousand rays; returns false when it says no, and the pixels are then worth nothing.
+    bool add(SampleRange const& range, RayTarget& target, Kelpa::GoOn const& goOn);
+
+    // The steps of `add`, one after the other; those with rays end early as it does.
+
+    /// Finds what the camera rays of `range` meet.
+    bool findSurfaces(SampleRange const& range, RayTarget& target, Kelpa::GoOn const& goOn);
+    /// Finds the light that goes from there to the eye.
+    bool findLight(RayTarget& target, Kelpa::GoOn const& goOn);
+    void addToPixels();
 
     /// Fills the image's further channels from the first samples of the last pass.
     void storeFirstHits(Image& image) const;
@@ -75,22 +86,20 @@ class TilePasses {
         Place order[mostSkyRays]; ///< those that go into like directions together
     };
 
-    bool shootCameraRays(Kelpa::GoOn const& goOn);
     float timeAt(double part) const;
-    void traceCameraRays(std::size_t firstSlot, std::size_t count);
+    void traceCameraRays(std::size_t firstSlot, std::size_t count, RayTarget& target);
     void addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     double depthOf(double t, Vec const& along) const;
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
-    bool findSky(Kelpa::GoOn const& goOn);
+    bool findSky(RayTarget& target, Kelpa::GoOn const& goOn);
     void makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount);
     void orderSkyRays(std::uint32_t rayCount);
-    bool traceSkyRays(std::size_t total, Kelpa::GoOn const& goOn);
-    void findShadows();
+    bool traceSkyRays(std::size_t total, RayTarget& target, Kelpa::GoOn const& goOn);
+    void findShadows(RayTarget& target);
     void addLeavingRay(std::size_t surface, Kelpa::Vector const& dir, double end);
     void lightFromEye();
     void showNormals();
-    void addToPixels();
 
     PicturePlan const& plan;
     std::span<TilePixel> pixels;

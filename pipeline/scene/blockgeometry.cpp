@@ -4,13 +4,13 @@
 
 #include "pipeline/scene/blockfigures.h"
 #include "pipeline/scene/blockstore.h"
+#include "pipeline/scene/blocktrees.h"
 #include "pipeline/scene/geometry.h"
 #include "pipeline/scene/raysinblocks.h"
 #include "pipeline/scene/toptree.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <exception>
 #include <span>
 #include <stdexcept>
@@ -46,10 +46,10 @@ class OneOfMany final : public Kelpa::ProgressCallback {
     bool isStopped = false;
 };
 
-class BlockGeometry final : public Geometry {
+class BlockGeometry final : public Geometry, public BlockTrees {
   public:
     BlockGeometry(std::vector<System> theBlocks, std::shared_ptr<Rows const> theRows)
-        : blocks(std::move(theBlocks)), rows(std::move(theRows)) {}
+        : systems(std::move(theBlocks)), rows(std::move(theRows)) {}
 
     void build(BuildRun const& run, TreeOptions const& options) override;
     int intersect(RSRay& ray) override;
@@ -68,18 +68,41 @@ class BlockGeometry final : public Geometry {
         return store != nullptr ? store->takeNotes() : std::vector<std::string>{};
     }
 
+    BlockTrees* blocks() override { return this; }
+    std::size_t blockCount() const override { return systems.size(); }
+    TopTree const& topTree() const override { return top; }
+    int ownerOf(std::int32_t block) const override {
+        System const& system = systemOf(block);
+        System const& last = systems.back();
+        std::int64_t const first = systems.front().base;
+        return share.ownerOf(system.base - first, system.first.numParticles,
+                             last.base + last.first.numParticles - first);
+    }
+    std::shared_ptr<Geometry> pin(std::int32_t block) override {
+        if (Geometry* const tree = trees[static_cast<std::size_t>(block)])
+            return {std::shared_ptr<void>(), tree}; // it stays anyway
+        return store->pin(block);
+    }
+    std::int64_t baseOf(std::int32_t block) const override { return systemOf(block).base; }
+    std::int64_t placeIn(std::int32_t block, std::int64_t index) const override {
+        System const& system = systemOf(block);
+        std::int64_t const inBlock = index - system.base;
+        return inBlock >= 0 && inBlock < system.first.numParticles ? inBlock : -1;
+    }
+    bool isCloser(double t, std::int64_t index, double otherT,
+                  std::int64_t otherIndex) const override {
+        if (t != otherT)
+            return t < otherT;
+        std::int64_t const first = systems.front().base;
+        return (*rows)[index - first] < (*rows)[otherIndex - first];
+    }
+
   private:
     class BunchOnItsWay;
 
     void buildAll(BuildRun const& run, TreeOptions const& options);
-    /// A particle's index in its block, or -1 for one that is in another block or none.
-    std::int64_t indexIn(std::int32_t block, std::int64_t index) const {
-        System const& system = blocks[static_cast<std::size_t>(block)];
-        std::int64_t const inBlock = index - system.base;
-        return inBlock >= 0 && inBlock < system.first.numParticles ? inBlock : -1;
-    }
-    std::int64_t baseOf(std::int32_t block) const {
-        return blocks[static_cast<std::size_t>(block)].base;
+    System const& systemOf(std::int32_t block) const {
+        return systems[static_cast<std::size_t>(block)];
     }
     /// A block's tree, for as long as `pin` is held as well.
     Geometry* treeOf(std::int32_t block, BlockStore::Pin& pin) {
@@ -89,25 +112,14 @@ class BlockGeometry final : public Geometry {
         pin = store->pin(block);
         return pin.get();
     }
-    /// Whether of two hits at the same distance that on `index` counts.
-    bool comesFirst(std::int64_t index, std::int64_t other) const {
-        std::int64_t const first = blocks.front().base;
-        return (*rows)[index - first] < (*rows)[other - first];
-    }
 
-    std::vector<System> blocks;
+    std::vector<System> systems; ///< one of each block
+    BlockShare share;
     std::shared_ptr<Rows const> rows;
     std::unique_ptr<BlockStore> store;
     std::vector<Geometry*> trees; ///< those that stay; null for one that comes and goes
     TopTree top;
 };
-
-/// The end of a ray's search in a block when it has a hit already: a little behind it, so that
-/// another particle at the same distance is found, whatever is rounded on the way.
-double searchEnd(double end, double best) {
-    double const behind = best + std::abs(best) * 1e-5 + 1e-30;
-    return behind < end ? behind : end;
-}
 
 /// What the trees tell of themselves; of none before they are built.
 std::vector<BlockFacts> const& factsOf(BlockStore const* store) {
@@ -130,14 +142,16 @@ void BlockGeometry::build(BuildRun const& run, TreeOptions const& options) {
 
 void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
     top = {};
-    trees.assign(blocks.size(), nullptr);
+    trees.assign(systems.size(), nullptr);
+    share = options.share;
     store = nullptr;
-    store = std::make_unique<BlockStore>(blocks, options);
-    std::vector<Box> boxes(blocks.size());
+    store = std::make_unique<BlockStore>(systems, options);
+    std::vector<Box> boxes(systems.size());
     std::atomic<std::int64_t> done = 0;
     std::int64_t total = 0;
-    for (System const& block : blocks)
-        total += block.first.numParticles;
+    for (System const& system : systems)
+        total += system.first.numParticles;
+    auto const isHere = [this](std::int32_t block) { return ownerOf(block) == share.number; };
     auto const watch = [&] {
         if (run.progress)
             run.progress(static_cast<double>(done) / static_cast<double>(total),
@@ -145,17 +159,20 @@ void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
         return true; // it throws to stop
     };
     Kelpa::doPieces(
-        blocks.size(), run.threads,
+        systems.size(), run.threads,
         [&](std::size_t block, Kelpa::GoOn const& goOn) {
-            boxes[block] = boxAround(blocks[block]);
+            boxes[block] = boxAround(systems[block]);
             OneOfMany report(run.report, goOn);
-            store->fill(block, report);
-            done += blocks[block].first.numParticles;
+            if (isHere(static_cast<std::int32_t>(block)))
+                store->fill(block, report);
+            done += systems[block].first.numParticles;
         },
         watch);
     // What an abort has left without a tree has nothing to be hit.
-    for (std::size_t block = 0; block < blocks.size(); ++block) {
+    for (std::size_t block = 0; block < systems.size(); ++block) {
         auto const number = static_cast<std::int32_t>(block);
+        if (!isHere(number))
+            continue;
         if (!store->has(number))
             boxes[block] = Box::empty();
         else if (!store->isBounded())
@@ -173,16 +190,14 @@ int BlockGeometry::intersect(RSRay& ray) {
     for (auto entry = top.next(boxRay, TopTree::Entry::none(), best); entry;
          entry = top.next(boxRay, *entry, best)) {
         RSRay asked = ray;
-        asked.intervalMax = code != 0 ? searchEnd(end, best) : end;
-        asked.skipIndex = indexIn(entry->block, ray.skipIndex);
+        asked.intervalMax = code != 0 ? searchEnd(best) : end;
+        asked.skipIndex = placeIn(entry->block, ray.skipIndex);
         BlockStore::Pin pin;
         int const found = treeOf(entry->block, pin)->intersect(asked);
         if (found == 0)
             continue;
         asked.hitIndex += baseOf(entry->block);
-        bool const isNearer = code == 0 || asked.hitT < best ||
-                              (asked.hitT == best && comesFirst(asked.hitIndex, ray.hitIndex));
-        if (!isNearer)
+        if (code != 0 && !isCloser(asked.hitT, asked.hitIndex, best, ray.hitIndex))
             continue;
         code = found;
         best = asked.hitT;
@@ -270,7 +285,7 @@ class BlockGeometry::BunchOnItsWay {
             named = rays;
         isCopied = true;
         for (unsigned char const k : ways.asked())
-            named.skipIndex[lanes[k]] = geometry.indexIn(ways.blockOf(k), rays.skipIndex[lanes[k]]);
+            named.skipIndex[lanes[k]] = geometry.placeIn(ways.blockOf(k), rays.skipIndex[lanes[k]]);
         return named;
     }
 
@@ -297,7 +312,7 @@ bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommon
     while (bunch.gather()) {
         unsigned count = 0;
         for (unsigned char const k : bunch.ways.asked()) {
-            double const end = isHit[k] ? searchEnd(ends[k], best[k]) : ends[k];
+            double const end = isHit[k] ? searchEnd(best[k]) : ends[k];
             bunch.askedEnds[count++] = end;
             found.hit[lanes[k]] = 0;
             found.hitT[lanes[k]] = end;
@@ -308,8 +323,7 @@ bool BlockGeometry::bunchIntersect(RayBunchExtParams const& rays, RayBunchCommon
             if (found.hit[lane] != 0) {
                 std::int64_t const index = found.hitIndex[lane] + baseOf(bunch.ways.blockOf(k));
                 double const t = found.hitT[lane];
-                if (!isHit[k] || t < best[k] ||
-                    (t == best[k] && comesFirst(index, hits.hitIndex[lane]))) {
+                if (!isHit[k] || isCloser(t, index, best[k], hits.hitIndex[lane])) {
                     isHit[k] = anyHit = true;
                     best[k] = t;
                     hits.hit[lane] = found.hit[lane];

@@ -52,8 +52,8 @@ void buildScene(Scene& scene, BuildRun const& run, TreeOptions const& options) {
             system.second = scene.second->part(first, count);
         blocks.push_back(system);
     }
-    // A cache takes single trees as well.
-    if (blocks.size() > 1 || !options.keep.cache.empty())
+    // A cache takes single trees as well, and rays may have to travel to one.
+    if (blocks.size() > 1 || !options.keep.cache.empty() || options.share.of > 1)
         scene.geometry = makeBlockGeometry(
             std::move(blocks), scene.rows != nullptr ? scene.rows : std::make_shared<Rows const>());
     else

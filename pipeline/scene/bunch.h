@@ -40,12 +40,12 @@ struct Bunch {
         lanes[numLanes++] = lane;
     }
     /// Tells by lane which rays hit anything at all; the hits stay as they are.
-    std::uint64_t occluded(Geometry& geometry) const {
-        return numLanes > 0 ? geometry.bunchOccluded(rays, tMins, tMaxs, lanes, numLanes) : 0;
+    std::uint64_t occluded(RayTarget& target) const {
+        return numLanes > 0 ? target.bunchOccluded(rays, tMins, tMaxs, lanes, numLanes) : 0;
     }
-    void trace(Geometry& geometry) {
+    void trace(RayTarget& target) {
         if (numLanes > 0)
-            geometry.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);
+            target.bunchIntersect(rays, hits, tMins, tMaxs, lanes, numLanes);
     }
 };
 

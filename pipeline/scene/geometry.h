@@ -40,6 +40,21 @@ struct KeepOptions {
     std::string cache;                   ///< folder of files that stay; empty: none
 };
 
+/// Some of a scene's blocks, of which several processes have a run each, by the particles in them.
+struct BlockShare {
+    int number = 0;
+    int of = 1;
+
+    /// Which of the processes has a block of `count` particles, `first` in number and the next.
+    int ownerOf(std::int64_t first, std::int64_t count, std::int64_t total) const {
+        // In floating point, as there is no bound on the product; all processes round alike.
+        if (of == 1)
+            return 0;
+        double const middle = static_cast<double>(first) + 0.5 * static_cast<double>(count);
+        return static_cast<int>(middle / static_cast<double>(total) * of);
+    }
+};
+
 /// How a tree is built; what is unset is left to the tree.
 struct TreeOptions {
     std::optional<int> maxDepth;
@@ -50,6 +65,7 @@ struct TreeOptions {
     /// The most particles that one tree holds; scenes of more have several, see `Parting`.
     std::int64_t block = defaultBlock;
     KeepOptions keep{};
+    BlockShare share{}; ///< the blocks that are built; of the others the bounds alone are known
 
     static constexpr std::int64_t defaultBlock = 1 << 20;
 };
@@ -105,26 +121,16 @@ struct TreeStatistics {
     std::optional<StoreFigures> store; ///< of trees in a store that is bounded or has a cache
 };
 
-/// The still or the moving primitive over particle systems, whichever they need.
-///
-/// Built once; then everything else may be asked from any number of threads. Hits name particles
-/// by their system's base index and their place in it.
-class Geometry {
+/// What lists of rays can be asked of; see `Bunch`.
+class RayTarget {
   public:
-    Geometry() = default;
-    Geometry(Geometry const&) = delete;
-    Geometry& operator=(Geometry const&) = delete;
-    virtual ~Geometry() = default;
+    RayTarget() = default;
+    RayTarget(RayTarget const&) = delete;
+    RayTarget& operator=(RayTarget const&) = delete;
+    virtual ~RayTarget() = default;
 
-    /// Each tree is built by one thread, so that it is the same however many there are. Throws
-    /// `Kelpa::ExceptionMsg` when memory runs out, and what `run.progress` throws; there are no
-    /// trees then.
-    virtual void build(BuildRun const& run, TreeOptions const& options) = 0;
-
-    /// Finds the closest hit of a ray.
-    virtual int intersect(Kelpa::RSRay& ray) = 0;
-    /// Finds the closest hits of up to 64 rays, each in a lane of its own; see `Bunch`. What is hit
-    /// is told by `hitIndex`.
+    /// Finds the closest hits of up to 64 rays, each in a lane of its own. What is hit is told by
+    /// `hitIndex`.
     virtual bool bunchIntersect(Kelpa::RayBunchExtParams const& rays,
                                 Kelpa::RayBunchCommonResult& hits, double* tMins, double* tMaxs,
                                 unsigned char const* lanes, unsigned long numLanes) = 0;
@@ -132,6 +138,23 @@ class Geometry {
     virtual std::uint64_t bunchOccluded(Kelpa::RayBunchExtParams const& rays, double const* tMins,
                                         double const* tMaxs, unsigned char const* lanes,
                                         unsigned long numLanes) = 0;
+};
+
+class BlockTrees;
+
+/// The still or the moving primitive over particle systems, whichever they need.
+///
+/// Built once; then everything else may be asked from any number of threads. Hits name particles
+/// by their system's base index and their place in it.
+class Geometry : public RayTarget {
+  public:
+    /// Each tree is built by one thread, so that it is the same however many there are. Throws
+    /// `Kelpa::ExceptionMsg` when memory runs out, and what `run.progress` throws; there are no
+    /// trees then.
+    virtual void build(BuildRun const& run, TreeOptions const& options) = 0;
+
+    /// Finds the closest hit of a ray.
+    virtual int intersect(Kelpa::RSRay& ray) = 0;
 
     /// `bunchIntersect` for lanes each of which is asked of a geometry of its own, `asked[i]` for
     /// `lanes[i]`: of trees like this one, made by `makeGeometry`.
@@ -155,6 +178,9 @@ class Geometry {
     virtual std::optional<StoreFigures> storeFigures() const { return std::nullopt; }
     /// What the user should know of files since this was last asked; from one thread.
     virtual std::vector<std::string> takeNotes() { return {}; }
+
+    /// The blocks that it has a tree for each of; null when it has one tree for all.
+    virtual BlockTrees* blocks() { return nullptr; }
 };
 
 /// A geometry of one tree, which can be kept as bytes.

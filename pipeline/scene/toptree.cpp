@@ -75,4 +75,11 @@ std::optional<TopTree::Entry> TopTree::next(BoxRay const& ray, Entry const& last
     return isFound ? std::optional(best) : std::nullopt;
 }
 
+TopTree::Entry TopTree::entryOf(BoxRay const& ray, std::int32_t block) const {
+    auto const number = static_cast<std::size_t>(block);
+    GroupStretches stretches;
+    boxKernels().back().enterGroup(levels[0].groups[number / BoxGroup::most], ray, 0.0F, stretches);
+    return {stretches.enter[number % BoxGroup::most], block};
+}
+
 } // namespace pipeline

@@ -46,6 +46,8 @@ class TopTree {
     /// What is next depends on the ray and the boxes alone, so a ray may be asked of its blocks
     /// anywhere and with any others.
     std::optional<Entry> next(BoxRay const& ray, Entry const& last, double end) const;
+    /// The entry of a block that `next` has given for this ray.
+    Entry entryOf(BoxRay const& ray, std::int32_t block) const;
 
     /// Enough for any number of blocks.
     static constexpr std::size_t mostLevels = 8;
