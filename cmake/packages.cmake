@@ -39,6 +39,10 @@ foreach(format IN ITEMS vdb hdf5 netcdf)
     endif()
 endforeach()
 list(JOIN formats_packages ", " formats_packages)
+if(TARGET kelpa_mpi)
+    list(APPEND CPACK_COMPONENTS_ALL mpi)
+endif()
+set(mpi_package kelpa-mpi)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -99,7 +103,20 @@ ${what}
 This package holds the command kelpa, which makes pictures straight from
 particle files.")
 
-set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "${formats_packages}")
+set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "${formats_packages}, ${mpi_package}")
+
+set(CPACK_DEBIAN_MPI_PACKAGE_NAME ${mpi_package})
+set(CPACK_DEBIAN_MPI_PACKAGE_SECTION graphics)
+set(CPACK_DEBIAN_MPI_PACKAGE_DEPENDS openmpi-bin)
+if(BUILD_SHARED_LIBS)
+    string(PREPEND CPACK_DEBIAN_MPI_PACKAGE_DEPENDS "${same_library}, ")
+endif()
+set(CPACK_DEBIAN_MPI_PACKAGE_SUGGESTS "${formats_packages}")
+set(CPACK_COMPONENT_MPI_DESCRIPTION "ray tracing of particle systems - command for clusters
+${what}
+.
+This package holds the command kelpa-mpi, which makes the pictures of the
+command kelpa by many processes, on one machine or on many.")
 
 # kelpa_formats_package(FORMAT TITLE TEXT): the package of the program that reads a format.
 macro(kelpa_formats_package format title text)

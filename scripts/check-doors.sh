@@ -11,7 +11,7 @@ forbid() {
     fi
 }
 # Programs use what is below them, and nobody uses programs.
-programs='tool/|bench/|tests/|examples/|python/'
+programs='tool/|mpi/|bench/|tests/|examples/|python/'
 # The view stands between the way to a picture and the programs that show it.
 forbid view "kelpa/(spheretree|particleprimitives)|pipeline/(samples|readers)|$programs"
 forbid pipeline 'view/'

@@ -5,6 +5,7 @@
 #include "pipeline/imagefile/imagefile.h"
 #include "pipeline/picture/filmplan.h"
 #include "pipeline/picture/render.h"
+#include "pipeline/picture/rendertogether.h"
 
 #include "tool/commands/commands.h"
 #include "tool/commands/filmcameras.h"
@@ -13,6 +14,7 @@
 #include "tool/process/standardstreams.h"
 #include "tool/report/filmprogress.h"
 #include "tool/report/phases.h"
+#include "tool/report/rankreport.h"
 #include "tool/report/statistics.h"
 #include "tool/version.h"
 
@@ -44,8 +46,8 @@ struct BuiltScene {
 /// One run of the command: the pictures, and what is told about them.
 class Rendering {
   public:
-    /// `all` must outlive it.
-    explicit Rendering(Options const& all);
+    /// `all` and `others` must outlive it.
+    Rendering(Options const& all, RayTransport& others);
 
     void renderOneFrame();
     void renderFrames();
@@ -57,6 +59,7 @@ class Rendering {
     template <class Read>
     BuiltScene makeBuiltScene(Read read, std::optional<int> frame = std::nullopt);
     TreeOptions treeOptionsFor(std::optional<int> frame) const;
+    Image makeImage(Scene const& scene, Camera const& camera, PhaseProgress const& progress);
     void renderPicture(BuiltScene& built, Camera const& camera, int frame,
                        std::string const& output);
     void tellFacts(PictureFacts& facts, int frame) const;
@@ -66,12 +69,22 @@ class Rendering {
     void saveCamera(Scene const& scene, int frame);
     void writeText(std::string const& path, std::string const& text);
 
+    /// Does what the first rank alone does; when it fails, all do.
+    template <class Work> void byFirstRank(Work const& work) {
+        ranks.together([&] {
+            if (ranks.rank() == 0)
+                work();
+        });
+    }
+
     Options const& options;
+    RayTransport& ranks; ///< that make the same pictures together
     WrittenFiles files;
     FilmPlan const given; ///< empty without a file
     FilmCameras cameras;
     std::optional<FilmFile> film; ///< of all pictures, once there is one
     RenderStatistics statistics;
+    RankReport report;
     FilmProgress series;
 };
 
@@ -90,8 +103,8 @@ FilmPlan planFor(Options const& options) {
     return plan;
 }
 
-Rendering::Rendering(Options const& all)
-    : options(all), files(all), given(planFor(all)), cameras(all, given.camera) {
+Rendering::Rendering(Options const& all, RayTransport& others)
+    : options(all), ranks(others), files(all), given(planFor(all)), cameras(all, given.camera) {
     for (std::string const& path :
          {options.run.statsFile, options.film.saveCamera, options.film.plan})
         if (!path.empty())
@@ -116,16 +129,19 @@ TreeOptions Rendering::treeOptionsFor(std::optional<int> frame) const {
 /// Reads what `read` makes a scene of, a film's frame if there is a number, and builds its tree.
 template <class Read> BuiltScene Rendering::makeBuiltScene(Read read, std::optional<int> frame) {
     BuiltScene built;
-    Stopwatch const readTime;
-    built.scene = read();
-    built.readSeconds = readTime.seconds();
+    ranks.together([&] {
+        Stopwatch const readTime;
+        built.scene = read();
+        built.readSeconds = readTime.seconds();
 
-    Stopwatch const buildTime;
-    BuildReport report(options.run);
-    buildScene(built.scene, options.run, treeOptionsFor(frame), report);
-    built.buildSeconds = buildTime.seconds();
-    statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
-                        built.buildSeconds);
+        Stopwatch const buildTime;
+        BuildReport buildReport(options.run);
+        buildScene(built.scene, options.run, treeOptionsFor(frame), buildReport);
+        built.buildSeconds = buildTime.seconds();
+        statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
+                            built.buildSeconds);
+        addScene(report, built.scene, ranks.rank());
+    });
     return built;
 }
 
@@ -139,14 +155,25 @@ void Rendering::tellFacts(PictureFacts& facts, int frame) const {
     facts.command = options.commandLine;
 }
 
+/// Makes a picture, which the first rank gets whole.
+Image Rendering::makeImage(Scene const& scene, Camera const& camera,
+                           PhaseProgress const& progress) {
+    int const threads = threadCount(options.run);
+    if (ranks.ranks() == 1)
+        return renderImage(scene, camera, options.image, options.light, threads, progress);
+    return renderTogether(scene, camera, options.image, options.light, ranks, threads, progress,
+                          report.figures);
+}
+
 void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame,
                               std::string const& output) {
-    if (output != options.output) // which is known from the start
-        files.add(output);
+    byFirstRank([&] {
+        if (output != options.output) // which is known from the start
+            files.add(output);
+    });
     Stopwatch const renderTime;
     auto const render = [&](PhaseProgress const& progress) {
-        return renderImage(built.scene, camera, options.image, options.light,
-                           threadCount(options.run), progress);
+        return makeImage(built.scene, camera, progress);
     };
     auto const figures = [&] {
         return built.scene.geometry->storeFigures().value_or(StoreFigures());
@@ -158,13 +185,14 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
         return text.empty() || read.empty() ? text + read : text + ", " + read;
     };
     Image image = withProgress("render", options.run, render, remark);
-    throwIfInterrupted();
+    ranks.together(throwIfInterrupted);
     noteFiles(built.scene, options.run);
     StoreFigures const after = figures();
     tellFacts(*image.facts, frame);
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
-    writePicture(image, output);
+    byFirstRank([&] { writePicture(image, output); });
+    std::int64_t const spheres = ranks.agree(built.scene.geometry->statistics().used, nullptr);
     series.finishPicture();
     int const width = image.cropX1 - image.cropX0;
     int const height = image.cropY1 - image.cropY0;
@@ -176,8 +204,7 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
     if (!options.run.quiet)
         say("wrote {} {}x{}, {} spheres, read {:.1f} s, build {:.1f} s, render {:.1f} s, {} "
             "MB{}{}\n",
-            output, width, height,
-            withCommas(static_cast<std::uint64_t>(built.scene.geometry->statistics().used)),
+            output, width, height, withCommas(static_cast<std::uint64_t>(spheres)),
             built.readSeconds, built.buildSeconds, renderTime.seconds(), peakMegabytes(),
             read.empty() ? "" : ", " + read, series.remark());
 }
@@ -195,9 +222,11 @@ void Rendering::writePicture(Image const& image, std::string const& output) {
 }
 
 void Rendering::finishFilm() {
-    if (film)
-        withProgress("film", options.run,
-                     [&](PhaseProgress const& progress) { film->finish(progress); });
+    byFirstRank([&] {
+        if (film)
+            withProgress("film", options.run,
+                         [&](PhaseProgress const& progress) { film->finish(progress); });
+    });
 }
 
 /// The file of a picture, one of several.
@@ -207,8 +236,11 @@ std::string Rendering::nameOf(int picture) const {
 
 /// Whether the picture is there already, and need not be made.
 bool Rendering::isThere(std::string const& output) {
-    std::error_code ignored;
-    bool const isIt = options.film.resume && std::filesystem::exists(output, ignored);
+    if (!options.film.resume)
+        return false;
+    std::error_code ignored; // the first rank's view counts, as it is the one that writes
+    bool const isSeen = ranks.rank() == 0 && std::filesystem::exists(output, ignored);
+    bool const isIt = ranks.agree(isSeen ? 1 : 0, nullptr) > 0;
     if (isIt)
         series.skipPicture();
     return isIt;
@@ -217,9 +249,11 @@ bool Rendering::isThere(std::string const& output) {
 void Rendering::writeText(std::string const& path, std::string const& text) {
     if (path.empty())
         return;
-    OutputFile file(path, throwIfInterrupted);
-    file.write(text);
-    file.commit();
+    byFirstRank([&] {
+        OutputFile file(path, throwIfInterrupted);
+        file.write(text);
+        file.commit();
+    });
 }
 
 /// Keeps the first picture's camera, if that is asked for.
@@ -253,12 +287,16 @@ void Rendering::renderOneFrame() {
 /// Renders the frames of a range, all as the first one is seen: what the tool chose by itself for
 /// that, the camera's place, the radius and the range of a colour map, must not change on the way.
 void Rendering::renderFrames() {
-    SnapshotReader reader(options, options.particles.files[0]);
+    std::optional<SnapshotReader> reader;
+    std::optional<FrameNumbers> frames;
+    ranks.together([&] {
+        reader.emplace(options, options.particles.files[0]);
+        frames = reader->framesIn(options.particles.frames);
+    });
     std::optional<Kept> kept;         // once the first one is there
     std::optional<ParticleSet> ahead; // the frame after the last one, if it was read already
-    FrameNumbers const frames = reader.framesIn(options.particles.frames);
-    series.begin(frames.count(), "frame");
-    for (auto frame = frames.after(std::nullopt); frame; frame = frames.after(frame)) {
+    series.begin(frames->count(), "frame");
+    for (auto frame = frames->after(std::nullopt); frame; frame = frames->after(frame)) {
         std::string const output = nameOf(*frame);
         bool const isDone = isThere(output);
         // Without a plan the first frame is needed even where its picture is not.
@@ -266,8 +304,8 @@ void Rendering::renderFrames() {
             continue;
         auto const read = [&] {
             ParticleSet particles =
-                ahead && ahead->frame == *frame ? std::move(*ahead) : reader.read(frame, false);
-            ahead = reader.readSecond(particles);
+                ahead && ahead->frame == *frame ? std::move(*ahead) : reader->read(frame, false);
+            ahead = reader->readSecond(particles);
             return readyScene(options, std::move(particles), ahead ? &*ahead : nullptr,
                               kept.value_or(given.kept));
         };
@@ -303,23 +341,37 @@ void Rendering::writePlan() {
 }
 
 void Rendering::writeStatistics() {
+    report.peakMegabytes = peakMegabytes();
+    if (ranks.ranks() > 1)
+        statistics.addRanks(gatherReports(report, ranks));
+    if (options.run.stats)
+        say("{}", statistics.ranksAsText());
     writeText(options.run.statsFile, statistics.asJson(threadCount(options.run), peakMegabytes()));
 }
 
 } // namespace
 
-int runRender(Options const& options) {
-    checkOutput(options);
-    Rendering rendering(options);
+int runRender(Options const& options, RayTransport& ranks) {
+    std::optional<Rendering> rendering;
+    ranks.together([&] {
+        if (ranks.rank() == 0)
+            checkOutput(options);
+        rendering.emplace(options, ranks);
+    });
     if (!options.film.plan.empty())
-        rendering.writePlan();
+        rendering->writePlan();
     else if (!options.particles.frames.empty())
-        rendering.renderFrames();
+        rendering->renderFrames();
     else
-        rendering.renderOneFrame();
-    rendering.finishFilm();
-    rendering.writeStatistics();
+        rendering->renderOneFrame();
+    rendering->finishFilm();
+    rendering->writeStatistics();
     return 0;
+}
+
+int runRender(Options const& options) {
+    NoTransport alone;
+    return runRender(options, alone);
 }
 
 } // namespace pipeline::tool

@@ -117,14 +117,14 @@ std::string RenderStatistics::asJson(int threads, std::uint64_t peakMegabytes) c
         JsonObject whole = scene.members;
         sceneList.push_back(whole.add("pictures", jsonList(pictureList, 6)).onLines(4));
     }
-    return JsonObject()
-               .add("version", version)
-               .add("threads", threads)
-               .add("peakMegabytes", peakMegabytes)
-               .add("scenes", jsonList(sceneList, 2))
-               .onLines(0)
-               .text +
-           "\n";
+    JsonObject json;
+    json.add("version", version)
+        .add("threads", threads)
+        .add("peakMegabytes", peakMegabytes)
+        .add("scenes", jsonList(sceneList, 2));
+    if (!ranks.empty())
+        json.add("ranks", jsonOf(ranks));
+    return json.onLines(0).text + "\n";
 }
 
 } // namespace pipeline::tool

@@ -4,8 +4,11 @@
 #include "pipeline/files/json.h"
 #include "pipeline/scene/scene.h"
 
+#include "tool/report/rankreport.h"
+
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pipeline::tool {
@@ -29,12 +32,16 @@ class RenderStatistics {
     void addScene(std::string const& file, Scene const& scene, double readSeconds,
                   double buildSeconds);
     void addPicture(PictureStatistics const& picture);
+    /// Of several processes, what each of them has done.
+    void addRanks(std::vector<RankReport> reports) { ranks = std::move(reports); }
 
     /// As JSON: {"version", "threads", "peakMegabytes", "scenes": [{"file", "spheres", "skipped",
     /// "motion", "colors", "readSeconds", "buildSeconds", "tree", "pictures": [...]}]}. "colors",
     /// {"column", "range"}, is there when a column gives the colours, "blocks" in "tree" and
-    /// "blocksRead" of a picture when trees were bounded or in a cache.
+    /// "blocksRead" of a picture when trees were bounded or in a cache, and "ranks", see
+    /// `RankReport`, behind the scenes of several processes.
     std::string asJson(int threads, std::uint64_t peakMegabytes) const;
+    std::string ranksAsText() const { return linesOf(ranks); }
 
   private:
     struct SceneEntry {
@@ -42,6 +49,7 @@ class RenderStatistics {
         std::vector<PictureStatistics> pictures;
     };
     std::vector<SceneEntry> scenes;
+    std::vector<RankReport> ranks; ///< empty: one process
 };
 
 /// {"min": [x, y, z], "max": [x, y, z]}
