@@ -74,6 +74,30 @@ struct Lanes {
     KELPA_INLINE std::uint32_t isEqual(std::int32_t const* numbers, std::int32_t number) {
         return _mm512_cmpeq_epi32_mask(_mm512_loadu_si512(numbers), _mm512_set1_epi32(number));
     }
+    /// Copies the numbers of some lanes, 0 among them, to `to`; the others become that of lane 0.
+    KELPA_INLINE void fill(std::uint32_t* to, std::uint32_t lanes, std::uint32_t const* numbers) {
+        __m512i const first = _mm512_set1_epi32(static_cast<int>(numbers[0]));
+        _mm512_storeu_si512(to,
+                            _mm512_mask_loadu_epi32(first, static_cast<__mmask16>(lanes), numbers));
+    }
+    /// The four floats at `at(0)` and those at `at(4)`, `at(8)` and `at(12)` behind them.
+    template <class At> KELPA_INLINE Floats quads(At const& at) {
+        __m512 const first = _mm512_castps128_ps512(_mm_loadu_ps(at(0)));
+        __m512 const two = _mm512_maskz_insertf32x4(0xFFFF, first, _mm_loadu_ps(at(4)), 1);
+        __m512 const three = _mm512_maskz_insertf32x4(0xFFFF, two, _mm_loadu_ps(at(8)), 2);
+        return _mm512_maskz_insertf32x4(0xFFFF, three, _mm_loadu_ps(at(12)), 3);
+    }
+    /// Makes rows of columns, in every four floats.
+    KELPA_INLINE void transposeQuads(Floats& a, Floats& b, Floats& c, Floats& d) {
+        __m512d const lowAB = _mm512_castps_pd(_mm512_maskz_unpacklo_ps(0xFFFF, a, b));
+        __m512d const highAB = _mm512_castps_pd(_mm512_maskz_unpackhi_ps(0xFFFF, a, b));
+        __m512d const lowCD = _mm512_castps_pd(_mm512_maskz_unpacklo_ps(0xFFFF, c, d));
+        __m512d const highCD = _mm512_castps_pd(_mm512_maskz_unpackhi_ps(0xFFFF, c, d));
+        a = _mm512_castpd_ps(_mm512_maskz_unpacklo_pd(0xFF, lowAB, lowCD));
+        b = _mm512_castpd_ps(_mm512_maskz_unpackhi_pd(0xFF, lowAB, lowCD));
+        c = _mm512_castpd_ps(_mm512_maskz_unpacklo_pd(0xFF, highAB, highCD));
+        d = _mm512_castpd_ps(_mm512_maskz_unpackhi_pd(0xFF, highAB, highCD));
+    }
 };
 
 /// A double for each lane of `Lanes`, in two vectors.
@@ -168,6 +192,27 @@ struct Lanes {
     KELPA_INLINE std::uint32_t isEqual(std::int32_t const* numbers, std::int32_t number) {
         __m256i const loaded = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(numbers));
         return bits(_mm256_castsi256_ps(_mm256_cmpeq_epi32(loaded, _mm256_set1_epi32(number))));
+    }
+    KELPA_INLINE void fill(std::uint32_t* to, std::uint32_t lanes, std::uint32_t const* numbers) {
+        __m256 const first = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(numbers[0])));
+        auto const* const at = reinterpret_cast<int const*>(numbers);
+        __m256 const some =
+            _mm256_castsi256_ps(_mm256_maskload_epi32(at, _mm256_castps_si256(where(lanes))));
+        _mm256_storeu_ps(reinterpret_cast<float*>(to), select(lanes, some, first));
+    }
+    template <class At> KELPA_INLINE Floats quads(At const& at) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(at(0))),
+                                    _mm_loadu_ps(at(4)), 1);
+    }
+    KELPA_INLINE void transposeQuads(Floats& a, Floats& b, Floats& c, Floats& d) {
+        __m256d const lowAB = _mm256_castps_pd(_mm256_unpacklo_ps(a, b));
+        __m256d const highAB = _mm256_castps_pd(_mm256_unpackhi_ps(a, b));
+        __m256d const lowCD = _mm256_castps_pd(_mm256_unpacklo_ps(c, d));
+        __m256d const highCD = _mm256_castps_pd(_mm256_unpackhi_ps(c, d));
+        a = _mm256_castpd_ps(_mm256_unpacklo_pd(lowAB, lowCD));
+        b = _mm256_castpd_ps(_mm256_unpackhi_pd(lowAB, lowCD));
+        c = _mm256_castpd_ps(_mm256_unpacklo_pd(highAB, highCD));
+        d = _mm256_castpd_ps(_mm256_unpackhi_pd(highAB, highCD));
     }
 
   private:

@@ -95,6 +95,47 @@ struct PlacedSpheres {
     SphereArrays arrays() const { return {radii, 1, x, y, z}; }
 };
 
+#if defined(__AVX2__)
+
+/// The spheres with every fourth of some indices, in quads of x, y, z and radius.
+[[gnu::always_inline]] inline Lanes::Floats
+placeQuads(float const* packed, std::uint32_t const* indices, Lanes::Floats f) {
+    auto const states = [packed, indices](int i) {
+        return packed + 8 * static_cast<std::size_t>(indices[i]);
+    };
+    Lanes::Floats const atFirst = Lanes::quads(states);
+    Lanes::Floats const atSecond = Lanes::quads([&states](int i) { return states(i) + 4; });
+    return atFirst + (atSecond - atFirst) * f; // the steps of `placeAt`
+}
+
+/// Places `count` (1 to 16) of a leaf's spheres. In the places behind them, up to the end of a
+/// vector, is the first of it once more.
+///
+/// Whole vectors are written, since whole ones will be read: a processor waits long to read at once
+/// what it has just written in parts.
+[[gnu::always_inline]] inline void placeSpheres(float const* packed, MBLeafSphere const* entries,
+                                                std::int32_t count, float f,
+                                                PlacedSpheres& placed) {
+    Lanes::Floats const fraction = Lanes::all(f);
+    for (std::int32_t first = 0; first < count; first += Lanes::count) {
+        std::uint32_t indices[Lanes::count];
+        std::int32_t const left = count - first;
+        Lanes::fill(indices, left < Lanes::count ? allLanes >> (Lanes::count - left) : allLanes,
+                    &entries[first].sphereIndex);
+        Lanes::Floats x = placeQuads(packed, indices, fraction);
+        Lanes::Floats y = placeQuads(packed, indices + 1, fraction);
+        Lanes::Floats z = placeQuads(packed, indices + 2, fraction);
+        Lanes::Floats radii = placeQuads(packed, indices + 3, fraction);
+        Lanes::transposeQuads(x, y, z, radii);
+        Lanes::storeIn(allLanes, placed.x + first, x);
+        Lanes::storeIn(allLanes, placed.y + first, y);
+        Lanes::storeIn(allLanes, placed.z + first, z);
+        Lanes::storeIn(allLanes, placed.radii + first, radii);
+    }
+}
+
+#else
+
 /// Places `count` (1 to 16) of a leaf's spheres; the unused places become zero.
 void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t count, float f,
                   PlacedSpheres& placed) {
@@ -114,6 +155,8 @@ void placeSpheres(float const* packed, MBLeafSphere const* entries, std::int32_t
         storeQuad(placed.radii + first, now[3]);
     }
 }
+
+#endif
 
 /// The number under which a packed sphere is compared with a ray's skip index.
 [[gnu::always_inline]] inline std::int32_t skipNumberOf(Tree const& tree,
