@@ -3,12 +3,14 @@
 
 #include "kelpa/foundation/blockpool.h"
 #include "kelpa/foundation/exceptionmsg.h"
+#include "kelpa/foundation/optionalarray.h"
 #include "kelpa/foundation/sharedcounters.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
+#include <utility>
 
 namespace Kelpa {
 
@@ -91,8 +93,12 @@ template <class Tree> std::uint64_t sphereTableBytes(Tree const& tree, std::int3
     return readShared(tree.spheresAreLent) != 0 ? 0 : sizeof(*tree.spheres) * spheres;
 }
 
-/// Releases nodes and entries.
+/// Releases nodes and entries, and what leads queries to them.
 template <class Tree> void releaseNodes(Tree& tree) {
+    if constexpr (requires { tree.walkNodes; }) {
+        FreeMemory{}(std::exchange(tree.walkNodes, nullptr));
+        tree.walkNodeBytes = 0;
+    }
     tree.nodes.freeData();
     tree.leafSpheres.freeData();
     tree.root = nullptr;

@@ -151,6 +151,7 @@ template <class Tree> void arrange(Tree& tree) {
         clear(tree);
         throw;
     }
+    Form<Tree>::complete(tree);
 }
 
 template <class Tree> void compact(Tree& tree) {
@@ -342,6 +343,7 @@ template <class Tree> bool readAll(Tree& tree, ByteSource const& source, std::ui
         return false;
     Form<Tree>::packs(tree) = packs.release();
     tree.packedFloats = head.packedFloats;
+    Form<Tree>::complete(tree);
     if (canLendSpheres(tree))
         lendSpheres(tree);
     return true;

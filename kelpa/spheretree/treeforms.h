@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
+#include "kelpa/spheretree/motionblur/walknodes.h"
 #include "kelpa/spheretree/static/sdleafpacks.h"
 #include "kelpa/spheretree/static/sdspheretree.h"
 
@@ -70,6 +71,8 @@ template <> struct Form<StaticSphereTree> {
                pack.position() + floats + static_cast<std::uint64_t>(packPadding) <= packedFloats;
     }
     static bool arePacksWhole(std::uint64_t, std::int32_t) { return true; } // leaf by leaf
+    /// Makes what queries use beside nodes, entries and packs, once all those are in their places.
+    static void complete(StaticSphereTree&) {}
 };
 
 template <> struct Form<MovingSphereTree> {
@@ -103,6 +106,10 @@ template <> struct Form<MovingSphereTree> {
     static bool isPackInside(MBSphereNode const&, std::uint64_t) { return true; }
     static bool arePacksWhole(std::uint64_t packedFloats, std::int32_t spheres) {
         return packedFloats == 0 || packedFloats == 8 * static_cast<std::uint64_t>(spheres);
+    }
+    static void complete(MovingSphereTree& tree) {
+        if (tree.packedSpheres != nullptr)
+            layOutWalkNodes(tree);
     }
 };
 

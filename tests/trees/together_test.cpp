@@ -220,6 +220,35 @@ TEST(ListsOfRays, AreAskedOneByOneWhereTheyCannotBeLedTogether) {
     EXPECT_GT(hits, 1000);
 }
 
+// Trees have nodes that are made for queries where their spheres are packed, else they have not.
+TEST(ListsOfRays, AnswerTreeByTreeAsEachDoesWhateverItWasMadeFor) {
+    MovingScene packed(moved(uniform.make(9, 300), Way::scattering, 1));
+    MovingScene unpacked(moved(uniform.make(9, 300), Way::scattering, 1));
+    unpacked.tree.packSpheres = 0;
+    for (MovingScene* const scene : {&packed, &unpacked})
+        static_cast<GeomTreeBase&>(scene->tree).build(nullptr, nullptr, 0, 0);
+    MovingParticlePrimitive* primitives[64];
+    forEachVariant([&] {
+        ListSource source(packed.cloud, 7);
+        int hits = 0, different = 0;
+        for (int i = 0; i < 30; ++i) {
+            List list = source.make(packed, static_cast<Aim>(i % numAims), 64);
+            for (int k = 0; k < 64; ++k)
+                primitives[k] = &(i % 2 == 0 || k % 5 == 0 ? packed : unpacked).owner;
+            std::uint64_t const occluded = MovingParticlePrimitive::bunchOccludedApart(
+                primitives, list.params, list.tMins, list.tMaxs, list.lanes, 64);
+            for (std::size_t k = 0; k < 64; ++k) {
+                RSRay ray = singleRay(packed, list, k, infinity);
+                int const code = packed.owner.intersect(ray);
+                hits += code;
+                different += (occluded >> list.lanes[k] & 1U) != static_cast<unsigned>(code);
+            }
+        }
+        EXPECT_GT(hits, 300);
+        EXPECT_EQ(different, 0);
+    });
+}
+
 // Hosts may trap invalid operations: lanes that no ray holds must not compute with zeros.
 TEST(ListsOfRays, DoNothingInvalidWithLanesThatAreEmpty) {
     StillScene still(uniform.make(6, 3000));

@@ -123,6 +123,7 @@ template <class Scene, class Make> void expectTheSameAfterARoundTrip(Make const&
             EXPECT_EQ(other->tree.numSpheres, expected.tree.numSpheres);
             EXPECT_EQ(other->tree.statMaxDepth, expected.tree.statMaxDepth);
             EXPECT_EQ(other->tree.packedFloats, expected.tree.packedFloats);
+            EXPECT_EQ(other->tree.getPackedMemUsage(), expected.tree.getPackedMemUsage());
             Box const bounds = boundsOf(*other);
             Box const truth = boundsOf(expected);
             EXPECT_TRUE(isSame(bounds.min, truth.min) && isSame(bounds.max, truth.max));

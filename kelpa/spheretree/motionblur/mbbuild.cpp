@@ -8,6 +8,7 @@
 #include "kelpa/spheretree/motionblur/crowd.h"
 #include "kelpa/spheretree/motionblur/mbspheretree.h"
 #include "kelpa/spheretree/motionblur/timeboxkernels.h"
+#include "kelpa/spheretree/motionblur/walknodes.h"
 #include "kelpa/spheretree/traversal.h"
 
 #include <algorithm>
@@ -232,7 +233,8 @@ template <class Tree> bool canPack(Tree const& tree) {
     });
 }
 
-/// Copies both states of every sphere to one place. Does nothing when memory is short.
+/// Copies both states of every sphere to one place, and the nodes to another. Does nothing when
+/// memory is short.
 template <class Tree> void packSpheres(Tree& tree) {
     std::uint64_t const floats = 8 * static_cast<std::uint64_t>(tree.numSpheres);
     auto* const packs = tryAllocate<float>(floats).release();
@@ -251,6 +253,7 @@ template <class Tree> void packSpheres(Tree& tree) {
     }
     tree.packedSpheres = packs;
     tree.packedFloats = floats;
+    layOutWalkNodes(tree);
     notePeak(tree);
 }
 

@@ -12,6 +12,8 @@ namespace Kelpa::KELPA_VARIANT {
 
 namespace {
 
+using Node = MBWalkNode;
+
 /// A group of rays on their walk. Every ray takes the steps that `visitLeaves` takes with it, on
 /// the same numbers; the group passes each node once for all of them.
 template <Goal goal> class Packet {
@@ -41,11 +43,11 @@ template <Goal goal> class Packet {
         // Where an interval ends with what is not a number, hits hang on the order of the spheres.
         std::uint32_t const endless = group.lanes & ~Doubles::isAtMost(group.tMax, group.tMax);
         for (std::uint32_t left = endless; left != 0; left &= left - 1)
-            visitAlone({tree.root, left & (0 - left), 0, group.tMin, group.tMax});
+            visitAlone({tree.walkNodes, left & (0 - left), 0, group.tMin, group.tMax});
         group.lanes &= ~endless;
         if (group.lanes == 0)
             return;
-        Part part = nodes.begin(tree.root, rays, group);
+        Part part = nodes.begin(tree.walkNodes, rays, group);
         do {
             descend(part);
             if (part.isAlone())
@@ -70,11 +72,15 @@ template <Goal goal> class Packet {
         while (!part.node->isLeaf() && !part.isAlone()) {
             std::uint64_t const link = part.node->link;
             int const kind = linkKind(link);
-            if (kind == Node::timeKind)
+            if (kind == MBSphereNode::timeKind)
                 chooseByTime(part, link);
             else
                 passPlane(part, link, kind);
         }
+    }
+
+    static Node const* childOf(std::uint64_t link, std::uint32_t child) {
+        return linkTarget<Node>(link) + child;
     }
 
     [[gnu::always_inline]] void chooseByTime(Part& part, std::uint64_t link) {
@@ -92,7 +98,7 @@ template <Goal goal> class Packet {
     [[gnu::always_inline]] void passPlane(Part& part, std::uint64_t link, int axis) {
         std::uint32_t const nearChild = backwards >> axis & 1U;
         // As `planeParameterOf`.
-        auto const velocity = static_cast<double>(floatAt(&part.node->velocity, axis));
+        auto const velocity = static_cast<double>(part.node->velocity);
         Doubles const origin =
             Doubles::load(rays.wideOrigin[axis]) - Doubles::all(velocity) * Doubles::load(time);
         Doubles const tSplit = (Doubles::all(static_cast<double>(part.node->splitPos)) - origin) *
@@ -200,7 +206,8 @@ template <Goal goal> class Packet {
         Doubles::storeIn(allLanes, tMax, part.tMax);
         auto const i = static_cast<unsigned>(__builtin_ctz(part.lanes));
         withRay(i, [&](MBSphereRay& ray, LeafVisitor<goal>& leaves) {
-            return visitLeaves<goal, usualInnerLevels>(ray, leaves, {part.node, tMin[i], tMax[i]});
+            return visitLeaves<goal, usualInnerLevels, Node>(ray, leaves,
+                                                             {part.node, tMin[i], tMax[i]});
         });
     }
 
@@ -214,7 +221,7 @@ template <Goal goal> class Packet {
                         return true;
                     if (next.isCrossing && !(next.span.tMax < nearest))
                         next.span.tMax = nearest;
-                    if (visitLeaves<goal, usualInnerLevels>(ray, leaves, next.span))
+                    if (visitLeaves<goal, usualInnerLevels, Node>(ray, leaves, next.span))
                         return true;
                 }
                 return true;

@@ -22,9 +22,8 @@ int codeOf(MBTree const& tree, MBSphereRay const& ray) {
 
 /// Whether one walk for all rays of a run is possible and likely to pay.
 bool canWalkTogether(MBTree const& tree, RayRun const& run) {
-    return queries().findAnyTogether != nullptr && tree.root != nullptr &&
-           tree.packedSpheres != nullptr && tree.statMaxDepth <= usualInnerLevels &&
-           run.count > 1 && areTogether(run);
+    return queries().findAnyTogether != nullptr && tree.walkNodes != nullptr &&
+           tree.statMaxDepth <= usualInnerLevels && run.count > 1 && areTogether(run);
 }
 
 } // namespace

@@ -96,6 +96,41 @@ struct MBSphereNode {
 #pragma pack(pop)
 static_assert(sizeof(MBSphereNode) == 24); // one load per step of a traversal
 
+/// A node as queries read it: of `MBSphereNode` what they need, 16 bytes aligned. A leaf is marked
+/// and counted as there.
+struct MBWalkNode {
+    union {
+        std::uint32_t leafWord; ///< leaf: see `MBSphereNode`
+        float splitPos;         ///< inner: see `MBSphereNode`
+    };
+    float velocity;     ///< inner: of the node's frame along the axis that it splits
+    std::uint64_t link; ///< inner: kind and address of a pair of such nodes; leaf: of its entries
+
+    /// Whether this is a leaf; else it is an inner node.
+    bool isLeaf() const { return (firstWord() & MBSphereNode::leafBits) == MBSphereNode::leafBits; }
+    /// Leaf: entries in the run.
+    std::int32_t numLeafSpheres() const {
+        return static_cast<std::int32_t>(firstWord() & ~MBSphereNode::leafBits);
+    }
+    /// Leaf: the run of entries.
+    MBLeafSphere const* leafSpheres() const { return linkTarget<MBLeafSphere>(link); }
+
+    /// Makes it a leaf, as the function of the same name.
+    void becomeLeaf(MBLeafSphere const* run, std::int32_t count) {
+        leafWord = MBSphereNode::leafBits | static_cast<std::uint32_t>(count);
+        velocity = 0.0F;
+        link = makeLink(run, 0);
+    }
+
+  private:
+    std::uint32_t firstWord() const {
+        std::uint32_t word;
+        std::memcpy(&word, this, sizeof word);
+        return word;
+    }
+};
+static_assert(sizeof(MBWalkNode) == 16); // two pairs in a line of memory
+
 /// One registered particle system: two snapshots of the same particles, matched by index. The
 /// arrays belong to the host.
 struct MovingParticleDataWithPrimitive {

@@ -152,8 +152,8 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
         return sphere.particleIndex;
     }
 
-    /// Bytes of the packed spheres, which `getMemUsage` does not count.
-    std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float); }
+    /// Bytes of the packed spheres and the nodes beside them, which `getMemUsage` does not count.
+    std::uint64_t getPackedMemUsage() const { return packedFloats * sizeof(float) + walkNodeBytes; }
     /// Bytes of all that the tree holds now: what `getMemUsage` and `getPackedMemUsage` tell, its
     /// table of systems. Not to be asked while another thread builds.
     std::uint64_t getTotalMemUsage() const;
@@ -194,6 +194,10 @@ template <class Sphere, int NodeBlock, int LeafBlock> class MBSphereTree : publi
     std::int32_t packSpheres = 1;
     float* packedSpheres = nullptr; ///< owned; per sphere x, y, z, radius at time0 and at time1
     std::uint64_t packedFloats = 0; ///< length of `packedSpheres`
+    /// Owned: the nodes once more, as queries read them, from the root on; null unless spheres are
+    /// packed.
+    MBWalkNode* walkNodes = nullptr;
+    std::uint64_t walkNodeBytes = 0; ///< size of `walkNodes`
     /// Spheres whose snapshots cover no part of the shutter, or run backwards. With one of them the
     /// tree is split no further beyond 32 leaf entries and 4 nodes a sphere (and 2^23 and 2^20).
     std::int32_t numOutsideShutter = 0;

@@ -14,20 +14,21 @@ namespace Kelpa::KELPA_VARIANT {
 namespace {
 
 /// One of several rays that are on their way at the same time.
-template <Goal goal> class RayInFlight {
+template <Goal goal, class Node> class RayInFlight {
   public:
     RayInFlight(Tree const& tree, MBSphereRay& askedRay)
-        : ray(askedRay), axes(ray), node(tree.root), time(static_cast<double>(ray.rayTime)),
-          tMin(ray.tMin), tMax(ray.tMax), leaves(tree, ray) {}
+        : ray(askedRay), axes(ray), node(rootOf<Node>(tree)),
+          time(static_cast<double>(ray.rayTime)), tMin(ray.tMin), tMax(ray.tMax),
+          leaves(tree, ray) {}
 
     /// Takes the steps of `visitLeaves` without a branch: the processor would guess it, and
     /// half of the time throw away what it has done for the other rays since.
     [[gnu::always_inline]] int step() {
         std::uint64_t const isInner = flag(!node->isLeaf());
-        int const kind = node->kind();
-        std::uint64_t const isTime = flag(kind == Node::timeKind);
+        int const kind = linkKind(node->link);
+        std::uint64_t const isTime = flag(kind == MBSphereNode::timeKind);
         int const axis = kind - static_cast<int>(isTime); // any, where time is split
-        Node const* const children = node->children();
+        Node const* const children = linkTarget<Node>(node->link);
         auto const nearChild = static_cast<std::uint64_t>(axes.nearChild(axis));
         double const tSplit = planeParameterOf(*node, axis, axes, time);
         std::uint64_t const isOneSided = isTime | flag((tSplit - tMin) * (tSplit - tMax) > 0.0);
@@ -70,7 +71,7 @@ template <Goal goal> class RayInFlight {
     double tMin;
     double tMax;
     LeafVisitor<goal> leaves;
-    PostponedChildren<Node>::Room<usualInnerLevels> room;
+    typename PostponedChildren<Node>::template Room<usualInnerLevels> room;
     PostponedChildren<Node> postponed{room};
 };
 
@@ -91,7 +92,10 @@ bool startTogether(Tree const& tree, std::span<MBSphereRay*> rays) {
 
 template <Goal goal, int Capacity> bool findWith(Tree const& tree, MBSphereRay& ray) {
     LeafVisitor<goal> leaves(tree, ray);
-    visitLeaves<goal, Capacity>(ray, leaves, {tree.root, ray.tMin, ray.tMax});
+    if (tree.walkNodes != nullptr)
+        visitLeaves<goal, Capacity, MBWalkNode>(ray, leaves, {tree.walkNodes, ray.tMin, ray.tMax});
+    else
+        visitLeaves<goal, Capacity, MBSphereNode>(ray, leaves, {tree.root, ray.tMin, ray.tMax});
     return goal == Goal::any ? leaves.hasFound() : leaves.finish();
 }
 
@@ -100,24 +104,39 @@ template <Goal goal> bool find(Tree const& tree, MBSphereRay& ray) {
                                                  : findWith<goal, levelLimit>(tree, ray);
 }
 
+/// Searches trees for several rays at a time by way of their walk nodes or, where not all have
+/// such, of the others.
+template <Goal goal, class TreeOf>
+void searchWith(bool haveWalkNodes, TreeOf const& treeOf, std::span<MBSphereRay*> rays,
+                bool* found) {
+    if (haveWalkNodes)
+        searchTogether<RayInFlight<goal, MBWalkNode>>(treeOf, rays, found);
+    else
+        searchTogether<RayInFlight<goal, MBSphereNode>>(treeOf, rays, found);
+}
+
 template <Goal goal> void findMany(Tree const& tree, std::span<MBSphereRay*> rays, bool* found) {
     if (tree.statMaxDepth > usualInnerLevels || areTogether(rays) || startTogether(tree, rays)) {
         for (std::size_t i = 0; i < rays.size(); ++i)
             found[i] = find<goal>(tree, *rays[i]);
         return;
     }
-    searchTogether<RayInFlight<goal>>([&tree](std::size_t) -> Tree const& { return tree; }, rays,
-                                      found);
+    searchWith<goal>(
+        tree.walkNodes != nullptr, [&tree](std::size_t) -> Tree const& { return tree; }, rays,
+        found);
 }
 
 template <Goal goal>
 void findApart(Tree const* const* trees, std::span<MBSphereRay*> rays, bool* found) {
     auto const treeOf = [trees](std::size_t i) -> Tree const& { return *trees[i]; };
     bool isAnyDeep = false;
-    for (std::size_t i = 0; i < rays.size(); ++i)
+    bool haveWalkNodes = true;
+    for (std::size_t i = 0; i < rays.size(); ++i) {
         isAnyDeep |= treeOf(i).statMaxDepth > usualInnerLevels;
+        haveWalkNodes &= treeOf(i).walkNodes != nullptr;
+    }
     if (!isAnyDeep)
-        return searchTogether<RayInFlight<goal>>(treeOf, rays, found);
+        return searchWith<goal>(haveWalkNodes, treeOf, rays, found);
     for (std::size_t i = 0; i < rays.size(); ++i)
         found[i] = find<goal>(treeOf(i), *rays[i]);
 }

@@ -17,7 +17,6 @@ namespace Kelpa::KELPA_VARIANT {
 namespace {
 
 using Tree = MBTree;
-using Node = MBSphereNode;
 
 /// A particle at one instant.
 struct PlacedSphere {
@@ -48,9 +47,8 @@ bool isCovered(MovingParticleDataWithPrimitive const& system, float time) {
 ///
 /// Each hit lowers the ray's end, so later ones can only be nearer; of equally near ones the first
 /// that is asked stays.
-bool intersectLeaf(Tree const& tree, MBSphereNode const& leaf, MBSphereRay& ray) {
-    MBLeafSphere const* const entries = leaf.leafSpheres();
-    std::int32_t const count = leaf.numLeafSpheres();
+bool intersectLeaf(Tree const& tree, MBLeafSphere const* entries, std::int32_t count,
+                   MBSphereRay& ray) {
     bool found = false;
     for (std::int32_t k = 0; k < count; ++k) {
         MBSphere& sphere = tree.spheres[entries[k].sphereIndex];
@@ -179,18 +177,19 @@ template <Goal goal> class LeafVisitor {
           // Alone in its tree, a system's particles are numbered from 0.
           mayStartOnSphere(tree.singleSystem != 1 || ray.skipIndex >= 0) {}
 
-    [[gnu::always_inline]] void visit(MBSphereNode const& leaf, double tMin, double tMax) {
+    template <class Node>
+    [[gnu::always_inline]] void visit(Node const& leaf, double tMin, double tMax) {
         if (isPacked) {
-            visitPacked(leaf, tMin, tMax);
+            visitPacked(leaf.leafSpheres(), leaf.numLeafSpheres(), tMin, tMax);
             return;
         }
         ray.tMin = tMin;
         ray.tMax = tMax;
-        if (intersectLeaf(tree, leaf, ray))
+        if (intersectLeaf(tree, leaf.leafSpheres(), leaf.numLeafSpheres(), ray))
             found = true;
     }
 
-    void prefetch(MBSphereNode const& leaf) const {
+    template <class Node> void prefetch(Node const& leaf) const {
         MBLeafSphere const* const entries = leaf.leafSpheres();
         if (!isPacked)
             return;
@@ -220,9 +219,8 @@ template <Goal goal> class LeafVisitor {
     }
 
     /// Finds what `intersectLeaf` finds.
-    [[gnu::always_inline]] void visitPacked(MBSphereNode const& leaf, double tMin, double tMax) {
-        MBLeafSphere const* const entries = leaf.leafSpheres();
-        std::int32_t const count = leaf.numLeafSpheres();
+    [[gnu::always_inline]] void visitPacked(MBLeafSphere const* entries, std::int32_t count,
+                                            double tMin, double tMax) {
         for (std::int32_t first = 0; first < count; first += placedAtATime) {
             std::int32_t const n = count - first < placedAtATime ? count - first : placedAtATime;
             PlacedSpheres placed;
@@ -255,14 +253,32 @@ template <Goal goal> class LeafVisitor {
     Vector center;
 };
 
+/// Where a tree's nodes of a kind begin.
+template <class Node> Node const* rootOf(Tree const& tree);
+template <> inline MBSphereNode const* rootOf<MBSphereNode>(Tree const& tree) {
+    return tree.root;
+}
+template <> inline MBWalkNode const* rootOf<MBWalkNode>(Tree const& tree) {
+    return tree.walkNodes;
+}
+
+/// How fast a node's frame moves along the axis that the node splits.
+[[gnu::always_inline]] inline float velocityAlong(MBSphereNode const& node, int axis) {
+    return floatAt(&node.velocity, axis);
+}
+[[gnu::always_inline]] inline float velocityAlong(MBWalkNode const& node, int) {
+    return node.velocity;
+}
+
 /// The ray parameter at which a ray meets a node's plane.
 ///
 /// A node stands still in its own frame. There the ray's origin is where the world's would have
 /// been at time 0; only its coordinate along the split axis is needed.
-[[gnu::always_inline]] inline double planeParameterOf(MBSphereNode const& node, int axis,
+template <class Node>
+[[gnu::always_inline]] inline double planeParameterOf(Node const& node, int axis,
                                                       AxisRays const& axes, double time) {
-    float const velocity = floatAt(&node.velocity, axis);
-    return axes.planeParameter(axis, node.splitPos, static_cast<double>(velocity) * time);
+    double const velocity = static_cast<double>(velocityAlong(node, axis));
+    return axes.planeParameter(axis, node.splitPos, velocity * time);
 }
 
 /// Whether both sides of a plane at `tSplit` are to be visited: it lies inside the interval, or the
@@ -271,19 +287,30 @@ template <Goal goal> class LeafVisitor {
     return (tMin < tSplit && tSplit < tMax) || !((tSplit - tMin) * (tSplit - tMax) > 0.0);
 }
 
-/// A child of an inner node.
-[[gnu::always_inline]] inline Node const* childOf(std::uint64_t link, std::uint64_t child) {
-    return linkTarget<Node>(link) + child;
+/// Where in the pair of children of an inner node, in bytes, the one lies that a ray meets first.
+template <class Node>
+[[gnu::always_inline]] inline std::uint64_t nearOffset(AxisRays const& axes, std::uint64_t link) {
+    if constexpr (sizeof(Node) == 16)
+        return axes.nearOffset(link);
+    else
+        return axes.nearChildBy(link) * sizeof(Node);
+}
+
+/// The node of such a pair that lies `offset` bytes behind the first.
+template <class Node>
+[[gnu::always_inline]] inline Node const* nodeAt(std::uint64_t link, std::uint64_t offset) {
+    return reinterpret_cast<Node const*>((link & ~std::uint64_t{3}) + offset);
 }
 
 /// Visits the leaves of a subtree that the ray passes at its time, front to back, until it is known
 /// what the ray finds in the whole tree, which is returned, or all are visited.
-template <Goal goal, int Capacity>
+template <Goal goal, int Capacity, class Node>
 [[gnu::always_inline]] inline bool visitLeaves(MBSphereRay& ray, LeafVisitor<goal>& leaves,
                                                Span<Node> const& from) {
+    constexpr std::uint64_t otherChild = sizeof(Node); // what tells the two offsets apart
     AxisRays const axes(ray);
     double const time = static_cast<double>(ray.rayTime);
-    PostponedChildren<Node>::Room<Capacity> room;
+    typename PostponedChildren<Node>::template Room<Capacity> room;
     PostponedChildren<Node> postponed(room);
     Node const* node = from.node;
     CrossedInterval interval(from.tMin, from.tMax);
@@ -291,24 +318,27 @@ template <Goal goal, int Capacity>
         while (!node->isLeaf()) {
             std::uint64_t const link = node->link;
             int const kind = linkKind(link);
-            if (kind == Node::timeKind) {
-                node = childOf(link, ray.rayTime > node->splitPos ? 1 : 0);
+            if (kind == MBSphereNode::timeKind) {
+                node = nodeAt<Node>(link, ray.rayTime > node->splitPos ? otherChild : 0);
                 continue;
             }
-            std::uint64_t const nearChild = axes.nearChildBy(link);
+            std::uint64_t const nearChild = nearOffset<Node>(axes, link);
             double const tSplit = planeParameterOf(*node, kind, axes, time);
             if (interval.isBehind(tSplit)) { // all of it lies behind the plane ...
-                node = childOf(link, nearChild ^ 1);
+                node = nodeAt<Node>(link, nearChild ^ otherChild);
                 keepAsBranch();
             } else if (interval.isBefore(tSplit)) { // ... or before it
-                node = childOf(link, nearChild);
+                node = nodeAt<Node>(link, nearChild);
                 keepAsBranch();
             } else if (crossesMovingPlane(tSplit, interval.tMin, interval.tMax)) {
-                postponed.push(childOf(link, nearChild ^ 1), tSplit, interval.tMax);
+                auto const* const farChild = nodeAt<Node>(link, nearChild ^ otherChild);
+                __builtin_prefetch(linkTarget<void>(farChild->link)); // is on its way meanwhile
+                postponed.push(farChild, tSplit, interval.tMax);
                 interval.endAt(tSplit);
-                node = childOf(link, nearChild);
+                node = nodeAt<Node>(link, nearChild);
             } else {
-                node = childOf(link, tSplit < interval.tMin ? nearChild ^ 1 : nearChild);
+                node =
+                    nodeAt<Node>(link, tSplit < interval.tMin ? nearChild ^ otherChild : nearChild);
             }
         }
         leaves.visit(*node, interval.tMin, interval.tMax);
