@@ -151,18 +151,23 @@ nearestInOrder(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t
     return nearest;
 }
 
+/// How many groups of spheres most leaves of a tree have where vectors are longest.
+enum class UsualGroups { one, two };
+
 /// `nearestInOrder` without an excluded sphere, faster for leaves as most are: both groups side by
 /// side, and one second half for both where no two of the possible spheres are on the same lane.
-template <TieOrder order>
+template <TieOrder order, UsualGroups usual>
 [[gnu::always_inline]] inline std::int32_t nearestSphere(SphereProbe const& ray,
                                                          SphereArrays const& spheres,
                                                          std::int32_t count, HitWindow& window) {
     constexpr std::int32_t excluded = -1;
-    if (count <= Lanes::count || count > 2 * Lanes::count)
+    if (count > 2 * Lanes::count || (count <= Lanes::count && usual == UsualGroups::two))
         return nearestInOrder<order>(ray, spheres, count, excluded, window);
-    FirstHalf const low = firstHalf(ray, spheres, 0, allLanes);
+    std::int32_t const inHigh = count - Lanes::count; // spheres of the second group
+    FirstHalf const low = firstHalf(ray, spheres, 0, inHigh < 0 ? allLanes >> -inHigh : allLanes);
     FirstHalf const high =
-        firstHalf(ray, spheres, Lanes::count, allLanes >> (2 * Lanes::count - count));
+        inHigh > 0 ? firstHalf(ray, spheres, Lanes::count, allLanes >> (Lanes::count - inHigh))
+                   : FirstHalf{low.tClosest, low.h, 0};
     std::uint32_t const possible = low.possible | high.possible;
     if (possible == 0)
         return -1;
@@ -218,12 +223,12 @@ nearestBesideOrigin(SphereProbe const& ray, SphereArrays const& spheres, std::in
 
 /// The hit that asking a leaf's spheres one by one finds, where of equally near ones the first that
 /// is asked stays; `isOrigin(k)` tells whether the ray starts on sphere `k`.
-template <TieOrder order, class IsOrigin>
+template <TieOrder order, UsualGroups usual, class IsOrigin>
 [[gnu::always_inline]] inline LeafHit
 nearestInLeaf(SphereProbe const& ray, SphereArrays const& spheres, std::int32_t count, double tMin,
               double tMax, IsOrigin const& isOrigin) {
     HitWindow window(tMin, tMax);
-    std::int32_t const k = nearestSphere<order>(ray, spheres, count, window);
+    std::int32_t const k = nearestSphere<order, usual>(ray, spheres, count, window);
     if (k < 0 || !isOrigin(k)) [[likely]]
         return {k, static_cast<double>(window.end)};
     return nearestBesideOrigin<order>(ray, spheres, count, tMin, tMax, k, isOrigin);

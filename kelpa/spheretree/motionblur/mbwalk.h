@@ -225,7 +225,7 @@ template <Goal goal> class LeafVisitor {
             std::int32_t const n = count - first < placedAtATime ? count - first : placedAtATime;
             PlacedSpheres placed;
             placeSpheres(tree.packedSpheres, entries + first, n, f, placed);
-            LeafHit const hit = nearestInLeaf<TieOrder::first>(
+            LeafHit const hit = nearestInLeaf<TieOrder::first, UsualGroups::one>(
                 probe, placed.arrays(), n, tMin, tMax, [&](std::int32_t k) {
                     return mayStartOnSphere &&
                            skipNumberOf(tree, entries[first + k]) == ray.skipIndex;

@@ -175,7 +175,7 @@ template <Goal goal> class Packet {
 
     [[gnu::always_inline]] void visitWith(unsigned i, Node const& leaf, SphereArrays const& packed,
                                           double tMin, double tMax) {
-        LeafHit const hit = nearestInLeaf<TieOrder::last>(
+        LeafHit const hit = nearestInLeaf<TieOrder::last, UsualGroups::two>(
             rays.probe(i), packed, leaf.numLeafSpheres, tMin, tMax, [&](std::int32_t k) {
                 return mayStartOnSphere &&
                        skipNumberOf(tree, leaf.leafSpheres()[k]) == rays.skip[i];

@@ -126,7 +126,7 @@ template <Goal goal> class LeafVisitor {
         std::int32_t const count = leaf.numLeafSpheres;
         SphereArrays const packed = openPack(tree.packedLeaves, LeafPack{leaf.packWord}, count);
         __builtin_prefetch(leaf.leafSpheres()); // asked for if there is a hit
-        LeafHit const hit = nearestInLeaf<TieOrder::last>(
+        LeafHit const hit = nearestInLeaf<TieOrder::last, UsualGroups::two>(
             probe, packed, count, interval.tMin, interval.tMax, [&](std::int32_t k) {
                 return mayStartOnSphere &&
                        skipNumberOf(tree, leaf.leafSpheres()[k]) == ray.skipIndex;
