@@ -145,9 +145,11 @@ template <Goal goal> class Packet {
                 if (hit == 0)
                     continue;
                 hitHere |= hit;
-                if constexpr (goal == Goal::any)
+                if constexpr (goal == Goal::any) {
                     lanes &= ~hit;
-                else
+                    if (lanes == 0)
+                        return finishWithHit(hitHere);
+                } else
                     hits.setAll(hit, part.node->leafSpheres()[k].sphereIndex, sphere);
             }
         if constexpr (goal == Goal::any)
