@@ -3,8 +3,6 @@
 
 #include "pipeline/picture/tile.h"
 
-#include <fmt/format.h>
-
 #include <cstdio>
 
 namespace pipeline {
@@ -38,9 +36,13 @@ bool TileLabel::isOfSamePicture(TileLabel const& other) const {
 }
 
 std::string textOf(TileLabel const& label) {
-    return fmt::format("{}/{} of picture {:016x}, {},{},{},{} in {}x{}", label.tile.number,
-                       label.tile.count, label.picture, label.whole[0], label.whole[1],
-                       label.whole[2], label.whole[3], label.width, label.height);
+    auto const& [left, top, right, bottom] = label.whole;
+    char text[160]; // the Python module is also built without libraries that format
+    std::snprintf(text, sizeof text, "%d/%d of picture %016llx, %d,%d,%d,%d in %dx%d",
+                  label.tile.number, label.tile.count,
+                  static_cast<unsigned long long>(label.picture), left, top, right, bottom,
+                  label.width, label.height);
+    return text;
 }
 
 std::optional<TileLabel> labelFrom(std::string_view text) {
