@@ -22,6 +22,9 @@ struct Camera {
     bool isParallel;
     int width;
     int height;
+    // Of a pinhole that is a lens; all in its plane of focus is sharp.
+    double lensRadius = 0.0;
+    double focus = 1.0; ///< how far away that plane is, along `forward`
 
     /// The ray through a point of the picture; its direction has length 1.
     Kelpa::TraceRay ray(double pixelX, double pixelY) const;

@@ -93,10 +93,11 @@ void addScene(Mixer& mixer, Scene const& scene) {
 // The bindings name every member: one that is new does not compile until it is here as well.
 
 void addCamera(Mixer& mixer, Camera const& camera) {
-    auto const& [eye, right, up, forward, extent, isParallel, width, height] = camera;
+    auto const& [eye, right, up, forward, extent, isParallel, width, height, lensRadius, focus] =
+        camera;
     for (Vec const& v : {eye, right, up, forward})
         mixer.addVec(v);
-    mixer.addNumbers(extent, isParallel, width, height);
+    mixer.addNumbers(extent, isParallel, width, height, lensRadius, focus);
 }
 
 void addLight(Mixer& mixer, LightOptions const& light) {

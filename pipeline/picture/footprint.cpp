@@ -24,6 +24,37 @@ bool isFinite(Snapshot const& system, std::size_t particle) {
     return Kelpa::isFinite(system.positions[particle]) && std::isfinite(system.radii[particle]);
 }
 
+/// Spheres that cover what a lens makes of others: to a point at depth z it adds a disk, which is
+/// the picture of one of radius `lensRadius` * |z / focus - 1| at the same depth.
+///
+/// Of moving spheres too: what is added is convex in z, so that between its ends such a sphere
+/// stays within the hull of both.
+class ThroughLens {
+  public:
+    explicit ThroughLens(Camera const& seenBy) : camera(seenBy) {}
+
+    /// Radii for `count` spheres; those that are given where there is no lens.
+    float const* radii(std::size_t count, Kelpa::Vector const* centers, float const* given) {
+        if (!(camera.lensRadius > 0.0))
+            return given;
+        for (std::size_t i = 0; i < count; ++i) {
+            double const depth = dot(wide(centers[i]) - camera.eye, camera.forward);
+            double const radius = static_cast<double>(given[i]);
+            double const unsharp = std::max(std::abs((depth - radius) / camera.focus - 1.0),
+                                            std::abs((depth + radius) / camera.focus - 1.0));
+            // A little more, for what rounding takes.
+            larger[i] = static_cast<float>(1.00001 * (radius + camera.lensRadius * unsharp));
+        }
+        return larger;
+    }
+
+    static constexpr std::size_t most = 256; ///< spheres at a time
+
+  private:
+    Camera const& camera;
+    float larger[most];
+};
+
 } // namespace
 
 /// Counts, for each cell, the blocks that it lies in.
@@ -80,9 +111,11 @@ Footprint::Footprint(std::vector<Kelpa::Vector> const& centers, std::vector<floa
                      Camera const& camera, int left, int top, int right, int bottom) {
     layOut(left, top, right, bottom);
     Marks marks(grid);
+    ThroughLens lens(camera);
     for (std::size_t i = 0; i < centers.size(); ++i) {
         Block block{};
-        laneKernels().back().findBlocks(camera, grid, 1, &centers[i], &radii[i],
+        laneKernels().back().findBlocks(camera, grid, 1, &centers[i],
+                                        lens.radii(1, &centers[i], &radii[i]),
                                         {&block.x0, &block.x1, &block.y0, &block.y1});
         marks.add(block);
     }
@@ -99,12 +132,15 @@ Footprint::Footprint(Scene const& scene, Camera const& camera, int left, int top
 
 void Footprint::mark(Scene const& scene, Camera const& camera, Marks& marks) const {
     LaneKernels const& kernels = laneKernels().back();
-    constexpr std::size_t most = 256;
+    constexpr std::size_t most = ThroughLens::most;
+    ThroughLens lens(camera);
     std::int32_t ends[2][4][most];
     auto const find = [&](Snapshot const& system, int end, std::size_t begin, std::size_t count) {
         auto& [x0, x1, y0, y1] = ends[end];
-        kernels.findBlocks(camera, grid, count, system.positions.data() + begin,
-                           system.radii.data() + begin, {x0, x1, y0, y1});
+        Kelpa::Vector const* const centers = system.positions.data() + begin;
+        kernels.findBlocks(camera, grid, count, centers,
+                           lens.radii(count, centers, system.radii.data() + begin),
+                           {x0, x1, y0, y1});
     };
     auto const blockAt = [&](int end, std::size_t i) {
         auto const& [x0, x1, y0, y1] = ends[end];

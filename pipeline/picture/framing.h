@@ -29,7 +29,9 @@ struct CameraOptions {
     double fov = 35.0;  ///< vertical, degrees
     bool ortho = false;
     double zoom = 1.0;
-    int turntable = 0; ///< pictures of one turn; 0: no turn
+    double aperture = 0.0;       ///< diameter of the lens; 0: a pinhole
+    std::optional<double> focus; ///< how far away is sharp; unset: what the camera looks at
+    int turntable = 0;           ///< pictures of one turn; 0: no turn
 };
 
 constexpr double marginFactor = 1.05; ///< the part of the picture around the particles
@@ -58,6 +60,9 @@ struct Sight {
     /// from above.
     Camera turned(double turns) const;
 };
+
+/// Gives the camera the lens that the options ask for, if it is a pinhole.
+void setLens(CameraOptions const& options, Sight& sight);
 
 /// A camera that looks at the point of its axis which is as far away as `centre`.
 Sight sightOf(Camera const& camera, Vec const& centre);

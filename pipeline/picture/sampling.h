@@ -29,7 +29,7 @@ inline double fraction(double value) {
 }
 
 /// What the patterns of a pixel's samples are used for.
-enum Pattern : std::uint32_t { lensPattern, timePattern, firstOcclusionPattern };
+enum Pattern : std::uint32_t { lensPattern, timePattern, firstOcclusionPattern, aperturePattern };
 
 /// The sample patterns of one pixel.
 ///
@@ -74,12 +74,24 @@ class Strata {
 
     double at(PixelSamples const& pixel, std::uint32_t index) const {
         std::uint32_t const first = mixed(pixel.hash ^ timePattern);
-        auto const part = static_cast<std::uint32_t>(
-            (std::uint64_t{first} + std::uint64_t{index} * stride) % count);
-        return (part + PixelSamples::unit(mixed(first + index))) / count;
+        return (turnOf(first, index) + PixelSamples::unit(mixed(first + index))) / count;
+    }
+
+    /// A point of the lens's pattern for a sample: over all samples those that any pattern has, in
+    /// an order of the pixel's own, so that where a ray leaves the lens tells nothing of where in
+    /// the pixel it goes.
+    Sample2 onLens(PixelSamples const& pixel, std::uint32_t index) const {
+        Sample2 const start = pixel.start(aperturePattern);
+        Sample2 const step = PixelSamples::step(turnOf(mixed(pixel.hash ^ aperturePattern), index));
+        return {start.x + step.x, start.y + step.y};
     }
 
   private:
+    std::uint32_t turnOf(std::uint32_t first, std::uint32_t index) const {
+        return static_cast<std::uint32_t>((std::uint64_t{first} + std::uint64_t{index} * stride) %
+                                          count);
+    }
+
     std::uint32_t count;
     std::uint32_t stride;
 };

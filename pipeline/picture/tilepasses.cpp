@@ -104,6 +104,8 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count, RayTa
     std::uint16_t sampleOf[lanesPerBunch];
     double corner[2][lanesPerBunch];
     double pattern[2][lanesPerBunch];
+    double onLens[2][lanesPerBunch];
+    bool const hasLens = plan.camera.lensRadius > 0.0 && plan.samples > 1;
     std::size_t pixel = firstSlot / sampleCount;
     std::size_t sample = firstSlot % sampleCount;
     for (std::size_t lane = 0; lane < count; ++lane) {
@@ -118,6 +120,11 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count, RayTa
         if (plan.scene.second != nullptr)
             bunch.rays.time[lane] =
                 timeAt(plan.strata.at(seen.samples, firstSample + sampleOf[lane]));
+        if (hasLens) {
+            Sample2 const at = plan.strata.onLens(seen.samples, firstSample + sampleOf[lane]);
+            onLens[0][lane] = at.x;
+            onLens[1][lane] = at.y;
+        }
         bunch.hits.hitT[lane] = endless;
         bunch.hits.hit[lane] = 0;
         if (++sample == sampleCount) {
@@ -129,10 +136,43 @@ void TilePasses::traceCameraRays(std::size_t firstSlot, std::size_t count, RayTa
     kernels.cameraRays(plan.camera, count, {corner[0], corner[1]}, {pattern[0], pattern[1]},
                        {rays.originX, rays.originY, rays.originZ},
                        {rays.dirX, rays.dirY, rays.dirZ});
+    if (hasLens)
+        leaveLens(count, onLens);
     bunch.numLanes = count;
     bunch.trace(target);
     for (std::size_t lane = 0; lane < count; ++lane)
         addSeen(pixelOf[lane], sampleOf[lane], lane);
+}
+
+/// Lets the rays of a pinhole leave from points of its lens, each to where it meets the plane of
+/// focus.
+void TilePasses::leaveLens(std::size_t count, double (&pattern)[2][lanesPerBunch]) {
+    // Across the axis, directions by the cosine distribution are even over a disk (T. Malley's
+    // method, P. Shirley and K. Chiu, "A Low Distortion Map Between Disk and Square", 1997).
+    Camera const& camera = plan.camera;
+    Vector const forward = narrow(camera.forward);
+    Lanes3<float, lanesPerBunch> axis;
+    Lanes3<float, lanesPerBunch> around;
+    std::fill_n(axis.x, count, forward.x);
+    std::fill_n(axis.y, count, forward.y);
+    std::fill_n(axis.z, count, forward.z);
+    kernels.aroundNormals(count, {axis.x, axis.y, axis.z}, {pattern[0], pattern[1]},
+                          {around.x, around.y, around.z});
+    auto& rays = bunch.rays;
+    for (std::size_t lane = 0; lane < count; ++lane) {
+        Vec const direction = wide({rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]});
+        Vec const sharp = direction * (camera.focus / dot(direction, camera.forward));
+        Vec const toSide = wide({around.x[lane], around.y[lane], around.z[lane]});
+        Vec const across =
+            (toSide - camera.forward * dot(toSide, camera.forward)) * camera.lensRadius;
+        Vector const along = narrow(unit(sharp - across));
+        rays.originX[lane] = camera.eye.x + across.x;
+        rays.originY[lane] = camera.eye.y + across.y;
+        rays.originZ[lane] = camera.eye.z + across.z;
+        rays.dirX[lane] = along.x;
+        rays.dirY[lane] = along.y;
+        rays.dirZ[lane] = along.z;
+    }
 }
 
 /// Adds what the ray of a lane has met first.
@@ -349,40 +389,6 @@ void TilePasses::addToPixels() {
                 ++rod;
             }
             pixel.light = pixel.light + seen * weight;
-        }
-    }
-}
-
-/// What `depth` tells of a hit.
-double TilePasses::depthOf(double t, Vec const& along) const {
-    return plan.isDepthPlanar ? t * dot(along, plan.camera.forward) : t;
-}
-
-void TilePasses::storeFirstHits(Image& image) const {
-    if (image.depth.empty() && image.normal.empty() && image.position.empty() && image.id.empty())
-        return;
-    Scene const& scene = plan.scene;
-    if (!image.depth.empty())
-        for (RodHit const& rod : rodHits)
-            if (rod.sample == 0)
-                image.depth[pixels[rod.pixel].index] = static_cast<float>(rod.depth);
-    double const origin[3] = {scene.origin.x, scene.origin.y, scene.origin.z};
-    for (std::size_t i = 0; i < surfaces.count; ++i) {
-        if (surfaces.sample[i] != 0)
-            continue;
-        std::size_t const at = pixels[surfaces.pixel[i]].index;
-        if (!image.depth.empty())
-            image.depth[at] = static_cast<float>(depthOf(
-                surfaces.t[i], wide({surfaces.dir.x[i], surfaces.dir.y[i], surfaces.dir.z[i]})));
-        if (!image.id.empty())
-            image.id[at] = scene.idOf(surfaces.particle[i]);
-        float const normal[3] = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};
-        double const place[3] = {surfaces.place.x[i], surfaces.place.y[i], surfaces.place.z[i]};
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            if (!image.normal.empty())
-                image.normal[3 * at + axis] = normal[axis];
-            if (!image.position.empty())
-                image.position[3 * at + axis] = static_cast<float>(place[axis] + origin[axis]);
         }
     }
 }

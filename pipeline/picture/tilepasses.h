@@ -88,6 +88,7 @@ class TilePasses {
 
     float timeAt(double part) const;
     void traceCameraRays(std::size_t firstSlot, std::size_t count, RayTarget& target);
+    void leaveLens(std::size_t count, double (&pattern)[2][lanesPerBunch]);
     void addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     double depthOf(double t, Vec const& along) const;
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);

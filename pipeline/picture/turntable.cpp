@@ -38,6 +38,14 @@ Camera Sight::turned(double turns) const {
     return moved;
 }
 
+void setLens(CameraOptions const& options, Sight& sight) {
+    Camera& camera = sight.camera;
+    if (camera.isParallel)
+        return;
+    camera.lensRadius = options.aperture / 2.0;
+    camera.focus = options.focus.value_or(dot(sight.target - camera.eye, camera.forward));
+}
+
 Sight sightOf(Camera const& camera, Vec const& centre) {
     double const distance = dot(centre - camera.eye, camera.forward);
     double const size = std::sqrt(dot(camera.eye, camera.eye));

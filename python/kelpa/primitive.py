@@ -263,6 +263,8 @@ class Primitive:
         shutter: Sequence[float] = (0.0, 1.0),
         aov: Union[str, Sequence[str]] = (),
         depth: str = "ray",
+        aperture: float = 0.0,
+        focus: Optional[float] = None,
         crop: Optional[Sequence[int]] = None,
         tile: Optional[Sequence[int]] = None,
         seed: int = 0,
@@ -294,6 +296,9 @@ class Primitive:
             Further channels, in attributes of the picture.
         depth : "ray" or "planar"
             What the depth is measured along: the ray, or the camera's axis.
+        aperture, focus
+            Diameter of the camera's lens, and how far in front of it all is sharp; by default what
+            it looks at. A single sample is sharp everywhere.
         crop : (x0, y0, x1, y1), optional
             Pixels to render: from x0, y0 to before x1, y1.
         tile : (k, n), optional
@@ -329,6 +334,12 @@ class Primitive:
         wish.aov = channels
         check.choice("depth", depth, ("ray", "planar"))
         wish.planar_depth = depth == "planar"
+        lens = check.number("aperture", aperture, 0.0, 1e30) / 2
+        if lens > 0 and camera.parallel_height is not None:
+            raise ValueError("aperture: parallel rays have no lens")
+        target = np.subtract(camera.target, camera.eye)
+        sharp = float(np.linalg.norm(target)) if focus is None else focus
+        wish.lens = lens, check.number("focus", sharp, 1e-30, 1e30)
         part = None if crop is None else check.part("crop", crop, width, height)
         wish.crop = part
         if tile is not None:

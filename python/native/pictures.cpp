@@ -228,6 +228,10 @@ void defineWish(py::module_& module) {
                       })
         .def_property("planar_depth", nullptr,
                       [](Wish& w, bool planar) { w.image.isDepthPlanar = planar; })
+        .def_property("lens", nullptr,
+                      [](Wish& w, std::array<double, 2> const& lens) {
+                          std::tie(w.lensRadius, w.focus) = std::pair(lens[0], lens[1]);
+                      })
         .def_property("shade", nullptr,
                       [](Wish& w, std::string const& name) { w.light.shade = shadeOf(name); })
         .def_property("ao_samples", nullptr,

@@ -28,6 +28,8 @@ struct Wish {
     pipeline::ImageOptions image;
     pipeline::LightOptions light;
     Kelpa::Vector color; ///< of particles without colours; linear
+    double lensRadius = 0.0;
+    double focus = 1.0;
 };
 
 /// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id` and `position`; `part`, the

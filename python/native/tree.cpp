@@ -162,9 +162,10 @@ py::dict Tree::render(Placed const& camera, Wish const& wish, int threads,
     {
         py::gil_scoped_release const unlocked; // whoever has the scene may want the interpreter
         hold.lock();
-        picture.emplace(sceneIn(wish.color),
-                        cameraOf(camera, wish.image.width, wish.image.height, origin), wish.light,
-                        wish.image);
+        pipeline::Camera seen = cameraOf(camera, wish.image.width, wish.image.height, origin);
+        seen.lensRadius = wish.lensRadius;
+        seen.focus = wish.focus;
+        picture.emplace(sceneIn(wish.color), seen, wish.light, wish.image);
         image = picture->emptyImage();
     }
     runPieces(picture->tileCount(), threads, progress, "Rendering",

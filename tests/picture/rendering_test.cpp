@@ -317,4 +317,72 @@ TEST(Tiles, AreDealtOutSoThatEachPartOfThemTakesItsPartOfTheTime) {
     }
 }
 
+TEST(Lenses, SeeNothingBesideTheirFootprint) {
+    for (unsigned seed = 0; seed < 30; ++seed) {
+        SCOPED_TRACE(seed);
+        Random random(seed);
+        ParticleSet particles;
+        for (int i = 0; i < 20; ++i) {
+            particles.positions.push_back(random.inCube(3.0F));
+            particles.radii.push_back(random.between(0.05F, 0.6F));
+        }
+        ParticleSet later = particles;
+        for (Kelpa::Vector& place : later.positions)
+            place = pipeline::narrow(pipeline::wide(place) + pipeline::wide(random.inCube(0.5F)));
+        bool const moves = seed % 3 == 0;
+        Options options;
+        options.scene.motion.motion =
+            moves ? pipeline::Motion{pipeline::ToFile{"b"}} : pipeline::Motion{pipeline::Still{}};
+        options.camera.eye = {0, 0, seed % 2 == 0 ? 4.0F : 9.0F}; // among them, or before them
+        options.camera.lookAt = {0, 0, 0};
+        options.image = allChannels(60, 40, 5);
+        auto const ignore = [](auto const&...) {};
+        pipeline::Scene scene =
+            makeScene(options.scene, particles, moves ? &later : nullptr, {}, ignore, ignore);
+        kelpatest::RecordingProgress progress;
+        buildScene(scene, {progress}, options.tree);
+        auto camera = placeCamera(options.camera, 60, 40, 'y', scene.framed(), scene.origin);
+        camera.lensRadius = static_cast<double>(random.between(0.01F, 1.5F));
+        camera.focus = static_cast<double>(random.between(0.5F, 12.0F));
+        using Sky = pipeline::Picture::Sky;
+        auto const with = [&](Sky sky) {
+            pipeline::Picture const picture(scene, camera, {}, options.image, sky);
+            Image image = picture.emptyImage();
+            for (std::size_t tile = 0; tile < picture.tileCount(); ++tile)
+                picture.renderTile(tile, image);
+            return image;
+        };
+        Image const all = with(Sky::traced);
+        EXPECT_EQ(with(Sky::leftOut).rgb, all.rgb);
+        EXPECT_EQ(with(Sky::leftOut).depth, all.depth);
+        EXPECT_EQ(renderImage(scene, camera, options.image, {}, 2, {}).rgb, all.rgb);
+    }
+}
+
+TEST(Lenses, AreSharpInTheirFocusAlone) {
+    // In the focus a ball keeps its edge, elsewhere it fades.
+    auto const partlyCovered = [](double focus) {
+        ParticleSet disk;
+        disk.positions = {{0, 0, 0}};
+        disk.radii = {1.0F};
+        Options options;
+        options.image.width = options.image.height = 40;
+        options.image.samples = 64;
+        pipeline::Scene scene = makeScene(
+            options.scene, disk, nullptr, {}, [](auto const&...) {}, [](auto const&...) {});
+        kelpatest::RecordingProgress progress;
+        buildScene(scene, {progress}, options.tree);
+        auto camera = placeCamera({}, 40, 40, 'z', scene.framed(), scene.origin);
+        double const distance = std::sqrt(pipeline::dot(camera.eye, camera.eye));
+        camera.lensRadius = 0.1 * distance;
+        camera.focus = focus * distance;
+        Image const image = renderImage(scene, camera, options.image, {}, 1, {});
+        return std::count_if(image.alpha.begin(), image.alpha.end(),
+                             [](float a) { return a > 0.02F && a < 0.98F; });
+    };
+    auto const sharp = partlyCovered(1.0);
+    EXPECT_GT(partlyCovered(0.4), sharp + sharp / 2);
+    EXPECT_GT(partlyCovered(4.0), sharp + sharp / 2);
+}
+
 } // namespace

@@ -37,7 +37,8 @@ Sight FilmCameras::sightFor(Scene const& scene, int frame) {
 }
 
 Camera FilmCameras::cameraFor(Scene const& scene, int frame, int picture) {
-    Sight const sight = sightFor(scene, frame);
+    Sight sight = sightFor(scene, frame);
+    setLens(options.camera, sight);
     int const turn = options.camera.turntable;
     return turn > 0 ? sight.turned(static_cast<double>(picture) / turn) : sight.camera;
 }

@@ -30,6 +30,7 @@ void checkEffects(GivenOption const& isGiven, Options const& options) {
         {"--strict", !options.particles.frames.empty() || isNext,
          "frames of a sequence: --frames A:B or --motion next"},
         {"--shadows", !isFlat || !options.light.shadows.value_or(true), "light: --shade ao or lit"},
+        {"--aperture", options.image.samples > 1, "samples over the lens: --samples 2 or more"},
         {"--depth", options.image.depth, "--aov depth"},
         {"--ao-samples", hasOcclusion, "--shade ao"},
         {"--ao-distance", hasOcclusion, "--shade ao"},

@@ -27,6 +27,8 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera);
 /// Those on cameras in files; behind `addCameraOptions`.
 void addFilmOptions(CLI::App& app, FilmOptions& film);
 void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell);
+/// Those on the camera's lens.
+void addLensOptions(CLI::App& app, CameraOptions& camera);
 /// Those on what .exr files hold.
 void addExrOptions(CLI::App& app, Options& options);
 void addLightOptions(CLI::App& app, LightOptions& light);

@@ -120,6 +120,7 @@ CLI::App* addRender(CLI::App& app, Options& options) {
     addPictures(*render, options,
                 "Frames to render, A to B, every S-th, or several such and single ones, 0:8,12; "
                 "the output numbers them: img.####.png, or is a film");
+    addLensOptions(*render, options.camera);
     addFilmOptions(*render, options.film);
     addExrOptions(*render, options);
     return render;

@@ -125,6 +125,22 @@ void addCameraOptions(CLI::App& app, CameraOptions& camera) {
         ->group("Camera");
 }
 
+void addLensOptions(CLI::App& app, CameraOptions& camera) {
+    auto* const aperture =
+        app.add_option("--aperture", camera.aperture,
+                       "Diameter of the lens, in the file's unit of length: what is nearer or "
+                       "further away than the focus is unsharp; default: 0")
+            ->transform(between(0.0, 1e30))
+            ->excludes(app.get_option("--ortho"))
+            ->group("Camera");
+    app.add_option("--focus", camera.focus,
+                   "How far in front of the camera all is sharp; default: what it looks at, for "
+                   "which a framed camera takes the middle of all")
+        ->transform(between(1e-30, 1e30))
+        ->needs(aperture)
+        ->group("Camera");
+}
+
 void addFilmOptions(CLI::App& app, FilmOptions& film) {
     auto const addFile = [&app](char const* name, std::string& file, char const* help) {
         return app.add_option(name, file, help)->type_name("FILE.json");
