@@ -88,7 +88,7 @@ TEST_F(Command, HasEveryOptionInItsManualAndCompletion) {
     int count = 0;
     for (std::string command; commands >> command; ++count) {
         SCOPED_TRACE(command);
-        std::string const help = run({command, "--help"}).out;
+        std::string const help = run({command, "--help-all"}).out;
         std::set<std::string> const options = optionsIn(help.substr(help.find("\nOptions:")));
         EXPECT_GT(options.size(), 3U);
         ofAll.insert(options.begin(), options.end());
@@ -97,6 +97,10 @@ TEST_F(Command, HasEveryOptionInItsManualAndCompletion) {
         EXPECT_TRUE(contains(manual, "kelpa " + command));
     }
     EXPECT_GE(count, 4);
+    std::string const usual = run({"render", "--help"}).out;
+    EXPECT_LT(countOf(usual, "\n"), 40U) << "a person's head holds it";
+    EXPECT_LT(optionsIn(usual.substr(usual.find("The usual options"))).size(), 14U) << usual;
+    EXPECT_TRUE(contains(usual, "--color-by") && contains(usual, "--help-all")) << usual;
     EXPECT_EQ(completed("kelpa render a.ply --view b"), "back\nbottom\n");
     EXPECT_EQ(completed("kelpa render a.ply --shade l"), "lit\n");
     EXPECT_EQ(completed("kelpa generate s"), "splash\n");

@@ -7,7 +7,7 @@ _kelpa_help() {
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
         render | view | info | convert | generate | bench | join)
-            "${COMP_WORDS[0]}" "$word" --help 2>/dev/null
+            "${COMP_WORDS[0]}" "$word" --help-all 2>/dev/null
             return
             ;;
         esac

@@ -66,6 +66,21 @@ class ExamplesFirst : public CLI::Formatter {
         return (type.empty() || type[0] == '[' ? "" : " ") + type +
                (option->get_required() ? " (required)" : "");
     }
+    // Of many options the usual ones come first, and the others when they are asked for.
+    std::string make_help(CLI::App const* app, std::string name,
+                          CLI::AppFormatMode mode) const override {
+        bool const isLong = app->get_name() == "render" || app->get_name() == "view";
+        if (mode != CLI::AppFormatMode::Normal || !isLong)
+            return CLI::Formatter::make_help(app, name, mode);
+        std::vector<CLI::Option const*> usual;
+        for (char const* const option :
+             {"--output", "--frames", "--motion", "--select", "--radius", "--color", "--color-by",
+              "--view", "--turntable", "--size", "--open", "--help-all"})
+            if (CLI::Option const* const known = app->get_option_no_throw(option))
+                usual.push_back(known);
+        return make_description(app) + make_usage(app, name) + make_positionals(app) +
+               make_group("The usual options", false, usual);
+    }
     std::string make_option_usage(CLI::Option const* option) const override {
         bool const isMany = option->get_expected_max() > 1;
         return option->get_name(true) + (isMany ? "..." : "");
@@ -278,6 +293,7 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
                          fmt::format("kelpa {} (reads {}; writes PNG, EXR, PPM and PLY)", version,
                                      readableFormats()));
     app.require_subcommand(1);
+    app.set_help_all_flag("--help-all", "Print help with all options and exit");
     app.formatter(std::make_shared<ExamplesFirst>());
 
     auto* const render = addRender(app, options);
