@@ -103,7 +103,8 @@ ${what}
 This package holds the command kelpa, which makes pictures straight from
 particle files.")
 
-set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "${formats_packages}, ${mpi_package}")
+set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "${formats_packages}, ${mpi_package}, ffmpeg")
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "fonts-dejavu-core")
 
 set(CPACK_DEBIAN_MPI_PACKAGE_NAME ${mpi_package})
 set(CPACK_DEBIAN_MPI_PACKAGE_SECTION graphics)

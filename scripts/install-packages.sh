@@ -6,7 +6,7 @@
 set -euo pipefail
 
 packages=(g++ cmake make pkg-config libpng-dev libopenexr-dev libcli11-dev libfmt-dev zlib1g-dev libzstd-dev liblzma-dev libbz2-dev libxxhash-dev
-          gemmi-dev tao-pegtl-dev libcivetweb-dev libturbojpeg0-dev nlohmann-json3-dev)
+          gemmi-dev tao-pegtl-dev libcivetweb-dev libturbojpeg0-dev nlohmann-json3-dev libfreetype-dev fonts-dejavu-core)
 if [[ "${1:-}" != --no-tests ]]; then
     packages+=(libopenmpi-dev openmpi-bin libgtest-dev libbenchmark-dev pybind11-dev python3-dev python3-numpy libtbb-dev)
 fi

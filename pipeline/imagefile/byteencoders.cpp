@@ -54,15 +54,19 @@ unsigned char coverageCode(float alpha) {
 /// A row of the part as bytes: R G B, or R G B A with the colours no longer multiplied by alpha.
 std::string rowBytes(Image const& image, int row, bool withAlpha) {
     static CodeFinder const finder;
+    constexpr float nothing[4] = {};
     auto const width = static_cast<std::size_t>(image.cropX1 - image.cropX0);
     std::string bytes(width * (withAlpha ? 4 : 3), '\0');
     char* next = bytes.data();
     std::size_t const first = static_cast<std::size_t>(row) * width;
     for (std::size_t pixel = first; pixel < first + width; ++pixel) {
-        float const alpha = image.alpha[pixel];
+        float const* const over = image.overlay.empty() ? nothing : &image.overlay[4 * pixel];
+        float const shown = 1.0F - over[3];
+        float const alpha = over[3] + image.alpha[pixel] * shown;
         float const gain = withAlpha && alpha > 0.0F ? 1.0F / alpha : 1.0F;
         for (std::size_t channel = 0; channel < 3; ++channel)
-            *next++ = static_cast<char>(finder.code(image.rgb[(3 * pixel) + channel] * gain));
+            *next++ = static_cast<char>(
+                finder.code((over[channel] + image.rgb[(3 * pixel) + channel] * shown) * gain));
         if (withAlpha)
             *next++ = static_cast<char>(coverageCode(alpha));
     }

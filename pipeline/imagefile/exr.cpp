@@ -66,6 +66,9 @@ std::vector<ChannelGroup> channelsOf(Image const& image, std::size_t firstPixel,
             {{"Z"}, Imf::FLOAT, rowOf(image.depth, firstPixel, 1)},
             {{"N.X", "N.Y", "N.Z"}, Imf::FLOAT, rowOf(image.normal, firstPixel, 3)},
             {{"P.X", "P.Y", "P.Z"}, Imf::FLOAT, rowOf(image.position, firstPixel, 3)},
+            {{"legend.R", "legend.G", "legend.B", "legend.A"},
+             Imf::FLOAT,
+             rowOf(image.overlay, firstPixel, 4)},
             {halvesOfIds(), Imf::UINT, rowOf(image.id, firstPixel, 1)}};
 }
 

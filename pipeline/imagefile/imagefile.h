@@ -30,7 +30,8 @@ void checkWritable(std::string const& path);
 
 /// Writes a picture in the format of its suffix, under a temporary name until it is whole.
 ///
-/// PNG and PPM are 8-bit sRGB and hold the rendered part alone. EXR holds R G B A as half floats
+/// PNG and PPM are 8-bit sRGB and hold the rendered part alone, with its overlay, which EXR
+/// has as legend.R, .G, .B and .A. EXR holds R G B A as half floats
 /// and the further channels as Z, N.X N.Y N.Z, P.X P.Y P.Z, id and id.high (the low and the high
 /// half of 64 bits), its facts as attributes, the part as the data window within the whole picture.
 /// `withAlpha` says that the picture is transparent where no particle is: PNG then has an alpha

@@ -46,6 +46,9 @@ struct Image {
     // first sample.
     std::vector<float> depth, normal, position;
     std::vector<std::int64_t> id;
+    /// Empty, or what is drawn over the picture: R G B A of each pixel of the part, linear and
+    /// multiplied by A.
+    std::vector<float> overlay{};
     std::string tileLabel{}; ///< of a tile, for its file: see `TileLabel`; empty: it is none
     std::optional<PictureFacts> facts{};
 };

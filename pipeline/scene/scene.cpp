@@ -156,6 +156,8 @@ std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet 
     scene.chosen.colorRange = scene.colorRange;
     scene.colors = chooseColors(options.color, particles, scene.colorRange, note);
     scene.color = options.color.color.value_or(defaultColor);
+    if (options.hasLegend)
+        scene.legend = legendOf(options.color, particles, scene.colors, scene.colorRange);
     scene.upAxis = particles.upAxis;
     return std::move(radii.all);
 }

@@ -7,6 +7,7 @@
 #include "pipeline/scene/cellbox.h"
 #include "pipeline/scene/framedspheres.h"
 #include "pipeline/scene/geometry.h"
+#include "pipeline/scene/legend.h"
 #include "pipeline/scene/parting.h"
 #include "pipeline/scene/selection.h"
 #include "pipeline/scene/snapshot.h"
@@ -30,6 +31,7 @@ struct SceneOptions {
     MotionOptions motion;
     ColorOptions color;
     bool showsCell = false;     ///< its edges
+    bool hasLegend = false;     ///< of colours
     SelectionOptions selection; ///< asked by `makeSelectedScene`
 };
 
@@ -69,9 +71,10 @@ struct Scene {
     char upAxis = 'z';
     double largestStep = 0.0; ///< between the snapshots, as far as the shutter is open
     double meanStep = 0.0;
-    Kept chosen;              ///< what a film is to keep of it; the radius, if spacing told it
-    std::string radiusSource; ///< why the radii are what they are, in words
-    std::string colorColumn;  ///< the column that gives the colours, if any
+    Kept chosen;                  ///< what a film is to keep of it; the radius, if spacing told it
+    std::string radiusSource;     ///< why the radii are what they are, in words
+    std::optional<Legend> legend; ///< if it was asked for
+    std::string colorColumn;      ///< the column that gives the colours, if any
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     /// Not 0 for particles that no tree takes; empty: all are taken.
     std::vector<char> unusable;

@@ -1,5 +1,7 @@
 // What the command's user says of colours and radii, and what the picture then shows.
 
+#include "pipeline/picture/colorbar.h"
+
 #include "tests/support/command.h"
 
 #include <cmath>
@@ -133,6 +135,39 @@ TEST_F(Looks, ListTheNamesThereAre) {
         EXPECT_EQ(answer.code, 2);
         EXPECT_TRUE(contains(answer.err, says)) << answer.err;
     }
+}
+
+TEST_F(Looks, TellWhatTheyMean) {
+    auto const pixelsThatDiffer = [](Picture const& a, Picture const& b) {
+        int count = 0;
+        for (std::size_t i = 0; i < a.bytes.size(); i += 3)
+            count += a.bytes.compare(i, 3, b.bytes, i, 3) != 0 ? 1 : 0;
+        return count;
+    };
+    Words const byForce = {"--color-by", "force", "--range", "0:3", "--colormap", "magma"};
+    Words withBar = byForce;
+    withBar.emplace_back("--colorbar=F");
+    Picture const bare = renderRow(byForce);
+    Picture const bar = renderRow(withBar);
+    EXPECT_GT(pixelsThatDiffer(bare, bar), 300);
+    for (std::size_t row = 0; row < 50; ++row) // only on the right
+        EXPECT_EQ(bar.bytes.substr(3 * 70 * row, 3 * 10), bare.bytes.substr(3 * 70 * row, 3 * 10));
+    // Kinds have squares of their colours: of iron 11 pixels wide, beside the sphere's.
+    Picture const kinds = renderRow({"--colorbar"});
+    EXPECT_TRUE(contains(kinds.bytes, [] {
+        std::string square;
+        for (int i = 0; i < 11; ++i)
+            square += "\xe0\x66\x33";
+        return square;
+    }()));
+    EXPECT_EQ(pipeline::ticksOf(-0.3, 0.7),
+              (std::vector<double>{-0.2, 0.0, 0.2, 0.4, 0.6000000000000001}));
+    EXPECT_EQ(pipeline::ticksOf(20, 0), (std::vector<double>{0, 5, 10, 15, 20}));
+    EXPECT_EQ(pipeline::ticksOf(4, 4), std::vector<double>{4});
+    EXPECT_LT(pipeline::ticksOf(-3e38, 3e38).size(), 12U);
+    EXPECT_TRUE(
+        contains(run({"render", "row.xyz", "-o", "a.png", "--color", "red", "--colorbar"}).err,
+                 "row.xyz: there is nothing to tell of the colours"));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "pipeline/files/outputfile.h"
 #include "pipeline/imagefile/filmfile.h"
 #include "pipeline/imagefile/imagefile.h"
+#include "pipeline/picture/colorbar.h"
 #include "pipeline/picture/filmplan.h"
 #include "pipeline/picture/render.h"
 #include "pipeline/picture/rendertogether.h"
@@ -189,6 +190,11 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
     noteFiles(built.scene, options.run);
     StoreFigures const after = figures();
     tellFacts(*image.facts, frame);
+    if (auto legend = built.scene.legend) {
+        if (!options.legendTitle.empty())
+            legend->title = options.legendTitle;
+        drawColorBar(image, *legend);
+    }
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
     byFirstRank([&] { writePicture(image, output); });

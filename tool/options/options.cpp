@@ -317,6 +317,9 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
             options.run.stats = true;
             options.run.statsFile.clear();
         }
+        options.scene.hasLegend = !options.legendTitle.empty();
+        if (options.legendTitle == "true")
+            options.legendTitle.clear();
         CLI::App const& command = *app.get_subcommands().front();
         if (options.command == Options::Command::view)
             keepWords(command, options.view);

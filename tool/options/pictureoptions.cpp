@@ -236,6 +236,12 @@ void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell) {
 }
 
 void addExrOptions(CLI::App& app, Options& options) {
+    // A flag takes a value after = only, so that it never swallows the file that follows it.
+    app.add_flag("--colorbar", options.legendTitle,
+                 "Draw what colours mean, a bar with ticks or the kinds, with the column's name or "
+                 "this title; a layer of its own in an .exr")
+        ->type_name("[=TITLE]")
+        ->group("Image");
     addChoice(app, "--depth", options.image.isDepthPlanar, {{"ray", false}, {"planar", true}},
               "What --aov depth is measured along: the ray (default), or the camera's axis")
         ->group("Image");
