@@ -62,11 +62,13 @@ struct UseChooser {
         std::size_t const place = particles.attributes.size();
         auto const vector = has(name) ? std::nullopt : vectorNamed(name);
         particles.attributes.push_back({name, {}});
-        if (!vector) {
-            std::size_t const column = require(name);
+        // Whatever the file calls the column that tells elements, they are that.
+        bool const isElement = name == "element" && !has(name) && has(names.element);
+        if (isElement || !vector) {
+            std::size_t const column = isElement ? find(names.element) : require(name);
             uses.push_back({column, Target::attribute, place});
             particles.attributes.back().names =
-                name == names.element ? elementSymbols() : columns[column].names;
+                isElement || name == names.element ? elementSymbols() : columns[column].names;
             return;
         }
         std::string& source = particles.attributes.back().source = "length of";

@@ -93,6 +93,7 @@ TEST_F(Looks, KnowNamesInColumns) {
     };
     EXPECT_EQ(middle({"chain", "--colors", "B=#123456,C=red"}), "#123456");
     EXPECT_TRUE(contains(read("stderr"), "no particle is of kind 'C'; there are A B\n"));
+    EXPECT_EQ(middle({"element"}), "#ffffff") << "hydrogen's own, though the column is 'species'";
     EXPECT_EQ(middle({"chain", "--select", "chain == B", "--colors", "B=red"}), "#ff0000");
     EXPECT_TRUE(contains(read("stderr"), "1 of 3 particles are shown"));
 }
