@@ -6,6 +6,7 @@
 #include "pipeline/files/srgb.h"
 #include "pipeline/picture/fingerprint.h"
 #include "pipeline/picture/picturepart.h"
+#include "pipeline/picture/renderlater.h"
 #include "pipeline/picture/tileorder.h"
 #include "pipeline/scene/vec.h"
 
@@ -76,6 +77,13 @@ PicturePlan makePlan(Scene const& scene, Camera const& camera, LightOptions cons
             image.isDepthPlanar,
             backgrounds,
             emptyPixels(backgrounds, image.samples)};
+}
+
+/// So many rays wait for trees in files that they take a quarter of what trees in memory do: the
+/// more wait, the seldomer is each tree read.
+std::size_t raysBeside(StoreFigures const& store) {
+    constexpr std::uint64_t bytesOfRay = 150;
+    return std::clamp<std::uint64_t>(store.heldBytes / 4 / bytesOfRay, 1U << 16, 1U << 22);
 }
 
 } // namespace
@@ -160,6 +168,16 @@ Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& 
     std::size_t const tiles = picture.tileCount();
 
     TileOrder const order(tiles);
+    auto const store = scene.geometry->storeFigures();
+    if (store && store->held < store->blocks) {
+        std::vector<std::size_t> inTurn;
+        for (std::size_t turn = 0; turn < tiles; ++turn)
+            inTurn.push_back(order.tileAt(turn));
+        NoTransport none;
+        RayExchange exchange(*scene.geometry->blocks(), none, threads);
+        renderTilesLater(picture, inTurn, exchange, image, {raysBeside(*store), threads}, progress);
+        return image;
+    }
     std::atomic<std::size_t> done = 0;
     auto const renderTile = [&](std::size_t turn, Kelpa::GoOn const& goOn) {
         picture.renderTile(order.tileAt(turn), image, goOn);

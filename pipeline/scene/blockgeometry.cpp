@@ -78,6 +78,7 @@ class BlockGeometry final : public Geometry, public BlockTrees {
         return share.ownerOf(system.base - first, system.first.numParticles,
                              last.base + last.first.numParticles - first);
     }
+    bool isAtHand(std::int32_t block) const override { return store->isHeld(block); }
     std::shared_ptr<Geometry> pin(std::int32_t block) override {
         if (Geometry* const tree = trees[static_cast<std::size_t>(block)])
             return {std::shared_ptr<void>(), tree}; // it stays anyway

@@ -24,6 +24,9 @@ class BlockTrees {
     /// their places in the block. From any number of threads; only for blocks of one's own.
     virtual std::shared_ptr<Geometry> pin(std::int32_t block) = 0;
 
+    /// Whether `pin` would find the tree in memory now: what to ask first, as the order is free.
+    virtual bool isAtHand(std::int32_t) const { return true; }
+
     /// The reported index of a block's first particle.
     virtual std::int64_t baseOf(std::int32_t block) const = 0;
     /// A particle's place in the block; -1 for one that is in another block or none.

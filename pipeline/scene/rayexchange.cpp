@@ -120,7 +120,9 @@ void RayExchange::setOut(Kelpa::GoOn const& watch) {
 
 /// Asks each ray at hand of one block; those of other ranks are sent on.
 void RayExchange::askAtHand(Kelpa::GoOn const& watch) {
-    std::vector<Errand> const errands = sortToBlocks();
+    std::vector<Errand> errands = sortToBlocks();
+    std::stable_partition(errands.begin(), errands.end(),
+                          [this](Errand const& errand) { return blocks.isAtHand(errand.block); });
     done.asked += atHand.size();
     ++done.rounds;
     Kelpa::doPieces(
