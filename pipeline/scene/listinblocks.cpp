@@ -24,8 +24,9 @@ std::uint64_t ListInBlocks::beginningIn(unsigned first, unsigned count) const {
     return beginning;
 }
 
-/// Finds which rays enter which boxes of a part; they wait then, nearest last.
-void ListInBlocks::expand(Part const& part, float const* ends) {
+/// Finds which rays enter which boxes of a part, whose place others may take; they wait then,
+/// nearest last.
+void ListInBlocks::expand(Part part, float const* ends) {
     BoxGroup const& boxes = top.group(part.level, part.group);
     float nearest[children];
     unsigned count = 0;

@@ -3,6 +3,7 @@
 #include "pipeline/scene/boxgroup.h"
 #include "pipeline/scene/bunch.h"
 #include "pipeline/scene/parting.h"
+#include "pipeline/scene/raysinblocks.h"
 #include "pipeline/scene/scene.h"
 #include "pipeline/scene/toptree.h"
 
@@ -134,6 +135,52 @@ TEST(TopTrees, GiveARayItsBoxesInOrderLikeALookAtEach) {
         entered += static_cast<long>(expected.size());
     }
     EXPECT_GT(entered, 1000);
+}
+
+TEST(TopTrees, GiveAListEachOfItsBoxesOnceAtAnyDepth) {
+    Random random(8);
+    std::vector<Kelpa::Box> boxes; // in rows, as blocks lie: four levels
+    for (int i = 0; i < 5000; ++i) {
+        Vector const at = {static_cast<float>(i / 500), static_cast<float>(i / 25 % 20),
+                           static_cast<float>(i % 25)};
+        boxes.push_back({at, {at.x + 1.1F, at.y + 1.1F, at.z + 1.1F}});
+    }
+    TopTree const top(boxes);
+    ASSERT_EQ(top.numLevels(), 4);
+    for (int list = 0; list < 20; ++list) {
+        Kelpa::RayBunchExtParams rays;
+        double tMins[64] = {};
+        double ends[64];
+        unsigned char lanes[64];
+        Vector const towards = random.inCube(8.0F);
+        for (unsigned k = 0; k < 64; ++k) {
+            lanes[k] = static_cast<unsigned char>(63 - k);
+            Vector const aside = random.inCube(list % 2 == 0 ? 0.5F : 9.0F);
+            rays.originX[63 - k] = -5.0;
+            rays.originY[63 - k] = rays.originZ[63 - k] = 10.0;
+            rays.dirX[63 - k] = 10.0F + towards.x + aside.x;
+            rays.dirY[63 - k] = towards.y + aside.y;
+            rays.dirZ[63 - k] = towards.z + aside.z;
+            ends[k] = k % 3 == 0 ? 0.7 : 1e30;
+        }
+        RaysInBlocks ways(top, rays, tMins, lanes, ends);
+        std::vector<std::set<std::int32_t>> met(64);
+        while (ways.gather())
+            for (unsigned char const k : ways.asked()) {
+                EXPECT_TRUE(met[k].insert(ways.blockOf(k)).second);
+                ways.advance(k, ends[k]);
+            }
+        for (unsigned k = 0; k < 64; ++k) {
+            unsigned char const lane = lanes[k];
+            BoxRay const ray(rays.originX[lane], rays.originY[lane], rays.originZ[lane],
+                             {rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]}, 0.0);
+            std::set<std::int32_t> expected;
+            for (auto entry = top.next(ray, TopTree::Entry::none(), ends[k]); entry;
+                 entry = top.next(ray, *entry, ends[k]))
+                expected.insert(entry->block);
+            EXPECT_EQ(met[k], expected);
+        }
+    }
 }
 
 TEST(BoxKernels, FindForRaysSideBySideWhatTheyFindForOne) {
