@@ -85,9 +85,10 @@ TEST_F(ExrLayers, LeadFromPlacesToPixelsByTheirMatrices) {
 }
 
 TEST_F(ExrLayers, TellWhatTheyShow) {
-    Layers const layers = render({"--fps", "25", "--seed", "18446744073709551615", "--motion",
-                                  "velocity", "--shutter", "-.25:.25", "--select",
-                                  "q != 1 and z < 9", "--compression", "piz", "--fov", "30"});
+    Layers const layers =
+        render({"--fps", "25", "--seed", "18446744073709551615", "--motion", "velocity",
+                "--shutter", "-.25:.25", "--select", "q != 1 and z < 9", "--compression", "piz",
+                "--fov", "30", "--no-shadows", "--memory", "1G"});
     EXPECT_EQ(layers.told<Imf::IntAttribute>("frame"), 0);
     EXPECT_EQ(layers.told<Imf::FloatAttribute>("time"), 0.0F);
     EXPECT_EQ(layers.told<Imf::FloatAttribute>("fov"), 30.0F);
@@ -99,6 +100,8 @@ TEST_F(ExrLayers, TellWhatTheyShow) {
     std::string const first = read("a.exr");
     std::string const command = layers.told<Imf::StringAttribute>("command");
     EXPECT_TRUE(contains(command, "kelpa render two.xyz --select 'q != 1 and z < 9' ")) << command;
+    EXPECT_TRUE(contains(command, "--shadows=false")) << command;
+    EXPECT_FALSE(contains(command, "--memory")) << command;
     EXPECT_EQ(inShell(command.substr(6) + " -o b.exr -n 3"), 0);
     EXPECT_EQ(read("b.exr"), first);
     EXPECT_TRUE(contains(

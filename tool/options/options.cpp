@@ -158,9 +158,9 @@ bool holds(std::span<std::string_view const> names, std::string const& name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-constexpr std::string_view ofTheRun[] = {"--port",  "--host",    "--open",     "--help",
-                                         "--quiet", "--verbose", "--output",   "--tile",
-                                         "--stats", "--threads", "--progress", "--resume"};
+constexpr std::string_view ofTheRun[] = {
+    "--port", "--host",  "--open",    "--help",     "--quiet",  "--verbose", "--output",
+    "--tile", "--stats", "--threads", "--progress", "--resume", "--memory",  "--cache"};
 
 /// The words of a command that makes the same pictures: without `others`, and without what says
 /// where they go and how they are made.
@@ -171,12 +171,15 @@ std::vector<std::string> wordsOf(CLI::App const& command,
         std::string const name = option->get_name();
         if (option->count() == 0 || holds(others, name) || holds(ofTheRun, name))
             continue;
-        bool const isFlag = option->get_items_expected_max() == 0;
+        if (option->get_items_expected_max() == 0) { // a flag, which may have been given a value
+            std::string const value = option->results().back();
+            words.push_back(value == "true" ? name : name + "=" + value);
+            continue;
+        }
         if (name[0] == '-')
             words.push_back(name);
-        if (!isFlag)
-            for (std::string const& word : option->results())
-                words.push_back(word);
+        for (std::string const& word : option->results())
+            words.push_back(word);
     }
     return words;
 }
