@@ -12,7 +12,9 @@ ListInBlocks::ListInBlocks(TopTree const& tree, BoxRays& listed, std::uint64_t p
     kernels.invert(listed, least, greatest);
     if (top.numLevels() == 0)
         return;
-    expand({top.numLevels() - 1, 0, present}, ends);
+    unsigned const count = expand({top.numLevels() - 1, 0, present}, ends);
+    together = count > 0 &&
+               2 * std::popcount(beginningIn(order[count - 1], count)) >= std::popcount(present);
 }
 
 /// The rays that enter none of `count` boxes as early as box `first`.
@@ -25,8 +27,8 @@ std::uint64_t ListInBlocks::beginningIn(unsigned first, unsigned count) const {
 }
 
 /// Finds which rays enter which boxes of a part, whose place others may take; they wait then,
-/// nearest last.
-void ListInBlocks::expand(Part part, float const* ends) {
+/// nearest last. Returns how many boxes.
+unsigned ListInBlocks::expand(Part part, float const* ends) {
     BoxGroup const& boxes = top.group(part.level, part.group);
     float nearest[children];
     unsigned count = 0;
@@ -42,16 +44,15 @@ void ListInBlocks::expand(Part part, float const* ends) {
     std::sort(order, order + count, [&nearest](unsigned char a, unsigned char b) {
         return nearest[a] > nearest[b] || (nearest[a] == nearest[b] && a > b);
     });
-    together = count > 0 &&
-               2 * std::popcount(beginningIn(order[count - 1], count)) >= std::popcount(part.rays);
     auto const firstChild = static_cast<std::int32_t>(children) * part.group;
     if (part.level == 0) {
         firstBlock = firstChild;
         numBlocks = count;
-        return;
+        return count;
     }
     for (unsigned i = 0; i < count; ++i)
         waiting[numWaiting++] = {part.level - 1, firstChild + order[i], entered[order[i]]};
+    return count;
 }
 
 bool ListInBlocks::next(float const* ends, Step& step) {

@@ -40,7 +40,7 @@ class ListInBlocks {
     };
 
     std::uint64_t beginningIn(unsigned first, unsigned count) const;
-    void expand(Part part, float const* ends);
+    unsigned expand(Part part, float const* ends);
 
     TopTree const& top;
     BoxRays const& rays;
