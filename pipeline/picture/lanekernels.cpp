@@ -2,6 +2,7 @@
 #include "pipeline/picture/lanekernels.h"
 
 #include "pipeline/picture/sampling.h"
+#include "pipeline/scene/forprocessor.h"
 #include "pipeline/scene/vec.h"
 
 #include <cmath>
@@ -282,17 +283,12 @@ KELPA_KERNELS(avx512, [[gnu::target("avx512f,avx512vl,avx512dq")]])
 } // namespace
 
 std::span<LaneKernels const> laneKernels() {
-    static std::vector<LaneKernels> const found = [] {
-        std::vector<LaneKernels> kernels = {any::kernels};
 #if defined(__x86_64__)
-        if (__builtin_cpu_supports("avx2") != 0)
-            kernels.push_back(avx2::kernels);
-        if (__builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512vl") != 0 &&
-            __builtin_cpu_supports("avx512dq") != 0)
-            kernels.push_back(avx512::kernels);
+    static std::vector<LaneKernels> const found =
+        formsForProcessor(any::kernels, avx2::kernels, avx512::kernels);
+#else
+    static std::vector<LaneKernels> const found = {any::kernels};
 #endif
-        return kernels;
-    }();
     return found;
 }
 

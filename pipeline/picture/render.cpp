@@ -170,12 +170,10 @@ Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& 
     TileOrder const order(tiles);
     auto const store = scene.geometry->storeFigures();
     if (store && store->held < store->blocks) {
-        std::vector<std::size_t> inTurn;
-        for (std::size_t turn = 0; turn < tiles; ++turn)
-            inTurn.push_back(order.tileAt(turn));
         NoTransport none;
         RayExchange exchange(*scene.geometry->blocks(), none, threads);
-        renderTilesLater(picture, inTurn, exchange, image, {raysBeside(*store), threads}, progress);
+        renderTilesLater(picture, order.shareOf(0, 1), exchange, image,
+                         {raysBeside(*store), threads}, progress);
         return image;
     }
     std::atomic<std::size_t> done = 0;

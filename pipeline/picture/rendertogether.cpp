@@ -45,12 +45,8 @@ void forEachRow(Picturable& image, TilePlace const& tile, Visit const& visit) {
 /// The tiles of a rank: every n-th of the order in which they are dealt out to threads as well, so
 /// that all ranks have about the same of what there is to see.
 std::vector<std::size_t> tilesOf(Picture const& picture, int rank, int ranks) {
-    TileOrder const order(picture.tileCount());
-    std::vector<std::size_t> tiles;
-    for (auto turn = static_cast<std::size_t>(rank); turn < picture.tileCount();
-         turn += static_cast<std::size_t>(ranks))
-        tiles.push_back(order.tileAt(turn));
-    return tiles;
+    return TileOrder(picture.tileCount())
+        .shareOf(static_cast<std::size_t>(rank), static_cast<std::size_t>(ranks));
 }
 
 std::vector<char> packed(Image const& image, Picture const& picture,

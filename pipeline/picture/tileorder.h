@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <numeric>
+#include <vector>
 
 namespace pipeline {
 
@@ -13,7 +14,7 @@ namespace pipeline {
 /// Runs of neighbours stay together, for what one tile loads its neighbour needs.
 class TileOrder {
   public:
-    explicit TileOrder(std::size_t tiles) : runs(tiles / runLength) {
+    explicit TileOrder(std::size_t tiles) : count(tiles), runs(tiles / runLength) {
         // A step of the golden section leaves gaps of nearly one size however often it is made
         // (V. Sós, "On the distribution mod 1 of the sequence n alpha", 1958).
         constexpr double goldenSection = 0.6180339887498949;
@@ -30,9 +31,18 @@ class TileOrder {
         return run * step % runs * runLength + turn % runLength;
     }
 
+    /// The tiles of one of `sharers`, every so many turns: each has about the same to do.
+    std::vector<std::size_t> shareOf(std::size_t sharer, std::size_t sharers) const {
+        std::vector<std::size_t> tiles;
+        for (std::size_t turn = sharer; turn < count; turn += sharers)
+            tiles.push_back(tileAt(turn));
+        return tiles;
+    }
+
   private:
     static constexpr std::size_t runLength = 16;
 
+    std::size_t count;
     std::size_t runs;
     std::size_t step = 1; ///< shares no factor with `runs`
 };

@@ -1,6 +1,8 @@
 // Compiled with options that let its loops become wide; neither changes a value.
 #include "pipeline/scene/boxgroup.h"
 
+#include "pipeline/scene/forprocessor.h"
+
 #include <iterator>
 #include <vector>
 
@@ -213,17 +215,12 @@ BoxRay::BoxRay(double x, double y, double z, Kelpa::Vector const& dir, double tM
 }
 
 std::span<BoxKernels const> boxKernels() {
-    static std::vector<BoxKernels> const found = [] {
-        std::vector<BoxKernels> kernels = {any::kernels};
 #if defined(__x86_64__)
-        if (__builtin_cpu_supports("avx2") != 0)
-            kernels.push_back(avx2::kernels);
-        if (__builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512vl") != 0 &&
-            __builtin_cpu_supports("avx512dq") != 0)
-            kernels.push_back(avx512::kernels);
+    static std::vector<BoxKernels> const found =
+        formsForProcessor(any::kernels, avx2::kernels, avx512::kernels);
+#else
+    static std::vector<BoxKernels> const found = {any::kernels};
 #endif
-        return kernels;
-    }();
     return found;
 }
 

@@ -1,8 +1,6 @@
 // Rounds of rays: sorted to blocks, asked, sent on, answered.
 #include "pipeline/scene/rayexchange.h"
 
-#include "pipeline/scene/bunch.h"
-
 #include <algorithm>
 #include <chrono>
 #include <numeric>
@@ -192,14 +190,18 @@ void RayExchange::run(Errand const& errand) {
     }
 }
 
-void RayExchange::askHits(Geometry& tree, std::span<TravellingRay> rays, Findings& findings) {
-    Bunch bunch;
+/// Makes rays that are in one block a bunch for its tree.
+void RayExchange::fill(Bunch& bunch, std::span<TravellingRay const> rays) const {
     bunch.clear();
-    std::int32_t const block = rays.front().block;
     for (TravellingRay const& ray : rays)
         bunch.add(static_cast<unsigned char>(bunch.numLanes), ray.origin, ray.dir, ray.tMin,
                   ray.hasHit() ? searchEnd(ray.end) : ray.end, ray.time,
-                  blocks.placeIn(block, ray.skipIndex()));
+                  blocks.placeIn(ray.block, ray.skipIndex()));
+}
+
+void RayExchange::askHits(Geometry& tree, std::span<TravellingRay> rays, Findings& findings) {
+    Bunch bunch;
+    fill(bunch, rays);
     bunch.trace(tree);
     auto const& hits = bunch.hits;
     for (std::size_t lane = 0; lane < rays.size(); ++lane) {
@@ -207,7 +209,7 @@ void RayExchange::askHits(Geometry& tree, std::span<TravellingRay> rays, Finding
         if (hits.hit[lane] != 0 && !(ray.hasHit() && hits.hitT[lane] > ray.end))
             takeHit(ray,
                     {hits.hitT[lane],
-                     hits.hitIndex[lane] + blocks.baseOf(block),
+                     hits.hitIndex[lane] + blocks.baseOf(ray.block),
                      {hits.hitNormalX[lane], hits.hitNormalY[lane], hits.hitNormalZ[lane]},
                      ray.place()},
                     findings);
@@ -217,11 +219,7 @@ void RayExchange::askHits(Geometry& tree, std::span<TravellingRay> rays, Finding
 
 void RayExchange::askYesOrNo(Geometry& tree, std::span<TravellingRay> rays, Findings& findings) {
     Bunch bunch;
-    bunch.clear();
-    std::int32_t const block = rays.front().block;
-    for (TravellingRay const& ray : rays)
-        bunch.add(static_cast<unsigned char>(bunch.numLanes), ray.origin, ray.dir, ray.tMin,
-                  ray.end, ray.time, blocks.placeIn(block, ray.skipIndex()));
+    fill(bunch, rays);
     std::uint64_t const occluded = bunch.occluded(tree);
     for (std::size_t lane = 0; lane < rays.size(); ++lane) {
         TravellingRay& ray = rays[lane];

@@ -4,6 +4,7 @@
 #include "kelpa/host/pieces.h"
 
 #include "pipeline/scene/blocktrees.h"
+#include "pipeline/scene/bunch.h"
 #include "pipeline/scene/raytape.h"
 #include "pipeline/scene/raytransport.h"
 
@@ -66,6 +67,7 @@ class RayExchange {
     void askAtHand(Kelpa::GoOn const& watch);
     std::vector<Errand> sortToBlocks();
     void run(Errand const& errand);
+    void fill(Bunch& bunch, std::span<TravellingRay const> rays) const;
     void askHits(Geometry& tree, std::span<TravellingRay> rays, Findings& findings);
     void askYesOrNo(Geometry& tree, std::span<TravellingRay> rays, Findings& findings);
     void takeHit(TravellingRay& ray, HomingHit const& hit, Findings& findings);

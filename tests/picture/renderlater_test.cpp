@@ -5,6 +5,7 @@
 #include "pipeline/picture/renderlater.h"
 
 #include "tests/support/blockscene.h"
+#include "tests/support/pixels.h"
 #include "tests/support/threadranks.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@ namespace {
 using kelpatest::blocksOf;
 using kelpatest::builtScene;
 using kelpatest::DealtBlocks;
+using kelpatest::expectSamePixels;
 using kelpatest::ThreadRanks;
 using namespace pipeline;
 using Shade = LightOptions::Shade;
@@ -54,15 +56,6 @@ Camera cameraOf(Scene const& scene) {
     CameraOptions options;
     options.zoom = 1.6; // some of it leaves the picture, and some of that shows nothing
     return placeCamera(options, 80, 60, 'z', scene.framed(), scene.origin);
-}
-
-void expectSame(Image const& image, Image const& expected) {
-    EXPECT_EQ(image.rgb, expected.rgb);
-    EXPECT_EQ(image.alpha, expected.alpha);
-    EXPECT_EQ(image.depth, expected.depth);
-    EXPECT_EQ(image.normal, expected.normal);
-    EXPECT_EQ(image.position, expected.position);
-    EXPECT_EQ(image.id, expected.id);
 }
 
 /// A built scene with rods, and its pictures made at once.
@@ -104,7 +97,7 @@ TEST(RaysThatWait, MakeTheSamePictureHoweverFewAtATime) {
                 RayExchange exchange(*expected.scene.geometry->blocks(), none, threads);
                 renderTilesLater(picture, everyTile(picture, 0, 1), exchange, image,
                                  {raysAtATime, threads}, nullptr);
-                expectSame(image, expected.images[i]);
+                expectSamePixels(image, expected.images[i]);
                 EXPECT_GT(exchange.figures().asked, exchange.figures().rays);
             }
     }
@@ -146,7 +139,7 @@ TEST(RaysThatTravel, MakeTheSamePictureHoweverManyShareItAndWheneverTheyArrive) 
                     continue; // one kind each is enough
                 SCOPED_TRACE(testing::Message() << i << " by " << ranks << ", seed " << seed);
                 ThreadRanks crew(ranks, seed++);
-                expectSame(byRanks(crew, ranks, expected.scene, all[i]), expected.images[i]);
+                expectSamePixels(byRanks(crew, ranks, expected.scene, all[i]), expected.images[i]);
             }
     }
 }
