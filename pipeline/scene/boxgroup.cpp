@@ -203,7 +203,11 @@ constexpr unsigned atOnce = 16;
 KELPA_BOX_KERNELS(any)
 #if defined(__x86_64__)
 KELPA_BOX_KERNELS(avx2, [[gnu::target("avx2")]])
+#if defined(__clang__) // which does not know how wide one may wish
+KELPA_BOX_KERNELS(avx512, [[gnu::target("avx512f,avx512vl,avx512dq")]])
+#else
 KELPA_BOX_KERNELS(avx512, [[gnu::target("avx512f,avx512vl,avx512dq,prefer-vector-width=512")]])
+#endif
 #endif
 
 } // namespace
