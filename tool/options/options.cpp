@@ -286,6 +286,35 @@ CLI::App* addJoin(CLI::App& app, Options& options) {
     return join;
 }
 
+constexpr struct {
+    char const* name;
+    Options::Command number;
+    CLI::App* (*add)(CLI::App&, Options&);
+} commands[] = {{"render", Options::Command::render, addRender},
+                {"view", Options::Command::view, addView},
+                {"info", Options::Command::info, addInfo},
+                {"convert", Options::Command::convert, addConvert},
+                {"bench", Options::Command::bench, addBench},
+                {"join", Options::Command::join, addJoin},
+                {"generate", Options::Command::generate, addGenerate}};
+
+Options::Command numberOf(CLI::App const& command) {
+    return std::ranges::find(commands, command.get_name(), [](auto const& c) { return c.name; })
+        ->number;
+}
+
+/// Adds the command that the line's first word names, or all, to choose from. The options of all
+/// take longer than the start of the program.
+void addCommands(CLI::App& app, Options& options, std::string_view firstWord) {
+    bool const isOne = std::ranges::any_of(
+        commands, [firstWord](auto const& command) { return command.name == firstWord; });
+    if (firstWord == "--version")
+        return;
+    for (auto const& command : commands)
+        if (!isOne || command.name == firstWord)
+            command.add(app, options);
+}
+
 } // namespace
 
 std::optional<Options> parseOptions(int argc, char const* const* argv, int& exitCode) {
@@ -299,23 +328,12 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
     app.set_help_all_flag("--help-all", "Print help with all options and exit");
     app.formatter(std::make_shared<ExamplesFirst>());
 
-    auto* const render = addRender(app, options);
-    auto* const view = addView(app, options);
-    auto* const info = addInfo(app, options);
-    auto* const convert = addConvert(app, options);
-    auto* const bench = addBench(app, options);
-    auto* const join = addJoin(app, options);
-    addGenerate(app, options);
+    addCommands(app, options, argc > 1 ? argv[1] : "");
 
     try {
         app.parse(argc, argv);
-        options.command = render->parsed()    ? Options::Command::render
-                          : view->parsed()    ? Options::Command::view
-                          : info->parsed()    ? Options::Command::info
-                          : convert->parsed() ? Options::Command::convert
-                          : bench->parsed()   ? Options::Command::bench
-                          : join->parsed()    ? Options::Command::join
-                                              : Options::Command::generate;
+        CLI::App const& command = *app.get_subcommands().front();
+        options.command = numberOf(command);
         if (options.run.statsFile == "true") { // what CLI11 makes of no value
             options.run.stats = true;
             options.run.statsFile.clear();
@@ -323,7 +341,6 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
         options.scene.hasLegend = !options.legendTitle.empty();
         if (options.legendTitle == "true")
             options.legendTitle.clear();
-        CLI::App const& command = *app.get_subcommands().front();
         if (options.command == Options::Command::view)
             keepWords(command, options.view);
         if (options.command == Options::Command::render)
