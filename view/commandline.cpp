@@ -90,6 +90,9 @@ void addParticles(WantedPicture const& given, Shown const& shown, std::vector<st
             fmt::format("--range={:.9g}:{:.9g}", (*choice.range)[0], (*choice.range)[1]));
     if (choice.radiusScale != 1.0F)
         words.push_back(fmt::format("--radius-scale {:.9g}", choice.radiusScale));
+    if (choice.cut)
+        for (std::string const& slice : slicesOf(*choice.cut))
+            words.push_back("--slice=" + slice);
     if (shown.keptRadius)
         words.push_back(fmt::format("--radius {:.9g}", *shown.keptRadius));
 }

@@ -3,6 +3,7 @@
 
 #include "kelpa/foundation/hosttypes.h"
 
+#include "pipeline/files/elements.h"
 #include "pipeline/files/nameelements.h"
 #include "pipeline/files/numberplace.h"
 #include "pipeline/picture/light.h"
@@ -13,6 +14,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <utility>
@@ -69,6 +71,14 @@ std::vector<Kelpa::Vector> inPlaces(std::vector<Kelpa::Vector> colors, Scene con
     return placed;
 }
 
+Bounds extentOf(std::vector<Kelpa::Vector> const& centers) {
+    Bounds extent;
+    for (Kelpa::Vector const& center : centers)
+        if (std::isfinite(center.x) && std::isfinite(center.y) && std::isfinite(center.z))
+            extent.add(wide(center));
+    return extent;
+}
+
 std::vector<Kelpa::Vector> stopsOf(ColorOptions const& options) {
     constexpr int stops = 32;
     ColorMap const map = options.map.value_or(ColorMap());
@@ -78,11 +88,18 @@ std::vector<Kelpa::Vector> stopsOf(ColorOptions const& options) {
     return colors;
 }
 
+/// A value as the file tells it, which may be a name.
 std::string valueText(TypedColumn const& column, std::size_t row) {
     std::string text;
-    withType(column.type, [&](auto zero) {
-        std::memcpy(&zero, column.bytes.data() + row * sizeof zero, sizeof zero);
-        text = fmt::format("{}", zero);
+    withType(column.type, [&](auto value) {
+        std::memcpy(&value, column.bytes.data() + row * sizeof value, sizeof value);
+        text = fmt::format("{}", value);
+        auto const number = static_cast<double>(value);
+        if (!column.names || !(number >= 0.0))
+            return;
+        std::vector<std::string> const& names = column.names->all();
+        if (number < static_cast<double>(names.size()))
+            text = names[static_cast<std::size_t>(number)];
     });
     return text;
 }
@@ -100,16 +117,59 @@ FileSource::FileSource(WantedScene what)
     : wanted(std::move(what)), source(wanted.path, wanted.more) {
 }
 
+std::string FileSource::textOf(Remark const& remark) const {
+    return remark.text + wanted.wayOn(remark.hint);
+}
+
 ParticleSet FileSource::read(SceneChoice const& choice, Report const& report, bool isWhole) {
     ReadOptions options = wanted.read;
     options.forMotion = hasSecondSnapshot(wanted.scene.motion.motion);
     options.progress = phase("reading", report);
     options.allAttributes = isWhole;
-    options.summarise = !isWhole;
-    options.attributes = columnsOf(optionsFor(choice));
+    options.summarise = !isWhole && columns.empty();
+    options.countFrames = false;
+    SceneOptions asked = optionsFor(choice);
+    asked.selection = wanted.scene.selection;
+    options.attributes = columnsOf(asked);
     ParticleSet particles = source.read(choice.frame, options);
     nameElements(particles, wanted.elements);
     return particles;
+}
+
+/// Leaves what the command's words leave.
+void FileSource::select(ParticleSet& first, ParticleSet* second, Note const& note,
+                        Report const& report) {
+    selectParticles(wanted.scene.selection, wanted.scene.radius, first, second, slicePlaces, note,
+                    phase("choosing particles", report));
+}
+
+FileSource::Frame FileSource::readFrame(SceneChoice const& choice, Report const& report) {
+    Frame frame;
+    frame.choice = choice;
+    frame.first = read(choice, report, false);
+    if (columns.empty())
+        for (AttributeSummary const& column : frame.first.columns)
+            columns.push_back({column.name, column.min, column.max});
+    for (Remark const& remark : frame.first.notes)
+        frame.notes.push_back(textOf(remark));
+    if (hasSecondSnapshot(wanted.scene.motion.motion))
+        frame.second = readSecond(frame.first, report, frame.notes);
+    auto const note = [&](Remark const& remark) { frame.notes.push_back(textOf(remark)); };
+    select(frame.first, frame.second ? &*frame.second : nullptr, note, report);
+    return frame;
+}
+
+/// The same, of memory as far as it was kept there.
+FileSource::Frame FileSource::frameOf(SceneChoice const& choice, Report const& report) {
+    bool const isKept =
+        uncut && uncut->choice.frame == choice.frame && uncut->choice.colorBy == choice.colorBy;
+    if (!isKept) {
+        uncut.reset();
+        uncut = readFrame(choice, report);
+    }
+    if (choice.cut)
+        return *uncut;
+    return *std::exchange(uncut, std::nullopt);
 }
 
 std::optional<ParticleSet> FileSource::readSecond(ParticleSet const& first, Report const& report,
@@ -122,7 +182,7 @@ std::optional<ParticleSet> FileSource::readSecond(ParticleSet const& first, Repo
     if (!second.gap.empty())
         notes.push_back(second.gap);
     for (Remark const& remark : second.notes)
-        notes.push_back(remark.text + wanted.wayOn(remark.hint));
+        notes.push_back(textOf(remark));
     return std::move(second.particles);
 }
 
@@ -137,38 +197,41 @@ SceneOptions FileSource::optionsFor(SceneChoice const& choice) const {
     options.color.map.reset();
     if (!choice.colorMap.empty() && !options.color.asKinds)
         options.color.map = ColorMap(choice.colorMap);
+    options.selection = {}; // the command's is asked before, see `select`
+    if (choice.cut)
+        for (std::string const& slice : slicesOf(*choice.cut))
+            options.selection.slices.push_back(parseSlice(slice));
     return options;
 }
 
 std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const& report) {
     auto shown = std::make_shared<Shown>();
     shown->choice = choice;
-    ParticleSet particles = read(choice, report, false);
-    ShownFacts& facts = shown->facts;
-    for (Remark const& remark : particles.notes)
-        facts.notes.push_back(remark.text + wanted.wayOn(remark.hint));
-    std::optional<ParticleSet> second;
-    if (hasSecondSnapshot(wanted.scene.motion.motion))
-        second = readSecond(particles, report, facts.notes);
+    Frame frame = frameOf(choice, report);
+    ParticleSet& particles = frame.first;
     SceneOptions const options = optionsFor(choice);
+    ShownFacts& facts = shown->facts;
     facts.file = std::filesystem::path(wanted.path).filename().string();
     facts.format = particles.format;
     facts.frame = particles.frame;
-    for (AttributeSummary const& column : particles.columns)
-        facts.columns.push_back({column.name, column.min, column.max});
-    auto const note = [&](Remark const& remark) {
-        facts.notes.push_back(remark.text + wanted.wayOn(remark.hint));
-    };
+    facts.columns = columns;
+    facts.notes = std::move(frame.notes);
+    facts.ofParticles = particles.positions.size();
+    shown->extent = extentOf(particles.positions);
+    auto const note = [&](Remark const& remark) { facts.notes.push_back(textOf(remark)); };
     auto const look = [&](ParticleSet const& selected) {
         facts.particles = selected.positions.size();
+        if (uncut) // so that the next cut need not find it
+            uncut->first.spacing = selected.spacing;
         if (Attribute const* const column = coloredColumn(options.color, selected))
             shown->colored = column->values;
     };
     Kept kept;
     if (firstFrame && facts.frame != *firstFrame) // the range of colours comes with the choice
         kept.radius = shown->keptRadius = keptRadius;
-    shown->scene = makeSelectedScene(options, std::move(particles), second ? &*second : nullptr,
-                                     kept, note, phase("choosing radii", report), look);
+    shown->scene =
+        makeSelectedScene(options, std::move(particles), frame.second ? &*frame.second : nullptr,
+                          kept, note, phase("choosing radii", report), look);
     shown->stops = stopsOf(options.color);
     if (!firstFrame) {
         keptRadius = shown->scene.chosen.radius;
@@ -190,10 +253,11 @@ ParticleSet FileSource::readAgain(Shown const& shown, SceneChoice choice, Report
     choice.frame = shown.facts.frame;
     SceneOptions const options = optionsFor(choice);
     ParticleSet particles = read(choice, report, isWhole);
-    std::vector<double> sliceCoordinates;
     auto const ignore = [](Remark const&) {};
-    selectParticles(options.selection, options.radius, particles, nullptr, sliceCoordinates, ignore,
-                    phase("reading", report));
+    select(particles, nullptr, ignore, report);
+    std::vector<double> places;
+    selectParticles(options.selection, options.radius, particles, nullptr, places, ignore,
+                    phase("choosing particles", report));
     return particles;
 }
 
@@ -229,8 +293,11 @@ Row FileSource::rowOf(Shown const& shown, std::size_t place, Report const& repor
                          : static_cast<std::int64_t>(place));
     if (particle >= shown.facts.particles)
         return {};
-    if (whole.name.empty() || whole.frame != shown.facts.frame) {
-        whole = readAgain(shown, shown.choice, report, true);
+    if (whole.name.empty() || whole.frame != shown.facts.frame || wholeCut != shown.choice.cut) {
+        SceneChoice choice = shown.choice;
+        choice.colorBy.clear(); // or it would not be among the columns that keep their digits
+        whole = readAgain(shown, choice, report, true);
+        wholeCut = shown.choice.cut;
         whole.positions = {};
     }
     Row row;
@@ -240,6 +307,11 @@ Row FileSource::rowOf(Shown const& shown, std::size_t place, Report const& repor
         return std::any_of(row.begin(), row.end(),
                            [name](auto const& cell) { return cell.first == name; });
     };
+    for (Attribute const& column : whole.attributes) // that the selection asks for
+        if (!has(column.name.c_str()))
+            row.emplace_back(column.name, fmt::format("{}", column.values[particle]));
+    if (particle < whole.elements.size() && whole.elements[particle] != 0 && !has("element"))
+        row.emplace_back("element", symbolOf(whole.elements[particle]));
     if (particle < whole.types.size() && !has("type"))
         row.emplace_back("type", fmt::format("{}", whole.types[particle]));
     if (particle < whole.velocities.size() && !has("vx")) {

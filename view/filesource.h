@@ -21,18 +21,35 @@ class FileSource final : public Source {
     std::vector<int> frames(Report const& report) override;
 
   private:
+    /// The particles of a frame that the command's words leave, before the page's cut.
+    struct Frame {
+        SceneChoice choice;
+        ParticleSet first;
+        std::optional<ParticleSet> second;
+        std::vector<std::string> notes;
+    };
+
     ParticleSet read(SceneChoice const& choice, Report const& report, bool isWhole);
+    Frame readFrame(SceneChoice const& choice, Report const& report);
+    Frame frameOf(SceneChoice const& choice, Report const& report);
+    void select(ParticleSet& first, ParticleSet* second, Note const& note, Report const& report);
     ParticleSet readAgain(Shown const& shown, SceneChoice choice, Report const& report,
                           bool isWhole);
     std::optional<ParticleSet> readSecond(ParticleSet const& first, Report const& report,
                                           std::vector<std::string>& notes);
     SceneOptions optionsFor(SceneChoice const& choice) const;
+    std::string textOf(Remark const& remark) const;
 
     WantedScene wanted;
     FrameSource source;
     std::optional<int> firstFrame;
-    std::optional<float> keptRadius; ///< that later frames have of the first
+    // What later frames have of the first.
+    std::optional<float> keptRadius;
+    std::vector<double> slicePlaces; ///< of the command's planes
+    std::vector<ColumnFacts> columns;
+    std::optional<Frame> uncut; ///< kept while it is cut, so that a plane moves without reading
     ParticleSet whole; ///< every column of the frame that was asked about last, without places
+    std::optional<Cut> wholeCut; ///< that it was asked about with
 };
 
 } // namespace pipeline::view

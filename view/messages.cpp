@@ -134,6 +134,20 @@ void readLook(Json const& look, Message& message) {
         message.background = backgroundOf(look["background"]);
 }
 
+Cut cutOf(Json const& value) {
+    Cut cut;
+    auto const part = [&normal = value.at("normal")](std::size_t axis) {
+        return numberOf(normal.at(axis), -1e6, 1e6);
+    };
+    cut.normal = {part(0), part(1), part(2)};
+    if (!(dot(cut.normal, cut.normal) > 1e-12))
+        refuse("no such direction");
+    cut.at = numberOf(value.at("at"), -1e30, 1e30);
+    if (value.contains("thickness"))
+        cut.thickness = numberOf(value["thickness"], 1e-30, 1e30);
+    return cut;
+}
+
 void readScene(Json const& scene, Message& message) {
     if (scene.contains("colorBy"))
         message.colorBy = wordOf(scene["colorBy"]);
@@ -150,6 +164,11 @@ void readScene(Json const& scene, Message& message) {
     }
     if (scene.contains("radiusScale"))
         message.radiusScale = static_cast<float>(numberOf(scene["radiusScale"], 1e-6, 1e6));
+    if (scene.contains("cut")) {
+        message.hasCut = true;
+        if (!scene["cut"].is_null())
+            message.cut = cutOf(scene["cut"]);
+    }
     if (scene.contains("frame"))
         message.frame = countOf(scene["frame"]);
     if (scene.contains("ahead")) {
@@ -218,18 +237,31 @@ Vec upOf(CameraOptions const& camera, char upAxis) {
     return axis == 'y' ? Vec{0, 1, 0} : Vec{0, 0, 1};
 }
 
+Json jsonOf(std::optional<Cut> const& cut) {
+    if (!cut)
+        return nullptr;
+    Json json = {{"normal", listOf(cut->normal)}, {"at", cut->at}};
+    if (cut->thickness)
+        json["thickness"] = *cut->thickness;
+    return json;
+}
+
 Json jsonOf(Shown const& shown) {
     ShownFacts const& facts = shown.facts;
     Json columns = Json::array();
     for (ColumnFacts const& column : facts.columns)
         columns.push_back({{"name", column.name}, {"min", column.min}, {"max", column.max}});
     Scene const& scene = shown.scene;
-    Json json = {
-        {"file", facts.file},           {"format", facts.format},
-        {"particles", facts.particles}, {"used", scene.geometry->statistics().used},
-        {"frame", facts.frame},         {"columns", columns},
-        {"notes", facts.notes},         {"centre", listOf(shown.bounds.centre() + scene.origin)},
-        {"diagonal", shown.diagonal}};
+    Json json = {{"file", facts.file},
+                 {"format", facts.format},
+                 {"particles", facts.ofParticles},
+                 {"used", scene.geometry->statistics().used},
+                 {"frame", facts.frame},
+                 {"columns", columns},
+                 {"notes", facts.notes},
+                 {"centre", listOf(shown.bounds.centre() + scene.origin)},
+                 {"diagonal", shown.diagonal},
+                 {"extent", {listOf(shown.extent.min), listOf(shown.extent.max)}}};
     if (scene.colorRange)
         json["bar"] = {{"column", scene.colorColumn},
                        {"low", (*scene.colorRange)[0]},
@@ -268,7 +300,8 @@ std::string textOf(StateFacts const& state) {
                    {"colorMap", state.chosen.colorMap},
                    {"colorMaps", colorMapNames() + "|kinds"},
                    {"hasRange", state.chosen.range.has_value()},
-                   {"radiusScale", state.chosen.radiusScale}}}};
+                   {"radiusScale", state.chosen.radiusScale},
+                   {"cut", jsonOf(state.chosen.cut)}}}};
     if (state.hasSize)
         json["size"] = {wish.image.width, wish.image.height};
     if (state.shown) {

@@ -46,6 +46,8 @@ struct Message {
     bool hasRange = false;
     std::optional<std::array<float, 2>> range;
     std::optional<float> radiusScale;
+    bool hasCut = false;
+    std::optional<Cut> cut;
     std::optional<std::size_t> frame; ///< its place among all
     bool hasAhead = false;
     std::optional<std::size_t> ahead;

@@ -134,6 +134,8 @@ void Session::changeScene(Message const& message) {
             choice.range = message.range;
         if (message.radiusScale)
             choice.radiusScale = *message.radiusScale;
+        if (message.hasCut)
+            choice.cut = message.cut;
         if (message.frame && *message.frame < frames.size())
             choice.frame = frames[*message.frame];
     });

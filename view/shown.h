@@ -4,6 +4,8 @@
 #include "pipeline/scene/bounds.h"
 #include "pipeline/scene/scene.h"
 
+#include "view/cut.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -24,10 +26,11 @@ struct SceneChoice {
     std::string colorMap;                      ///< or "kinds"; empty: the usual one
     std::optional<std::array<float, 2>> range; ///< unset: the usual one
     float radiusScale = 1.0F;
+    std::optional<Cut> cut;
 
     bool operator==(SceneChoice const&) const = default;
     bool differsInColorsOnly(SceneChoice const& other) const {
-        return frame == other.frame && radiusScale == other.radiusScale;
+        return frame == other.frame && radiusScale == other.radiusScale && cut == other.cut;
     }
 };
 
@@ -43,7 +46,8 @@ struct ShownFacts {
     std::string file;
     std::string format;
     std::size_t particles = 0;
-    int frame = 0; ///< its number
+    std::size_t ofParticles = 0; ///< before the cut
+    int frame = 0;               ///< its number
     std::vector<ColumnFacts> columns;
     std::vector<std::string> notes;
 };
@@ -65,6 +69,7 @@ struct Shown {
     SceneChoice choice;
     std::optional<float> keptRadius; ///< of all, before scaling, when an earlier frame decided it
     Bounds bounds{};                 ///< of all centres, in the scene's coordinates
+    Bounds extent{};                 ///< of those before the cut, in the file's coordinates
     double diagonal = 0.0;           ///< of the bounds, with the largest sphere at both ends
     double occlusionDistance = 0.0;
     std::vector<float> colored;       ///< row by row the values that give the colours, if any

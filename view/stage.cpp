@@ -9,14 +9,19 @@ namespace pipeline::view {
 
 namespace {
 
-/// The same choice for another frame: from frame to frame the colours of a number stay what they
-/// are.
-SceneChoice inFrame(SceneChoice choice, std::optional<int> frame, Shown const* shown) {
+/// Another choice of particles in place of `before`: the colours of a number stay what they are.
+SceneChoice keepingColors(SceneChoice choice, SceneChoice const& before, Shown const* shown) {
+    bool const isOfOthers = choice.frame != before.frame || choice.cut != before.cut;
     bool const hasSameColumn = shown != nullptr && shown->choice.colorBy == choice.colorBy;
-    if (choice.frame != frame && !choice.range && hasSameColumn)
+    if (isOfOthers && !choice.range && hasSameColumn)
         choice.range = shown->scene.colorRange;
-    choice.frame = frame;
     return choice;
+}
+
+SceneChoice inFrame(SceneChoice choice, std::optional<int> frame, Shown const* shown) {
+    SceneChoice const before = choice;
+    choice.frame = frame;
+    return keepingColors(std::move(choice), before, shown);
 }
 
 } // namespace
@@ -43,8 +48,7 @@ void Stage::choose(Choose const& edit) {
         edit(next);
         if (next == wanted)
             return;
-        std::optional<int> const frame = std::exchange(next.frame, wanted.frame);
-        wanted = inFrame(next, frame, current.get());
+        wanted = keepingColors(std::move(next), wanted, current.get());
         wake.notify_all();
     }
     onChange();

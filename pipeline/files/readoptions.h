@@ -20,6 +20,7 @@ struct ReadOptions {
     std::vector<std::string> attributes{}; ///< further columns to keep, by name
     bool allAttributes = false; ///< keep every column, every digit of it: `ParticleSet::typed`
     bool summarise = false;     ///< fill `ParticleSet::columns`
+    bool countFrames = true;    ///< to summarise, also pass over all other frames of the file
     bool forMotion = false;     ///< prefer positions that do not jump at a cell's faces
     bool findOnly = false; ///< of a file of many frames, look for the frame and read no particles
     PhaseProgress progress{}; ///< may be empty

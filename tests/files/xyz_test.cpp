@@ -109,6 +109,7 @@ TEST_F(ParticleFiles, HoldFramesAsXyz) {
     ASSERT_EQ(summary.notes.size(), 1U);
     EXPECT_TRUE(holdsAll(summary.notes[0].text, {"frame 2 ends after 2 of 3 rows"}));
     EXPECT_EQ(read(frame(0, 1) + frame(1, 2), {.summarise = true}).frameCount, 2);
+    EXPECT_EQ(read(cut, {.summarise = true, .countFrames = false}).notes.size(), 0U);
 
     // Words beyond the columns that were listed are worth a note; where none were, they are usual.
     EXPECT_TRUE(read("2\n\nC 1 2 3\nC 1 2 3 0.5\n").notes.empty());

@@ -96,7 +96,7 @@ class Page(served.TestCase):
             tab.click(250, 200)
             tab.wait("document.getElementById('pickedid').textContent === 'Particle 71'")
             tab.wait("document.getElementById('cells').textContent.includes('heat<b>')")
-            self.assertEqual(tab.run("getComputedStyle(document.getElementById('ring')).visibility"), "visible")
+            self.assertEqual(tab.run("getComputedStyle(document.querySelector('#ring circle')).visibility"), "visible")
             tab.click(20, 380)
             tab.wait("document.getElementById('picked').hidden")
             tab.key("Enter")
@@ -112,6 +112,51 @@ class Page(served.TestCase):
                 tab.wait(f"document.getElementById('slider').value === '{index}'")
             tab.key(" ")
             self.assertEqual(tab.run("document.querySelectorAll('b').length"), 0, "names are no markup")
+            self.assertEqual(tab.errors(), [])
+            tab.close()
+
+    def test_cuts_by_fields_keys_and_touch_as_the_command_does(self):
+        with self.serve("sample.ply", "--samples", "2", "--reproducible") as server:
+            tab = self.browser.open(server.link, 400, 300)
+            number = tab.wait_refined()["number"]
+            whole = tab.pixels()
+            tab.run("Object.defineProperty(navigator, 'clipboard', { value: { writeText: "
+                    "(text) => { window.copied = text; return Promise.resolve(); } } })")
+
+            def cut(slices):
+                nonlocal number
+                number = tab.wait_refined(number)["number"]
+                tab.run("window.copied = null")
+                tab.key("c")
+                words = shlex.split(tab.wait("window.copied"))
+                found = [word[8:].split(":")[0] for word in words if word.startswith("--slice")]
+                self.assertEqual(["," if "," in way else way for way in found], slices)
+                served.run(*words[1:], folder=self.folder)
+                self.assertEqual(tab.pixels(), served.pixels_of(self.path(words[-1])), words)
+
+            tab.key("x")
+            self.assertNotEqual(tab.run("document.getElementById('plane').getAttribute('points')"), "")
+            cut(["x"])
+            tab.key("PageDown")
+            cut(["x"])
+            tab.key("x")
+            cut(["-x"])
+            tab.key("PageUp", modifiers=8)
+            cut(["-x", "x"])
+            tab.key("v")
+            cut([",", ","])
+            tab.choose("#cutslider", "0.1")
+            cut([",", ","])
+            tab.choose("#cutaxis", "z")
+            cut(["z", "-z"])
+            tab.choose("#cutthick", "")
+            cut(["z"])
+            tab.key("Delete")
+            cut([])
+            tab.key("0")
+            number = tab.wait_refined(number)["number"]
+            self.assertEqual(tab.pixels(), whole)
+            tab.wait("document.getElementById('plane').getAttribute('points') === ''")
             self.assertEqual(tab.errors(), [])
             tab.close()
 

@@ -60,6 +60,9 @@ class Server(served.TestCase):
                         '{"look":{"background":"<b>"}}', '{"look":{"samples":2.5}}',
                         '{"scene":{"radiusScale":0}}', '{"scene":{"range":[1]}}', '{"scene":{"range":7}}',
                         '{"scene":{"frame":-1}}', '{"scene":{"frame":99999}}',
+                        '{"scene":{"cut":{}}}', '{"scene":{"cut":{"normal":[0,0,0],"at":0}}}',
+                        '{"scene":{"cut":{"normal":[1,0,1e300],"at":0}}}', '{"scene":{"cut":7}}',
+                        '{"scene":{"cut":{"normal":[1,0,0],"at":0,"thickness":-1}}}',
                         '{"pick":{"number":1,"x":2,"y":0}}', '{"pick":{}}', '{"drawn":-7}',
                         '{"drawn":1e300}', "\u0000", "\ud7ff" * 100):
                     line.send(text)
@@ -121,7 +124,11 @@ class Server(served.TestCase):
                              [{"look": {"shade": "lit", "background": "#123456", "samples": 3}}],
                              [{"look": {"shade": "ao", "aoSamples": 5, "background": "white"}}],
                              [{"scene": {"range": [-0.25, 0.7]}}, {"look": {"samples": 2}}],
-                             [{"scene": {"colorBy": "x", "radiusScale": 1.5}}]):
+                             [{"scene": {"colorBy": "x", "radiusScale": 1.5}}],
+                             [{"scene": {"cut": {"normal": [-1, 0, 0], "at": -0.1}}}],
+                             [{"scene": {"cut": {"normal": [0.3, 0.2, 0.9], "at": 0.4, "thickness": 0.25}}}],
+                             [{"scene": {"colorBy": "", "cut": {"normal": [0, 0, 2], "at": 0.6}}}],
+                             [{"scene": {"cut": None}}]):
                 for message in messages:
                     line.send(message)
                 wanted = 0
@@ -175,6 +182,39 @@ class Server(served.TestCase):
             with Line(server) as line:
                 line.until(lambda m, p: p is not None)
         self.assertLess(server.seconds, 2, "Ctrl-C ends at once")
+
+    def test_cuts_what_the_command_leaves_and_keeps_its_colours(self):
+        with open(os.path.join(self.folder, "steps.xyz"), "w", encoding="utf-8") as file:
+            file.write("9\nProperties=species:S:1:pos:R:3:id:I:1:heat:R:1:site:S:1\n")
+            for i in range(9):
+                file.write(f"C 0 0 {i} {i + 70} {i * i} {'ab'[i % 2]}\n")
+        with self.serve("steps.xyz", "--size", "60x40", "--samples", 1, "--slice=-z:-1", "--color-by", "heat",
+                        "--radius", "0.8", "--view", "bottom") as server, Line(server) as line:
+            def shown_with(used):
+                return line.until(lambda m, p: p is None and m.get("state", {}).get("shown", {}).get("used")
+                                  == used)[0]["state"]["shown"]
+
+            first = shown_with(8)
+            for cut, used in (({"at": 6.5}, 6), ({"at": 4}, 4), ({"at": 4, "thickness": 1.5}, 2), (None, 8)):
+                line.send({"scene": {"cut": cut and {"normal": [0, 0, 1], **cut}}})
+                shown = shown_with(used)
+                self.assertEqual(shown["extent"], [[0, 0, 1], [0, 0, 8]], "of what is there without the cut")
+                self.assertEqual(shown["bar"], first["bar"], "a number's colour stays")
+            line.send({"scene": {"cut": {"normal": [0, 0, -1], "at": -5}}})
+            shown_with(4)
+            line.refined()
+            line.send({"pick": {"number": 1, "x": 0.5, "y": 0.5, "row": True}})
+            self.assertEqual(line.text("picked")["id"], "75")
+            cells = line.text("row")["cells"]
+            for cell in (["heat", "25"], ["site", "b"], ["element", "C"]):  # coloured, of names, by itself
+                self.assertIn(cell, cells)
+            line.send({"command": True})
+            words = shlex.split(line.text("command"))
+            self.assertEqual([word for word in words if "z:" in word], ["-z:-1", "--slice=-z:-5"])
+            served.run(*words[1:], folder=self.folder)
+            line.send({"scene": {"cut": {"normal": [0, 0, 1], "at": -100}}})
+            error = line.until(lambda m, p: p is None and m.get("news", {}).get("error"))[0]["news"]["error"]
+            self.assertIn("none of", error)
 
     def test_says_in_the_commands_words_what_cannot_be_shown(self):
         with open(os.path.join(self.folder, "two.xyz"), "w", encoding="utf-8") as file:

@@ -118,6 +118,15 @@ const table = [
   [['0', 'r', 'Home'], '0', 'first view', 'reset', []],
   [['o'], 'o', 'parallel projection', 'toggleOrtho', []],
   [['t'], 't', 'turn freely, or level', 'toggleFree', []],
+  [['x'], 'x y z', 'cut across; the other side; no cut', 'cut', ['x']],
+  [['y'], '', '', 'cut', ['y']],
+  [['z'], '', '', 'cut', ['z']],
+  [['v'], 'v, Delete', 'cut across the line of sight, no cut', 'cutSight', []],
+  [['Delete', 'Backspace'], '', '', 'cut', ['']],
+  [['PageUp'], 'Page keys', 'move the cut', 'moveCut', [0.02]],
+  [['PageDown'], '', '', 'moveCut', [-0.02]],
+  [['Shift+PageUp'], 'Shift with these', 'a thicker slab, a thinner one', 'thickenCut', [0.02]],
+  [['Shift+PageDown'], '', '', 'thickenCut', [-0.02]],
   [['Enter'], 'Enter, click', 'what is in the middle, or there', 'clickMiddle', []],
   [['l'], 'l, double click', 'look at it', 'lookAtPicked', []],
   [[' '], 'Space', 'play the frames', 'togglePlay', []],
@@ -127,7 +136,7 @@ const table = [
   [['e'], '', '', 'save', ['exr']],
   [['c'], 'c', 'copy the command of this picture', 'copyCommand', []],
   [['k'], 'k', 'copy the link with this camera', 'copyLink', []],
-  [['p'], 'p', 'colour, light, saving', 'togglePanel', []],
+  [['p'], 'p', 'colour, cut, light, saving', 'togglePanel', []],
   [['f'], 'f', 'full screen', 'toggleFull', []],
   [['?'], '?', 'these keys', 'help', []],
   [['Escape'], 'Esc', 'close what is open', 'escape', []],
@@ -154,8 +163,8 @@ export function listenToKeys(act) {
     if (event.ctrlKey || event.metaKey || event.altKey || presses ||
         (isTyping && event.key !== 'Escape'))
       return;
-    const isArrow = event.key.startsWith('Arrow');
-    const action = actions.get(event.shiftKey && isArrow ? `Shift+${event.key}` : event.key);
+    const moves = /^(Arrow|Page)/.test(event.key);
+    const action = actions.get(event.shiftKey && moves ? `Shift+${event.key}` : event.key);
     if (!action)
       return;
     event.preventDefault();

@@ -8,6 +8,16 @@ export function shortly(value) {
   return Number.isFinite(value) ? String(Number(value.toPrecision(5))) : String(value);
 }
 
+/// A number of single precision with the digits that it was written with, if that is what it is.
+function digits(value) {
+  for (let count = 5; count < 9; ++count) {
+    const short = Number(value.toPrecision(count));
+    if (Math.fround(short) === value)
+      return String(short);
+  }
+  return String(Number(value.toPrecision(9)));
+}
+
 function element(name, text) {
   const made = document.createElement(name);
   made.textContent = text; // what comes from files is never markup
@@ -178,7 +188,7 @@ export class Panel {
       return;
     at('swatch').style.background = picked.color;
     at('pickedid').textContent = `Particle ${picked.id}`;
-    const number = (value) => String(Number(value.toPrecision(9)));
+    const number = digits;
     const cells = [['x', number(picked.position[0])], ['y', number(picked.position[1])],
       ['z', number(picked.position[2])], ['radius', number(picked.radius)]];
     const known = new Set(cells.map(([name]) => name));

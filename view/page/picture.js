@@ -71,13 +71,24 @@ export class PictureView {
     document.body.classList.toggle('darkpicture', light < 110);
   }
 
+  /// Draws a closed line through points that `project` gives, see `Camera.project`; none where one
+  /// of them is behind the eye.
+  outline(id, seen) {
+    const box = this.box();
+    const polygon = document.getElementById(id);
+    polygon.setAttribute('points', seen.every(Boolean) ? seen.map(({ x, y }) =>
+      `${box.left + box.width / 2 + x * box.height},${box.top + box.height / 2 + y * box.height}`).join(' ') : '');
+  }
+
   /// Draws the ring where a sphere shows; none for null.
   mark(seen) {
-    this.ring.style.visibility = seen ? 'visible' : 'hidden';
+    const circles = this.ring.querySelectorAll('circle');
+    for (const circle of circles)
+      circle.style.visibility = seen ? 'visible' : 'hidden';
     if (!seen)
       return;
     const box = this.box();
-    for (const circle of this.ring.children) {
+    for (const circle of circles) {
       circle.setAttribute('cx', box.left + box.width / 2 + seen.x * box.height);
       circle.setAttribute('cy', box.top + box.height / 2 + seen.y * box.height);
       circle.setAttribute('r', Math.max(6, seen.radius * box.height + 2));

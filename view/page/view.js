@@ -1,6 +1,7 @@
 // The page: what is done on it goes to the server, what the server sends is shown.
 import { Connection } from './connection.js';
 import { listenToKeys, PointerControls, showKeys } from './controls.js';
+import { Cut } from './cut.js';
 import { Film } from './film.js';
 import { Panel } from './panel.js';
 import { Picks } from './picks.js';
@@ -38,10 +39,22 @@ const panel = new Panel({
   scene: (scene) => connection.send({ scene }),
 });
 
+const cut = new Cut({
+  send(words) {
+    picks.unpick();
+    connection.send({ scene: { cut: words } });
+  },
+  shown: () => state?.shown,
+  camera: () => viewpoint.current,
+  before() { viewpoint.stay(); },
+  drawOutline: (id, points) => picture.outline(id, points.map((p) => viewpoint.current.project(p, 0))),
+});
+
 function markPicked() {
   const from = viewpoint.current;
   const { picked } = picks;
   picture.mark(picked && from ? from.project(picked.position, picked.radius) : null);
+  cut.draw();
 }
 
 function showModes() {
@@ -86,6 +99,10 @@ const act = {
   lookAtPicked() {
     picks.picked ? viewpoint.flyTo(picks.picked.position) : panel.toast('No particle is picked');
   },
+  cut(axis) { axis ? cut.cycle(axis) : cut.across(''); },
+  cutSight() { cut.across('sight'); },
+  moveCut(part) { cut.move(part); },
+  thickenCut(part) { cut.thicken(part); },
   step(count) { film.step(count); },
   togglePlay() { film.toggle(); },
   save(format) { save(format); },
@@ -151,6 +168,7 @@ function takeState(told) {
   state = told;
   picture.fixedSize = told.size ?? null;
   panel.show(told);
+  cut.take(told);
   panel.showFacts(picture.facts);
   if (isFresh) {
     isFresh = false;

@@ -50,7 +50,7 @@ ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const&
         return particles;
     }
     ParticleSet particles = readFrame(file, format, options.frame, options);
-    if (options.summarise) {
+    if (options.summarise && options.countFrames) {
         // A summary tells about damage further on, but the frame it is about is good.
         try {
             skipFrames(file, format, allFrames);

@@ -21,7 +21,8 @@ class FrameFormat {
 };
 
 /// Reads the frame that `options` ask for, from where the file stands: `file.frames` tells how many
-/// frames are behind it. To summarise or to count from the end, all others are passed over as well.
+/// frames are behind it. To summarise (unless `countFrames` says no) or to count from the end,
+/// all others are passed over as well.
 ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const& options);
 
 /// Refuses to read any frame but the only one, 0 or -1, of a file such as "a PLY file".
