@@ -75,6 +75,13 @@ void addLook(Wish const& wish, std::vector<std::string>& words) {
         words.emplace_back(*wish.light.shadows ? "--shadows" : "--no-shadows");
 }
 
+/// A slice where it lies: as it was given, or where the first frame had it, every digit.
+std::string sliceOf(std::string const& given, Kept const& kept, std::size_t place) {
+    if (place >= kept.sliceCoordinates.size())
+        return given;
+    return fmt::format("{}:{}", given.substr(0, given.find(':')), kept.sliceCoordinates[place]);
+}
+
 void addParticles(WantedPicture const& given, Shown const& shown, std::vector<std::string>& words) {
     SceneChoice const& choice = shown.choice;
     if (choice.colorBy.empty() && !given.color.empty())
@@ -90,11 +97,13 @@ void addParticles(WantedPicture const& given, Shown const& shown, std::vector<st
             fmt::format("--range={:.9g}:{:.9g}", (*choice.range)[0], (*choice.range)[1]));
     if (choice.radiusScale != 1.0F)
         words.push_back(fmt::format("--radius-scale {:.9g}", choice.radiusScale));
+    for (std::size_t i = 0; i < given.slices.size(); ++i)
+        words.push_back("--slice=" + inShell(sliceOf(given.slices[i], shown.kept, i)));
     if (choice.cut)
         for (std::string const& slice : slicesOf(*choice.cut))
             words.push_back("--slice=" + slice);
-    if (shown.keptRadius)
-        words.push_back(fmt::format("--radius {:.9g}", *shown.keptRadius));
+    if (shown.kept.radius)
+        words.push_back(fmt::format("--radius {:.9g}", *shown.kept.radius));
 }
 
 } // namespace

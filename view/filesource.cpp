@@ -139,8 +139,8 @@ ParticleSet FileSource::read(SceneChoice const& choice, Report const& report, bo
 /// Leaves what the command's words leave.
 void FileSource::select(ParticleSet& first, ParticleSet* second, Note const& note,
                         Report const& report) {
-    selectParticles(wanted.scene.selection, wanted.scene.radius, first, second, slicePlaces, note,
-                    phase("choosing particles", report));
+    selectParticles(wanted.scene.selection, wanted.scene.radius, first, second,
+                    kept.sliceCoordinates, note, phase("choosing particles", report));
 }
 
 FileSource::Frame FileSource::readFrame(SceneChoice const& choice, Report const& report) {
@@ -226,15 +226,16 @@ std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const&
         if (Attribute const* const column = coloredColumn(options.color, selected))
             shown->colored = column->values;
     };
-    Kept kept;
-    if (firstFrame && facts.frame != *firstFrame) // the range of colours comes with the choice
-        kept.radius = shown->keptRadius = keptRadius;
+    if (firstFrame && facts.frame != *firstFrame)
+        shown->kept = kept;
+    Kept keptOfScene; // the range of colours comes with the choice, as the page's cut does
+    keptOfScene.radius = shown->kept.radius;
     shown->scene =
         makeSelectedScene(options, std::move(particles), frame.second ? &*frame.second : nullptr,
-                          kept, note, phase("choosing radii", report), look);
+                          keptOfScene, note, phase("choosing radii", report), look);
     shown->stops = stopsOf(options.color);
     if (!firstFrame) {
-        keptRadius = shown->scene.chosen.radius;
+        kept.radius = shown->scene.chosen.radius;
         firstFrame = facts.frame;
     }
     build(shown->scene, wanted, report);

@@ -43,10 +43,8 @@ class FileSource final : public Source {
     WantedScene wanted;
     FrameSource source;
     std::optional<int> firstFrame;
-    // What later frames have of the first.
-    std::optional<float> keptRadius;
-    std::vector<double> slicePlaces; ///< of the command's planes
-    std::vector<ColumnFacts> columns;
+    Kept kept; ///< what other frames have of the first; where the command's planes lie
+    std::vector<ColumnFacts> columns; ///< of the first frame
     std::optional<Frame> uncut; ///< kept while it is cut, so that a plane moves without reading
     ParticleSet whole; ///< every column of the frame that was asked about last, without places
     std::optional<Cut> wholeCut; ///< that it was asked about with

@@ -67,10 +67,10 @@ struct Shown {
     Scene scene;
     ShownFacts facts;
     SceneChoice choice;
-    std::optional<float> keptRadius; ///< of all, before scaling, when an earlier frame decided it
-    Bounds bounds{};                 ///< of all centres, in the scene's coordinates
-    Bounds extent{};                 ///< of those before the cut, in the file's coordinates
-    double diagonal = 0.0;           ///< of the bounds, with the largest sphere at both ends
+    Kept kept;             ///< what the first frame decided, where this is another
+    Bounds bounds{};       ///< of all centres, in the scene's coordinates
+    Bounds extent{};       ///< of those before the cut, in the file's coordinates
+    double diagonal = 0.0; ///< of the bounds, with the largest sphere at both ends
     double occlusionDistance = 0.0;
     std::vector<float> colored;       ///< row by row the values that give the colours, if any
     std::vector<Kelpa::Vector> stops; ///< the colour map, from its lower end to its upper

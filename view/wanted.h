@@ -36,8 +36,9 @@ struct WantedPicture {
     ImageOptions image;
     bool hasSize = false; ///< the picture's size is given, else it is the window's
     LightOptions light;
-    std::string background; ///< as the command line writes it; empty: the usual one
-    std::string color;      ///< of all particles, likewise; empty: not given
+    std::string background;          ///< as the command line writes it; empty: the usual one
+    std::string color;               ///< of all particles, likewise; empty: not given
+    std::vector<std::string> slices; ///< likewise
     /// The words of a command that makes this picture, but for what the page chooses and the output
     /// file; empty: no command does.
     std::vector<std::string> command;

@@ -163,6 +163,29 @@ class Server(served.TestCase):
             line.send({"command": True})
             self.assertEqual(shlex.split(line.text("command"))[2:5], given[:3])
 
+    def test_cuts_where_the_first_frame_was_cut_as_films_do(self):
+        with open(os.path.join(self.folder, "growing.xyz"), "w", encoding="utf-8") as file:
+            for step in (1.0, 1.5, 2.0):
+                file.write("9\n\n" + "".join(f"H {step * i} {i % 2} 0\n" for i in range(9)))
+        given = ["growing.xyz", "--slice", "x:50%", "--slice=-1,0,0:-.5", "--size", "60x40", "--samples", "2",
+                 "--view", "top"]
+        with self.serve(*given) as server, Line(server) as line:
+            line.until(lambda m, p: p is None and "state" in m and m["state"]["frames"]["count"] == 3)
+            line.send({"camera": {"eye": [3, 0, 20], "at": [3, 0, 0], "up": [0, 1, 0], "fov": 40, "number": 1}})
+            line.send({"scene": {"frame": 2}})
+            shown = line.until(lambda m, p: p is None and
+                               m.get("state", {}).get("shown", {}).get("frame") == 2)[0]["state"]
+            self.assertEqual(shown["shown"]["particles"], 2, "x from 0.5 to 4, of 2, 4, 6 and so on")
+            seen = line.until(lambda m, p: p is not None and m["samples"] == m["of"] and
+                              m["version"] >= shown["version"])[1]
+            line.send({"pick": {"number": 1, "x": 0.5 + 1 / 60, "y": 0.5, "row": True}})
+            self.assertIn(["x", "4"], line.text("row")["cells"])
+            line.send({"command": True})
+            words = shlex.split(line.text("command"))
+            served.run(*words[1:], folder=self.folder)
+            self.assertEqual(served.pixels_of(seen),
+                             served.pixels_of(os.path.join(self.folder, words[-1])), words)
+
     def test_ends_old_work_for_a_new_camera_and_for_who_leaves(self):
         with self.serve("sample.ply", "--size", "900x700", "--samples", 4000, "--ao-samples", 64,
                         "--radius", "0.3") as server:
@@ -210,7 +233,7 @@ class Server(served.TestCase):
                 self.assertIn(cell, cells)
             line.send({"command": True})
             words = shlex.split(line.text("command"))
-            self.assertEqual([word for word in words if "z:" in word], ["-z:-1", "--slice=-z:-5"])
+            self.assertEqual([word for word in words if "z:" in word], ["--slice=-z:-1", "--slice=-z:-5"])
             served.run(*words[1:], folder=self.folder)
             line.send({"scene": {"cut": {"normal": [0, 0, 1], "at": -100}}})
             error = line.until(lambda m, p: p is None and m.get("news", {}).get("error"))[0]["news"]["error"]

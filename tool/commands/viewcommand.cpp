@@ -49,6 +49,7 @@ view::WantedPicture wantedPicture(Options const& options) {
     wanted.light = options.light;
     wanted.background = options.view.background;
     wanted.color = options.view.color;
+    wanted.slices = options.view.slices;
     wanted.command = options.view.words;
     return wanted;
 }

@@ -176,10 +176,15 @@ std::vector<std::string> wordsOf(CLI::App const& command,
             words.push_back(value == "true" ? name : name + "=" + value);
             continue;
         }
-        if (name[0] == '-')
-            words.push_back(name);
-        for (std::string const& word : option->results())
-            words.push_back(word);
+        for (std::string const& word : option->results()) {
+            // Behind a hyphen of its own a value would be another option's name.
+            if (name[0] == '-' && word.starts_with('-'))
+                words.push_back(name + "=" + word);
+            else if (name[0] == '-')
+                words.insert(words.end(), {name, word});
+            else
+                words.push_back(word);
+        }
     }
     return words;
 }
@@ -211,7 +216,7 @@ void keepWords(CLI::App const& view, ViewOptions& kept) {
         "--range",        "--view",   "--eye",        "--look-at",  "--up",
         "--fov",          "--ortho",  "--zoom",       "--size",     "--samples",
         "--background",   "--shade",  "--ao-samples", "--shadows",  "--ao-distance",
-        "--radius-scale", "--aov"};
+        "--radius-scale", "--slice",  "--aov"};
     auto const given = [&view](char const* name) {
         CLI::Option const* const option = view.get_option(name);
         return option->count() > 0 ? option->results().back() : std::string();
@@ -219,6 +224,7 @@ void keepWords(CLI::App const& view, ViewOptions& kept) {
     kept.background = given("--background");
     kept.color = given("--color");
     kept.colorMap = inSmallLetters(given("--colormap"));
+    kept.slices = view.get_option("--slice")->results();
     kept.hasSize = !given("--size").empty();
     kept.words = wordsOf(view, chosenByPage);
 }

@@ -66,10 +66,11 @@ struct ViewOptions {
     int port = 0; ///< 0: one that is free
     std::string host = "127.0.0.1";
     bool opensBrowser = false;
-    std::vector<std::string> words; ///< of a picture's command, but for what the page chooses
-    std::string background;         ///< as written; empty: not given
-    std::string color;              ///< likewise
-    std::string colorMap;           ///< likewise
+    std::vector<std::string> words;  ///< of a picture's command, but for what the page chooses
+    std::string background;          ///< as written; empty: not given
+    std::string color;               ///< likewise
+    std::string colorMap;            ///< likewise
+    std::vector<std::string> slices; ///< likewise
     bool hasSize = false;
 };
 
