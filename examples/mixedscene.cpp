@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -26,9 +27,9 @@ constexpr Vector towardsLight{0.4F, -0.5F, 0.8F};
 ParticleSystem floorOfSpheres() {
     constexpr int side = 40;
     std::vector<Vector> centers;
-    for (int i = 0; i < side * side; ++i)
-        centers.push_back({static_cast<float>(i % side - side / 2) * 0.5F,
-                           static_cast<float>(i / side - side / 2) * 0.5F, 0.0F});
+    for (int y = -side / 2; y < side / 2; ++y)
+        for (int x = -side / 2; x < side / 2; ++x)
+            centers.push_back({static_cast<float>(x) * 0.5F, static_cast<float>(y) * 0.5F, 0.0F});
     std::vector<float> radii(centers.size(), 0.3F);
     std::vector<Vector> colors(centers.size(), {0.6F, 0.6F, 0.6F});
     return {std::move(centers), std::move(radii), std::move(colors)};
@@ -54,9 +55,11 @@ ParticleSystem swarm(double shutterFraction) {
     constexpr int drops = 12;
     auto const fallen = static_cast<float>(2.0 * shutterFraction);
     std::vector<Vector> centers;
-    for (int i = 0; i < drops; ++i)
-        centers.push_back({static_cast<float>(i % 4) - 5.0F, static_cast<float>(i / 4) - 1.0F,
+    for (int i = 0; i < drops; ++i) {
+        int const row = i / 4;
+        centers.push_back({static_cast<float>(i % 4) - 5.0F, static_cast<float>(row) - 1.0F,
                            4.0F + 0.2F * static_cast<float>(i) - fallen});
+    }
     return {std::move(centers), std::vector<float>(drops, 0.3F),
             std::vector<Vector>(drops, {0.2F, 0.8F, 0.4F}), 0, shutterFraction};
 }
@@ -189,14 +192,8 @@ Vector pixelColor(Scene const& scene, int x, int y, Counts& counts) {
     return {sum.x / samplesPerPixel, sum.y / samplesPerPixel, sum.z / samplesPerPixel};
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    std::string const path = argc > 1 ? argv[1] : "mixedscene.ppm";
-    ThreadPool threads;
-    Scene const scene(threads);
-
-    Counts counts;
+/// The picture as a PPM.
+std::string imageOf(Scene const& scene, Counts& counts) {
     std::string image = "P6 " + std::to_string(width) + " " + std::to_string(height) + " 255\n";
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
@@ -206,15 +203,37 @@ int main(int argc, char** argv) {
                     static_cast<unsigned char>(std::sqrt(color[channel]) * 255.0F));
         }
     }
-    std::FILE* const file = std::fopen(path.c_str(), "wb");
+    return image;
+}
+
+int writePicture(char const* path) {
+    ThreadPool threads;
+    Scene const scene(threads);
+    Counts counts;
+    std::string const image = imageOf(scene, counts);
+    std::FILE* const file = std::fopen(path, "wb");
     bool const isWritten =
         file != nullptr && std::fwrite(image.data(), 1, image.size(), file) == image.size();
     if (file == nullptr || std::fclose(file) != 0 || !isWritten) {
-        std::perror(path.c_str());
+        std::perror(path);
         return 1;
     }
     std::printf("%d samples: floor %d, drops %d, red beads %d, blue beads %d, sky %d; "
                 "%d in shadow, %d saved from their own\n",
                 width * height * samplesPerPixel, counts.floor, counts.drops, counts.redBeads,
                 counts.blueBeads, counts.sky, counts.shadowed, counts.selfShadowed);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return writePicture(argc > 1 ? argv[1] : "mixedscene.ppm");
+    } catch (ExceptionMsg const& failure) { // of a build
+        std::fprintf(stderr, "%s\n", failure.what());
+    } catch (std::exception const& failure) { // memory or threads that are not there
+        std::fprintf(stderr, "%s\n", failure.what());
+    }
+    return 1;
 }

@@ -189,7 +189,8 @@ int main() {
                 continue;
             hits.fetch_add(1, std::memory_order_relaxed);
             float const light = std::fmax(0.0F, 0.6F * hit.normal.z - 0.8F * hit.normal.y);
-            picture[static_cast<std::size_t>((height - 1 - row) * width + column)] =
+            std::size_t const place = static_cast<std::size_t>(height - 1 - row) * width;
+            picture[place + static_cast<std::size_t>(column)] =
                 ".:-=+*#%@"[static_cast<int>(light * 8.99F)];
         }
     });

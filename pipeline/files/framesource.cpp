@@ -187,18 +187,18 @@ ParticleSet FrameSource::readOne(std::optional<int> frame, ReadOptions options) 
     return particles;
 }
 
-std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions options) {
+std::optional<ParticleSet> FrameSource::readAfter(int frame, ReadOptions const& options) {
     if (!sequence.empty()) {
         auto const next = sequence.upper_bound(frame);
         if (next == sequence.end())
             return std::nullopt;
-        ParticleSet particles = read(next->first, std::move(options));
+        ParticleSet particles = read(next->first, options);
         particles.steps = static_cast<double>(static_cast<std::int64_t>(next->first) - frame) /
                           static_cast<double>(leastStride());
         return particles;
     }
     try {
-        return read(frame + 1, std::move(options));
+        return read(frame + 1, options);
     } catch (NoSuchFrame const&) {
         return std::nullopt;
     } catch (InputError const& error) {

@@ -55,7 +55,7 @@ class FrameSource {
     ParticleSet read(std::optional<int> frame, ReadOptions const& options);
     /// Reads the frame that follows one; nothing behind the last. `ParticleSet::steps` tells how
     /// many frames' time later it was taken.
-    std::optional<ParticleSet> readAfter(int frame, ReadOptions options);
+    std::optional<ParticleSet> readAfter(int frame, ReadOptions const& options);
     /// The numbers of the frames in ranges. Throws `NoSuchFrame` when there is none, when one was
     /// named by itself and is not there, or when a file, unless it is a pipe, ends before the last.
     FrameNumbers framesIn(std::vector<FrameRange> const& ranges, ReadOptions const& options) const;

@@ -23,8 +23,8 @@ std::size_t bytesOf(Imf::PixelType type) {
 class Rows {
   public:
     Rows(Imf::ChannelList const& channels, Imath::Box2i const& box) {
-        auto const width = static_cast<std::size_t>(box.max.x - box.min.x + 1);
-        auto const height = static_cast<std::size_t>(box.max.y - box.min.y + 1);
+        auto const width = static_cast<std::size_t>(box.max.x - box.min.x) + 1;
+        auto const height = static_cast<std::size_t>(box.max.y - box.min.y) + 1;
         std::size_t pixelBytes = 0;
         for (auto at = channels.begin(); at != channels.end(); ++at)
             pixelBytes += bytesOf(at.channel().type);

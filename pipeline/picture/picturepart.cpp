@@ -15,7 +15,8 @@ PixelBox bandOf(PixelBox const& whole, PictureTile const& tile) {
     auto const [left, top, right, bottom] = whole;
     std::int64_t const height = bottom - top;
     bool const hasSquares = height / tileWidth >= tile.count;
-    auto const border = [&](std::int64_t tilesAbove) { // in rows of the picture
+    // In rows of the picture. clang 14 captures no part of an array by reference.
+    auto const border = [&, top = top](std::int64_t tilesAbove) {
         std::int64_t const row = top + height * tilesAbove / tile.count;
         bool const isEnd = tilesAbove == 0 || tilesAbove == tile.count;
         // Rounded to the nearest square, borders at least one square apart stay apart.

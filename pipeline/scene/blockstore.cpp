@@ -248,10 +248,13 @@ std::vector<std::string> BlockStore::takeNotes() {
             notes.push_back(fault + "; the trees are built and not kept there");
             continue;
         }
-        std::string const others = met.count > 1 ? ", and so are " + std::to_string(met.count - 1) +
-                                                       " other files beside it"
-                                                 : "";
-        notes.push_back(files.nameOf(met.firstBlock) + " " + fault + others + "; built anew");
+        std::string& note = notes.emplace_back(files.nameOf(met.firstBlock));
+        note.append(" ").append(fault);
+        if (met.count > 1)
+            note.append(", and so are ")
+                .append(std::to_string(met.count - 1))
+                .append(" other files beside it");
+        note.append("; built anew");
     }
     faults.clear();
     return notes;

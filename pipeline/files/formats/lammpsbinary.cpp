@@ -241,8 +241,8 @@ std::string BinaryDumpFrames::namesByCount(InputFile& file, ParticleSet& particl
                 numberAt<double>(rows.data() + row * rowBytes + axis * 8, form.isForeign);
             areFractions = areFractions && part >= -0.5 && part <= 1.5;
         }
-    std::string const names = std::string(areFractions ? "id type xs ys zs" : "id type x y z") +
-                              (rowValues == 8 ? " ix iy iz" : "");
+    std::string names = std::string(areFractions ? "id type xs ys zs" : "id type x y z") +
+                        (rowValues == 8 ? " ix iy iz" : "");
     particles.notes.push_back(
         fmt::format("{}: it names no columns, as all of before 2021; they are "
                     "read as {}",

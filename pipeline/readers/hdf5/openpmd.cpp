@@ -111,7 +111,7 @@ void addRecord(hid_t species, std::string const& record, std::uint64_t fileBytes
     if (add(record, record) || !parts.isOpen())
         return;
     for (std::string const& part : membersOf(parts))
-        add(record + "/" + part, record + "." + part);
+        add(fmt::format("{}/{}", record, part), fmt::format("{}.{}", record, part));
 }
 
 /// The particles of a species; nothing where it has no places.
@@ -158,7 +158,7 @@ std::map<std::int64_t, std::string> iterationsOf(hid_t data) {
 
 /// The species that are wanted, by name. Refuses names that none has.
 std::vector<std::string> chooseSpecies(hid_t particles, ReaderInput const& input) {
-    std::vector<std::string> const present =
+    std::vector<std::string> present =
         particles >= 0 ? membersOf(particles) : std::vector<std::string>{};
     if (input.kinds.empty())
         return present;
