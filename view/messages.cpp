@@ -103,7 +103,7 @@ char const* nameOf(LightOptions::Shade shade) {
 }
 
 std::string backgroundOf(Json const& value) {
-    std::string const color = wordOf(value);
+    std::string color = wordOf(value);
     try {
         if (!color.empty() && color != "none")
             parseColor(color);
@@ -315,7 +315,7 @@ std::string textOf(StateFacts const& state) {
         auto const place = std::lower_bound(frames.begin(), frames.end(), state.shown->facts.frame);
         json["frames"]["index"] = place - frames.begin();
     }
-    if (frames.size() > 0)
+    if (!frames.empty())
         json["frames"]["last"] = frames.back();
     return dump({{"state", json}});
 }

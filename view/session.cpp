@@ -66,9 +66,9 @@ std::uint32_t nextCount(std::uint32_t done, std::uint32_t all) {
 
 } // namespace
 
-Session::Session(Stage& shownStage, WantedPicture const& wanted, int threadCount,
+Session::Session(Stage& shownStage, WantedPicture wanted, int threadCount,
                  std::uint64_t sessionNumber, Outbox::Send how)
-    : stage(shownStage), given(wanted), threads(threadCount), number(sessionNumber),
+    : stage(shownStage), given(std::move(wanted)), threads(threadCount), number(sessionNumber),
       outbox(std::make_shared<Outbox>(std::move(how))) {
     wish.camera = given.camera;
     wish.image = given.image;

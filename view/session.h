@@ -31,7 +31,7 @@ namespace pipeline::view {
 /// **Guarantees**: all but the destructor may be called from any thread.
 class Session {
   public:
-    Session(Stage& stage, WantedPicture const& given, int threads, std::uint64_t number,
+    Session(Stage& stage, WantedPicture given, int threads, std::uint64_t number,
             Outbox::Send send);
     Session(Session const&) = delete;
     Session& operator=(Session const&) = delete;

@@ -26,10 +26,10 @@ SceneChoice inFrame(SceneChoice choice, std::optional<int> frame, Shown const* s
 
 } // namespace
 
-Stage::Stage(std::unique_ptr<Source> from, SceneChoice const& firstChoice, Wording wording,
+Stage::Stage(std::unique_ptr<Source> from, SceneChoice firstChoice, Wording wording,
              std::function<void()> changed)
     : source(std::move(from)), words(std::move(wording)), onChange(std::move(changed)),
-      wanted(firstChoice), worker([this] { run(); }) {
+      wanted(std::move(firstChoice)), worker([this] { run(); }) {
 }
 
 Stage::~Stage() {
@@ -110,7 +110,7 @@ void Stage::tell(char const* what, double fraction) {
     onChange();
 }
 
-void Stage::fail(std::exception_ptr reason) {
+void Stage::fail(std::exception_ptr const& reason) {
     std::string const text = words(reason);
     std::lock_guard const guard(mutex);
     doing.error = text;

@@ -36,7 +36,7 @@ class Stage {
     using Wording = std::function<std::string(std::exception_ptr)>;
 
     /// `changed` is called, on the stage's own thread or a chooser's, when there is news.
-    Stage(std::unique_ptr<Source> from, SceneChoice const& first, Wording wording,
+    Stage(std::unique_ptr<Source> from, SceneChoice first, Wording wording,
           std::function<void()> changed);
     Stage(Stage const&) = delete;
     Stage& operator=(Stage const&) = delete;
@@ -76,7 +76,7 @@ class Stage {
     std::shared_ptr<Shown> makeChosen(SceneChoice const& target);
     void applyColors(Shown& to, SceneChoice const& choice);
     void tell(char const* what, double fraction);
-    void fail(std::exception_ptr reason);
+    void fail(std::exception_ptr const& reason);
 
     std::unique_ptr<Source> const source;
     Wording const words;

@@ -249,6 +249,7 @@ std::unique_ptr<Tree> makeTree(std::vector<SystemTuple> const& tuples, std::opti
 } // namespace
 
 void defineTree(py::module_& module) {
+    // pybind11 hands it over as a copy. NOLINTNEXTLINE(performance-unnecessary-value-param)
     py::register_exception_translator([](std::exception_ptr thrown) {
         try {
             if (thrown)

@@ -173,13 +173,13 @@ std::vector<std::string> wordsOf(CLI::App const& command,
             continue;
         if (option->get_items_expected_max() == 0) { // a flag, which may have been given a value
             std::string const value = option->results().back();
-            words.push_back(value == "true" ? name : name + "=" + value);
+            words.push_back(value == "true" ? name : fmt::format("{}={}", name, value));
             continue;
         }
         for (std::string const& word : option->results()) {
             // Behind a hyphen of its own a value would be another option's name.
             if (name[0] == '-' && word.starts_with('-'))
-                words.push_back(name + "=" + word);
+                words.push_back(fmt::format("{}={}", name, word));
             else if (name[0] == '-')
                 words.insert(words.end(), {name, word});
             else
