@@ -1,20 +1,16 @@
 // Particles of files, frame by frame.
 #include "view/filesource.h"
 
-#include "kelpa/foundation/hosttypes.h"
-
 #include "pipeline/files/elements.h"
 #include "pipeline/files/nameelements.h"
 #include "pipeline/files/numberplace.h"
-#include "pipeline/picture/light.h"
-#include "pipeline/scene/colormap.h"
 #include "pipeline/scene/secondsnapshot.h"
-#include "pipeline/scene/selection.h"
+
+#include "view/sceneparts.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <utility>
@@ -23,69 +19,8 @@ namespace pipeline::view {
 
 namespace {
 
-/// What a build asks and tells.
-class BuildReport final : public Kelpa::ProgressCallback {
-  public:
-    explicit BuildReport(Report const& to) : report(to) {}
-
-    std::int32_t getAbort() override {
-        try {
-            report("building the tree", -1.0);
-        } catch (Interrupted const&) {
-            return 1;
-        }
-        return 0;
-    }
-    void info(int, int, char const*, ...) override __attribute__((format(printf, 4, 5))) {}
-
-  private:
-    Report const& report;
-};
-
 PhaseProgress phase(char const* what, Report const& report) {
     return [what, &report](double fraction, std::uint64_t) { report(what, fraction); };
-}
-
-void build(Scene& scene, WantedScene const& wanted, Report const& report) {
-    BuildReport told(report);
-    auto const progress = [&report](double fraction, std::uint64_t) {
-        report("building the tree", fraction);
-    };
-    buildScene(scene, {told, wanted.threads, progress}, wanted.tree);
-    report("building the tree", 1.0); // throws when the build was given up
-}
-
-/// Colours of rows, brought to the places that a scene has the particles in. Those that only the
-/// second snapshot of a motion has are behind all rows.
-std::vector<Kelpa::Vector> inPlaces(std::vector<Kelpa::Vector> colors, Scene const& scene) {
-    if (colors.empty())
-        return colors;
-    auto const count = static_cast<std::size_t>(scene.first->size());
-    colors.resize(count, defaultColor);
-    if (scene.rows == nullptr)
-        return colors;
-    std::vector<Kelpa::Vector> placed(count);
-    for (std::size_t place = 0; place < count; ++place)
-        placed[place] =
-            colors[static_cast<std::size_t>((*scene.rows)[static_cast<std::int64_t>(place)])];
-    return placed;
-}
-
-Bounds extentOf(std::vector<Kelpa::Vector> const& centers) {
-    Bounds extent;
-    for (Kelpa::Vector const& center : centers)
-        if (std::isfinite(center.x) && std::isfinite(center.y) && std::isfinite(center.z))
-            extent.add(wide(center));
-    return extent;
-}
-
-std::vector<Kelpa::Vector> stopsOf(ColorOptions const& options) {
-    constexpr int stops = 32;
-    ColorMap const map = options.map.value_or(ColorMap());
-    std::vector<Kelpa::Vector> colors;
-    for (int i = 0; i <= stops; ++i)
-        colors.push_back(map.at(static_cast<double>(i) / stops));
-    return colors;
 }
 
 /// A value as the file tells it, which may be a name.
@@ -149,7 +84,7 @@ FileSource::Frame FileSource::readFrame(SceneChoice const& choice, Report const&
     frame.first = read(choice, report, false);
     if (columns.empty())
         for (AttributeSummary const& column : frame.first.columns)
-            columns.push_back({column.name, column.min, column.max});
+            columns.push_back(column.name);
     for (Remark const& remark : frame.first.notes)
         frame.notes.push_back(textOf(remark));
     if (hasSecondSnapshot(wanted.scene.motion.motion))
@@ -189,18 +124,10 @@ std::optional<ParticleSet> FileSource::readSecond(ParticleSet const& first, Repo
 SceneOptions FileSource::optionsFor(SceneChoice const& choice) const {
     SceneOptions options = wanted.scene;
     options.radius.scale = choice.radiusScale;
-    options.color.colorBy = choice.colorBy;
-    options.color.range = choice.range;
-    if (!choice.colorBy.empty())
-        options.color.color.reset();
-    options.color.asKinds = choice.colorMap == "kinds";
-    options.color.map.reset();
-    if (!choice.colorMap.empty() && !options.color.asKinds)
-        options.color.map = ColorMap(choice.colorMap);
+    choose(choice, options.color);
     options.selection = {}; // the command's is asked before, see `select`
     if (choice.cut)
-        for (std::string const& slice : slicesOf(*choice.cut))
-            options.selection.slices.push_back(parseSlice(slice));
+        options.selection.slices = planesOf(*choice.cut);
     return options;
 }
 
@@ -238,13 +165,10 @@ std::shared_ptr<Shown> FileSource::load(SceneChoice const& choice, Report const&
         kept.radius = shown->scene.chosen.radius;
         firstFrame = facts.frame;
     }
-    build(shown->scene, wanted, report);
+    build(shown->scene, wanted.tree, wanted.threads, report);
     for (std::string& text : shown->scene.geometry->takeNotes())
         facts.notes.push_back(std::move(text));
-    FramedSpheres const framed = shown->scene.framed();
-    shown->bounds = framed.bounds();
-    shown->diagonal = shown->bounds.diagonal() + 2.0 * static_cast<double>(framed.largestRadius());
-    shown->occlusionDistance = usualOcclusionDistance(shown->scene);
+    measure(*shown);
     return shown;
 }
 
@@ -264,10 +188,7 @@ ParticleSet FileSource::readAgain(Shown const& shown, SceneChoice choice, Report
 
 Recoloring FileSource::recolored(Shown const& shown, SceneChoice const& choice,
                                  Report const& report) {
-    Recoloring made;
     ColorOptions const options = optionsFor(choice).color;
-    made.color = options.color.value_or(defaultColor);
-    made.stops = stopsOf(options);
     ParticleSet particles;
     bool const isAtHand = !choice.colorBy.empty() && choice.colorBy == shown.choice.colorBy &&
                           !shown.colored.empty() && options.ofKinds.empty();
@@ -275,17 +196,7 @@ Recoloring FileSource::recolored(Shown const& shown, SceneChoice const& choice,
         particles.attributes.push_back({choice.colorBy, shown.colored});
     else
         particles = readAgain(shown, choice, report, false);
-    if (Attribute const* const column = coloredColumn(options, particles)) {
-        made.column = column->name;
-        if (!showsKinds(options, *column))
-            made.range = options.range ? *options.range : usualRange(column->values);
-    }
-    made.colors =
-        inPlaces(chooseColors(options, particles, made.range, [](Remark const&) {}), shown.scene);
-    for (Attribute& column : particles.attributes)
-        if (column.name == choice.colorBy)
-            made.values = std::move(column.values);
-    return made;
+    return recoloringOf(options, std::move(particles), shown.scene);
 }
 
 Row FileSource::rowOf(Shown const& shown, std::size_t place, Report const& report) {

@@ -44,7 +44,7 @@ class FileSource final : public Source {
     FrameSource source;
     std::optional<int> firstFrame;
     Kept kept; ///< what other frames have of the first; where the command's planes lie
-    std::vector<ColumnFacts> columns; ///< of the first frame
+    std::vector<std::string> columns; ///< of the first frame
     std::optional<Frame> uncut; ///< kept while it is cut, so that a plane moves without reading
     ParticleSet whole; ///< every column of the frame that was asked about last, without places
     std::optional<Cut> wholeCut; ///< that it was asked about with

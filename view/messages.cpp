@@ -248,16 +248,13 @@ Json jsonOf(std::optional<Cut> const& cut) {
 
 Json jsonOf(Shown const& shown) {
     ShownFacts const& facts = shown.facts;
-    Json columns = Json::array();
-    for (ColumnFacts const& column : facts.columns)
-        columns.push_back({{"name", column.name}, {"min", column.min}, {"max", column.max}});
     Scene const& scene = shown.scene;
     Json json = {{"file", facts.file},
                  {"format", facts.format},
                  {"particles", facts.ofParticles},
                  {"used", scene.geometry->statistics().used},
                  {"frame", facts.frame},
-                 {"columns", columns},
+                 {"columns", facts.columns},
                  {"notes", facts.notes},
                  {"centre", listOf(shown.bounds.centre() + scene.origin)},
                  {"diagonal", shown.diagonal},

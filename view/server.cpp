@@ -12,12 +12,14 @@
 #include <array>
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <future>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace pipeline::view {
@@ -89,7 +91,7 @@ class Server::Impl {
         }
         for (auto const& [connection, session] : ending)
             session->end();
-        mg_stop(context);
+        stopListening();
         ending.clear();
         stage.reset();
     }
@@ -151,6 +153,23 @@ class Server::Impl {
         mg_set_websocket_handler(context, socket.c_str(), meet, welcome, take, part, this);
         mg_set_request_handler(
             context, "/", [](mg_connection* c, void* data) { return self(data).serve(c); }, this);
+    }
+
+    /// civetweb looks every two seconds whether it is to stop, and whenever somebody comes.
+    void stopListening() {
+        std::atomic<bool> hasStopped = false;
+        std::jthread const stopping([this, &hasStopped] {
+            mg_stop(context);
+            hasStopped = true;
+        });
+        std::string const host = address.host == "localhost" ? "127.0.0.1" : address.host;
+        char reason[100] = "";
+        while (!hasStopped) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (mg_connection* const visit =
+                    mg_connect_client(host.c_str(), address.port, 0, reason, sizeof reason))
+                mg_close_connection(visit);
+        }
     }
 
     /// Refuses whoever does not come from our own page; 0: may go on.

@@ -34,21 +34,14 @@ struct SceneChoice {
     }
 };
 
-/// A column that particles can be coloured by.
-struct ColumnFacts {
-    std::string name;
-    double min = 0.0; ///< of the finite values
-    double max = 0.0;
-};
-
 /// What the page tells about the particles.
 struct ShownFacts {
     std::string file;
     std::string format;
     std::size_t particles = 0;
-    std::size_t ofParticles = 0; ///< before the cut
-    int frame = 0;               ///< its number
-    std::vector<ColumnFacts> columns;
+    std::size_t ofParticles = 0;      ///< before the cut
+    int frame = 0;                    ///< its number
+    std::vector<std::string> columns; ///< that they can be coloured by
     std::vector<std::string> notes;
 };
 

@@ -100,9 +100,10 @@ std::exception_ptr Stage::firstFailure() const {
 void Stage::tell(char const* what, double fraction) {
     {
         std::lock_guard const guard(mutex);
-        bool const isSame =
-            doing.work == what && (fraction - doing.fraction) < 0.01 && fraction >= doing.fraction;
-        if (isSame)
+        bool const isKnown = fraction >= 0.0;
+        bool const isNews =
+            isKnown && (fraction < doing.fraction || fraction >= doing.fraction + 0.01);
+        if (doing.work == what && !isNews)
             return;
         doing.work = what;
         doing.fraction = fraction;

@@ -103,7 +103,7 @@ export class Panel {
   }
 
   showColumns({ shown, chosen }) {
-    const names = shown.columns.map((column) => column.name);
+    const names = shown.columns;
     const usual = element('option', 'The file’s colours');
     usual.value = '';
     at('colorby').replaceChildren(usual, ...names.map((name) => {
