@@ -19,7 +19,8 @@ std::vector<Slice> planesOf(Cut const& cut);
 /// The box around all centres that are finite.
 Bounds extentOf(std::span<Kelpa::Vector const> centers);
 
-/// Builds the scene's tree, of the geometry that it has or else in blocks. Throws what `report` throws.
+/// Builds the scene's tree, of the geometry that it has or else in blocks. Throws what `report`
+/// throws.
 void build(Scene& scene, TreeOptions const& options, int threads, Report const& report);
 
 /// Fills in what is known of a scene once it is built.

@@ -41,10 +41,11 @@ from .hits import Hits
 from .particles import Cell, Particles
 from .pictures import Picture, to_srgb
 from .primitive import Primitive, build
+from .view import View, view
 
 __version__ = "0.1.0"
 __all__ = [
     "Camera", "Cell", "Frames", "Hits", "NoSuchFrame", "Particles", "Picture", "Primitive",
-    "Progress", "ReadError", "build", "frames", "from_ase", "from_dataframe", "from_mdanalysis",
-    "join", "read", "to_srgb",
+    "Progress", "ReadError", "View", "build", "frames", "from_ase", "from_dataframe",
+    "from_mdanalysis", "join", "read", "to_srgb", "view",
 ]

@@ -169,6 +169,7 @@ class Frames(Sequence[Particles]):
         if not paths:
             raise ValueError("path: expected at least one, found none")
         self._paths = [os.fsdecode(path) for path in paths]
+        self._options = options
         self._wanted = _wanted(options)
         self._numbers: Optional[list[int]] = None
         for name in self._paths:

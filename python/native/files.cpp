@@ -26,12 +26,6 @@ namespace py = pybind11;
 
 namespace kelpapython {
 
-namespace {
-
-using pipeline::ParticleSet;
-using pipeline::PhaseProgress;
-
-/// What follows a text that has this hint, with the arguments that are meant.
 std::string hintText(pipeline::Hint const& hint) {
     using To = pipeline::Hint::To;
     switch (hint.to) {
@@ -63,6 +57,11 @@ std::string hintText(pipeline::Hint const& hint) {
     }
     return "";
 }
+
+namespace {
+
+using pipeline::ParticleSet;
+using pipeline::PhaseProgress;
 
 /// A particle set as a scene, and what of it no scene keeps.
 struct Snapshot {

@@ -7,6 +7,9 @@
 #ifdef KELPA_FILES
 #include "python/native/files.h"
 #endif
+#ifdef KELPA_VIEW
+#include "python/native/views.h"
+#endif
 
 #include <pybind11/pybind11.h>
 
@@ -20,6 +23,9 @@ PYBIND11_MODULE(_native, module) {
     defineTree(module);
 #ifdef KELPA_FILES
     defineFiles(module);
+#endif
+#ifdef KELPA_VIEW
+    defineViews(module);
 #endif
 }
 

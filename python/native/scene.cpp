@@ -158,6 +158,17 @@ class BlocksByIndex final : public RenamedGeometry {
     pipeline::Rows places; ///< of rows
 };
 
+/// The same geometry in another's hand.
+class Borrowed final : public RenamedGeometry {
+  public:
+    using RenamedGeometry::RenamedGeometry;
+
+  private:
+    std::int64_t inner(std::int64_t place) const override { return place; }
+    std::int64_t outer(std::int64_t place) const override { return place; }
+    bool isSame() const override { return true; }
+};
+
 /// Not 0 for particles that no tree takes; empty: all are taken.
 std::vector<char> unusableOf(std::vector<System> const& systems) {
     std::vector<char> unusable;
@@ -228,6 +239,18 @@ pipeline::Scene makeScene(std::vector<System> const& systems, pipeline::Vec cons
     scene.origin = origin;
     scene.unusable = unusableOf(systems);
     return scene;
+}
+
+pipeline::Scene borrowed(pipeline::Scene const& scene) {
+    pipeline::Scene own;
+    own.first = std::make_unique<pipeline::Snapshot>(*scene.first);
+    if (scene.second != nullptr)
+        own.second = std::make_unique<pipeline::Snapshot>(*scene.second);
+    own.rows = scene.rows;
+    own.origin = scene.origin;
+    own.unusable = scene.unusable;
+    own.geometry = std::make_unique<Borrowed>(*scene.geometry);
+    return own;
 }
 
 void setColor(pipeline::Scene& scene, std::vector<System> const& systems, Vector const& color) {

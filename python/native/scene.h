@@ -28,6 +28,10 @@ std::unique_ptr<pipeline::Geometry> blocksByIndex(pipeline::Scene& scene,
 std::unique_ptr<pipeline::Geometry> treeByRows(pipeline::Geometry& tree,
                                                std::vector<System> const& systems);
 
+/// The particles of a scene in its places, without colours, and its geometry, which must outlive
+/// it.
+pipeline::Scene borrowed(pipeline::Scene const& scene);
+
 /// Gives particles that have no colour of their own this one.
 void setColor(pipeline::Scene& scene, std::vector<System> const& systems,
               Kelpa::Vector const& color);

@@ -83,6 +83,7 @@ void Tree::build(pipeline::BuildRun const& run, pipeline::TreeOptions const& opt
     bool const hasCache = !options.keep.cache.empty() && total > 0;
     if ((total > options.block || hasCache) && canBeParted(systems)) {
         scene = makeScene(systems, origin);
+        isParted = true;
         buildScene(*scene, run, options);
         if (run.report.getAbort() == 0) // else whoever asked for the tree never sees it
             geometry = blocksByIndex(*scene, systems);
@@ -144,6 +145,15 @@ pipeline::Scene const& Tree::sceneIn(Kelpa::Vector const& color) {
     }
     setColor(*scene, systems, color);
     return *scene;
+}
+
+pipeline::Scene Tree::lendScene() {
+    std::lock_guard const hold(sceneMutex);
+    if (isParted)
+        return borrowed(*scene);
+    pipeline::Scene lent = makeScene(systems, origin);
+    lent.geometry = treeByRows(*geometry, systems);
+    return lent;
 }
 
 Placed Tree::placeCamera(pipeline::CameraOptions const& options, int width, int height) {

@@ -52,6 +52,13 @@ class Tree {
     pybind11::dict statistics();
     std::vector<std::string> takeNotes();
 
+    // For those who show it while it lives, from any thread.
+    std::vector<pipeline::System> const& allSystems() const { return systems; }
+    /// What the positions of `allSystems` lack.
+    pipeline::Vec const& subtracted() const { return origin; }
+    /// A scene without colours, which asks this tree.
+    pipeline::Scene lendScene();
+
   private:
     void moveToOrigin();
     void build(pipeline::BuildRun const& run, pipeline::TreeOptions const& options);
@@ -63,6 +70,7 @@ class Tree {
     std::vector<std::vector<Kelpa::Vector>> moved; ///< positions of systems far from zero
     pipeline::Vec origin{};
     std::unique_ptr<pipeline::Geometry> geometry;
+    bool isParted = false; ///< into blocks, over the particles of `scene`
     double buildSeconds = 0.0;
     std::recursive_mutex sceneMutex;      ///< recursive: `progress` may ask for pictures
     std::optional<pipeline::Scene> scene; ///< for pictures; made for the first

@@ -23,7 +23,7 @@ class Plain(unittest.TestCase):
         says = f"this build of .* (without|lacks) {kelpa._native.missing}"
         self.assertTrue(kelpa._native.missing)
         for wanted in (lambda: kelpa.read("a.ply"), lambda: list(kelpa.frames("a.ply")),
-                       lambda: picture.save("a.png"), lambda: kelpa.join("a.png", ["b.png"]),
+                       lambda: kelpa.view(self.cloud), lambda: picture.save("a.png"), lambda: kelpa.join("a.png", ["b.png"]),
                        lambda: kelpa.build(np.zeros((1, 3)), 1, cache="here")):
             with self.assertRaisesRegex(Exception, says):
                 wanted()
