@@ -189,15 +189,15 @@ int BlockGeometry::intersect(RSRay& ray) {
     int code = 0;
     double best = end;
     for (auto entry = top.next(boxRay, TopTree::Entry::none(), best); entry;
-         entry = top.next(boxRay, *entry, best)) {
+         entry = top.next(boxRay, entry, best)) {
         RSRay asked = ray;
         asked.intervalMax = code != 0 ? searchEnd(best) : end;
-        asked.skipIndex = placeIn(entry->block, ray.skipIndex);
+        asked.skipIndex = placeIn(entry.block, ray.skipIndex);
         BlockStore::Pin pin;
-        int const found = treeOf(entry->block, pin)->intersect(asked);
+        int const found = treeOf(entry.block, pin)->intersect(asked);
         if (found == 0)
             continue;
-        asked.hitIndex += baseOf(entry->block);
+        asked.hitIndex += baseOf(entry.block);
         if (code != 0 && !isCloser(asked.hitT, asked.hitIndex, best, ray.hitIndex))
             continue;
         code = found;

@@ -107,8 +107,7 @@ void RayExchange::setOut(Kelpa::GoOn const& watch) {
         for (TravellingRay ray : tapes[tape].asked) {
             places[place] = {static_cast<std::uint32_t>(tape), ray.place()};
             ray.setHome(transport.rank(), static_cast<std::uint32_t>(place));
-            auto const entry = top.next(boxRayOf(ray), TopTree::Entry::none(), ray.end);
-            ray.block = entry ? entry->block : -1;
+            ray.block = top.next(boxRayOf(ray), TopTree::Entry::none(), ray.end).block;
             atHand[place++] = ray;
         }
         tapes[tape].asked.clear();
@@ -249,8 +248,7 @@ void RayExchange::takeHit(TravellingRay& ray, HomingHit const& hit, Findings& fi
 /// Finds the block that a ray enters after the one it has been asked of.
 void RayExchange::advance(TravellingRay& ray) const {
     BoxRay const boxRay = boxRayOf(ray);
-    auto const entry = top.next(boxRay, top.entryOf(boxRay, ray.block), ray.end);
-    ray.block = entry ? entry->block : -1;
+    ray.block = top.next(boxRay, top.entryOf(boxRay, ray.block), ray.end).block;
 }
 
 // What comes home. A ray is in one place at a time, so no two threads hold answers of one ray.

@@ -43,7 +43,7 @@ class RaysInBlocks {
     void advance(unsigned k, double end) {
         searchEnds[k] = narrow(end);
         if (!list)
-            current[k] = top.next(rayOf(k), current[k], end).value_or(TopTree::Entry::none());
+            current[k] = top.next(rayOf(k), current[k], end);
     }
     /// Ray k has found what it looked for.
     void finish(unsigned k) {

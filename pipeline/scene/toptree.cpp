@@ -37,8 +37,7 @@ TopTree::TopTree(std::vector<Box> const& boxes) {
     }
 }
 
-std::optional<TopTree::Entry> TopTree::next(BoxRay const& ray, Entry const& last,
-                                            double end) const {
+TopTree::Entry TopTree::look(BoxRay const& ray, Entry const& last, double end) const {
     // One level leaves up to 16 groups waiting for the one below it.
     constexpr std::size_t mostWaiting = 16 * BoxGroup::most;
     struct Place {
@@ -49,21 +48,22 @@ std::optional<TopTree::Entry> TopTree::next(BoxRay const& ray, Entry const& last
     std::size_t used = 0;
     if (!levels.empty())
         waiting[used++] = {levels.size() - 1, 0};
-    auto const enter = boxKernels().back().enterGroup;
-    Entry best{lastBefore(end), std::numeric_limits<std::int32_t>::max()};
-    bool isFound = false;
+    float const latest = lastBefore(end);
+    Entry best{infinity, infinity, -1};
     while (used > 0) {
         Place const place = waiting[--used];
         GroupStretches stretches;
-        std::uint32_t entered =
-            enter(levels[place.level].groups[place.group], ray, best.t, stretches);
+        std::uint32_t entered = enterGroup(levels[place.level].groups[place.group], ray,
+                                           std::min(latest, best.following), stretches);
         for (; entered != 0; entered &= entered - 1) {
             auto const i = static_cast<unsigned>(std::countr_zero(entered));
             std::size_t const child = BoxGroup::most * place.group + i;
-            Entry const entry{stretches.enter[i], static_cast<std::int32_t>(child)};
-            if (place.level == 0 && last < entry && entry < best) {
-                best = entry;
-                isFound = true;
+            Entry const entry{stretches.enter[i], best.t, static_cast<std::int32_t>(child)};
+            if (place.level == 0 && last < entry) {
+                if (!best || entry < best)
+                    best = entry;
+                else
+                    best.following = std::min(best.following, entry.t);
             }
             // What the ray has left before it entered the last block holds none that comes after
             // it; the room for rounding is doubled here.
@@ -72,14 +72,14 @@ std::optional<TopTree::Entry> TopTree::next(BoxRay const& ray, Entry const& last
                 waiting[used++] = {place.level - 1, child};
         }
     }
-    return isFound ? std::optional(best) : std::nullopt;
+    return best ? best : Entry::none();
 }
 
 TopTree::Entry TopTree::entryOf(BoxRay const& ray, std::int32_t block) const {
     auto const number = static_cast<std::size_t>(block);
     GroupStretches stretches;
-    boxKernels().back().enterGroup(levels[0].groups[number / BoxGroup::most], ray, 0.0F, stretches);
-    return {stretches.enter[number % BoxGroup::most], block};
+    enterGroup(levels[0].groups[number / BoxGroup::most], ray, 0.0F, stretches);
+    return {stretches.enter[number % BoxGroup::most], -infinity, block};
 }
 
 } // namespace pipeline

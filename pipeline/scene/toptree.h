@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <optional>
 #include <vector>
 
 namespace pipeline {
@@ -30,10 +29,14 @@ class TopTree {
     /// Where a ray enters a block.
     struct Entry {
         float t;
+        /// No block that comes after this one is entered before; infinite where none is entered by
+        /// the end that `next` was given.
+        float following;
         std::int32_t block;
 
-        /// What comes before all others.
-        static constexpr Entry none() { return {-std::numeric_limits<float>::infinity(), -1}; }
+        /// Of no block: what comes before all others.
+        static constexpr Entry none() { return {-infinity, -infinity, -1}; }
+        explicit operator bool() const { return block >= 0; }
 
         /// The order in which a ray is asked of its blocks.
         friend bool operator<(Entry const& a, Entry const& b) {
@@ -41,11 +44,15 @@ class TopTree {
         }
     };
 
-    /// The first block after `last` that the ray enters at `end` or before.
+    /// The first block after `last` that the ray enters at `end` or before, or none. What gave
+    /// `last` was asked with the same end or one that is farther.
     ///
     /// What is next depends on the ray and the boxes alone, so a ray may be asked of its blocks
     /// anywhere and with any others.
-    std::optional<Entry> next(BoxRay const& ray, Entry const& last, double end) const;
+    Entry next(BoxRay const& ray, Entry const& last, double end) const {
+        // Most rays end in their first block.
+        return static_cast<double>(last.following) > end ? Entry::none() : look(ray, last, end);
+    }
     /// The entry of a block that `next` has given for this ray.
     Entry entryOf(BoxRay const& ray, std::int32_t block) const;
 
@@ -59,10 +66,15 @@ class TopTree {
     }
 
   private:
+    static constexpr float infinity = std::numeric_limits<float>::infinity();
+
     struct Level {
         std::vector<BoxGroup> groups;
     };
 
+    Entry look(BoxRay const& ray, Entry const& last, double end) const;
+
+    decltype(BoxKernels::enterGroup) enterGroup = boxKernels().back().enterGroup;
     std::vector<Level> levels; ///< the blocks' boxes first; the last one has one group
 };
 

@@ -49,20 +49,20 @@ TEST(TopTrees, GiveARayItsBoxesInOrderLikeALookAtEach) {
                 group.set(3, boxes[b]);
             GroupStretches stretches;
             ASSERT_EQ(boxKernels().front().enterGroup(group, ray, lastBefore(end), stretches),
-                      alone.has_value() ? 8U : 0U);
+                      alone ? 8U : 0U);
             if (!alone)
                 continue;
-            EXPECT_EQ(stretches.enter[3], alone->t);
-            expected.push_back({alone->t, static_cast<std::int32_t>(b)});
+            EXPECT_EQ(stretches.enter[3], alone.t);
+            expected.push_back({alone.t, 0.0F, static_cast<std::int32_t>(b)});
         }
         std::sort(expected.begin(), expected.end());
         TopTree::Entry last = TopTree::Entry::none();
         for (TopTree::Entry const& entry : expected) {
             auto const next = top.next(ray, last, end);
             ASSERT_TRUE(next);
-            EXPECT_EQ(next->t, entry.t);
-            EXPECT_EQ(next->block, entry.block);
-            last = *next;
+            EXPECT_EQ(next.t, entry.t);
+            EXPECT_EQ(next.block, entry.block);
+            last = next;
         }
         EXPECT_FALSE(top.next(ray, last, end));
         entered += static_cast<long>(expected.size());
@@ -109,8 +109,8 @@ TEST(TopTrees, GiveAListEachOfItsBoxesOnceAtAnyDepth) {
                              {rays.dirX[lane], rays.dirY[lane], rays.dirZ[lane]}, 0.0);
             std::set<std::int32_t> expected;
             for (auto entry = top.next(ray, TopTree::Entry::none(), ends[k]); entry;
-                 entry = top.next(ray, *entry, ends[k]))
-                expected.insert(entry->block);
+                 entry = top.next(ray, entry, ends[k]))
+                expected.insert(entry.block);
             EXPECT_EQ(met[k], expected);
         }
     }
