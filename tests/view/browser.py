@@ -201,6 +201,15 @@ class Tab:
         })()""")
         return width, height, base64.b64decode(data)
 
+    def shows(self, is_right, timeout=30.0):
+        """Waits for pixels that are right. A busy machine shows a picture of before a little longer."""
+        end = time.monotonic() + timeout
+        while not is_right(self.pixels()):
+            if time.monotonic() > end:
+                return False
+            time.sleep(0.05)
+        return True
+
     def screenshot(self, path):
         data = self.call("Page.captureScreenshot", format="png")["data"]
         with open(path, "wb") as file:
