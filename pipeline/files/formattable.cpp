@@ -114,19 +114,24 @@ constexpr std::string_view newBgeo =
 // In the order in which they are asked whether they recognise a file.
 constexpr FileFormat formats[] = {
     {"ply", "PLY", ".ply", isPly, readPly},
-    {"gro", "GRO", ".gro", isGro, readGro}, // before XYZ: its title may be a whole number
-    {"xyz", "XYZ", ".xyz .extxyz", isXyz, readXyz},
-    {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>, readLammps},
+    {"gro", "GRO", ".gro", isGro, makeGroFrames}, // before XYZ: its title may be a whole number
+    {"xyz", "XYZ", ".xyz .extxyz", isXyz, makeXyzFrames},
+    {"lammps", "LAMMPS dump", ".dump .lammpstrj", startsWith<'I', 'T', 'E', 'M', ':'>,
+     makeLammpsFrames},
     {"lammps-data", "LAMMPS data", ".data .lmp", isLammpsData, readLammpsData},
-    {"lammps-binary", "LAMMPS binary dump", ".bin", isLammpsBinary, readLammpsBinary},
-    {"dcd", "DCD", ".dcd", isDcd, readDcd},
-    {"xtc", "XTC", ".xtc", isXtc, readXtc},
-    {"trr", "TRR", ".trr", startsWith<0, 0, 7, '\xc9'>, readTrr},
+    {"lammps-binary", "LAMMPS binary dump", ".bin", isLammpsBinary, makeLammpsBinaryFrames},
+    {"dcd", "DCD", ".dcd", isDcd, makeDcdFrames},
+    {"xtc", "XTC", ".xtc", isXtc, makeXtcFrames},
+    {"trr", "TRR", ".trr", startsWith<0, 0, 7, '\xc9'>, makeTrrFrames},
     {"bgeo", "classic BGEO", ".bgeo", startsWith<'B', 'g', 'e', 'o', 'V'>, readBgeo},
-    {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, nullptr, newBgeo},
-    {"", "the packed BGEO of newer Houdini", ".bgeo.sc", startsWith<'s', 'c', 'f', '1'>, nullptr,
+    {"", "the JSON BGEO of newer Houdini", "", startsWith<0x7f, 'N', 'S', 'J'>, {}, newBgeo},
+    {"",
+     "the packed BGEO of newer Houdini",
+     ".bgeo.sc",
+     startsWith<'s', 'c', 'f', '1'>,
+     {},
      newBgeo},
-    {"pdb", "PDB", ".pdb .ent", isPdb, readPdb, {}, true},
+    {"pdb", "PDB", ".pdb .ent", isPdb, makePdbFrames, {}, true},
     {"mmcif", "CIF", ".cif .mmcif", isMmCif, readMmCif, {}, true},
     {"hdf5", "HDF5", ".hdf5 .h5 .h5md", isHdf5, readHdf5, {}, false, true},
     {"netcdf", "AMBER NetCDF", ".nc .ncdf .ncrst", isNetcdf, readNetcdf},
@@ -136,7 +141,7 @@ constexpr FileFormat formats[] = {
 std::vector<std::string_view> allFormats(std::string_view FileFormat::*text) {
     std::vector<std::string_view> names;
     for (FileFormat const& format : formats)
-        if (format.read != nullptr)
+        if (format.isRead())
             names.push_back(format.*text);
     return names;
 }

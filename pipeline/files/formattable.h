@@ -5,23 +5,33 @@
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/readoptions.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
+#include <variant>
 
 namespace pipeline {
 
-/// A format that can be told from others. To add one, write `read` and a line in `formats`, in this
-/// header's source.
+class FrameFormat;
+
+/// A format that can be told from others. To add one, write its reader and a line in `formats`, in
+/// this header's source.
 struct FileFormat {
+    /// Reads the only frame that a file holds.
+    using ReadOne = ParticleSet (*)(InputFile& file, ReadOptions const& options);
+    /// Makes the reader of one file that holds frame after frame.
+    using MakeFrames = std::unique_ptr<FrameFormat> (*)(ReadOptions const& options);
+
     std::string_view name;     ///< for `--format`; empty when it cannot be read
     std::string_view title;    ///< for messages
     std::string_view suffixes; ///< tie-break when the content does not tell, between blanks
-    bool (*recognise)(std::string_view head);                         ///< sees the first KiB
-    ParticleSet (*read)(InputFile& file, ReadOptions const& options); ///< null: not read
+    bool (*recognise)(std::string_view head);                 ///< sees the first KiB
+    std::variant<std::monostate, ReadOne, MakeFrames> reader; ///< the first: it is not read
     std::string_view wayOn{};   ///< what to do with a file that is not read
     bool hasAssemblies = false; ///< whether `ReadOptions::assembly` makes sense
     bool hasKinds = false;      ///< whether `ReadOptions::kinds` does
 
+    bool isRead() const { return reader.index() != 0; }
     bool hasSuffixOf(std::string_view path) const;
 };
 

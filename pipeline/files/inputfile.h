@@ -17,8 +17,6 @@
 
 namespace pipeline {
 
-class FrameFormat;
-
 /// The bytes of a file from front to back, plain or packed; which of the two, the content tells.
 ///
 /// Memory grows with the longest line asked for, never with what a header claims. The progress is
@@ -87,9 +85,6 @@ class InputFile {
     }
 
     std::uint64_t particles = 0; ///< kept by the reader, told to the progress
-    /// What a reader knows from before the first frame and needs for those that follow.
-    std::shared_ptr<FrameFormat> frameFormat;
-    int frames = 0; ///< whole ones behind, kept by readers of formats that hold several
 
   private:
     struct Packed;

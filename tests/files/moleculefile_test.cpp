@@ -101,8 +101,11 @@ TEST_F(Molecules, AreFramesWhereAFileHoldsSeveralModels) {
         EXPECT_EQ(read(text, {.summarise = true}).frameCount, 3);
         EXPECT_TRUE(holdsAll(complaintAbout(text, {.frame = 3}), {"no frame 3; it has 3"}));
         FrameSource source(file("models", text)); // one way through the file
-        for (int frame = 0; frame < 3; ++frame)
-            EXPECT_EQ(source.read(frame, {}).positions.size(), static_cast<std::size_t>(frame + 1));
+        for (int frame = 0; frame < 3; ++frame) {
+            ParticleSet const set = source.read(frame, {});
+            EXPECT_EQ(set.positions.size(), static_cast<std::size_t>(frame + 1));
+            EXPECT_EQ(set.cell.has_value(), text != cif) << "which stands before the first model";
+        }
     }
     PeriodicCell const cell = read(models + "END\n").cell.value();
     EXPECT_NEAR(cell.edges[2][0], -15.0, 1e-9);

@@ -242,10 +242,8 @@ bool isDcd(std::string_view head) {
     return head.size() >= 16 && formOf(head).has_value();
 }
 
-ParticleSet readDcd(InputFile& file, ReadOptions const& options) {
-    if (file.frames == 0)
-        file.frameFormat = std::make_shared<DcdFrames>();
-    return readFrameOf(file, *file.frameFormat, options);
+std::unique_ptr<FrameFormat> makeDcdFrames(ReadOptions const&) {
+    return std::make_unique<DcdFrames>();
 }
 
 } // namespace pipeline

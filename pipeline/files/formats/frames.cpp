@@ -10,54 +10,55 @@ namespace {
 constexpr int allFrames = std::numeric_limits<int>::max();
 
 /// Passes over whole frames, up to number `end` or the file's end.
-void skipFrames(InputFile& file, FrameFormat& format, int end) {
-    while (file.frames < end && format.begin(file, file.frames)) {
-        format.skip(file);
-        ++file.frames;
+void skipFrames(ReadCursor& at, int end) {
+    while (at.frames < end && at.format.begin(at.file, at.frames)) {
+        at.format.skip(at.file);
+        ++at.frames;
     }
 }
 
-[[noreturn]] void failNoFrame(InputFile const& file, int wanted) {
+[[noreturn]] void failNoFrame(ReadCursor const& at, int wanted) {
     throw NoSuchFrame(fmt::format("{}: no frame {}; it has {} (the first is 0, the last -1)",
-                                  file.path(), wanted, file.frames));
+                                  at.file.path(), wanted, at.frames));
 }
 
-ParticleSet readFrame(InputFile& file, FrameFormat& format, int wanted,
-                      ReadOptions const& options) {
-    skipFrames(file, format, wanted);
-    if (!format.begin(file, file.frames))
-        failNoFrame(file, wanted);
+ParticleSet readFrame(ReadCursor& at, int wanted, ReadOptions const& options) {
+    skipFrames(at, wanted);
+    if (!at.format.begin(at.file, at.frames))
+        failNoFrame(at, wanted);
     if (options.findOnly)
         return {};
-    file.particles = 0;
-    ParticleSet particles = format.read(file, options);
-    particles.frameCount = ++file.frames;
+    at.file.particles = 0;
+    ParticleSet particles = at.format.read(at.file, options);
+    particles.frameCount = ++at.frames;
     return particles;
 }
 
 } // namespace
 
-ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const& options) {
+ParticleSet readFrameOf(ReadCursor& cursor, ReadOptions const& options) {
+    InputFile& file = cursor.file;
     if (options.frame < 0) {
         if (!file.canBeReadAgain())
             file.fail("frames are counted from the end in files only, not in a pipe");
-        skipFrames(file, format, allFrames);
-        if (options.frame < -file.frames)
-            failNoFrame(file, options.frame);
-        InputFile fromStart(file.path(), options.progress);
-        ParticleSet particles = readFrame(fromStart, format, file.frames + options.frame, options);
-        particles.frameCount = file.frames;
+        skipFrames(cursor, allFrames);
+        if (options.frame < -cursor.frames)
+            failNoFrame(cursor, options.frame);
+        InputFile again(file.path(), options.progress);
+        ReadCursor fromStart{again, cursor.format};
+        ParticleSet particles = readFrame(fromStart, cursor.frames + options.frame, options);
+        particles.frameCount = cursor.frames;
         return particles;
     }
-    ParticleSet particles = readFrame(file, format, options.frame, options);
+    ParticleSet particles = readFrame(cursor, options.frame, options);
     if (options.summarise && options.countFrames) {
         // A summary tells about damage further on, but the frame it is about is good.
         try {
-            skipFrames(file, format, allFrames);
+            skipFrames(cursor, allFrames);
         } catch (InputError const& error) {
             particles.notes.push_back({error.what(), error.hint});
         }
-        particles.frameCount = file.frames;
+        particles.frameCount = cursor.frames;
     } else {
         file.peek(1); // at the end of gzipped data this compares the checksum
     }

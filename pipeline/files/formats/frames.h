@@ -7,7 +7,8 @@
 
 namespace pipeline {
 
-/// A format whose files hold frame after frame, as `readFrameOf` asks for them.
+/// The reader of a file that holds frame after frame, as `readFrameOf` asks for them. It keeps what
+/// stands before the first frame and counts for all.
 class FrameFormat {
   public:
     virtual ~FrameFormat() = default;
@@ -20,10 +21,16 @@ class FrameFormat {
     virtual ParticleSet read(InputFile& file, ReadOptions const& options) = 0;
 };
 
-/// Reads the frame that `options` ask for, from where the file stands: `file.frames` tells how many
-/// frames are behind it. To summarise (unless `countFrames` says no) or to count from the end,
-/// all others are passed over as well.
-ParticleSet readFrameOf(InputFile& file, FrameFormat& format, ReadOptions const& options);
+/// Where a file of frames is read.
+struct ReadCursor {
+    InputFile& file;
+    FrameFormat& format;
+    int frames = 0; ///< whole ones behind
+};
+
+/// Reads the frame that `options` ask for, from where the file stands. To summarise (unless
+/// `countFrames` says no) or to count from the end, all others are passed over as well.
+ParticleSet readFrameOf(ReadCursor& cursor, ReadOptions const& options);
 
 /// Refuses to read any frame but the only one, 0 or -1, of a file such as "a PLY file".
 void requireOnlyFrame(InputFile const& file, ReadOptions const& options, std::string_view what);

@@ -298,9 +298,8 @@ ParticleSet GroFrames::read(InputFile& file, ReadOptions const& options) {
 
 } // namespace
 
-ParticleSet readGro(InputFile& file, ReadOptions const& options) {
-    GroFrames frames;
-    return readFrameOf(file, frames, options);
+std::unique_ptr<FrameFormat> makeGroFrames(ReadOptions const&) {
+    return std::make_unique<GroFrames>();
 }
 
 } // namespace pipeline

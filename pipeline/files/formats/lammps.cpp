@@ -218,9 +218,8 @@ ParticleSet LammpsFrames::read(InputFile& file, ReadOptions const& options) {
 
 } // namespace
 
-ParticleSet readLammps(InputFile& file, ReadOptions const& options) {
-    LammpsFrames frames;
-    return readFrameOf(file, frames, options);
+std::unique_ptr<FrameFormat> makeLammpsFrames(ReadOptions const&) {
+    return std::make_unique<LammpsFrames>();
 }
 
 } // namespace pipeline

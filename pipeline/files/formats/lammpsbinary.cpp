@@ -315,10 +315,8 @@ bool isLammpsBinary(std::string_view head) {
     return formOf(head).has_value();
 }
 
-ParticleSet readLammpsBinary(InputFile& file, ReadOptions const& options) {
-    if (file.frames == 0)
-        file.frameFormat = std::make_shared<BinaryDumpFrames>();
-    return readFrameOf(file, *file.frameFormat, options);
+std::unique_ptr<FrameFormat> makeLammpsBinaryFrames(ReadOptions const&) {
+    return std::make_unique<BinaryDumpFrames>();
 }
 
 } // namespace pipeline

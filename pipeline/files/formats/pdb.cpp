@@ -202,9 +202,8 @@ ParticleSet PdbFrames::read(InputFile& file, ReadOptions const& options) {
 
 } // namespace
 
-ParticleSet readPdb(InputFile& file, ReadOptions const& options) {
-    PdbFrames frames(options);
-    return readFrameOf(file, frames, options);
+std::unique_ptr<FrameFormat> makePdbFrames(ReadOptions const& options) {
+    return std::make_unique<PdbFrames>(options);
 }
 
 } // namespace pipeline

@@ -171,9 +171,8 @@ ParticleSet TrrFrames::read(InputFile& file, ReadOptions const& options) {
 
 } // namespace
 
-ParticleSet readTrr(InputFile& file, ReadOptions const& options) {
-    TrrFrames frames;
-    return readFrameOf(file, frames, options);
+std::unique_ptr<FrameFormat> makeTrrFrames(ReadOptions const&) {
+    return std::make_unique<TrrFrames>();
 }
 
 } // namespace pipeline

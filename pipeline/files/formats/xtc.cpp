@@ -338,9 +338,8 @@ ParticleSet XtcFrames::read(InputFile& file, ReadOptions const& options) {
 
 } // namespace
 
-ParticleSet readXtc(InputFile& file, ReadOptions const& options) {
-    XtcFrames frames;
-    return readFrameOf(file, frames, options);
+std::unique_ptr<FrameFormat> makeXtcFrames(ReadOptions const&) {
+    return std::make_unique<XtcFrames>();
 }
 
 } // namespace pipeline

@@ -225,9 +225,8 @@ ParticleSet XyzFrames::read(InputFile& file, ReadOptions const& options) {
 
 } // namespace
 
-ParticleSet readXyz(InputFile& file, ReadOptions const& options) {
-    XyzFrames frames;
-    return readFrameOf(file, frames, options);
+std::unique_ptr<FrameFormat> makeXyzFrames(ReadOptions const&) {
+    return std::make_unique<XyzFrames>();
 }
 
 } // namespace pipeline
