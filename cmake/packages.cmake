@@ -34,6 +34,7 @@ endif()
 # Programs that read one format each may be left out by those who have no such files.
 set(formats_packages kelpa-formats-vdb kelpa-formats-hdf5 kelpa-formats-netcdf)
 foreach(format IN ITEMS vdb hdf5 netcdf)
+    set(${format}_package kelpa-formats-${format})
     if(TARGET kelpa-read-${format})
         list(APPEND CPACK_COMPONENTS_ALL ${format})
     endif()

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Makes the Debian packages, then installs and uses them in a clean Debian 12: the command makes a
-# picture, the reader of VDB is found, the Python module makes a picture, the README's example is
-# built against the development files, by pkg-config and by CMake, and so is a host with services of
-# its own. Needs root, debootstrap and a network; lintian is asked where it is found.
+# picture, two processes and the Python module make the same, the readers of single formats are
+# found, the README's example is built against the development files, by pkg-config and by CMake, and
+# so is a host with services of its own; pip builds the Python module of a source distribution, where
+# the libraries for files lack. Needs root, debootstrap and a network; lintian is asked where it is
+# found.
 #   try-packages.sh [--without-compiling]     leaves the examples out, which need a compiler
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -30,6 +32,8 @@ trap 'rm -rf --one-file-system "$root"' EXIT
 mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $suite" 'Created-By: Packages' | head -n 1)
 debootstrap --variant=minbase "$suite" "$root" ${mirror:+"$mirror"}
 cp build/package/*.deb README.md examples/ownhost.cpp "$root/root/"
+mkdir "$root/root/source"
+git archive HEAD | tar -x -C "$root/root/source"
 
 # Nothing of this shell's environment but proxies, so that only what was installed can help.
 inside() { env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root ${http_proxy:+http_proxy="$http_proxy"} \
@@ -48,22 +52,38 @@ inside 'cd /root; kelpa --version
         test -s /usr/share/doc/kelpa/copyright
         apt-get -s remove libkelpa0.1 | grep "^Remv kelpa "' # it depends on the library
 
-# VDB is read by a program of its own, where the build found OpenVDB; the command names its package.
-if compgen -G "build/package/kelpa-formats-vdb_*.deb" >/dev/null; then
-    inside 'cd /root; printf " BDV\0\0\0\0" >damaged.vdb
-            ! kelpa info damaged.vdb 2>told; grep "install the package kelpa-formats-vdb" told'
-    install /root/kelpa-formats-vdb_*.deb
-    inside 'cd /root; ! kelpa info damaged.vdb 2>told; grep "the file is damaged or incomplete" told'
+# Some formats are read by programs of their own, where the build found their libraries; the command
+# names their packages. What begins like such a file and ends there is told as it should be.
+declare -A beginnings=([vdb]=' BDV\0\0\0\0' [hdf5]='\211HDF\r\n\032\n' [netcdf]='CDF\001')
+for format in "${!beginnings[@]}"; do
+    if ! compgen -G "build/package/kelpa-formats-${format}_*.deb" >/dev/null; then
+        echo "try-packages.sh: there is no package kelpa-formats-$format to be tried" >&2
+        continue
+    fi
+    inside "cd /root; printf '${beginnings[$format]}' >damaged.$format
+            ! kelpa info damaged.$format 2>told; grep 'install the package kelpa-formats-$format' told"
+    install "/root/kelpa-formats-${format}_*.deb"
+    inside "cd /root; ! kelpa info damaged.$format 2>told; grep -i 'damaged\|incomplete' told"
+done
+
+if compgen -G "build/package/kelpa-mpi_*.deb" >/dev/null; then
+    install /root/kelpa-mpi_*.deb
+    inside 'cd /root; mpirun --allow-run-as-root --oversubscribe -n 2 \
+                kelpa-mpi render galaxy.ply --size 320x180 -o ranks.png
+            cmp galaxy.png ranks.png'
+else
+    echo "try-packages.sh: there is no package kelpa-mpi to be tried" >&2
 fi
 
 install /root/python3-kelpa_*.deb
 inside 'cd /root; ls /usr/lib/python3/dist-packages/kelpa/__pycache__ | grep -q __init__
         python3 -c "
-import kelpa, numpy
-cloud = kelpa.build(numpy.random.default_rng(1).random((20000, 3)), 0.01)
-picture = cloud.render(width=320, height=180)
-assert picture[..., 3].max() == 1, picture[..., 3].max()
-print(kelpa.__version__, cloud)"'
+import kelpa
+galaxy = kelpa.Primitive(kelpa.read(\"galaxy.ply\"))
+look = {\"shade\": \"ao\", \"samples\": 16, \"background\": \"sky\"} # as the command
+galaxy.render(width=320, height=180, **look).save(\"python.png\")
+print(kelpa.__version__, galaxy)"
+        cmp galaxy.png python.png'
 
 if [[ "${1:-}" != --without-compiling ]]; then
     install /root/libkelpa-dev_*.deb g++ cmake make pkg-config libtbb-dev
@@ -84,7 +104,17 @@ if [[ "${1:-}" != --without-compiling ]]; then
         ./host | grep "build jobs on oneTBB: yes"'
 fi
 
+if [[ "${1:-}" != --without-compiling ]]; then
+    install python3-pip python3-setuptools python3-wheel python3-venv python3-dev pybind11-dev
+    inside 'cd /root; python3 -m venv --system-site-packages venv
+        cd source
+        python3 setup.py -q sdist
+        ../venv/bin/pip install --quiet --no-build-isolation --no-index dist/kelpa-*.tar.gz
+        ../venv/bin/python -c "import kelpa; assert \"venv\" in kelpa.__file__, kelpa.__file__"
+        ../venv/bin/python python/tests/plain.py'
+fi
+
 # What removes cleanly leaves nothing behind.
 inside 'apt-get purge -q -y '"$quietly"' "kelpa*" python3-kelpa "libkelpa*" >/dev/null
         test -z "$(find / -xdev -iname "*kelpa*" -not -path "/root/*" -not -path "/proc/*" -not -path "/var/log/*")"'
-echo "try-packages.sh: the packages install, run, build the example and leave nothing behind"
+echo "try-packages.sh: the packages install, run, are built against and leave nothing behind"
