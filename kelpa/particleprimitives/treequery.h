@@ -42,6 +42,28 @@ inline bool hasParticles(ParticleData const* particles) {
     return particles != nullptr && particles->numParticles > 0 && particles->numRadii > 0;
 }
 
+/// Rays that are asked about in one go, and what is found.
+template <class Ray, class Hit> class AskedRays {
+  public:
+    bool isFull() const { return hits.isFull(); }
+    /// What `isOccluded` returns for the ray that was added as number `i`.
+    bool isOccluded(std::size_t i) const { return codes[i] != 0; }
+
+  protected:
+    /// Adds a ray; `time` is what moving spheres are asked with, too.
+    template <class... Time>
+    void addRay(TraceRay const& ray, double tMin, double tMax, std::int32_t skipIndex,
+                Time... time) {
+        Hit& hit = hits.add([&] { return Hit{searchEnd(tMax), nullptr, Vector{}}; });
+        queries.add(
+            [&] { return Ray{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit, time...}; });
+    }
+
+    FixedList<Hit, longestRun> hits;
+    FixedList<Ray, longestRun> queries;
+    int codes[longestRun] = {};
+};
+
 template <> struct TreeQuery<StaticSphereTree> {
     using Asked = SDTree; ///< what queries take the tree for
     static constexpr int primitiveType = 4914;
@@ -106,16 +128,10 @@ template <> struct TreeQuery<StaticSphereTree> {
     }
 
     /// Rays that are asked about in one go.
-    class List {
+    class List : public AskedRays<SDSphereRay, SDSphereHit> {
       public:
-        bool isFull() const { return hits.isFull(); }
         void add(TraceRay const& ray, double tMin, double tMax, float, std::int32_t skipIndex) {
-            SDSphereHit& hit = hits.add([&] {
-                return SDSphereHit{searchEnd(tMax), nullptr, Vector{}};
-            });
-            queries.add([&] {
-                return SDSphereRay{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit};
-            });
+            addRay(ray, tMin, tMax, skipIndex);
         }
         void ask(StaticSphereTree const& tree) {
             if (tree.root != nullptr)
@@ -131,17 +147,10 @@ template <> struct TreeQuery<StaticSphereTree> {
         void askApartWhetherOccluded(SDTree const* const* trees) {
             areOccludedApart(trees, queries, codes);
         }
-        /// What `isOccluded` returns for the ray that was added as number `i`.
-        bool isOccluded(std::size_t i) const { return codes[i] != 0; }
         /// What `closestHit` returns for the ray that was added as number `i`.
         ClosestHit closestHit(StaticSphereTree const& tree, std::size_t i) {
             return described(tree, codes[i], hits[i]);
         }
-
-      private:
-        FixedList<SDSphereHit, longestRun> hits;
-        FixedList<SDSphereRay, longestRun> queries;
-        int codes[longestRun] = {};
     };
 
   private:
@@ -227,17 +236,11 @@ template <> struct TreeQuery<MovingSphereTree> {
     }
 
     /// Rays that are asked about in one go.
-    class List {
+    class List : public AskedRays<MBSphereRay, MBSphereHit> {
       public:
-        bool isFull() const { return hits.isFull(); }
         void add(TraceRay const& ray, double tMin, double tMax, float time,
                  std::int32_t skipIndex) {
-            MBSphereHit& hit = hits.add([&] {
-                return MBSphereHit{searchEnd(tMax), nullptr, Vector{}};
-            });
-            queries.add([&] {
-                return MBSphereRay{IRay(ray, tMin, tMax), skipIndex, tMin, tMax, &hit, time};
-            });
+            addRay(ray, tMin, tMax, skipIndex, time);
         }
         void ask(MovingSphereTree const& tree) {
             askCovered(tree, [&tree](std::span<MBSphereRay> rays, int* answers) {
@@ -259,7 +262,6 @@ template <> struct TreeQuery<MovingSphereTree> {
             areOccludedApart(trees, queries, codes);
             forgetUncovered(trees);
         }
-        bool isOccluded(std::size_t i) const { return codes[i] != 0; }
         /// What `closestHit` returns for the ray that was added as number `i`.
         ClosestHit closestHit(MovingSphereTree const& tree, std::size_t i) {
             return described(tree, codes[i], hits[i]);
@@ -283,10 +285,6 @@ template <> struct TreeQuery<MovingSphereTree> {
                 begin = end + 1;
             }
         }
-
-        FixedList<MBSphereHit, longestRun> hits;
-        FixedList<MBSphereRay, longestRun> queries;
-        int codes[longestRun] = {};
     };
 
   private:

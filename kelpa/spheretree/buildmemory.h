@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -63,7 +64,6 @@ template <class Tree> class CountedBytes {
 /// Trees of fewer spheres get their memory block by block: a slab would be mostly empty.
 inline constexpr std::int32_t fewestPooled = 1 << 17;
 
-/// Has the nodes and entries of a large tree lie in slabs. Before the first node is made.
 /// Records live for a short time, and a build's threads share them: they gain from slabs earlier.
 inline constexpr std::int32_t fewestRecycled = 1 << 16;
 
@@ -72,10 +72,27 @@ template <class Tree> BlockPool::Source recordSource(Tree const& tree) {
     return tree.numSpheres >= fewestRecycled ? BlockPool::Source::slabs : BlockPool::Source::heap;
 }
 
-template <class Tree> void usePools(Tree& tree) {
+/// Makes the root, an empty leaf. Has the nodes and entries of a large tree lie in slabs.
+template <class Tree> void makeRoot(Tree& tree) {
     bool const isLarge = tree.numSpheres >= fewestPooled;
     tree.nodes.allocator.pool = isLarge ? &tree.nodePool : nullptr;
     tree.leafSpheres.allocator.pool = isLarge ? &tree.entryPool : nullptr;
+    tree.root = tree.nodes.newElement();
+    *tree.root = {};
+}
+
+/// Makes the table of spheres, with room for all particles; `particlesIn` tells a system's. They
+/// are counted in `total`.
+template <class Tree, class ParticlesIn>
+void allocateSpheres(Tree& tree, std::int32_t& total, ParticlesIn const& particlesIn) {
+    std::int64_t particles = 0;
+    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
+        particles += particlesIn(tree.particleSystems.elements[s]);
+    writeShared(total, checkedTotal(particles));
+    using Sphere = std::remove_pointer_t<decltype(tree.spheres)>;
+    tree.spheres = new (std::nothrow) Sphere[static_cast<std::size_t>(particles)];
+    if (tree.spheres == nullptr)
+        throwOutOfMemory();
 }
 
 /// Releases the table of spheres.

@@ -81,6 +81,24 @@ template <class Node> class PacketWalk {
         }
     }
 
+    /// Goes on from an inner node whose plane the rays reach at `tSplit`: with those that are
+    /// `crossing` it or meet its near side alone, or with all where all are `passing` that side;
+    /// the other child waits for those that meet it later.
+    [[gnu::always_inline]] void goOn(Part& part, Node const* children, std::uint32_t nearChild,
+                                     std::uint32_t crossing, std::uint32_t passing,
+                                     Doubles tSplit) {
+        if ((crossing | passing) == 0) {
+            part.node = children + nearChild;
+        } else if (passing == part.lanes) {
+            part.node = children + (1 - nearChild);
+        } else {
+            postpone(children + (1 - nearChild), crossing, passing, tSplit, part);
+            part.tMax = Doubles::select(crossing, tSplit, part.tMax);
+            part.lanes &= ~passing;
+            part.node = children + nearChild;
+        }
+    }
+
     /// Lets a node wait for the rays that are `crossing` the plane between it and the part's, at
     /// `tSplit`, and for those that are `passing` the part's node and meet only this one.
     [[gnu::always_inline]] void postpone(Node const* node, std::uint32_t crossing,

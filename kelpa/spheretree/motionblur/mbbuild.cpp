@@ -205,16 +205,6 @@ template <class Tree> void abandonBuild(Tree& tree) {
     resetBounds(tree);
 }
 
-template <class Tree> void allocateSpheres(Tree& tree) {
-    std::int64_t total = 0;
-    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
-        total += particleCount(tree.particleSystems.elements[s]);
-    writeShared(tree.numParticles, checkedTotal(total));
-    tree.spheres = new (std::nothrow) MBSphere[static_cast<std::size_t>(total)];
-    if (tree.spheres == nullptr)
-        throwOutOfMemory();
-}
-
 template <class Tree> void findShutter(Tree& tree) {
     tree.shutterMin = 1e9F;
     tree.shutterMax = -1e9F;
@@ -280,7 +270,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     auto const& systems = tree.particleSystems;
     tree.singleSystem = systems.count == 1 && systems.elements[0].indexOffset == -1 ? 1 : 0;
     findShutter(tree);
-    allocateSpheres(tree);
+    allocateSpheres(tree, tree.numParticles, particleCount);
     gatherSpheres(tree);
     refuseCrowds(tree);
     tree.statMaxDepth = 0;
@@ -292,9 +282,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager, i
     if (tree.numSpheres == 0)
         return;
 
-    usePools(tree);
-    tree.root = tree.nodes.newElement();
-    *tree.root = {};
+    makeRoot(tree);
     tree.threadManager = manager;
     // Without a manager there is one job, which runs where the build was called.
     bool const isThreaded = tree.multiThreaded != 0 && manager != nullptr;

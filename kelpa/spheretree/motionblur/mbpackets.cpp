@@ -108,16 +108,7 @@ template <Goal goal> class Packet {
         std::uint32_t const oneSided = part.lanes & Doubles::isLess(Doubles::all(0.0), product);
         std::uint32_t const crossing = part.lanes & ~oneSided;
         std::uint32_t const passing = oneSided & Doubles::isLess(tSplit, part.tMin);
-        if ((crossing | passing) == 0) {
-            part.node = childOf(link, nearChild);
-        } else if (passing == part.lanes) {
-            part.node = childOf(link, 1 - nearChild);
-        } else {
-            nodes.postpone(childOf(link, 1 - nearChild), crossing, passing, tSplit, part);
-            part.tMax = Doubles::select(crossing, tSplit, part.tMax);
-            part.lanes &= ~passing;
-            part.node = childOf(link, nearChild);
-        }
+        nodes.goOn(part, childOf(link, 0), nearChild, crossing, passing, tSplit);
     }
 
     /// What has crossed a plane is searched up to the nearest hit.

@@ -88,14 +88,16 @@ template <class Tree> void abandonBuild(Tree& tree) {
     tree.bbox = Box::empty();
 }
 
-template <class Tree> void allocateSpheres(Tree& tree) {
-    std::int64_t total = 0;
-    for (std::int32_t s = 0; s < tree.particleSystems.count; ++s)
-        total += particleCount(tree.particleSystems.elements[s]);
-    writeShared(tree.totalParticles, checkedTotal(total));
-    tree.spheres = new (std::nothrow) SDSphere[static_cast<std::size_t>(total)];
-    if (tree.spheres == nullptr)
-        throwOutOfMemory();
+/// Makes the records of all usable spheres, and the root's box around them.
+template <class Tree>
+void fillRecords(Tree& tree, OrderedSpheres<Tree>& ordered, SDSphereRecords& records,
+                 ProgressCallback* progress, ProgressCallback& report) {
+    report.info(0, progressLevel, "Initializing sphere build data.\n");
+    AbortQuestion isAborted(progress, tree.wasAborted);
+    makeRecords(tree, ordered, records, isAborted);
+    notePeak(tree);
+    ordered.forgetNames();
+    widenByMargin(tree.bbox);
 }
 
 template <class Tree>
@@ -103,12 +105,7 @@ void buildThreaded(Tree& tree, OrderedSpheres<Tree>& ordered, BlockPool& recordP
                    ProgressCallback* progress, ProgressCallback& report) {
     createThreads(tree, std::max(getNumProcessors(), 1), progress, report, recordPool);
     SDSphereRecords& records = claimRootRecords(tree, report);
-    report.info(0, progressLevel, "Initializing sphere build data.\n");
-    AbortQuestion isAborted(progress, tree.wasAborted);
-    makeRecords(tree, ordered, records, isAborted);
-    notePeak(tree);
-    ordered.forgetNames();
-    widenByMargin(tree.bbox);
+    fillRecords(tree, ordered, records, progress, report);
     runJobs(tree, tree.bbox, 1, report);
 }
 
@@ -117,12 +114,7 @@ void buildHere(Tree& tree, OrderedSpheres<Tree>& ordered, BlockPool& recordPool,
                ProgressCallback* progress, ProgressCallback& report) {
     SDSphereRecords records;
     records.allocator.pool = &recordPool;
-    report.info(0, progressLevel, "Initializing sphere build data.\n");
-    AbortQuestion isAborted(progress, tree.wasAborted);
-    makeRecords(tree, ordered, records, isAborted);
-    notePeak(tree);
-    ordered.forgetNames();
-    widenByMargin(tree.bbox);
+    fillRecords(tree, ordered, records, progress, report);
     tree.buildNode(tree.root, tree.bbox, records, records.getCount(), 1, progress, &records, 1);
 }
 
@@ -239,7 +231,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
 
     auto const& systems = tree.particleSystems;
     tree.singleSystem = systems.count == 1 && systems.elements[0].indexOffset == -1 ? 1 : 0;
-    allocateSpheres(tree);
+    allocateSpheres(tree, tree.totalParticles, particleCount);
     gatherSpheres(tree);
     tree.statMaxDepth = 0;
     tree.statNumLeaves = 0;
@@ -248,9 +240,7 @@ void buildAnew(Tree& tree, ProgressCallback* progress, ThreadManager* manager) {
     tree.wasAborted = 0;
     tree.deepRecords = 0;
     tree.peakBytes = 0;
-    usePools(tree);
-    tree.root = tree.nodes.newElement();
-    *tree.root = {};
+    makeRoot(tree);
     tree.bbox = Box::empty();
     if (tree.numSpheres == 0)
         return;

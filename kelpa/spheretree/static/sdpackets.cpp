@@ -54,7 +54,6 @@ template <Goal goal> class Packet {
         while (!part.node->isLeaf() && !part.isAlone()) {
             int const axis = part.node->kind();
             std::uint32_t const nearChild = backwards >> axis & 1U;
-            Node const* const children = part.node->children();
             Doubles const tSplit = (Doubles::all(static_cast<double>(part.node->splitPos)) -
                                     Doubles::load(rays.wideOrigin[axis])) *
                                    Doubles::load(rays.invDir[axis]);
@@ -65,16 +64,7 @@ template <Goal goal> class Packet {
                 part.lanes & Lanes::isGreater(fromStart * fromEnd, Lanes::all(0.0F));
             std::uint32_t const crossing = part.lanes & ~oneSided;
             std::uint32_t const passing = oneSided & Doubles::isLess(tSplit, part.tMin);
-            if ((crossing | passing) == 0) {
-                part.node = children + nearChild;
-            } else if (passing == part.lanes) {
-                part.node = children + (1 - nearChild);
-            } else {
-                nodes.postpone(children + (1 - nearChild), crossing, passing, tSplit, part);
-                part.tMax = Doubles::select(crossing, tSplit, part.tMax);
-                part.lanes &= ~passing;
-                part.node = children + nearChild;
-            }
+            nodes.goOn(part, part.node->children(), nearChild, crossing, passing, tSplit);
         }
     }
 
