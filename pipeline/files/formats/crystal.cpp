@@ -2,6 +2,7 @@
 #include "pipeline/files/formats/crystal.h"
 
 #include "pipeline/files/elements.h"
+#include "pipeline/files/formats/cellofangles.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/textrows.h"
 

@@ -1,7 +1,7 @@
 // Reads DCD trajectories.
 #include "pipeline/files/columnuses.h"
+#include "pipeline/files/formats/cellofangles.h"
 #include "pipeline/files/formats/frames.h"
-#include "pipeline/files/formats/molecule.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/textvalues.h"
 

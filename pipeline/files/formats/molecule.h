@@ -66,12 +66,6 @@ class AlternateFilter {
     std::set<std::string> seen;
 };
 
-/// The cell that a file of crystals tells of by the lengths of its edges and the angles between
-/// them in degrees; nothing where it stands for none, such as the unit cube of structures in
-/// solution.
-std::optional<PeriodicCell> cellOfAngles(std::array<double, 3> const& lengths,
-                                         std::array<double, 3> const& degrees);
-
 /// Makes particles of the molecule, or of the assembly that `options` ask for. Empties it.
 ParticleSet makeParticles(InputFile& file, Molecule& molecule, AtomKind kind,
                           ReadOptions const& options, std::string_view format);

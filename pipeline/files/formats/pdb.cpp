@@ -1,5 +1,6 @@
 // Reads PDB.
 #include "pipeline/files/formats/assembly.h"
+#include "pipeline/files/formats/cellofangles.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/gemmifile.h"
 #include "pipeline/files/formats/molecule.h"

@@ -1,7 +1,7 @@
 // Starts a reader, hears its answer with a time limit, and ends it.
 #include "pipeline/files/formats/readerprogram.h"
 
-#include "pipeline/files/formats/molecule.h"
+#include "pipeline/files/formats/cellofangles.h"
 #include "pipeline/files/formats/readermessages.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/spawnplan.h"
