@@ -24,6 +24,12 @@ forbid kelpa/particleprimitives "kelpa/host|pipeline/|$programs"
 forbid kelpa/host "kelpa/(spheretree|particleprimitives)|pipeline/|$programs"
 # The way from a file to a picture, each room above all that it includes.
 forbid pipeline/files "kelpa/(spheretree|particleprimitives|host)|pipeline/(readers|samples|scene|picture|imagefile)|$programs"
+# Kinds of formats know nothing of each other.
+for kind in lammps molecules programs trajectories; do
+    others=lammps/molecules/programs/trajectories
+    others=${others/$kind/never}
+    forbid pipeline/files/formats/$kind "pipeline/files/formats/(${others//\//|})/"
+done
 forbid pipeline/readers "kelpa/|pipeline/(samples|scene|picture|imagefile)|$programs"
 forbid pipeline/samples "kelpa/(spheretree|particleprimitives|host)|pipeline/(readers|scene|picture|imagefile)|$programs"
 forbid pipeline/scene "kelpa/spheretree|pipeline/(readers|samples|picture|imagefile)|$programs"

@@ -1,7 +1,7 @@
 // The side of a program that reads a format for others: what it may use, and how it answers.
 #pragma once
 
-#include "pipeline/files/formats/readermessages.h"
+#include "pipeline/files/formats/programs/readermessages.h"
 #include "pipeline/files/scalartype.h"
 
 #include <cstdint>

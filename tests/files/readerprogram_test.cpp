@@ -1,6 +1,6 @@
 // Programs that read a format on their own: what is made of whatever they say.
 
-#include "pipeline/files/formats/readerprogram.h"
+#include "pipeline/files/formats/programs/readerprogram.h"
 #include "pipeline/files/inputfile.h"
 
 #include "tests/support/particlefolder.h"

@@ -1,8 +1,8 @@
 // Starts a reader, hears its answer with a time limit, and ends it.
-#include "pipeline/files/formats/readerprogram.h"
+#include "pipeline/files/formats/programs/readerprogram.h"
 
 #include "pipeline/files/formats/cellofangles.h"
-#include "pipeline/files/formats/readermessages.h"
+#include "pipeline/files/formats/programs/readermessages.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/spawnplan.h"
 #include "pipeline/files/textvalues.h"

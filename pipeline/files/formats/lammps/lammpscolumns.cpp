@@ -1,5 +1,5 @@
 // Columns and boxes of LAMMPS dumps.
-#include "pipeline/files/formats/lammpscolumns.h"
+#include "pipeline/files/formats/lammps/lammpscolumns.h"
 
 #include <algorithm>
 #include <cmath>

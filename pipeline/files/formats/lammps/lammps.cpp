@@ -1,6 +1,6 @@
 // Reads LAMMPS dumps, frame after frame.
 #include "pipeline/files/formats/frames.h"
-#include "pipeline/files/formats/lammpscolumns.h"
+#include "pipeline/files/formats/lammps/lammpscolumns.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"
 #include "pipeline/files/textvalues.h"

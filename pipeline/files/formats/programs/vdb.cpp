@@ -1,6 +1,6 @@
 // Reads OpenVDB points, by a program of its own.
 #include "pipeline/files/formats/frames.h"
-#include "pipeline/files/formats/readerprogram.h"
+#include "pipeline/files/formats/programs/readerprogram.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/inputfile.h"
 

@@ -1,5 +1,5 @@
 // Chooses an assembly and makes its copies.
-#include "pipeline/files/formats/assembly.h"
+#include "pipeline/files/formats/molecules/assembly.h"
 
 #include "pipeline/files/textvalues.h"
 

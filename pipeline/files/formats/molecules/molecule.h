@@ -1,7 +1,7 @@
 // Atoms as the formats of molecules and crystals share them, on their way to particles.
 #pragma once
 
-#include "pipeline/files/formats/assembly.h"
+#include "pipeline/files/formats/molecules/assembly.h"
 #include "pipeline/files/inputfile.h"
 #include "pipeline/files/particleset.h"
 #include "pipeline/files/readoptions.h"

@@ -1,5 +1,5 @@
 // Reads AMBER NetCDF, by a program of its own.
-#include "pipeline/files/formats/readerprogram.h"
+#include "pipeline/files/formats/programs/readerprogram.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/inputfile.h"
 

@@ -1,5 +1,5 @@
 // Models, residues and elements of atoms, and what is told of them.
-#include "pipeline/files/formats/molecule.h"
+#include "pipeline/files/formats/molecules/molecule.h"
 
 #include "pipeline/files/columnuses.h"
 #include "pipeline/files/elements.h"

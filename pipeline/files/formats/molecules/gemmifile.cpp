@@ -1,5 +1,5 @@
 // The calls of gemmi: atoms of PDB files, tables of CIF, operations of space groups.
-#include "pipeline/files/formats/gemmifile.h"
+#include "pipeline/files/formats/molecules/gemmifile.h"
 
 // The only file that includes gemmi, which takes its time to compile.
 #include <gemmi/cif.hpp>

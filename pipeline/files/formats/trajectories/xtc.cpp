@@ -2,7 +2,7 @@
 #include "pipeline/files/columnuses.h"
 #include "pipeline/files/formats/frames.h"
 #include "pipeline/files/formats/readers.h"
-#include "pipeline/files/formats/xdr.h"
+#include "pipeline/files/formats/trajectories/xdr.h"
 #include "pipeline/files/textvalues.h"
 
 #include <array>

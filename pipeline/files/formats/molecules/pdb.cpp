@@ -1,9 +1,9 @@
 // Reads PDB.
-#include "pipeline/files/formats/assembly.h"
 #include "pipeline/files/formats/cellofangles.h"
 #include "pipeline/files/formats/frames.h"
-#include "pipeline/files/formats/gemmifile.h"
-#include "pipeline/files/formats/molecule.h"
+#include "pipeline/files/formats/molecules/assembly.h"
+#include "pipeline/files/formats/molecules/gemmifile.h"
+#include "pipeline/files/formats/molecules/molecule.h"
 #include "pipeline/files/formats/readers.h"
 #include "pipeline/files/formats/textrows.h"
 #include "pipeline/files/textvalues.h"

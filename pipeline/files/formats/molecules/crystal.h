@@ -1,8 +1,8 @@
 // Crystals as CIF files of small molecules describe them.
 #pragma once
 
-#include "pipeline/files/formats/gemmifile.h"
-#include "pipeline/files/formats/molecule.h"
+#include "pipeline/files/formats/molecules/gemmifile.h"
+#include "pipeline/files/formats/molecules/molecule.h"
 #include "pipeline/files/textvalues.h"
 
 #include <optional>

@@ -1,5 +1,5 @@
 // Sites, symmetry and images of a crystal, until a cell is full.
-#include "pipeline/files/formats/crystal.h"
+#include "pipeline/files/formats/molecules/crystal.h"
 
 #include "pipeline/files/elements.h"
 #include "pipeline/files/formats/cellofangles.h"
