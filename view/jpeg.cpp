@@ -13,9 +13,6 @@ namespace pipeline::view {
 
 namespace {
 
-void goOn(double, std::uint64_t) {
-}
-
 Image brightened(Image image, float gain) {
     for (float& light : image.rgb)
         light *= gain;
@@ -41,10 +38,10 @@ struct Release {
 
 } // namespace
 
-std::string jpegOf(Image const& image, float gain, int quality) {
+std::string jpegOf(Image const& image, float gain, int quality, PhaseProgress const& progress) {
     // The command's own way to codes of eight bits, so that nothing changes its colour at the end.
-    std::string const ppm = bytesOf(image, gain, [](Image const& shown, ByteSink const& sink) {
-        encodePpm(shown, sink, goOn);
+    std::string const ppm = bytesOf(image, gain, [&](Image const& shown, ByteSink const& sink) {
+        encodePpm(shown, sink, progress);
     });
     int const width = image.cropX1 - image.cropX0;
     int const height = image.cropY1 - image.cropY0;
@@ -64,9 +61,9 @@ std::string jpegOf(Image const& image, float gain, int quality) {
     return {reinterpret_cast<char const*>(made), size};
 }
 
-std::string pngOf(Image const& image, float gain, bool withAlpha) {
-    return bytesOf(image, gain, [withAlpha](Image const& shown, ByteSink const& sink) {
-        encodePng(shown, withAlpha, sink, goOn);
+std::string pngOf(Image const& image, float gain, bool withAlpha, PhaseProgress const& progress) {
+    return bytesOf(image, gain, [&](Image const& shown, ByteSink const& sink) {
+        encodePng(shown, withAlpha, sink, progress);
     });
 }
 

@@ -367,6 +367,7 @@ std::string withFacts(PictureFacts const& facts, std::string_view picture) {
                                    {"samples", facts.samples},
                                    {"of", facts.ofSamples},
                                    {"ms", facts.milliseconds},
+                                   {"waited", facts.waited},
                                    {"type", facts.type}});
     std::string bytes;
     bytes.reserve(4 + text.size() + picture.size());

@@ -85,6 +85,7 @@ struct PictureFacts {
     int samples = 0; ///< that each pixel has so far
     int ofSamples = 0;
     double milliseconds = 0.0; ///< that it took
+    double waited = 0.0;       ///< milliseconds from the wish for it until it was begun
     char const* type = "image/jpeg";
 };
 

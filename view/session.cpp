@@ -23,9 +23,9 @@ constexpr std::uint64_t mostUnderWay = 2;
 // Who has not told for so long that a picture is shown will not.
 constexpr std::chrono::milliseconds patience{1000};
 
-double millisecondsSince(std::chrono::steady_clock::time_point begin) {
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
-        .count();
+using Time = std::chrono::steady_clock::time_point;
+double millisecondsFrom(Time begin, Time end = std::chrono::steady_clock::now()) {
+    return std::chrono::duration<double, std::milli>(end - begin).count();
 }
 
 /// Beyond so many particles a look at all of them takes longer than a page may wait.
@@ -118,6 +118,7 @@ Session::Task Session::currentTask() const {
     task.version = stage.version(); // before the scene: what changes after it is seen
     task.shown = stage.shown();
     task.wish = wish;
+    task.wished = wished;
     task.content = content;
     return task;
 }
@@ -136,6 +137,8 @@ void Session::run() {
         guard.unlock();
         try {
             turn == Turn::move ? showMoving(task) : refine(task);
+        } catch (Interrupted const&) {
+            // While it was packed something else was wished for.
         } catch (std::exception const& error) {
             StageNews news;
             news.error = error.what();
@@ -214,15 +217,17 @@ void Session::showMoving(Task const& task) {
             return;
     }
     constexpr int quality = 82;
-    std::string const bytes =
-        options.transparent ? pngOf(image, 1.0F, true) : jpegOf(image, 1.0F, quality);
+    auto const inAnyCase = [](double, std::uint64_t) {}; // it is small
+    std::string const bytes = options.transparent ? pngOf(image, 1.0F, true, inAnyCase)
+                                                  : jpegOf(image, 1.0F, quality, inAnyCase);
     moved = task;
-    double const took = millisecondsSince(begin);
+    double const took = millisecondsFrom(begin);
     PictureFacts facts;
     facts.width = camera.width;
     facts.height = camera.height;
     facts.ofSamples = task.wish.image.samples;
     facts.milliseconds = took;
+    facts.waited = millisecondsFrom(task.wished, begin);
     facts.type = options.transparent ? "image/png" : "image/jpeg";
     send(task, facts, bytes);
     double const least = std::min(1.0, narrowest / task.wish.width);
@@ -280,10 +285,14 @@ void Session::sendRefined(Task const& task, Image const& sum, int samples,
     facts.samples = samples;
     facts.ofSamples = all;
     facts.type = isLast || isTransparent ? "image/png" : "image/jpeg";
+    auto const ask = [&](double, std::uint64_t) {
+        if (!isCurrent(task))
+            throw Interrupted();
+    };
     std::string const bytes = isLast || isTransparent
-                                  ? pngOf(sum, isLast ? 1.0F : gain, isTransparent)
-                                  : jpegOf(sum, gain, quality);
-    facts.milliseconds = millisecondsSince(begin);
+                                  ? pngOf(sum, isLast ? 1.0F : gain, isTransparent, ask)
+                                  : jpegOf(sum, gain, quality, ask);
+    facts.milliseconds = millisecondsFrom(begin);
     send(task, facts, bytes);
 }
 

@@ -61,6 +61,7 @@ class Session {
     struct Task {
         std::shared_ptr<Shown const> shown;
         Wish wish;
+        Clock::time_point wished{};
         std::uint64_t content = 0; ///< of the wish
         std::uint64_t version = 0; ///< of the stage
     };
@@ -78,6 +79,7 @@ class Session {
     void send(Task const& task, PictureFacts facts, std::string const& bytes);
     Camera cameraOf(Task const& task);
     void change(Message const& message); // under `mutex`
+    void changed();
     void changeCamera(Message const& message);
     void changeLook(Message const& message);
     void changeScene(Message const& message);
@@ -91,6 +93,7 @@ class Session {
     mutable std::mutex mutex; // of all that follows up to the atomics
     std::condition_variable wake;
     Wish wish;
+    Clock::time_point wished{}; ///< when the wish was changed
     Clock::time_point lastMove{};
     Clock::time_point lastSent{};
     std::uint64_t pictures = 0; ///< sent

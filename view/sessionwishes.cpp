@@ -72,11 +72,16 @@ void Session::change(Message const& message) {
     if (isNewSize) {
         wish.width = (*message.size)[0];
         wish.height = (*message.size)[1];
-        ++content;
+        changed();
     }
     if (message.camera)
         changeCamera(message);
     changeLook(message);
+}
+
+void Session::changed() {
+    ++content;
+    wished = Clock::now();
 }
 
 void Session::changeCamera(Message const& message) {
@@ -98,14 +103,14 @@ void Session::changeCamera(Message const& message) {
     }
     wish.camera = camera;
     wish.cameraNumber = message.cameraNumber;
-    ++content;
+    changed();
 }
 
 void Session::changeLook(Message const& message) {
     auto const set = [this](auto& member, auto const& value) {
         if (value && member != *value) {
             member = *value;
-            ++content;
+            changed();
         }
     };
     set(wish.light.shade, message.shade);
@@ -118,7 +123,7 @@ void Session::changeLook(Message const& message) {
     wish.image.background.reset();
     if (!wish.background.empty() && !wish.image.transparent)
         wish.image.background = parseColor(wish.background);
-    ++content;
+    changed();
 }
 
 void Session::changeScene(Message const& message) {

@@ -184,6 +184,17 @@ class Page(served.TestCase):
             self.assertShowsMore(tab, [before])
             tab.click(195, 422, 2)
             tab.wait("document.getElementById('pickedid').textContent === 'Particle 71'")
+            number = tab.wait_refined(number)["number"]
+            tab.press("#settings")
+            tab.choose("#cutaxis", "x")
+            number = tab.wait_refined(number)["number"]
+            tab.run("document.getElementById('cutslider').scrollIntoView({ block: 'center' })")
+            box = tab.run("document.getElementById('cutslider').getBoundingClientRect().toJSON()")
+            touch("touchStart", (box["x"] + box["width"] / 2, box["y"] + box["height"] / 2))
+            touch("touchMove", (box["x"] + box["width"] * 0.9, box["y"] + box["height"] / 2))
+            touch("touchEnd")
+            tab.wait("Number(document.getElementById('cutplace').value) > 2")
+            tab.wait_refined(number)
             self.assertEqual(tab.errors(), [])
             tab.close()
 

@@ -193,11 +193,16 @@ class Server(served.TestCase):
             with Line(server) as line:
                 # Minutes of work, given up each time. What is measured is far below what it takes.
                 line.until(lambda m, p: p is not None and m["samples"] > 0)
-                for number in range(1, 8):
+                waited = []
+                for number in range(1, 13):
                     begin = time.monotonic()
                     line.send({"camera": {**camera, "eye": [9, number, 2], "number": number}})
-                    line.until(lambda m, p, n=number: p is not None and m["camera"] == n)
+                    facts, _ = line.until(lambda m, p, n=number: p is not None and m["camera"] == n)
                     self.assertLess(time.monotonic() - begin, 20)
+                    waited.append(facts["waited"])
+                    line.until(lambda m, p, n=number: p is not None and m["camera"] == n and m["samples"] > 0)
+                # Of some tries on a machine that others use as well, those with the least of that.
+                self.assertLess(sorted(waited)[3], 30, waited)
             time.sleep(0.5)
             before = server.cpu_seconds()
             time.sleep(1)

@@ -34,12 +34,16 @@ export class Cut {
         if (size(direction) > 0 && Number.isFinite(size(direction)))
           this.change({ direction: unit(direction) });
       });
-    for (const [id, isLast] of [['input', false], ['change', true]]) {
-      at('cutslider').addEventListener(id, () => this.change({ place: number('cutslider') }, isLast));
-      at('cutthickslider').addEventListener(id, () => {
+    for (const [event, isLast] of [['input', false], ['change', true]]) {
+      at('cutslider').addEventListener(event, () => {
+        document.body.classList.toggle('cutting', !isLast); // see the picture meanwhile
+        this.change({ place: this.rounded(number('cutslider')) }, isLast);
+      });
+      at('cutthickslider').addEventListener(event, () => {
+        document.body.classList.toggle('cutting', !isLast);
         const { max } = at('cutthickslider');
         const thickness = number('cutthickslider');
-        this.change({ thickness: thickness < Number(max) ? thickness : null }, isLast);
+        this.change({ thickness: thickness < Number(max) ? this.rounded(thickness) : null }, isLast);
       });
     }
     at('cutplace').addEventListener('change', () => {
@@ -65,7 +69,7 @@ export class Cut {
     this.cut = { axis: axes[axis] ? axis : 'own', direction, place: 0, isFlipped: false,
       thickness: before?.thickness ?? null };
     const [low, high] = this.span();
-    this.cut.place = shortly((low + high) / 2);
+    this.cut.place = this.rounded((low + high) / 2);
     this.tell(true);
   }
 
@@ -88,7 +92,7 @@ export class Cut {
       return;
     const [low, high] = this.span();
     const step = part * (high - low) * (this.cut.isFlipped ? -1 : 1);
-    this.change({ place: shortly(Math.max(low, Math.min(high, this.cut.place + step))) });
+    this.change({ place: this.rounded(Math.max(low, Math.min(high, this.cut.place + step))) });
   }
 
   thicken(part) {
@@ -97,7 +101,7 @@ export class Cut {
     const [low, high] = this.span();
     const whole = high - low;
     const thickness = Math.max((this.cut.thickness ?? 0.2 * whole) + part * whole, 0.01 * whole);
-    this.change({ thickness: thickness < whole ? shortly(thickness) : null });
+    this.change({ thickness: thickness < whole ? this.rounded(thickness) : null });
   }
 
   change(fields, isLast = true) {
@@ -114,6 +118,13 @@ export class Cut {
     const end = (isUpper) => direction.reduce((sum, part, i) =>
       sum + part * ((part > 0) === isUpper ? high[i] : low[i]), 0);
     return [end(false), end(true)];
+  }
+
+  /// A place or a thickness with no more digits than one sees.
+  rounded(value) {
+    const [low, high] = this.span();
+    const step = 10 ** Math.floor(Math.log10((high - low) / 2000));
+    return high > low ? Number((Math.round(value / step) * step).toPrecision(12)) : value;
   }
 
   showFields() {
@@ -136,9 +147,9 @@ export class Cut {
     at('cutthickslider').min = 0.005 * (high - low);
     at('cutthickslider').max = high - low;
     fill('cutslider', cut.place);
-    fill('cutplace', shortly(cut.place));
+    fill('cutplace', cut.place);
     fill('cutthickslider', cut.thickness ?? high - low);
-    fill('cutthick', cut.thickness === null ? '' : shortly(cut.thickness));
+    fill('cutthick', cut.thickness ?? '');
   }
 
   // --- to and from the server

@@ -184,6 +184,7 @@ export class Panel {
 
   showPicked(picked) {
     at('picked').hidden = !picked;
+    document.body.classList.toggle('haspicked', Boolean(picked));
     if (!picked)
       return;
     at('swatch').style.background = picked.color;
