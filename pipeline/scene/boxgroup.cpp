@@ -98,6 +98,24 @@ struct Range {
 // A list's rays are taken so many at a time.
 constexpr unsigned atOnce = 16;
 
+/// What of some numbers is least and greatest: halves of them beside each other, in as many steps
+/// as there are, so that each is a few instructions.
+template <unsigned count>
+[[gnu::always_inline]] inline Range rangeOf(float const* low, float const* high) {
+    if constexpr (count == 1) {
+        return {low[0], high[0]};
+    } else {
+        constexpr unsigned half = count / 2;
+        float lower[half];
+        float higher[half];
+        for (unsigned i = 0; i < half; ++i) {
+            lower[i] = smaller(low[i], low[i + half]);
+            higher[i] = larger(high[i], high[i + half]);
+        }
+        return rangeOf<half>(lower, higher);
+    }
+}
+
 [[gnu::always_inline]] inline void invertLoop(BoxRays& rays, BoxRay& least, BoxRay& greatest) {
     for (float* const inverse : {rays.inverseX, rays.inverseY, rays.inverseZ})
         for (unsigned k = 0; k < BoxRays::most; ++k)
@@ -110,22 +128,9 @@ constexpr unsigned atOnce = 16;
         {&least.inverse.y, &greatest.inverse.y}, {&least.inverse.z, &greatest.inverse.z},
         {&least.begin, &greatest.begin}};
     for (unsigned value = 0; value < std::size(from); ++value) {
-        float low[atOnce];
-        float high[atOnce];
-        for (unsigned i = 0; i < atOnce; ++i)
-            low[i] = high[i] = from[value][i];
-        for (unsigned first = atOnce; first < BoxRays::most; first += atOnce)
-            for (unsigned i = 0; i < atOnce; ++i) {
-                low[i] = smaller(low[i], from[value][first + i]);
-                high[i] = larger(high[i], from[value][first + i]);
-            }
-        for (unsigned half = atOnce / 2; half > 0; half /= 2)
-            for (unsigned i = 0; i < half; ++i) {
-                low[i] = smaller(low[i], low[i + half]);
-                high[i] = larger(high[i], high[i + half]);
-            }
-        *to[value][0] = low[0];
-        *to[value][1] = high[0];
+        Range const range = rangeOf<BoxRays::most>(from[value], from[value]);
+        *to[value][0] = range.low;
+        *to[value][1] = range.high;
     }
 }
 
@@ -166,10 +171,12 @@ constexpr unsigned atOnce = 16;
 }
 
 [[gnu::always_inline]] inline std::uint64_t areBeforeLoop(float const* enter, float const* ends) {
+    // In parts as wide as an index: shorter ones are unrolled before they could become vectors.
+    constexpr unsigned part = 32;
     std::uint64_t all = 0;
-    for (unsigned first = 0; first < BoxRays::most; first += atOnce) {
+    for (unsigned first = 0; first < BoxRays::most; first += part) {
         std::uint32_t before = 0;
-        for (unsigned i = 0; i < atOnce; ++i)
+        for (unsigned i = 0; i < part; ++i)
             before |= enter[first + i] <= ends[first + i] ? 1U << i : 0U;
         all |= static_cast<std::uint64_t>(before) << first;
     }

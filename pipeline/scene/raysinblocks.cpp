@@ -41,11 +41,11 @@ BoxRay RaysInBlocks::rayOf(unsigned k) const {
 
 bool RaysInBlocks::gather() {
     numGathered = 0;
-    if (!list)
-        return gatherOwnWays();
-    if (!list->next(searchEnds, step))
+    if (list ? !list->next(searchEnds, step) : !chooseOwnWays())
         return false;
-    for (std::uint64_t left = step.rays; left != 0; left &= left - 1)
+    if (list)
+        gatheredBits = step.rays;
+    for (std::uint64_t left = gatheredBits; left != 0; left &= left - 1)
         gathered[numGathered++] = static_cast<unsigned char>(std::countr_zero(left));
     return true;
 }
@@ -59,24 +59,23 @@ std::int32_t RaysInBlocks::firstBlock() const {
     return first.block;
 }
 
-bool RaysInBlocks::gatherOwnWays() {
+/// Chooses which of rays that go their own ways are asked next; false when all have ended.
+bool RaysInBlocks::chooseOwnWays() {
     std::int32_t const first = firstBlock();
     if (first < 0)
         return false;
-    unsigned onTheirWay = 0;
+    std::uint64_t onTheirWay = 0;
+    gatheredBits = 0;
     for (unsigned k = 0; k < count; ++k) {
-        onTheirWay += current[k].block >= 0 ? 1 : 0;
-        if (current[k].block == first)
-            gathered[numGathered++] = static_cast<unsigned char>(k);
+        std::uint64_t const bit = std::uint64_t{1} << k;
+        onTheirWay |= current[k].block >= 0 ? bit : 0;
+        gatheredBits |= current[k].block == first ? bit : 0;
     }
-    constexpr unsigned manyTogether = 16;
-    apart = numGathered < manyTogether && 2 * numGathered < onTheirWay;
-    if (!apart)
-        return true;
-    numGathered = 0;
-    for (unsigned k = 0; k < count; ++k)
-        if (current[k].block >= 0)
-            gathered[numGathered++] = static_cast<unsigned char>(k);
+    constexpr int manyTogether = 16;
+    int const together = std::popcount(gatheredBits);
+    apart = together < manyTogether && 2 * together < std::popcount(onTheirWay);
+    if (apart)
+        gatheredBits = onTheirWay;
     return true;
 }
 

@@ -34,6 +34,8 @@ class RaysInBlocks {
 
     /// The gathered rays.
     std::span<unsigned char const> asked() const { return {gathered, numGathered}; }
+    /// The same, a bit for each.
+    std::uint64_t askedBits() const { return gatheredBits; }
     /// Whether each of them is to be asked in a block of its own.
     bool areApart() const { return apart; }
     /// The block that ray k, which is gathered, is to be asked of.
@@ -54,16 +56,17 @@ class RaysInBlocks {
   private:
     /// An end that is no nearer than what `next` makes of it.
     static float narrow(double end) {
-        constexpr float largest = std::numeric_limits<float>::max();
-        return end < static_cast<double>(largest) ? static_cast<float>(end) : largest;
+        constexpr auto largest = static_cast<double>(std::numeric_limits<float>::max());
+        return static_cast<float>(end < largest ? end : largest); // without a branch
     }
     BoxRay rayOf(unsigned k) const;
     std::int32_t firstBlock() const;
-    bool gatherOwnWays();
+    bool chooseOwnWays();
 
     TopTree const& top;
     unsigned count;
     unsigned numGathered = 0;
+    std::uint64_t gatheredBits = 0;
     bool apart = false;
     unsigned char gathered[most];
     float searchEnds[most];
