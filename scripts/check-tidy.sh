@@ -2,10 +2,9 @@
 # Has clang-tidy 14 read the sources, and fails when it finds anything that .clang-tidy asks for.
 #   scripts/check-tidy.sh                    all but the tests; takes an hour of one processor
 #   scripts/check-tidy.sh pipeline/scene     what lies in these folders, or these files
-# JOBS says how many it reads at a time, as many as there are processors unless it is set. It needs a
-# configured build, `build/tidy` unless BUILD names one, and makes it where it lacks. There it keeps
-# what was without findings, and passes over it until the source or a header of it changes: one that
-# was stopped goes on where it was.
+# JOBS says how many it reads at a time, as many as there are processors unless it is set. It configures
+# a build, `build/tidy` unless BUILD names one. There it keeps what was without findings, and passes
+# over it until the source or a header of it changes: one that was stopped goes on where it was.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 for tidy in clang-tidy-14 clang-tidy; do
@@ -16,8 +15,7 @@ if [[ "$("$tidy" --version 2>/dev/null)" != *"version 14."* ]]; then
     exit 77
 fi
 build=${BUILD:-build/tidy}
-[[ -f "$build/compile_commands.json" ]] ||
-    cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null # which sources there are now
 [[ $# -gt 0 ]] || set -- bench examples kelpa mpi pipeline python tool view
 
 exec nice -n 10 python3 - "$tidy" "$build" "${JOBS:-$(nproc)}" "$@" <<'PYTHON'
