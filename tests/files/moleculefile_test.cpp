@@ -149,6 +149,13 @@ TEST_F(Molecules, FillTheCellOfACrystal) {
                     std::abs(place.y / 2.82F - std::round(place.y / 2.82F)) < 1e-6F);
     EXPECT_EQ(crystal.cell.value().edges[1][1], 5.64);
 
+    // A dummy, such as the middle of a ring, is no atom.
+    std::string dummy = salt;
+    dummy.insert(dummy.find("_atom_site_label"), "_atom_site_calc_flag\n");
+    dummy.replace(dummy.find("Na1 "), 4, "d Na1 ");
+    dummy.replace(dummy.find("Cl1 "), 4, "dum Cl1 ");
+    EXPECT_EQ(read(dummy).elements, std::vector<std::uint8_t>(4, 11));
+
     std::string oblique =
         "data_x\n_cell_length_a 10\n_cell_length_b 8\n_cell_length_c 6\n_cell_angle_alpha 90\n"
         "_cell_angle_beta 120\n_cell_angle_gamma 90\nloop_\n_symmetry_equiv_pos_as_xyz\n"

@@ -37,7 +37,7 @@ std::uint8_t elementOfLabel(std::string_view label) {
 }
 
 /// Columns of the sites' table.
-enum SiteColumn : std::size_t { xColumn, yColumn, zColumn, label, type, occupancy };
+enum SiteColumn : std::size_t { xColumn, yColumn, zColumn, label, type, occupancy, flag };
 
 /// What a site is called.
 std::string nameOf(CifTable& table, std::size_t row) {
@@ -45,8 +45,14 @@ std::string nameOf(CifTable& table, std::size_t row) {
     return name.empty() ? table.text(row, type) : name;
 }
 
-/// The sites of a block; those without a place are counted in `unplaced`.
-std::vector<Site> takeSites(CifTable& table, Molecule& molecule, std::size_t& unplaced) {
+/// Sites that are no atoms.
+struct LeftOut {
+    std::size_t unplaced = 0; ///< without a place
+    std::size_t dummies = 0;  ///< places that only help to describe others
+};
+
+/// The sites of a block.
+std::vector<Site> takeSites(CifTable& table, Molecule& molecule, LeftOut& leftOut) {
     ElementReader elements(molecule.unknownElements);
     std::vector<Site> sites;
     for (std::size_t row = 0; row < table.rows(); ++row) {
@@ -56,8 +62,10 @@ std::vector<Site> takeSites(CifTable& table, Molecule& molecule, std::size_t& un
         for (std::size_t axis = 0; axis < 3; ++axis)
             isPlaced = parseCifNumber(table.text(row, xColumn + axis), site.place[axis]) &&
                        std::isfinite(site.place[axis]) && isPlaced;
-        unplaced += isPlaced ? 0 : 1;
-        if (!isPlaced)
+        bool const isDummy = table.text(row, flag) == "dum";
+        leftOut.dummies += isDummy ? 1 : 0;
+        leftOut.unplaced += isPlaced || isDummy ? 0 : 1;
+        if (!isPlaced || isDummy)
             continue;
         site.number = static_cast<std::int32_t>(sites.size() + 1);
         if (float share = 1.0F;
@@ -247,8 +255,8 @@ void noteOverlaps(InputFile const& file, CifTable& table, Overlaps const& overla
 }
 
 std::unique_ptr<CifTable> findSites(CifFile& cif) {
-    return cif.find("_atom_site_",
-                    {"fract_x", "fract_y", "fract_z", "?label", "?type_symbol", "?occupancy"});
+    return cif.find("_atom_site_", {"fract_x", "fract_y", "fract_z", "?label", "?type_symbol",
+                                    "?occupancy", "?calc_flag"});
 }
 
 /// Turns to the first block with sites; a file may begin with one about a journal.
@@ -305,18 +313,21 @@ ParticleSet readCrystal(InputFile& file, CifFile& cif, ReadOptions const& option
             fmt::format("{} tells of no symmetry; its sites are all that is shown", file.path()));
 
     std::unique_ptr<CifTable> const table = findSites(cif);
-    std::size_t unplaced = 0;
-    std::vector<Site> const sites = takeSites(*table, molecule, unplaced);
+    LeftOut leftOut;
+    std::vector<Site> const sites = takeSites(*table, molecule, leftOut);
     if (sites.empty())
-        file.fail("none of its {} sites has a place", unplaced);
+        file.fail("none of its {} sites has a place", table->rows() - leftOut.dummies);
     CifOperation const stay = {{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}}};
     noteOverlaps(
         file, *table,
         fillCell(file, sites, operations.empty() ? std::vector{stay} : operations, molecule),
         notes);
-    if (unplaced > 0)
-        notes.push_back(
-            fmt::format("{}: {} sites without a place are left out", file.path(), unplaced));
+    if (leftOut.unplaced > 0)
+        notes.push_back(fmt::format("{}: {} sites without a place are left out", file.path(),
+                                    leftOut.unplaced));
+    if (leftOut.dummies > 0)
+        notes.push_back(fmt::format("{}: dummy sites, which are no atoms, are left out: {}",
+                                    file.path(), leftOut.dummies));
     ParticleSet particles = makeParticles(file, molecule, AtomKind::crystal, options, "CIF");
     particles.notes.insert(particles.notes.end(), notes.begin(), notes.end());
     return particles;
