@@ -21,10 +21,9 @@ constexpr int unknownColor = 0xff1493;
 constexpr float unknownRadius = 1.70F; // carbon's, the usual stand-in
 
 // Metallic radii, since metals drawn with van der Waals radii of well over 2 are one lump: for
-// twelve neighbours, as V. M. Goldschmidt introduced them, "Über Atomabstände in Metallen", Z.
-// Phys. Chem. 133 (1928) 397, with the values that today's tables of the elements have. Half the
-// distance of neighbours in the metals' own lattices is within 3 % of them. Van der Waals radii of
-// the other main groups: M. Mantina, A. C. Chamberlin, R. Valero, C. J. Cramer, D. G. Truhlar,
+// twelve neighbours, with the values that tables of the elements commonly have. Half the distance
+// of neighbours in the metals' own lattices is within 3 % of them. Van der Waals radii of the other
+// main groups: M. Mantina, A. C. Chamberlin, R. Valero, C. J. Cramer, D. G. Truhlar,
 // "Consistent van der Waals Radii for the Whole Main Group", J. Phys. Chem. A 113 (2009),
 // doi 10.1021/jp8111556. Of the other elements: S. Alvarez, "A cartography of the van der Waals
 // territories", Dalton Trans. 42 (2013), doi 10.1039/c3dt50599e. Covalent radii: B. Cordero and
