@@ -58,7 +58,7 @@ struct UseChooser {
     }
 
     /// Keeps a column by the name that was asked for, or the length of the vector that has it.
-    void keepAttribute(std::string const& name, ParticleSet& particles) {
+    void keepAttribute(std::string const& name, bool withParts, ParticleSet& particles) {
         std::size_t const place = particles.attributes.size();
         auto const vector = has(name) ? std::nullopt : vectorNamed(name);
         particles.attributes.push_back({name, {}});
@@ -75,6 +75,10 @@ struct UseChooser {
         for (std::string const& part : *vector) {
             uses.push_back({require(part), Target::length, place});
             source += " " + part;
+        }
+        for (std::size_t axis = 0; withParts && axis < 3; ++axis) {
+            uses.push_back({require((*vector)[axis]), Target::attribute, place + 1 + axis});
+            particles.attributes.push_back({(*vector)[axis], {}});
         }
     }
 
@@ -234,7 +238,7 @@ std::vector<ColumnUse> chooseUses(InputFile const& file, std::vector<Column> con
     if (chooser.has(names.type))
         chooser.uses.push_back({chooser.find(names.type), Target::type});
     for (std::string const& name : options.attributes)
-        chooser.keepAttribute(name, particles);
+        chooser.keepAttribute(name, options.vectorParts, particles);
     if (options.allAttributes)
         chooser.keepAll(particles);
     return std::move(chooser.uses);

@@ -18,6 +18,7 @@ struct ReadOptions {
     std::string topology{};   ///< a file that names the particles of this one; empty: none
     std::string radiusFrom{}; ///< the column to take radii from; empty: the format's own names
     std::vector<std::string> attributes{}; ///< further columns to keep, by name
+    bool vectorParts = false;   ///< keep those of a vector behind its length, as "fx" and so on
     bool allAttributes = false; ///< keep every column, every digit of it: `ParticleSet::typed`
     bool summarise = false;     ///< fill `ParticleSet::columns`
     bool countFrames = true;    ///< to summarise, also pass over all other frames of the file

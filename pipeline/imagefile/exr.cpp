@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <string>
 #include <vector>
 
 namespace pipeline {
@@ -41,7 +42,7 @@ std::vector<half> halvesOf(Image const& image, std::size_t firstPixel, std::size
 /// The channels of a file in interleaved groups: what its header lists, and where some of its rows
 /// have their values.
 struct ChannelGroup {
-    std::vector<char const*> names; ///< in the order of their values
+    std::vector<std::string> names; ///< in the order of their values
     Imf::PixelType type;
     void const* values; ///< of the first of the rows; null: the picture has none
 };
@@ -53,7 +54,7 @@ void const* rowOf(std::vector<Value> const& values, std::size_t firstPixel, std:
 }
 
 /// EXR knows whole numbers of 32 bits alone, so an id takes two channels, as it lies in memory.
-std::vector<char const*> halvesOfIds() {
+std::vector<std::string> halvesOfIds() {
     if constexpr (std::endian::native == std::endian::little)
         return {"id", "id.high"};
     else
@@ -62,14 +63,19 @@ std::vector<char const*> halvesOfIds() {
 
 std::vector<ChannelGroup> channelsOf(Image const& image, std::size_t firstPixel,
                                      std::vector<half> const& colors) {
-    return {{{"R", "G", "B", "A"}, Imf::HALF, colors.data()},
-            {{"Z"}, Imf::FLOAT, rowOf(image.depth, firstPixel, 1)},
-            {{"N.X", "N.Y", "N.Z"}, Imf::FLOAT, rowOf(image.normal, firstPixel, 3)},
-            {{"P.X", "P.Y", "P.Z"}, Imf::FLOAT, rowOf(image.position, firstPixel, 3)},
-            {{"legend.R", "legend.G", "legend.B", "legend.A"},
-             Imf::FLOAT,
-             rowOf(image.overlay, firstPixel, 4)},
-            {halvesOfIds(), Imf::UINT, rowOf(image.id, firstPixel, 1)}};
+    std::vector<ChannelGroup> groups = {
+        {{"R", "G", "B", "A"}, Imf::HALF, colors.data()},
+        {{"Z"}, Imf::FLOAT, rowOf(image.depth, firstPixel, 1)},
+        {{"N.X", "N.Y", "N.Z"}, Imf::FLOAT, rowOf(image.normal, firstPixel, 3)},
+        {{"P.X", "P.Y", "P.Z"}, Imf::FLOAT, rowOf(image.position, firstPixel, 3)},
+        {{"legend.R", "legend.G", "legend.B", "legend.A"},
+         Imf::FLOAT,
+         rowOf(image.overlay, firstPixel, 4)},
+        {halvesOfIds(), Imf::UINT, rowOf(image.id, firstPixel, 1)}};
+    for (Layer const& layer : image.layers)
+        groups.push_back(
+            {channelNames(layer), Imf::FLOAT, rowOf(layer.values, firstPixel, layer.width)});
+    return groups;
 }
 
 Imf::Compression compressionOf(ExrCompression compression) {
@@ -124,7 +130,7 @@ Imf::Header headerOf(Image const& image, ExrCompression compression) {
         header.insert(tileLabelName, Imf::StringAttribute(image.tileLabel));
     std::vector<half> const some(1);
     for (ChannelGroup const& group : channelsOf(image, 0, some))
-        for (char const* const name : group.names)
+        for (std::string const& name : group.names)
             if (group.values != nullptr)
                 header.channels().insert(name, Imf::Channel(group.type));
     return header;

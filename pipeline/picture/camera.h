@@ -7,6 +7,7 @@
 #include "pipeline/scene/vec.h"
 
 #include <array>
+#include <optional>
 
 namespace pipeline {
 
@@ -37,6 +38,16 @@ struct Camera {
     Vec pinholeDirection(double pixelX, double pixelY) const {
         Offset const at = offset(pixelX, pixelY);
         return unit(forward + right * at.x + up * at.y);
+    }
+
+    /// Where a point of the scene is seen, in pixels; nowhere when it is not before the eye.
+    std::optional<std::array<double, 2>> pixelOf(Vec const& point) const {
+        Vec const away = point - eye;
+        double const depth = isParallel ? 1.0 : dot(away, forward);
+        double const scale = 2.0 * tanHalfHeight * depth / height;
+        if (!(depth > 0.0))
+            return std::nullopt;
+        return {{width * 0.5 + dot(away, right) / scale, height * 0.5 - dot(away, up) / scale}};
     }
 
     /// From places in the file's coordinates to the camera's frame, which looks along -z; and on to

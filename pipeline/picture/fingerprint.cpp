@@ -27,6 +27,11 @@ class Mixer {
     void addVector(Kelpa::Vector const& v) { addNumbers(v.x, v.y, v.z); }
     void addVec(Vec const& v) { addNumbers(v.x, v.y, v.z); }
 
+    void addText(std::string const& text) {
+        add(text.size());
+        addBytes(text.data(), text.size());
+    }
+
     template <class Value> void addAll(std::vector<Value> const& values) {
         static_assert(std::has_unique_object_representations_v<Value> ||
                       sizeof(Value) % sizeof(float) == 0); // no bytes between numbers
@@ -75,6 +80,18 @@ void addSnapshot(Mixer& mixer, Snapshot const* snapshot) {
     mixer.addNumbers(snapshot->part(0, 0).particleType);
 }
 
+/// The colours of a map are those of the particles.
+void addLegend(Mixer& mixer, Legend const& legend) {
+    mixer.addText(legend.title);
+    mixer.addIf(legend.range,
+                [&](std::array<float, 2> const& range) { mixer.addNumbers(range[0], range[1]); });
+    for (Legend::Kind const& kind : legend.kinds) {
+        mixer.addText(kind.name);
+        mixer.addVector(kind.color);
+    }
+    mixer.addNumbers(legend.moreKinds);
+}
+
 void addScene(Mixer& mixer, Scene const& scene) {
     addSnapshot(mixer, scene.first.get());
     addSnapshot(mixer, scene.second.get());
@@ -83,6 +100,11 @@ void addScene(Mixer& mixer, Scene const& scene) {
     mixer.addAll(scene.ids);
     mixer.addVec(scene.origin);
     mixer.addNumbers(scene.upAxis);
+    for (ColumnLayer const& layer : scene.layers) {
+        mixer.addText(layer.name);
+        mixer.addAll(layer.values);
+    }
+    mixer.addIf(scene.legend, [&](Legend const& legend) { addLegend(mixer, legend); });
     for (Rod const& rod : scene.rods) {
         mixer.addVec(rod.from);
         mixer.addVec(rod.to);
@@ -109,11 +131,12 @@ void addLight(Mixer& mixer, LightOptions const& light) {
 
 void addImage(Mixer& mixer, ImageOptions const& image) {
     auto const& [width, height, samples, seed, background, transparent, rodColor, crop, tile,
-                 shutter, depth, normal, id, position, isDepthPlanar] = image;
+                 shutter, depth, normal, id, position, isDepthPlanar, velocity, columns] = image;
     static_cast<void>(crop); // the part alone
     static_cast<void>(tile);
+    static_cast<void>(columns); // the scene has them
     mixer.addNumbers(width, height, samples, seed, transparent, shutter[0], shutter[1], depth,
-                     normal, id, position, isDepthPlanar);
+                     normal, id, position, isDepthPlanar, velocity);
     mixer.addIf(background, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
     mixer.addIf(rodColor, [&](Kelpa::Vector const& color) { mixer.addVector(color); });
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -32,6 +33,17 @@ struct PictureFacts {
     std::string command{}; ///< that made it; empty: unknown, and so is what is above
 };
 
+/// A further layer of single precision, by name: a column of the particles, or their motion.
+struct Layer {
+    std::string name;
+    std::size_t width = 1;       ///< numbers of a pixel
+    std::vector<float> values{}; ///< 0 where no particle is
+};
+
+/// The channels of a layer: its name, or that with .X, .Y and .Z. One number that is called as a
+/// channel which pictures have anyway has "column." before it.
+std::vector<std::string> channelNames(Layer const& layer);
+
 /// A finished picture: linear light, row by row from the top left.
 ///
 /// Where nothing is behind the particles, `rgb` is the light that they add: black where they cover
@@ -46,6 +58,7 @@ struct Image {
     // first sample.
     std::vector<float> depth, normal, position;
     std::vector<std::int64_t> id;
+    std::vector<Layer> layers{}; ///< from the same sample
     /// Empty, or what is drawn over the picture: R G B A of each pixel of the part, linear and
     /// multiplied by A.
     std::vector<float> overlay{};

@@ -6,6 +6,8 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace pipeline {
 
@@ -27,9 +29,13 @@ struct ImageOptions {
     std::optional<PictureTile> tile; ///< of the crop, or of everything; no more than it has rows
     std::array<double, 2> shutter = {0.0, 1.0}; ///< the part of the particles' way that is seen
     bool depth = false, normal = false, id = false, position = false;
-    bool isDepthPlanar = false; ///< along the camera's axis instead of along the ray
+    bool isDepthPlanar = false;       ///< along the camera's axis instead of along the ray
+    bool velocity = false;            ///< across the picture, while the shutter is open
+    std::vector<std::string> columns; ///< of the particles; those that the scene has are shown
 
-    bool hasAovs() const { return depth || normal || id || position; }
+    bool hasAovs() const {
+        return depth || normal || id || position || velocity || !columns.empty();
+    }
 };
 
 struct LightOptions {

@@ -122,6 +122,12 @@ Image Picture::emptyImage() const {
         image.position.resize(3 * count);
     if (options.id)
         image.id.assign(count, idOfNothing);
+    if (options.velocity)
+        image.layers.push_back({"velocity", 2});
+    for (ColumnLayer const& column : plan.scene.layers)
+        image.layers.push_back({column.name, column.width});
+    for (Layer& layer : image.layers)
+        layer.values.resize(layer.width * count);
     image.tileLabel = tileLabel;
     PictureFacts& facts = image.facts.emplace();
     facts.worldToCamera = plan.camera.worldToCamera(plan.scene.origin);

@@ -39,6 +39,8 @@ void forEachRow(Picturable& image, TilePlace const& tile, Visit const& visit) {
         visitIn(image.normal, 3);
         visitIn(image.position, 3);
         visitIn(image.id, 1);
+        for (auto& layer : image.layers)
+            visitIn(layer.values, layer.width);
     }
 }
 

@@ -45,6 +45,9 @@ void clearChannels(Image& image, std::size_t index) {
         image.depth[index] = depthOfNothing;
     if (!image.id.empty())
         image.id[index] = idOfNothing;
+    for (Layer& layer : image.layers)
+        std::fill_n(layer.values.begin() + static_cast<std::ptrdiff_t>(layer.width * index),
+                    layer.width, 0.0F);
     for (std::size_t component = 3 * index; component < 3 * index + 3; ++component) {
         if (!image.normal.empty())
             image.normal[component] = 0.0F;

@@ -5,6 +5,7 @@
 #include "pipeline/picture/tile.h"
 #include "pipeline/scene/bunch.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -90,6 +91,8 @@ class TilePasses {
     void traceCameraRays(std::size_t firstSlot, std::size_t count, RayTarget& target);
     void leaveLens(std::size_t count, double (&pattern)[2][lanesPerBunch]);
     void addSeen(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
+    void storeLayers(Image& image, std::size_t surface, std::size_t at) const;
+    std::array<float, 2> motionOf(std::size_t surface) const;
     double depthOf(double t, Vec const& along) const;
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();

@@ -145,6 +145,22 @@ void readColumn(Scene& scene, ColorOptions const& options, Attribute const& colu
           {asked ? Hint::To::nothing : Hint::To::setRange}});
 }
 
+/// A column as it was read: one number, or behind the length of a vector its parts.
+ColumnLayer layerOf(ParticleSet const& particles, std::string const& name) {
+    auto const& columns = particles.attributes;
+    auto const found = std::ranges::find(columns, name, &Attribute::name);
+    if (found == columns.end())
+        throw InputError(fmt::format("{}: no column '{}'", particles.name, name));
+    auto const place = static_cast<std::size_t>(found - columns.begin());
+    if (found->source.empty())
+        return {name, 1, found->values};
+    ColumnLayer layer{name, 3, std::vector<float>(3 * found->values.size())};
+    for (std::size_t axis = 0; axis < 3; ++axis)
+        for (std::size_t row = 0; row < found->values.size(); ++row)
+            layer.values[3 * row + axis] = columns.at(place + 1 + axis).values[row];
+    return layer;
+}
+
 /// Chooses radii and colours, and tells how.
 std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet const& particles,
                          Note const& note, PhaseProgress const& progress) {
@@ -158,6 +174,10 @@ std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet 
     scene.color = options.color.color.value_or(defaultColor);
     if (options.hasLegend)
         scene.legend = legendOf(options.color, particles, scene.colors, scene.colorRange);
+    if (!options.legendTitle.empty() && scene.legend)
+        scene.legend->title = options.legendTitle;
+    for (std::string const& name : options.layers)
+        scene.layers.push_back(layerOf(particles, name));
     scene.upAxis = particles.upAxis;
     return std::move(radii.all);
 }
@@ -211,9 +231,12 @@ void placeRods(Scene& scene) {
 
 std::vector<std::string> columnsOf(SceneOptions const& options) {
     std::vector<std::string> names = columnsOf(options.selection);
-    if (std::string const& name = options.color.colorBy;
-        !name.empty() && std::find(names.begin(), names.end(), name) == names.end())
-        names.push_back(name);
+    std::vector<std::string> more = options.layers;
+    if (!options.color.colorBy.empty())
+        more.push_back(options.color.colorBy);
+    for (std::string const& name : more)
+        if (std::find(names.begin(), names.end(), name) == names.end())
+            names.push_back(name);
     return names;
 }
 

@@ -24,15 +24,24 @@
 
 namespace pipeline {
 
+/// A column of the particles for a layer of the picture.
+struct ColumnLayer {
+    std::string name;
+    std::size_t width = 1;     ///< numbers of a particle
+    std::vector<float> values; ///< by row; of particles that only a second snapshot has, none
+};
+
 /// How particles become a scene.
 struct SceneOptions {
     RadiusOptions radius;
     bool points = false; ///< with a radius, instead of solid spheres
     MotionOptions motion;
     ColorOptions color;
-    bool showsCell = false;     ///< its edges
-    bool hasLegend = false;     ///< of colours
-    SelectionOptions selection; ///< asked by `makeSelectedScene`
+    bool showsCell = false;          ///< its edges
+    bool hasLegend = false;          ///< of colours
+    std::string legendTitle;         ///< empty: the column's name
+    std::vector<std::string> layers; ///< columns that the picture is to have as well
+    SelectionOptions selection;      ///< asked by `makeSelectedScene`
 };
 
 /// Particles left out, by reason.
@@ -74,7 +83,8 @@ struct Scene {
     Kept chosen;                  ///< what a film is to keep of it; the radius, if spacing told it
     std::string radiusSource;     ///< why the radii are what they are, in words
     std::optional<Legend> legend; ///< if it was asked for
-    std::string colorColumn;      ///< the column that gives the colours, if any
+    std::vector<ColumnLayer> layers;
+    std::string colorColumn;                        ///< the column that gives the colours, if any
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     /// Not 0 for particles that no tree takes; empty: all are taken.
     std::vector<char> unusable;

@@ -53,6 +53,7 @@ class Image:
         normal: Optional[NDArray[float32]],
         id: Optional[NDArray[int64]],
         position: Optional[NDArray[float32]],
+        layers: Sequence[tuple[str, NDArray[float32]]],
         tile_label: bytes,
         facts: Any,
         /,

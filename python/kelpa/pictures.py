@@ -12,7 +12,7 @@ from . import _checks as check
 from . import _native
 from ._progress import Progress
 
-_CHANNELS = ("depth", "normal", "id", "position")
+_CHANNELS = ("depth", "normal", "id", "position", "layers")
 _BORDERS = _native.code_borders()  # the lights from which on codes 1 to 255 are the nearest
 
 
@@ -29,6 +29,9 @@ class Picture(NDArray[np.float32]):
         Unit normal and place there; zero where that is nothing.
     id : (height, width) int64, or None
         The particle there: its id if it has one, else its place among all; `NOTHING` where none is.
+    layers : dictionary, or None
+        Columns, by name, (height, width) float32 or (height, width, 3); and "velocity", (height,
+        width, 2), how many pixels what is seen goes to the right and up while the shutter is open.
     """
 
     NOTHING = -(2**63) + 0xFFFFFFFF
@@ -37,6 +40,7 @@ class Picture(NDArray[np.float32]):
     normal: Optional[NDArray[np.float32]]
     id: Optional[NDArray[np.int64]]
     position: Optional[NDArray[np.float32]]
+    layers: Optional[dict[str, NDArray[np.float32]]]
     _frame: Optional[tuple[tuple[int, int], tuple[int, int, int, int], bool, bytes, Any]]
 
     def __array_finalize__(self, source: Optional[NDArray[Any]]) -> None:
@@ -100,7 +104,7 @@ class Picture(NDArray[np.float32]):
         pixels = np.ascontiguousarray(self, dtype=np.float32)
         return _native.Image(
             size, part, pixels, self.depth, self.normal, self.id, self.position,
-            label, facts,
+            list((self.layers or {}).items()), label, facts,
         )
 
 

@@ -292,8 +292,8 @@ class Primitive:
             transparent; "sky" is the command's, from light to darker grey.
         shutter : (opens, closes)
             For moving particles: the times to blur over, within 0 to 1.
-        aov : names out of "depth", "normal", "id" and "position"
-            Further channels, in attributes of the picture.
+        aov : names out of "depth", "normal", "id", "position", "velocity" and "column:NAME"
+            Further channels, in attributes of the picture; the last two in its `layers`.
         depth : "ray" or "planar"
             What the depth is measured along: the ray, or the camera's axis.
         aperture, focus
@@ -320,8 +320,12 @@ class Primitive:
             camera = Camera.framing(self, aspect=(width, height))
         check.instance("camera", camera, Camera)
         channels = aov.split(",") if isinstance(aov, str) else list(aov)
+        columns = [name.removeprefix("column:") for name in channels if name.startswith("column:")]
+        channels = [name for name in channels if not name.startswith("column:")]
         for name in channels:
-            check.choice("aov", name, ("depth", "normal", "id", "position"))
+            check.choice(
+                "aov", name, ("depth", "normal", "id", "position", "velocity", "column:NAME")
+            )
         wish = _native.Wish()
         wish.size = width, height
         wish.samples = check.integer("samples", samples, 1, 65536)
@@ -332,6 +336,7 @@ class Primitive:
             wish.background = check.color("background", background)
         wish.shutter = check.span("shutter", shutter)
         wish.aov = channels
+        wish.columns = [(name, self._column(name)) for name in columns]
         check.choice("depth", depth, ("ray", "planar"))
         wish.planar_depth = depth == "planar"
         lens = check.number("aperture", aperture, 0.0, 1e30) / 2
@@ -357,6 +362,21 @@ class Primitive:
         if arrays.get("id") is not None:
             arrays["id"] = self._named(arrays["id"])
         return make_picture(arrays, (width, height), background is None)
+
+    def _column(self, name: str) -> NDArray[np.float32]:
+        """A column of all systems, (N,) or (N, 3)."""
+        parts = []
+        for system in self._systems:
+            if name not in system.columns:
+                known = ", ".join(system.columns) or "none"
+                raise ValueError(f"aov: no column {name!r}; there are {known}")
+            values = check.numbers(name, np.asarray(system.columns[name])).astype(np.float32)
+            if values.shape[1:] not in ((), (3,)):
+                raise check.shape_error(f"aov: column {name!r}", "(N,) or (N, 3)", values)
+            parts.append(values)
+        if len({part.shape[1:] for part in parts}) > 1:
+            raise ValueError(f"aov: column {name!r} is a vector in some systems only")
+        return np.concatenate(parts) if parts else np.zeros(0, dtype=np.float32)
 
     def _named(self, places: NDArray[np.int64]) -> NDArray[np.int64]:
         """Ids, where particles have them, for their places among all."""

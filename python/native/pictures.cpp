@@ -89,8 +89,9 @@ pipeline::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const
                         Array<float> const& rgba, std::optional<Array<float>> const& depth,
                         std::optional<Array<float>> const& normal,
                         std::optional<Array<std::int64_t>> const& id,
-                        std::optional<Array<float>> const& position, std::string const& tileLabel,
-                        std::optional<Facts> const& facts) {
+                        std::optional<Array<float>> const& position,
+                        std::vector<std::pair<std::string, Array<float>>> const& layers,
+                        std::string const& tileLabel, std::optional<Facts> const& facts) {
     pipeline::Image image;
     image.tileLabel = tileLabel;
     if (facts) {
@@ -111,6 +112,10 @@ pipeline::Image imageOf(std::array<int, 2> const& size, std::array<int, 4> const
     image.normal = valuesOf(normal);
     image.id = valuesOf(id);
     image.position = valuesOf(position);
+    for (auto const& [name, values] : layers) {
+        auto const width = values.ndim() > 2 ? static_cast<std::size_t>(values.shape(2)) : 1;
+        image.layers.push_back({name, width, valuesOf(std::optional(values))});
+    }
     return image;
 }
 
@@ -189,10 +194,39 @@ pipeline::LightOptions::Shade shadeOf(std::string const& name) {
                                  : Shade::flat;
 }
 
+using Names = std::vector<std::string>;
+
+/// What pictures have beside light.
+void defineChannels(py::class_<Wish>& wish) {
+    wish.def_property("aov", nullptr,
+                      [](Wish& w, Names const& names) {
+                          auto const has = [&names](char const* name) {
+                              return std::find(names.begin(), names.end(), name) != names.end();
+                          };
+                          w.image.depth = has("depth");
+                          w.image.normal = has("normal");
+                          w.image.id = has("id");
+                          w.image.position = has("position");
+                          w.image.velocity = has("velocity");
+                      })
+        .def_property("columns", nullptr,
+                      [](Wish& w, std::vector<std::pair<std::string, Array<float>>> const& all) {
+                          for (auto const& [name, values] : all) {
+                              auto const width = values.ndim() > 1 ? values.shape(1) : 1;
+                              w.image.columns.push_back(name);
+                              w.columns.push_back({name,
+                                                   static_cast<std::size_t>(width),
+                                                   {values.data(), values.data() + values.size()}});
+                          }
+                      })
+        .def_property("planar_depth", nullptr,
+                      [](Wish& w, bool planar) { w.image.isDepthPlanar = planar; });
+}
+
 void defineWish(py::module_& module) {
-    using Names = std::vector<std::string>;
-    py::class_<Wish>(module, "Wish")
-        .def(py::init<>())
+    py::class_<Wish> wish(module, "Wish");
+    defineChannels(wish);
+    wish.def(py::init<>())
         .def_property("size", nullptr,
                       [](Wish& w, std::array<int, 2> size) {
                           std::tie(w.image.width, w.image.height) = std::pair(size[0], size[1]);
@@ -216,18 +250,6 @@ void defineWish(py::module_& module) {
         .def_property(
             "shutter", nullptr,
             [](Wish& w, std::array<double, 2> const& shutter) { w.image.shutter = shutter; })
-        .def_property("aov", nullptr,
-                      [](Wish& w, Names const& names) {
-                          auto const has = [&names](char const* name) {
-                              return std::find(names.begin(), names.end(), name) != names.end();
-                          };
-                          w.image.depth = has("depth");
-                          w.image.normal = has("normal");
-                          w.image.id = has("id");
-                          w.image.position = has("position");
-                      })
-        .def_property("planar_depth", nullptr,
-                      [](Wish& w, bool planar) { w.image.isDepthPlanar = planar; })
         .def_property("lens", nullptr,
                       [](Wish& w, std::array<double, 2> const& lens) {
                           std::tie(w.lensRadius, w.focus) = std::pair(lens[0], lens[1]);
@@ -303,6 +325,12 @@ py::dict arraysOf(pipeline::Image const& image, bool isTransparent) {
         arrays["id"] = channel(image, image.id, 0);
     if (!image.position.empty())
         arrays["position"] = channel(image, image.position, 3);
+    py::dict layers;
+    for (pipeline::Layer const& layer : image.layers)
+        layers[layer.name.c_str()] = channel(
+            image, layer.values, layer.width > 1 ? static_cast<py::ssize_t>(layer.width) : 0);
+    if (!image.layers.empty())
+        arrays["layers"] = layers;
     arrays["part"] = py::make_tuple(image.cropX0, image.cropY0, image.cropX1, image.cropY1);
     if (auto const& facts = image.facts)
         arrays["facts"] =

@@ -5,12 +5,14 @@
 #include "pipeline/picture/framing.h"
 #include "pipeline/picture/image.h"
 #include "pipeline/picture/look.h"
+#include "pipeline/scene/scene.h"
 
 #include <pybind11/pybind11.h>
 
 #include <array>
 #include <optional>
 #include <tuple>
+#include <vector>
 
 namespace kelpapython {
 
@@ -30,10 +32,11 @@ struct Wish {
     Kelpa::Vector color; ///< of particles without colours; linear
     double lensRadius = 0.0;
     double focus = 1.0;
+    std::vector<pipeline::ColumnLayer> columns; ///< by the particles' rows
 };
 
-/// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id` and `position`; `part`, the
-/// pixels that they are, and `tile_label`.
+/// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id`, `position` and `layers`;
+/// `part`, the pixels that they are, and `tile_label`.
 pybind11::dict arraysOf(pipeline::Image const& image, bool isTransparent);
 
 void definePictures(pybind11::module_& module);

@@ -175,7 +175,9 @@ py::dict Tree::render(Placed const& camera, Wish const& wish, int threads,
         pipeline::Camera seen = cameraOf(camera, wish.image.width, wish.image.height, origin);
         seen.lensRadius = wish.lensRadius;
         seen.focus = wish.focus;
-        picture.emplace(sceneIn(wish.color), seen, wish.light, wish.image);
+        sceneIn(wish.color);
+        scene->layers = wish.columns;
+        picture.emplace(*scene, seen, wish.light, wish.image);
         image = picture->emptyImage();
     }
     runPieces(picture->tileCount(), threads, progress, "Rendering",

@@ -249,7 +249,11 @@ class PicturesOfFiles(WithFolder):
         self.check(splash, ["--eye", "3,-4,2.5", "--look-at", "0.1,0,0.3", "--fov", "50"], still,
                    camera=kelpa.Camera((3, -4, 2.5), (0.1, 0, 0.3), fov=50))
         self.check(splash, ["--motion", "velocity", "--shutter", "0:0.3"],
-                   kelpa.read(splash, motion="velocity", shutter=(0, 0.3)))
+                   moving := kelpa.read(splash, motion="velocity", shutter=(0, 0.3)))
+        picture = self.check(
+            splash, ["--motion", "velocity", "--shutter", "0:0.3", "--crop", "0,0,97,48", "--aov",
+                     "velocity"], moving, name="a.exr", aov="velocity", crop=(0, 0, 97, 48))
+        self.assertGreater(np.abs(picture.layers["velocity"]).max(), 1)
         self.check(self.water, ["--frame", "2", "--radii", "covalent", "--color-by", "charge"],
                    kelpa.read(self.water, 2, radii="covalent", color_by="charge"))
         self.check(self.water, ["--shadows", "--frame", "1", "--motion", later := self.later()],
@@ -259,15 +263,22 @@ class PicturesOfFiles(WithFolder):
         path = self.folder / "far.xyz"
         rng = np.random.default_rng(1)
         places = rng.random((400, 3)) + [1000, -2000, 0]
-        path.write_text("400\n\n" + "".join(f"Ar {x:.6} {y:.6} {z:.6}\n" for x, y, z in places))
+        path.write_text("400\nProperties=species:S:1:pos:R:3:q:R:1:velo:R:3\n" + "".join(
+            f"Ar {x:.6} {y:.6} {z:.6} {i} .2 0 {i % 7 / 9}\n" for i, (x, y, z) in enumerate(places)
+        ))
         far = kelpa.read(path, radius=0.05)
         np.testing.assert_array_equal(far.positions[:, 0], [F(f"{x:.6}") for x in places[:, 0]])
         picture = self.check(
-            path, ["--radius", "0.05", "--aov", "depth,normal,id,position", "--crop", "20,10,80,50"],
-            far, name="a.exr", aov="depth,normal,id,position", crop=(20, 10, 80, 50),
+            path, ["--radius", "0.05", "--crop", "20,10,80,50", "--aov",
+                   layers := "depth,normal,id,position,velocity,column:q"],
+            far, name="a.exr", aov=layers, crop=(20, 10, 80, 50),
         )
         hit = picture.id != kelpa.Picture.NOTHING
         self.assertTrue(hit.any() and not hit.all())
+        np.testing.assert_array_equal(picture.layers["q"][hit], picture.id[hit])
+        self.assertFalse(picture.layers["velocity"].any())
+        with self.assertRaisesRegex(ValueError, "aov: no column 'p'; there are .*q"):
+            kelpa.Primitive(far).render(aov="column:p")
         offset = picture.position[hit] - far.positions[picture.id[hit]]
         np.testing.assert_allclose(np.linalg.norm(offset, axis=1), 0.05, rtol=2e-2)
         camera = kelpa.Camera.framing(kelpa.Primitive(far), aspect=(97, 61))

@@ -84,6 +84,66 @@ TEST_F(ExrLayers, LeadFromPlacesToPixelsByTheirMatrices) {
         }
 }
 
+TEST_F(ExrLayers, HoldColumnsByTheParticleThatIsSeen) {
+    // Parted into blocks, the particles change places; their columns go with them.
+    std::vector<float> first;
+    for (char const* const block : {"1048576", "1"}) {
+        Layers layers = render({"--aov", "id,column:q,column:velo", "--block", block});
+        auto const q = layers.channel("q");
+        auto const along = layers.channel("velo.Z");
+        auto const id = layers.channel("id");
+        int seen[2] = {};
+        for (std::size_t i = 0; i < q.size(); ++i) {
+            bool const isFirst = id[i] == 0.0F;
+            bool const isSecond = id[i] == 1.0F;
+            ++seen[isSecond ? 1 : 0];
+            EXPECT_EQ(q[i], isFirst ? -7.0F : isSecond ? 5.0F : 0.0F) << i;
+            EXPECT_EQ(along[i], isFirst ? 2.0F : 0.0F) << i;
+        }
+        EXPECT_GT(seen[1], 4);
+        EXPECT_TRUE(first.empty() || first == q);
+        first = q;
+    }
+    EXPECT_TRUE(contains(run({"render", "two.xyz", "-o", "a.exr", "--aov", "column:q2"}).err,
+                         "no column 'q2'"));
+    EXPECT_TRUE(contains(run({"render", "two.xyz", "-o", "a.png", "--aov", "velocity"}).err,
+                         "PNG cannot hold --aov"));
+}
+
+TEST_F(ExrLayers, TellMotionInPixels) {
+    for (bool const isParallel : {false, true}) {
+        SCOPED_TRACE(isParallel);
+        Words words = {"--aov", "velocity,position,id", "--motion", "velocity", "--shutter",
+                       "0:.25"};
+        if (isParallel)
+            words.emplace_back("--ortho");
+        Layers layers = render(words);
+        Imath::M44f const toNdc = Imf::worldToNDC(layers.file.header());
+        auto const x = layers.channel("P.X");
+        auto const y = layers.channel("P.Y");
+        auto const z = layers.channel("P.Z");
+        auto const right = layers.channel("velocity.X");
+        auto const up = layers.channel("velocity.Y");
+        auto const id = layers.channel("id");
+        int seen = 0;
+        for (std::size_t i = 0; i < id.size(); ++i) {
+            if (id[i] != 0.0F && id[i] != 1.0F) {
+                EXPECT_EQ(right[i], 0.0F);
+                continue;
+            }
+            ++seen;
+            // The sample's time is not told, but lies within the shutter, open for a quarter.
+            Imath::V3f const place(x[i], y[i], z[i]);
+            Imath::V3f const way = (id[i] == 0.0F ? Imath::V3f(0, 0, 2) : Imath::V3f(0, 3, 0)) / 4;
+            Imath::V3f const early = (place + way) * toNdc - place * toNdc;
+            Imath::V3f const late = place * toNdc - (place - way) * toNdc;
+            EXPECT_NEAR(right[i], (early.x + late.x) * 6, std::abs(early.x - late.x) * 6 + 1e-3);
+            EXPECT_NEAR(up[i], (early.y + late.y) * 4, std::abs(early.y - late.y) * 4 + 1e-3);
+        }
+        EXPECT_GT(seen, 20);
+    }
+}
+
 TEST_F(ExrLayers, TellWhatTheyShow) {
     Layers const layers =
         render({"--fps", "25", "--seed", "18446744073709551615", "--motion", "velocity",

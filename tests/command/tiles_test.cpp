@@ -38,7 +38,8 @@ TEST_F(JoinedTiles, AreThePictureOfOneRun) {
         Words options;
         int count;
     };
-    Words const aovs = {"--aov", "depth,normal,id,position", "--background", "none"};
+    Words const aovs = {"--aov", "depth,normal,id,position,velocity,column:radius", "--background",
+                        "none"};
     for (Case const& c : {Case{"exr", aovs, 3}, Case{"exr", {"--crop", "5,7,44,61"}, 4},
                           Case{"exr", {"--crop", "3,20,9,29"}, 9}, Case{"png", {}, 23},
                           Case{"png", {"--background", "none"}, 1}}) {
@@ -73,6 +74,11 @@ TEST_F(JoinedTiles, AreRefusedUnlessTheyMakeUpOnePicture) {
         EXPECT_EQ(refusal({"o.exr", "1.exr", "2.exr", "other.exr"}), "kelpa: other.exr" + differs)
             << fmt::format("{}", fmt::join(options, " "));
     }
+    for (char const* const k : {"1", "2"})
+        renderPart(fmt::format("bar{}.exr", k),
+                   {"--color-by", "radius", "--tile", fmt::format("{}/2", k),
+                    fmt::format("--colorbar=title {}", k)});
+    EXPECT_TRUE(contains(refusal({"o.exr", "bar1.exr", "bar2.exr"}), "is a tile of another"));
     EXPECT_EQ(refusal({"o.exr", "2.exr"}),
               "kelpa: of the 3 tiles of 2.exr's picture 1, 3 are missing\n");
     EXPECT_EQ(refusal({"o.exr", "1.exr", "2.exr", "./2.exr", "3.exr"}),
@@ -93,7 +99,7 @@ TEST_F(JoinedTiles, AreRefusedUnlessTheyMakeUpOnePicture) {
     EXPECT_TRUE(contains(refusal({"o.exr", "none.exr"}), "none.exr: cannot be opened: No such"));
     EXPECT_TRUE(contains(refusal({"o.ppm", "1.exr"}, 2), "tiles are .exr or .png"));
     EXPECT_TRUE(contains(refusal({"1.exr", "1.exr", "3.exr"}, 2), "1.exr: would be written over"));
-    EXPECT_TRUE(others({}).size() == 6) << "no output";
+    EXPECT_TRUE(others({}).size() == 8) << "no output";
     for (char const* const tile : {"0/3", "4/3", "1/71", "1-3", "-1/3"})
         EXPECT_TRUE(contains(run({"render", "v.ply", "-o", "o.exr", "--size", "50x70",
                                   std::string("--tile=") + tile})

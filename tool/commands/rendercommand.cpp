@@ -190,11 +190,8 @@ void Rendering::renderPicture(BuiltScene& built, Camera const& camera, int frame
     noteFiles(built.scene, options.run);
     StoreFigures const after = figures();
     tellFacts(*image.facts, frame);
-    if (auto legend = built.scene.legend) {
-        if (!options.legendTitle.empty())
-            legend->title = options.legendTitle;
-        drawColorBar(image, *legend);
-    }
+    if (built.scene.legend)
+        drawColorBar(image, *built.scene.legend);
     double const renderSeconds = renderTime.seconds();
     Stopwatch const writeTime;
     byFirstRank([&] { writePicture(image, output); });

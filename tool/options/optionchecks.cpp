@@ -129,6 +129,7 @@ void checkTogether(GivenOption const& isGiven, Options& options) {
                                      file->path));
     if (!particles.frames.empty() && file != nullptr)
         throw UsageError("--frames goes with --motion none, velocity or next, not with a file");
+    options.scene.layers = options.image.columns;
     options.run.notesOnce = !particles.frames.empty();
     checkEffects(isGiven, options);
     for (char const* const other : {"--radius", "--radius-from"})

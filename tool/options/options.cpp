@@ -344,9 +344,9 @@ std::optional<Options> parseOptions(int argc, char const* const* argv, int& exit
             options.run.stats = true;
             options.run.statsFile.clear();
         }
-        options.scene.hasLegend = !options.legendTitle.empty();
-        if (options.legendTitle == "true")
-            options.legendTitle.clear();
+        options.scene.hasLegend = !options.scene.legendTitle.empty();
+        if (options.scene.legendTitle == "true")
+            options.scene.legendTitle.clear();
         if (options.command == Options::Command::view)
             keepWords(command, options.view);
         if (options.command == Options::Command::render)

@@ -90,7 +90,6 @@ struct Options {
     RunOptions run;
     ViewOptions view;
     std::string output;
-    std::string legendTitle; ///< instead of the column's name
     std::string commandLine; ///< as it may be given again, but for where it writes and how it runs
     std::vector<std::string> tiles; ///< to be joined
     bool json = false;

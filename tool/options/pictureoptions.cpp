@@ -17,15 +17,23 @@ namespace {
 /// Takes names between commas.
 void takeChannels(std::string const& names, ImageOptions& image) {
     std::istringstream rest(names + ",");
-    for (std::string name; std::getline(rest, name, ',');) {
+    for (std::string given; std::getline(rest, given, ',');) {
+        std::string const name = inSmallLetters(given);
+        if (name.starts_with("column:") && name.size() > 7) {
+            image.columns.push_back(given.substr(7));
+            continue;
+        }
         bool* const channel = name == "depth"      ? &image.depth
                               : name == "normal"   ? &image.normal
                               : name == "id"       ? &image.id
                               : name == "position" ? &image.position
+                              : name == "velocity" ? &image.velocity
                                                    : nullptr;
         if (channel == nullptr)
-            throw UsageError(
-                fmt::format("'{}' is none of depth, normal, id and position, with commas", name));
+            throw UsageError(fmt::format(
+                "'{}' is none of depth, normal, id, position, velocity and column:NAME, with "
+                "commas",
+                given));
         *channel = true;
     }
 }
@@ -193,11 +201,11 @@ void addPixelOptions(CLI::App& app, ImageOptions& image) {
         "Only tile K of the N that share the picture, K from 1; kelpa join puts them together")
         ->group("Image");
     addTaken(
-        app, "--aov", "depth,normal,id,position",
-        [&image](std::string const& names) { takeChannels(inSmallLetters(names), image); },
+        app, "--aov", "depth,normal,id,position,velocity,column:NAME",
+        [&image](std::string const& names) { takeChannels(names, image); },
         "Further channels of an .exr, of the pixel's first sample: depth (Z: distance along the "
         "ray, 1e30 where no particle is), normal, id (with id.high the 64 bits of it), "
-        "position")
+        "position, velocity (pixels to the right and up while the shutter is open), columns")
         ->group("Image");
 }
 
@@ -237,7 +245,7 @@ void addImageOptions(CLI::App& app, ImageOptions& image, bool& showsCell) {
 
 void addExrOptions(CLI::App& app, Options& options) {
     // A flag takes a value after = only, so that it never swallows the file that follows it.
-    app.add_flag("--colorbar", options.legendTitle,
+    app.add_flag("--colorbar", options.scene.legendTitle,
                  "Draw what colours mean, a bar with ticks or the kinds, with the column's name or "
                  "this title; a layer of its own in an .exr")
         ->type_name("[=TITLE]")

@@ -65,6 +65,7 @@ ReadOptions SnapshotReader::readOptions(PhaseProgress const& progress) const {
     read.forMotion = hasSecondSnapshot(options.scene.motion.motion);
     read.progress = progress;
     read.attributes = columnsOf(options.scene);
+    read.vectorParts = !options.scene.layers.empty();
     return read;
 }
 
