@@ -39,10 +39,11 @@ def content(entry):
     """A digest of the question and of all files of ours that the answer hangs on."""
     words = shlex.split(entry["command"])
     del words[words.index("-o"):words.index("-o") + 2]
+    question = " ".join(words)
     words[words.index("-c")] = "-MM"
     rule = subprocess.run(words, cwd=entry["directory"], capture_output=True, text=True, check=True)
     files = rule.stdout.split(":", 1)[1].replace("\\\n", " ").split()
-    digest = hashlib.sha256(pathlib.Path(".clang-tidy").read_bytes() + entry["command"].encode())
+    digest = hashlib.sha256(pathlib.Path(".clang-tidy").read_bytes() + question.encode())
     for file in files:
         digest.update(pathlib.Path(entry["directory"], file).read_bytes())
     return digest.hexdigest()
