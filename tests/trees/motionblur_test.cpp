@@ -113,7 +113,7 @@ TEST(MovingTrees, OfWhatStandsAnswerLikeStillTrees) {
     RaySource rays(still.cloud, 4);
     Random random(4);
     int hits = 0;
-    for (int i = 0; i < 3000; ++i) {
+    for (std::size_t i = 0; i < 3000; ++i) {
         Query query = rays.make(plainAims[i % std::size(plainAims)]);
         query.time = random.between(0.001F, 0.999F);
         RSRay a = moving.makeRay(query), b = still.makeRay(query);
