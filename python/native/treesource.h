@@ -17,6 +17,7 @@ namespace kelpapython {
 /// What Python tells of a primitive's particles. Rows are those of all systems, one behind the
 /// other.
 struct Told {
+    std::shared_ptr<void> alive; ///< what keeps the tree
     std::string title;
     char upAxis = 'z';
     Kelpa::Vector color; ///< of particles without colours; linear
@@ -30,7 +31,7 @@ struct Told {
 /// Shows a tree as it is, and builds others for some of its particles and for other radii.
 class TreeSource final : public pipeline::view::Source {
   public:
-    /// `shown` must outlive it.
+    /// `facts.alive` keeps `shown`.
     TreeSource(Tree& shown, Told facts, int threadCount);
 
     std::shared_ptr<pipeline::view::Shown> load(pipeline::view::SceneChoice const& choice,

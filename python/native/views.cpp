@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -71,9 +72,16 @@ Held hold(py::object thing) {
             }};
 }
 
+/// Whether this thread, one of a view's own, asks Python just now.
+thread_local bool isAsking = false;
+
 /// Asks Python, on a thread that does not hold its lock. What it raises is said in its words.
 template <class Ask> auto askPython(Ask ask) {
     py::gil_scoped_acquire const locked;
+    struct Mark {
+        Mark() { isAsking = true; }
+        ~Mark() { isAsking = false; }
+    } const mark;
     try {
         return ask();
     } catch (py::error_already_set const& error) {
@@ -105,7 +113,7 @@ std::function<pipeline::view::Row(std::int64_t)> rowsBy(Held const& function) {
     };
 }
 
-/// A server that ends with it. Nobody may ask it from two threads but for `close`.
+/// A server that ends with it.
 class View {
   public:
     View(std::unique_ptr<pipeline::view::Source> source, Show const& show) {
@@ -124,19 +132,32 @@ class View {
     ~View() { close(); }
 
     void close() {
+        hasEnded = true;
         std::shared_ptr<Server> ending = std::move(server);
+        if (ending && isAsking) { // Python collects its garbage while a view asks it something
+            std::thread([last = std::move(ending)]() mutable { last.reset(); }).detach();
+            return;
+        }
         py::gil_scoped_release const unlocked;
         ending.reset();
     }
 
     /// Waits for the first scene; throws what there is instead of it.
     void wait(py::object const& progress) {
-        std::shared_ptr<Server> const waited = server;
-        if (!waited)
+        struct Waited {
+            std::shared_ptr<Server> server;
+            ~Waited() {
+                py::gil_scoped_release const unlocked; // it may be the last who holds it
+                server.reset();
+            }
+        } const waited{server};
+        if (hasEnded)
             throw py::value_error("the view is closed");
         runWatched(progress, "Reading", [&](pipeline::PhaseProgress const& report) {
-            Stage const& stage = waited->stage();
+            Stage const& stage = waited.server->stage();
             while (!stage.shown()) {
+                if (hasEnded)
+                    throw py::value_error("the view is closed");
                 if (std::exception_ptr const failure = stage.firstFailure())
                     std::rethrow_exception(failure);
                 report(stage.news().fraction, 0);
@@ -146,10 +167,11 @@ class View {
     }
 
     std::string const& link() const { return address; }
-    bool isClosed() const { return server == nullptr; }
+    bool isClosed() const { return hasEnded; }
 
   private:
     std::shared_ptr<Server> server;
+    std::atomic<bool> hasEnded = false;
     std::string address;
 };
 
@@ -176,6 +198,7 @@ std::unique_ptr<View> viewTree(Tree& tree, std::string const& title, char upAxis
                                std::optional<Array<std::int64_t>> const& ids, py::object column,
                                py::object row, Show const& show) {
     Told told;
+    told.alive = hold(py::cast(tree, py::return_value_policy::reference));
     told.title = title;
     told.upAxis = upAxis;
     told.color = {color[0], color[1], color[2]};
@@ -235,7 +258,7 @@ void defineViews(py::module_& module) {
         .def("wait", &View::wait)
         .def("close", &View::close);
     module.def("view_files", &viewFiles);
-    module.def("view_tree", &viewTree, py::keep_alive<0, 1>());
+    module.def("view_tree", &viewTree);
 }
 
 } // namespace kelpapython

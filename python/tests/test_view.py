@@ -6,6 +6,7 @@ import shlex
 import subprocess
 import sys
 import unittest
+import unittest.mock
 import urllib.error
 import urllib.request
 from pathlib import Path
@@ -116,6 +117,24 @@ class Views(WithFolder):
         del page
         gc.collect()
         self.assertFalse(is_there(link), "nobody holds it")
+        # In the middle of the view's own question, by its own thread.
+        held = [self.row_of_four()]
+        asked = []
+        find = kelpa.view.__globals__["_column"]
+
+        def column(systems, name):
+            asked.append(pages.clear())
+            return find(systems, name)
+
+        with unittest.mock.patch.dict(kelpa.view.__globals__, {"_column": column}):
+            pages = [kelpa.view(held[0])]
+            link = pages[0].link
+            with line_to(pages[0]) as line:
+                line.send({"scene": {"colorBy": "heat"}})
+                with self.assertRaises((EOFError, OSError)):
+                    while True:
+                        line.receive()
+            self.assertEqual((len(asked), is_there(link)), (1, False))
         # A page that somebody looks at, with hours of work, does not keep a program from its end.
         program = (f"import sys; sys.path[:0] = {[str(Path(__file__).parent)]!r}\n"
                    "import numpy as np, kelpa, test_view\n"
