@@ -263,8 +263,13 @@ class Server::Impl {
                     void* data) {
         constexpr int wholeText = 0x81; // in one frame
         constexpr int opcode = 0x0F;
+        constexpr std::size_t longestPing = 125;
         if ((bits & opcode) == MG_WEBSOCKET_OPCODE_PONG)
             return 1;
+        if ((bits & opcode) == MG_WEBSOCKET_OPCODE_PING && size <= longestPing) {
+            mg_websocket_write(connection, MG_WEBSOCKET_OPCODE_PONG, bytes, size);
+            return 1;
+        }
         if (bits != wholeText || size > longestMessage)
             return 0; // closes; a goodbye does as well
         std::shared_ptr<Session> const session = self(data).sessionOf(connection);

@@ -108,16 +108,21 @@ const act = {
   save(format) { save(format); },
   copyCommand() { connection.send({ command: true }); },
   copyLink() { copy(viewpoint.toLink(), 'Link'); },
-  togglePanel() {
+  togglePanel(click) {
     at('panel').hidden = !at('panel').hidden;
     at('viewlist').hidden = true;
     at('settings').setAttribute('aria-expanded', String(!at('panel').hidden));
     document.body.classList.toggle('haspanel', !at('panel').hidden);
+    if (!click && !at('panel').hidden)
+      at('colorby').focus(); // who comes by a key goes on by keys
   },
   toggleFull() {
     document.fullscreenElement ? document.exitFullscreen() : document.documentElement.requestFullscreen();
   },
-  help() { at('help').showModal(); },
+  help() {
+    at('help').showModal();
+    at('help').scrollTop = 0; // of which the focus shows the end, where it is long
+  },
   escape() {
     if (!at('viewlist').hidden)
       toggleViews();
