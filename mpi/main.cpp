@@ -103,8 +103,9 @@ int answerOthers(int argc, char** argv) {
 }
 
 /// Ends all processes alike. Of those that failed the first one tells.
-int finish(Failure const& failure, mpi::MpiRanks const& ranks, Silence const& silence) {
+int finish(Failure const& failure, mpi::MpiRanks& ranks, Silence const& silence) {
     bool const hasFailed = !failure.text.empty();
+    ranks.end(hasFailed);
     int const speaker = ranks.least(hasFailed ? ranks.rank() : ranks.ranks());
     if (hasFailed && ranks.rank() == speaker) {
         silence.end();

@@ -15,7 +15,7 @@ namespace {
 static_assert(sizeof(std::uint64_t) == sizeof(unsigned long long)); // as MPI calls it
 constexpr std::size_t mostBytes = std::size_t{1} << 30; // of one message: MPI counts in int
 constexpr int listCount = 4;
-enum Tag { parcelTag = 1, gatherTag = parcelTag + listCount };
+enum Tag { parcelTag = 1, gatherTag = parcelTag + listCount, swapTag };
 
 /// Memory for what others are sending already: without it they would wait for ever.
 template <class List> void makeRoom(List& list, std::size_t size) {
@@ -60,6 +60,13 @@ template <class AnyParcel, class Visit> void forEachList(AnyParcel& parcel, Visi
     visit(parcel.hits, 1);
     visit(parcel.distances, 2);
     visit(parcel.occluded, 3);
+}
+
+/// Calls `visit` with pieces of many numbers: MPI counts in int.
+template <class Visit> void forEachPiece(std::span<std::int64_t> numbers, Visit const& visit) {
+    for (std::size_t first = 0; first < numbers.size(); first += mostBytes)
+        visit(numbers.data() + first,
+              static_cast<int>(std::min(mostBytes, numbers.size() - first)));
 }
 
 } // namespace
@@ -122,6 +129,41 @@ std::vector<std::vector<char>> MpiRanks::gather(std::vector<char> part) {
     if (mine == 0)
         parts[0] = std::move(part);
     return parts;
+}
+
+void MpiRanks::foldAll(Fold how, std::span<std::int64_t> numbers) {
+    forEachPiece(numbers, [how](std::int64_t* first, int many) {
+        MPI_Allreduce(MPI_IN_PLACE, first, many, MPI_INT64_T, how == Fold::sum ? MPI_SUM : MPI_MAX,
+                      MPI_COMM_WORLD);
+    });
+}
+
+void MpiRanks::addUpAllBefore(std::span<std::int64_t> numbers) {
+    forEachPiece(numbers, [](std::int64_t* first, int many) {
+        MPI_Exscan(MPI_IN_PLACE, first, many, MPI_INT64_T, MPI_SUM, MPI_COMM_WORLD);
+    });
+    if (mine == 0) // of whom nothing is defined
+        std::fill(numbers.begin(), numbers.end(), 0);
+}
+
+std::vector<RayTransport::Bytes> MpiRanks::swapAll(std::vector<Bytes> parts) {
+    std::vector<std::uint64_t> outgoing(parts.size());
+    std::vector<std::uint64_t> incoming(parts.size());
+    std::transform(parts.begin(), parts.end(), outgoing.begin(),
+                   [](Bytes const& part) { return part.size(); });
+    MPI_Alltoall(outgoing.data(), 1, MPI_UINT64_T, incoming.data(), 1, MPI_UINT64_T,
+                 MPI_COMM_WORLD);
+    std::vector<Bytes> arrived(parts.size());
+    Messages messages;
+    for (std::size_t rank = 0; rank < parts.size(); ++rank) {
+        makeRoom(arrived[rank], incoming[rank]);
+        messages.receive(arrived[rank].data(), arrived[rank].size(), static_cast<int>(rank),
+                         swapTag);
+    }
+    for (std::size_t rank = 0; rank < parts.size(); ++rank)
+        messages.send(parts[rank].data(), parts[rank].size(), static_cast<int>(rank), swapTag);
+    messages.finish();
+    return arrived;
 }
 
 int MpiRanks::ranksHere() const {

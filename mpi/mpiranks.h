@@ -22,6 +22,11 @@ class MpiRanks final : public RayTransport {
     int least(int said) const;
     int greatest(int said) const;
 
+  protected:
+    void foldAll(Fold how, std::span<std::int64_t> numbers) override;
+    void addUpAllBefore(std::span<std::int64_t> numbers) override;
+    std::vector<Bytes> swapAll(std::vector<Bytes> parts) override;
+
   private:
     int mine = 0;
     int count = 1;

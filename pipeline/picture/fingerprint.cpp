@@ -71,13 +71,32 @@ class Mixer {
     std::uint64_t state = 0x243F6A8885A308D3U; // anything but zero
 };
 
-void addSnapshot(Mixer& mixer, Snapshot const* snapshot) {
-    mixer.add(snapshot != nullptr ? 1 : 0);
-    if (snapshot == nullptr)
-        return;
-    mixer.addAll(snapshot->positions);
-    mixer.addAll(snapshot->radii);
-    mixer.addNumbers(snapshot->part(0, 0).particleType);
+void addParticle(Mixer& mixer, Snapshot const& snapshot, std::size_t particle) {
+    mixer.addVector(snapshot.positions[particle]);
+    mixer.addNumbers(snapshot.radii[particle]);
+}
+
+/// A sum over particles, each with its place: so those who share them may add up theirs.
+std::uint64_t sumOfParticles(Scene const& scene) {
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < scene.first->positions.size(); ++i) {
+        Mixer mixer;
+        mixer.add(static_cast<std::uint64_t>(scene.firstPlace) + i);
+        addParticle(mixer, *scene.first, i);
+        if (scene.second != nullptr)
+            addParticle(mixer, *scene.second, i);
+        if (!scene.colors.empty())
+            mixer.addVector(scene.colors[i]);
+        if (!scene.ids.empty())
+            mixer.addNumbers(scene.ids[i]);
+        sum += mixer.result();
+    }
+    if (scene.sharers == nullptr)
+        return sum;
+    std::int64_t halves[] = {static_cast<std::int64_t>(sum >> 32U),
+                             static_cast<std::int64_t>(sum & 0xFFFFFFFFU)};
+    scene.sharers->fold(RayTransport::Fold::sum, halves); // which has no room for more bits
+    return (static_cast<std::uint64_t>(halves[0]) << 32U) + static_cast<std::uint64_t>(halves[1]);
 }
 
 /// The colours of a map are those of the particles.
@@ -93,11 +112,9 @@ void addLegend(Mixer& mixer, Legend const& legend) {
 }
 
 void addScene(Mixer& mixer, Scene const& scene) {
-    addSnapshot(mixer, scene.first.get());
-    addSnapshot(mixer, scene.second.get());
-    mixer.addAll(scene.colors);
+    mixer.add(sumOfParticles(scene));
+    mixer.addNumbers(scene.first->part(0, 0).particleType);
     mixer.addVector(scene.color);
-    mixer.addAll(scene.ids);
     mixer.addVec(scene.origin);
     mixer.addNumbers(scene.upAxis);
     for (ColumnLayer const& layer : scene.layers) {

@@ -80,6 +80,9 @@ class Footprint::Marks {
         ++at(block.x1 + 1, block.y1 + 1);
     }
 
+    /// Adds the blocks of all ranks.
+    void addThoseOf(RayTransport& ranks) { ranks.fold(RayTransport::Fold::sum, corners); }
+
     std::vector<char> reached() {
         std::vector<char> cells;
         cells.reserve(corners.size());
@@ -127,6 +130,8 @@ Footprint::Footprint(Scene const& scene, Camera const& camera, int left, int top
     layOut(left, top, right, bottom);
     Marks marks(grid);
     mark(scene, camera, marks);
+    if (scene.sharers != nullptr)
+        marks.addThoseOf(*scene.sharers);
     reached = marks.reached();
 }
 

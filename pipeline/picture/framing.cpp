@@ -86,6 +86,16 @@ struct Reach {
     double middle() const { return (above - below) / 2.0; }
 };
 
+/// Of what was found among the spheres that are here makes what is found among all.
+void takeGreatest(FramedSpheres const& spheres, Reach& horizontal, Reach& vertical,
+                  double& nearest) {
+    double all[] = {horizontal.above, horizontal.below, vertical.above, vertical.below, nearest};
+    spheres.takeGreatest(all);
+    horizontal = {all[0], all[1]};
+    vertical = {all[2], all[3]};
+    nearest = all[4];
+}
+
 /// Draws a pinhole back, and moves it across, until all spheres fit.
 ///
 /// A sphere at (y, z) in the camera's frame, z towards the eye, with radius r lies inside the upper
@@ -116,6 +126,7 @@ void fitPinhole(Camera& camera, double tanHalfWidth, double tanHalfHeight,
         vertical.add(dot(c, camera.up), depth, r);
         nearest = std::max(nearest, depth + r);
     });
+    takeGreatest(spheres, horizontal.reach, vertical.reach, nearest);
     double const distance = std::max(horizontal.reach.width(), vertical.reach.width()) / 2.0;
     double const x = horizontal.reach.middle() / horizontal.cotangent;
     double const y = vertical.reach.middle() / vertical.cotangent;
@@ -136,6 +147,7 @@ void fitParallel(Camera& camera, FramedSpheres const& spheres) {
         vertical.add(y + r, r - y);
         nearest = std::max(nearest, r - dot(c, camera.forward));
     });
+    takeGreatest(spheres, horizontal, vertical, nearest);
     double const aspect = static_cast<double>(camera.width) / camera.height;
     camera.tanHalfHeight =
         marginFactor * std::max(vertical.width(), horizontal.width() / aspect) / 2.0;

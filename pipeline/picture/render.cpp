@@ -177,7 +177,7 @@ Image renderImage(Scene const& scene, Camera const& camera, ImageOptions const& 
     auto const store = scene.geometry->storeFigures();
     if (store && store->held < store->blocks) {
         NoTransport none;
-        RayExchange exchange(*scene.geometry->blocks(), none, threads);
+        RayExchange exchange(scene, *scene.geometry->blocks(), none, threads);
         renderTilesLater(picture, order.shareOf(0, 1), exchange, image,
                          {raysBeside(*store), threads}, progress);
         return image;

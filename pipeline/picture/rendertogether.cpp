@@ -93,7 +93,7 @@ Image renderTogether(Scene const& scene, Camera const& camera, ImageOptions cons
     std::vector<std::size_t> tiles;
     ranks.together([&] {
         picture.emplace(scene, camera, look, frame);
-        exchange.emplace(*scene.geometry->blocks(), ranks, threads);
+        exchange.emplace(scene, *scene.geometry->blocks(), ranks, threads);
         image = picture->emptyImage();
         tiles = tilesOf(*picture, ranks.rank(), ranks.ranks());
     });

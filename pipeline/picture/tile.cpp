@@ -162,7 +162,7 @@ bool addSamplesLater(PicturePlan const& plan, TilePlace const& tile, SampleRange
                      Image& image, RayTape& tape, Kelpa::GoOn const& goOn) {
     TilePixel pixels[pixelsPerTile];
     std::size_t const count = gatherPixels(plan, tile, range, image, pixels);
-    TilePasses passes(plan, std::span(pixels, count));
+    TilePasses passes(plan, std::span(pixels, count), &tape);
     tape.want(Wanted::hit);
     if (!passes.findSurfaces(range, tape, goOn))
         return false;

@@ -9,6 +9,30 @@
 
 namespace pipeline {
 
+/// What the tape tells of a surface, whose ray's number is that of its sample.
+ParticleLook const& TilePasses::lookOnTape(std::size_t surface) const {
+    std::size_t const ray = std::size_t{surfaces.pixel[surface]} * sampleCount;
+    return tape->hits[ray + surfaces.sample[surface]].look;
+}
+
+Kelpa::Vector const& TilePasses::colorOf(std::size_t surface) const {
+    if (tape != nullptr)
+        return lookOnTape(surface).color;
+    Scene const& scene = plan.scene;
+    auto const particle = static_cast<std::size_t>(surfaces.particle[surface]);
+    return particle < scene.colors.size() ? scene.colors[particle] : scene.color;
+}
+
+float TilePasses::radiusOf(std::size_t surface) const {
+    return tape != nullptr
+               ? lookOnTape(surface).radius
+               : plan.scene.first->radii[static_cast<std::size_t>(surfaces.particle[surface])];
+}
+
+std::int64_t TilePasses::idOf(std::size_t surface) const {
+    return tape != nullptr ? lookOnTape(surface).id : plan.scene.idOf(surfaces.particle[surface]);
+}
+
 /// What `depth` tells of a hit.
 double TilePasses::depthOf(double t, Vec const& along) const {
     return plan.isDepthPlanar ? t * dot(along, plan.camera.forward) : t;
@@ -33,7 +57,7 @@ void TilePasses::storeFirstHits(Image& image) const {
                 surfaces.t[i], wide({surfaces.dir.x[i], surfaces.dir.y[i], surfaces.dir.z[i]})));
         storeLayers(image, i, at);
         if (!image.id.empty())
-            image.id[at] = scene.idOf(surfaces.particle[i]);
+            image.id[at] = idOf(i);
         float const normal[3] = {surfaces.normal.x[i], surfaces.normal.y[i], surfaces.normal.z[i]};
         double const place[3] = {surfaces.place.x[i], surfaces.place.y[i], surfaces.place.z[i]};
         for (std::size_t axis = 0; axis < 3; ++axis) {

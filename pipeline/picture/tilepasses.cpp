@@ -217,10 +217,8 @@ void TilePasses::addSurface(std::uint16_t pixel, std::uint16_t sample, std::size
 
 /// Finds all that light needs to know of the surfaces.
 void TilePasses::finishSurfaces() {
-    Scene const& scene = plan.scene;
     for (std::size_t i = 0; i < surfaces.count; ++i) {
-        auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
-        Vector const& color = particle < scene.colors.size() ? scene.colors[particle] : scene.color;
+        Vector const& color = colorOf(i);
         surfaces.color.x[i] = color.x;
         surfaces.color.y[i] = color.y;
         surfaces.color.z[i] = color.z;
@@ -230,8 +228,7 @@ void TilePasses::finishSurfaces() {
     kernels.goAlong(surfaces.count, surfaces.dir, surfaces.t, surfaces.place);
     kernels.normalise(surfaces.count, plan.light, surfaces.normal, surfaces.cosine);
     for (std::size_t i = 0; i < surfaces.count; ++i) {
-        auto const particle = static_cast<std::size_t>(surfaces.particle[i]);
-        surfaces.clearance[i] = 1e-3 * static_cast<double>(scene.first->radii[particle]);
+        surfaces.clearance[i] = 1e-3 * static_cast<double>(radiusOf(i));
         surfaces.open[i] = plan.light.occlusionRays == 0 ? 1.0F : 0.0F;
     }
 }

@@ -25,9 +25,11 @@ class TilePasses {
     /// Samples of each pixel in one pass.
     static constexpr std::uint32_t mostSamples = mostSamplesTogether;
 
-    /// `pixels`, at most a tile's, stay where they are.
-    TilePasses(PicturePlan const& picturePlan, std::span<TilePixel> tilePixels)
-        : plan(picturePlan), pixels(tilePixels) {}
+    /// `pixels`, at most a tile's, stay where they are. With a `tape`, which is then asked the
+    /// camera rays, it tells how what they hit looks; else the scene does.
+    TilePasses(PicturePlan const& picturePlan, std::span<TilePixel> tilePixels,
+               RayTape const* asked = nullptr)
+        : plan(picturePlan), pixels(tilePixels), tape(asked) {}
 
     /// Adds the light of `range`, at most `mostSamples`, to every pixel. Asks `goOn` every few
     /// thousand rays; returns false when it says no, and the pixels are then worth nothing.
@@ -96,6 +98,10 @@ class TilePasses {
     double depthOf(double t, Vec const& along) const;
     void addSurface(std::uint16_t pixel, std::uint16_t sample, std::size_t lane);
     void finishSurfaces();
+    ParticleLook const& lookOnTape(std::size_t surface) const;
+    Kelpa::Vector const& colorOf(std::size_t surface) const;
+    float radiusOf(std::size_t surface) const;
+    std::int64_t idOf(std::size_t surface) const;
     bool findSky(RayTarget& target, Kelpa::GoOn const& goOn);
     void makeSkyRays(std::uint32_t firstRay, std::uint32_t rayCount);
     void orderSkyRays(std::uint32_t rayCount);
@@ -107,6 +113,7 @@ class TilePasses {
 
     PicturePlan const& plan;
     std::span<TilePixel> pixels;
+    RayTape const* tape;
     LaneKernels const& kernels = laneKernels().back();
     std::uint32_t firstSample = 0; ///< of the pass
     std::uint32_t sampleCount = 0;

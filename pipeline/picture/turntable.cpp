@@ -18,12 +18,13 @@ Vec rotated(Vec const& v, Vec const& axis, double angle) {
 
 /// How far spheres reach from a place.
 double reachFrom(Vec const& place, FramedSpheres const& spheres) {
-    double reach = 0.0;
+    double reach[] = {0.0};
     spheres.forEach([&](Kelpa::Vector const& center, float radius) {
         Vec const away = wide(center) - place;
-        reach = std::max(reach, std::sqrt(dot(away, away)) + static_cast<double>(radius));
+        reach[0] = std::max(reach[0], std::sqrt(dot(away, away)) + static_cast<double>(radius));
     });
-    return reach;
+    spheres.takeGreatest(reach);
+    return reach[0];
 }
 
 } // namespace

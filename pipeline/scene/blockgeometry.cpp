@@ -65,7 +65,7 @@ void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
     share = options.share;
     store = nullptr;
     store = std::make_unique<BlockStore>(systems, options);
-    std::vector<Box> boxes(systems.size());
+    boxes.assign(systems.size(), Box::empty());
     std::atomic<std::int64_t> done = 0;
     std::int64_t total = 0;
     for (System const& system : systems)
@@ -80,10 +80,11 @@ void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
     Kelpa::doPieces(
         systems.size(), run.threads,
         [&](std::size_t block, Kelpa::GoOn const& goOn) {
-            boxes[block] = boxAround(systems[block]);
-            OneOfMany report(run.report, goOn);
-            if (isHere(static_cast<std::int32_t>(block)))
+            if (isHere(static_cast<std::int32_t>(block))) {
+                boxes[block] = boxAround(systems[block]);
+                OneOfMany report(run.report, goOn);
                 store->fill(block, report);
+            }
             done += systems[block].first.numParticles;
         },
         watch);
@@ -99,6 +100,16 @@ void BlockGeometry::buildAll(BuildRun const& run, TreeOptions const& options) {
     }
     top = TopTree(boxes);
     tellFigures(statistics(), run.report);
+}
+
+void BlockGeometry::shareBounds(RayTransport& ranks) {
+    // Ranks have runs of blocks, in their order.
+    std::vector<Box> mine;
+    for (std::size_t block = 0; block < systems.size(); ++block)
+        if (ownerOf(static_cast<std::int32_t>(block)) == share.number)
+            mine.push_back(boxes[block]);
+    boxes = ranks.joined(mine);
+    top = TopTree(boxes);
 }
 
 int BlockGeometry::intersect(RSRay& ray) {

@@ -62,8 +62,10 @@ class BlockGeometry final : public Geometry, public BlockTrees {
         std::int64_t const inBlock = index - system.base;
         return inBlock >= 0 && inBlock < system.first.numParticles ? inBlock : -1;
     }
-    bool isCloser(double t, std::int64_t index, double otherT,
-                  std::int64_t otherIndex) const override {
+    void shareBounds(RayTransport& ranks) override;
+    /// Whether of two hits the first counts: the nearer one, or, at the very same distance, that on
+    /// the particle with the lower row.
+    bool isCloser(double t, std::int64_t index, double otherT, std::int64_t otherIndex) const {
         if (t != otherT)
             return t < otherT;
         std::int64_t const first = systems.front().base;
@@ -90,7 +92,8 @@ class BlockGeometry final : public Geometry, public BlockTrees {
     BlockShare share;
     std::shared_ptr<Rows const> rows;
     std::unique_ptr<BlockStore> store;
-    std::vector<Geometry*> trees; ///< those that stay; null for one that comes and goes
+    std::vector<Kelpa::Box> boxes; ///< of each block
+    std::vector<Geometry*> trees;  ///< those that stay; null for one that comes and goes
     TopTree top;
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pipeline/scene/geometry.h"
+#include "pipeline/scene/raytransport.h"
 #include "pipeline/scene/toptree.h"
 
 #include <cmath>
@@ -31,10 +32,9 @@ class BlockTrees {
     virtual std::int64_t baseOf(std::int32_t block) const = 0;
     /// A particle's place in the block; -1 for one that is in another block or none.
     virtual std::int64_t placeIn(std::int32_t block, std::int64_t index) const = 0;
-    /// Whether of two hits the first counts: the nearer one, or, at the very same distance, that on
-    /// the particle with the lower row.
-    virtual bool isCloser(double t, std::int64_t index, double otherT,
-                          std::int64_t otherIndex) const = 0;
+
+    /// Learns the bounds of the blocks that others have; all of them call it together.
+    virtual void shareBounds(RayTransport&) {}
 };
 
 /// Where a ray that has a hit ends its search in a further block: a little behind that, so that

@@ -80,10 +80,10 @@ struct Cut {
 /// One after the other finds out which part each particle belongs to.
 class Parter {
   public:
-    Parter(Middles const& middles, int threads, Kelpa::GoOn const& goOn)
+    Parter(Middles const& middles, int threads, Kelpa::GoOn const& goOn, RayTransport* others)
         : rows(middles.begins.size()),
           shares(static_cast<std::size_t>(threads > 0 ? threads : Kelpa::getNumProcessors())),
-          watch(goOn) {
+          watch(goOn), sharers(others) {
         makeKeys(middles);
     }
 
@@ -111,6 +111,12 @@ class Parter {
             watch);
     }
 
+    void takeAll(RayTransport::Fold how, std::span<std::int64_t> numbers) const {
+        if (sharers != nullptr)
+            sharers->fold(how, numbers);
+    }
+    void takeAll(std::span<Part> ofThisRank) const;
+
     void makeKeys(Middles const& middles);
     bool openCuts(std::int64_t most);
     bool narrowMedians();
@@ -119,9 +125,33 @@ class Parter {
     std::size_t rows;
     std::size_t shares;
     Kelpa::GoOn const& watch;
+    RayTransport* sharers; ///< who have further rows; null: all are here
     std::vector<Key> keys; ///< by row
     std::vector<Cut> cuts; ///< of each part
 };
+
+/// Makes of parts as they are in the rows of this rank what they are in those of all.
+void Parter::takeAll(std::span<Part> ofThisRank) const {
+    if (sharers == nullptr)
+        return;
+    std::vector<std::int64_t> counts;
+    std::vector<std::int64_t> ends; // the lower ones negative, so that the greatest count
+    for (Part const& part : ofThisRank) {
+        counts.push_back(part.count);
+        for (Range<std::uint32_t> const& range : part.cells) {
+            ends.push_back(-static_cast<std::int64_t>(range.low));
+            ends.push_back(range.high);
+        }
+    }
+    sharers->fold(RayTransport::Fold::sum, counts);
+    sharers->fold(RayTransport::Fold::greatest, ends);
+    for (std::size_t p = 0; p < ofThisRank.size(); ++p) {
+        ofThisRank[p].count = counts[p];
+        for (std::size_t axis = 0; axis < 3; ++axis)
+            ofThisRank[p].cells[axis] = {static_cast<std::uint32_t>(-ends[6 * p + 2 * axis]),
+                                         static_cast<std::uint32_t>(ends[6 * p + 2 * axis + 1])};
+    }
+}
 
 /// Finds the grid and every particle's cell in it. Particles that are nowhere are in the first one.
 void Parter::makeKeys(Middles const& middles) {
@@ -136,6 +166,11 @@ void Parter::makeKeys(Middles const& middles) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
         for (Ranges<double> const& ofShare : boundsOfShare)
             bounds[axis].add(ofShare[axis]);
+        if (sharers != nullptr) {
+            double ends[] = {-bounds[axis].low, bounds[axis].high};
+            sharers->takeGreatest(ends);
+            bounds[axis] = {-ends[0], ends[1]};
+        }
         longest = std::max(longest, bounds[axis].high - bounds[axis].low);
     }
     double const cellsPerLength = longest > 0.0 ? static_cast<double>(axisMask) / longest : 0.0;
@@ -161,6 +196,7 @@ void Parter::makeKeys(Middles const& middles) {
     for (Part const& ofShare : partOfShare)
         for (std::size_t axis = 0; axis < 3; ++axis)
             parts[0].cells[axis].add(ofShare.cells[axis]);
+    takeAll(parts);
 }
 
 /// Chooses the axes of the next cuts; false when no part is too large.
@@ -214,20 +250,19 @@ bool Parter::narrowMedians() {
         });
         if (!isWhole)
             return false;
+        std::vector<std::int64_t>& all = counts[0];
+        for (std::size_t share = 1; share < shares; ++share)
+            for (std::size_t bin = 0; bin < all.size(); ++bin)
+                all[bin] += counts[share][bin];
+        takeAll(RayTransport::Fold::sum, all);
         for (std::size_t p = 0; p < parts.size(); ++p) {
             Cut& cut = cuts[p];
             if (!cut.isOpen || cut.unknownBits == 0)
                 continue;
             unsigned const found = std::min(bits, cut.unknownBits);
             std::uint32_t bin = 0;
-            for (;; ++bin) {
-                std::int64_t count = 0;
-                for (auto const& ofShare : counts)
-                    count += ofShare[(p << bits) + bin];
-                if (cut.ties <= count)
-                    break;
-                cut.ties -= count;
-            }
+            for (; cut.ties > all[(p << bits) + bin]; ++bin)
+                cut.ties -= all[(p << bits) + bin];
             cut.known = cut.known << found | bin;
             cut.unknownBits -= found;
         }
@@ -243,13 +278,20 @@ bool Parter::assign() {
     std::vector<std::vector<std::int64_t>> tiesBefore(shares);
     for (auto& ofShare : tiesBefore)
         ofShare.resize(parts.size());
-    bool isWhole = shares == 1 || forEachRow([&](std::size_t share, std::size_t row) {
+    bool const isFirst = shares == 1 && sharers == nullptr;
+    bool isWhole = isFirst || forEachRow([&](std::size_t share, std::size_t row) {
                        Cut const& cut = cuts[partOf[row]];
                        if (cut.isOpen && placeOn(cut.axis, keys[row]) == cut.cell)
                            ++tiesBefore[share][partOf[row]];
                    });
+    std::vector<std::int64_t> tiesOfRanksBefore(sharers != nullptr ? parts.size() : 0);
+    for (auto const& ofShare : tiesBefore)
+        for (std::size_t p = 0; p < tiesOfRanksBefore.size(); ++p)
+            tiesOfRanksBefore[p] += ofShare[p];
+    if (sharers != nullptr)
+        sharers->addUpBefore(tiesOfRanksBefore);
     for (std::size_t p = 0; p < parts.size(); ++p) {
-        std::int64_t before = 0;
+        std::int64_t before = sharers != nullptr ? tiesOfRanksBefore[p] : 0;
         for (auto& ofShare : tiesBefore)
             before += std::exchange(ofShare[p], before);
     }
@@ -280,6 +322,7 @@ bool Parter::assign() {
             for (std::size_t axis = 0; axis < 3; ++axis)
                 parts[p].cells[axis].add(ofShare[p].cells[axis]);
         }
+    takeAll(parts);
     return isWhole;
 }
 
@@ -302,27 +345,33 @@ std::vector<std::vector<std::int64_t>> Parter::countByShare() {
 } // namespace
 
 Parting::Parting(std::span<Vector const> begins, std::span<Vector const> ends, std::int64_t most,
-                 int threads, Kelpa::GoOn const& goOn)
-    : threadCount(threads) {
+                 int threads, Kelpa::GoOn const& goOn, RayTransport* others)
+    : threadCount(threads), sharers(others) {
     auto const total = static_cast<std::int64_t>(begins.size());
-    if (total <= most) {
+    if (total <= most && sharers == nullptr) {
         firstPlaces = {0, total};
         return;
     }
-    Parter parter({begins, ends}, threads, goOn);
+    Parter parter({begins, ends}, threads, goOn, sharers);
     parter.partTo(most);
     shareFirsts = parter.countByShare();
     blockOf = std::move(parter.partOf);
     firstPlaces = {0};
-    for (std::size_t block = 0; block < parter.parts.size(); ++block) {
-        std::int64_t next = firstPlaces.back();
+    for (std::size_t block = 0, next = 0; block < parter.parts.size(); ++block) {
+        std::size_t const first = next;
         for (auto& ofShare : shareFirsts)
-            next += std::exchange(ofShare[block], next);
-        firstPlaces.push_back(next);
+            next += static_cast<std::size_t>(
+                std::exchange(ofShare[block], static_cast<std::int64_t>(next)));
+        rowsHere.push_back(static_cast<std::int64_t>(next - first));
+        firstPlaces.push_back(firstPlaces.back() + parter.parts[block].count);
     }
+    if (sharers != nullptr)
+        learnCounts();
 }
 
 Rows Parting::rows() const {
+    if (sharers != nullptr)
+        return sharedRows();
     if (firstPlaces.size() <= 2)
         return {};
     Rows result(blockOf.size());

@@ -57,9 +57,10 @@ class RayExchange::Findings {
     std::vector<ForHome> all;
 };
 
-RayExchange::RayExchange(BlockTrees& theBlocks, RayTransport& theTransport, int threadCount)
-    : blocks(theBlocks), top(theBlocks.topTree()), transport(theTransport), threads(threadCount),
-      parcels(static_cast<std::size_t>(theTransport.ranks())) {
+RayExchange::RayExchange(Scene const& theScene, BlockTrees& theBlocks, RayTransport& theTransport,
+                         int threadCount)
+    : scene(theScene), blocks(theBlocks), top(theBlocks.topTree()), transport(theTransport),
+      threads(threadCount), parcels(static_cast<std::size_t>(theTransport.ranks())) {
     if (transport.ranks() > TravellingRay::endOfHomes)
         throw std::invalid_argument("more ranks than rays can tell apart");
 }
@@ -205,13 +206,16 @@ void RayExchange::askHits(Geometry& tree, std::span<TravellingRay> rays, Finding
     auto const& hits = bunch.hits;
     for (std::size_t lane = 0; lane < rays.size(); ++lane) {
         TravellingRay& ray = rays[lane];
-        if (hits.hit[lane] != 0 && !(ray.hasHit() && hits.hitT[lane] > ray.end))
+        if (hits.hit[lane] != 0 && !(ray.hasHit() && hits.hitT[lane] > ray.end)) {
+            std::int64_t const index = hits.hitIndex[lane] + blocks.baseOf(ray.block);
             takeHit(ray,
                     {hits.hitT[lane],
-                     hits.hitIndex[lane] + blocks.baseOf(ray.block),
+                     index,
                      {hits.hitNormalX[lane], hits.hitNormalY[lane], hits.hitNormalZ[lane]},
-                     ray.place()},
+                     ray.place(),
+                     ray.wanted() == Wanted::hit ? scene.lookOf(index) : ParticleLook{}},
                     findings);
+        }
         advance(ray);
     }
 }
@@ -230,7 +234,7 @@ void RayExchange::askYesOrNo(Geometry& tree, std::span<TravellingRay> rays, Find
         if (ray.home() == transport.rank())
             holdOccluded(ray.place());
         else
-            findings.all.push_back({ray.home(), Wanted::yesOrNo, {0.0, 0, {}, ray.place()}});
+            findings.all.push_back({ray.home(), Wanted::yesOrNo, {0.0, 0, {}, ray.place(), {}}});
     }
 }
 
@@ -256,8 +260,9 @@ void RayExchange::advance(TravellingRay& ray) const {
 void RayExchange::hold(HomingHit const& hit) {
     Place const& place = places[hit.place];
     RayTape::Hit& known = tapes[place.tape].hits[place.number];
-    if (known.index < 0 || blocks.isCloser(hit.t, hit.index, known.t, known.index))
-        known = {hit.t, hit.index, hit.normal};
+    bool const isCloser = hit.t != known.t ? hit.t < known.t : hit.look.row < known.look.row;
+    if (known.index < 0 || isCloser)
+        known = {hit.t, hit.index, hit.normal, hit.look};
 }
 
 void RayExchange::hold(HomingDistance const& distance) {

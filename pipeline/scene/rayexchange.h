@@ -7,6 +7,7 @@
 #include "pipeline/scene/bunch.h"
 #include "pipeline/scene/raytape.h"
 #include "pipeline/scene/raytransport.h"
+#include "pipeline/scene/scene.h"
 
 #include <cstdint>
 #include <mutex>
@@ -38,8 +39,9 @@ struct RankFigures {
 /// there, and hits go home, where the closest counts.
 class RayExchange {
   public:
-    /// `blocks` and `transport` outlive it. `threads` is at least 1.
-    RayExchange(BlockTrees& blocks, RayTransport& transport, int threads);
+    /// For the rays of a scene that has been built; `blocks` are its own, or those of a rank. They,
+    /// `scene` and `transport` outlive it. `threads` is at least 1.
+    RayExchange(Scene const& scene, BlockTrees& blocks, RayTransport& transport, int threads);
 
     /// Answers all rays that the tapes have written down; `watch` is asked on this thread, and may
     /// throw. All ranks call it together. Returns false when no rank had rays. With a `failure`, or
@@ -77,6 +79,7 @@ class RayExchange {
     void holdOccluded(std::uint32_t place);
     std::int64_t swapParcels();
 
+    Scene const& scene;
     BlockTrees& blocks;
     TopTree const& top;
     RayTransport& transport;

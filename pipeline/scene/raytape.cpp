@@ -58,7 +58,7 @@ bool RayTape::bunchIntersect(Kelpa::RayBunchExtParams const& rays,
                 rayInLane(rays, lane, tMins[lane], std::min(found.hitT[lane], tMaxs[k]), wanted));
             asked.back().setHome(0, static_cast<std::uint32_t>(number));
             if (wanted == Wanted::hit)
-                hits.push_back({0.0, -1, {}});
+                hits.push_back({0.0, -1, {}, {}});
             else
                 distances.push_back(noDistance);
             continue;

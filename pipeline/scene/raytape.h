@@ -22,6 +22,7 @@ class RayTape final : public RayTarget {
         double t;
         std::int64_t index; ///< -1: none
         Kelpa::Vector normal;
+        ParticleLook look;
     };
     static constexpr double noDistance = -1.0; ///< of what hits nothing
 

@@ -9,6 +9,7 @@
 #include "pipeline/scene/geometry.h"
 #include "pipeline/scene/legend.h"
 #include "pipeline/scene/parting.h"
+#include "pipeline/scene/raytransport.h"
 #include "pipeline/scene/selection.h"
 #include "pipeline/scene/snapshot.h"
 #include "pipeline/scene/ways.h"
@@ -88,20 +89,31 @@ struct Scene {
     std::optional<std::array<float, 2>> colorRange; ///< of its values, as the colour map shows them
     /// Not 0 for particles that no tree takes; empty: all are taken.
     std::vector<char> unusable;
+    /// Ranks each of which has some of the particles, and this one those from place `firstPlace`
+    /// on; null: all are here. What asks for all of them is then asked by all ranks together.
+    RayTransport* sharers = nullptr;
+    std::int64_t firstPlace = 0;
 
     /// What a picture is to hold.
     FramedSpheres framed() const {
         FramedSpheres::End const closing =
             second != nullptr ? FramedSpheres::End{second->positions, second->radii}
                               : FramedSpheres::End{};
-        return {{first->positions, first->radii}, closing, unusable, rods};
+        return {{first->positions, first->radii}, closing, unusable, rods, sharers};
     }
 
     /// What a picture calls the particle in a place.
     std::int64_t idOf(std::int64_t place) const {
-        if (!ids.empty())
-            return ids[static_cast<std::size_t>(place)];
-        return rows != nullptr ? (*rows)[place] : place;
+        return ids.empty() ? rowOf(place) : ids[static_cast<std::size_t>(place - firstPlace)];
+    }
+    std::int64_t rowOf(std::int64_t place) const {
+        return rows != nullptr ? (*rows)[place - firstPlace] : place;
+    }
+    /// How the particle in a place, which is here, is shown.
+    ParticleLook lookOf(std::int64_t place) const {
+        auto const at = static_cast<std::size_t>(place - firstPlace);
+        return {rowOf(place), idOf(place), at < colors.size() ? colors[at] : color,
+                first->radii[at]};
     }
 };
 
@@ -124,6 +136,11 @@ Scene makeSelectedScene(SceneOptions const& options, ParticleSet particles,
 
 /// Parts the particles into blocks, and builds a tree for each. What the scene is then does not
 /// depend on the threads that do it. Throws as `Geometry::build` does.
-void buildScene(Scene& scene, BuildRun const& run, TreeOptions const& options);
+///
+/// With `ranks`, which all call it together, each with all particles or with its share of them: the
+/// scene is then theirs in common. Each keeps the particles of its own blocks, see
+/// `TreeOptions::share`, unless told to keep all that it has been given.
+void buildScene(Scene& scene, BuildRun const& run, TreeOptions const& options,
+                RayTransport* ranks = nullptr);
 
 } // namespace pipeline

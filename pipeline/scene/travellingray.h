@@ -64,14 +64,23 @@ class TravellingRay {
 };
 static_assert(sizeof(TravellingRay) == 72);
 
-/// A hit as it goes home; of several the closest counts.
+/// What pictures need to know of a particle that they show.
+struct ParticleLook {
+    std::int64_t row; ///< among those that were read
+    std::int64_t id;
+    Kelpa::Vector color; ///< linear
+    float radius;        ///< when the shutter opens
+};
+
+/// A hit as it goes home; of several the closest counts, of equal ones that of the lower row.
 struct HomingHit {
     double t;
     std::int64_t index; ///< of the particle, in the scene
     Kelpa::Vector normal;
     std::uint32_t place;
+    ParticleLook look;
 };
-static_assert(sizeof(HomingHit) == 32);
+static_assert(sizeof(HomingHit) == 64);
 
 /// The distance of a hit as it goes home; of several the least counts.
 struct HomingDistance {

@@ -94,7 +94,8 @@ TEST(RaysThatWait, MakeTheSamePictureHoweverFewAtATime) {
                                       all[i].image);
                 Image image = picture.emptyImage();
                 NoTransport none;
-                RayExchange exchange(*expected.scene.geometry->blocks(), none, threads);
+                RayExchange exchange(expected.scene, *expected.scene.geometry->blocks(), none,
+                                     threads);
                 renderTilesLater(picture, everyTile(picture, 0, 1), exchange, image,
                                  {raysAtATime, threads}, nullptr);
                 expectSamePixels(image, expected.images[i]);
@@ -110,7 +111,7 @@ Image byRanks(ThreadRanks& crew, int ranks, Scene const& scene, Wish const& wish
     Image image = picture.emptyImage();
     crew.run([&](ThreadRanks::Rank& rank) {
         DealtBlocks blocks(*scene.geometry->blocks(), rank.rank(), ranks);
-        RayExchange exchange(blocks, rank, 1);
+        RayExchange exchange(scene, blocks, rank, 1);
         std::vector<std::size_t> const tiles = everyTile(
             picture, static_cast<std::size_t>(rank.rank()), static_cast<std::size_t>(ranks));
         bool const isLast = rank.rank() == ranks - 1;

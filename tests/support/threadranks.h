@@ -10,8 +10,10 @@
 
 #include <algorithm>
 #include <barrier>
+#include <cstring>
 #include <functional>
 #include <mutex>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -39,7 +41,42 @@ class ThreadRanks {
             return all.gather(mine, std::move(part));
         }
 
+      protected:
+        void foldAll(Fold how, std::span<std::int64_t> numbers) override {
+            auto const parts = swapAll(toAll(numbers));
+            for (std::size_t from = 0; from < parts.size(); ++from)
+                if (static_cast<int>(from) != mine)
+                    forEach(numbers, parts[from], [how](std::int64_t& to, std::int64_t value) {
+                        to = how == Fold::sum ? to + value : std::max(to, value);
+                    });
+        }
+        void addUpAllBefore(std::span<std::int64_t> numbers) override {
+            auto const parts = swapAll(toAll(numbers));
+            std::fill(numbers.begin(), numbers.end(), 0);
+            for (std::size_t from = 0; static_cast<int>(from) < mine; ++from)
+                forEach(numbers, parts[from],
+                        [](std::int64_t& to, std::int64_t value) { to += value; });
+        }
+        std::vector<Bytes> swapAll(std::vector<Bytes> parts) override {
+            return all.swap(mine, std::move(parts));
+        }
+
       private:
+        std::vector<Bytes> toAll(std::span<std::int64_t const> numbers) const {
+            auto const* const first = reinterpret_cast<char const*>(numbers.data());
+            return std::vector<Bytes>(static_cast<std::size_t>(all.count),
+                                      Bytes(first, first + numbers.size_bytes()));
+        }
+        template <class Visit>
+        static void forEach(std::span<std::int64_t> numbers, Bytes const& others,
+                            Visit const& visit) {
+            for (std::size_t i = 0; i < numbers.size(); ++i) {
+                std::int64_t value = 0;
+                std::memcpy(&value, others.data() + i * sizeof value, sizeof value);
+                visit(numbers[i], value);
+            }
+        }
+
         ThreadRanks& all;
         int mine;
     };
@@ -132,13 +169,28 @@ class ThreadRanks {
         return from == 0 ? parts : std::vector<std::vector<char>>();
     }
 
+    std::vector<std::vector<char>> swap(int from, std::vector<std::vector<char>> sent) {
+        {
+            std::lock_guard const hold(mutex);
+            swapped.resize(static_cast<std::size_t>(count));
+            swapped[static_cast<std::size_t>(from)] = std::move(sent);
+        }
+        meeting.arrive_and_wait();
+        std::vector<std::vector<char>> arrived;
+        for (auto& ofRank : swapped)
+            arrived.push_back(std::move(ofRank[static_cast<std::size_t>(from)]));
+        meeting.arrive_and_wait();
+        return arrived;
+    }
+
     int count;
     unsigned seed;
     std::barrier<> meeting;
     std::mutex mutex;
     Random random;
     std::vector<Letter> letters;
-    std::vector<std::vector<char>> parts; ///< of each rank
+    std::vector<std::vector<char>> parts;                ///< of each rank
+    std::vector<std::vector<std::vector<char>>> swapped; ///< from each, to each
     pipeline::RayTransport::Sums total{};
 };
 
@@ -157,10 +209,6 @@ class DealtBlocks final : public pipeline::BlockTrees {
     std::int64_t baseOf(std::int32_t block) const override { return all.baseOf(block); }
     std::int64_t placeIn(std::int32_t block, std::int64_t index) const override {
         return all.placeIn(block, index);
-    }
-    bool isCloser(double t, std::int64_t index, double otherT,
-                  std::int64_t otherIndex) const override {
-        return all.isCloser(t, index, otherT, otherIndex);
     }
 
   private:

@@ -21,17 +21,28 @@ namespace {
 
 /// The box of the middle 99 % of centres along each axis.
 Bounds middlePart(FramedSpheres const& spheres) {
-    std::size_t count = 0;
-    spheres.forEach([&count](Kelpa::Vector const&, float) { ++count; });
-    constexpr std::size_t asked = 100000; // of any more centres, every n-th
-    std::size_t const stride = count / asked + 1;
+    std::int64_t count[] = {0};
+    spheres.forEach([&count](Kelpa::Vector const&, float) { ++count[0]; });
+    std::int64_t before[] = {count[0]};
+    RayTransport* const others = spheres.others();
+    if (others != nullptr) {
+        others->fold(RayTransport::Fold::sum, count);
+        others->addUpBefore(before);
+    } else {
+        before[0] = 0;
+    }
+    constexpr std::int64_t asked = 100000; // of any more centres, every n-th
+    std::int64_t const stride = count[0] / asked + 1;
     std::vector<float> places[3];
-    std::size_t index = 0;
+    std::int64_t index = before[0];
     spheres.forEach([&](Kelpa::Vector const& center, float) {
         if (index++ % stride == 0)
             for (int axis = 0; axis < 3; ++axis)
                 places[axis].push_back(center[axis]);
     });
+    if (others != nullptr)
+        for (std::vector<float>& along : places)
+            along = others->joined(along);
     auto const at = [&places](int axis, double share) {
         std::vector<float>& along = places[axis];
         auto const place = along.begin() + static_cast<std::ptrdiff_t>(

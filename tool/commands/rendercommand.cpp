@@ -137,7 +137,7 @@ template <class Read> BuiltScene Rendering::makeBuiltScene(Read read, std::optio
 
         Stopwatch const buildTime;
         BuildReport buildReport(options.run);
-        buildScene(built.scene, options.run, treeOptionsFor(frame), buildReport);
+        buildScene(built.scene, options.run, treeOptionsFor(frame), buildReport, &ranks);
         built.buildSeconds = buildTime.seconds();
         statistics.addScene(options.particles.files[0], built.scene, built.readSeconds,
                             built.buildSeconds);

@@ -196,7 +196,8 @@ void noteFiles(Scene const& scene, RunOptions const& run) {
         noteTo(run)(text);
 }
 
-void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, BuildReport& report) {
+void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, BuildReport& report,
+                RayTransport* ranks) {
     // The display asks on a thread of its own, when there may be nobody to tell.
     std::mutex mutex;
     std::string blocks;
@@ -214,7 +215,7 @@ void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, Bu
             }
             progress(fraction, particles);
         };
-        pipeline::buildScene(scene, {report, threadCount(run), withBlocks}, tree);
+        pipeline::buildScene(scene, {report, threadCount(run), withBlocks}, tree, ranks);
     };
     withProgress("build", run, build, remark);
     throwIfInterrupted();

@@ -109,7 +109,9 @@ class BuildReport final : public Kelpa::ProgressCallback {
 
 /// Builds the scene's tree, on the threads that the options grant, and prints what there is to note
 /// of files. Throws `Interrupted`.
-void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, BuildReport& report);
+/// With `ranks`, of several, the scene is theirs in common: all call it together.
+void buildScene(Scene& scene, RunOptions const& run, TreeOptions const& tree, BuildReport& report,
+                RayTransport* ranks = nullptr);
 
 /// Prints what there is to note of the files of the scene's blocks.
 void noteFiles(Scene const& scene, RunOptions const& run);
