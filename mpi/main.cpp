@@ -84,6 +84,10 @@ int render(int argc, char** argv, mpi::MpiRanks& ranks) {
     if (!options->tree.keep.cache.empty())
         throw UsageError("--cache is for one process: leave it out");
     options->tree.share = {ranks.rank(), ranks.ranks()};
+    // Hits bring home what most pictures need, but neither further columns nor ways.
+    options->tree.keepsAll = options->image.velocity || !options->scene.layers.empty();
+    if (!options->tree.keepsAll)
+        options->scene.ranks = &ranks;
     int const processesHere = ranks.ranksHere();
     if (options->run.threads == 0)
         options->run.threads = threadsOfOne(processesHere);

@@ -154,6 +154,7 @@ ParticleSet FrameSource::readPlaces(std::optional<int> frame, ReadOptions const&
     double read = 0.0; // files
     std::uint64_t particles = 0;
     ReadOptions ofOne = options;
+    ofOne.rows = {}; // those of a share would not follow one another
     if (options.progress)
         ofOne.progress = [&](double fraction, std::uint64_t count) {
             options.progress((read + fraction) / static_cast<double>(1 + others.size()),

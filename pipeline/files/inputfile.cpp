@@ -102,6 +102,17 @@ std::string_view InputFile::peek(std::size_t wanted) {
 
 std::uint64_t InputFile::skip(std::uint64_t count) {
     std::uint64_t left = count;
+    if (std::size_t const atHand = end - begin; regular && !packed && left > atHand) {
+        take(atHand);
+        left -= atHand;
+        // What a file that grows has beyond its size of before is read.
+        std::uint64_t const onDisk = std::max(size, rawBytesRead) - rawBytesRead;
+        auto const step = static_cast<off_t>(std::min(left, onDisk));
+        if (lseek(descriptor, step, SEEK_CUR) < 0)
+            fail("cannot be read: {}", systemMessage(errno));
+        rawBytesRead += static_cast<std::uint64_t>(step);
+        left -= static_cast<std::uint64_t>(step);
+    }
     while (left > 0 && !peek(1).empty()) {
         std::uint64_t const step = std::min<std::uint64_t>(left, end - begin);
         take(static_cast<std::size_t>(step));

@@ -99,7 +99,8 @@ struct ParticleSet {
     /// How many frames' time after the one that it was read to follow it was taken: more than 1
     /// where files of a sequence are missing in between.
     double steps = 1.0;
-    char upAxis = 'z'; ///< 'y' for formats from film effects
+    bool isShare = false; ///< holds `ReadOptions::rows` alone
+    char upAxis = 'z';    ///< 'y' for formats from film effects
 };
 
 } // namespace pipeline

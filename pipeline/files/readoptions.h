@@ -3,10 +3,24 @@
 
 #include "pipeline/files/progress.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace pipeline {
+
+/// Which of a file's rows one of several processes reads.
+struct RowShare {
+    std::uint64_t number = 0;
+    std::uint64_t of = 1;
+
+    /// The first of them, of so many rows.
+    std::uint64_t begin(std::uint64_t rows) const {
+        return rows / of * number + std::min(number, rows % of);
+    }
+    std::uint64_t end(std::uint64_t rows) const { return RowShare{number + 1, of}.begin(rows); }
+};
 
 /// What to read of a file.
 struct ReadOptions {
@@ -24,6 +38,9 @@ struct ReadOptions {
     bool countFrames = true;    ///< to summarise, also pass over all other frames of the file
     bool forMotion = false;     ///< prefer positions that do not jump at a cell's faces
     bool findOnly = false; ///< of a file of many frames, look for the frame and read no particles
+    /// Readers that can find these rows without the others read them alone, and say so by
+    /// `ParticleSet::isShare`; the others read all.
+    RowShare rows{};
     PhaseProgress progress{}; ///< may be empty
 };
 

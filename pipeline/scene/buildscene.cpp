@@ -1,5 +1,6 @@
 // Parts a scene into blocks and has their trees built.
 #include "pipeline/files/progress.h"
+#include "pipeline/files/readoptions.h"
 #include "pipeline/scene/blocktrees.h"
 #include "pipeline/scene/parting.h"
 #include "pipeline/scene/scene.h"
@@ -21,12 +22,11 @@ using Kelpa::Vector;
 
 /// Leaves each rank its share of the rows, of which all have all.
 void shareRows(Scene& scene, RayTransport& ranks) {
-    std::int64_t const total = scene.first->size();
-    auto const beginOf = [&](int rank) {
-        return total / ranks.ranks() * rank + std::min<std::int64_t>(rank, total % ranks.ranks());
-    };
-    auto const begin = static_cast<std::ptrdiff_t>(beginOf(ranks.rank()));
-    auto const end = static_cast<std::ptrdiff_t>(beginOf(ranks.rank() + 1));
+    auto const total = static_cast<std::uint64_t>(scene.first->size());
+    RowShare const share{static_cast<std::uint64_t>(ranks.rank()),
+                         static_cast<std::uint64_t>(ranks.ranks())};
+    auto const begin = static_cast<std::ptrdiff_t>(share.begin(total));
+    auto const end = static_cast<std::ptrdiff_t>(share.end(total));
     auto const cut = [&](auto& values) {
         if (!values.empty())
             values = {values.begin() + begin, values.begin() + end};

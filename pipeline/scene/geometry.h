@@ -65,7 +65,7 @@ struct TreeOptions {
     /// The most particles that one tree holds; scenes of more have several, see `Parting`.
     std::int64_t block = defaultBlock;
     KeepOptions keep{};
-    BlockShare share{}; ///< the blocks that are built; of the others the bounds alone are known
+    BlockShare share{};    ///< the blocks that are built; of the others the bounds alone are known
     bool keepsAll = false; ///< also the particles of the others, for pictures that look more up
 
     static constexpr std::int64_t defaultBlock = 1 << 20;

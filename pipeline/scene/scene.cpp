@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <numeric>
 
 namespace pipeline {
 
@@ -71,7 +72,8 @@ Ways findWays(Scene& scene, SceneOptions const& options, ParticleSet& particles,
         return placeAtShutter(match.ways, options.motion, second->steps);
     }
     scene.ids = std::move(particles.ids);
-    if (std::holds_alternative<AlongVelocities>(options.motion.motion))
+    bool const isNone = scene.sharers != nullptr && particles.positions.empty();
+    if (std::holds_alternative<AlongVelocities>(options.motion.motion) && !isNone)
         return waysAlongVelocities(options.motion, particles, radii);
     return {std::move(particles.positions), {}, std::move(radii), {}};
 }
@@ -90,6 +92,23 @@ void reject(Rejected& rejected, Ways const& ways, std::size_t i) {
                                std::isfinite(r0) && std::isfinite(r1[i]);
     bool const hasRadii = Kelpa::isUsableRadius(r0) && Kelpa::isUsableRadius(r1[i]);
     ++(hasFiniteEnds && !hasRadii ? rejected.notPositive : rejected.notFinite);
+}
+
+/// Adds up what the ranks have counted, and how far their particles go; returns the number of all.
+std::uint64_t countOfAll(Scene& scene, std::uint64_t count, double& steps) {
+    if (scene.sharers == nullptr)
+        return count;
+    std::int64_t counts[] = {static_cast<std::int64_t>(scene.rejected.notFinite),
+                             static_cast<std::int64_t>(scene.rejected.notPositive),
+                             static_cast<std::int64_t>(count)};
+    scene.sharers->fold(RayTransport::Fold::sum, counts);
+    scene.rejected = {static_cast<std::uint64_t>(counts[0]), static_cast<std::uint64_t>(counts[1])};
+    double largest[] = {scene.largestStep};
+    scene.sharers->takeGreatest(largest);
+    scene.largestStep = largest[0];
+    std::vector<double> const ofAll = scene.sharers->joined(std::vector<double>{steps});
+    steps = std::accumulate(ofAll.begin(), ofAll.end(), 0.0);
+    return static_cast<std::uint64_t>(counts[2]);
 }
 
 /// Asks which particles trees take, and counts the others; of those, how far they move.
@@ -115,8 +134,9 @@ void inspect(Scene& scene, Ways const& ways) {
         steps += step;
         scene.largestStep = std::max(scene.largestStep, step);
     }
-    if (isMoving && scene.rejected.total() < count)
-        scene.meanStep = steps / static_cast<double>(count - scene.rejected.total());
+    std::uint64_t const total = countOfAll(scene, count, steps);
+    if (steps > 0.0 && scene.rejected.total() < total)
+        scene.meanStep = steps / static_cast<double>(total - scene.rejected.total());
 }
 
 void subtract(std::vector<Vector>& centers, Vec const& origin) {
@@ -165,7 +185,8 @@ ColumnLayer layerOf(ParticleSet const& particles, std::string const& name) {
 std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet const& particles,
                          Note const& note, PhaseProgress const& progress) {
     Radii radii = chooseRadii(options.radius, particles, note, progress);
-    scene.chosen.radius = radii.bySpacing;
+    if (scene.sharers == nullptr) // who share ask for none by spacing, but where they have none
+        scene.chosen.radius = radii.bySpacing;
     scene.radiusSource = radii.source;
     if (Attribute const* const column = coloredColumn(options.color, particles))
         readColumn(scene, options.color, *column, note);
@@ -185,7 +206,10 @@ std::vector<float> dress(Scene& scene, SceneOptions const& options, ParticleSet 
 /// Tells which particles are left out, and how far the others move. Throws when none is left.
 void noteUsable(Scene const& scene, std::string const& file, Ways const& ways, Note const& note) {
     Rejected const& rejected = scene.rejected;
-    std::size_t const count = ways.positions0.size();
+    std::int64_t counts[] = {static_cast<std::int64_t>(ways.positions0.size())};
+    if (scene.sharers != nullptr)
+        scene.sharers->fold(RayTransport::Fold::sum, counts);
+    auto const count = static_cast<std::uint64_t>(counts[0]);
     if (rejected.total() > 0)
         note(fmt::format("{} of {} particles skipped ({} not finite, {} with radius 0 or less)",
                          rejected.total(), count, rejected.notFinite, rejected.notPositive));
@@ -195,8 +219,10 @@ void noteUsable(Scene const& scene, std::string const& file, Ways const& ways, N
                         file, count, rejected.notFinite, rejected.notPositive));
     if (scene.largestStep > 0.0) {
         auto const firstTaken = std::find(scene.unusable.begin(), scene.unusable.end(), '\0');
-        float const radius =
-            ways.radii0[static_cast<std::size_t>(firstTaken - scene.unusable.begin())];
+        auto const first = static_cast<std::size_t>(firstTaken - scene.unusable.begin());
+        if (first >= ways.radii0.size())
+            return; // another rank's
+        float const radius = ways.radii0[first];
         note(fmt::format("particles move by {:.3g} on average and {:.3g} at most, {:.3g} radii",
                          scene.meanStep, scene.largestStep,
                          scene.largestStep / static_cast<double>(radius)));
@@ -205,16 +231,19 @@ void noteUsable(Scene const& scene, std::string const& file, Ways const& ways, N
 
 /// Makes what trees are built over, in coordinates of the scene's own.
 void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
-    scene.origin = originFor(FramedSpheres({ways.positions0, ways.radii0},
-                                           {ways.positions1, ways.radii1}, scene.unusable, {})
-                                 .bounds());
+    scene.origin =
+        originFor(FramedSpheres({ways.positions0, ways.radii0}, {ways.positions1, ways.radii1},
+                                scene.unusable, {}, scene.sharers)
+                      .bounds());
     subtract(ways.positions0, scene.origin);
     subtract(ways.positions1, scene.origin);
     std::int32_t const type = arePoints ? 1 : 0;
-    bool const isMoving = !ways.positions1.empty();
+    std::int64_t isMoving[] = {ways.positions1.empty() ? 0 : 1};
+    if (scene.sharers != nullptr) // of whom one without particles does not know
+        scene.sharers->fold(RayTransport::Fold::greatest, isMoving);
     scene.first = std::make_unique<Snapshot>(std::move(ways.positions0), std::move(ways.radii0),
                                              type, firstTime);
-    if (isMoving)
+    if (isMoving[0] != 0)
         scene.second = std::make_unique<Snapshot>(std::move(ways.positions1),
                                                   std::move(ways.radii1), type, secondTime);
 }
@@ -240,6 +269,24 @@ std::vector<std::string> columnsOf(SceneOptions const& options) {
     return names;
 }
 
+bool canBeShared(SceneOptions const& options) {
+    return options.ranks != nullptr && options.ranks->ranks() > 1 && options.selection.isAll() &&
+           !hasSecondSnapshot(options.motion.motion) && options.radius.ofKinds.empty() &&
+           options.color.ofKinds.empty() && !options.hasLegend &&
+           (options.color.colorBy.empty() || options.color.range.has_value());
+}
+
+bool canBeShared(SceneOptions const& options, ParticleSet const& particles) {
+    bool const hasRadii = options.radius.radius.has_value() || !particles.radii.empty() ||
+                          !particles.elements.empty();
+    Attribute const* const column = coloredColumn(options.color, particles);
+    bool const hasNames =
+        column != nullptr && column->names != nullptr && column->name != "element";
+    std::int64_t facts[] = {hasRadii ? 1 : 0, hasNames || particles.typeNames != nullptr ? 1 : 0};
+    options.ranks->fold(RayTransport::Fold::greatest, facts);
+    return facts[0] != 0 && facts[1] == 0;
+}
+
 Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet const* second,
                 Kept const& kept, Note const& note, PhaseProgress const& progress) {
     SceneOptions options = asked;
@@ -249,6 +296,7 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
         options.color.range = kept.colorRange;
 
     Scene scene;
+    scene.sharers = particles.isShare ? options.ranks : nullptr;
     if (options.showsCell)
         scene.rods = cellEdges(particles);
     std::uint64_t const count = particles.positions.size();

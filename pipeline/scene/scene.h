@@ -43,7 +43,15 @@ struct SceneOptions {
     std::string legendTitle;         ///< empty: the column's name
     std::vector<std::string> layers; ///< columns that the picture is to have as well
     SelectionOptions selection;      ///< asked by `makeSelectedScene`
+    /// Who make the scene together, each of its share of the rows if files can be cut; null: one
+    /// process alone. They outlive the scene.
+    RayTransport* ranks = nullptr;
 };
+
+/// Whether ranks can make such a scene each of its share of the rows, as far as options tell it.
+bool canBeShared(SceneOptions const& options);
+/// Whether they can of these particles, their shares; all are asked together.
+bool canBeShared(SceneOptions const& options, ParticleSet const& particles);
 
 /// Particles left out, by reason.
 struct Rejected {

@@ -42,6 +42,8 @@ small=(--size 96x64 --samples 3 --block 500)
 
 same still "1 2 4 7" x.exr a.ply "${small[@]}" --aov depth,normal,position,id
 same moving "2 7" x.exr a.ply b.ply "${small[@]}" --aov id
+same "along velocities" "4" x.exr a.ply "${small[@]}" --motion velocity --aov id
+same "columns and ways" "2" x.exr a.ply "${small[@]}" --motion velocity --aov column:x,velocity
 same "a turn" "4" x.####.exr a.ply "${small[@]}" --turntable 2
 same "light alone, a part" "4" x.exr a.ply "${small[@]}" --shade lit --shadows --crop 20,11,71,50
 same flat "2" x.exr a.ply "${small[@]}" --shade flat --color-by x --aov id

@@ -92,6 +92,16 @@ ParticleSet SnapshotReader::read(std::optional<int> frame, bool summarise) {
     ParticleSet particles = withProgress("read", options.run, [&](PhaseProgress const& progress) {
         ReadOptions read = readOptions(progress);
         read.summarise = summarise;
+        if (!canBeShared(options.scene))
+            return source.read(frame, read);
+        RayTransport const& ranks = *options.scene.ranks;
+        read.rows = {static_cast<std::uint64_t>(ranks.rank()),
+                     static_cast<std::uint64_t>(ranks.ranks())};
+        ParticleSet share = source.read(frame, read);
+        if (!share.isShare || canBeShared(options.scene, share))
+            return share;
+        share = {};
+        read.rows = {};
         return source.read(frame, read);
     });
     for (Remark const& remark : particles.notes)

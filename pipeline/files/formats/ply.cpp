@@ -83,19 +83,24 @@ void checkPromise(InputFile const& file, PlyElement const& element) {
         failShort(file, element, *left);
 }
 
-void readFixedRows(InputFile& file, PlyElement const& vertex, bool swapBytes,
+/// Reads the rows of a share, with one of everything all.
+void readFixedRows(InputFile& file, PlyElement const& vertex, RowShare const& share, bool swapBytes,
                    RowConverter& converter) {
     std::size_t const rowBytes = vertex.rowBytes();
-    while (file.particles < vertex.count) {
+    std::uint64_t const first = share.begin(vertex.count);
+    std::uint64_t const count = share.end(vertex.count) - first;
+    file.skip(first * rowBytes);
+    while (file.particles < count) {
         std::string_view const window = file.peek(rowBytes);
         std::uint64_t const rows =
-            std::min<std::uint64_t>(window.size() / rowBytes, vertex.count - file.particles);
+            std::min<std::uint64_t>(window.size() / rowBytes, count - file.particles);
         if (rows == 0)
-            failShort(file, vertex, file.particles * rowBytes + window.size());
+            failShort(file, vertex, (first + file.particles) * rowBytes + window.size());
         converter.append(window.data(), static_cast<std::size_t>(rows), rowBytes, swapBytes);
         file.take(static_cast<std::size_t>(rows * rowBytes));
         file.particles += rows;
     }
+    file.skip((vertex.count - first - count) * rowBytes);
 }
 
 std::uint64_t wholeNumber(char const* bytes, std::size_t size, bool bigEndian) {
@@ -282,14 +287,18 @@ ParticleSet readPly(InputFile& file, ReadOptions const& options) {
     bool const swapBytes = bigEndian != (std::endian::native == std::endian::big);
     if (!isText)
         checkPromise(file, vertex);
+    particles.isShare =
+        options.rows.of > 1 && !isText && !vertex.hasLists() && file.bytesLeft().has_value();
+    RowShare const share = particles.isShare ? options.rows : RowShare{};
     std::size_t const leastRow = isText ? 2 * columns.size() : vertex.rowBytes();
-    converter.reserve(plausibleRows(file, vertex.count, leastRow));
+    converter.reserve(
+        plausibleRows(file, share.end(vertex.count) - share.begin(vertex.count), leastRow));
     if (isText)
         readTextRows(file, vertex, columns, converter, particles.unfitIds);
     else if (vertex.hasLists())
         gatherRows(file, vertex, bigEndian, swapBytes, converter);
     else
-        readFixedRows(file, vertex, swapBytes, converter);
+        readFixedRows(file, vertex, share, swapBytes, converter);
     if (vertexIndex + 1 == header.elements.size())
         noteTheRest(file, vertex, isText, particles);
     file.verifyChecksum();
