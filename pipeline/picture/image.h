@@ -40,8 +40,11 @@ struct Layer {
     std::vector<float> values{}; ///< 0 where no particle is
 };
 
-/// The channels of a layer: its name, or that with .X, .Y and .Z. One number that is called as a
-/// channel which pictures have anyway has "column." before it.
+/// The layer of a column: its name, with "column." before it where pictures have a layer or a
+/// channel of that name anyway.
+std::string columnLayerName(std::string const& column);
+
+/// The channels of a layer: its name, or that with .X, .Y and .Z.
 std::vector<std::string> channelNames(Layer const& layer);
 
 /// A finished picture: linear light, row by row from the top left.

@@ -125,7 +125,7 @@ Image Picture::emptyImage() const {
     if (options.velocity)
         image.layers.push_back({"velocity", 2});
     for (ColumnLayer const& column : plan.scene.layers)
-        image.layers.push_back({column.name, column.width});
+        image.layers.push_back({columnLayerName(column.name), column.width});
     for (Layer& layer : image.layers)
         layer.values.resize(layer.width * count);
     image.tileLabel = tileLabel;

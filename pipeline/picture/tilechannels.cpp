@@ -107,11 +107,16 @@ void TilePasses::storeLayers(Image& image, std::size_t surface, std::size_t at) 
     }
 }
 
+std::string columnLayerName(std::string const& column) {
+    constexpr std::string_view taken[] = {"R", "G", "B",  "A",      "Z",
+                                          "N", "P", "id", "legend", "velocity"};
+    bool const isTaken = std::ranges::find(taken, column) != std::end(taken);
+    return isTaken ? "column." + column : column;
+}
+
 std::vector<std::string> channelNames(Layer const& layer) {
-    constexpr std::string_view taken[] = {"R", "G", "B", "A", "Z", "id"};
     if (layer.width == 1)
-        return {std::ranges::find(taken, layer.name) != std::end(taken) ? "column." + layer.name
-                                                                        : layer.name};
+        return {layer.name};
     std::vector<std::string> names;
     for (char const* const end : {".X", ".Y", ".Z"})
         if (names.size() < layer.width)

@@ -252,8 +252,9 @@ class PicturesOfFiles(WithFolder):
                    moving := kelpa.read(splash, motion="velocity", shutter=(0, 0.3)))
         picture = self.check(
             splash, ["--motion", "velocity", "--shutter", "0:0.3", "--crop", "0,0,97,48", "--aov",
-                     "velocity"], moving, name="a.exr", aov="velocity", crop=(0, 0, 97, 48))
+                     "velocity,column:velocity"], moving, name="a.exr", aov="velocity,column:velocity", crop=(0, 0, 97, 48))
         self.assertGreater(np.abs(picture.layers["velocity"]).max(), 1)
+        self.assertEqual(picture.layers["column.velocity"].shape, (48, 97, 3))
         self.check(self.water, ["--frame", "2", "--radii", "covalent", "--color-by", "charge"],
                    kelpa.read(self.water, 2, radii="covalent", color_by="charge"))
         self.check(self.water, ["--shadows", "--frame", "1", "--motion", later := self.later()],
