@@ -21,14 +21,15 @@ RaysInBlocks::RaysInBlocks(TopTree const& tree, Kelpa::RayBunchExtParams const& 
         rays.inverseY[k] = bunch.dirY[lane];
         rays.inverseZ[k] = bunch.dirZ[lane];
         rays.begin[k] = static_cast<float>(tMins[lane]);
-        current[k] = TopTree::Entry::none();
     }
     list.emplace(top, rays, ~std::uint64_t{0} >> (most - count), searchEnds);
     if (list->areTogether())
         return;
     list.reset();
-    for (unsigned k = 0; k < count; ++k)
+    for (unsigned k = 0; k < count; ++k) {
+        current[k] = TopTree::Entry::none();
         advance(k, ends[k]);
+    }
 }
 
 BoxRay RaysInBlocks::rayOf(unsigned k) const {
