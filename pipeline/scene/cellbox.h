@@ -4,6 +4,7 @@
 #include "pipeline/files/particleset.h"
 #include "pipeline/scene/vec.h"
 
+#include <array>
 #include <vector>
 
 namespace pipeline {
@@ -15,8 +16,10 @@ struct Rod {
     double radius;
 };
 
-/// The edges of the particles' cell, all copies of it together. Throws `InputError` where there is
-/// no cell.
-std::vector<Rod> cellEdges(ParticleSet const& particles);
+/// The edges of a cell, all copies of it together.
+std::vector<Rod> cellEdges(PeriodicCell const& cell, std::array<int, 3> const& copies);
+
+/// Rods as they lie seen from `origin`.
+std::vector<Rod> seenFrom(Vec const& origin, std::vector<Rod> rods);
 
 } // namespace pipeline

@@ -248,12 +248,11 @@ void makeSnapshots(Scene& scene, Ways ways, bool arePoints) {
                                                   std::move(ways.radii1), type, secondTime);
 }
 
-/// Puts rods where the particles are.
-void placeRods(Scene& scene) {
-    for (Rod& rod : scene.rods) {
-        rod.from = rod.from - scene.origin;
-        rod.to = rod.to - scene.origin;
-    }
+/// The cell's edges, in the file's coordinates.
+std::vector<Rod> edgesOf(ParticleSet const& particles) {
+    if (!particles.cell)
+        throw InputError(particles.name + ": has no cell to draw");
+    return cellEdges(*particles.cell, particles.copies);
 }
 
 } // namespace
@@ -298,7 +297,7 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     Scene scene;
     scene.sharers = particles.isShare ? options.ranks : nullptr;
     if (options.showsCell)
-        scene.rods = cellEdges(particles);
+        scene.rods = edgesOf(particles);
     std::uint64_t const count = particles.positions.size();
     std::vector<float> radii = dress(scene, options, particles, note, progress);
     progress(1.0, count);
@@ -308,7 +307,7 @@ Scene makeScene(SceneOptions const& asked, ParticleSet particles, ParticleSet co
     progress(1.0, count);
     noteUsable(scene, particles.name, ways, note);
     makeSnapshots(scene, std::move(ways), options.points);
-    placeRods(scene);
+    scene.rods = seenFrom(scene.origin, std::move(scene.rods));
     return scene;
 }
 

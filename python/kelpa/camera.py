@@ -78,6 +78,7 @@ class Camera:
         target: Optional[Sequence[float]] = None,
         ortho: bool = False,
         zoom: float = 1.0,
+        cell: bool = False,
     ) -> "Camera":
         """A camera that sees all of `primitive`, as the command places it.
 
@@ -99,6 +100,8 @@ class Camera:
             Parallel rays.
         zoom : float
             Factor on the picture's scale.
+        cell : bool
+            The edges of the cell fit as well, for `render(cell=True)`.
         """
         from .primitive import Primitive  # which draws with cameras
 
@@ -119,7 +122,9 @@ class Camera:
         options.fov = check.number("fov", fov, 1e-3, 179.0)
         options.ortho = bool(ortho)
         options.zoom = check.number("zoom", zoom, 1e-6, 1e6)
-        placed = primitive._tree.place_camera(options, *_size(aspect))
+        placed = primitive._tree.place_camera(
+            options, *_size(aspect), primitive._cells() if cell else []
+        )
         farthest = max(map(abs, placed[0]))
         if farthest > 1e38:  # what is seen from there has no place in single precision
             raise ValueError(

@@ -284,8 +284,8 @@ def _elements(given: Optional[Union[str, Sequence[str]]]) -> list[int]:
 def _particles(found: dict[str, Any]) -> Particles:
     cell = found.pop("cell")
     if cell is not None:
-        edges, origin, periodic = cell
-        cell = Cell(np.array(edges), np.array(origin), periodic)
+        edges, origin, periodic, copies = cell
+        cell = Cell(np.array(edges), np.array(origin), periodic, copies)
     for name in ("name", "format", "frame"):
         del found[name]
     return Particles(**found, cell=cell)

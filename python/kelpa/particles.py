@@ -19,11 +19,13 @@ class Cell:
     edges : (3, 3) float64, an edge vector in each row.
     origin : (3,) float64, the corner that the edges leave from.
     periodic : along which of the edges it repeats.
+    copies : how many of it, with all that is in it, the particles hold along each edge.
     """
 
     edges: NDArray[np.float64]
     origin: NDArray[np.float64]
     periodic: tuple[bool, bool, bool]
+    copies: tuple[int, int, int] = (1, 1, 1)
 
 
 class Particles:

@@ -265,6 +265,8 @@ class Primitive:
         depth: str = "ray",
         aperture: float = 0.0,
         focus: Optional[float] = None,
+        cell: bool = False,
+        cell_color: Union[None, str, Sequence[float]] = None,
         crop: Optional[Sequence[int]] = None,
         tile: Optional[Sequence[int]] = None,
         seed: int = 0,
@@ -281,7 +283,7 @@ class Primitive:
         Parameters
         ----------
         camera : Camera, optional
-            By default `Camera.framing(self)`.
+            By default `Camera.framing(self, cell=cell)`.
         samples : int
             Per pixel, spread over its area and over the shutter; 1 is in its middle.
         shade : "ao", "lit", "flat", "headlight" or "normals"
@@ -299,6 +301,9 @@ class Primitive:
         aperture, focus
             Diameter of the camera's lens, and how far in front of it all is sharp; by default what
             it looks at. A single sample is sharp everywhere.
+        cell, cell_color
+            Whether the edges of the particles' cell are drawn, and their colour; by default dark,
+            or pale before a dark background.
         crop : (x0, y0, x1, y1), optional
             Pixels to render: from x0, y0 to before x1, y1.
         tile : (k, n), optional
@@ -307,7 +312,7 @@ class Primitive:
         seed : int
             Of the sample patterns.
         ao_samples, ao_distance, shadows
-            Occlusion rays per camera ray, how far occlusion reaches (by default 10 % of the
+            Occlusion rays per camera ray, how far occlusion reaches (by default half of the
             diagonal), and whether the key light throws shadows (by default with "ao").
 
         The first picture copies the particles into the order of the renderer.
@@ -317,7 +322,7 @@ class Primitive:
         height = check.integer("height", height, 1, 65536)
         check.choice("shade", shade, ("ao", "lit", "flat", "headlight", "normals"))
         if camera is None:
-            camera = Camera.framing(self, aspect=(width, height))
+            camera = Camera.framing(self, aspect=(width, height), cell=cell)
         check.instance("camera", camera, Camera)
         channels = aov.split(",") if isinstance(aov, str) else list(aov)
         columns = [name.removeprefix("column:") for name in channels if name.startswith("column:")]
@@ -345,6 +350,11 @@ class Primitive:
         target = np.subtract(camera.target, camera.eye)
         sharp = float(np.linalg.norm(target)) if focus is None else focus
         wish.lens = lens, check.number("focus", sharp, 1e-30, 1e30)
+        wish.cells = self._cells() if cell else []
+        if cell_color is not None:
+            if not cell:
+                raise ValueError("cell_color: given without cell=True, whose edges have it")
+            wish.cell_color = check.color("cell_color", cell_color)
         part = None if crop is None else check.part("crop", crop, width, height)
         wish.crop = part
         if tile is not None:
@@ -362,6 +372,22 @@ class Primitive:
         if arrays.get("id") is not None:
             arrays["id"] = self._named(arrays["id"])
         return make_picture(arrays, (width, height), background is None)
+
+    def _cells(self) -> list[tuple[Any, Any, Any]]:
+        """The cells of all systems, each once."""
+        cells = []
+        for system in self._systems:
+            if system.cell is None:
+                continue
+            edges = [list(check.triple("cell", edge)) for edge in system.cell.edges]
+            if len(edges) != 3:
+                raise ValueError(f"cell: expected three edges, found {len(edges)}")
+            cell = (edges, check.triple("cell", system.cell.origin), system.cell.copies)
+            if cell not in cells:
+                cells.append(cell)
+        if not cells:
+            raise ValueError("cell: the particles have none; Particles(cell=...) takes one")
+        return cells
 
     def _column(self, name: str) -> NDArray[np.float32]:
         """A column of all systems, (N,) or (N, 3)."""

@@ -15,6 +15,7 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -72,6 +73,7 @@ struct Snapshot {
     std::vector<std::uint8_t> elements;
     std::vector<std::int64_t> types;
     std::optional<pipeline::PeriodicCell> cell;
+    std::array<int, 3> copies{}; ///< of the cell
     std::vector<pipeline::Remark> notes;
     std::string name;
     std::string format;
@@ -92,6 +94,7 @@ Snapshot makeSnapshot(Wanted const& wanted, ParticleSet particles,
         result.step = selected.step;
         result.time = selected.time;
         result.cell = selected.cell;
+        result.copies = selected.copies;
         result.elements = selected.elements;
         result.types = selected.types;
         result.velocities = selected.velocities;
@@ -156,10 +159,12 @@ std::pair<py::array, py::array> systemArrays(std::unique_ptr<pipeline::Snapshot>
     return {ownedArray(std::move(positions)), radii};
 }
 
-py::object cellOf(std::optional<pipeline::PeriodicCell> const& cell) {
+py::object cellOf(Snapshot const& snapshot) {
+    auto const& cell = snapshot.cell;
     if (!cell)
         return py::none();
-    return py::make_tuple(cell->edges, cell->origin, py::tuple(py::cast(cell->isPeriodic)));
+    return py::make_tuple(cell->edges, cell->origin, py::tuple(py::cast(cell->isPeriodic)),
+                          py::tuple(py::cast(snapshot.copies)));
 }
 
 /// The further columns that are wanted, by name.
@@ -217,7 +222,7 @@ py::dict dictOf(Snapshot snapshot, Wanted const& wanted) {
     if (wanted.scene.points)
         result["type"] = "point";
     result["columns"] = columnsOf(snapshot, wanted, count);
-    result["cell"] = cellOf(snapshot.cell);
+    result["cell"] = cellOf(snapshot);
     result["up_axis"] = std::string(1, scene.upAxis);
     std::vector<std::string> notes;
     for (pipeline::Remark const& note : snapshot.notes)

@@ -239,6 +239,11 @@ void defineWish(py::module_& module) {
                       [](Wish& w, std::optional<Triple> const& background) {
                           w.image.background = vectorOf(background);
                       })
+        .def_property("cells", nullptr,
+                      [](Wish& w, std::vector<CellTuple> const& cells) { w.rods = edgesOf(cells); })
+        .def_property(
+            "cell_color", nullptr,
+            [](Wish& w, std::optional<Triple> const& color) { w.image.rodColor = vectorOf(color); })
         .def_property("crop", nullptr,
                       [](Wish& w, std::optional<std::array<int, 4>> crop) { w.image.crop = crop; })
         .def_property("tile", nullptr,
@@ -296,6 +301,14 @@ void defineCamera(py::module_& module) {
 }
 
 } // namespace
+
+std::vector<pipeline::Rod> edgesOf(std::vector<CellTuple> const& cells) {
+    std::vector<pipeline::Rod> rods;
+    for (auto const& [edges, origin, copies] : cells)
+        for (pipeline::Rod const& rod : pipeline::cellEdges({origin, edges, {}}, copies))
+            rods.push_back(rod);
+    return rods;
+}
 
 pipeline::Camera cameraOf(Placed const& placed, int width, int height, Vec const& origin) {
     auto const& [eye, right, up, forward, extent, isParallel] = placed;

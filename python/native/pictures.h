@@ -25,6 +25,12 @@ using Placed = std::tuple<Triple, Triple, Triple, Triple, double, bool>;
 pipeline::Camera cameraOf(Placed const& placed, int width, int height, pipeline::Vec const& origin);
 Placed placedOf(pipeline::Camera const& camera, pipeline::Vec const& origin);
 
+/// Edges, origin and copies of a cell.
+using CellTuple = std::tuple<std::array<Triple, 3>, Triple, std::array<int, 3>>;
+
+/// The edges of all these cells.
+std::vector<pipeline::Rod> edgesOf(std::vector<CellTuple> const& cells);
+
 /// All that `Primitive.render` is told but for the camera.
 struct Wish {
     pipeline::ImageOptions image;
@@ -33,6 +39,7 @@ struct Wish {
     double lensRadius = 0.0;
     double focus = 1.0;
     std::vector<pipeline::ColumnLayer> columns; ///< by the particles' rows
+    std::vector<pipeline::Rod> rods;            ///< in the coordinates of the arrays
 };
 
 /// Arrays by name: `rgba`, and as far as wanted `depth`, `normal`, `id`, `position` and `layers`;

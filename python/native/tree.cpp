@@ -156,11 +156,13 @@ pipeline::Scene Tree::lendScene() {
     return lent;
 }
 
-Placed Tree::placeCamera(pipeline::CameraOptions const& options, int width, int height) {
+Placed Tree::placeCamera(pipeline::CameraOptions const& options, int width, int height,
+                         std::vector<CellTuple> const& cells) {
     py::gil_scoped_release const unlocked;
     std::lock_guard const hold(sceneMutex);
-    pipeline::Scene const& seen = sceneIn(scene ? scene->color : Kelpa::Vector{});
-    return placedOf(pipeline::placeCamera(options, width, height, 'z', seen.framed(), origin),
+    sceneIn(scene ? scene->color : Kelpa::Vector{});
+    scene->rods = seenFrom(origin, edgesOf(cells));
+    return placedOf(pipeline::placeCamera(options, width, height, 'z', scene->framed(), origin),
                     origin);
 }
 
@@ -177,6 +179,7 @@ py::dict Tree::render(Placed const& camera, Wish const& wish, int threads,
         seen.focus = wish.focus;
         sceneIn(wish.color);
         scene->layers = wish.columns;
+        scene->rods = seenFrom(origin, wish.rods);
         picture.emplace(*scene, seen, wish.light, wish.image);
         image = picture->emptyImage();
     }

@@ -44,7 +44,9 @@ class Tree {
                               Array<std::int64_t> const& skips, bool useLists, int threads,
                               pybind11::object const& progress);
 
-    Placed placeCamera(pipeline::CameraOptions const& options, int width, int height);
+    /// The picture is to hold the edges of `cells` as well.
+    Placed placeCamera(pipeline::CameraOptions const& options, int width, int height,
+                       std::vector<CellTuple> const& cells);
     pybind11::dict render(Placed const& camera, Wish const& wish, int threads,
                           pybind11::object const& progress);
 

@@ -291,6 +291,25 @@ class PicturesOfFiles(WithFolder):
         again = kelpa.Camera(seen.eye, seen.target, fov=seen.fov)
         self.assertGreater(kelpa.Primitive(large).intersect(*again.rays(97, 61)).mask.sum(), 200)
 
+    def test_show_cells(self):
+        cell = "--replicate", "2,1,1", "--cell"
+        twice = kelpa.read(self.water, replicate=(2, 1, 1))
+        self.assertEqual(twice.cell.copies, (2, 1, 1))
+        dark = self.check(self.water, cell, twice, cell=True)
+        red = self.check(self.water, [*cell, "--cell-color", "red", "--view", "top"], twice,
+                         cell=True, cell_color="red",
+                         camera=lambda p: kelpa.Camera.framing(p, aspect=(97, 61), view="top", cell=True))
+        self.assertFalse((dark == red).all())
+        tree = kelpa.Primitive(twice)
+        with_cell = tree.render(cell=True, width=40, height=30)
+        self.assertFalse((tree.render(width=40, height=30) == with_cell).all(), "edges stay behind")
+        for wrong, words in (({"cell_color": "red"}, "cell_color: given without cell=True"),
+                             ({"cell": True, "cell_color": "reed"}, "cell_color: .*reed")):
+            with self.assertRaisesRegex(ValueError, words):
+                tree.render(**wrong)
+        with self.assertRaisesRegex(ValueError, "cell: the particles have none"):
+            kelpa.build([[0, 0, 0]], 1).render(cell=True)
+
     def test_show_themselves_and_travel(self):
         picture = kelpa.Primitive(kelpa.read(self.water)).render(width=40, height=30, aov=["depth"])
         self.assertEqual(picture.shape, (30, 40, 4))
