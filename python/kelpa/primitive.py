@@ -393,10 +393,12 @@ class Primitive:
         """A column of all systems, (N,) or (N, 3)."""
         parts = []
         for system in self._systems:
-            if name not in system.columns:
-                known = ", ".join(system.columns) or "none"
+            columns = {} if system.ids is None else {"id": system.ids}
+            columns.update(system.columns)
+            if name not in columns:
+                known = ", ".join(columns) or "none"
                 raise ValueError(f"aov: no column {name!r}; there are {known}")
-            values = check.numbers(name, np.asarray(system.columns[name])).astype(np.float32)
+            values = check.numbers(name, np.asarray(columns[name])).astype(np.float32)
             if values.shape[1:] not in ((), (3,)):
                 raise check.shape_error(f"aov: column {name!r}", "(N,) or (N, 3)", values)
             parts.append(values)

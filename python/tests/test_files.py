@@ -310,6 +310,14 @@ class PicturesOfFiles(WithFolder):
         with self.assertRaisesRegex(ValueError, "cell: the particles have none"):
             kelpa.build([[0, 0, 0]], 1).render(cell=True)
 
+    def test_have_ids_as_a_column(self):
+        path = self.folder / "ids.xyz"
+        path.write_text("2\nProperties=pos:R:3:id:I:1\n0 0 0 7\n1 0 0 9\n")
+        picture = self.check(path, ["--radius", ".4", "--aov", "column:id", "--crop", "0,0,97,48"],
+                             kelpa.read(path, radius=0.4), name="a.exr", aov="column:id",
+                             crop=(0, 0, 97, 48))
+        self.assertEqual(set(np.unique(picture.layers["column.id"])), {0, 7, 9})
+
     def test_show_themselves_and_travel(self):
         picture = kelpa.Primitive(kelpa.read(self.water)).render(width=40, height=30, aov=["depth"])
         self.assertEqual(picture.shape, (30, 40, 4))
