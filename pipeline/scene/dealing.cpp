@@ -81,7 +81,7 @@ void Parting::learnCounts() {
         told[rank].assign(counts + firsts[rank] * sizeof rowsHere[0],
                           counts + firsts[rank + 1] * sizeof rowsHere[0]);
     }
-    for (std::vector<char> const& heard : sharers->swap(std::move(told))) {
+    for (std::vector<char> const& heard : sharers->trade(std::move(told))) {
         std::vector<std::int64_t>& counts = rowsOfRank.emplace_back(heard.size() / 8);
         if (!counts.empty())
             std::memcpy(counts.data(), heard.data(), heard.size());
@@ -125,7 +125,7 @@ void Parting::deal(char const* from, char* to, std::size_t width) const {
             std::size_t const end = std::min(begin + rowsAtATime, sent[rank + 1]);
             parts[rank].assign(from + begin * width, from + end * width);
         }
-        std::vector<std::vector<char>> const arrived = sharers->swap(std::move(parts));
+        std::vector<std::vector<char>> const arrived = sharers->trade(std::move(parts));
         for (std::size_t rank = 0; rank < ranks; ++rank)
             arrivals[rank].take(arrived[rank], to, width);
     }

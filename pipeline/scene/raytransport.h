@@ -84,7 +84,7 @@ class RayTransport {
         addUpAllBefore(numbers);
     }
     /// Sends `parts[r]` to each rank r; returns what each has sent.
-    std::vector<Bytes> swap(std::vector<Bytes> parts) {
+    std::vector<Bytes> trade(std::vector<Bytes> parts) {
         agree(0, nullptr);
         return swapAll(std::move(parts));
     }
@@ -94,7 +94,8 @@ class RayTransport {
         if (!mine.empty())
             std::memcpy(bytes.data(), mine.data(), bytes.size());
         std::vector<Value> all;
-        for (Bytes const& part : swap(std::vector<Bytes>(static_cast<std::size_t>(ranks()), bytes)))
+        for (Bytes const& part :
+             trade(std::vector<Bytes>(static_cast<std::size_t>(ranks()), bytes)))
             if (!part.empty()) {
                 std::size_t const before = all.size();
                 all.resize(before + part.size() / sizeof(Value));
